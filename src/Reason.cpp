@@ -1,0 +1,22 @@
+// Formatting of reasons.
+#include "Reason.h"
+
+#include <cstdarg>
+#include <cstdio>
+
+#include "Utilities.h"
+
+void WriteReason(char* pcStatus, const char* pcFormat, ...) {
+    if (pcStatus == nullptr) {
+        return;
+    }
+    va_list arguments;
+    va_start(arguments, pcFormat);
+    // The analyzer takes the list for uninitialized behind the early return.
+    std::vsnprintf(pcStatus, kReasonBufferSize, pcFormat, arguments);  // NOLINT(clang-analyzer-valist.Uninitialized)
+    va_end(arguments);
+}
+
+CSystemErrorText::CSystemErrorText(int iError) : m_cText{} {
+    CUtilities::GetLastErrorText(m_cText, iError);
+}

@@ -1,0 +1,441 @@
+// CUtilities: every registry of the server, the logging, and the file operations under one roof.
+//
+// The implementation is told in themed files, one for each banner below (UtilitiesLog.cpp, UtilitiesMount.cpp, ...).
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <ctime>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include "CachedFile.h"
+#include "Limits.h"
+#include "RuntimeParam.h"
+#include "ThreadAnnotations.h"
+
+class CCallback;
+class CFileLogger;
+class CFileTable;
+class CRedirectedFile;
+class CVSphereWebController;
+
+/// One export: a local directory and the name under which clients mount it.
+struct MountInfo {
+    std::string sLocalMountPath;  ///< canonical
+    std::string sExportName;      ///< the key
+    std::string sIcpID;           ///< IPC ID of the party that added the export
+    std::string sRemoteIpAddr;    ///< dotted address of the client that has it mounted; empty while nobody has
+};
+
+/// One session of the host.
+struct SessionInfo {
+    std::string sSessionID;  ///< the key
+    std::string sLocalMountPath;
+};
+
+/// One NFS datastore that the host mounted on a vSphere host; unmounted when the server stops.
+struct VSphereInfo {
+    std::string sDatastoreMoid;  ///< the key
+    std::string sHost;
+    std::string sPort;
+    std::string sUser;
+    std::string sPwd;
+};
+
+/// One entry of the descriptor cache. An entry whose open failed holds no descriptor (-1) and is tried again.
+struct OpenedFileInfo {
+    CCachedFile iFile;
+    std::string sTimeKey;  ///< the entry's key in the last-access index
+    std::string sPath;
+    std::time_t iLastAccess = 0;  ///< the time in that key
+};
+
+/// The registries, logging and file operations of one server instance.
+///
+/// Any thread may call any operation. Each table has a mutex of its own; where locks nest the order is
+/// redirected files, descriptor cache, exports, file table (docs/architecture.md). No registry mutex is held while
+/// the host is notified. A runtime parameter and a LogArgu serve logging only, unless said otherwise; neither is kept.
+/// Reason buffers hold kReasonBufferSize characters and may be null.
+class CUtilities {
+public:
+    CUtilities();
+    virtual ~CUtilities();
+    CUtilities(const CUtilities&) = delete;
+    CUtilities& operator=(const CUtilities&) = delete;
+
+    // ==== Log routing and host notifications (UtilitiesLog.cpp) =================================================
+
+    /// A runtime parameter, as the printf-style forms take it: the conversion lets a call without arguments choose
+    /// the plain form, which prints its text as it is.
+    struct Requester {
+        Requester(CRuntimeParam* pParam) : pRuntimeParam(pParam) {}  // NOLINT: it stands for the parameter
+        CRuntimeParam* pRuntimeParam;
+    };
+
+    // The virtual slots, in this order. The base forms route by the parameter's ID.
+
+    /// Emits a finished line: to the host callback, else the file logger, else standard output.
+    virtual void LogInfo(CRuntimeParam* pRuntimeParam, const char* pcMessage);
+    virtual void LogError(CRuntimeParam* pRuntimeParam, const char* pcMessage);
+    virtual void LogRaw(CRuntimeParam* pRuntimeParam, const char* pcMessage);
+
+    /// Tells the host that a client sets size or times (whole seconds since 1970) of a redirected file.
+    /// The host's answer; 0 grants. -1 without a host.
+    virtual int LogUpdateRedirectedFileAttributes(CRuntimeParam* pRuntimeParam, const char* pcPath, bool bSize,
+                                                  unsigned long long iSize, bool bAccessTime,
+                                                  unsigned long lAccessTimeSec, bool bLastModifiedTime,
+                                                  unsigned long lLastModifiedTimeSec);
+    /// Tells the host that a client removed a redirected file. 0 grants; -1 without a host.
+    virtual int LogRemoveRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath);
+    /// Tells the host that a client renamed a redirected file. 0 grants; -1 without a host.
+    virtual int LogRenameRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPathFrom, const char* pcPathTo);
+    /// Tells the host that a client wrote to a redirected file; the data is not kept. The answer is the byte count
+    /// that the client is told; -1 without a host.
+    virtual int LogWriteRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath, unsigned long long iSeek,
+                                       int iSeekType, unsigned int iLen);
+
+    /// printf-style forms: what all code calls. Messages are cut at kMessageBufferSize - 1 characters.
+    void LogInfo(Requester requester, const char* pcFormat, ...) __attribute__((format(printf, 3, 4)));
+    void LogError(Requester requester, const char* pcFormat, ...) __attribute__((format(printf, 3, 4)));
+    void LogRaw(Requester requester, const char* pcFormat, ...) __attribute__((format(printf, 3, 4)));
+
+    /// The final router, by ID.
+    void LogInfo(const char* pcID, const char* pcMessage);
+    void LogError(const char* pcID, const char* pcMessage);
+    void LogRaw(const char* pcID, const char* pcMessage);
+
+    int LogUpdateRedirectedFileAttributes(const char* pcID, const char* pcPath, bool bSize, unsigned long long iSize,
+                                          bool bAccessTime, unsigned long lAccessTimeSec, bool bLastModifiedTime,
+                                          unsigned long lLastModifiedTimeSec);
+    int LogRemoveRedirectedFile(const char* pcID, const char* pcPath);
+    int LogRenameRedirectedFile(const char* pcID, const char* pcPathFrom, const char* pcPathTo);
+    int LogWriteRedirectedFile(const char* pcID, const char* pcPath, unsigned long long iSeek, int iSeekType,
+                               unsigned int iLen);
+
+    /// The host callback is shared with the calls in flight: replacing it while another thread is in a call into the
+    /// host is safe, and the replaced one lives until that call ends.
+    void SetCallback(std::shared_ptr<CCallback> pCallback);
+    std::shared_ptr<CCallback> GetCallback() const;
+
+    /// The file logger is not owned; it outlives its use here.
+    void SetFileLogger(CFileLogger* pFileLogger) { m_pFileLogger.store(pFileLogger); }
+    CFileLogger* GetFileLogger() const { return m_pFileLogger.load(); }
+
+    /// Writes "%s (%d)" of the system's message and the number into a reason buffer (ignored when null).
+    static void GetLastErrorText(char* pcOut, int iError);
+
+    /// Empties every registry: exports, sessions, cached descriptors, redirected files, net-device credentials.
+    void Reset(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu);
+
+    // ==== Paths and texts (UtilitiesText.cpp) ====================================================================
+
+    /// Resolves a path with realpath into a buffer of kPathBufferSize (which may be the path itself). A path that
+    /// does not exist is copied unchanged (cut where it does not fit). Never fails; false tells of such a copy.
+    bool GetCanonicalPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, char* pcOut, const char* pcPath);
+    /// Appends "/" in place unless the text is empty, already ends in "/", or a buffer of kPathBufferSize is full.
+    static void SetPathToCompare(char* pcPath);
+    static void SetPathToCompare(std::string& sPath);
+    /// Appends the pieces between separators; leading and inner empty ones are kept, a trailing empty one is not.
+    static void SplitIntoVector(const char* pcText, char cSeparator, std::vector<std::string>& vOut);
+    /// A size as "%.1fB" to "%.1fEB" (binary units; a value moves on to a unit in which it exceeds 1.0).
+    /// The buffer holds at least 32 characters.
+    static void GetPrintableFileSize(unsigned long long iBytes, char* pcOut);
+    static unsigned long long GetCurrentSystemTimeInMilliseconds();
+
+    // ==== Exports (UtilitiesMount.cpp) ==========================================================================
+
+    /// Exports a local directory under a name. False with a reason when name or path is taken, or the name holds
+    /// "/" or a blank (judged in this order).
+    bool AddMountInfo(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcLocalMountPath,
+                      const char* pcExportName, const char* pcIpcID, char* pcStatus);
+    /// True, with a reason, if the name or the path (either may be null) is exported already.
+    bool IsMountInfoExists(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcLocalMountPath,
+                           const char* pcExportName, char* pcStatus);
+    /// Removing the last export, by whatever key, empties the file handle table.
+    void RemoveMountInfoByLocalMountPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcLocalMountPath);
+    void RemoveMountInfoByExportName(const char* pcExportName);
+    void RemoveAllMountInfo();
+    /// Binds an export to a client address, or releases it (null address, always allowed). Refused with a reason
+    /// when the export is unknown or bound, even to the same client. The export is copied to pMountInfo if given.
+    bool UpdateMountClientIpAddrByExportName(const char* pcExportName, const char* pcClientAddr, MountInfo* pMountInfo,
+                                             char* pcStatus);
+    /// Finds the first export, in name order, that holds the path (at a component boundary). A path that still
+    /// holds a ".." component belongs to no export.
+    bool GetMountInfoByPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, MountInfo* pMountInfo);
+    bool IsRemoteAddrExists(const char* pcClientAddr);
+    /// Counts the exports (only the mounted ones if asked) and prints each as a raw line if asked.
+    int GetMountInfo(CRuntimeParam* pRuntimeParam, bool bClientMountedOnly, bool bPrintDetails);
+
+    // ==== Sessions (UtilitiesSession.cpp) =======================================================================
+
+    void AddSessionInfo(const char* pcSessionID, const char* pcLocalMountPath);
+    void RemoveSessionInfo(const char* pcSessionID);
+    void RemoveSessionInfoByLocalMountPath(const char* pcLocalMountPath);
+    void RemoveAllSessionInfo();
+    bool IsSessionExists(const char* pcSessionID);
+    int GetSessionInfo(CRuntimeParam* pRuntimeParam, bool bPrintDetails);
+
+    // ==== File handles (UtilitiesFileHandle.cpp) ================================================================
+
+    /// The ID of a path's canonical form, given out now if it is new; kNoFileID for a null path.
+    unsigned int GetFileID(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath);
+    /// The same for a path that was made canonical already and need not be resolved again.
+    unsigned int GetCanonicalFileID(const char* pcCanonicalPath);
+    /// Makes a file handle: the ID in the first four bytes (little-endian), zeros to iLen (at least 5).
+    bool GetFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, char* pcHandle,
+                       unsigned int iLen);
+    /// Makes the handle of an ID; false for kNoFileID.
+    static bool MakeFileHandle(unsigned int iID, char* pcHandle, unsigned int iLen);
+    /// The path of a handle, decoded from its first four bytes; false for an unknown ID or a path that does not fit.
+    bool GetFilePath(CRuntimeParam* pRuntimeParam, const char* pcHandle, char* pcPath, unsigned int iSize);
+    void ResetFileTable();
+
+    // ==== Descriptor cache (UtilitiesDescriptorCache.cpp) =======================================================
+
+    /// The descriptor of a path, opened if need be: read/write when wanted or when the path lies in an export, else
+    /// read only. Empty (-1) for an empty path or a failed open.
+    CCachedFile GetCachedFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                                    bool bReadWrite);
+    void CloseCachedFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath);
+    /// Closes what lies at or below a path.
+    void CloseAllCachedFileHandles(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath);
+    void CloseAllCachedFileHandles(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu);
+    /// Closes the least recently used tenth, or all of fewer than ten.
+    void CloseExceededCachedFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu)
+        REQUIRES(m_hMutexOpenedFileHandles);
+    /// For a thread outside the cache that ran out of descriptors: as above, taking the lock.
+    void FreeCachedFileHandles(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu);
+
+    // ==== System calls on files and folders (UtilitiesOs.cpp) ===================================================
+    // Each logs its success at file-access level and its failure at error level, and leaves the error text in the
+    // reason buffer. A descriptor of -1 is refused without a system call ("Bad file descriptor").
+    // Every descriptor is close-on-exec. Where a file is created, running out of descriptors evicts from the cache and
+    // tries once more.
+
+    int OS_FileCreate(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, char* pcStatus);
+    int OS_FileRemove(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, char* pcStatus);
+    int OS_FileRename(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPathFrom, const char* pcPathTo,
+                      char* pcStatus);
+    /// With bRetry, running out of descriptors evicts from the cache and tries once more.
+    int OS_FileOpen(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, int iFlags, bool bRetry,
+                    char* pcStatus);
+    int OS_FileClose(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, const char* pcPath, char* pcStatus);
+    int OS_FileRead(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, void* pvBuffer, unsigned int iLen,
+                    char* pcStatus);
+    int OS_FileWrite(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, const void* pvBuffer,
+                     unsigned int iLen, char* pcStatus);
+    long long OS_FileSeek(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, long long iOffset, int iWhence,
+                          char* pcStatus);
+    long long OS_FileTell(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, char* pcStatus);
+    /// A seek and the transfer behind it as one step (positioned), with the log lines of both. -1 if either fails.
+    int OS_FileReadAt(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const CCachedFile& file, long long iOffset,
+                      void* pvBuffer, unsigned int iLen, char* pcStatus);
+    int OS_FileWriteAt(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const CCachedFile& file, long long iOffset,
+                       const void* pvBuffer, unsigned int iLen, char* pcStatus);
+    bool OS_IsFileExists(const char* pcPath, char* pcStatus);
+    int OS_FolderCreate(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, unsigned int iMode,
+                        char* pcStatus);
+    int OS_FolderRemove(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, char* pcStatus);
+    int OS_SetFileMode(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, unsigned int iMode,
+                       char* pcStatus);
+    bool OS_SetFileSize(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, unsigned long long iSize,
+                        char* pcStatus);
+    /// Links are not followed.
+    int OS_GetFileStat(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, struct stat* pStat,
+                       char* pcStatus);
+    /// Opens for appending; creates the file and the folders above it where they are missing.
+    int OS_FileForceOpen(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, char* pcStatus);
+
+    // ==== File operations of the NFS procedures (UtilitiesFile.cpp, UtilitiesRename.cpp) =========================
+
+    unsigned long long GetFileSize(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                                   unsigned long long iDefaultSize);
+    bool NewFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath);
+    /// Pairs of (set it, value); times in seconds and nanoseconds since 1970. Ordinary files take mode and size;
+    /// owner and times are accepted and ignored. A redirected file's size and times are the host's to grant.
+    bool UpdateFileAttributes(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, bool bMode,
+                              unsigned int iMode, bool bUid, unsigned int iUid, bool bGid, unsigned int iGid,
+                              bool bSize, unsigned long long iSize, bool bAtime, unsigned int iAtimeSec,
+                              unsigned int iAtimeNsec, bool bMtime, unsigned int iMtimeSec, unsigned int iMtimeNsec);
+    /// Takes the place of what stands under the new path, and its handle along (UtilitiesRename.cpp). False also when
+    /// the path never had a handle, though it is renamed. Onto itself: true, and nothing changes.
+    bool RenameFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPathFrom, const char* pcPathTo);
+    bool RemoveFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath);
+    /// Reads up to iLen bytes; the result is their number, or -1. A redirected file may deliver more than iLen when
+    /// zeros stand for a gap (up to GetReadRoom(iLen)); the buffer has that room.
+    int ReadFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, unsigned long long iSeek,
+                 int iSeekType, void* pvBuffer, unsigned int iLen, bool* pbEof);
+    /// Writes with one call; the result is the byte count, or -1; for a redirected file the host's answer.
+    int WriteFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, unsigned long long iSeek,
+                  int iSeekType, const void* pvData, unsigned int iLen);
+
+    // ==== File-system figures (UtilitiesFileSystem.cpp) =========================================================
+    // Bytes or counts; all ones when the figure cannot be had.
+
+    static unsigned long long GetTotalDiskSpace(const char* pcPath);
+    static unsigned long long GetFreeDiskSpace(const char* pcPath);
+    static unsigned long long GetFreeDiskSpaceAvailableToCaller(const char* pcPath);
+    static unsigned long long GetTotalFileSlots(const char* pcPath);
+    static unsigned long long GetFreeFileSlots(const char* pcPath);
+    static unsigned long long GetFreeFileSlotsAvailableToCaller(const char* pcPath);
+    /// 4 when it cannot be had.
+    static unsigned long long GetFileSystemID(const char* pcPath);
+    /// By file-system type; 2^41 when in doubt.
+    static unsigned long long GetMaxFileSize(const char* pcPath);
+
+    // ==== Redirected files (UtilitiesRedirected.cpp) ============================================================
+    // The registry shares each object with the operations in flight: a file that is closed while it is read frees
+    // itself when its last reader is done.
+
+    /// Opens a virtual file under a path; an earlier one under the same path is closed first. With bCreateInfoFile
+    /// the segment records are kept in the file at that path. Sizes of info-file pieces in MiB; 0 or less: default.
+    std::shared_ptr<CRedirectedFile> OpenRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath,
+                                                        long long iSize, bool bCreateInfoFile,
+                                                        int iInfoFileSegmentSizeMB, int iInfoFileCheckPointSizeMB);
+    void CloseRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath);
+    /// Closes those at or below a path.
+    void CloseAllRedirectedFiles(CRuntimeParam* pRuntimeParam, const char* pcPath);
+    void CloseAllRedirectedFiles(CRuntimeParam* pRuntimeParam);
+    bool AddRedirectedFileSegment(CRuntimeParam* pRuntimeParam, const char* pcPath, const char* pcSourcePath,
+                                  long long iSrcFileOffset, long long iOffset, long long iLength, char* pcStatus);
+    void ExportRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath, const char* pcExportPath);
+    void ExportRedirectedFileInfo(CRuntimeParam* pRuntimeParam, const char* pcPath, const char* pcExportPath,
+                                  bool bMergeRange);
+    void RenameRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPathFrom, const char* pcPathTo);
+    /// Null when none is open under the path.
+    std::shared_ptr<CRedirectedFile> GetRedirectedFile(const char* pcPath);
+
+    // ==== Platform test (UtilitiesPlatformTest.cpp) =============================================================
+
+    /// Exercises on a directory every file operation that the server needs; reports each step as a log line.
+    void RunTestMode(CRuntimeParam* pRuntimeParam, const char* pcDirPath, long long iFileSize);
+    /// Mode 0: does the path exist? False with a reason otherwise.
+    bool RunQuickTestMode(CRuntimeParam* pRuntimeParam, const char* pcPath, int iMode, char* pcStatus);
+
+    // ==== Shell command and network-device credentials (UtilitiesAdmin.cpp) =====================================
+
+    /// Runs a shell command; its output goes to the log. The raw wait status, or -1.
+    int ExecuteSystemCmd(CRuntimeParam* pRuntimeParam, const char* pcCmd, bool bLogResult);
+    int GetNetDeviceCredential(CRuntimeParam* pRuntimeParam, bool bPrintDetails);
+    bool AddNetDeviceCredential(CRuntimeParam* pRuntimeParam, const char* pcPath, const char* pcUser,
+                                const char* pcPwd);
+    bool RemoveNetDeviceCredential(CRuntimeParam* pRuntimeParam, const char* pcPath);
+    void RemoveAllNetDeviceCredential(CRuntimeParam* pRuntimeParam);
+
+    // ==== vSphere datastores (UtilitiesVSphere.cpp) =============================================================
+
+    int GetVSphereInfo(CRuntimeParam* pRuntimeParam, bool bPrintDetails);
+    void AddVSphereInfo(const char* pcDatastoreMoid, const char* pcHost, const char* pcPort, const char* pcUser,
+                        const char* pcPwd);
+    void RemoveVSphereInfo(const char* pcDatastoreMoid);
+    /// Unmounts and forgets every recorded datastore.
+    void RemoveAllVSphereInfoWithWebCtrl(CRuntimeParam* pRuntimeParam);
+
+protected:
+    // Steps of the platform test.
+    void RunTestFileSteps(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcTarget,
+                          unsigned long long iFileSize);
+    bool RunTestUpdateFileSize(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                               unsigned long long iNewSize, const char* pcDescription);
+    bool RunTestReadWriteFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, unsigned long long iPosition,
+                              unsigned long long iFileSize);
+    bool RunTestUpdateFileAttribute(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                                    unsigned int iMode);
+    bool ExecuteAddNetDeviceCredentialCmd(CRuntimeParam* pRuntimeParam, const char* pcPath, const char* pcUser,
+                                          const char* pcPwd);
+    bool ExecuteRemoveNetDeviceCredentialCmd(CRuntimeParam* pRuntimeParam, const char* pcPath);
+
+private:
+    using OpenedFiles = std::map<std::string, OpenedFileInfo, std::less<>>;
+
+    // Steps that hold a lock of their callers.
+    bool FindMountInfoClash(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcLocalMountPath,
+                            const char* pcExportName, char* pcStatus) REQUIRES(m_hMutexMountInfos);
+    void ResetFileTableWithoutExports() REQUIRES(m_hMutexMountInfos);
+    CCachedFile OpenCachedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, bool bReadWrite)
+        REQUIRES(m_hMutexOpenedFileHandles);
+    int OpenForCache(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, int iFlags)
+        REQUIRES(m_hMutexOpenedFileHandles);
+    void StampLastAccess(OpenedFileInfo& info) REQUIRES(m_hMutexOpenedFileHandles);
+    void CloseCachedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, OpenedFileInfo& info)
+        REQUIRES(m_hMutexOpenedFileHandles);
+    OpenedFiles::iterator EraseCachedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
+                                          OpenedFiles::iterator itOpened) REQUIRES(m_hMutexOpenedFileHandles);
+    void ClearCachedFiles(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu) REQUIRES(m_hMutexOpenedFileHandles);
+
+    /// Closes what lies below a path that was renamed.
+    void CloseCachedFileHandlesBelow(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath);
+
+    // Steps of the file operations.
+    bool ReadAt(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const CCachedFile& file, long long iOffset,
+                void* pvBuffer, unsigned int iLen, char* pcStatus, int* piRead);
+    int ReadOpenedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const CCachedFile& file, long long iOffset,
+                       void* pvBuffer, unsigned int iLen, bool* pbEof);
+    int WriteOpenedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const CCachedFile& file, long long iOffset,
+                        const void* pvData, unsigned int iLen);
+    long long SeekToEnd(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const CCachedFile& file);
+    bool RenameOnDisk(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPathFrom, const char* pcPathTo);
+    bool ReplaceFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPathFrom, const char* pcPathTo);
+
+    /// Opens; running out of descriptors evicts from the cache and tries once more.
+    int OpenWithRetry(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, int iFlags, mode_t iMode);
+
+    // Log lines of system calls that are made in more than one place.
+    int ReportOpen(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, int iFile, int iError,
+                   char* pcStatus);
+    void ReportClose(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath);
+    void ReportRead(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, long long iRead, int iError,
+                    char* pcStatus);
+    void ReportWrite(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, long long iWritten, int iError,
+                     char* pcStatus);
+    void ReportSeek(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, long long iPosition, int iError,
+                    char* pcStatus);
+    void ReportTell(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile);
+    void ReportRename(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPathFrom, const char* pcPathTo);
+    void ReportRenameFailure(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPathFrom,
+                             const char* pcPathTo, int iError, char* pcStatus);
+
+    // The host and the log file.
+    mutable Mutex m_hMutexCallback;
+    std::shared_ptr<CCallback> m_pCallback GUARDED_BY(m_hMutexCallback);
+    std::atomic<CFileLogger*> m_pFileLogger{nullptr};
+
+    // Lock order from here down: redirected files, descriptor cache, exports, file table. The others never nest.
+
+    /// Redirected files by the path that clients see.
+    Mutex m_hMutexRedirectedFiles;
+    std::map<std::string, std::shared_ptr<CRedirectedFile>, std::less<>> m_mRedirectedFiles
+        GUARDED_BY(m_hMutexRedirectedFiles);
+
+    /// Cached descriptors by path as given, and their paths by time of last use ("%016llu%d": seconds, descriptor).
+    Mutex m_hMutexOpenedFileHandles;
+    OpenedFiles m_OpenedFileHandles GUARDED_BY(m_hMutexOpenedFileHandles);
+    std::map<std::string, std::string, std::less<>> m_OpenedFileLastAccessList GUARDED_BY(m_hMutexOpenedFileHandles);
+
+    /// Exports by name.
+    Mutex m_hMutexMountInfos;
+    std::map<std::string, MountInfo, std::less<>> m_MountInfos GUARDED_BY(m_hMutexMountInfos);
+
+    /// Paths and their file IDs.
+    Mutex m_hMutexFileTable;
+    std::unique_ptr<CFileTable> m_pFileTable GUARDED_BY(m_hMutexFileTable);
+
+    /// Sessions by ID.
+    Mutex m_hMutexSessionInfos;
+    std::map<std::string, SessionInfo, std::less<>> m_SessionInfos GUARDED_BY(m_hMutexSessionInfos);
+
+    /// Datastores by MOID; held while the clean-up tool runs.
+    Mutex m_hMutexVSphereInfos;
+    std::map<std::string, VSphereInfo, std::less<>> m_VSphereInfos GUARDED_BY(m_hMutexVSphereInfos);
+    std::unique_ptr<CVSphereWebController> m_pVSphereWebController;
+
+    /// Device paths whose credentials were added; held while the credential command runs.
+    Mutex m_hMutexNetDeviceCredential;
+    std::vector<std::string> m_NetDeviceCredential GUARDED_BY(m_hMutexNetDeviceCredential);
+};

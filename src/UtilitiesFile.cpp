@@ -1,0 +1,160 @@
+// CUtilities: reading, writing, creating and removing files, and changing their attributes, on behalf of NFS clients.
+//
+// Paths of redirected files are diverted: reads come from the segment map, changes become notifications to the host.
+// Renaming is told in UtilitiesRename.cpp.
+
+#include <unistd.h>
+
+#include "RedirectedFile.h"
+#include "Utilities.h"
+
+namespace {
+
+/// Seeks from where the last operation on the descriptor ended, or from the file's end. The offset from the start, or
+/// -1, which no transfer accepts. The position mutex is held.
+long long SeekRelatively(const CCachedFile& file, unsigned long long iSeek, int iSeekType) {
+    const long long iLeft = file.TakePosition();
+    if (iLeft != -1) {
+        ::lseek(file.Get(), iLeft, SEEK_SET);  // data was written up to there: it can be sought
+    }
+    return ::lseek(file.Get(), static_cast<off_t>(iSeek), iSeekType);
+}
+
+}  // namespace
+
+unsigned long long CUtilities::GetFileSize(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                                           unsigned long long iDefaultSize) {
+    if (const auto pRedirected = GetRedirectedFile(pcPath)) {
+        return static_cast<unsigned long long>(pRedirected->GetFileSize());
+    }
+    const CCachedFile file = GetCachedFileHandle(pRuntimeParam, pLogArgu, pcPath, false);
+    if (!file.IsOpen()) {
+        return iDefaultSize;
+    }
+    const long long iEnd = SeekToEnd(pRuntimeParam, pLogArgu, file);
+    return iEnd == -1 ? iDefaultSize : static_cast<unsigned long long>(iEnd);
+}
+
+bool CUtilities::NewFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath) {
+    const int iFile = OS_FileCreate(pRuntimeParam, pLogArgu, pcPath, nullptr);
+    if (iFile == -1) {
+        return false;
+    }
+    OS_FileClose(pRuntimeParam, pLogArgu, iFile, pcPath, nullptr);
+    return true;
+}
+
+bool CUtilities::RemoveFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath) {
+    if (pRuntimeParam->IsLogFileAccess()) {
+        LogInfo(pRuntimeParam, "[%s] Remove file, path=%s", pLogArgu->pcName, pcPath);
+    }
+    CloseCachedFileHandle(pRuntimeParam, pLogArgu, pcPath);
+    if (OS_FileRemove(pRuntimeParam, pLogArgu, pcPath, nullptr) == -1) {
+        return false;
+    }
+    // Another thread may have opened the file since: its descriptor must not stand for a later file of that path.
+    CloseCachedFileHandle(pRuntimeParam, pLogArgu, pcPath);
+    if (GetRedirectedFile(pcPath)) {
+        CloseRedirectedFile(pRuntimeParam, pcPath);
+        return LogRemoveRedirectedFile(pRuntimeParam, pcPath) == 0;
+    }
+    return true;
+}
+
+bool CUtilities::UpdateFileAttributes(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, bool bMode,
+                                      unsigned int iMode, bool bUid, unsigned int iUid, bool bGid, unsigned int iGid,
+                                      bool bSize, unsigned long long iSize, bool bAtime, unsigned int iAtimeSec,
+                                      unsigned int iAtimeNsec, bool bMtime, unsigned int iMtimeSec,
+                                      unsigned int iMtimeNsec) {
+    if (pRuntimeParam->IsLogFileAccess()) {
+        LogInfo(pRuntimeParam,
+                "[%s] Update file attributes, path=%s, set_mode=%d, mode=%u, set_uid=%d, uid=%u, set_gid=%d, gid=%u, "
+                "set_size=%d, size=%llu, set_atime=%d, atime.sec=%u, atime.nsec=%u, set_mtime=%d, mtime.sec=%u, "
+                "mtime.nsec=%u",
+                pLogArgu->pcName, pcPath, bMode, iMode, bUid, iUid, bGid, iGid, bSize, iSize, bAtime, iAtimeSec,
+                iAtimeNsec, bMtime, iMtimeSec, iMtimeNsec);
+    }
+    if (!bMode && !bUid && !bGid && !bSize && !bAtime && !bMtime) {
+        return true;
+    }
+    if (GetRedirectedFile(pcPath)) {
+        return LogUpdateRedirectedFileAttributes(pRuntimeParam, pcPath, bSize, iSize, bAtime, iAtimeSec, bMtime,
+                                                 iMtimeSec) == 0;
+    }
+    if (bMode || bSize) {
+        CloseCachedFileHandle(pRuntimeParam, pLogArgu, pcPath);
+    }
+    if (bMode && OS_SetFileMode(pRuntimeParam, pLogArgu, pcPath, iMode, nullptr) == -1) {
+        return false;
+    }
+    return !bSize || OS_SetFileSize(pRuntimeParam, pLogArgu, pcPath, iSize, nullptr);
+}
+
+int CUtilities::ReadFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, unsigned long long iSeek,
+                         int iSeekType, void* pvBuffer, unsigned int iLen, bool* pbEof) {
+    if (pRuntimeParam->IsLogFileAccess()) {
+        LogInfo(pRuntimeParam, "[%s] Read file, path=%s, iSeek=%llu, iSeekType=%d, length=%u", pLogArgu->pcName, pcPath,
+                iSeek, iSeekType, iLen);
+    }
+    *pbEof = true;
+    if (const auto pRedirected = GetRedirectedFile(pcPath)) {
+        return pRedirected->Read(pRuntimeParam, iSeek, pvBuffer, iLen, pbEof);
+    }
+    const CCachedFile file = GetCachedFileHandle(pRuntimeParam, pLogArgu, pcPath, false);
+    if (!file.IsOpen()) {
+        return -1;
+    }
+    if (iSeekType == SEEK_SET) {
+        return ReadOpenedFile(pRuntimeParam, pLogArgu, file, static_cast<long long>(iSeek), pvBuffer, iLen, pbEof);
+    }
+    MutexLock lock(file.GetPositionMutex());
+    const long long iOffset = SeekRelatively(file, iSeek, iSeekType);
+    return ReadOpenedFile(pRuntimeParam, pLogArgu, file, iOffset, pvBuffer, iLen, pbEof);
+}
+
+int CUtilities::ReadOpenedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const CCachedFile& file,
+                               long long iOffset, void* pvBuffer, unsigned int iLen, bool* pbEof) {
+    int iRead = -1;
+    if (!ReadAt(pRuntimeParam, pLogArgu, file, iOffset, pvBuffer, iLen, nullptr, &iRead)) {
+        return -1;
+    }
+    ReportTell(pRuntimeParam, pLogArgu, file.Get());
+    const long long iPosition = iRead == -1 ? iOffset : iOffset + iRead;
+    *pbEof = iPosition >= SeekToEnd(pRuntimeParam, pLogArgu, file);
+    return iRead;
+}
+
+int CUtilities::WriteFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, unsigned long long iSeek,
+                          int iSeekType, const void* pvData, unsigned int iLen) {
+    if (pRuntimeParam->IsLogFileAccess()) {
+        LogInfo(pRuntimeParam, "[%s] Write file, path=%s, iSeek=%llu, iSeekType=%d, length=%u", pLogArgu->pcName,
+                pcPath, iSeek, iSeekType, iLen);
+    }
+    if (GetRedirectedFile(pcPath)) {
+        return LogWriteRedirectedFile(pRuntimeParam, pcPath, iSeek, iSeekType, iLen);
+    }
+    const CCachedFile file = GetCachedFileHandle(pRuntimeParam, pLogArgu, pcPath, false);
+    if (!file.IsOpen()) {
+        return -1;
+    }
+    if (iSeekType == SEEK_SET) {
+        return WriteOpenedFile(pRuntimeParam, pLogArgu, file, static_cast<long long>(iSeek), pvData, iLen);
+    }
+    MutexLock lock(file.GetPositionMutex());
+    const long long iOffset = SeekRelatively(file, iSeek, iSeekType);
+    return WriteOpenedFile(pRuntimeParam, pLogArgu, file, iOffset, pvData, iLen);
+}
+
+int CUtilities::WriteOpenedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const CCachedFile& file,
+                                long long iOffset, const void* pvData, unsigned int iLen) {
+    const int iWritten = OS_FileWriteAt(pRuntimeParam, pLogArgu, file, iOffset, pvData, iLen, nullptr);
+    if (iWritten != -1) {
+        file.LeavePosition(iOffset + iWritten);
+    }
+    return iWritten;
+}
+
+long long CUtilities::SeekToEnd(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const CCachedFile& file) {
+    file.TakePosition();
+    return OS_FileSeek(pRuntimeParam, pLogArgu, file.Get(), 0, SEEK_END, nullptr);
+}

@@ -1,0 +1,187 @@
+// CUtilities: the way of a log line, and of a notification about a redirected file, out of the library.
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <utility>
+
+#include "Callback.h"
+#include "FileLogger.h"
+#include "Utilities.h"
+
+namespace {
+
+/// A formatted message, cut at its room.
+class FormattedMessage {
+public:
+    FormattedMessage(const char* pcFormat, va_list arguments) __attribute__((format(printf, 2, 0))) {
+        if (std::vsnprintf(m_vcText, sizeof(m_vcText), pcFormat, arguments) < 0) {
+            m_vcText[0] = '\0';
+        }
+    }
+    const char* Get() const { return m_vcText; }
+
+private:
+    char m_vcText[kMessageBufferSize];
+};
+
+}  // namespace
+
+// ---- Formatting
+
+void CUtilities::LogInfo(Requester requester, const char* pcFormat, ...) {
+    va_list arguments;
+    va_start(arguments, pcFormat);
+    const FormattedMessage message(pcFormat, arguments);
+    va_end(arguments);
+    LogInfo(requester.pRuntimeParam, message.Get());
+}
+
+void CUtilities::LogError(Requester requester, const char* pcFormat, ...) {
+    va_list arguments;
+    va_start(arguments, pcFormat);
+    const FormattedMessage message(pcFormat, arguments);
+    va_end(arguments);
+    LogError(requester.pRuntimeParam, message.Get());
+}
+
+void CUtilities::LogRaw(Requester requester, const char* pcFormat, ...) {
+    va_list arguments;
+    va_start(arguments, pcFormat);
+    const FormattedMessage message(pcFormat, arguments);
+    va_end(arguments);
+    LogRaw(requester.pRuntimeParam, message.Get());
+}
+
+// ---- The virtual forms
+
+void CUtilities::LogInfo(CRuntimeParam* pRuntimeParam, const char* pcMessage) {
+    LogInfo(pRuntimeParam->GetID(), pcMessage);
+}
+
+void CUtilities::LogError(CRuntimeParam* pRuntimeParam, const char* pcMessage) {
+    LogError(pRuntimeParam->GetID(), pcMessage);
+}
+
+void CUtilities::LogRaw(CRuntimeParam* pRuntimeParam, const char* pcMessage) {
+    LogRaw(pRuntimeParam->GetID(), pcMessage);
+}
+
+int CUtilities::LogUpdateRedirectedFileAttributes(CRuntimeParam* pRuntimeParam, const char* pcPath, bool bSize,
+                                                  unsigned long long iSize, bool bAccessTime,
+                                                  unsigned long lAccessTimeSec, bool bLastModifiedTime,
+                                                  unsigned long lLastModifiedTimeSec) {
+    return LogUpdateRedirectedFileAttributes(pRuntimeParam->GetID(), pcPath, bSize, iSize, bAccessTime, lAccessTimeSec,
+                                             bLastModifiedTime, lLastModifiedTimeSec);
+}
+
+int CUtilities::LogRemoveRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath) {
+    return LogRemoveRedirectedFile(pRuntimeParam->GetID(), pcPath);
+}
+
+int CUtilities::LogRenameRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPathFrom, const char* pcPathTo) {
+    return LogRenameRedirectedFile(pRuntimeParam->GetID(), pcPathFrom, pcPathTo);
+}
+
+int CUtilities::LogWriteRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath, unsigned long long iSeek,
+                                       int iSeekType, unsigned int iLen) {
+    return LogWriteRedirectedFile(pRuntimeParam->GetID(), pcPath, iSeek, iSeekType, iLen);
+}
+
+// ---- The router: callback, else file logger, else standard output.
+// Each line goes to the stream in one call, which keeps lines of several threads apart, and is flushed at once for
+// whoever reads the other end. Nobody is left to be told when that fails.
+
+void CUtilities::LogInfo(const char* pcID, const char* pcMessage) {
+    const auto pCallback = GetCallback();
+    if (pCallback && pCallback->LogInfo(pcID, pcMessage)) {
+        return;
+    }
+    CFileLogger* pFileLogger = GetFileLogger();
+    if (pFileLogger != nullptr && pFileLogger->LogInfo(pcMessage)) {
+        return;
+    }
+    std::printf("[info] (%s) %s\n", pcID, pcMessage);
+    std::fflush(stdout);
+}
+
+void CUtilities::LogError(const char* pcID, const char* pcMessage) {
+    const auto pCallback = GetCallback();
+    if (pCallback && pCallback->LogError(pcID, pcMessage)) {
+        return;
+    }
+    CFileLogger* pFileLogger = GetFileLogger();
+    if (pFileLogger != nullptr && pFileLogger->LogError(pcMessage)) {
+        return;
+    }
+    std::printf("[erro] (%s) %s\n", pcID, pcMessage);
+    std::fflush(stdout);
+}
+
+void CUtilities::LogRaw(const char* pcID, const char* pcMessage) {
+    const auto pCallback = GetCallback();
+    if (pCallback && pCallback->LogRaw(pcID, pcMessage)) {
+        return;
+    }
+    CFileLogger* pFileLogger = GetFileLogger();
+    if (pFileLogger != nullptr && pFileLogger->LogRaw(pcMessage)) {
+        return;
+    }
+    std::printf("%s", pcMessage);
+    std::fflush(stdout);
+}
+
+// ---- Notifications about redirected files
+
+int CUtilities::LogUpdateRedirectedFileAttributes(const char* pcID, const char* pcPath, bool bSize,
+                                                  unsigned long long iSize, bool bAccessTime,
+                                                  unsigned long lAccessTimeSec, bool bLastModifiedTime,
+                                                  unsigned long lLastModifiedTimeSec) {
+    const auto pCallback = GetCallback();
+    return pCallback
+               ? pCallback->UpdateRedirectedFileAttributes(pcID, pcPath, bSize, iSize, bAccessTime, lAccessTimeSec,
+                                                           bLastModifiedTime, lLastModifiedTimeSec)
+               : -1;
+}
+
+int CUtilities::LogRemoveRedirectedFile(const char* pcID, const char* pcPath) {
+    const auto pCallback = GetCallback();
+    return pCallback ? pCallback->RemoveRedirectedFile(pcID, pcPath) : -1;
+}
+
+int CUtilities::LogRenameRedirectedFile(const char* pcID, const char* pcPathFrom, const char* pcPathTo) {
+    const auto pCallback = GetCallback();
+    return pCallback ? pCallback->RenameRedirectedFile(pcID, pcPathFrom, pcPathTo) : -1;
+}
+
+int CUtilities::LogWriteRedirectedFile(const char* pcID, const char* pcPath, unsigned long long iSeek, int iSeekType,
+                                       unsigned int iLen) {
+    const auto pCallback = GetCallback();
+    return pCallback ? pCallback->WriteRedirectedFile(pcID, pcPath, iSeek, iSeekType, iLen) : -1;
+}
+
+// ---- The host callback
+
+void CUtilities::SetCallback(std::shared_ptr<CCallback> pCallback) {
+    {
+        MutexLock lock(m_hMutexCallback);
+        m_pCallback.swap(pCallback);
+    }
+    // The replaced one is released here, outside the lock: freeing it may call into the virtual machine.
+}
+
+std::shared_ptr<CCallback> CUtilities::GetCallback() const {
+    MutexLock lock(m_hMutexCallback);
+    return m_pCallback;
+}
+
+void CUtilities::GetLastErrorText(char* pcOut, int iError) {
+    if (pcOut == nullptr) {
+        return;
+    }
+    char vcScratch[128];  // for numbers without a text of their own
+    const char* pcText = strerror_r(iError, vcScratch, sizeof(vcScratch));
+    if (pcText != nullptr) {
+        std::snprintf(pcOut, kReasonBufferSize, "%s (%d)", pcText, iError);
+    }
+}

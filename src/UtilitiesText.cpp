@@ -1,0 +1,92 @@
+// CUtilities: paths and texts.
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+
+#include <sys/time.h>
+
+#include "Utilities.h"
+
+bool CUtilities::GetCanonicalPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, char* pcOut, const char* pcPath) {
+    const char* pcGiven = pcPath != nullptr ? pcPath : "";
+    char vcResolved[kPathBufferSize];
+    if (realpath(pcGiven, vcResolved) != nullptr) {
+        std::memcpy(pcOut, vcResolved, std::strlen(vcResolved) + 1);
+        if (pRuntimeParam->IsLogGeneralInfo()) {
+            LogInfo(pRuntimeParam, "[%s] Get canonical path successfully: %s", pLogArgu->pcName, pcOut);
+        }
+        return true;
+    }
+    const std::size_t nLength = strnlen(pcGiven, kPathBufferSize - 1);
+    std::memmove(pcOut, pcGiven, nLength);  // they may be one buffer
+    pcOut[nLength] = '\0';
+    if (pRuntimeParam->IsLogGeneralInfo()) {
+        LogInfo(pRuntimeParam, "[%s] Fail to get canonical path from non-exist path: %s", pLogArgu->pcName, pcOut);
+    }
+    return false;
+}
+
+void CUtilities::SetPathToCompare(char* pcPath) {
+    const std::size_t nLength = std::strlen(pcPath);
+    if (nLength > 0 && pcPath[nLength - 1] != '/' && nLength + 1 < kPathBufferSize) {
+        pcPath[nLength] = '/';
+        pcPath[nLength + 1] = '\0';
+    }
+}
+
+void CUtilities::SetPathToCompare(std::string& sPath) {
+    if (!sPath.empty() && !sPath.ends_with('/')) {
+        sPath += '/';
+    }
+}
+
+void CUtilities::SplitIntoVector(const char* pcText, char cSeparator, std::vector<std::string>& vOut) {
+    std::string_view sRest = pcText != nullptr ? pcText : "";
+    while (!sRest.empty()) {
+        const std::size_t nPiece = sRest.find(cSeparator);
+        vOut.emplace_back(sRest.substr(0, nPiece));
+        sRest.remove_prefix(nPiece == std::string_view::npos ? sRest.size() : nPiece + 1);
+    }
+}
+
+void CUtilities::GetPrintableFileSize(unsigned long long iBytes, char* pcOut) {
+    constexpr std::size_t kSizeBufferSize = 32;
+    constexpr int kExabytes = 6;
+    int iUnit = 0;
+    double fNext = static_cast<double>(iBytes) / 1024;  // the value in the next unit
+    while (fNext > 1.0 && iUnit < kExabytes) {
+        fNext /= 1024;
+        ++iUnit;
+    }
+    const double fValue = fNext * 1024;
+    switch (iUnit) {
+        case 0:
+            std::snprintf(pcOut, kSizeBufferSize, "%.1fB", fValue);
+            break;
+        case 1:
+            std::snprintf(pcOut, kSizeBufferSize, "%.1fKB", fValue);
+            break;
+        case 2:
+            std::snprintf(pcOut, kSizeBufferSize, "%.1fMB", fValue);
+            break;
+        case 3:
+            std::snprintf(pcOut, kSizeBufferSize, "%.1fGB", fValue);
+            break;
+        case 4:
+            std::snprintf(pcOut, kSizeBufferSize, "%.1fTB", fValue);
+            break;
+        case 5:
+            std::snprintf(pcOut, kSizeBufferSize, "%.1fPB", fValue);
+            break;
+        default:
+            std::snprintf(pcOut, kSizeBufferSize, "%.1fEB", fValue);
+            break;
+    }
+}
+
+unsigned long long CUtilities::GetCurrentSystemTimeInMilliseconds() {
+    timeval now{};
+    gettimeofday(&now, nullptr);  // cannot fail with a valid buffer
+    return static_cast<unsigned long long>(now.tv_sec) * 1000 + static_cast<unsigned long long>(now.tv_usec) / 1000;
+}

@@ -1,0 +1,30 @@
+// Reasons in the buffers of callers.
+#include "Reason.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+
+TEST(Reason, IsFormattedIntoTheBuffer) {
+    char cStatus[kReasonBufferSize] = "";
+    WriteReason(cStatus, "Error binding socket with port %lu", 111UL);
+    EXPECT_STREQ(cStatus, "Error binding socket with port 111");
+}
+
+TEST(Reason, WithoutABufferThereIsNone) {
+    WriteReason(nullptr, "Portmapper is not running.");
+}
+
+TEST(Reason, ALongReasonIsCutAtTheBuffersEnd) {
+    char cStatus[kReasonBufferSize + 1];
+    std::memset(cStatus, '#', sizeof(cStatus));
+    WriteReason(cStatus, "%s", std::string(5000, 'x').c_str());
+    EXPECT_EQ(std::strlen(cStatus), kReasonBufferSize - 1);
+    EXPECT_EQ(cStatus[kReasonBufferSize], '#');
+}
+
+TEST(Reason, ASystemErrorIsItsTextAndNumber) {
+    EXPECT_STREQ(CSystemErrorText(EADDRINUSE).Get(), "Address already in use (98)");
+}

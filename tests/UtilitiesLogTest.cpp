@@ -1,0 +1,263 @@
+// Log lines and notifications on their way out: host callback, file logger, standard output.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Callback.h"
+#include "FakeJvm.h"
+#include "FileLogger.h"
+#include "TempFolder.h"
+#include "Utilities.h"
+#include "UtilitiesFixture.h"
+
+namespace {
+
+constexpr const char* kLogInfo = "logInfo(Ljava/lang/String;Ljava/lang/String;)V";
+constexpr const char* kRemove = "removeRedirectedFile(Ljava/lang/String;Ljava/lang/String;)I";
+
+/// Standard output goes to a pipe from construction to the end.
+class OutputPipe {
+public:
+    OutputPipe() {
+        std::fflush(stdout);
+        m_iSaved = ::dup(STDOUT_FILENO);
+        EXPECT_EQ(::pipe2(m_viPipe, O_CLOEXEC), 0);
+        ::dup2(m_viPipe[1], STDOUT_FILENO);
+    }
+    ~OutputPipe() { Restore(); }
+    OutputPipe(const OutputPipe&) = delete;
+    OutputPipe& operator=(const OutputPipe&) = delete;
+
+    /// What can be read by now, without flushing anything.
+    std::string ReadNow() {
+        std::string sText;
+        pollfd readable{m_viPipe[0], POLLIN, 0};
+        while (::poll(&readable, 1, 0) == 1) {
+            char vcBuffer[4096];
+            const ssize_t nRead = ::read(m_viPipe[0], vcBuffer, sizeof(vcBuffer));
+            if (nRead <= 0) {
+                break;
+            }
+            sText.append(vcBuffer, static_cast<std::size_t>(nRead));
+        }
+        return sText;
+    }
+    int ReadEnd() const { return m_viPipe[0]; }
+    void Restore() {
+        if (m_iSaved != -1) {
+            std::fflush(stdout);
+            ::dup2(m_iSaved, STDOUT_FILENO);
+            for (const int iFile : {m_iSaved, m_viPipe[0], m_viPipe[1]}) {
+                ::close(iFile);
+            }
+            m_iSaved = -1;
+        }
+    }
+    /// Ends the writing side, so that a reader comes to its end.
+    void EndOutput() {
+        std::fflush(stdout);
+        ::dup2(m_iSaved, STDOUT_FILENO);
+        ::close(m_viPipe[1]);
+        m_viPipe[1] = -1;
+    }
+
+private:
+    int m_iSaved = -1;
+    int m_viPipe[2] = {-1, -1};
+};
+
+class UtilitiesLogTest : public testing::Test {
+protected:
+    TempFolder m_Folder;
+    CUtilities m_Utilities;
+    CRuntimeParam m_Param{"10.0.0.5", 1023};
+};
+
+TEST_F(UtilitiesLogTest, LinesGoToStandardOutputAtOnceWithLevelAndID) {
+    OutputPipe pipe;
+    m_Utilities.LogInfo(&m_Param, "%s", "hello");
+    EXPECT_EQ(pipe.ReadNow(), "[info] (10.0.0.5) hello\n");
+    m_Utilities.LogError(&m_Param, "%s %d", "hello", 7);
+    EXPECT_EQ(pipe.ReadNow(), "[erro] (10.0.0.5) hello 7\n");
+    m_Utilities.LogRaw(&m_Param, "%s", "hello");
+    EXPECT_EQ(pipe.ReadNow(), "hello") << "no line end is added";
+}
+
+TEST_F(UtilitiesLogTest, PlainFormsPrintTheirTextAsItIs) {
+    OutputPipe pipe;
+    m_Utilities.LogInfo(&m_Param, "100%s %d");
+    m_Utilities.LogError(&m_Param, "100%n");
+    m_Utilities.LogRaw(&m_Param, "%%\n");
+    EXPECT_EQ(pipe.ReadNow(), "[info] (10.0.0.5) 100%s %d\n[erro] (10.0.0.5) 100%n\n%%\n");
+}
+
+TEST_F(UtilitiesLogTest, RouterTakesAnID) {
+    OutputPipe pipe;
+    m_Utilities.LogInfo("someone", "a%s");
+    m_Utilities.LogError("", "b");
+    m_Utilities.LogRaw("someone", "c\n");
+    EXPECT_EQ(pipe.ReadNow(), "[info] (someone) a%s\n[erro] () b\nc\n");
+}
+
+TEST_F(UtilitiesLogTest, LongMessagesAreCutAt2047Characters) {
+    const std::string sLong(5000, 'x');
+    OutputPipe pipe;
+    m_Utilities.LogInfo(&m_Param, "%s", sLong.c_str());
+    EXPECT_EQ(pipe.ReadNow(), "[info] (10.0.0.5) " + std::string(2047, 'x') + "\n");
+    m_Utilities.LogRaw(&m_Param, "%s", sLong.c_str());
+    EXPECT_EQ(pipe.ReadNow(), std::string(2047, 'x'));
+}
+
+// Each thread logs its own letter: a line of two letters would be two lines in one.
+TEST_F(UtilitiesLogTest, LinesOfSeveralThreadsStayWhole) {
+    constexpr int kThreads = 4;
+    constexpr int kLines = 300;
+    OutputPipe pipe;
+    std::string sOutput;
+    std::thread reader([&] {
+        char vcBuffer[65536];
+        ssize_t nRead = 0;
+        while ((nRead = ::read(pipe.ReadEnd(), vcBuffer, sizeof(vcBuffer))) > 0) {
+            sOutput.append(vcBuffer, static_cast<std::size_t>(nRead));
+        }
+    });
+    std::vector<std::thread> vWriters;
+    for (int iThread = 0; iThread < kThreads; ++iThread) {
+        vWriters.emplace_back([this, iThread] {
+            const std::string sText(static_cast<std::size_t>(200 + iThread), static_cast<char>('a' + iThread));
+            for (int iLine = 0; iLine < kLines; ++iLine) {
+                m_Utilities.LogInfo(&m_Param, "%s", sText.c_str());
+            }
+        });
+    }
+    for (std::thread& writer : vWriters) {
+        writer.join();
+    }
+    pipe.EndOutput();
+    reader.join();
+    int nLines = 0;
+    std::size_t iBegin = 0;
+    for (std::size_t iEnd = sOutput.find('\n'); iEnd != std::string::npos; iEnd = sOutput.find('\n', iBegin)) {
+        const std::string sLine = sOutput.substr(iBegin, iEnd - iBegin);
+        ASSERT_TRUE(sLine.starts_with("[info] (10.0.0.5) ")) << sLine;
+        const std::string sText = sLine.substr(std::strlen("[info] (10.0.0.5) "));
+        ASSERT_FALSE(sText.empty());
+        ASSERT_EQ(sText, std::string(static_cast<std::size_t>(200 + sText[0] - 'a'), sText[0]));
+        ++nLines;
+        iBegin = iEnd + 1;
+    }
+    EXPECT_EQ(nLines, kThreads * kLines);
+}
+
+TEST_F(UtilitiesLogTest, FileLoggerTakesLinesBeforeStandardOutput) {
+    CFileLogger logger((m_Folder / "log").c_str());
+    m_Utilities.SetFileLogger(&logger);
+    EXPECT_EQ(m_Utilities.GetFileLogger(), &logger);
+    OutputPipe pipe;
+    m_Utilities.LogInfo(&m_Param, "%s", "not open yet");
+    EXPECT_EQ(pipe.ReadNow(), "[info] (10.0.0.5) not open yet\n") << "a logger that writes nothing passes lines on";
+    ASSERT_TRUE(logger.Open(0));
+    m_Utilities.LogInfo(&m_Param, "%s", "one");
+    m_Utilities.LogError(&m_Param, "%s", "two");
+    m_Utilities.LogRaw(&m_Param, "%s", "three");
+    EXPECT_EQ(pipe.ReadNow(), "");
+    logger.Close();
+    pipe.Restore();
+    const std::string sFile = ReadWholeFile(m_Folder / "log");
+    EXPECT_THAT(sFile, testing::HasSubstr("][info] one\n"));
+    EXPECT_THAT(sFile, testing::HasSubstr("][error] two\n"));
+    EXPECT_THAT(sFile, testing::HasSubstr("] three\n"));
+}
+
+TEST_F(UtilitiesLogTest, CallbackTakesLinesBeforeTheFileLoggerAndMayDecline) {
+    FakeJvm jvm;
+    std::vector<std::u16string> vTexts;
+    std::shared_ptr<CCallback> pCallback;
+    JNIEnv* pEnv = jvm.EnterJava();
+    pCallback = std::make_shared<CCallback>(  // a host that has no method for errors
+        pEnv, jvm.NewHost({{kLogInfo, [&vTexts](const std::vector<HostArgument>& vArguments) {
+                                vTexts.push_back(vArguments[0].sText + u": " + vArguments[1].sText);
+                                return HostAnswer{};
+                            }}}));
+    jvm.LeaveJava();
+
+    CFileLogger logger((m_Folder / "log").c_str());
+    ASSERT_TRUE(logger.Open(0));
+    m_Utilities.SetFileLogger(&logger);
+    m_Utilities.SetCallback(pCallback);
+    EXPECT_EQ(m_Utilities.GetCallback(), pCallback);
+    m_Utilities.LogInfo(&m_Param, "%s", "taken");
+    m_Utilities.LogError(&m_Param, "%s", "declined");
+    logger.Close();
+    OutputPipe pipe;
+    m_Utilities.LogError(&m_Param, "%s", "declined by both");
+    EXPECT_EQ(pipe.ReadNow(), "[erro] (10.0.0.5) declined by both\n");
+    pipe.Restore();
+    EXPECT_EQ(vTexts, std::vector<std::u16string>{u"10.0.0.5: taken"});
+    const std::string sFile = ReadWholeFile(m_Folder / "log");
+    EXPECT_THAT(sFile, testing::EndsWith("][error] declined\n"));
+    EXPECT_THAT(sFile, testing::Not(testing::HasSubstr("taken")));
+
+    m_Utilities.SetCallback(nullptr);
+    EXPECT_EQ(m_Utilities.GetCallback(), nullptr);
+}
+
+TEST_F(UtilitiesLogTest, NotificationsWithoutAHostAnswerMinusOne) {
+    EXPECT_EQ(m_Utilities.LogUpdateRedirectedFileAttributes(&m_Param, "/f", true, 1, true, 2, true, 3), -1);
+    EXPECT_EQ(m_Utilities.LogRemoveRedirectedFile(&m_Param, "/f"), -1);
+    EXPECT_EQ(m_Utilities.LogRenameRedirectedFile(&m_Param, "/f", "/g"), -1);
+    EXPECT_EQ(m_Utilities.LogWriteRedirectedFile(&m_Param, "/f", 1, SEEK_SET, 2), -1);
+}
+
+TEST_F(UtilitiesLogTest, NotificationsReturnTheHostsAnswer) {
+    FakeJvm jvm;
+    std::vector<HostArgument> vSeen;
+    JNIEnv* pEnv = jvm.EnterJava();
+    m_Utilities.SetCallback(
+        std::make_shared<CCallback>(pEnv, jvm.NewHost({{kRemove, [&vSeen](const std::vector<HostArgument>& vArguments) {
+                                                            vSeen = vArguments;
+                                                            return HostAnswer{42};
+                                                        }}})));
+    jvm.LeaveJava();
+    EXPECT_EQ(m_Utilities.LogRemoveRedirectedFile(&m_Param, "/f"), 42);
+    ASSERT_EQ(vSeen.size(), 2U);
+    EXPECT_EQ(vSeen[0].sText, u"10.0.0.5");
+    EXPECT_EQ(vSeen[1].sText, u"/f");
+    m_Utilities.SetCallback(nullptr);
+}
+
+TEST_F(UtilitiesLogTest, ErrorTextIsTheSystemsWithItsNumber) {
+    char vcText[kReasonBufferSize] = "";
+    CUtilities::GetLastErrorText(vcText, ENOENT);
+    EXPECT_STREQ(vcText, "No such file or directory (2)");
+    CUtilities::GetLastErrorText(vcText, 99999);
+    EXPECT_STREQ(vcText, "Unknown error 99999 (99999)");
+    CUtilities::GetLastErrorText(nullptr, ENOENT);
+}
+
+using UtilitiesErrorBitTest = UtilitiesFixture;
+
+TEST_F(UtilitiesErrorBitTest, ErrorsAreLoggedOnlyWithTheirBit) {
+    m_Param.SetLogControl(0);
+    m_Utilities.OS_FileRemove(&m_Param, &m_Tag, "/no/such/file", nullptr);
+    EXPECT_EQ(TakeLog(), std::vector<std::string>());
+    m_Param.SetLogControl(CRuntimeParam::kLogError);
+    m_Utilities.OS_FileRemove(&m_Param, &m_Tag, "/no/such/file", nullptr);
+    EXPECT_EQ(TakeLog('e'),
+              std::vector<std::string>{"[Test] OS remove file \"/no/such/file\". Error=No such file or directory (2)"});
+}
+
+}  // namespace
