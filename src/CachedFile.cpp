@@ -1,0 +1,27 @@
+// A shared, open file descriptor.
+#include "CachedFile.h"
+
+#include <unistd.h>
+
+CCachedFile::CCachedFile(int iFile) {
+    if (iFile != -1) {
+        m_pOpened = std::make_shared<Opened>(iFile);
+    }
+}
+
+CCachedFile::Opened::~Opened() {
+    const int iLast = iFile.load();
+    if (iLast != -1) {
+        ::close(iLast);  // the last user is gone; nobody is left to tell of a failure
+    }
+}
+
+int CCachedFile::ReleaseIfLast() {
+    int iFile = -1;
+    // A count of one cannot rise again: only this object could be copied from, and it is ours.
+    if (m_pOpened && m_pOpened.use_count() == 1) {
+        iFile = m_pOpened->iFile.exchange(-1);
+    }
+    m_pOpened.reset();
+    return iFile;
+}

@@ -1,0 +1,65 @@
+// CUtilities: file handles, made from and resolved to the paths of files.
+//
+// A handle's first four bytes hold the file ID in the server's own byte order (little-endian), the rest is zero.
+#include <cstring>
+
+#include "FileTable.h"
+#include "Utilities.h"
+
+namespace {
+
+/// The shortest handle that is made: an ID and one byte more.
+constexpr unsigned int kMinHandleSize = sizeof(unsigned int) + 1;
+
+}  // namespace
+
+unsigned int CUtilities::GetFileID(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath) {
+    if (pcPath == nullptr) {
+        return kNoFileID;
+    }
+    char vcCanonical[kPathBufferSize];
+    GetCanonicalPath(pRuntimeParam, pLogArgu, vcCanonical, pcPath);
+    return GetCanonicalFileID(vcCanonical);
+}
+
+unsigned int CUtilities::GetCanonicalFileID(const char* pcCanonicalPath) {
+    MutexLock lock(m_hMutexFileTable);
+    return m_pFileTable->GetIDByPath(pcCanonicalPath);
+}
+
+bool CUtilities::GetFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, char* pcHandle,
+                               unsigned int iLen) {
+    // A path gets no ID that no handle could carry.
+    const bool bRoom = pcHandle != nullptr && iLen >= kMinHandleSize;
+    return MakeFileHandle(bRoom ? GetFileID(pRuntimeParam, pLogArgu, pcPath) : kNoFileID, pcHandle, iLen);
+}
+
+bool CUtilities::MakeFileHandle(unsigned int iID, char* pcHandle, unsigned int iLen) {
+    if (pcHandle == nullptr) {
+        return false;
+    }
+    std::memset(pcHandle, 0, iLen);
+    if (iLen < kMinHandleSize) {
+        return false;
+    }
+    std::memcpy(pcHandle, &iID, sizeof(iID));
+    return iID != kNoFileID;
+}
+
+bool CUtilities::GetFilePath(CRuntimeParam* /*pRuntimeParam*/, const char* pcHandle, char* pcPath, unsigned int iSize) {
+    if (pcHandle == nullptr) {
+        return false;
+    }
+    unsigned int iID = kNoFileID;
+    std::memcpy(&iID, pcHandle, sizeof(iID));
+    if (iID == kNoFileID) {
+        return false;
+    }
+    MutexLock lock(m_hMutexFileTable);
+    return m_pFileTable->GetPathByID(iID, pcPath, iSize);
+}
+
+void CUtilities::ResetFileTable() {
+    MutexLock lock(m_hMutexFileTable);
+    m_pFileTable->Clear();
+}

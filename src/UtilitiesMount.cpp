@@ -1,0 +1,212 @@
+// CUtilities: the exports, and which client has each of them mounted.
+//
+// The file system is asked before the lock is taken, except where an export is added: the test whether name and path
+// are free and the adding are one step.
+#include <algorithm>
+#include <cstring>
+#include <string_view>
+
+#include "Reason.h"
+#include "Utilities.h"
+
+namespace {
+
+/// Is one of a path's components ".."?
+bool HasParentComponent(std::string_view sPath) {
+    for (std::size_t iPos = sPath.find(".."); iPos != std::string_view::npos; iPos = sPath.find("..", iPos + 1)) {
+        const bool bBegins = iPos == 0 || sPath[iPos - 1] == '/';
+        const bool bEnds = iPos + 2 == sPath.size() || sPath[iPos + 2] == '/';
+        if (bBegins && bEnds) {
+            return true;
+        }
+    }
+    return false;
+}
+
+/// A path made ready for prefix tests, without the cost of an allocation. Empty when it does not fit.
+class PathToCompare {
+public:
+    explicit PathToCompare(const char* pcPath) {
+        const std::size_t nLength = std::strlen(pcPath);
+        m_vcText[0] = '\0';
+        if (nLength + 1 < sizeof(m_vcText)) {
+            std::memcpy(m_vcText, pcPath, nLength + 1);
+            CUtilities::SetPathToCompare(m_vcText);
+        }
+    }
+    const char* Get() const { return m_vcText; }
+
+private:
+    char m_vcText[kPathBufferSize];
+};
+
+/// Does a path to compare lie at or below a folder, which matches only up to the end of a component? Nothing lies below
+/// a folder without a name: an export that was added with an empty path must not open up the whole host.
+bool IsInside(std::string_view sPathToCompare, std::string_view sFolder) {
+    return !sFolder.empty() && sPathToCompare.starts_with(sFolder) &&
+           (sFolder.ends_with('/') || sPathToCompare.substr(sFolder.size()).starts_with('/'));
+}
+
+}  // namespace
+
+bool CUtilities::AddMountInfo(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcLocalMountPath,
+                              const char* pcExportName, const char* pcIpcID, char* pcStatus) {
+    char vcCanonical[kPathBufferSize];
+    GetCanonicalPath(pRuntimeParam, pLogArgu, vcCanonical, pcLocalMountPath);
+    const std::string sExportName = pcExportName != nullptr ? pcExportName : "";
+
+    MutexLock lock(m_hMutexMountInfos);
+    if (FindMountInfoClash(pRuntimeParam, pLogArgu, vcCanonical, sExportName.c_str(), pcStatus)) {
+        return false;
+    }
+    const std::size_t iInvalid = sExportName.find_first_of("/ ");
+    if (iInvalid != std::string::npos) {
+        WriteReason(pcStatus, "Invalid char \"%c\" inside export name", sExportName[iInvalid]);
+        return false;
+    }
+    m_MountInfos.insert_or_assign(
+        sExportName, MountInfo{vcCanonical, sExportName, pcIpcID != nullptr ? pcIpcID : "", std::string()});
+    return true;
+}
+
+bool CUtilities::IsMountInfoExists(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcLocalMountPath,
+                                   const char* pcExportName, char* pcStatus) {
+    MutexLock lock(m_hMutexMountInfos);
+    return FindMountInfoClash(pRuntimeParam, pLogArgu, pcLocalMountPath, pcExportName, pcStatus);
+}
+
+bool CUtilities::FindMountInfoClash(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcLocalMountPath,
+                                    const char* pcExportName, char* pcStatus) {
+    if (pcExportName != nullptr && m_MountInfos.contains(pcExportName)) {
+        WriteReason(pcStatus, "Export name \"%s\" already defined", pcExportName);
+        return true;
+    }
+    if (pcLocalMountPath == nullptr) {
+        return false;
+    }
+    char vcCanonical[kPathBufferSize];
+    GetCanonicalPath(pRuntimeParam, pLogArgu, vcCanonical, pcLocalMountPath);
+    if (std::ranges::none_of(
+            m_MountInfos, [&vcCanonical](const auto& mount) { return mount.second.sLocalMountPath == vcCanonical; })) {
+        return false;
+    }
+    WriteReason(pcStatus, "Local mount path \"%s\" already defined", vcCanonical);
+    return true;
+}
+
+void CUtilities::RemoveMountInfoByLocalMountPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
+                                                 const char* pcLocalMountPath) {
+    char vcCanonical[kPathBufferSize];
+    GetCanonicalPath(pRuntimeParam, pLogArgu, vcCanonical, pcLocalMountPath);
+    MutexLock lock(m_hMutexMountInfos);
+    const auto itMount = std::ranges::find_if(
+        m_MountInfos, [&vcCanonical](const auto& mount) { return mount.second.sLocalMountPath == vcCanonical; });
+    if (itMount != m_MountInfos.end()) {
+        m_MountInfos.erase(itMount);
+    }
+    ResetFileTableWithoutExports();
+}
+
+void CUtilities::RemoveMountInfoByExportName(const char* pcExportName) {
+    MutexLock lock(m_hMutexMountInfos);
+    const auto itMount = m_MountInfos.find(pcExportName != nullptr ? pcExportName : "");
+    if (itMount != m_MountInfos.end()) {
+        m_MountInfos.erase(itMount);
+    }
+    ResetFileTableWithoutExports();
+}
+
+void CUtilities::RemoveAllMountInfo() {
+    MutexLock lock(m_hMutexMountInfos);
+    m_MountInfos.clear();
+    ResetFileTableWithoutExports();
+}
+
+/// With the last export go the handles that clients hold.
+void CUtilities::ResetFileTableWithoutExports() {
+    if (m_MountInfos.empty()) {
+        ResetFileTable();
+    }
+}
+
+bool CUtilities::UpdateMountClientIpAddrByExportName(const char* pcExportName, const char* pcClientAddr,
+                                                     MountInfo* pMountInfo, char* pcStatus) {
+    const char* pcName = pcExportName != nullptr ? pcExportName : "";
+    MutexLock lock(m_hMutexMountInfos);
+    const auto itMount = m_MountInfos.find(pcName);
+    if (itMount == m_MountInfos.end()) {
+        WriteReason(pcStatus, "Undefined export name \"%s\"", pcName);
+        return false;
+    }
+    MountInfo& mount = itMount->second;
+    // Emptiness counts, not another address: the holder itself is refused a second time as well.
+    if (pcClientAddr != nullptr && !mount.sRemoteIpAddr.empty()) {
+        WriteReason(pcStatus, "This mount point \"%s\" already mounted by %s", mount.sExportName.c_str(),
+                    mount.sRemoteIpAddr.c_str());
+        return false;
+    }
+    mount.sRemoteIpAddr = pcClientAddr != nullptr ? pcClientAddr : "";
+    if (pMountInfo != nullptr) {
+        *pMountInfo = mount;
+    }
+    return true;
+}
+
+bool CUtilities::GetMountInfoByPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                                    MountInfo* pMountInfo) {
+    const char* pcGiven = pcPath != nullptr ? pcPath : "";
+    const PathToCompare path(pcGiven);
+    const bool bLog = pRuntimeParam->IsLogGeneralInfo();
+    // ".." could lead out of any export; a path that does not fit belongs to none.
+    const bool bReachable = (path.Get()[0] != '\0' || pcGiven[0] == '\0') && !HasParentComponent(pcGiven);
+
+    MutexLock lock(m_hMutexMountInfos);
+    for (const auto& [sName, mount] : m_MountInfos) {
+        const std::string& sLocal = mount.sLocalMountPath;
+        if (bLog) {
+            LogInfo(pRuntimeParam, "[%s] Path scan: \"%s\" vs \"%s\"", pLogArgu->pcName, path.Get(), sLocal.c_str());
+            if (std::string_view(path.Get()).starts_with(sLocal)) {
+                LogInfo(pRuntimeParam, "[%s] Path compare: \"%s\" vs \"%s\"", pLogArgu->pcName, path.Get(),
+                        PathToCompare(sLocal.c_str()).Get());
+            }
+        }
+        if (bReachable && IsInside(path.Get(), sLocal)) {
+            if (bLog) {
+                LogInfo(pRuntimeParam, "[%s] Path match", pLogArgu->pcName);
+            }
+            if (pMountInfo != nullptr) {
+                *pMountInfo = mount;
+            }
+            return true;
+        }
+    }
+    return false;
+}
+
+bool CUtilities::IsRemoteAddrExists(const char* pcClientAddr) {
+    const std::string_view sClientAddr = pcClientAddr != nullptr ? pcClientAddr : "";
+    MutexLock lock(m_hMutexMountInfos);
+    return std::ranges::any_of(m_MountInfos,
+                               [sClientAddr](const auto& mount) { return mount.second.sRemoteIpAddr == sClientAddr; });
+}
+
+int CUtilities::GetMountInfo(CRuntimeParam* pRuntimeParam, bool bClientMountedOnly, bool bPrintDetails) {
+    // Printed from a copy: the lines may go to a client that takes its time, or to a host that asks back.
+    decltype(m_MountInfos) mountInfos;
+    {
+        MutexLock lock(m_hMutexMountInfos);
+        mountInfos = m_MountInfos;
+    }
+    int nMounts = 0;
+    for (const auto& [sName, mount] : mountInfos) {
+        if (bClientMountedOnly && mount.sRemoteIpAddr.empty()) {
+            continue;
+        }
+        ++nMounts;
+        if (bPrintDetails) {
+            LogRaw(pRuntimeParam, " Mount %d - %s : %s (%s) [%s]", nMounts, mount.sLocalMountPath.c_str(),
+                   mount.sExportName.c_str(), mount.sRemoteIpAddr.c_str(), mount.sIcpID.c_str());
+        }
+    }
+    return nMounts;
+}

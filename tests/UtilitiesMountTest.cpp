@@ -1,0 +1,314 @@
+// The registry of exports.
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "UtilitiesFixture.h"
+
+namespace {
+
+class UtilitiesMountTest : public UtilitiesFixture {
+protected:
+    void SetUp() override { m_Param.SetLogControl(0); }
+
+    bool Add(const std::string& sPath, const std::string& sName, const char* pcIpcID = "") {
+        m_vcReason[0] = '\0';
+        return m_Utilities.AddMountInfo(&m_Param, &m_Tag, sPath.c_str(), sName.c_str(), pcIpcID, m_vcReason);
+    }
+    bool Mount(const char* pcName, const char* pcClient, MountInfo* pInfo = nullptr) {
+        m_vcReason[0] = '\0';
+        return m_Utilities.UpdateMountClientIpAddrByExportName(pcName, pcClient, pInfo, m_vcReason);
+    }
+    /// The name of the export that holds a path, "-" for none.
+    std::string Find(const std::string& sPath) {
+        MountInfo info;
+        return m_Utilities.GetMountInfoByPath(&m_Param, &m_Tag, sPath.c_str(), &info) ? info.sExportName : "-";
+    }
+    std::string MakeFolder(const std::string& sName) {
+        EXPECT_EQ(::mkdir((m_Folder / sName).c_str(), 0755), 0) << sName;
+        return m_Folder / sName;
+    }
+    /// A handle that resolves until the file handle table is emptied.
+    void TakeHandle() {
+        EXPECT_TRUE(m_Utilities.GetFileHandle(&m_Param, &m_Tag, "/tmp", m_vcHandle, sizeof(m_vcHandle)));
+    }
+    bool HandleResolves() {
+        char vcPath[kPathBufferSize];
+        return m_Utilities.GetFilePath(&m_Param, m_vcHandle, vcPath, sizeof(vcPath));
+    }
+
+    char m_vcHandle[kNfs3HandleSize] = {};
+};
+
+TEST_F(UtilitiesMountTest, AddedExportIsFoundWithAllItsFields) {
+    const std::string sFolder = MakeFolder("a");
+    ASSERT_TRUE(Add(sFolder + "/.", "x", "4711"));
+    MountInfo info;
+    ASSERT_TRUE(m_Utilities.GetMountInfoByPath(&m_Param, &m_Tag, sFolder.c_str(), &info));
+    EXPECT_EQ(info.sLocalMountPath, sFolder);
+    EXPECT_EQ(info.sExportName, "x");
+    EXPECT_EQ(info.sIcpID, "4711");
+    EXPECT_EQ(info.sRemoteIpAddr, "");
+}
+
+TEST_F(UtilitiesMountTest, ExportWithAnEmptyPathHoldsNothing) {
+    ASSERT_TRUE(Add("", "x"));
+    EXPECT_EQ(Find("/"), "-");
+    EXPECT_EQ(Find("/etc/passwd"), "-");
+    EXPECT_EQ(Find(""), "-");
+}
+
+TEST_F(UtilitiesMountTest, SameFolderUnderAnotherNameIsRefusedHoweverItIsSpelled) {
+    const std::string sFolder = MakeFolder("a");
+    ASSERT_TRUE(Add(sFolder, "x"));
+    EXPECT_FALSE(Add(sFolder + "/", "y"));
+    EXPECT_STREQ(m_vcReason, ("Local mount path \"" + sFolder + "\" already defined").c_str());
+}
+
+TEST_F(UtilitiesMountTest, InvalidCharactersAreReportedByTheFirst) {
+    EXPECT_FALSE(Add(m_Folder.Path(), "a b"));
+    EXPECT_STREQ(m_vcReason, "Invalid char \" \" inside export name");
+    EXPECT_FALSE(Add(m_Folder.Path(), "a/b"));
+    EXPECT_STREQ(m_vcReason, "Invalid char \"/\" inside export name");
+    EXPECT_FALSE(Add(m_Folder.Path(), "/a b"));
+    EXPECT_STREQ(m_vcReason, "Invalid char \"/\" inside export name");
+    EXPECT_EQ(m_Utilities.GetMountInfo(&m_Param, false, false), 0);
+    EXPECT_TRUE(Add(m_Folder.Path(), "tab\tand\\more")) << "no other character is refused";
+}
+
+TEST_F(UtilitiesMountTest, EmptyNamePasses) {
+    EXPECT_TRUE(Add(m_Folder.Path(), ""));
+    EXPECT_EQ(Find(m_Folder.Path()), "");
+}
+
+TEST_F(UtilitiesMountTest, DuplicatesAreReportedInTheOrderNamePathCharacter) {
+    const std::string sFolder = MakeFolder("a");
+    const std::string sOther = MakeFolder("b");
+    ASSERT_TRUE(Add(sFolder, "x"));
+    EXPECT_FALSE(Add(sFolder, "x"));
+    EXPECT_STREQ(m_vcReason, "Export name \"x\" already defined");
+    EXPECT_FALSE(Add(sFolder, "a b"));
+    EXPECT_STREQ(m_vcReason, ("Local mount path \"" + sFolder + "\" already defined").c_str());
+    EXPECT_FALSE(Add(sOther, "x"));
+    EXPECT_STREQ(m_vcReason, "Export name \"x\" already defined");
+}
+
+TEST_F(UtilitiesMountTest, ExistenceIsAskedByNameOrPathOrBoth) {
+    ASSERT_TRUE(Add(m_Folder.Path(), "x"));
+    const auto exists = [this](const char* pcPath, const char* pcName) {
+        return m_Utilities.IsMountInfoExists(&m_Param, &m_Tag, pcPath, pcName, m_vcReason);
+    };
+    EXPECT_TRUE(exists(nullptr, "x"));
+    EXPECT_STREQ(m_vcReason, "Export name \"x\" already defined");
+    EXPECT_TRUE(exists((m_Folder.Path() + "/.").c_str(), nullptr));
+    EXPECT_STREQ(m_vcReason, ("Local mount path \"" + m_Folder.Path() + "\" already defined").c_str());
+    EXPECT_FALSE(exists(nullptr, "y"));
+    EXPECT_FALSE(exists(nullptr, nullptr));
+    EXPECT_FALSE(exists("/", "y"));
+    EXPECT_TRUE(m_Utilities.IsMountInfoExists(&m_Param, &m_Tag, nullptr, "x", nullptr)) << "a reason is not needed";
+}
+
+TEST_F(UtilitiesMountTest, ReasonsAreBounded) {
+    const std::string sName(5000, 'n');
+    ASSERT_TRUE(Add(m_Folder.Path(), sName));
+    EXPECT_FALSE(Add(m_Folder.Path(), sName));
+    EXPECT_EQ(std::string(m_vcReason).size(), kReasonBufferSize - 1);
+}
+
+TEST_F(UtilitiesMountTest, SecondMountOfTheSameExportIsRefusedEvenForItsOwnClient) {
+    ASSERT_TRUE(Add(m_Folder.Path(), "x"));
+    MountInfo info;
+    EXPECT_TRUE(Mount("x", "10.0.0.5", &info));
+    EXPECT_EQ(info.sRemoteIpAddr, "10.0.0.5");
+    EXPECT_FALSE(Mount("x", "10.0.0.5"));
+    EXPECT_STREQ(m_vcReason, "This mount point \"x\" already mounted by 10.0.0.5");
+    EXPECT_FALSE(Mount("x", "10.0.0.6"));
+    EXPECT_STREQ(m_vcReason, "This mount point \"x\" already mounted by 10.0.0.5");
+    EXPECT_TRUE(Mount("x", nullptr, &info));
+    EXPECT_EQ(info.sRemoteIpAddr, "");
+    EXPECT_TRUE(Mount("x", "10.0.0.6"));
+}
+
+TEST_F(UtilitiesMountTest, ReleasingAnExportThatNobodyMountedSucceeds) {
+    ASSERT_TRUE(Add(m_Folder.Path(), "x"));
+    EXPECT_TRUE(Mount("x", nullptr));
+}
+
+TEST_F(UtilitiesMountTest, UnknownExportIsNeitherMountedNorReleased) {
+    EXPECT_FALSE(Mount("x", "10.0.0.5"));
+    EXPECT_STREQ(m_vcReason, "Undefined export name \"x\"");
+    EXPECT_FALSE(Mount("x", nullptr));
+    EXPECT_STREQ(m_vcReason, "Undefined export name \"x\"");
+    EXPECT_FALSE(m_Utilities.UpdateMountClientIpAddrByExportName("x", nullptr, nullptr, nullptr));
+}
+
+TEST_F(UtilitiesMountTest, PathMatchesAtTheEndOfAComponentOnly) {
+    const std::string sFolder = MakeFolder("a");
+    ASSERT_TRUE(Add(sFolder, "x"));
+    EXPECT_EQ(Find(sFolder), "x");
+    EXPECT_EQ(Find(sFolder + "/"), "x");
+    EXPECT_EQ(Find(sFolder + "/b/c"), "x");
+    EXPECT_EQ(Find(sFolder + "b"), "-");
+    EXPECT_EQ(Find(m_Folder.Path()), "-");
+    EXPECT_EQ(Find(""), "-");
+}
+
+TEST_F(UtilitiesMountTest, NestedExportsAreResolvedByTheOrderOfTheirNames) {
+    const std::string sOuter = MakeFolder("d");
+    const std::string sInner = MakeFolder("d/e");
+    ASSERT_TRUE(Add(sOuter, "b"));
+    ASSERT_TRUE(Add(sInner, "a"));
+    EXPECT_EQ(Find(sInner + "/f"), "a");
+    m_Utilities.RemoveMountInfoByExportName("a");
+    ASSERT_TRUE(Add(sInner, "c"));
+    EXPECT_EQ(Find(sInner + "/f"), "b");
+}
+
+TEST_F(UtilitiesMountTest, RootExportHoldsEverything) {
+    ASSERT_TRUE(Add("/", "root"));
+    EXPECT_EQ(Find("/"), "root");
+    EXPECT_EQ(Find("/etc/passwd"), "root");
+    EXPECT_EQ(Find("etc/passwd"), "-");
+}
+
+TEST_F(UtilitiesMountTest, PathWithAParentComponentBelongsToNoExport) {
+    const std::string sFolder = MakeFolder("a");
+    ASSERT_TRUE(Add(sFolder, "x"));
+    for (const char* pcTail : {"/..", "/../", "/../b", "/b/../../c", "/b/.."}) {
+        EXPECT_EQ(Find(sFolder + pcTail), "-") << pcTail;
+    }
+    for (const char* pcTail : {"/..b", "/b..", "/...", "/a..b/c", "/..."}) {
+        EXPECT_EQ(Find(sFolder + pcTail), "x") << pcTail;
+    }
+    ASSERT_TRUE(Add("/", "y"));
+    EXPECT_EQ(Find(".."), "-");
+    EXPECT_EQ(Find("/.."), "-");
+}
+
+TEST_F(UtilitiesMountTest, PathThatDoesNotFitBelongsToNoExport) {
+    ASSERT_TRUE(Add("/", "root"));
+    EXPECT_EQ(Find("/" + std::string(kPathBufferSize - 3, 'x')), "root");
+    EXPECT_EQ(Find("/" + std::string(kPathBufferSize - 2, 'x')), "-");
+    EXPECT_EQ(Find("/" + std::string(20000, 'x')), "-");
+}
+
+TEST_F(UtilitiesMountTest, SearchIsLoggedStepByStep) {
+    const std::string sA = MakeFolder("a");
+    const std::string sAb = MakeFolder("ab");
+    const std::string sC = MakeFolder("c");
+    ASSERT_TRUE(Add(sA, "1"));
+    ASSERT_TRUE(Add(sC, "2"));
+    ASSERT_TRUE(Add(sAb, "3"));
+    m_Param.SetLogControl(CRuntimeParam::kLogGeneralInfo);
+    EXPECT_EQ(Find(sAb + "/x"), "3");
+    const std::string sPath = sAb + "/x/";
+    EXPECT_EQ(TakeLog('i'), (std::vector<std::string>{
+                                "[Test] Path scan: \"" + sPath + "\" vs \"" + sA + "\"",
+                                "[Test] Path compare: \"" + sPath + "\" vs \"" + sA + "/\"",
+                                "[Test] Path scan: \"" + sPath + "\" vs \"" + sC + "\"",
+                                "[Test] Path scan: \"" + sPath + "\" vs \"" + sAb + "\"",
+                                "[Test] Path compare: \"" + sPath + "\" vs \"" + sAb + "/\"",
+                                "[Test] Path match",
+                            }));
+}
+
+TEST_F(UtilitiesMountTest, RemovalTakesPathOrName) {
+    const std::string sA = MakeFolder("a");
+    const std::string sB = MakeFolder("b");
+    ASSERT_TRUE(Add(sA, "x"));
+    ASSERT_TRUE(Add(sB, "y"));
+    m_Utilities.RemoveMountInfoByLocalMountPath(&m_Param, &m_Tag, (sA + "/.").c_str());
+    EXPECT_EQ(Find(sA), "-");
+    EXPECT_EQ(Find(sB), "y");
+    m_Utilities.RemoveMountInfoByExportName("y");
+    EXPECT_EQ(Find(sB), "-");
+    m_Utilities.RemoveMountInfoByExportName("y");
+    m_Utilities.RemoveMountInfoByExportName(nullptr);
+    EXPECT_EQ(m_Utilities.GetMountInfo(&m_Param, false, false), 0);
+}
+
+TEST_F(UtilitiesMountTest, RemovingTheLastExportByEitherKeyEmptiesTheFileHandleTable) {
+    const std::string sA = MakeFolder("a");
+    const std::string sB = MakeFolder("b");
+    ASSERT_TRUE(Add(sA, "x"));
+    ASSERT_TRUE(Add(sB, "y"));
+    TakeHandle();
+    m_Utilities.RemoveMountInfoByExportName("x");
+    EXPECT_TRUE(HandleResolves()) << "one export is left";
+    m_Utilities.RemoveMountInfoByLocalMountPath(&m_Param, &m_Tag, sB.c_str());
+    EXPECT_FALSE(HandleResolves());
+    EXPECT_EQ(m_Utilities.GetFileID(&m_Param, &m_Tag, "/tmp"), 0U) << "IDs start again";
+
+    ASSERT_TRUE(Add(sA, "x"));
+    TakeHandle();
+    m_Utilities.RemoveMountInfoByExportName("x");
+    EXPECT_FALSE(HandleResolves());
+}
+
+TEST_F(UtilitiesMountTest, RemovingAnUnknownExportFromAnEmptyTableEmptiesTheFileHandleTable) {
+    TakeHandle();
+    m_Utilities.RemoveMountInfoByExportName("unknown");
+    EXPECT_FALSE(HandleResolves());
+    TakeHandle();
+    m_Utilities.RemoveMountInfoByLocalMountPath(&m_Param, &m_Tag, "/unknown");
+    EXPECT_FALSE(HandleResolves());
+    TakeHandle();
+    m_Utilities.RemoveAllMountInfo();
+    EXPECT_FALSE(HandleResolves());
+}
+
+TEST_F(UtilitiesMountTest, ListingCountsAndNumbersWhatItPrints) {
+    const std::string sA = MakeFolder("a");
+    const std::string sB = MakeFolder("b");
+    const std::string sC = MakeFolder("c");
+    ASSERT_TRUE(Add(sB, "y", "7"));
+    ASSERT_TRUE(Add(sA, "z"));
+    ASSERT_TRUE(Add(sC, "B"));  // upper case comes first
+    ASSERT_TRUE(Mount("z", "10.0.0.5"));
+    EXPECT_EQ(m_Utilities.GetMountInfo(&m_Param, false, true), 3);
+    EXPECT_EQ(TakeLog('r'),
+              (std::vector<std::string>{" Mount 1 - " + sC + " : B () []", " Mount 2 - " + sB + " : y () [7]",
+                                        " Mount 3 - " + sA + " : z (10.0.0.5) []"}));
+    EXPECT_EQ(m_Utilities.GetMountInfo(&m_Param, true, true), 1);
+    EXPECT_EQ(TakeLog('r'), std::vector<std::string>{" Mount 1 - " + sA + " : z (10.0.0.5) []"});
+    EXPECT_EQ(m_Utilities.GetMountInfo(&m_Param, true, false), 1);
+    EXPECT_EQ(TakeLog(), std::vector<std::string>());
+}
+
+TEST_F(UtilitiesMountTest, ClientAddressIsComparedExactly) {
+    ASSERT_TRUE(Add(m_Folder.Path(), "x"));
+    EXPECT_TRUE(m_Utilities.IsRemoteAddrExists("")) << "an export that nobody mounted carries the empty address";
+    ASSERT_TRUE(Mount("x", "10.0.0.5"));
+    EXPECT_TRUE(m_Utilities.IsRemoteAddrExists("10.0.0.5"));
+    EXPECT_FALSE(m_Utilities.IsRemoteAddrExists("10.0.0.50"));
+    EXPECT_FALSE(m_Utilities.IsRemoteAddrExists(""));
+}
+
+TEST_F(UtilitiesMountTest, OneFolderIsNeverExportedTwiceHoweverManyThreadsTry) {
+    std::atomic<int> nAdded{0};
+    std::vector<std::thread> vThreads;
+    for (int iThread = 0; iThread < 4; ++iThread) {
+        vThreads.emplace_back([&, iThread] {
+            CRuntimeParam param("thread", 0);
+            LogArgu tag{"Thread"};
+            for (int iName = 0; iName < 50; ++iName) {
+                const std::string sName = std::to_string(iThread) + "-" + std::to_string(iName);
+                nAdded += m_Utilities.AddMountInfo(&param, &tag, m_Folder.Path().c_str(), sName.c_str(), "", nullptr);
+                m_Utilities.GetMountInfoByPath(&param, &tag, m_Folder.Path().c_str(), nullptr);
+            }
+        });
+    }
+    for (std::thread& thread : vThreads) {
+        thread.join();
+    }
+    EXPECT_EQ(nAdded, 1);
+    EXPECT_EQ(m_Utilities.GetMountInfo(&m_Param, false, false), 1);
+}
+
+}  // namespace
