@@ -1,0 +1,41 @@
+// Opening and closing a UDP port.
+#include "DatagramSocket.h"
+
+#include <cerrno>
+
+#include <sys/socket.h>
+
+#include "Descriptor.h"
+#include "Reason.h"
+#include "Socket.h"
+
+CDatagramSocket::CDatagramSocket() = default;
+
+CDatagramSocket::~CDatagramSocket() {
+    Close();
+}
+
+bool CDatagramSocket::Open(unsigned long lProgId, int iPort, CUtilities* /*pUtilities*/, char* pcStatus) {
+    Close();
+    CDescriptor descriptor = CDescriptor::OpenSocket(SOCK_DGRAM);
+    if (!descriptor.IsOpen()) {
+        WriteReason(pcStatus, "Fail to create datagram socket. %s", CSystemErrorText(errno).Get());
+        return false;
+    }
+    m_iPort = iPort;
+    if (!descriptor.BindToPort(&m_iPort)) {
+        WriteReason(pcStatus, "Fail to bind datagram socket. %s", CSystemErrorText(errno).Get());
+        return false;
+    }
+    m_pSocket = std::make_unique<CSocket>(CSocket::kDatagram, lProgId);
+    if (!m_pSocket->Open(descriptor.Release(), m_pListener, nullptr)) {
+        WriteReason(pcStatus, "Fail to create datagram socket. %s", CSystemErrorText(EAGAIN).Get());
+        Close();
+        return false;
+    }
+    return true;
+}
+
+void CDatagramSocket::Close() {
+    m_pSocket.reset();
+}

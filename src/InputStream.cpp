@@ -1,0 +1,100 @@
+// Decoding of XDR values (RFC 4506) from received bytes.
+#include "InputStream.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+
+#include <endian.h>
+
+#include "DataException.h"
+
+void CInputStream::AddFilledBufferSize(unsigned int n) {
+    m_iSize += std::min(n, GetFreeBufferSize());
+}
+
+void CInputStream::ConsolidateBuffer(unsigned int iThreshold) {
+    if (m_iIndex < iThreshold || m_iIndex == 0) {
+        return;
+    }
+    const unsigned int nUnread = GetFilledBufferSize();
+    std::memmove(m_pcBuffer.get(), GetCurrentBuffer(), nUnread);
+    m_iSearchedFrom -= std::min(m_iSearchedFrom, m_iIndex);
+    m_iSearchedTo -= std::min(m_iSearchedTo, m_iIndex);
+    m_iIndex = 0;
+    m_iSize = nUnread;
+}
+
+void CInputStream::SetBufferIndex(unsigned int i) {
+    m_iIndex = std::min(i, m_iSize);
+}
+
+const char* CInputStream::GetFilledBuffer(unsigned int iOffset, unsigned int iLen) const {
+    const unsigned int nUnread = GetFilledBufferSize();
+    if (iOffset > nUnread || iLen > nUnread - iOffset) {
+        return nullptr;
+    }
+    return GetCurrentBuffer() + iOffset;
+}
+
+void CInputStream::ResetBuffer() {
+    m_iIndex = 0;
+    m_iSize = 0;
+    m_iSearchedFrom = 0;
+    m_iSearchedTo = 0;
+}
+
+void CInputStream::NoteSearched(unsigned int iFrom, unsigned int iTo) {
+    if (iFrom >= iTo) {
+        return;
+    }
+    if (iFrom < m_iSearchedFrom || iFrom > m_iSearchedTo) {
+        m_iSearchedFrom = iFrom;
+        m_iSearchedTo = iTo;
+    } else {
+        m_iSearchedTo = std::max(m_iSearchedTo, iTo);
+    }
+}
+
+unsigned int CInputStream::GetSearchStart(unsigned int iFrom) const {
+    return iFrom >= m_iSearchedFrom && iFrom < m_iSearchedTo ? m_iSearchedTo : iFrom;
+}
+
+unsigned int CInputStream::Read(void* pvData, unsigned int iSize) {
+    Need(iSize);
+    if (iSize > 0) {
+        std::memcpy(pvData, GetCurrentBuffer(), iSize);
+        m_iIndex += iSize;
+    }
+    return iSize;
+}
+
+unsigned int CInputStream::Read(unsigned int* piValue) {
+    std::uint32_t iBigEndian = 0;
+    Read(&iBigEndian, sizeof(iBigEndian));
+    *piValue = be32toh(iBigEndian);
+    return sizeof(iBigEndian);
+}
+
+unsigned int CInputStream::Read8(unsigned long* plValue) {
+    std::uint64_t lBigEndian = 0;
+    Read(&lBigEndian, sizeof(lBigEndian));
+    *plValue = be64toh(lBigEndian);
+    return sizeof(lBigEndian);
+}
+
+unsigned int CInputStream::Skip(unsigned int iSize) {
+    Need(iSize);
+    m_iIndex += iSize;
+    return iSize;
+}
+
+unsigned int CInputStream::SkipRemainOpaque(unsigned int iSize) {
+    return Skip((4 - (iSize & 3U)) & 3U);
+}
+
+void CInputStream::Need(unsigned int iSize) const {
+    if (iSize > GetFilledBufferSize()) {
+        throw CDataTruncatedExpt(iSize, GetFilledBufferSize());
+    }
+}

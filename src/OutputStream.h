@@ -1,0 +1,31 @@
+// XDR output (RFC 4506): a reply being built.
+#pragma once
+
+#include "SocketStream.h"
+
+/// A write position and the high-water mark of what was written. What does not fit into the buffer is dropped.
+class COutputStream : public CSocketStream {
+public:
+    /// Copies bytes to the write position, as many as fit; null data only advances. Returns the number written.
+    unsigned int Write(const void* pvData, unsigned int iSize);
+    /// A big-endian 32-bit word.
+    unsigned int Write(unsigned int iValue);
+    /// A big-endian 64-bit word.
+    unsigned int Write8(unsigned long lValue);
+    /// Moves the write position: type 0 to the offset, 1 by it, 2 to the size plus it. Kept within the buffer;
+    /// the size stays.
+    void Seek(int iOffset, int iType);
+    /// Writes the zero padding behind opaque data of the given size (RFC 4506, 4.10); returns 0 to 3, the bytes due.
+    unsigned int WriteRemainOpaque(int iSize);
+
+    char* GetBuffer() { return m_pcBuffer.get(); }
+    /// The bytes to send.
+    unsigned int GetBufferSize() const { return m_iSize; }
+    unsigned int GetBufferIndex() const { return m_iIndex; }
+    /// The room behind the write position.
+    unsigned int GetFreeBufferSize() const { return GetMaxBufferSize() - m_iIndex; }
+    char* GetCurrentBuffer() { return m_pcBuffer.get() + m_iIndex; }
+    void ResetBuffer();
+    /// Drops the first bytes after they were sent. The position becomes 0 only if it lay within them.
+    void FreeBuffer(unsigned int iSize);
+};

@@ -1,0 +1,47 @@
+// The base of every RPC program that the server dispatches to (RFC 5531).
+#pragma once
+
+#include <string>
+
+#include "RuntimeParam.h"
+
+class CInputStream;
+class COutputStream;
+class CUtilities;
+
+/// What a program is told of a call. The caller's credential is not passed on.
+struct ProcessParam {
+    unsigned int iVersion = 0;               ///< program version named in the call
+    unsigned int iProc = 0;                  ///< procedure number
+    std::string sRemoteAddr;                 ///< the client's IPv4 address, dotted
+    CRuntimeParam* pRuntimeParam = nullptr;  ///< for logging; not owned
+};
+
+/// What a program answers to the RPC server.
+enum ProgramStatus : int {
+    kProgHandled = 0,         ///< the body written is the reply
+    kProgGarbageArgs = 1,     ///< the arguments could not be decoded: GARBAGE_ARGS
+    kProgNotImplemented = 2,  ///< no such procedure: PROC_UNAVAIL
+    kProgTruncated = 3,       ///< the input ran short; the call is retried when more has come
+};
+
+/// One RPC program. Its operations run on the socket threads, one call at a time (the RPC server's mutex).
+class CRpcProg {
+public:
+    /// The utilities are not owned and outlive the program.
+    explicit CRpcProg(CUtilities* pUtilities) : m_pUtilities(pUtilities) {}
+    virtual ~CRpcProg() = default;
+    CRpcProg(const CRpcProg&) = delete;
+    CRpcProg& operator=(const CRpcProg&) = delete;
+
+    /// Decodes the arguments from the input (just behind the call header) and writes the results to the output
+    /// (just behind the accept status). Returns a ProgramStatus.
+    virtual int Process(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam) = 0;
+    /// The only version accepted as the start of a call, or 0xFFFFFFFF for any.
+    virtual unsigned int GetVersion();
+    /// Procedure numbers below this are valid, 0xFFFFFFFF for no limit.
+    virtual unsigned int GetMaxSupportProc();
+
+protected:
+    CUtilities* m_pUtilities;
+};

@@ -1,0 +1,69 @@
+// CRpcServer: finds ONC RPC version 2 calls (RFC 5531) in what the sockets receive and answers them.
+#pragma once
+
+#include <array>
+#include <memory>
+
+#include "SocketListener.h"
+#include "ThreadAnnotations.h"
+
+class CInputStream;
+class COutputStream;
+class CRpcProg;
+class CRuntimeParam;
+class CSocket;
+class CUtilities;
+struct LogArgu;
+struct RPC_HEADER;
+struct RPC_STM_HEADER;
+
+/// The one listener of all sockets. Calls of all clients are decoded, executed and answered strictly one at a time,
+/// under one mutex.
+///
+/// Records are not delimited by their marks: a call is complete when its header and the program's arguments can be
+/// read, and is tried again from its start when more bytes have come. Bytes in front of a plausible call header are
+/// skipped.
+class CRpcServer : public ISocketListener {
+public:
+    /// Programs 100000 to 100009 can be registered.
+    static constexpr unsigned int kFirstProgram = 100000;
+    static constexpr unsigned int kProgramCount = 10;
+
+    /// The utilities, used for logging, are not owned; of the runtime parameter only the log control is taken.
+    CRpcServer(CUtilities* pUtilities, CRuntimeParam* pRuntimeParam);
+    ~CRpcServer() override;
+    CRpcServer(const CRpcServer&) = delete;
+    CRpcServer& operator=(const CRpcServer&) = delete;
+
+    /// Registers a program (not owned; null removes it) before any socket is opened. Other numbers are ignored.
+    void Set(int iProgId, CRpcProg* pProg);
+    /// May be called at any time, by any thread.
+    void SetLogControl(int iLogControl);
+
+    /// Answers every complete call in the socket's input (a datagram socket: the first). Called on socket threads.
+    void SocketReceived(CSocket* pSocket) override;
+
+protected:
+    /// Moves the read position to the next plausible start of a call for the program; false (nothing moved) if there
+    /// is none in the unread bytes. The socket type is a CSocket::Type.
+    bool LookForValidHeader(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, unsigned long lProgId, int iSocketType,
+                            CInputStream* pInput, COutputStream* pOutput) REQUIRES(m_hMutex);
+    /// Decodes one call and leaves its reply in the output. Returns a ProgramStatus.
+    int Process(CRuntimeParam* pRuntimeParam, unsigned long lProgId, int iSocketType, CInputStream* pInput,
+                COutputStream* pOutput, const char* pcRemoteAddress) REQUIRES(m_hMutex);
+
+private:
+    bool ProcessNext(LogArgu* pLogArgu, CSocket* pSocket) REQUIRES(m_hMutex);
+    int ReadHeader(CRuntimeParam* pRuntimeParam, int iSocketType, CInputStream* pInput, RPC_STM_HEADER* pHeader);
+    int LogException(CRuntimeParam* pRuntimeParam);
+    void LogHeader(CRuntimeParam* pRuntimeParam, int iSocketType, const RPC_STM_HEADER& header);
+    int Dispatch(CRuntimeParam* pRuntimeParam, int iStatus, const RPC_HEADER& call, CInputStream* pInput,
+                 COutputStream* pOutput, const char* pcRemoteAddress) REQUIRES(m_hMutex);
+    CRpcProg* FindProgram(unsigned long lProgId) const REQUIRES(m_hMutex);
+    bool IsLogRpc() const;
+
+    Mutex m_hMutex;  ///< held for the whole of each SocketReceived
+    std::array<CRpcProg*, kProgramCount> m_pProgTable GUARDED_BY(m_hMutex){};
+    CUtilities* m_pUtilities;
+    std::unique_ptr<CRuntimeParam> m_pRuntimeParam;  ///< its ID, the client's address, changes under the mutex only
+};

@@ -1,0 +1,65 @@
+// CServerSocket: a TCP listener with a fixed number of connections.
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include <netinet/in.h>
+
+#include "Descriptor.h"
+
+class CSocket;
+class CUtilities;
+class ISocketListener;
+
+/// Accepts IPv4 connections on one port and serves each by one of its CSocket slots.
+///
+/// The number of slots is a hard invariant: a connection beyond it fails the assertion "i < m_nMaxNum" and ends the
+/// process, in every build. A connection whose peer has already closed does not count; its slot gets up to one second
+/// to become free.
+///
+/// Open, Close and SetListener are called by one thread at a time. The accept thread is the only user of the slots
+/// while it runs.
+class CServerSocket {
+public:
+    CServerSocket();
+    virtual ~CServerSocket();
+    CServerSocket(const CServerSocket&) = delete;
+    CServerSocket& operator=(const CServerSocket&) = delete;
+
+    /// Listens on the port (0: any free one) for the RPC program, serving up to nMaxNum connections. On failure a
+    /// one-line reason is left in the buffer of kReasonBufferSize characters (may be null). The utilities (may be
+    /// null) free cached descriptors when accepting runs out of them.
+    bool Open(unsigned long lProgId, int iPort, int nMaxNum, CUtilities* pUtilities, char* pcStatus);
+    /// Ends the accept thread and every connection, then closes all descriptors. Safe on a closed listener.
+    void Close();
+
+    /// The listener is handed to every connection accepted from now on. Not owned; set before Open.
+    void SetListener(ISocketListener* pListener) { m_pListener = pListener; }
+    int GetPort() const { return m_nPort; }
+    /// The listening descriptor, -1 when closed. It stays owned by this object.
+    int GetSocket() const { return m_ServerSocket.Get(); }
+
+private:
+    bool Listen(char* pcStatus);
+    void Run();
+    /// The next connection, ready for use; empty if there is none.
+    CDescriptor Accept(sockaddr_in* pPeer);
+    void RecoverFromAcceptFailure(int iError);
+    /// The index of a slot that is not in use, m_nMaxNum if there is none.
+    int WaitForFreeSlot() const;
+    int FindFreeSlot() const;
+    bool IsAnyPeerGone() const;
+
+    int m_nPort = 0;
+    int m_nMaxNum = 0;
+    CDescriptor m_ServerSocket;
+    CDescriptor m_Standard;  ///< keeps descriptor 0 taken while listening
+    std::atomic<bool> m_bClosed{true};
+    ISocketListener* m_pListener = nullptr;
+    CUtilities* m_pUtilities = nullptr;
+    std::thread m_hThread;
+    std::vector<std::unique_ptr<CSocket>> m_pSockets;
+};

@@ -1,0 +1,260 @@
+// Receiving, sending and the end of one socket.
+#include "Socket.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <system_error>
+
+#include <arpa/inet.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+namespace {
+
+/// Room for the one control message that is used: which local address a datagram was sent to.
+union PacketInfo {
+    cmsghdr header;
+    char cBytes[CMSG_SPACE(sizeof(in_pktinfo))];
+};
+
+/// True for errors that say that the descriptor itself is unusable: receiving again would fail for ever. Everything
+/// else that a datagram socket reports (an unreachable peer, a lack of memory) concerns one datagram.
+bool IsDescriptorUnusable(int iError) {
+    return iError == EBADF || iError == ENOTSOCK || iError == EINVAL || iError == EFAULT || iError == EOPNOTSUPP;
+}
+
+/// Datagram sockets report the address that a datagram was sent to, so that a reply comes from there also on a host
+/// with several addresses. A send gives up after the time that stream sockets are given.
+void PrepareDatagramSocket(int iSocket) {
+    const int iOn = 1;
+    // Without it the system chooses the address of replies.
+    static_cast<void>(::setsockopt(iSocket, IPPROTO_IP, IP_PKTINFO, &iOn, sizeof(iOn)));
+    const timeval limit{CSocket::kSendTimeoutSeconds, 0};
+    // Cannot fail for a socket.
+    static_cast<void>(::setsockopt(iSocket, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit)));
+}
+
+/// Waits until the socket can take more bytes or the time is over.
+void WaitWritable(int iSocket, std::chrono::steady_clock::duration limit) {
+    pollfd descriptor{iSocket, POLLOUT, 0};
+    const auto nMilliseconds = std::chrono::ceil<std::chrono::milliseconds>(limit).count();
+    static_cast<void>(::poll(&descriptor, 1, static_cast<int>(nMilliseconds)));  // the next send tells
+}
+
+}  // namespace
+
+CSocket::CSocket(int iType, unsigned long lProgId) : m_iType(iType), m_lProgId(lProgId) {
+    SetRemoteAddr(m_RemoteAddr);
+}
+
+CSocket::~CSocket() {
+    Close();
+}
+
+bool CSocket::Open(int iSocket, ISocketListener* pListener, const sockaddr_in* pPeer) {
+    Close();
+    // A slot is used again: nothing of the earlier connection may reach this one.
+    m_InputStream.ResetBuffer();
+    m_OutputStream.ResetBuffer();
+    m_bHasLocalAddr = false;
+    m_pListener = pListener;
+    if (pPeer != nullptr) {
+        SetRemoteAddr(*pPeer);
+    }
+    m_Socket = iSocket;
+    if (iSocket == -1) {
+        return true;
+    }
+    if (m_iType == kDatagram) {
+        PrepareDatagramSocket(iSocket);
+    }
+    m_bStop = false;
+    m_bActive = true;
+    try {
+        m_hThread = std::thread(&CSocket::Run, this);
+    } catch (const std::system_error&) {
+        m_bActive = false;
+        Close();
+        return false;
+    }
+    return true;
+}
+
+void CSocket::Close() {
+    Shutdown();
+    if (m_hThread.joinable()) {
+        m_hThread.join();
+    }
+    const int iSocket = m_Socket.exchange(-1);
+    if (iSocket != -1) {
+        ::close(iSocket);
+    }
+}
+
+void CSocket::Shutdown() {
+    const int iSocket = m_Socket;
+    if (iSocket != -1) {
+        m_bStop = true;  // first: the thread tells an ending receive from an empty datagram by it
+        // Wakes a blocked receive or send; an unconnected datagram socket reports ENOTCONN and is woken all the same.
+        static_cast<void>(::shutdown(iSocket, SHUT_RDWR));
+    }
+}
+
+bool CSocket::IsPeerGone() const {
+    pollfd descriptor{m_Socket, POLLRDHUP, 0};
+    return ::poll(&descriptor, 1, 0) > 0;
+}
+
+// ==== The socket's own thread ====================================================================================
+
+void CSocket::Run() {
+    while (!m_bStop) {
+        const Received received = m_iType == kStream ? ReceiveStream() : ReceiveDatagram();
+        if (received == Received::kEnd) {
+            break;
+        }
+        if (received == Received::kBytes && m_pListener != nullptr) {
+            m_pListener->SocketReceived(this);
+        }
+    }
+    // The peer learns at once that nobody listens any more; the descriptor stays until the slot is used again.
+    static_cast<void>(::shutdown(m_Socket, SHUT_RDWR));
+    m_bActive = false;
+}
+
+CSocket::Received CSocket::ReceiveStream() {
+    m_InputStream.ConsolidateBuffer(0);
+    const unsigned int nFree = m_InputStream.GetFreeBufferSize();
+    if (nFree == 0) {
+        return Received::kEnd;  // a megabyte without one complete call
+    }
+    const ssize_t nReceived = ::recv(m_Socket, m_InputStream.GetFreeBuffer(), nFree, 0);
+    if (nReceived < 0) {
+        return errno == EINTR ? Received::kNothing : Received::kEnd;
+    }
+    if (nReceived == 0) {
+        return Received::kEnd;
+    }
+    m_InputStream.AddFilledBufferSize(static_cast<unsigned int>(nReceived));
+    return Received::kBytes;
+}
+
+CSocket::Received CSocket::ReceiveDatagram() {
+    // Each datagram is an exchange of its own: what an earlier one left behind, received or unsent, is dropped.
+    m_InputStream.ResetBuffer();
+    m_OutputStream.ResetBuffer();
+
+    sockaddr_in sender{};
+    PacketInfo control{};
+    iovec bytes{m_InputStream.GetFreeBuffer(), m_InputStream.GetFreeBufferSize()};
+    msghdr message{};
+    message.msg_name = &sender;
+    message.msg_namelen = sizeof(sender);
+    message.msg_iov = &bytes;
+    message.msg_iovlen = 1;
+    message.msg_control = &control;
+    message.msg_controllen = sizeof(control);
+
+    const ssize_t nReceived = ::recvmsg(m_Socket, &message, 0);
+    if (nReceived < 0) {
+        return IsDescriptorUnusable(errno) ? Received::kEnd : Received::kNothing;
+    }
+    if (nReceived == 0) {
+        return Received::kNothing;  // an empty datagram; or the shutdown, which the caller sees
+    }
+    SetRemoteAddr(sender);
+    m_bHasLocalAddr = false;
+    for (cmsghdr* pHeader = CMSG_FIRSTHDR(&message); pHeader != nullptr; pHeader = CMSG_NXTHDR(&message, pHeader)) {
+        if (pHeader->cmsg_level == IPPROTO_IP && pHeader->cmsg_type == IP_PKTINFO) {
+            in_pktinfo info{};
+            std::memcpy(&info, CMSG_DATA(pHeader), sizeof(info));
+            m_LocalAddr = info.ipi_spec_dst;
+            m_bHasLocalAddr = true;
+        }
+    }
+    m_InputStream.AddFilledBufferSize(static_cast<unsigned int>(nReceived));
+    return Received::kBytes;
+}
+
+void CSocket::Send() {
+    if (m_Socket == -1 || m_OutputStream.GetBufferSize() == 0) {
+        return;
+    }
+    if (m_iType == kStream) {
+        SendStream();
+    } else {
+        SendDatagram();
+    }
+}
+
+void CSocket::SendStream() {
+    using Clock = std::chrono::steady_clock;
+    const unsigned int nSize = m_OutputStream.GetBufferSize();
+    unsigned int nSent = 0;
+    bool bStalled = false;
+    Clock::time_point deadline;
+    while (nSent < nSize) {
+        const ssize_t n =
+            ::send(m_Socket, m_OutputStream.GetBuffer() + nSent, nSize - nSent, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (n > 0) {
+            nSent += static_cast<unsigned int>(n);
+            bStalled = false;
+            continue;
+        }
+        if (n < 0 && (errno == EAGAIN || errno == EINTR)) {
+            const Clock::time_point now = Clock::now();
+            if (!bStalled) {
+                bStalled = true;
+                deadline = now + std::chrono::seconds(kSendTimeoutSeconds);
+            }
+            if (now < deadline) {
+                WaitWritable(m_Socket, deadline - now);
+                continue;
+            }
+        }
+        // The peer is gone, or takes nothing more. The rest of this reply can never follow: end the connection.
+        static_cast<void>(::shutdown(m_Socket, SHUT_RDWR));
+        break;
+    }
+    if (nSent > 0) {
+        m_OutputStream.FreeBuffer(nSent);
+    }
+}
+
+void CSocket::SendDatagram() {
+    PacketInfo control{};
+    iovec bytes{m_OutputStream.GetBuffer(), m_OutputStream.GetBufferSize()};
+    msghdr message{};
+    message.msg_name = &m_RemoteAddr;
+    message.msg_namelen = sizeof(m_RemoteAddr);
+    message.msg_iov = &bytes;
+    message.msg_iovlen = 1;
+    if (m_bHasLocalAddr) {
+        in_pktinfo info{};
+        info.ipi_spec_dst = m_LocalAddr;
+        message.msg_control = &control;
+        message.msg_controllen = sizeof(control);
+        cmsghdr* pHeader = CMSG_FIRSTHDR(&message);
+        pHeader->cmsg_level = IPPROTO_IP;
+        pHeader->cmsg_type = IP_PKTINFO;
+        pHeader->cmsg_len = CMSG_LEN(sizeof(info));
+        std::memcpy(CMSG_DATA(pHeader), &info, sizeof(info));
+    }
+    ssize_t nSent = -1;
+    do {
+        nSent = ::sendmsg(m_Socket, &message, MSG_NOSIGNAL);
+    } while (nSent < 0 && errno == EINTR);
+    if (nSent > 0) {
+        m_OutputStream.FreeBuffer(static_cast<unsigned int>(nSent));
+    }
+}
+
+void CSocket::SetRemoteAddr(const sockaddr_in& address) {
+    m_RemoteAddr = address;
+    // Cannot fail: the family is known and the room is right.
+    static_cast<void>(::inet_ntop(AF_INET, &m_RemoteAddr.sin_addr, m_cRemoteAddress, sizeof(m_cRemoteAddress)));
+}

@@ -1,0 +1,15 @@
+// What a socket thread calls when bytes have arrived.
+#pragma once
+
+class CSocket;
+
+/// Receives every batch of bytes that any socket thread takes in. Called on that socket's own thread; several socket
+/// threads call at the same time.
+class ISocketListener {
+public:
+    virtual ~ISocketListener() = default;
+
+    /// New bytes stand in the socket's input stream; replies are left in its output stream and sent by CSocket::Send.
+    /// Bytes that are not consumed stay (stream sockets) until more have come.
+    virtual void SocketReceived(CSocket* pSocket) = 0;
+};

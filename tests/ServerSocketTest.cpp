@@ -1,0 +1,340 @@
+// The TCP listener: accepting, the connection limit, closing.
+#include "ServerSocket.h"
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Descriptor.h"
+#include "LeakGuard.h"
+#include "Limits.h"
+#include "LogCapture.h"
+#include "RpcClient.h"
+#include "SocketDoubles.h"
+#include "TempFolder.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+class ServerSocketTest : public testing::Test {
+protected:
+    ServerSocketTest() { m_Server.SetListener(&m_Echo); }
+
+    void Open(int nMaxNum) { ASSERT_TRUE(m_Server.Open(100003, 0, nMaxNum, nullptr, m_cStatus)) << m_cStatus; }
+    std::unique_ptr<RpcClient> Connect() { return std::make_unique<RpcClient>(Transport::kTcp, m_Server.GetPort()); }
+    static void ExpectServed(RpcClient& client) {
+        client.Send("hello");
+        EXPECT_EQ(client.ReceiveBytes(5), "hello");
+    }
+
+    /// Connects a socket that exists already; false if its bytes do not come back.
+    bool IsServed(int iSocket) {
+        sockaddr_in server{};
+        server.sin_family = AF_INET;
+        server.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        server.sin_port = htons(static_cast<in_port_t>(m_Server.GetPort()));
+        char cBytes[5];
+        return connect(iSocket, reinterpret_cast<sockaddr*>(&server), sizeof(server)) == 0 &&
+               send(iSocket, "hello", 5, MSG_NOSIGNAL) == 5 && recv(iSocket, cBytes, 5, MSG_WAITALL) == 5 &&
+               std::memcmp(cBytes, "hello", 5) == 0;
+    }
+
+    /// In a process of its own: two connections are allowed, a third follows.
+    void ConnectOnceTooOften() {
+        const rlimit noCore{0, 0};
+        setrlimit(RLIMIT_CORE, &noCore);
+        Open(2);
+        const auto pFirst = Connect();
+        const auto pSecond = Connect();
+        ExpectServed(*pFirst);
+        ExpectServed(*pSecond);
+        const auto pThird = Connect();
+        std::this_thread::sleep_for(30s);
+    }
+
+    /// The server's end of a client's connection.
+    static int FindServerEnd(const RpcClient& client) {
+        sockaddr_in own{};
+        socklen_t nLength = sizeof(own);
+        getsockname(client.GetSocket(), reinterpret_cast<sockaddr*>(&own), &nLength);
+        for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+            const int iSocket = std::stoi(entry.path().filename().string());
+            sockaddr_in peer{};
+            nLength = sizeof(peer);
+            if (getpeername(iSocket, reinterpret_cast<sockaddr*>(&peer), &nLength) == 0 &&
+                peer.sin_port == own.sin_port && iSocket != client.GetSocket()) {
+                return iSocket;
+            }
+        }
+        return -1;
+    }
+
+    static int Option(int iSocket, int iLevel, int iOption) {
+        int iValue = -1;
+        socklen_t nLength = sizeof(iValue);
+        getsockopt(iSocket, iLevel, iOption, &iValue, &nLength);
+        return iValue;
+    }
+
+    LeakGuard m_Leaks;
+    FunctionListener m_Echo{Echo};
+    CServerSocket m_Server;
+    char m_cStatus[kReasonBufferSize] = "";
+};
+
+using ServerSocketDeathTest = ServerSocketTest;
+
+}  // namespace
+
+TEST_F(ServerSocketTest, ANewListenerIsClosed) {
+    EXPECT_EQ(m_Server.GetSocket(), -1);
+    m_Server.Close();
+}
+
+TEST_F(ServerSocketTest, AsManyConnectionsAsAllowedAreServedAtTheSameTime) {
+    Open(3);
+    std::vector<std::unique_ptr<RpcClient>> vpClients;
+    for (int i = 0; i < 3; ++i) {
+        vpClients.push_back(Connect());
+    }
+    for (const auto& pClient : vpClients) {
+        ExpectServed(*pClient);
+    }
+}
+
+TEST_F(ServerSocketDeathTest, OneConnectionMoreAbortsTheProcess) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(ConnectOnceTooOften(),
+                 "src/ServerSocket.cpp:[0-9]+: .*CServerSocket::Run\\(\\).*Assertion `i < m_nMaxNum' failed");
+}
+
+TEST_F(ServerSocketTest, AConnectionThatClosesFreesItsSlotForTheNextOne) {
+    Open(1);
+    for (int i = 0; i < 50; ++i) {
+        const auto pClient = Connect();
+        ExpectServed(*pClient);
+    }
+}
+
+TEST_F(ServerSocketTest, AConnectionWhosePeerHasClosedDoesNotCountWhileItsLastCallRuns) {
+    FunctionListener slow([](CSocket* pSocket) {
+        std::this_thread::sleep_for(200ms);  // a call that takes its time
+        Echo(pSocket);
+    });
+    m_Server.SetListener(&slow);
+    Open(1);
+    {
+        const auto pGone = Connect();
+        pGone->Send("a call");
+    }
+    const auto pNext = Connect();
+    ExpectServed(*pNext);
+}
+
+TEST_F(ServerSocketTest, ClosingEndsAllConnectionsFirst) {
+    Open(3);
+    const auto pFirst = Connect();
+    const auto pSecond = Connect();
+    ExpectServed(*pFirst);
+    ExpectServed(*pSecond);
+    m_Server.Close();
+    EXPECT_EQ(m_Server.GetSocket(), -1);
+    EXPECT_TRUE(pFirst->IsClosedByPeer());
+    EXPECT_TRUE(pSecond->IsClosedByPeer());
+    pFirst->Close();
+    pSecond->Close();
+    m_Leaks.Check();  // no thread and no descriptor is left
+}
+
+TEST_F(ServerSocketTest, ClosingEndsAConnectionWhoseCallWaitsForAnothers) {
+    Mutex mutex;
+    FunctionListener oneAtATime([&](CSocket* pSocket) {
+        const MutexLock lock(mutex);
+        TakeInput(pSocket);
+        pSocket->GetOutputStream()->Write(nullptr, CSocketStream::GetMaxBufferSize());
+        pSocket->Send();
+        pSocket->GetOutputStream()->Write(nullptr, CSocketStream::GetMaxBufferSize());
+        pSocket->Send();
+        pSocket->GetOutputStream()->Write(nullptr, CSocketStream::GetMaxBufferSize());
+        pSocket->Send();
+    });
+    m_Server.SetListener(&oneAtATime);
+    Open(2);
+    const auto pFirst = Connect();
+    const auto pSecond = Connect();
+    pFirst->Send("x");
+    pSecond->Send("x");
+    pFirst->ReceiveBytes(1);  // its reply is under way and will not be read
+    const auto start = std::chrono::steady_clock::now();
+    m_Server.Close();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 4s);
+}
+
+TEST_F(ServerSocketTest, APortInUseFailsWithTheSystemsReason) {
+    Open(1);
+    CServerSocket second;
+    EXPECT_FALSE(second.Open(100003, m_Server.GetPort(), 1, nullptr, m_cStatus));
+    EXPECT_STREQ(m_cStatus, "Fail to bind server socket. Address already in use (98)");
+    EXPECT_EQ(second.GetSocket(), -1);
+    EXPECT_FALSE(second.Open(100003, m_Server.GetPort(), 1, nullptr, nullptr)) << "no buffer, no text";
+}
+
+TEST_F(ServerSocketTest, WithoutDescriptorsOpeningFailsWithTheSystemsReason) {
+    rlimit before{};
+    getrlimit(RLIMIT_NOFILE, &before);
+    const rlimit none{0, before.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    const bool bOpen = m_Server.Open(100003, 0, 1, nullptr, m_cStatus);
+    setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_FALSE(bOpen);
+    EXPECT_STREQ(m_cStatus, "Fail to create server socket. Too many open files (24)");
+}
+
+TEST_F(ServerSocketTest, APortIsFreeAgainAtOnceAfterConnectionsWereClosed) {
+    Open(2);
+    const int iPort = m_Server.GetPort();
+    const auto pClient = Connect();
+    ExpectServed(*pClient);
+    m_Server.Close();  // the closing side: its connection stays in TIME_WAIT
+    ASSERT_TRUE(m_Server.Open(100003, iPort, 2, nullptr, m_cStatus)) << m_cStatus;
+    EXPECT_EQ(m_Server.GetPort(), iPort);
+    ExpectServed(*Connect());
+}
+
+TEST_F(ServerSocketTest, OpeningAnewClosesWhatWasOpen) {
+    Open(1);
+    const auto pClient = Connect();
+    ExpectServed(*pClient);
+    Open(1);
+    EXPECT_TRUE(pClient->IsClosedByPeer());
+    ExpectServed(*Connect());
+}
+
+TEST_F(ServerSocketTest, ConnectionsSendAtOnceAndNoticeAVanishedPeer) {
+    Open(1);
+    const auto pClient = Connect();
+    ExpectServed(*pClient);
+    const int iSocket = FindServerEnd(*pClient);
+    ASSERT_NE(iSocket, -1);
+    EXPECT_NE(Option(iSocket, IPPROTO_TCP, TCP_NODELAY), 0);
+    EXPECT_NE(Option(iSocket, SOL_SOCKET, SO_KEEPALIVE), 0);
+    EXPECT_EQ(Option(iSocket, IPPROTO_TCP, TCP_KEEPIDLE), 60);
+    EXPECT_EQ(Option(iSocket, IPPROTO_TCP, TCP_KEEPCNT), 5);
+    EXPECT_EQ(Option(iSocket, IPPROTO_TCP, TCP_KEEPINTVL), 10);
+    EXPECT_TRUE(fcntl(iSocket, F_GETFD) & FD_CLOEXEC);
+    EXPECT_TRUE(fcntl(m_Server.GetSocket(), F_GETFD) & FD_CLOEXEC);
+}
+
+TEST_F(ServerSocketTest, TheListenerIsToldThePeerAndTheProgram) {
+    FunctionListener tell([](CSocket* pSocket) {
+        TakeInput(pSocket);
+        const std::string sText = std::string(pSocket->GetRemoteAddress()) + " " +
+                                  std::to_string(pSocket->GetRemotePort()) + " " +
+                                  std::to_string(pSocket->GetProgId()) + " " + std::to_string(pSocket->GetType());
+        pSocket->GetOutputStream()->Write(sText.data(), static_cast<unsigned int>(sText.size()));
+        pSocket->Send();
+    });
+    m_Server.SetListener(&tell);
+    Open(1);
+    RpcClient client(Transport::kTcp, m_Server.GetPort(), "127.0.0.7");
+    sockaddr_in own{};
+    socklen_t nLength = sizeof(own);
+    getsockname(client.GetSocket(), reinterpret_cast<sockaddr*>(&own), &nLength);
+    client.Send("x");
+    const std::string sExpected = "127.0.0.7 " + std::to_string(ntohs(own.sin_port)) + " 100003 1";
+    EXPECT_EQ(client.ReceiveBytes(sExpected.size()), sExpected);
+}
+
+// ---- A process without standard input ----
+
+TEST_F(ServerSocketTest, WithStandardInputClosedBeforeOpeningEveryConnectionIsServed) {
+    const CDescriptor saved(fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 100));
+    close(STDIN_FILENO);
+    Open(1);
+    EXPECT_GE(m_Server.GetSocket(), 3);
+    {
+        RpcClient client(Transport::kTcp, m_Server.GetPort());
+        ExpectServed(client);
+    }
+    m_Server.Close();
+    EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1) << "the number is given back";
+    dup2(saved.Get(), STDIN_FILENO);
+}
+
+TEST_F(ServerSocketTest, AConnectionAcceptedAsDescriptorZeroIsNoneAndTheNextOneIsServed) {
+    Open(2);
+    // The clients' own sockets must not take number 0: they are made before it is free.
+    const CDescriptor before = CDescriptor::OpenSocket(SOCK_STREAM);
+    const CDescriptor zero = CDescriptor::OpenSocket(SOCK_STREAM);
+    const CDescriptor next = CDescriptor::OpenSocket(SOCK_STREAM);
+    const CDescriptor saved(fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 100));
+    close(STDIN_FILENO);
+    // The system may have given the waiting accept its number already; then the one after it gets 0.
+    const bool bFirst = IsServed(before.Get());
+    const bool bSecond = IsServed(zero.Get());
+    EXPECT_NE(bFirst, bSecond) << "one of them is not served and learns it";
+    EXPECT_NE(fcntl(STDIN_FILENO, F_GETFD), -1) << "the descriptor is not closed meanwhile";
+    EXPECT_TRUE(IsServed(next.Get()));
+    m_Server.Close();
+    EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1) << "and does not leak";
+    dup2(saved.Get(), STDIN_FILENO);
+}
+
+TEST_F(ServerSocketTest, ConnectionsNeverTakeStandardOutputsNumber) {
+    Open(2);
+    const CDescriptor before = CDescriptor::OpenSocket(SOCK_STREAM);
+    const CDescriptor client = CDescriptor::OpenSocket(SOCK_STREAM);
+    const CDescriptor saved(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 100));
+    close(STDOUT_FILENO);
+    const bool bFirst = IsServed(before.Get());
+    const bool bSecond = IsServed(client.Get());
+    m_Server.Close();
+    const bool bFree = fcntl(STDOUT_FILENO, F_GETFD) == -1;
+    dup2(saved.Get(), STDOUT_FILENO);
+    EXPECT_TRUE(bFirst);
+    EXPECT_TRUE(bSecond);
+    EXPECT_TRUE(bFree);
+}
+
+// ---- A process without descriptors ----
+
+TEST_F(ServerSocketTest, AcceptingOutOfDescriptorsFreesCachedFiles) {
+    TempFolder folder;
+    LogCapture log;
+    CaptureUtilities utilities(&log);
+    CRuntimeParam runtimeParam("test", 0);
+    LogArgu logArgu{"test"};
+    ASSERT_TRUE(m_Server.Open(100003, 0, 2, &utilities, m_cStatus)) << m_cStatus;
+    const CDescriptor client = CDescriptor::OpenSocket(SOCK_STREAM);
+    const CDescriptor second = CDescriptor::OpenSocket(SOCK_STREAM);
+    for (int i = 0; i < 5; ++i) {
+        const std::string sPath = folder / std::to_string(i);
+        WriteWholeFile(sPath, "x");
+        ASSERT_TRUE(utilities.GetCachedFileHandle(&runtimeParam, &logArgu, sPath.c_str(), false).IsOpen());
+    }
+    const CDescriptor next(fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3));  // the lowest free number
+    rlimit before{};
+    getrlimit(RLIMIT_NOFILE, &before);
+    const rlimit exhausted{static_cast<rlim_t>(next.Get()) + 1, before.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &exhausted);
+    const bool bFirst = IsServed(client.Get());  // the system gave the waiting accept its number before
+    const bool bSecond = IsServed(second.Get());
+    setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_TRUE(bFirst);
+    EXPECT_TRUE(bSecond);
+    m_Server.Close();
+}

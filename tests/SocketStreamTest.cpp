@@ -1,0 +1,34 @@
+// What both XDR streams share.
+#include "SocketStream.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "InputStream.h"
+#include "OutputStream.h"
+
+TEST(SocketStream, TheBufferHoldsOneMebibyte) {
+    EXPECT_EQ(CSocketStream::GetMaxBufferSize(), 1048576U);
+    EXPECT_EQ(CInputStream().GetFreeBufferSize(), 1048576U);
+    EXPECT_EQ(COutputStream().GetFreeBufferSize(), 1048576U);
+}
+
+TEST(SocketStream, ReverseByteOrderReadsABigEndianWordAtAnyAddress) {
+    const unsigned char cBytes[] = {0xFF, 0x00, 0x01, 0x86, 0xA3, 0xFF, 0x80};
+    const auto Word = [&](int i) {
+        return CSocketStream::ReverseByteOrder(reinterpret_cast<const unsigned int*>(cBytes + i));
+    };
+    EXPECT_EQ(Word(1), 100003U);
+    EXPECT_EQ(Word(0), 0xFF000186U);
+    EXPECT_EQ(Word(3), 0x86A3FF80U);
+}
+
+TEST(SocketStream, AFreshBufferIsZero) {
+    CInputStream input;
+    input.AddFilledBufferSize(input.GetMaxBufferSize());
+    const char* pcBytes = input.GetFilledBuffer(0, input.GetMaxBufferSize());
+    ASSERT_NE(pcBytes, nullptr);
+    EXPECT_EQ(pcBytes[0], 0);
+    EXPECT_EQ(std::memcmp(pcBytes, pcBytes + 1, input.GetMaxBufferSize() - 1), 0);
+}
