@@ -1,0 +1,52 @@
+// CPortmap: registration of ports with the portmapper of the system (RFC 1833).
+#pragma once
+
+#include <map>
+#include <utility>
+
+#include "Descriptor.h"
+
+class CRuntimeParam;
+class CServerSocket;
+class CUtilities;
+
+/// Tells a running system portmapper, through the ONC RPC library, where our programs are found. Whether one runs is
+/// decided once, at construction: it does if port 111 cannot be bound.
+///
+/// The library's service transports are used only for what their registration does; none is ever serviced.
+/// Not locked: used by the controller that starts and stops the server. Messages need the portmap log bit.
+class CPortmap {
+public:
+    /// Neither is owned; both outlive this object.
+    CPortmap(CUtilities* pUtilities, CRuntimeParam* pRuntimeParam);
+    virtual ~CPortmap();
+    CPortmap(const CPortmap&) = delete;
+    CPortmap& operator=(const CPortmap&) = delete;
+
+    bool IsRunning() const { return bIsRunning; }
+    /// With bForceCheck port 111 is probed anew (the stored answer stays).
+    bool IsRunning(bool bForceCheck);
+
+    /// Registers a program version for UDP and TCP with the port that the TCP socket is bound to; earlier entries of
+    /// the program version are dropped first. The socket stays the caller's. With socket 0 one is made for the port
+    /// and held until the program is unregistered. On failure a one-line reason is left in the buffer of
+    /// kReasonBufferSize characters (may be null).
+    bool Register(unsigned long lProgNum, unsigned long lProgVer, int sock, unsigned long lPort, char* pcStatus);
+    bool Register(unsigned long lProgNum, unsigned long lProgVer, CServerSocket* pServerSocket, char* pcStatus);
+    void Unregister(unsigned long lProgNum, unsigned long lProgVer, char* pcStatus);
+
+private:
+    /// Results of CreateSocket that are no descriptor.
+    static constexpr int kNoSocket = -1;
+    static constexpr int kNotBound = -2;
+
+    bool RegisterSvc(long lProgNum, long lProgVer, int sock, char* pcStatus);
+    int CreateSocket(unsigned long lPort, char* pcStatus);
+    bool IsLogPortmap() const;
+
+    bool bIsRunning = false;
+    CUtilities* m_pUtilities;
+    CRuntimeParam* m_pRuntimeParam;
+    /// Sockets made here, by program and version.
+    std::map<std::pair<unsigned long, unsigned long>, CDescriptor> m_OwnSockets;
+};
