@@ -1,0 +1,35 @@
+// CMountProg: the MOUNT program, versions 1 and 3 (RFC 1813, appendix I; RFC 1094, appendix A).
+#pragma once
+
+#include <string>
+
+#include "Nfs3Types.h"
+#include "RpcProg.h"
+#include "Utilities.h"
+
+/// Turns an export's name into its root file handle and binds the export to the calling client, and releases it again.
+///
+/// Any version is answered; version 1 differs only in how the handle is sent. Keeps no state between calls: bindings
+/// live in the export registry. Calls come one at a time (the RPC server's mutex).
+class CMountProg : public CRpcProg {
+public:
+    /// Procedures 0 to 5.
+    static constexpr unsigned int kProcedureCount = 6;
+
+    explicit CMountProg(CUtilities* pUtilities);
+
+    int Process(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam) override;
+    unsigned int GetMaxSupportProc() override;
+
+    // The handlers: decode the arguments, write the result's body, return a ProgramStatus.
+    int ProcedureNULL(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam);
+    int ProcedureMNT(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam);
+    int ProcedureUMNT(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam);
+    int ProcedureNOIMP(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam);
+
+    /// Reads an export name. False, with its bytes left unread, for one of kPathBufferSize bytes or more.
+    bool ReadPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CInputStream* pInput, COpaquePath* pPath);
+
+private:
+    bool BindExport(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sExportName, char* pcHandle);
+};

@@ -1,0 +1,95 @@
+// The frame of the NFS version 3 program: dispatch by number, and what every procedure begins and ends with.
+#include "Nfs3Prog.h"
+
+#include "ProgramFrame.h"
+
+namespace {
+
+using Procedure = CNfs3Prog::Procedure;
+
+constexpr std::array<Procedure, CNfs3Prog::kProcedureCount> kProcedures{{
+    {"Nfs3Prog.ProcedureNULL", &CNfs3Prog::ProcedureNULL},
+    {"Nfs3Prog.ProcedureGETATTR", &CNfs3Prog::ProcedureGETATTR},
+    {"Nfs3Prog.ProcedureSETATTR", &CNfs3Prog::ProcedureSETATTR},
+    {"Nfs3Prog.ProcedureLOOKUP", &CNfs3Prog::ProcedureLOOKUP},
+    {"Nfs3Prog.ProcedureACCESS", &CNfs3Prog::ProcedureACCESS},
+    {"Nfs3Prog.ProcedureREADLINK", &CNfs3Prog::ProcedureREADLINK},
+    {"Nfs3Prog.ProcedureREAD", &CNfs3Prog::ProcedureREAD},
+    {"Nfs3Prog.ProcedureWRITE", &CNfs3Prog::ProcedureWRITE},
+    {"Nfs3Prog.ProcedureCREATE", &CNfs3Prog::ProcedureCREATE},
+    {"Nfs3Prog.ProcedureMKDIR", &CNfs3Prog::ProcedureMKDIR},
+    {"Nfs3Prog.ProcedureSYMLINK", &CNfs3Prog::ProcedureSYMLINK},
+    {"Nfs3Prog.ProcedureMKNOD", &CNfs3Prog::ProcedureMKNOD},
+    {"Nfs3Prog.ProcedureREMOVE", &CNfs3Prog::ProcedureREMOVE},
+    {"Nfs3Prog.ProcedureRMDIR", &CNfs3Prog::ProcedureRMDIR},
+    {"Nfs3Prog.ProcedureRENAME", &CNfs3Prog::ProcedureRENAME},
+    {"Nfs3Prog.ProcedureLINK", &CNfs3Prog::ProcedureLINK},
+    {"Nfs3Prog.ProcedureREADDIR", &CNfs3Prog::ProcedureREADDIR},
+    {"Nfs3Prog.ProcedureREADDIRPLUS", &CNfs3Prog::ProcedureREADDIRPLUS},
+    {"Nfs3Prog.ProcedureFSSTAT", &CNfs3Prog::ProcedureFSSTAT},
+    {"Nfs3Prog.ProcedureFSINFO", &CNfs3Prog::ProcedureFSINFO},
+    {"Nfs3Prog.ProcedurePATHCONF", &CNfs3Prog::ProcedurePATHCONF},
+    {"Nfs3Prog.ProcedureCOMMIT", &CNfs3Prog::ProcedureCOMMIT},
+}};
+
+}  // namespace
+
+CNfs3Prog::CNfs3Prog(CUtilities* pUtilities)
+    : CRpcProg(pUtilities), m_iSysUpTime(CUtilities::GetCurrentSystemTimeInMilliseconds()) {}
+
+unsigned int CNfs3Prog::GetVersion() {
+    return kVersion;
+}
+
+unsigned int CNfs3Prog::GetMaxSupportProc() {
+    return kProcedureCount;
+}
+
+const std::array<CNfs3Prog::Procedure, CNfs3Prog::kProcedureCount>& CNfs3Prog::GetProcedures() {
+    return kProcedures;
+}
+
+void CNfs3Prog::SetUserID(unsigned int iUId, unsigned int iGId) {
+    m_iUId = iUId;
+    m_iGId = iGId;
+}
+
+void CNfs3Prog::SetReadOnly(bool bEnable) {
+    m_bReadOnly = bEnable;
+}
+
+int CNfs3Prog::Process(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam) {
+    const LogArgu logArgu{"Nfs3Prog.Process"};
+    LogProcedureName(m_pUtilities, pParam, logArgu);
+    if (m_pUtilities == nullptr || pParam->iProc >= kProcedures.size()) {
+        return ProcedureNOIMP(pInput, pOutput, pParam);
+    }
+    const Procedure& procedure = kProcedures[pParam->iProc];
+    return RunGuarded(m_pUtilities, pParam, logArgu,
+                      [&] { return (this->*procedure.pHandler)(pInput, pOutput, pParam); });
+}
+
+int CNfs3Prog::ProcedureNULL(CInputStream* /*pInput*/, COutputStream* /*pOutput*/, ProcessParam* pParam) {
+    BeginProcedure(pParam, NFSPROC3_NULL);
+    return kProgHandled;
+}
+
+int CNfs3Prog::ProcedureNOIMP(CInputStream* /*pInput*/, COutputStream* /*pOutput*/, ProcessParam* pParam) {
+    LogProcedureName(m_pUtilities, pParam, LogArgu{"Nfs3Prog.ProcedureNOIMP"});
+    return kProgNotImplemented;
+}
+
+/// Logs that a procedure is entered. Returns its tag.
+LogArgu CNfs3Prog::BeginProcedure(ProcessParam* pParam, unsigned int iProc) {
+    const LogArgu logArgu{kProcedures[iProc].pcTag};
+    LogProcedureName(m_pUtilities, pParam, logArgu);
+    return logArgu;
+}
+
+/// Logs a procedure's NFS status. The call itself is handled, whatever that is.
+int CNfs3Prog::EndProcedure(ProcessParam* pParam, const LogArgu& logArgu, nfsstat3 iStatus) {
+    if (pParam->pRuntimeParam->IsLogProcFuncArgu()) {
+        m_pUtilities->LogInfo(pParam->pRuntimeParam, "[%s] End stat=%d", logArgu.pcName, static_cast<int>(iStatus));
+    }
+    return kProgHandled;
+}

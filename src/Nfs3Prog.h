@@ -1,0 +1,202 @@
+// CNfs3Prog: the NFS version 3 program (RFC 1813) with its 22 procedures.
+//
+// The implementation is told in themed files: Nfs3Prog.cpp (frame), Nfs3ProgXdr.cpp (types on the wire),
+// Nfs3ProgPath.cpp (handles, names and what of the host they may reach), Nfs3ProgAttributes.cpp,
+// Nfs3ProgFileSystem.cpp, Nfs3ProgReadWrite.cpp, Nfs3ProgDirectory.cpp and Nfs3ProgNamespace.cpp (procedures).
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <string>
+
+#include <sys/types.h>
+
+#include "Nfs3Types.h"
+#include "RpcProg.h"
+#include "RuntimeParam.h"
+
+/// Answers calls on the files below the exports. A client reaches only what lies in an export once links are resolved.
+///
+/// Calls come one at a time (the RPC server's mutex), and nothing of a call is kept here. The settings may be changed
+/// by another thread meanwhile.
+class CNfs3Prog : public CRpcProg {
+public:
+    static constexpr unsigned int kVersion = 3;
+
+    /// FSINFO properties (RFC 1813, 3.3.19): the file system is alike throughout, and times can be set. Neither hard
+    /// nor symbolic links can be made.
+    static constexpr unsigned int kFsf3Homogeneous = 0x08;
+    static constexpr unsigned int kFsf3CanSetTime = 0x10;
+
+    /// The most bytes a READ returns of an ordinary file, and a WRITE stores: rtmax and wtmax of FSINFO. Either fits
+    /// into a reply or request buffer with ease.
+    static constexpr unsigned int kMaxReadSize = 65536;
+    static constexpr unsigned int kMaxWriteSize = 16384;
+
+    explicit CNfs3Prog(CUtilities* pUtilities);
+
+    int Process(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam) override;
+    unsigned int GetVersion() override;
+    unsigned int GetMaxSupportProc() override;
+
+    /// Stored for the host; owners in attributes are those of the host's files.
+    void SetUserID(unsigned int iUId, unsigned int iGId);
+    /// Refuses the modifying procedures, and says so in ACCESS.
+    void SetReadOnly(bool bEnable);
+
+    // ==== Procedures =============================================================================================
+    // Each decodes its arguments, checks, acts and encodes; the NFS status is part of the result written. The return
+    // value is a ProgramStatus. Short arguments throw CDataTruncatedExpt before anything is changed.
+
+    int ProcedureNULL(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam);
+    int ProcedureGETATTR(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam);
+    int ProcedureSETATTR(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam);
+    int ProcedureLOOKUP(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam);
+    int ProcedureACCESS(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam);
+    int ProcedureREADLINK(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam);
+    int ProcedureREAD(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam);
+    int ProcedureWRITE(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam);
+    int ProcedureCREATE(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam);
+    int ProcedureMKDIR(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam);
+    int ProcedureSYMLINK(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam);
+    int ProcedureMKNOD(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam);
+    int ProcedureREMOVE(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam);
+    int ProcedureRMDIR(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam);
+    int ProcedureRENAME(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam);
+    int ProcedureLINK(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam);
+    int ProcedureREADDIR(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam);
+    int ProcedureREADDIRPLUS(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam);
+    int ProcedureFSSTAT(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam);
+    int ProcedureFSINFO(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam);
+    int ProcedurePATHCONF(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam);
+    int ProcedureCOMMIT(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam);
+    int ProcedureNOIMP(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam);
+
+    /// One procedure: its log tag and its handler. The index in the table is its number.
+    struct Procedure {
+        const char* pcTag;
+        int (CNfs3Prog::*pHandler)(CInputStream*, COutputStream*, ProcessParam*);
+    };
+    static constexpr unsigned int kProcedureCount = 22;
+    static const std::array<Procedure, kProcedureCount>& GetProcedures();
+
+    // ==== Types on the wire (Nfs3ProgXdr.cpp) ====================================================================
+    // Decoders throw CDataTruncatedExpt where the input runs short. "Skip" consumes a value and leaves it unset.
+
+    static void Read(CInputStream* pInput, bool* pbValue);  ///< true only for 1
+    static void Read(CInputStream* pInput, unsigned int* piValue);
+    static void Read(CInputStream* pInput, unsigned long* plValue);
+    static void Read(CInputStream* pInput, nfstime3* pTime);
+    static void Read(CInputStream* pInput, opaque* pOpaque);
+    /// A text of kPathBufferSize bytes or more is consumed and taken as empty.
+    static void Read(CInputStream* pInput, COpaquePath* pPath, bool bSkip);
+    static void Read(CInputStream* pInput, sattr3* pAttributes, bool bSkip);
+    static void Read(CInputStream* pInput, sattrguard3* pGuard);
+    static void Read(CInputStream* pInput, createhow3* pHow);
+    static void Read(CInputStream* pInput, mknoddata3* pData, bool bSkip);
+
+    static void Write(COutputStream* pOutput, bool bValue);
+    static void Write(COutputStream* pOutput, unsigned int iValue);
+    static void Write(COutputStream* pOutput, unsigned long lValue);
+    static void Write(COutputStream* pOutput, const nfstime3& time);
+    static void Write(COutputStream* pOutput, const specdata3& data);
+    static void Write(COutputStream* pOutput, const opaque& data, bool bLengthOnly);
+    static void Write(COutputStream* pOutput, const COpaquePath& path, bool bLengthOnly);
+    static void Write(COutputStream* pOutput, const nfs_fh3& handle, bool bLengthOnly);
+    static void Write(COutputStream* pOutput, const fattr3& attributes);
+    static void Write(COutputStream* pOutput, const wcc_attr& attributes);
+    static void Write(COutputStream* pOutput, const pre_op_attr& attributes);
+    static void Write(COutputStream* pOutput, const post_op_attr& attributes);
+    static void Write(COutputStream* pOutput, const wcc_data& data);
+    static void Write(COutputStream* pOutput, const post_op_fh3& handle);
+
+    // ==== Handles, names and paths (Nfs3ProgPath.cpp) ============================================================
+
+    /// Reads a file handle. False, with the path left empty, if it names nothing.
+    bool ReadPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CInputStream* pInput, std::string* psPath);
+    /// Reads a directory handle and a name, and finds the entry's path: links resolved as far as it exists. False,
+    /// with the path left empty, if the handle names nothing or the path does not fit kPathBufferSize. *pbResolved, if
+    /// given, tells whether the entry exists; its path holds no link then.
+    bool ReadPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CInputStream* pInput, diropargs3* pDirOp,
+                  std::string* psPath, bool* pbResolved = nullptr);
+
+    /// Finds the export of a path and makes the call's runtime parameter carry its name and IPC ID. NFS3ERR_IO for a
+    /// path in no export.
+    nfsstat3 CheckProcessParam(ProcessParam* pParam, LogArgu* pLogArgu, const char* pcPath);
+    /// NFS3ERR_STALE for a null path. If it must exist: NFS3ERR_IO for one that does not (its last link followed), or
+    /// that links lead out of the exports.
+    nfsstat3 CheckPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, bool bMustExist);
+
+    /// Joins directory and name with "/" into a buffer of kPathBufferSize. False if one is null or they do not fit.
+    static bool AppendFilePath(const char* pcDir, const char* pcName, char* pcOut);
+    /// True for names that are never listed: none, "." and "..".
+    static bool IsInVaildDirName(const char* pcName);
+
+    // ==== Attributes (Nfs3ProgAttributes.cpp) ====================================================================
+
+    bool GetNfsFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, nfs_fh3* pHandle);
+    /// Attributes of the path itself (a link is not followed). False if they cannot be had.
+    bool GetNfsFileAttributes(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, fattr3* pAttributes);
+    /// Attributes before an operation are never given: false, and nothing is filled.
+    static bool GetNfsFileAttributes(const char* pcPath, wcc_attr* pAttributes);
+    /// Both keep the permission bits and the set-ID bits and drop the rest.
+    static unsigned int ConvertFileModeToNfsFileMode(mode_t iMode);
+    static mode_t ConvertNfsFileModeToFileMode(unsigned int iMode);
+
+private:
+    // ---- Frame (Nfs3Prog.cpp)
+    LogArgu BeginProcedure(ProcessParam* pParam, unsigned int iProc);
+    int EndProcedure(ProcessParam* pParam, const LogArgu& logArgu, nfsstat3 iStatus);
+
+    // ---- Failure replies, one for each shape (Nfs3ProgXdr.cpp)
+    static void WriteStatusAndAttributes(COutputStream* pOutput, nfsstat3 iStatus);
+    static void WriteStatusAndWcc(COutputStream* pOutput, nfsstat3 iStatus);
+
+    // ---- Paths (Nfs3ProgPath.cpp)
+    nfsstat3 CheckExisting(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sPath, bool bResolved = false);
+    nfsstat3 CheckUnresolved(ProcessParam* pParam, LogArgu* pLogArgu);
+    bool IsInExport(LogArgu* pLogArgu, const char* pcPath);
+    bool IsExportRoot(LogArgu* pLogArgu, const char* pcPath);
+    std::string FindMissingEntry(LogArgu* pLogArgu, const char* pcJoined);
+
+    // ---- Attributes (Nfs3ProgAttributes.cpp)
+    bool GetCanonicalHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, nfs_fh3* pHandle);
+    post_op_attr GetPostOpAttributes(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath);
+    nfsstat3 CheckGuard(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sPath, const sattrguard3& guard);
+    nfsstat3 ApplyAttributes(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sPath,
+                             const sattr3& attributes);
+    bool UpdateFileAttributes(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const std::string& sPath,
+                              const sattr3& attributes);
+
+    // ---- File system (Nfs3ProgFileSystem.cpp)
+    nfsstat3 CheckFileSystem(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sPath,
+                             post_op_attr* pAttributes);
+
+    // ---- READ and WRITE (Nfs3ProgReadWrite.cpp)
+    struct ReadCall;
+    struct WriteCall;
+    nfsstat3 ReadIntoReply(ProcessParam* pParam, LogArgu* pLogArgu, COutputStream* pOutput, ReadCall* pCall);
+    nfsstat3 WriteFromCall(ProcessParam* pParam, LogArgu* pLogArgu, CInputStream* pInput, WriteCall* pCall);
+
+    // ---- Directories (Nfs3ProgDirectory.cpp)
+    struct ListCall;
+    int ListDirectory(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam, unsigned int iProc);
+    void ReadListCall(CInputStream* pInput, ProcessParam* pParam, LogArgu* pLogArgu, ListCall* pCall);
+    bool WriteEntries(COutputStream* pOutput, ProcessParam* pParam, LogArgu* pLogArgu, ListCall* pCall);
+    void WriteEntry(COutputStream* pOutput, ProcessParam* pParam, LogArgu* pLogArgu, ListCall* pCall,
+                    const char* pcName);
+
+    // ---- Namespace (Nfs3ProgNamespace.cpp)
+    nfsstat3 CheckNewEntry(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sPath);
+    nfsstat3 CheckOldEntry(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sPath, bool bResolved);
+    nfsstat3 CreateFile(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sPath, const createhow3& how);
+    nfsstat3 RenameEntry(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sFrom, const std::string& sTo);
+    void WriteNewEntry(COutputStream* pOutput, ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sPath,
+                       nfsstat3 iStatus);
+
+    std::atomic<unsigned int> m_iUId{0};
+    std::atomic<unsigned int> m_iGId{0};
+    const unsigned long m_iSysUpTime;  ///< time of construction in ms since 1970: the write verifier
+    const unsigned int m_iFSF3Properties = kFsf3Homogeneous | kFsf3CanSetTime;
+    std::atomic<bool> m_bReadOnly{false};
+};

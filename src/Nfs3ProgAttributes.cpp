@@ -1,0 +1,296 @@
+// NFS version 3: GETATTR, SETATTR, LOOKUP, ACCESS, READLINK (RFC 1813, 3.3.1 to 3.3.5), and attributes of host files.
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+
+#include "InputStream.h"
+#include "Nfs3Prog.h"
+#include "OutputStream.h"
+#include "Utilities.h"
+
+namespace {
+
+// ACCESS bits (RFC 1813, 3.3.4) that a read-only server takes away.
+constexpr unsigned int kAccess3Modify = 0x04;
+constexpr unsigned int kAccess3Extend = 0x08;
+constexpr unsigned int kAccess3Delete = 0x10;
+constexpr unsigned int kAccess3Execute = 0x20;
+constexpr unsigned int kAccessesOfWriters = kAccess3Modify | kAccess3Extend | kAccess3Delete | kAccess3Execute;
+
+/// Permission bits, set-group-ID and set-user-ID: the same bits in st_mode and mode3. The sticky bit is not among them.
+constexpr unsigned int kSharedModeBits = S_IRWXU | S_IRWXG | S_IRWXO | S_ISGID | S_ISUID;
+static_assert(kSharedModeBits == 0xDFF);
+
+ftype3 GetFileType(mode_t iMode) {
+    switch (iMode & S_IFMT) {
+        case S_IFREG:
+            return NF3REG;
+        case S_IFDIR:
+            return NF3DIR;
+        case S_IFBLK:
+            return NF3BLK;
+        case S_IFCHR:
+            return NF3CHR;
+        case S_IFLNK:
+            return NF3LNK;
+        case S_IFSOCK:
+            return NF3SOCK;
+        case S_IFIFO:
+            return NF3FIFO;
+        default:
+            return NF3NONE;
+    }
+}
+
+/// The device a file stands for; for all but devices, deliberately, the one that holds it.
+specdata3 GetDevice(ftype3 iType, const struct stat& status) {
+    const dev_t device = iType == NF3BLK || iType == NF3CHR ? status.st_rdev : status.st_dev;
+    return {major(device), minor(device)};
+}
+
+/// Whole seconds, cut to the 32 bits of nfstime3.
+nfstime3 GetSeconds(const timespec& time) {
+    return {static_cast<unsigned int>(time.tv_sec), 0};
+}
+
+}  // namespace
+
+// ---- Procedures
+
+int CNfs3Prog::ProcedureGETATTR(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam) {
+    LogArgu logArgu = BeginProcedure(pParam, NFSPROC3_GETATTR);
+    std::string sPath;
+    ReadPath(pParam->pRuntimeParam, &logArgu, pInput, &sPath);
+
+    nfsstat3 iStatus = CheckExisting(pParam, &logArgu, sPath);
+    fattr3 attributes;
+    if (iStatus == NFS3_OK && !GetNfsFileAttributes(pParam->pRuntimeParam, &logArgu, sPath.c_str(), &attributes)) {
+        iStatus = NFS3ERR_IO;
+    }
+
+    Write(pOutput, static_cast<unsigned int>(iStatus));
+    if (iStatus == NFS3_OK) {
+        Write(pOutput, attributes);
+    }
+    return EndProcedure(pParam, logArgu, iStatus);
+}
+
+int CNfs3Prog::ProcedureSETATTR(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam) {
+    LogArgu logArgu = BeginProcedure(pParam, NFSPROC3_SETATTR);
+    CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
+    std::string sPath;
+    sattr3 attributes;
+    sattrguard3 guard;
+    ReadPath(pRuntimeParam, &logArgu, pInput, &sPath);
+    Read(pInput, &attributes, false);
+    Read(pInput, &guard);
+    if (pRuntimeParam->IsLogProcFuncArgu()) {
+        m_pUtilities->LogInfo(pRuntimeParam, "[%s] Guard check: %d, time: %lld", logArgu.pcName, guard.check ? 1 : 0,
+                              static_cast<long long>(guard.obj_ctime.seconds));
+    }
+
+    nfsstat3 iStatus = CheckExisting(pParam, &logArgu, sPath);
+    if (m_bReadOnly && attributes.SetsAnything()) {
+        iStatus = NFS3ERR_ACCES;
+    }
+    if (iStatus == NFS3_OK) {
+        iStatus = CheckGuard(pParam, &logArgu, sPath, guard);
+    }
+    if (iStatus == NFS3_OK) {
+        iStatus = ApplyAttributes(pParam, &logArgu, sPath, attributes);
+    }
+
+    WriteStatusAndWcc(pOutput, iStatus);
+    return EndProcedure(pParam, logArgu, iStatus);
+}
+
+/// The server's time is that of attributes which are never had, 0: only a guard of 0 seconds holds. The log line gives
+/// the server's time first.
+nfsstat3 CNfs3Prog::CheckGuard(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sPath,
+                               const sattrguard3& guard) {
+    wcc_attr before;
+    GetNfsFileAttributes(sPath.c_str(), &before);
+    if (!guard.check || before.ctime.seconds == guard.obj_ctime.seconds) {
+        return NFS3_OK;
+    }
+    if (pParam->pRuntimeParam->IsLogError()) {
+        m_pUtilities->LogError(pParam->pRuntimeParam, "[%s] Guard check fail, client: %lld, server: %lld",
+                               pLogArgu->pcName, static_cast<long long>(before.ctime.seconds),
+                               static_cast<long long>(guard.obj_ctime.seconds));
+    }
+    return NFS3ERR_NOT_SYNC;
+}
+
+nfsstat3 CNfs3Prog::ApplyAttributes(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sPath,
+                                    const sattr3& attributes) {
+    CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
+    const bool bTimes = attributes.atime.set_it != DONT_CHANGE || attributes.mtime.set_it != DONT_CHANGE;
+    if ((m_iFSF3Properties & kFsf3CanSetTime) == 0 && bTimes) {
+        if (pRuntimeParam->IsLogError()) {
+            m_pUtilities->LogError(pRuntimeParam, "[%s] Server don't allow settime", pLogArgu->pcName);
+        }
+        return NFS3ERR_INVAL;
+    }
+    if (!UpdateFileAttributes(pRuntimeParam, pLogArgu, sPath, attributes)) {
+        if (pRuntimeParam->IsLogError()) {
+            m_pUtilities->LogError(pRuntimeParam, "[%s] Update file attribute to %s fail", pLogArgu->pcName,
+                                   sPath.c_str());
+        }
+        return NFS3ERR_INVAL;
+    }
+    return NFS3_OK;
+}
+
+int CNfs3Prog::ProcedureLOOKUP(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam) {
+    LogArgu logArgu = BeginProcedure(pParam, NFSPROC3_LOOKUP);
+    CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
+    diropargs3 dirOp;
+    std::string sPath;
+    bool bResolved = false;
+    ReadPath(pRuntimeParam, &logArgu, pInput, &dirOp, &sPath, &bResolved);
+
+    nfsstat3 iStatus = CheckExisting(pParam, &logArgu, sPath, bResolved);
+    if (iStatus == NFS3ERR_IO) {
+        iStatus = NFS3ERR_NOENT;
+    }
+    if (iStatus != NFS3_OK) {
+        WriteStatusAndAttributes(pOutput, iStatus);
+        return EndProcedure(pParam, logArgu, iStatus);
+    }
+    nfs_fh3 handle;
+    GetCanonicalHandle(pRuntimeParam, &logArgu, sPath.c_str(), &handle);  // a path always gets one
+
+    Write(pOutput, static_cast<unsigned int>(iStatus));
+    Write(pOutput, handle, false);
+    Write(pOutput, GetPostOpAttributes(pRuntimeParam, &logArgu, sPath.c_str()));
+    Write(pOutput, post_op_attr{});
+    return EndProcedure(pParam, logArgu, iStatus);
+}
+
+int CNfs3Prog::ProcedureACCESS(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam) {
+    LogArgu logArgu = BeginProcedure(pParam, NFSPROC3_ACCESS);
+    CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
+    std::string sPath;
+    unsigned int iAccess = 0;
+    ReadPath(pRuntimeParam, &logArgu, pInput, &sPath);
+    Read(pInput, &iAccess);
+
+    const nfsstat3 iStatus = CheckExisting(pParam, &logArgu, sPath);
+    const bool bReadOnly = m_bReadOnly;
+    if (pRuntimeParam->IsLogProcFuncArgu()) {
+        m_pUtilities->LogInfo(pRuntimeParam, "[%s] Readonly: %d, access: %x", logArgu.pcName, bReadOnly ? 1 : 0,
+                              iAccess);
+    }
+    if (iStatus != NFS3_OK) {
+        WriteStatusAndAttributes(pOutput, iStatus);
+        return EndProcedure(pParam, logArgu, iStatus);
+    }
+    // All else is granted as asked: the host's permissions are not looked at.
+    const unsigned int iGranted = bReadOnly ? iAccess & ~kAccessesOfWriters : iAccess;
+
+    Write(pOutput, static_cast<unsigned int>(iStatus));
+    Write(pOutput, GetPostOpAttributes(pRuntimeParam, &logArgu, sPath.c_str()));
+    Write(pOutput, iGranted);
+    return EndProcedure(pParam, logArgu, iStatus);
+}
+
+// Links are resolved by the server and never shown to clients: there is none to read.
+int CNfs3Prog::ProcedureREADLINK(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam) {
+    LogArgu logArgu = BeginProcedure(pParam, NFSPROC3_READLINK);
+    COpaquePath path;
+    Read(pInput, &path, true);
+
+    const nfsstat3 iStatus = CheckUnresolved(pParam, &logArgu);
+
+    Write(pOutput, static_cast<unsigned int>(iStatus));
+    if (iStatus == NFS3_OK) {
+        Write(pOutput, path, false);
+    }
+    Write(pOutput, post_op_attr{});
+    return EndProcedure(pParam, logArgu, iStatus);
+}
+
+// ---- Handles and attributes
+
+bool CNfs3Prog::GetNfsFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                                 nfs_fh3* pHandle) {
+    return pHandle != nullptr &&
+           m_pUtilities->GetFileHandle(pRuntimeParam, pLogArgu, pcPath, pHandle->cHandle, kNfs3HandleSize);
+}
+
+/// The handle of a path that was resolved for this call, and is resolved once more only where that is to be logged.
+bool CNfs3Prog::GetCanonicalHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                                   nfs_fh3* pHandle) {
+    if (pRuntimeParam->IsLogGeneralInfo()) {
+        return GetNfsFileHandle(pRuntimeParam, pLogArgu, pcPath, pHandle);
+    }
+    return CUtilities::MakeFileHandle(m_pUtilities->GetCanonicalFileID(pcPath), pHandle->cHandle, kNfs3HandleSize);
+}
+
+bool CNfs3Prog::GetNfsFileAttributes(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                                     fattr3* pAttributes) {
+    struct stat status {};
+    if (m_pUtilities->OS_GetFileStat(pRuntimeParam, pLogArgu, pcPath, &status, nullptr) != 0) {
+        return false;
+    }
+    const ftype3 iType = GetFileType(status.st_mode);
+    unsigned long long iSize = static_cast<unsigned long long>(status.st_size);
+    fattr3& attributes = *pAttributes;
+    attributes.type = iType;
+    attributes.rdev = GetDevice(iType, status);
+    attributes.mode = ConvertFileModeToNfsFileMode(status.st_mode);
+    attributes.nlink = static_cast<unsigned int>(status.st_nlink);
+    attributes.fsid = CUtilities::GetFileSystemID(pcPath);
+    if (iType == NF3REG) {
+        iSize = m_pUtilities->GetFileSize(pRuntimeParam, pLogArgu, pcPath, iSize);
+    }
+    attributes.size = iSize;
+    attributes.used = iSize;
+    attributes.uid = status.st_uid;
+    attributes.gid = status.st_gid;
+    attributes.fileid = status.st_ino;
+    attributes.atime = GetSeconds(status.st_atim);
+    attributes.mtime = GetSeconds(status.st_mtim);
+    attributes.ctime = GetSeconds(status.st_ctim);
+    if (pRuntimeParam->IsLogProcFuncArgu()) {
+        m_pUtilities->LogInfo(
+            pRuntimeParam,
+            "[%s] Path=%s, type=%u, mode=%x, nlink=%u, uid=%u, gid=%u, size=%lld, used=%lld, rdev.1=%u, rdev.2=%u, "
+            "fsid=%llu, atime.s=%u, atime.ns=%u, mtime.s=%u, mtime.ns=%u, ctime.s=%u, ctime.ns=%u",
+            pLogArgu->pcName, pcPath, attributes.type, attributes.mode, attributes.nlink, attributes.uid,
+            attributes.gid, static_cast<long long>(attributes.size), static_cast<long long>(attributes.used),
+            attributes.rdev.specdata1, attributes.rdev.specdata2, static_cast<unsigned long long>(attributes.fsid),
+            attributes.atime.seconds, attributes.atime.nseconds, attributes.mtime.seconds, attributes.mtime.nseconds,
+            attributes.ctime.seconds, attributes.ctime.nseconds);
+    }
+    return true;
+}
+
+bool CNfs3Prog::GetNfsFileAttributes(const char* /*pcPath*/, wcc_attr* /*pAttributes*/) {
+    return false;
+}
+
+/// Attributes that follow if they could be had.
+post_op_attr CNfs3Prog::GetPostOpAttributes(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath) {
+    post_op_attr attributes;
+    attributes.attributes_follow = GetNfsFileAttributes(pRuntimeParam, pLogArgu, pcPath, &attributes.attributes);
+    return attributes;
+}
+
+/// Hands what a client set on to the files. The server's time goes as 0 seconds.
+bool CNfs3Prog::UpdateFileAttributes(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const std::string& sPath,
+                                     const sattr3& attributes) {
+    return m_pUtilities->UpdateFileAttributes(
+        pRuntimeParam, pLogArgu, sPath.c_str(), attributes.mode.set_it,
+        ConvertNfsFileModeToFileMode(attributes.mode.mode), attributes.uid.set_it, attributes.uid.uid,
+        attributes.gid.set_it, attributes.gid.gid, attributes.size.set_it, attributes.size.size,
+        attributes.atime.set_it != DONT_CHANGE, attributes.atime.atime.seconds, attributes.atime.atime.nseconds,
+        attributes.mtime.set_it != DONT_CHANGE, attributes.mtime.mtime.seconds, attributes.mtime.mtime.nseconds);
+}
+
+unsigned int CNfs3Prog::ConvertFileModeToNfsFileMode(mode_t iMode) {
+    return iMode & kSharedModeBits;
+}
+
+mode_t CNfs3Prog::ConvertNfsFileModeToFileMode(unsigned int iMode) {
+    return iMode & kSharedModeBits;
+}

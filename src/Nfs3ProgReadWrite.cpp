@@ -1,0 +1,221 @@
+// NFS version 3: READ, WRITE and COMMIT (RFC 1813, 3.3.6, 3.3.7, 3.3.21).
+//
+// A READ's data goes from the file into the reply buffer, a WRITE's from the call's buffer into the file: neither is
+// copied on the way.
+#include <algorithm>
+#include <array>
+#include <cstring>
+
+#include <unistd.h>
+
+#include "InputStream.h"
+#include "Nfs3Prog.h"
+#include "OutputStream.h"
+#include "RedirectedFile.h"
+#include "Utilities.h"
+
+namespace {
+
+/// What stands before the data in a READ's reply: status, attributes flag, count, end-of-file flag, data length.
+constexpr unsigned int kReadHeadSize = 5 * sizeof(unsigned int);
+
+/// A redirected file may deliver twice what it was asked for, zeros at its tail.
+constexpr unsigned int kReadRoomFactor = 2;
+static_assert(CRedirectedFile::GetReadRoom(CNfs3Prog::kMaxReadSize) == kReadRoomFactor * CNfs3Prog::kMaxReadSize);
+
+/// WRITE always says so: what it answered is with the host (RFC 1813, stable_how).
+constexpr unsigned int kFileSync = 2;
+
+/// The bytes that a WRITE stores: its opaque data and, where the count goes beyond that, what follows it among the
+/// bytes received, then zeros.
+class WriteData {
+public:
+    WriteData(const opaque& data, const CInputStream& input, unsigned int iCount) {
+        const auto nBehind = static_cast<unsigned int>(input.GetCurrentBuffer() - data.pBuf);
+        const unsigned int nReceived = nBehind + input.GetFilledBufferSize();
+        m_pcBytes = data.pBuf;
+        if (iCount > nReceived) {
+            std::memcpy(m_vcFilledUp.data(), data.pBuf, nReceived);
+            std::memset(m_vcFilledUp.data() + nReceived, 0, iCount - nReceived);
+            m_pcBytes = m_vcFilledUp.data();
+        }
+    }
+    WriteData(const WriteData&) = delete;
+    WriteData& operator=(const WriteData&) = delete;
+
+    const char* Get() const { return m_pcBytes; }
+
+private:
+    const char* m_pcBytes;
+    std::array<char, CNfs3Prog::kMaxWriteSize> m_vcFilledUp;  // NOLINT: filled only where it is used
+};
+
+}  // namespace
+
+/// The arguments of a READ and what it read.
+struct CNfs3Prog::ReadCall {
+    std::string sPath;
+    unsigned long lOffset = 0;
+    unsigned int iCount = 0;
+    unsigned int iRead = 0;
+    bool bEof = true;
+};
+
+/// The arguments of a WRITE and what it wrote.
+struct CNfs3Prog::WriteCall {
+    std::string sPath;
+    unsigned long lOffset = 0;
+    unsigned int iCount = 0;
+    unsigned int iStable = 0;  ///< read and ignored: every WRITE is FILE_SYNC
+    opaque data;
+    unsigned int iWritten = 0;
+};
+
+// The data is read into its place first and the head written before it then, so that a failure leaves nothing behind
+// its reply.
+int CNfs3Prog::ProcedureREAD(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam) {
+    LogArgu logArgu = BeginProcedure(pParam, NFSPROC3_READ);
+    CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
+    ReadCall call;
+    ReadPath(pRuntimeParam, &logArgu, pInput, &call.sPath);
+    Read(pInput, &call.lOffset);
+    Read(pInput, &call.iCount);
+
+    nfsstat3 iStatus = CheckExisting(pParam, &logArgu, call.sPath);
+    if (iStatus == NFS3_OK) {
+        iStatus = ReadIntoReply(pParam, &logArgu, pOutput, &call);
+    }
+    if (iStatus != NFS3_OK) {
+        if (pRuntimeParam->IsLogError()) {
+            m_pUtilities->LogError(pRuntimeParam, "[%s] Read fail", logArgu.pcName);
+        }
+        WriteStatusAndAttributes(pOutput, iStatus);
+        return EndProcedure(pParam, logArgu, iStatus);
+    }
+    if (pRuntimeParam->IsLogProcFuncArgu()) {
+        m_pUtilities->LogInfo(pRuntimeParam, "[%s] Read=%u (eof=%s)", logArgu.pcName, call.iRead,
+                              call.bEof ? "T" : "F");
+    }
+
+    Write(pOutput, static_cast<unsigned int>(iStatus));
+    Write(pOutput, post_op_attr{});
+    Write(pOutput, call.iRead);
+    Write(pOutput, call.bEof);
+    Write(pOutput, opaque{nullptr, call.iRead}, true);
+    pOutput->Write(nullptr, call.iRead);  // they are there already
+    pOutput->WriteRemainOpaque(static_cast<int>(call.iRead));
+    return EndProcedure(pParam, logArgu, iStatus);
+}
+
+/// Reads to where the data will stand in the reply, without moving its write position.
+nfsstat3 CNfs3Prog::ReadIntoReply(ProcessParam* pParam, LogArgu* pLogArgu, COutputStream* pOutput, ReadCall* pCall) {
+    CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
+    const char* pcPath = pCall->sPath.c_str();
+    if (pRuntimeParam->IsLogProcFuncArgu()) {
+        m_pUtilities->LogInfo(pRuntimeParam, "[%s] Offset=%llu, length=%u", pLogArgu->pcName,
+                              static_cast<unsigned long long>(pCall->lOffset), pCall->iCount);
+    }
+    const unsigned int nFree = pOutput->GetFreeBufferSize();
+    const unsigned int nRoom = nFree > kReadHeadSize ? nFree - kReadHeadSize : 0;
+    if (nRoom < pCall->iCount) {
+        if (pRuntimeParam->IsLogError()) {
+            m_pUtilities->LogError(pRuntimeParam, "[%s] Count bigger than free buffer (path=%s, offset=%llu length=%u)",
+                                   pLogArgu->pcName, pcPath, static_cast<unsigned long long>(pCall->lOffset),
+                                   pCall->iCount);
+        }
+        return NFS3ERR_INVAL;
+    }
+    if (pCall->iCount == 0) {
+        return NFS3_OK;
+    }
+    const unsigned int iLength = std::min({pCall->iCount, kMaxReadSize, nRoom / kReadRoomFactor});
+    const int iRead = m_pUtilities->ReadFile(pRuntimeParam, pLogArgu, pcPath, pCall->lOffset, SEEK_SET,
+                                             pOutput->GetCurrentBuffer() + kReadHeadSize, iLength, &pCall->bEof);
+    if (iRead < 0) {
+        if (pRuntimeParam->IsLogError()) {
+            m_pUtilities->LogError(pRuntimeParam, "[%s] Read return -1 (path=%s, offset=%llu length=%u)",
+                                   pLogArgu->pcName, pcPath, static_cast<unsigned long long>(pCall->lOffset),
+                                   pCall->iCount);
+        }
+        return NFS3ERR_INVAL;
+    }
+    pCall->iRead = std::min(static_cast<unsigned int>(iRead), nRoom);
+    return NFS3_OK;
+}
+
+int CNfs3Prog::ProcedureWRITE(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam) {
+    LogArgu logArgu = BeginProcedure(pParam, NFSPROC3_WRITE);
+    CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
+    WriteCall call;
+    ReadPath(pRuntimeParam, &logArgu, pInput, &call.sPath);
+    Read(pInput, &call.lOffset);
+    Read(pInput, &call.iCount);
+    Read(pInput, &call.iStable);
+    Read(pInput, &call.data);
+
+    nfsstat3 iStatus = CheckExisting(pParam, &logArgu, call.sPath);
+    if (m_bReadOnly) {
+        iStatus = NFS3ERR_ACCES;
+    }
+    if (iStatus == NFS3_OK) {
+        iStatus = WriteFromCall(pParam, &logArgu, pInput, &call);
+    }
+
+    WriteStatusAndWcc(pOutput, iStatus);
+    if (iStatus != NFS3_OK) {
+        if (pRuntimeParam->IsLogError()) {
+            m_pUtilities->LogError(pRuntimeParam, "[%s] Write fail", logArgu.pcName);
+        }
+        return EndProcedure(pParam, logArgu, iStatus);
+    }
+    if (pRuntimeParam->IsLogProcFuncArgu()) {
+        m_pUtilities->LogInfo(pRuntimeParam, "[%s] Write=%u", logArgu.pcName, call.iWritten);
+    }
+    Write(pOutput, call.iWritten);
+    Write(pOutput, kFileSync);
+    Write(pOutput, m_iSysUpTime);
+    return EndProcedure(pParam, logArgu, iStatus);
+}
+
+/// Stores as many bytes as the count says, up to the most of one WRITE.
+nfsstat3 CNfs3Prog::WriteFromCall(ProcessParam* pParam, LogArgu* pLogArgu, CInputStream* pInput, WriteCall* pCall) {
+    CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
+    const char* pcPath = pCall->sPath.c_str();
+    if (pRuntimeParam->IsLogProcFuncArgu()) {
+        m_pUtilities->LogInfo(pRuntimeParam, "[%s] Offset=%llu, length=%u, count=%u", pLogArgu->pcName,
+                              static_cast<unsigned long long>(pCall->lOffset), pCall->data.iBufLen, pCall->iCount);
+    }
+    const unsigned long long lMaxSize = CUtilities::GetMaxFileSize(pcPath);
+    if (pCall->lOffset > lMaxSize || pCall->iCount > lMaxSize - pCall->lOffset) {
+        return NFS3ERR_FBIG;
+    }
+    if (pCall->iCount == 0) {
+        return NFS3_OK;
+    }
+    const unsigned int iLength = std::min(pCall->iCount, kMaxWriteSize);
+    const WriteData data(pCall->data, *pInput, iLength);
+    const int iWritten =
+        m_pUtilities->WriteFile(pRuntimeParam, pLogArgu, pcPath, pCall->lOffset, SEEK_SET, data.Get(), iLength);
+    if (iWritten < 0) {
+        return NFS3ERR_INVAL;
+    }
+    pCall->iWritten = static_cast<unsigned int>(iWritten);
+    return NFS3_OK;
+}
+
+// Not served, as no WRITE leaves anything to commit: the handle is passed over, and so no path is found.
+int CNfs3Prog::ProcedureCOMMIT(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam) {
+    LogArgu logArgu = BeginProcedure(pParam, NFSPROC3_COMMIT);
+    COpaquePath path;
+    Read(pInput, &path, true);
+    pInput->Skip(sizeof(unsigned long));  // offset
+    pInput->Skip(sizeof(unsigned int));   // count
+
+    const nfsstat3 iStatus = CheckUnresolved(pParam, &logArgu);
+
+    WriteStatusAndWcc(pOutput, iStatus);
+    if (iStatus == NFS3_OK) {
+        Write(pOutput, 0UL);  // the verifier: not that of WRITE
+    }
+    return EndProcedure(pParam, logArgu, iStatus);
+}
