@@ -1,0 +1,36 @@
+// A shared descriptor, used with a position of one's own.
+#pragma once
+
+#include <cstdint>
+#include <utility>
+
+#include "CachedFile.h"
+#include "RuntimeParam.h"
+
+class CUtilities;
+
+/// Reads and writes a descriptor that others share, as if it were opened for this user alone: the position is kept
+/// here and every transfer is a positioned one, so that nobody's seek can fall in between. Logs as the wrappers of
+/// the utilities do for the same steps.
+///
+/// Used by one thread; the descriptor, which must be open, stays open as long as this object.
+class CPositionedFile {
+public:
+    CPositionedFile(CUtilities* pUtilities, CCachedFile file, std::int64_t iPosition)
+        : m_pUtilities(pUtilities), m_File(std::move(file)), m_iPosition(iPosition) {}
+
+    int Get() const { return m_File.Get(); }
+    std::int64_t GetPosition() const { return m_iPosition; }
+
+    /// Moves to an offset from the start; it must not be negative.
+    void Seek(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, std::int64_t iOffset);
+    std::int64_t Tell(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu);
+    /// Bytes transferred, or -1; the position moves by what was transferred.
+    int Read(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, void* pvBuffer, unsigned int iLen);
+    int Write(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const void* pvBuffer, unsigned int iLen);
+
+private:
+    CUtilities* m_pUtilities;
+    CCachedFile m_File;
+    std::int64_t m_iPosition;
+};

@@ -1,0 +1,276 @@
+// Redirected files: opening, building the map, closing.
+#include "RedirectedFile.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "PositionedFile.h"
+#include "Reason.h"
+#include "Utilities.h"
+
+CRedirectedFile::CRedirectedFile(CUtilities* pUtilities) : m_pUtilities(pUtilities) {}
+
+CRedirectedFile::~CRedirectedFile() = default;
+
+void CRedirectedFile::Open(CRuntimeParam* pRuntimeParam, long long iSize, int iId, const char* pcInfoFile,
+                           int iInfoFileSegmentSizeMB, int iInfoFileCheckPointSizeMB) {
+    LogArgu logArgu{"RedirectedFile.Open"};
+    m_iSize = iSize;
+    m_iId = iId;
+    if (pcInfoFile != nullptr) {
+        m_sInfoFile = pcInfoFile;
+    }
+    if (iInfoFileSegmentSizeMB > 0) {
+        m_iInfoFileSegmentSize = iInfoFileSegmentSizeMB * kMiB;
+    }
+    if (iInfoFileCheckPointSizeMB > 0) {
+        m_iInfoFileCheckPointSize = iInfoFileCheckPointSizeMB * kMiB;
+    }
+    if (pRuntimeParam->IsLogRedirectFile()) {
+        m_pUtilities->LogInfo(pRuntimeParam, "[%s] id=%d, size=%llu (path=%s)", logArgu.pcName, m_iId,
+                              static_cast<unsigned long long>(m_iSize), m_sInfoFile.c_str());
+    }
+}
+
+bool CRedirectedFile::AddSegment(CRuntimeParam* pRuntimeParam, const char* pcSource, long long iFileOffset,
+                                 long long iOffset, long long iLength, char* pcStatus) {
+    LogArgu logArgu{"RedirectedFile.AddSegment"};
+    MutexLock lock(m_hMutexAppend);
+    if (m_bClosed) {
+        return false;  // whoever knows the path says so
+    }
+    Segment segment{ReferSource(pRuntimeParam, &logArgu, pcSource), iFileOffset, iOffset, iLength};
+    if (iOffset >= m_iSize) {
+        WriteReason(pcStatus, "Offset %lld is not inside the file (size = %lld)", iOffset,
+                    static_cast<long long>(m_iSize));
+        return false;
+    }
+    if (AddSaturated(iOffset, iLength) >= m_iSize) {
+        segment.iLength = m_iSize - iOffset;  // at most iLength, so it cannot overflow
+    }
+    const CCachedFile file = GetWritableInfoFile(pRuntimeParam, &logArgu);
+    if (!file.IsOpen()) {
+        AppendToList(segment);
+    } else {
+        AppendToInfoFile(pRuntimeParam, &logArgu, file, segment);
+    }
+    if (m_bClosed) {
+        return false;
+    }
+    if (pRuntimeParam->IsLogRedirectFile()) {
+        m_pUtilities->LogInfo(pRuntimeParam, "[%s] Segment id=%d, fox=%llu, ox=%llu, len=%llu", logArgu.pcName, m_iId,
+                              static_cast<unsigned long long>(iFileOffset), static_cast<unsigned long long>(iOffset),
+                              static_cast<unsigned long long>(segment.iLength));
+    }
+    return true;
+}
+
+std::int64_t CRedirectedFile::ReferSource(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcSource) {
+    if (pcSource == nullptr || *pcSource == '\0') {
+        if (pRuntimeParam->IsLogRedirectFile()) {
+            m_pUtilities->LogInfo(pRuntimeParam, "[%s] Reference src (%d): Null", pLogArgu->pcName, m_iId);
+        }
+        return -1;
+    }
+    std::int64_t iSource = -1;
+    {
+        MutexLock lock(m_hMutex);
+        iSource = m_vSource.Refer(pcSource);
+    }
+    if (pRuntimeParam->IsLogRedirectFile()) {
+        m_pUtilities->LogInfo(pRuntimeParam, "[%s] Reference src (%d): %s", pLogArgu->pcName, m_iId, pcSource);
+    }
+    return iSource;
+}
+
+CCachedFile CRedirectedFile::GetFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const std::string& sPath,
+                                     bool bReadWrite) {
+    if (sPath.empty()) {
+        return {};
+    }
+    MutexLock lock(m_hMutexDescriptors);
+    return m_bClosed ? CCachedFile()
+                     : m_pUtilities->GetCachedFileHandle(pRuntimeParam, pLogArgu, sPath.c_str(), bReadWrite);
+}
+
+CCachedFile CRedirectedFile::GetInfoFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, bool bReadWrite) {
+    if (m_sInfoFile.empty()) {
+        return {};
+    }
+    if (const auto psRenamed = GetRenamedInfoFile()) {
+        CCachedFile file = GetFile(pRuntimeParam, pLogArgu, *psRenamed, bReadWrite);
+        if (file.IsOpen()) {
+            return file;
+        }
+    }
+    return GetFile(pRuntimeParam, pLogArgu, m_sInfoFile, bReadWrite);
+}
+
+CCachedFile CRedirectedFile::GetWritableInfoFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu) {
+    CCachedFile file = GetInfoFile(pRuntimeParam, pLogArgu, true);
+    if (file.IsOpen() && (::fcntl(file, F_GETFL) & O_ACCMODE) == O_RDONLY) {
+        // A read came first, and outside the exports that opens for reading only.
+        CloseInfoFile(pRuntimeParam, pLogArgu);
+        file = GetInfoFile(pRuntimeParam, pLogArgu, true);
+    }
+    return file;
+}
+
+void CRedirectedFile::CloseInfoFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu) {
+    if (m_sInfoFile.empty()) {
+        return;
+    }
+    m_pUtilities->CloseCachedFileHandle(pRuntimeParam, pLogArgu, m_sInfoFile.c_str());
+    if (const auto psRenamed = GetRenamedInfoFile()) {
+        m_pUtilities->CloseCachedFileHandle(pRuntimeParam, pLogArgu, psRenamed->c_str());
+    }
+}
+
+std::shared_ptr<const std::string> CRedirectedFile::GetRenamedInfoFile() const {
+    MutexLock lock(m_hMutex);
+    return m_psRenamedInfoFile;
+}
+
+void CRedirectedFile::SetRenamedInfoFile(const char* pcPath) {
+    const auto psEarlier = GetRenamedInfoFile();
+    if (::access(psEarlier ? psEarlier->c_str() : m_sInfoFile.c_str(), F_OK) == 0) {
+        return;  // it stayed where it was
+    }
+    auto psPath = std::make_shared<const std::string>(pcPath);
+    MutexLock lock(m_hMutex);
+    m_psRenamedInfoFile = std::move(psPath);
+}
+
+void CRedirectedFile::AppendToList(const Segment& segment) {
+    MutexLock lock(m_hMutex);
+    if (!m_bClosed) {
+        m_vAllCachedSegment.Add(segment);
+    }
+}
+
+void CRedirectedFile::AppendToInfoFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const CCachedFile& file,
+                                       Segment segment) {
+    // Another redirected file may append to the same info file; the descriptor they share tells them apart in time.
+    MutexLock lock(file.GetPositionMutex());
+    const long long iEnd = OS_FileSeek(pRuntimeParam, pLogArgu, file, 0, SEEK_END);
+    if (iEnd < 0) {
+        return;  // there is no place where the records could stand; the seek was logged
+    }
+    CPositionedFile output(m_pUtilities, file, iEnd);
+    const std::int64_t iSize = m_iInfoFileSegmentSize;
+    bool bGoOn = true;
+    if (const std::int64_t iWithin = segment.iOffset % iSize; iWithin > 0 && iSize - iWithin < segment.iLength) {
+        bGoOn = WriteRecord(pRuntimeParam, pLogArgu, output, segment, iSize - iWithin);
+    }
+    while (bGoOn && segment.iLength > iSize) {
+        bGoOn = WriteRecord(pRuntimeParam, pLogArgu, output, segment, iSize);
+    }
+    if (bGoOn && segment.iLength > 0) {
+        WriteRecord(pRuntimeParam, pLogArgu, output, segment, segment.iLength);
+    }
+}
+
+bool CRedirectedFile::WriteRecord(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CPositionedFile& output,
+                                  Segment& segment, std::int64_t iLength) {
+    Segment record = segment;
+    record.iLength = iLength;
+    m_iInfoFilePos = output.GetPosition();
+    CreateCheckPoint(pRuntimeParam, output, record);
+    const bool bFailed = output.Write(pRuntimeParam, pLogArgu, &record, kSegmentRecordSize) < 0;
+    m_iInfoFilePos = output.GetPosition();
+    m_nFailedWrites = bFailed ? m_nFailedWrites + 1 : 0;
+    segment.iFileOffset = AddSaturated(segment.iFileOffset, iLength);
+    segment.iOffset += iLength;
+    segment.iLength -= iLength;
+    return !m_bClosed && m_nFailedWrites < kMaxFailedWrites;
+}
+
+void CRedirectedFile::CreateCheckPointSegment(CRuntimeParam* pRuntimeParam, const Segment& segment) {
+    LogArgu logArgu{"RedirectedFile.CreateCheckPointSegment"};
+    MutexLock lock(m_hMutexAppend);
+    const CCachedFile file = GetInfoFile(pRuntimeParam, &logArgu, false);
+    if (file.IsOpen()) {
+        CPositionedFile output(m_pUtilities, file, m_iInfoFilePos);
+        CreateCheckPoint(pRuntimeParam, output, segment);
+    }
+}
+
+void CRedirectedFile::CreateCheckPoint(CRuntimeParam* pRuntimeParam, CPositionedFile& output, const Segment& segment) {
+    LogArgu logArgu{"RedirectedFile.CreateCheckPointSegment"};
+    if (segment.iOffset < 1 || segment.iOffset % m_iInfoFileCheckPointSize != 0) {
+        return;
+    }
+    const CheckPointSegment checkPoint{output.Tell(pRuntimeParam, &logArgu), segment.iOffset};
+    MutexLock lock(m_hMutex);
+    if (!m_bClosed) {
+        m_vInfoFileCheckPoint.Add(checkPoint);
+    }
+}
+
+void CRedirectedFile::Close(CRuntimeParam* pRuntimeParam) {
+    LogArgu logArgu{"RedirectedFile.Close"};
+    {
+        // From here on nobody takes a descriptor from the cache that this call would then leave behind there.
+        MutexLock lock(m_hMutexDescriptors);
+        if (m_bClosed.exchange(true)) {
+            return;
+        }
+    }
+    // An adding of a segment under way ends at its next record, and no other begins.
+    MutexLock lockAppend(m_hMutexAppend);
+    {
+        MutexLock lock(m_hMutex);
+        m_vAllCachedSegment.Clear();
+        m_vInfoFileCheckPoint.Clear();
+    }
+    CloseInfoFile(pRuntimeParam, &logArgu);
+    // The paths stay in memory for reads that are under way, but no more can be added.
+    for (std::int64_t iSource = 0; const std::string* psPath = GetSource(iSource); ++iSource) {
+        m_pUtilities->CloseCachedFileHandle(pRuntimeParam, &logArgu, psPath->c_str());
+    }
+}
+
+const std::string* CRedirectedFile::GetSource(std::int64_t iSource) const {
+    MutexLock lock(m_hMutex);
+    return m_vSource.Get(iSource);
+}
+
+std::size_t CRedirectedFile::GetCheckPointCount() const {
+    MutexLock lock(m_hMutex);
+    return m_vInfoFileCheckPoint.GetAll().size();
+}
+
+std::size_t CRedirectedFile::GetMapMemory() const {
+    MutexLock lock(m_hMutex);
+    return m_vAllCachedSegment.GetCount() * sizeof(Segment) +
+           m_vInfoFileCheckPoint.GetAll().capacity() * sizeof(CheckPointSegment);
+}
+
+int CRedirectedFile::OS_FileRead(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, void* pvBuffer,
+                                 unsigned int iLen) {
+    if (iFile == -1) {
+        std::fill_n(static_cast<char*>(pvBuffer), iLen, '\0');
+        return static_cast<int>(iLen);
+    }
+    return m_pUtilities->OS_FileRead(pRuntimeParam, pLogArgu, iFile, pvBuffer, iLen, nullptr);
+}
+
+int CRedirectedFile::OS_FileWrite(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, const void* pvBuffer,
+                                  unsigned int iLen) {
+    return m_pUtilities->OS_FileWrite(pRuntimeParam, pLogArgu, iFile, pvBuffer, iLen, nullptr);
+}
+
+long long CRedirectedFile::OS_FileSeek(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, long long iOffset,
+                                       int iWhence) {
+    if (iFile == -1) {
+        return iOffset;
+    }
+    return m_pUtilities->OS_FileSeek(pRuntimeParam, pLogArgu, iFile, iOffset, iWhence, nullptr);
+}
+
+long long CRedirectedFile::OS_FileTell(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile) {
+    return m_pUtilities->OS_FileTell(pRuntimeParam, pLogArgu, iFile, nullptr);
+}

@@ -1,0 +1,185 @@
+// Redirected files: virtual files whose bytes are segments of other files.
+//
+// Building the map and its life are in RedirectedFile.cpp, lookups and reads in RedirectedFileRead.cpp, the copies of
+// content and map for the host in RedirectedFileExport.cpp.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "CachedFile.h"
+#include "CheckPointList.h"
+#include "RuntimeParam.h"
+#include "Segment.h"
+#include "SegmentList.h"
+#include "SourceList.h"
+#include "ThreadAnnotations.h"
+
+class CInfoFileReader;
+class CPositionedFile;
+class CUtilities;
+struct RedirectedRead;
+
+/// A virtual file of a given size, described by the host as a list of segments; bytes that no segment covers are
+/// zeros. Lookups take the first segment, in the order of adding, that covers the offset.
+///
+/// The map lives in memory, or in an append-only info file of 32-byte records with a check point in memory at every
+/// gigabyte. The info file and the sources are opened through the descriptor cache, by path.
+///
+/// Open is called once, before the object is shared; all else may be called by any thread at any time. One thread's
+/// call never changes what another thread's read returns: map and positions are guarded by locks that are not held
+/// while sources are read, descriptors are pinned while in use, and no position of a shared descriptor is relied
+/// upon. A call that finds the file closed, or sees it being closed, ends with what it has.
+///
+/// Locks, in this order: m_hMutexAppend, m_hMutexDescriptors (the descriptor cache is entered with it), the info file's
+/// position mutex, m_hMutex.
+class CRedirectedFile {
+public:
+    /// The utilities are not owned and outlive the object.
+    explicit CRedirectedFile(CUtilities* pUtilities);
+    virtual ~CRedirectedFile();
+    CRedirectedFile(const CRedirectedFile&) = delete;
+    CRedirectedFile& operator=(const CRedirectedFile&) = delete;
+
+    /// Sets size and ID. With an info file path (null for none) the map is kept in that file, which must exist; its
+    /// records are cut at multiples of the segment size, its check points lie at multiples of the check-point size.
+    /// Sizes in MiB; 0 or less means the default.
+    void Open(CRuntimeParam* pRuntimeParam, long long iSize, int iId, const char* pcInfoFile,
+              int iInfoFileSegmentSizeMB, int iInfoFileCheckPointSizeMB);
+
+    /// Records that the virtual bytes from iOffset on, iLength of them, are those at iFileOffset of the source (null
+    /// or empty for zeros). Clipped at the end of the file. False, with a reason, if the offset is not below the
+    /// size (the source is remembered all the same) or the file is closed.
+    bool AddSegment(CRuntimeParam* pRuntimeParam, const char* pcSource, long long iFileOffset, long long iOffset,
+                    long long iLength, char* pcStatus);
+
+    /// Finds the first segment that covers the virtual offset; index -1 if there is none.
+    void GetSegment(CRuntimeParam* pRuntimeParam, long long iOffset, ProcSegment* pProcSegment);
+    /// Moves on to the segment that was added next; index -1 at the end.
+    void GetNextSegment(CRuntimeParam* pRuntimeParam, ProcSegment* pProcSegment);
+
+    /// Reads at a virtual offset. The result is the number of bytes delivered, or -1 at or beyond the size while the
+    /// end of file was not reached yet. Zeros for a gap at the tail may make it more than iLen: the buffer has room
+    /// for GetReadRoom(iLen). Lengths above kMaxReadLength are cut to it.
+    int Read(CRuntimeParam* pRuntimeParam, unsigned long long iOffset, void* pvBuffer, unsigned int iLen, bool* pbEof);
+    /// The buffer that a read of iLen bytes needs: what was read before a gap at the tail (less than iLen) and zeros
+    /// for the gap (up to iLen again).
+    static constexpr std::size_t GetReadRoom(unsigned int iLen) { return std::size_t{2} * iLen; }
+    /// 1 GiB minus one: twice as much is still an int.
+    static constexpr unsigned int kMaxReadLength = 0x3FFFFFFFU;
+
+    long long GetFileSize() const { return m_iSize; }
+    int GetId() const { return m_iId; }
+    /// The virtual offset just past the last successful read.
+    long long GetPos() const { return m_iPos; }
+    /// The number of check points, and of bytes that the map takes in memory.
+    std::size_t GetCheckPointCount() const;
+    std::size_t GetMapMemory() const;
+    bool IsClosed() const { return m_bClosed; }
+
+    /// Remembers the info file's current place as the record of that segment, if the segment begins at a multiple
+    /// (other than 0) of the check-point size.
+    void CreateCheckPointSegment(CRuntimeParam* pRuntimeParam, const Segment& segment);
+
+    /// Tells that the redirected file was renamed. The info file keeps its path here; if it is no longer there, it was
+    /// renamed on disk along with the redirected file, and is looked for under the new path first.
+    void SetRenamedInfoFile(const char* pcPath);
+
+    /// Empties the map and closes the cached descriptors of info file and sources. Only the first call acts.
+    void Close(CRuntimeParam* pRuntimeParam);
+
+    /// Writes the whole virtual content to an existing file, as reads deliver it.
+    void Export(CRuntimeParam* pRuntimeParam, const char* pcExportPath);
+    /// Writes the map as text to an existing file; merged: one line for neighbours from the same source.
+    void ExportInfo(CRuntimeParam* pRuntimeParam, const char* pcExportPath, bool bMergeRange);
+
+    // The utilities' wrappers without the error text. A descriptor of -1 stands for a source that is not there:
+    // reading it yields zeros, seeking it the offset asked for, both without a system call.
+    int OS_FileRead(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, void* pvBuffer, unsigned int iLen);
+    int OS_FileWrite(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, const void* pvBuffer,
+                     unsigned int iLen);
+    long long OS_FileSeek(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, long long iOffset, int iWhence);
+    long long OS_FileTell(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile);
+
+private:
+    static constexpr std::int64_t kMiB = 1048576;
+
+    // ---- Building the map (RedirectedFile.cpp)
+    std::int64_t ReferSource(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcSource);
+    /// A descriptor from the cache; none for an empty path, a failed open, or once the file is closed.
+    CCachedFile GetFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const std::string& sPath, bool bReadWrite);
+    CCachedFile GetInfoFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, bool bReadWrite);
+    std::shared_ptr<const std::string> GetRenamedInfoFile() const;
+    CCachedFile GetWritableInfoFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu);
+    void CloseInfoFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu);
+    void AppendToList(const Segment& segment);
+    void AppendToInfoFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const CCachedFile& file, Segment segment)
+        REQUIRES(m_hMutexAppend);
+    /// Writes the segment's first iLength bytes as a record and takes them off it. False if it is no use to go on.
+    bool WriteRecord(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CPositionedFile& output, Segment& segment,
+                     std::int64_t iLength) REQUIRES(m_hMutexAppend);
+    void CreateCheckPoint(CRuntimeParam* pRuntimeParam, CPositionedFile& output, const Segment& segment);
+    /// The path of a source, or null; holds as long as the object.
+    const std::string* GetSource(std::int64_t iSource) const;
+
+    // ---- Lookup and reading (RedirectedFileRead.cpp)
+    void FindInList(std::int64_t iOffset, ProcSegment* pProcSegment) const;
+    void FindNextInList(ProcSegment* pProcSegment) const;
+    void FindInInfoFile(CRuntimeParam* pRuntimeParam, CInfoFileReader& reader, std::int64_t iOffset,
+                        ProcSegment* pProcSegment) const;
+    void FindNextInInfoFile(CRuntimeParam* pRuntimeParam, CInfoFileReader& reader, ProcSegment* pProcSegment) const;
+    std::int64_t EstimateRecord(std::int64_t iOffset) const;
+    int ReadFrom(CRuntimeParam* pRuntimeParam, unsigned long long iOffset, void* pvBuffer, unsigned int iLen,
+                 bool* pbEof, std::int64_t* piLastPos);
+    int ReadInner(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, unsigned long long iOffset, void* pvBuffer,
+                  unsigned int iLen, std::int64_t iLastPos);
+    void ReadSegments(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, RedirectedRead& read, std::int64_t iLastPos);
+    void FillTail(RedirectedRead& read) const;
+    void SkipHole(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, RedirectedRead& read) const;
+    void MoveOn(CRuntimeParam* pRuntimeParam, RedirectedRead& read);
+    bool ReadSource(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, RedirectedRead& read, const Segment& segment,
+                    unsigned int iCount);
+
+    // ---- Copies for the host (RedirectedFileExport.cpp)
+    bool IsOwnFile(int iFile) const;
+    void WriteContent(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CPositionedFile& output);
+    void WriteCheckPoints(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CPositionedFile& output) const;
+    void WriteSegments(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CPositionedFile& output, bool bMergeRange);
+    void WriteSegment(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CPositionedFile& output, const Segment& segment,
+                      bool bMerged) const;
+
+    /// Adding a segment gives up after so many failed record writes in a row: the disk is full, and a segment of
+    /// exabytes would fail for days.
+    static constexpr int kMaxFailedWrites = 1024;
+
+    CUtilities* m_pUtilities;
+
+    // Set by Open, before the object is shared.
+    std::int64_t m_iSize = 0;
+    int m_iId = 0;
+    std::string m_sInfoFile;                               ///< empty for none
+    std::int64_t m_iInfoFileSegmentSize = 32 * kMiB;       ///< records are cut at multiples of this
+    std::int64_t m_iInfoFileCheckPointSize = 1024 * kMiB;  ///< distance of check points in virtual bytes
+
+    /// One adding of a segment at a time, so that its records stand together; held while the info file is written.
+    Mutex m_hMutexAppend;
+    std::int64_t m_iInfoFilePos GUARDED_BY(m_hMutexAppend) = 0;  ///< where the last adding left the info file
+    int m_nFailedWrites GUARDED_BY(m_hMutexAppend) = 0;          ///< in a row
+
+    /// Held while a descriptor is taken from the cache, so that closing leaves none of them behind there.
+    Mutex m_hMutexDescriptors;
+    std::atomic<bool> m_bClosed{false};  ///< set once, under m_hMutexDescriptors
+
+    /// Guards the map; held for a lookup, never for I/O.
+    mutable Mutex m_hMutex;
+    CSourceList m_vSource GUARDED_BY(m_hMutex);
+    CSegmentList m_vAllCachedSegment GUARDED_BY(m_hMutex);                        ///< what is not in an info file
+    std::shared_ptr<const std::string> m_psRenamedInfoFile GUARDED_BY(m_hMutex);  ///< null: under its own path
+    CCheckPointList m_vInfoFileCheckPoint GUARDED_BY(m_hMutex);
+
+    /// The virtual offset just past the last successful read. Depends on nothing else, so it needs no lock.
+    std::atomic<std::int64_t> m_iPos{0};
+};

@@ -1,0 +1,344 @@
+// The registry of redirected files, and what the file operations do with a redirected path.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "LogCapture.h"
+#include "RedirectedFile.h"
+#include "TempFolder.h"
+
+namespace {
+
+class UtilitiesRedirectedTest : public testing::Test {
+protected:
+    std::shared_ptr<CRedirectedFile> Open(const std::string& sPath, long long iSize = 100, bool bInfoFile = false) {
+        return m_Utilities.OpenRedirectedFile(&m_Param, sPath.c_str(), iSize, bInfoFile, 0, 0);
+    }
+    bool IsOpen(const std::string& sPath) { return m_Utilities.GetRedirectedFile(sPath.c_str()) != nullptr; }
+    std::vector<std::string> CompareLines() const {
+        std::vector<std::string> vLines;
+        for (const std::string& sText : m_Log.Texts()) {
+            if (sText.find("Path compare") != std::string::npos) {
+                vLines.push_back(sText);
+            }
+        }
+        return vLines;
+    }
+
+    TempFolder m_Folder;
+    LogCapture m_Log;
+    CaptureUtilities m_Utilities{&m_Log};
+    CRuntimeParam m_Param{"host", CRuntimeParam::kLogGeneralInfo | CRuntimeParam::kLogRedirectFile};
+    LogArgu m_LogArgu{"test"};
+    char m_vcReason[kReasonBufferSize] = "";
+};
+
+TEST_F(UtilitiesRedirectedTest, OpenedFileIsFoundUnderItsPathOnly) {
+    const auto pFile = Open("/e/disk", 4711);
+    EXPECT_EQ(m_Utilities.GetRedirectedFile("/e/disk"), pFile);
+    EXPECT_EQ(pFile->GetFileSize(), 4711);
+    EXPECT_FALSE(IsOpen("/e/dis"));
+    EXPECT_FALSE(IsOpen("/e/disk/"));
+    EXPECT_FALSE(IsOpen("/e//disk"));
+    EXPECT_EQ(m_Utilities.GetRedirectedFile(nullptr), nullptr);
+}
+
+TEST_F(UtilitiesRedirectedTest, IdIsTheNumberOfFilesRegisteredAtThatMoment) {
+    EXPECT_EQ(Open("/e/a")->GetId(), 0);
+    EXPECT_EQ(Open("/e/b")->GetId(), 1);
+    EXPECT_EQ(Open("/e/c")->GetId(), 2);
+    EXPECT_EQ(Open("/e/a")->GetId(), 2) << "two are left when the first one is replaced";
+    m_Utilities.CloseRedirectedFile(&m_Param, "/e/b");
+    EXPECT_EQ(Open("/e/d")->GetId(), 2) << "IDs repeat";
+}
+
+TEST_F(UtilitiesRedirectedTest, OpeningAPathAgainClosesTheFileThatWasThere) {
+    const auto pFirst = Open("/e/disk", 1);
+    const auto pSecond = Open("/e/disk", 2);
+    EXPECT_TRUE(pFirst->IsClosed());
+    EXPECT_FALSE(pSecond->IsClosed());
+    EXPECT_EQ(m_Utilities.GetRedirectedFile("/e/disk"), pSecond);
+}
+
+TEST_F(UtilitiesRedirectedTest, InfoFileIsTheFileUnderThePathItself) {
+    const std::string sPath = m_Folder / "disk";
+    WriteWholeFile(sPath, "");
+    Open(sPath, 100, true);
+    EXPECT_TRUE(m_Utilities.AddRedirectedFileSegment(&m_Param, sPath.c_str(), nullptr, 0, 0, 10, m_vcReason));
+    EXPECT_EQ(ReadWholeFile(sPath).size(), 32U);
+    EXPECT_TRUE(m_Log.Has("[RedirectedFile.Open] id=0, size=100 (path=" + sPath + ")"));
+}
+
+TEST_F(UtilitiesRedirectedTest, WithoutTheFlagThereIsNoInfoFile) {
+    const std::string sPath = m_Folder / "disk";
+    WriteWholeFile(sPath, "");
+    Open(sPath);
+    EXPECT_TRUE(m_Utilities.AddRedirectedFileSegment(&m_Param, sPath.c_str(), nullptr, 0, 0, 10, m_vcReason));
+    EXPECT_EQ(ReadWholeFile(sPath), "");
+}
+
+TEST_F(UtilitiesRedirectedTest, AddingToAnUnknownPathFailsWithAReason) {
+    EXPECT_FALSE(m_Utilities.AddRedirectedFileSegment(&m_Param, "/e/none", "/s", 0, 0, 10, m_vcReason));
+    EXPECT_STREQ(m_vcReason, "Redirected file \"/e/none\" is not open");
+    EXPECT_FALSE(m_Utilities.AddRedirectedFileSegment(&m_Param, "/e/none", "/s", 0, 0, 10, nullptr));
+    EXPECT_FALSE(m_Utilities.AddRedirectedFileSegment(&m_Param, nullptr, nullptr, 0, 0, 10, m_vcReason));
+}
+
+TEST_F(UtilitiesRedirectedTest, AddingOutsideTheFileFailsWithAReason) {
+    Open("/e/disk", 100);
+    EXPECT_FALSE(m_Utilities.AddRedirectedFileSegment(&m_Param, "/e/disk", "/s", 0, 120, 10, m_vcReason));
+    EXPECT_STREQ(m_vcReason, "Offset 120 is not inside the file (size = 100)");
+}
+
+TEST_F(UtilitiesRedirectedTest, ReasonForALongPathIsCut) {
+    const std::string sPath = "/" + std::string(5000, 'p');
+    EXPECT_FALSE(m_Utilities.AddRedirectedFileSegment(&m_Param, sPath.c_str(), "/s", 0, 0, 10, m_vcReason));
+    EXPECT_EQ(std::string(m_vcReason).size(), kReasonBufferSize - 1);
+}
+
+TEST_F(UtilitiesRedirectedTest, OperationsOnUnknownPathsDoNothing) {
+    m_Utilities.CloseRedirectedFile(&m_Param, "/e/none");
+    m_Utilities.CloseRedirectedFile(&m_Param, nullptr);
+    m_Utilities.ExportRedirectedFile(&m_Param, "/e/none", "/tmp/out");
+    m_Utilities.ExportRedirectedFileInfo(&m_Param, "/e/none", "/tmp/out", true);
+    m_Utilities.RenameRedirectedFile(&m_Param, "/e/none", "/e/other");
+    EXPECT_EQ(m_Log.Dump(), "");
+}
+
+TEST_F(UtilitiesRedirectedTest, PrefixCloseTakesWhatLiesAtOrBelowThePath) {
+    for (const char* pcPath : {"/e", "/e/f", "/e/g/h", "/ef", "/d"}) {
+        Open(pcPath);
+    }
+    m_Utilities.CloseAllRedirectedFiles(&m_Param, "/e");
+    EXPECT_FALSE(IsOpen("/e"));
+    EXPECT_FALSE(IsOpen("/e/f"));
+    EXPECT_FALSE(IsOpen("/e/g/h"));
+    EXPECT_TRUE(IsOpen("/ef"));
+    EXPECT_TRUE(IsOpen("/d"));
+}
+
+TEST_F(UtilitiesRedirectedTest, PrefixCloseLogsEachCompareAndStartsOverAfterAMatch) {
+    for (const char* pcPath : {"/a", "/e/f", "/z"}) {
+        Open(pcPath);
+    }
+    m_Utilities.CloseAllRedirectedFiles(&m_Param, "/e/");
+    EXPECT_EQ(CompareLines(), (std::vector<std::string>{"[CloseAllRedirectedFiles] Path compare: \"/e/\" vs \"/a/\"",
+                                                        "[CloseAllRedirectedFiles] Path compare: \"/e/\" vs \"/e/f/\"",
+                                                        "[CloseAllRedirectedFiles] Path compare: \"/e/\" vs \"/a/\"",
+                                                        "[CloseAllRedirectedFiles] Path compare: \"/e/\" vs \"/z/\""}));
+}
+
+TEST_F(UtilitiesRedirectedTest, PrefixCloseOfAnEmptyRegistryLogsNothing) {
+    m_Utilities.CloseAllRedirectedFiles(&m_Param, "/e");
+    m_Utilities.CloseAllRedirectedFiles(&m_Param);
+    EXPECT_EQ(m_Log.Dump(), "");
+}
+
+TEST_F(UtilitiesRedirectedTest, FullCloseClosesAll) {
+    const auto pFirst = Open("/e/a");
+    const auto pSecond = Open("/f/b");
+    m_Utilities.CloseAllRedirectedFiles(&m_Param);
+    EXPECT_TRUE(pFirst->IsClosed());
+    EXPECT_TRUE(pSecond->IsClosed());
+    EXPECT_FALSE(IsOpen("/e/a"));
+}
+
+TEST_F(UtilitiesRedirectedTest, ResetClosesAll) {
+    const auto pFile = Open("/e/a");
+    m_Utilities.Reset(&m_Param, &m_LogArgu);
+    EXPECT_TRUE(pFile->IsClosed());
+    EXPECT_FALSE(IsOpen("/e/a"));
+}
+
+TEST_F(UtilitiesRedirectedTest, RenameMovesTheObjectAndDropsTheOneThatWasThere) {
+    const auto pFile = Open("/e/a");
+    const auto pOther = Open("/e/b");
+    m_Utilities.RenameRedirectedFile(&m_Param, "/e/a", "/e/b");
+    EXPECT_FALSE(IsOpen("/e/a"));
+    EXPECT_EQ(m_Utilities.GetRedirectedFile("/e/b"), pFile);
+    EXPECT_FALSE(pFile->IsClosed());
+    EXPECT_TRUE(pOther->IsClosed());
+}
+
+TEST_F(UtilitiesRedirectedTest, RenameOfAnUnknownFileStillDropsTheOneThatWasThere) {
+    const auto pOther = Open("/e/b");
+    m_Utilities.RenameRedirectedFile(&m_Param, "/e/none", "/e/b");
+    EXPECT_TRUE(pOther->IsClosed());
+    EXPECT_FALSE(IsOpen("/e/b"));
+}
+
+TEST_F(UtilitiesRedirectedTest, RenameOntoItselfChangesNothing) {
+    const auto pFile = Open("/e/a");
+    m_Utilities.RenameRedirectedFile(&m_Param, "/e/a", "/e/a");
+    EXPECT_EQ(m_Utilities.GetRedirectedFile("/e/a"), pFile);
+    EXPECT_FALSE(pFile->IsClosed());
+}
+
+TEST_F(UtilitiesRedirectedTest, RenamedFileKeepsItsInfoFile) {
+    const std::string sPath = m_Folder / "disk";
+    WriteWholeFile(sPath, "");
+    Open(sPath, 100, true);
+    m_Utilities.RenameRedirectedFile(&m_Param, sPath.c_str(), "/e/moved");
+    EXPECT_TRUE(m_Utilities.AddRedirectedFileSegment(&m_Param, "/e/moved", nullptr, 0, 0, 10, m_vcReason));
+    EXPECT_EQ(ReadWholeFile(sPath).size(), 32U);
+}
+
+TEST_F(UtilitiesRedirectedTest, FileInUseOutlivesItsClose) {
+    auto pFile = Open("/e/a");
+    const std::weak_ptr<CRedirectedFile> pWatch = pFile;
+    m_Utilities.CloseRedirectedFile(&m_Param, "/e/a");
+    EXPECT_FALSE(pWatch.expired());
+    pFile.reset();
+    EXPECT_TRUE(pWatch.expired());
+}
+
+TEST_F(UtilitiesRedirectedTest, OpeningOnePathFromManyThreadsLeavesOneOpenFile) {
+    std::vector<std::shared_ptr<CRedirectedFile>> vFiles(64);
+    std::vector<std::thread> vThreads;
+    for (std::size_t iThread = 0; iThread < 4; ++iThread) {
+        vThreads.emplace_back([this, &vFiles, iThread] {
+            CRuntimeParam param("host", 0);
+            for (std::size_t i = iThread; i < vFiles.size(); i += 4) {
+                vFiles[i] = m_Utilities.OpenRedirectedFile(&param, "/e/a", 1, false, 0, 0);
+            }
+        });
+    }
+    for (std::thread& thread : vThreads) {
+        thread.join();
+    }
+    int nOpen = 0;
+    for (const auto& pFile : vFiles) {
+        nOpen += pFile->IsClosed() ? 0 : 1;
+    }
+    EXPECT_EQ(nOpen, 1) << "the replaced ones are all closed";
+}
+
+// ---- File operations on a redirected path ------------------------------------------------------------------------
+
+TEST_F(UtilitiesRedirectedTest, SizeAndReadComeFromTheMap) {
+    const std::string sPath = m_Folder / "disk";
+    WriteWholeFile(m_Folder / "source", "0123456789");
+    WriteWholeFile(sPath, "on disk");
+    Open(sPath, 5);
+    m_Utilities.AddRedirectedFileSegment(&m_Param, sPath.c_str(), (m_Folder / "source").c_str(), 3, 0, 5, nullptr);
+    EXPECT_EQ(m_Utilities.GetFileSize(&m_Param, &m_LogArgu, sPath.c_str(), 77), 5U);
+    char vcBuffer[20] = "";
+    bool bEof = false;
+    EXPECT_EQ(m_Utilities.ReadFile(&m_Param, &m_LogArgu, sPath.c_str(), 1, SEEK_SET, vcBuffer, 10, &bEof), 4);
+    EXPECT_EQ(std::string(vcBuffer, 4), "4567");
+    EXPECT_TRUE(bEof);
+}
+
+TEST_F(UtilitiesRedirectedTest, WriteChangesNothingAndReturnsTheHostsAnswer) {
+    const std::string sPath = m_Folder / "disk";
+    WriteWholeFile(sPath, "on disk");
+    Open(sPath, 5);
+    EXPECT_EQ(m_Utilities.WriteFile(&m_Param, &m_LogArgu, sPath.c_str(), 0, SEEK_SET, "data", 4), -1) << "no host";
+    m_Log.SetHost([](const Notification&) { return 3; });
+    EXPECT_EQ(m_Utilities.WriteFile(&m_Param, &m_LogArgu, sPath.c_str(), 1ULL << 40, SEEK_SET, "data", 4), 3);
+    const auto vAsked = m_Log.Notifications();
+    ASSERT_EQ(vAsked.size(), 2U);
+    EXPECT_EQ(vAsked[1].sOperation, "write");
+    EXPECT_EQ(vAsked[1].sID, "host");
+    EXPECT_EQ(vAsked[1].sPath, sPath);
+    EXPECT_EQ(vAsked[1].iSeek, 1ULL << 40);
+    EXPECT_EQ(vAsked[1].iSeekType, SEEK_SET);
+    EXPECT_EQ(vAsked[1].iLen, 4U);
+    EXPECT_EQ(ReadWholeFile(sPath), "on disk");
+}
+
+TEST_F(UtilitiesRedirectedTest, HostMayUseTheRegistryWhileItIsAsked) {
+    Open("/e/disk", 5);
+    m_Log.SetHost([this](const Notification&) {
+        EXPECT_TRUE(IsOpen("/e/disk"));
+        m_Utilities.CloseRedirectedFile(&m_Param, "/e/disk");
+        return 4;
+    });
+    EXPECT_EQ(m_Utilities.WriteFile(&m_Param, &m_LogArgu, "/e/disk", 0, SEEK_SET, "data", 4), 4);
+    EXPECT_FALSE(IsOpen("/e/disk"));
+}
+
+TEST_F(UtilitiesRedirectedTest, AttributesAreTheHostsToGrant) {
+    const std::string sPath = m_Folder / "disk";
+    WriteWholeFile(sPath, "on disk");
+    Open(sPath, 5);
+    const auto update = [&](bool bMode, bool bSize, bool bAtime, bool bMtime) {
+        return m_Utilities.UpdateFileAttributes(&m_Param, &m_LogArgu, sPath.c_str(), bMode, 0600, false, 0, false, 0,
+                                                bSize, 1234, bAtime, 11, 22, bMtime, 33, 44);
+    };
+    EXPECT_FALSE(update(false, true, false, false)) << "no host";
+    m_Log.SetHost([](const Notification&) { return 0; });
+    m_Log.Clear();
+    EXPECT_TRUE(update(true, true, true, true));
+    const auto vAsked = m_Log.Notifications();
+    ASSERT_FALSE(vAsked.empty());
+    EXPECT_EQ(vAsked.back().sOperation, "update");
+    EXPECT_TRUE(vAsked.back().bSize);
+    EXPECT_EQ(vAsked.back().iSize, 1234U);
+    EXPECT_TRUE(vAsked.back().bAccessTime);
+    EXPECT_EQ(vAsked.back().lAccessTimeSec, 11U);
+    EXPECT_TRUE(vAsked.back().bLastModifiedTime);
+    EXPECT_EQ(vAsked.back().lLastModifiedTimeSec, 33U);
+    struct stat status {};
+    ASSERT_EQ(::stat(sPath.c_str(), &status), 0);
+    EXPECT_EQ(status.st_size, 7) << "nothing changes on disk";
+    EXPECT_NE(status.st_mode & 0777U, 0600U);
+    m_Log.SetHost([](const Notification&) { return 5; });
+    EXPECT_FALSE(update(false, true, false, false)) << "any answer but 0 refuses";
+    const std::size_t nAsked = m_Log.Notifications().size();
+    EXPECT_TRUE(update(false, false, false, false)) << "nothing to set";
+    EXPECT_EQ(m_Log.Notifications().size(), nAsked) << "and nobody is asked";
+}
+
+TEST_F(UtilitiesRedirectedTest, RemoveTakesTheFileAwayThenAsksTheHost) {
+    const std::string sPath = m_Folder / "disk";
+    for (const int iAnswer : {-1, 0, 1}) {
+        WriteWholeFile(sPath, "on disk");
+        Open(sPath, 5);
+        m_Log.SetHost([this, &sPath, iAnswer](const Notification& asked) {
+            EXPECT_EQ(asked.sOperation, "remove");
+            EXPECT_EQ(asked.sPath, sPath);
+            EXPECT_FALSE(IsOpen(sPath)) << "closed before the host hears of it";
+            return iAnswer;
+        });
+        EXPECT_EQ(m_Utilities.RemoveFile(&m_Param, &m_LogArgu, sPath.c_str()), iAnswer == 0);
+        EXPECT_NE(::access(sPath.c_str(), F_OK), 0);
+        EXPECT_FALSE(IsOpen(sPath));
+    }
+}
+
+TEST_F(UtilitiesRedirectedTest, RenameMovesFileAndRegistryEntryThenAsksTheHost) {
+    for (const int iAnswer : {0, -1, 7}) {
+        const std::string sFrom = m_Folder / "from";
+        const std::string sTo = m_Folder / ("to" + std::to_string(iAnswer));
+        WriteWholeFile(sFrom, "on disk");
+        m_Utilities.GetFileID(&m_Param, &m_LogArgu, sFrom.c_str());
+        const auto pFile = Open(sFrom, 5);
+        m_Log.SetHost([&, iAnswer](const Notification& asked) {
+            EXPECT_EQ(asked.sOperation, "rename");
+            EXPECT_EQ(asked.sPath, sFrom);
+            EXPECT_EQ(asked.sPathTo, sTo);
+            EXPECT_TRUE(IsOpen(sTo)) << "moved before the host hears of it";
+            return iAnswer;
+        });
+        EXPECT_EQ(m_Utilities.RenameFile(&m_Param, &m_LogArgu, sFrom.c_str(), sTo.c_str()), iAnswer == 0);
+        EXPECT_EQ(m_Utilities.GetRedirectedFile(sTo.c_str()), pFile);
+        EXPECT_EQ(ReadWholeFile(sTo), "on disk");
+    }
+}
+
+TEST_F(UtilitiesRedirectedTest, RenameOfAFileThatIsOnlyInTheRegistry) {
+    m_Utilities.GetFileID(&m_Param, &m_LogArgu, "/e/virtual");
+    const auto pFile = Open("/e/virtual", 5);
+    m_Log.SetHost([](const Notification&) { return 0; });
+    EXPECT_TRUE(m_Utilities.RenameFile(&m_Param, &m_LogArgu, "/e/virtual", "/e/moved"));
+    EXPECT_EQ(m_Utilities.GetRedirectedFile("/e/moved"), pFile);
+}
+
+}  // namespace
