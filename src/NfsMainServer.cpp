@@ -1,0 +1,201 @@
+// The server controller: start and stop of the RPC services.
+//
+// Everything here runs under the lifecycle mutex. Sockets go first when services end: closing a listener joins its
+// threads, so that no call is in flight when a program is deleted.
+#include <utility>
+
+#include "DatagramSocket.h"
+#include "MountProg.h"
+#include "NfsMain.h"
+#include "NfsProg.h"
+#include "Portmap.h"
+#include "PortmapProg.h"
+#include "Reason.h"
+#include "RpcServer.h"
+#include "RuntimeParam.h"
+#include "ServerSocket.h"
+#include "Utilities.h"
+
+namespace {
+
+/// RPC program numbers (RFC 1833; RFC 1813, 2.1 and 5.0) and the version that is registered of both.
+constexpr int kPortmapProgramId = 100000;
+constexpr int kNfsProgramId = 100003;
+constexpr int kMountProgramId = 100005;
+constexpr unsigned long kRegisteredVersion = 3;
+
+}  // namespace
+
+// ==== Start ==========================================================================================================
+
+bool CNfsMain::StartServer(int iMountPort, int iNfsPort, unsigned int iUId, unsigned int iGId, bool bReadOnly,
+                           char* pcStatus) {
+    const MutexLock lock(m_hMutexLifecycle);
+    if (m_bServerRunning) {
+        WriteReason(pcStatus, "NFS already running");
+        return false;
+    }
+    CloseServices();  // what a start that ran out of memory may have left
+    CreatePrograms();
+    // Beside a system portmapper there may be a system NFS server on the well-known ports.
+    const int iPortOffset = m_pPortmap->IsRunning() ? 1 : 0;
+    if (iMountPort < 1) {
+        iMountPort = kDefaultMountPort + iPortOffset;
+    }
+    if (iNfsPort < 1) {
+        iNfsPort = kDefaultNfsPort + iPortOffset;
+    }
+    if (m_pPortmapProg) {
+        LogLifecycle("Start NFS with internal portmapper: MountPort = %d, NfsPort = %d", iMountPort, iNfsPort);
+        m_pPortmapProg->Set(kMountProgramId, static_cast<unsigned long>(iMountPort));
+        m_pPortmapProg->Set(kNfsProgramId, static_cast<unsigned long>(iNfsPort));
+    } else {
+        LogLifecycle("Start NFS with external portmapper: MountPort = %d, NfsPort = %d", iMountPort, iNfsPort);
+    }
+    m_pNfsProg->SetUserID(iUId, iGId);
+    m_pNfsProg->SetReadOnly(bReadOnly);
+    CreateSockets();
+
+    const bool bSuccess = OpenServices(iMountPort, iNfsPort, pcStatus) && RegisterServices();
+    m_bServerRunning = bSuccess;
+    if (!bSuccess) {
+        StopLocked();
+    }
+    return bSuccess;
+}
+
+void CNfsMain::CreatePrograms() {
+    m_pMountProg = std::make_unique<CMountProg>(m_pUtilities.get());
+    m_pPortmap = std::make_unique<CPortmap>(m_pUtilities.get(), m_pRuntimeParam.get());
+    if (!m_pPortmap->IsRunning()) {
+        m_pPortmapProg = std::make_unique<CPortmapProg>(m_pUtilities.get());
+    }
+    m_pNfsProg = std::make_unique<CNfsProg>(m_pUtilities.get());
+    auto pRpcServer = std::make_unique<CRpcServer>(m_pUtilities.get(), m_pRuntimeParam.get());
+    if (m_pPortmapProg) {
+        pRpcServer->Set(kPortmapProgramId, m_pPortmapProg.get());
+    }
+    pRpcServer->Set(kNfsProgramId, m_pNfsProg.get());
+    pRpcServer->Set(kMountProgramId, m_pMountProg.get());
+    ExchangeRpcServer(std::move(pRpcServer));
+    SetLogControl(m_pRuntimeParam->GetLogControl());
+}
+
+void CNfsMain::CreateSockets() {
+    const MutexLock lock(m_hMutexRpcServer);
+    for (SocketHandle& handle : m_Sockets) {
+        handle.pServerSocket = std::make_unique<CServerSocket>();
+        handle.pServerSocket->SetListener(m_pRpcServer.get());
+        handle.pDatagramSocket = std::make_unique<CDatagramSocket>();
+        handle.pDatagramSocket->SetListener(m_pRpcServer.get());
+    }
+}
+
+bool CNfsMain::OpenServices(int iMountPort, int iNfsPort, char* pcStatus) {
+    return OpenPortmapService(pcStatus) && OpenNfsService(iNfsPort, pcStatus) && OpenMountService(iMountPort, pcStatus);
+}
+
+bool CNfsMain::OpenPort(SocketHandle& handle, unsigned long lProgId, int iPort, int iMaxConnections, char* pcReason) {
+    return handle.pServerSocket->Open(lProgId, iPort, iMaxConnections, m_pUtilities.get(), pcReason) &&
+           handle.pDatagramSocket->Open(lProgId, iPort, m_pUtilities.get(), pcReason);
+}
+
+bool CNfsMain::OpenPortmapService(char* pcStatus) {
+    char vcReason[kReasonBufferSize] = "";
+    if (!m_pPortmapProg ||
+        OpenPort(m_Sockets[kPortmapSockets], kPortmapProgramId, kPortmapPort, kMaxPortmapConnections, vcReason)) {
+        return true;
+    }
+    if (m_pRuntimeParam->IsLogError()) {
+        m_pUtilities->LogError(m_pRuntimeParam.get(), "Fail to start PortMap daemon. Reason=%s", vcReason);
+    }
+    LogLifecycle("Fail to start PortMap daemon on port %d. Reason=%s", kPortmapPort, vcReason);
+    WriteReason(pcStatus, "PortMap daemon failed to open port %d", kPortmapPort);
+    return false;
+}
+
+bool CNfsMain::OpenNfsService(int iNfsPort, char* pcStatus) {
+    char vcReason[kReasonBufferSize] = "";
+    if (OpenPort(m_Sockets[kNfsSockets], kNfsProgramId, iNfsPort, kMaxNfsConnections, vcReason)) {
+        return true;
+    }
+    if (m_pRuntimeParam->IsLogError()) {
+        m_pUtilities->LogError(m_pRuntimeParam.get(), "[%s] Fail to start NFS daemon. Reason=%s", "NfsMain.StartServer",
+                               vcReason);
+    }
+    LogLifecycle("Fail to start NFS daemon on port %d. Reason=%s", iNfsPort, vcReason);
+    WriteReason(pcStatus, "NFS daemon failed to open port %d", iNfsPort);
+    return false;
+}
+
+bool CNfsMain::OpenMountService(int iMountPort, char* pcStatus) {
+    char vcReason[kReasonBufferSize] = "";
+    if (OpenPort(m_Sockets[kMountSockets], kMountProgramId, iMountPort, kMaxMountConnections, vcReason)) {
+        return true;
+    }
+    if (m_pRuntimeParam->IsLogError()) {
+        m_pUtilities->LogError(m_pRuntimeParam.get(), "[%s] Fail to start Mount daemon. Reason=%s",
+                               "NfsMain.StartServer", vcReason);
+    }
+    LogLifecycle("Fail to start Mount daemon on port %d. Reason=%s", iMountPort, vcReason);
+    WriteReason(pcStatus, "Mount daemon failed to open port %d", iMountPort);
+    return false;
+}
+
+bool CNfsMain::RegisterServices() {
+    if (!m_pPortmap->IsRunning()) {
+        return true;
+    }
+    char vcReason[kReasonBufferSize] = "";
+    const bool bNfs =
+        m_pPortmap->Register(kNfsProgramId, kRegisteredVersion, m_Sockets[kNfsSockets].pServerSocket.get(), vcReason);
+    if (!bNfs) {
+        LogLifecycle("Fail to register NFS daemon to external portmapper. Reason=%s", vcReason);
+    }
+    const bool bMount = m_pPortmap->Register(kMountProgramId, kRegisteredVersion,
+                                             m_Sockets[kMountSockets].pServerSocket.get(), vcReason);
+    if (!bMount) {
+        LogLifecycle("Fail to register Mount daemon to external portmapper. Reason=%s", vcReason);
+    }
+    return bNfs && bMount;
+}
+
+// ==== Stop ===========================================================================================================
+
+void CNfsMain::StopServer() {
+    const MutexLock lock(m_hMutexLifecycle);
+    StopLocked();
+}
+
+void CNfsMain::StopLocked() {
+    LogArgu logArgu{"NfsMain.StopServer"};
+    if (m_bServerRunning) {
+        LogLifecycle("Stop NFS");
+    }
+    m_pUtilities->RemoveAllVSphereInfoWithWebCtrl(m_pRuntimeParam.get());
+    m_bServerRunning = false;
+    CloseServices();
+    m_pUtilities->Reset(m_pRuntimeParam.get(), &logArgu);
+}
+
+void CNfsMain::CloseServices() {
+    for (SocketHandle& handle : m_Sockets) {
+        handle.pServerSocket.reset();
+        handle.pDatagramSocket.reset();
+    }
+    m_pMountProg.reset();
+    m_pPortmapProg.reset();
+    if (m_pPortmap && m_pPortmap->IsRunning()) {
+        char vcReason[kReasonBufferSize] = "";
+        m_pPortmap->Unregister(kNfsProgramId, kRegisteredVersion, vcReason);
+        m_pPortmap->Unregister(kMountProgramId, kRegisteredVersion, vcReason);
+    }
+    m_pPortmap.reset();
+    m_pNfsProg.reset();
+    ExchangeRpcServer(nullptr);
+}
+
+std::unique_ptr<CRpcServer> CNfsMain::ExchangeRpcServer(std::unique_ptr<CRpcServer> pRpcServer) {
+    const MutexLock lock(m_hMutexRpcServer);
+    return std::exchange(m_pRpcServer, std::move(pRpcServer));
+}

@@ -1,0 +1,115 @@
+// CUtilities: shell commands given by the administrator, and the credentials of network devices.
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+
+#include "Utilities.h"
+
+namespace {
+
+/// Output of a command is passed to the log in pieces of at most this many characters, plus terminator.
+constexpr std::size_t kOutputPieceSize = 128;
+
+/// The commands that add and remove a network device's credentials are the installation's to provide.
+constexpr const char* kAddNetDeviceCredentialCmd = "Add_Net_Device_Credential_Command_Not_Defined";
+constexpr const char* kRemoveNetDeviceCredentialCmd = "Remove_Net_Device_Credential_Command_Not_Defined";
+
+/// The next piece of a command's output. False at its end, or when reading failed (ferror tells).
+bool ReadPiece(FILE* pPipe, char (&vcPiece)[kOutputPieceSize]) {
+    while (std::fgets(vcPiece, sizeof(vcPiece), pPipe) == nullptr) {
+        if (std::ferror(pPipe) == 0 || errno != EINTR) {
+            return false;
+        }
+        std::clearerr(pPipe);  // a signal that a host handles is no end of the output
+    }
+    return true;
+}
+
+}  // namespace
+
+int CUtilities::ExecuteSystemCmd(CRuntimeParam* pRuntimeParam, const char* pcCmd, bool bLogResult) {
+    const char* pcCommandLine = pcCmd == nullptr ? "" : pcCmd;
+    const bool bLog = bLogResult || pRuntimeParam->IsLogGeneralInfo();
+    if (bLog) {
+        LogInfo(pRuntimeParam, "%s", pcCommandLine);
+    }
+    // "e": no other child inherits the pipe
+    FILE* pPipe = popen(pcCommandLine, "re");  // NOLINT(bugprone-command-processor): running commands is its purpose
+    if (pPipe == nullptr) {
+        if (bLog) {
+            LogInfo(pRuntimeParam, "%s", "Fail to execute cmd (popen() failed)");
+        }
+        return -1;
+    }
+    if (bLog) {
+        LogRaw(pRuntimeParam, "%s", "\n------\n");
+    }
+    char vcPiece[kOutputPieceSize];
+    while (ReadPiece(pPipe, vcPiece)) {
+        if (bLog) {
+            LogRaw(pRuntimeParam, "%s", vcPiece);
+        }
+    }
+    const bool bComplete = std::feof(pPipe) != 0;
+    const int iStatus = pclose(pPipe);
+    const int iResult = bComplete ? iStatus : -1;
+    if (bLog) {
+        LogRaw(pRuntimeParam, "%s", "\n------\n");
+        if (bComplete) {
+            LogRaw(pRuntimeParam, "Process returned %d\n", iResult);
+        } else {
+            LogRaw(pRuntimeParam, "%s", "Error: Failed to read the pipe to the end\n");
+        }
+    }
+    return iResult;
+}
+
+int CUtilities::GetNetDeviceCredential(CRuntimeParam* pRuntimeParam, bool bPrintDetails) {
+    MutexLock lock(m_hMutexNetDeviceCredential);
+    int nPaths = 0;
+    for (const std::string& sPath : m_NetDeviceCredential) {
+        ++nPaths;
+        if (bPrintDetails) {
+            LogInfo(pRuntimeParam, " Net device path %d - %s", nPaths, sPath.c_str());
+        }
+    }
+    return nPaths;
+}
+
+bool CUtilities::AddNetDeviceCredential(CRuntimeParam* pRuntimeParam, const char* pcPath, const char* pcUser,
+                                        const char* pcPwd) {
+    const std::string sPath = pcPath == nullptr ? "" : pcPath;
+    MutexLock lock(m_hMutexNetDeviceCredential);
+    if (!ExecuteAddNetDeviceCredentialCmd(pRuntimeParam, sPath.c_str(), pcUser, pcPwd)) {
+        return false;
+    }
+    if (std::find(m_NetDeviceCredential.begin(), m_NetDeviceCredential.end(), sPath) == m_NetDeviceCredential.end()) {
+        m_NetDeviceCredential.push_back(sPath);
+    }
+    return true;
+}
+
+bool CUtilities::RemoveNetDeviceCredential(CRuntimeParam* pRuntimeParam, const char* pcPath) {
+    const std::string sPath = pcPath == nullptr ? "" : pcPath;
+    MutexLock lock(m_hMutexNetDeviceCredential);
+    if (!ExecuteRemoveNetDeviceCredentialCmd(pRuntimeParam, sPath.c_str())) {
+        return false;
+    }
+    std::erase(m_NetDeviceCredential, sPath);
+    return true;
+}
+
+void CUtilities::RemoveAllNetDeviceCredential(CRuntimeParam* /*pRuntimeParam*/) {
+    MutexLock lock(m_hMutexNetDeviceCredential);
+    m_NetDeviceCredential.clear();
+}
+
+// The placeholder commands take no arguments: an installation's own command knows its devices.
+bool CUtilities::ExecuteAddNetDeviceCredentialCmd(CRuntimeParam* pRuntimeParam, const char* /*pcPath*/,
+                                                  const char* /*pcUser*/, const char* /*pcPwd*/) {
+    return ExecuteSystemCmd(pRuntimeParam, kAddNetDeviceCredentialCmd, false) == 0;
+}
+
+bool CUtilities::ExecuteRemoveNetDeviceCredentialCmd(CRuntimeParam* pRuntimeParam, const char* /*pcPath*/) {
+    return ExecuteSystemCmd(pRuntimeParam, kRemoveNetDeviceCredentialCmd, false) == 0;
+}

@@ -1,0 +1,179 @@
+// Shell commands and network-device credentials.
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "LogCapture.h"
+#include "TempFolder.h"
+#include "Utilities.h"
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+class ShellCommand : public testing::Test {
+protected:
+    LogCapture m_Capture;
+    CaptureUtilities m_Utilities{&m_Capture};
+    CRuntimeParam m_Param{"tester", 0};
+    CRuntimeParam m_Talkative{"tester", CRuntimeParam::kLogGeneralInfo};
+};
+
+/// Puts a folder in front of PATH for the scope.
+class PathGuard {
+public:
+    explicit PathGuard(const std::string& sFolder) : m_sOld(Current()) {
+        setenv("PATH", (sFolder + ":" + m_sOld).c_str(), 1);
+    }
+    ~PathGuard() { setenv("PATH", m_sOld.c_str(), 1); }
+    PathGuard(const PathGuard&) = delete;
+    PathGuard& operator=(const PathGuard&) = delete;
+
+private:
+    static std::string Current() {
+        const char* pcPath = std::getenv("PATH");
+        return pcPath == nullptr ? "/usr/bin:/bin" : pcPath;
+    }
+
+    std::string m_sOld;
+};
+
+void InstallCommand(const std::string& sPath, const std::string& sBody) {
+    WriteWholeFile(sPath, "#!/bin/sh\n" + sBody + "\n");
+    ASSERT_EQ(chmod(sPath.c_str(), 0755), 0);
+}
+
+}  // namespace
+
+TEST_F(ShellCommand, OutputStandsBetweenRules) {
+    EXPECT_EQ(m_Utilities.ExecuteSystemCmd(&m_Param, "echo one; echo two", true), 0);
+    EXPECT_EQ(m_Capture.Lines(), (std::vector<LogLine>{{'i', "tester", "echo one; echo two"},
+                                                       {'r', "tester", "\n------\n"},
+                                                       {'r', "tester", "one\n"},
+                                                       {'r', "tester", "two\n"},
+                                                       {'r', "tester", "\n------\n"},
+                                                       {'r', "tester", "Process returned 0\n"}}));
+}
+
+TEST_F(ShellCommand, ResultIsTheRawWaitStatus) {
+    EXPECT_EQ(m_Utilities.ExecuteSystemCmd(&m_Param, "exit 1", true), 256);
+    EXPECT_TRUE(m_Capture.Has("Process returned 256\n", 'r'));
+    EXPECT_EQ(m_Utilities.ExecuteSystemCmd(&m_Param, "kill -9 $$", false), 9);
+}
+
+TEST_F(ShellCommand, IsSilentUnlessAskedFor) {
+    EXPECT_EQ(m_Utilities.ExecuteSystemCmd(&m_Param, "echo hidden", false), 0);
+    EXPECT_EQ(m_Capture.Texts(), Lines{});
+    EXPECT_EQ(m_Utilities.ExecuteSystemCmd(&m_Talkative, "echo shown", false), 0);
+    EXPECT_TRUE(m_Capture.Has("shown\n", 'r'));
+}
+
+TEST_F(ShellCommand, LongLinesComeInPiecesOf127) {
+    EXPECT_EQ(m_Utilities.ExecuteSystemCmd(&m_Param, "printf '%0300d\\n' 0", true), 0);
+    EXPECT_EQ(m_Capture.Texts('r'), (Lines{"\n------\n", std::string(127, '0'), std::string(127, '0'),
+                                           std::string(46, '0') + "\n", "\n------\n", "Process returned 0\n"}));
+}
+
+TEST_F(ShellCommand, FormatCharactersAreNotInterpreted) {
+    EXPECT_EQ(m_Utilities.ExecuteSystemCmd(&m_Param, "echo '%s%n%d 100%'", true), 0);
+    EXPECT_TRUE(m_Capture.Has("%s%n%d 100%\n", 'r')) << m_Capture.Dump();
+    EXPECT_TRUE(m_Capture.Has("echo '%s%n%d 100%'", 'i')) << m_Capture.Dump();
+}
+
+TEST_F(ShellCommand, OutputWithoutLineEndIsShown) {
+    EXPECT_EQ(m_Utilities.ExecuteSystemCmd(&m_Param, "printf abc", true), 0);
+    EXPECT_EQ(m_Capture.Texts('r'), (Lines{"\n------\n", "abc", "\n------\n", "Process returned 0\n"}));
+}
+
+TEST_F(ShellCommand, EmptyCommandDoesNothing) {
+    EXPECT_EQ(m_Utilities.ExecuteSystemCmd(&m_Param, "", true), 0);
+    EXPECT_EQ(m_Capture.Texts('r'), (Lines{"\n------\n", "\n------\n", "Process returned 0\n"}));
+}
+
+TEST_F(ShellCommand, ShellThatCannotBeStartedIsReportedWithoutRules) {
+    rlimit before{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    const rlimit none{0, before.rlim_max};  // no pipe can be made
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    const int iShown = m_Utilities.ExecuteSystemCmd(&m_Param, "echo one", true);
+    const std::vector<LogLine> vShown = m_Capture.Lines();
+    m_Capture.Clear();
+    const int iSilent = m_Utilities.ExecuteSystemCmd(&m_Param, "echo one", false);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+    EXPECT_EQ(iShown, -1);
+    EXPECT_EQ(vShown, (std::vector<LogLine>{{'i', "tester", "echo one"},
+                                            {'i', "tester", "Fail to execute cmd (popen() failed)"}}));
+    EXPECT_EQ(iSilent, -1);
+    EXPECT_EQ(m_Capture.Texts(), Lines{});
+}
+
+TEST_F(ShellCommand, UnknownCommandReturnsTheShellsStatus) {
+    EXPECT_EQ(m_Utilities.ExecuteSystemCmd(&m_Param, "no-such-command-here 2>/dev/null", true), 127 << 8);
+}
+
+// ==== Network-device credentials ====================================================================================
+
+namespace {
+
+class NetDeviceCredential : public ShellCommand {
+protected:
+    Lines Details() {
+        m_Capture.Clear();
+        m_Utilities.GetNetDeviceCredential(&m_Param, true);
+        return m_Capture.Texts('i');
+    }
+};
+
+constexpr const char* kAddCommand = "Add_Net_Device_Credential_Command_Not_Defined";
+constexpr const char* kRemoveCommand = "Remove_Net_Device_Credential_Command_Not_Defined";
+
+}  // namespace
+
+TEST_F(NetDeviceCredential, AddingFailsAndRecordsNothingWhileTheCommandIsNotInstalled) {
+    EXPECT_FALSE(m_Utilities.AddNetDeviceCredential(&m_Param, "//nas/share", "user", "secret"));
+    EXPECT_FALSE(m_Utilities.RemoveNetDeviceCredential(&m_Param, "//nas/share"));
+    EXPECT_EQ(m_Utilities.GetNetDeviceCredential(&m_Param, true), 0);
+    EXPECT_EQ(m_Capture.Texts(), Lines{});
+}
+
+TEST_F(NetDeviceCredential, AddedPathsAreListedOnceInOrder) {
+    const TempFolder folder;
+    const PathGuard path(folder.Path());
+    InstallCommand(folder / kAddCommand, "exit 0");
+    EXPECT_TRUE(m_Utilities.AddNetDeviceCredential(&m_Param, "//nas/b", "user", "secret"));
+    EXPECT_TRUE(m_Utilities.AddNetDeviceCredential(&m_Param, "//nas/a", "user", "secret"));
+    EXPECT_TRUE(m_Utilities.AddNetDeviceCredential(&m_Param, "//nas/b", "other", "secret"));
+    EXPECT_EQ(m_Utilities.GetNetDeviceCredential(&m_Param, false), 2);
+    EXPECT_EQ(Details(), (Lines{" Net device path 1 - //nas/b", " Net device path 2 - //nas/a"}));
+}
+
+TEST_F(NetDeviceCredential, RemovingErasesOnlyWhenItsCommandSucceeds) {
+    const TempFolder folder;
+    const PathGuard path(folder.Path());
+    InstallCommand(folder / kAddCommand, "exit 0");
+    InstallCommand(folder / kRemoveCommand, "exit 3");
+    ASSERT_TRUE(m_Utilities.AddNetDeviceCredential(&m_Param, "//nas/a", "user", "secret"));
+    EXPECT_FALSE(m_Utilities.RemoveNetDeviceCredential(&m_Param, "//nas/a"));
+    EXPECT_EQ(m_Utilities.GetNetDeviceCredential(&m_Param, false), 1);
+    InstallCommand(folder / kRemoveCommand, "exit 0");
+    EXPECT_TRUE(m_Utilities.RemoveNetDeviceCredential(&m_Param, "//nas/unknown"));
+    EXPECT_EQ(m_Utilities.GetNetDeviceCredential(&m_Param, false), 1);
+    EXPECT_TRUE(m_Utilities.RemoveNetDeviceCredential(&m_Param, "//nas/a"));
+    EXPECT_EQ(m_Utilities.GetNetDeviceCredential(&m_Param, false), 0);
+}
+
+TEST_F(NetDeviceCredential, RemoveAllEmptiesTheListWithoutRunningACommand) {
+    const TempFolder folder;
+    const PathGuard path(folder.Path());
+    InstallCommand(folder / kAddCommand, "exit 0");
+    InstallCommand(folder / kRemoveCommand, "touch " + (folder / "ran"));
+    ASSERT_TRUE(m_Utilities.AddNetDeviceCredential(&m_Param, "//nas/a", "user", "secret"));
+    m_Utilities.RemoveAllNetDeviceCredential(&m_Param);
+    EXPECT_EQ(m_Utilities.GetNetDeviceCredential(&m_Param, false), 0);
+    struct stat info {};
+    EXPECT_NE(stat((folder / "ran").c_str(), &info), 0);
+}

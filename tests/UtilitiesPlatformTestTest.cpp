@@ -1,0 +1,350 @@
+// The platform test and the quick test: every line, in order.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "LogCapture.h"
+#include "TempFolder.h"
+#include "Utilities.h"
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+class PlatformTest : public testing::Test {
+protected:
+    /// Runs the test with no log bit set and returns its information lines.
+    Lines Run(const std::string& sPath, long long iSize) {
+        m_Capture.Clear();
+        m_Utilities.RunTestMode(&m_Param, sPath.c_str(), iSize);
+        EXPECT_EQ(m_Capture.Texts('e'), Lines{}) << "no error line without its bit";
+        return m_Capture.Texts('i');
+    }
+
+    LogCapture m_Capture;
+    CaptureUtilities m_Utilities{&m_Capture};
+    CRuntimeParam m_Param{"tester", 0};
+    TempFolder m_Folder;
+};
+
+/// The lines of one read-write chunk.
+Lines ChunkLines(const std::string& sPosition, const std::string& sLength) {
+    return {"[ OK ] File seek to position " + sPosition + ".", "[ OK ] Write data with length " + sLength + ".",
+            "[ OK ] Move pointer to position " + sPosition + ".", "[ OK ] Read data with length " + sLength + ".",
+            "[ OK ] Verify data with size " + sLength + "."};
+}
+
+void Append(Lines& vsLines, const Lines& vsMore) {
+    vsLines.insert(vsLines.end(), vsMore.begin(), vsMore.end());
+}
+
+/// The lines of a good run behind the file system's figures, for a target folder and a file size.
+Lines GoodFileSteps(const std::string& sTarget, long long iSize, const Lines& vsFirstChunk,
+                    const Lines& vsSecondChunk) {
+    const std::string sFolder = sTarget + "/_test";
+    const std::string sFile = "\"" + sFolder + "/test.bak\"";
+    const std::string sSecond = "\"" + sFolder + "/test.bak2\"";
+    Lines vsLines{"",
+                  "-------------------------------- FILE IO ---------------------------------",
+                  "[ OK ] Create directory \"" + sFolder + "\".",
+                  "[ OK ] Create file " + sFile + ".",
+                  "[ OK ] Close file " + sFile + ".",
+                  "[ OK ] Enlarge file " + sFile + " size to " + std::to_string(iSize + 1024) + ".",
+                  "[ OK ] Verify file size.",
+                  "[ OK ] Close file " + sFile + ".",
+                  "[ OK ] Shrink file " + sFile + " size to " + std::to_string(iSize) + ".",
+                  "[ OK ] Verify file size.",
+                  "[ OK ] Close file " + sFile + ".",
+                  "[ OK ] Open file " + sFile + "."};
+    Append(vsLines, vsFirstChunk);
+    Append(vsLines, vsSecondChunk);
+    Append(vsLines,
+           {"[ OK ] Get file stat from file " + sFile + ".", "[ OK ] Set file mode 8124 to file " + sFile + ".",
+            "[ OK ] Get file mode from file " + sFile + ".", "[ OK ] Verify file mode 8124 from file " + sFile + ".",
+            "[ OK ] Set file mode 81A4 to file " + sFile + ".", "[ OK ] Get file mode from file " + sFile + ".",
+            "[ OK ] Verify file mode 81A4 from file " + sFile + ".", "[ OK ] Close file " + sFile + ".",
+            "[ OK ] Rename file from " + sFile + " to " + sSecond + ".", "[ OK ] Remove file " + sSecond + ".",
+            "[ OK ] Remove directory \"" + sFolder + "\".",
+            "================================ END TEST ================================"});
+    return vsLines;
+}
+
+/// Lines of the head and the figures: 5 and 9.
+constexpr std::size_t kHeadLines = 4;
+constexpr std::size_t kFigureLines = 9;
+
+Lines From(const Lines& vsLines, std::size_t iFirst) {
+    return {vsLines.begin() + static_cast<std::ptrdiff_t>(std::min(iFirst, vsLines.size())), vsLines.end()};
+}
+
+class UmaskGuard {
+public:
+    UmaskGuard() : m_iOld(umask(022)) {}
+    ~UmaskGuard() { umask(m_iOld); }
+    UmaskGuard(const UmaskGuard&) = delete;
+    UmaskGuard& operator=(const UmaskGuard&) = delete;
+
+private:
+    mode_t m_iOld;
+};
+
+}  // namespace
+
+TEST_F(PlatformTest, GoodRunPrintsTheseLinesAndLeavesNothing) {
+    const UmaskGuard umaskGuard;
+    const Lines vsLines = Run(m_Folder.Path(), 5000);
+    ASSERT_GT(vsLines.size(), kHeadLines + kFigureLines);
+    const std::string sFolder = m_Folder.Path() + "/_test";
+    EXPECT_EQ(Lines(vsLines.begin(), vsLines.begin() + kHeadLines),
+              (Lines{"=============================== START TEST ===============================",
+                     " >> Directory : \"" + sFolder + "\"", " >> File      : \"" + sFolder + "/test.bak\"", ""}));
+    EXPECT_EQ(From(vsLines, kHeadLines + kFigureLines),
+              GoodFileSteps(m_Folder.Path(), 5000, ChunkLines("0", "2047"), ChunkLines("2953", "2047")));
+    EXPECT_NE(access(sFolder.c_str(), F_OK), 0) << "the test directory is gone";
+}
+
+TEST_F(PlatformTest, FileSystemFiguresStandInForty) {
+    const Lines vsLines = Run(m_Folder.Path(), 10);
+    ASSERT_GT(vsLines.size(), kHeadLines + kFigureLines);
+    const std::string sTime = "Current time (in milliseconds)          : ";
+    EXPECT_EQ(vsLines[4], "------------------------ ATTRIBUTES of file system -----------------------");
+    EXPECT_EQ(vsLines[5].substr(0, sTime.size()), sTime);
+    const char* const vpcSizes[] = {"Maximum File Size", "Total Disk Space", "Free Disk Space",
+                                    "Free Disk Space To Caller"};
+    for (std::size_t i = 0; i < std::size(vpcSizes); ++i) {
+        std::string sTitle = vpcSizes[i];
+        sTitle.resize(40, ' ');
+        EXPECT_EQ(vsLines[6 + i].substr(0, 42), sTitle + ": ");
+        EXPECT_TRUE(vsLines[6 + i].ends_with("B")) << vsLines[6 + i];
+    }
+    const char* const vpcSlots[] = {"Total File Slots", "Free File Slots", "Free File Slots To Caller"};
+    for (std::size_t i = 0; i < std::size(vpcSlots); ++i) {
+        std::string sTitle = vpcSlots[i];
+        sTitle.resize(40, ' ');
+        const std::string& sLine = vsLines[10 + i];
+        EXPECT_EQ(sLine.substr(0, 42), sTitle + ": ");
+        const unsigned long long nDecimal = std::stoull(sLine.substr(42));
+        const std::string sHex = sLine.substr(sLine.find('(') + 1);
+        EXPECT_EQ(std::stoull(sHex, nullptr, 16), nDecimal) << sLine;
+        EXPECT_EQ(sLine.find_first_of("abcdef", sLine.find('(')), std::string::npos) << "capital digits: " << sLine;
+    }
+}
+
+TEST_F(PlatformTest, SmallFileIsOneChunkTwice) {
+    const UmaskGuard umaskGuard;
+    const Lines vsLines = Run(m_Folder.Path(), 10);
+    EXPECT_EQ(From(vsLines, kHeadLines + kFigureLines),
+              GoodFileSteps(m_Folder.Path(), 10, ChunkLines("0", "10"), ChunkLines("0", "10")));
+}
+
+TEST_F(PlatformTest, FileOfOneByteWorks) {
+    const UmaskGuard umaskGuard;
+    EXPECT_EQ(From(Run(m_Folder.Path(), 1), kHeadLines + kFigureLines),
+              GoodFileSteps(m_Folder.Path(), 1, ChunkLines("0", "1"), ChunkLines("0", "1")));
+}
+
+TEST_F(PlatformTest, TrailingSlashAndLinksAreResolved) {
+    const std::string sLink = m_Folder / "link";
+    const std::string sReal = m_Folder / "real";
+    ASSERT_EQ(mkdir(sReal.c_str(), 0755), 0);
+    ASSERT_EQ(symlink(sReal.c_str(), sLink.c_str()), 0);
+    const Lines vsLines = Run(sLink + "/", 100);
+    ASSERT_GT(vsLines.size(), 2U);
+    EXPECT_EQ(vsLines[1], " >> Directory : \"" + sReal + "/_test\"");
+}
+
+TEST_F(PlatformTest, EmptyPathIsRefused) {
+    EXPECT_EQ(Run("", 10), Lines{"Cannot start platrorm test. Error=Target directory is NULL"});
+    m_Capture.Clear();
+    m_Utilities.RunTestMode(&m_Param, nullptr, 10);
+    EXPECT_EQ(m_Capture.Texts('i'), Lines{"Cannot start platrorm test. Error=Target directory is NULL"});
+}
+
+TEST_F(PlatformTest, SizeOfZeroOrLessIsRefused) {
+    EXPECT_EQ(Run(m_Folder.Path(), 0), Lines{"Cannot start platrorm test. Error=File size is ZERO"});
+    EXPECT_EQ(Run(m_Folder.Path(), -1), Lines{"Cannot start platrorm test. Error=File size is ZERO"});
+}
+
+TEST_F(PlatformTest, MissingTargetIsRefused) {
+    const std::string sMissing = m_Folder / "missing";
+    EXPECT_EQ(Run(sMissing, 10),
+              Lines{"Cannot start platrorm test. Error=Fail to access directory \"" + sMissing + "\" (ErrCode=2)"});
+}
+
+TEST_F(PlatformTest, ExistingTestDirectoryIsRefusedAndLeftAlone) {
+    const std::string sTest = m_Folder / "_test";
+    ASSERT_EQ(mkdir(sTest.c_str(), 0755), 0);
+    WriteWholeFile(sTest + "/test.bak", "precious");
+    EXPECT_EQ(Run(m_Folder.Path(), 10),
+              Lines{"Cannot start platrorm test. Error=Test directory \"" + sTest + "\" already exist"});
+    EXPECT_EQ(ReadWholeFile(sTest + "/test.bak"), "precious");
+}
+
+TEST_F(PlatformTest, EveryStepIsTriedAndReportedWhereNothingWorks) {
+    // A target that is no directory: nothing can be made below it, whoever runs this.
+    const std::string sTarget = m_Folder / "file";
+    WriteWholeFile(sTarget, "x");
+    const std::string sFolder = sTarget + "/_test";
+    const std::string sFile = "\"" + sFolder + "/test.bak\"";
+    const std::string sSecond = "\"" + sFolder + "/test.bak2\"";
+    const Lines vsChunk{"[FAIL] File seek to position 0. Error=File seek failed",
+                        "[FAIL] Write data with length 10. Error=File write failed",
+                        "[FAIL] Move pointer to position 0. Error=File seek failed",
+                        "[FAIL] Read data with length 10. Error=File read failed",
+                        "[FAIL] Verify data with size 10. Error=Data content not match"};
+    Lines vsExpected{"-------------------------------- FILE IO ---------------------------------",
+                     "[FAIL] Create directory \"" + sFolder + "\". Error=Not a directory (20)",
+                     "[FAIL] Create file " + sFile + ". Error=Not a directory (20)",
+                     "[FAIL] Close file " + sFile + ". Error=Bad file descriptor",
+                     "[FAIL] Enlarge file " + sFile + " size to 1034. Error=Open file failed",
+                     "[FAIL] Verify file size. Error=Size not match (current size = 0)",
+                     "[FAIL] Close file " + sFile + ". Error=Bad file descriptor",
+                     "[FAIL] Shrink file " + sFile + " size to 10. Error=Open file failed",
+                     "[FAIL] Verify file size. Error=Size not match (current size = 0)",
+                     "[FAIL] Close file " + sFile + ". Error=Bad file descriptor",
+                     "[FAIL] Open file " + sFile + ". Error=Not a directory (20)"};
+    Append(vsExpected, vsChunk);
+    Append(vsExpected, vsChunk);
+    Append(vsExpected,
+           {"[FAIL] Get file stat from file " + sFile + ". Error=Not a directory (20)",
+            "[FAIL] Set file mode 8124 to file " + sFile + ". Error=Set file mode failed",
+            "[FAIL] Get file mode from file " + sFile + ". Error=Get file mode failed",
+            "[FAIL] Verify file mode 8124 from file " + sFile + ". Error=File mode not match (current file mode = 0)",
+            "[FAIL] Set file mode 0 to file " + sFile + ". Error=Set file mode failed",
+            "[FAIL] Get file mode from file " + sFile + ". Error=Get file mode failed",
+            "[FAIL] Verify file mode 0 from file " + sFile + ". Error=File mode not match (current file mode = 0)",
+            "[FAIL] Close file " + sFile + ". Error=Bad file descriptor",
+            "[FAIL] Rename file from " + sFile + " to " + sSecond + ". Error=Not a directory (20)",
+            "[FAIL] Remove file " + sSecond + ". Error=Not a directory (20)",
+            "[FAIL] Remove directory \"" + sFolder + "\". Error=Not a directory (20)",
+            "================================ END TEST ================================"});
+    EXPECT_EQ(From(Run(sTarget, 10), kHeadLines + kFigureLines + 1), vsExpected);
+    EXPECT_EQ(ReadWholeFile(sTarget), "x");
+}
+
+TEST_F(PlatformTest, FailedCallsAreLoggedBeforeTheirStepsWithTheErrorBit) {
+    const std::string sTarget = m_Folder / "file";
+    WriteWholeFile(sTarget, "x");
+    CRuntimeParam param{"tester", CRuntimeParam::kLogError};
+    m_Utilities.RunTestMode(&param, sTarget.c_str(), 10);
+    const std::string sFolder = sTarget + "/_test";
+    const std::vector<LogLine> vLines = m_Capture.Lines();
+    std::size_t iFirst = 0;
+    while (iFirst < vLines.size() && vLines[iFirst].cKind != 'e') {
+        ++iFirst;
+    }
+    ASSERT_LT(iFirst + 6, vLines.size());
+    const auto At = [&](std::size_t i) { return vLines[iFirst + i].sText; };
+    EXPECT_EQ(At(0),
+              "[Utilities.RunTestMode] OS create folder \"" + sFolder + "\" (mode = 493). Error=Not a directory (20)");
+    EXPECT_EQ(At(1), "[FAIL] Create directory \"" + sFolder + "\". Error=Not a directory (20)");
+    EXPECT_EQ(At(2), "[Utilities.RunTestMode] OS create file \"" + sFolder + "/test.bak\". Error=Not a directory (20)");
+    EXPECT_EQ(At(3), "[FAIL] Create file \"" + sFolder + "/test.bak\". Error=Not a directory (20)");
+    EXPECT_EQ(At(4), "[Utilities.RunTestMode] OS close file \"" + sFolder + "/test.bak\". Error=Bad file descriptor");
+    EXPECT_EQ(At(5), "[FAIL] Close file \"" + sFolder + "/test.bak\". Error=Bad file descriptor");
+    EXPECT_EQ(vLines.back().sText, "================================ END TEST ================================");
+    EXPECT_EQ(vLines[vLines.size() - 2].cKind, 'i') << "the clean-up is silent";
+}
+
+TEST_F(PlatformTest, MissingRightsShowInTheFirstStep) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs root to give up its rights in a child";
+    }
+    const std::string sTarget = m_Folder / "others";
+    ASSERT_EQ(mkdir(sTarget.c_str(), 0755), 0);
+    ASSERT_EQ(chmod(m_Folder.Path().c_str(), 0755), 0);
+    const pid_t iChild = fork();
+    if (iChild == 0) {
+        if (setgid(65534) != 0 || setuid(65534) != 0) {
+            _exit(2);
+        }
+        const std::string sLine = "[FAIL] Create directory \"" + sTarget + "/_test\". Error=Permission denied (13)";
+        m_Utilities.RunTestMode(&m_Param, sTarget.c_str(), 10);
+        _exit(m_Capture.Has(sLine, 'i') ? 0 : 1);
+    }
+    int iStatus = 0;
+    ASSERT_EQ(waitpid(iChild, &iStatus, 0), iChild);
+    if (WEXITSTATUS(iStatus) == 2) {
+        GTEST_SKIP() << "no second user to change to in this user namespace";
+    }
+    EXPECT_EQ(WEXITSTATUS(iStatus), 0) << "another line than expected";
+}
+
+TEST_F(PlatformTest, FileSizeBeyondWhatTheFileSystemTakesFailsItsStepsOnly) {
+    const Lines vsLines = Run(m_Folder.Path(), 9223372036854775807LL);
+    const std::string sFile = "\"" + (m_Folder / "_test") + "/test.bak\"";
+    EXPECT_TRUE(m_Capture.Has(
+        "[FAIL] Enlarge file " + sFile + " size to -9223372036854774785. Error=Set file size failed", 'i'))
+        << m_Capture.Dump();
+    EXPECT_EQ(vsLines.back(), "================================ END TEST ================================");
+    EXPECT_NE(access((m_Folder / "_test").c_str(), F_OK), 0) << "the test directory is gone";
+}
+
+TEST_F(PlatformTest, NamesWithFormatCharactersAreShownAsTheyAre) {
+    const std::string sTarget = m_Folder / "%s%n%d";
+    ASSERT_EQ(mkdir(sTarget.c_str(), 0755), 0);
+    const Lines vsLines = Run(sTarget, 10);
+    ASSERT_GT(vsLines.size(), 2U);
+    EXPECT_EQ(vsLines[1], " >> Directory : \"" + sTarget + "/_test\"");
+}
+
+// ==== Quick test ================================================================================================
+
+namespace {
+
+class QuickTest : public PlatformTest {
+protected:
+    bool Quick(CRuntimeParam* pParam, const char* pcPath, int iMode) {
+        m_Capture.Clear();
+        m_vcReason[0] = '\0';
+        return m_Utilities.RunQuickTestMode(pParam, pcPath, iMode, m_vcReason);
+    }
+
+    char m_vcReason[kReasonBufferSize] = "";
+    CRuntimeParam m_Talkative{"tester", CRuntimeParam::kLogGeneralInfo};
+};
+
+}  // namespace
+
+TEST_F(QuickTest, ExistingPathPassesSilently) {
+    EXPECT_TRUE(Quick(&m_Param, m_Folder.Path().c_str(), 0)) << m_vcReason;
+    EXPECT_EQ(m_Capture.Texts(), Lines{});
+}
+
+TEST_F(QuickTest, MissingPathFailsWithTheErrorCode) {
+    EXPECT_FALSE(Quick(&m_Param, (m_Folder / "missing").c_str(), 0));
+    EXPECT_STREQ(m_vcReason, "ErrCode=2");
+    EXPECT_EQ(m_Capture.Texts(), Lines{});
+}
+
+TEST_F(QuickTest, MissingPathIsLoggedAsItsPath) {
+    const std::string sMissing = m_Folder / "missing";
+    EXPECT_FALSE(Quick(&m_Talkative, sMissing.c_str(), 0));
+    EXPECT_TRUE(m_Capture.Has("Quick exist test failed. Error=\"" + sMissing + "\"", 'i')) << m_Capture.Dump();
+}
+
+TEST_F(QuickTest, EmptyPathIsAnInvalidArgument) {
+    for (const char* pcPath : {"", static_cast<const char*>(nullptr)}) {
+        EXPECT_FALSE(Quick(&m_Talkative, pcPath, 0));
+        EXPECT_STREQ(m_vcReason, "Invalid argument");
+        EXPECT_EQ(m_Capture.Texts(), Lines{"Quick test failed. Error=\"Invalid argument\""});
+        EXPECT_FALSE(Quick(&m_Param, pcPath, 0));
+        EXPECT_EQ(m_Capture.Texts(), Lines{}) << "silent without the general bit";
+    }
+}
+
+TEST_F(QuickTest, MissingParameterIsAnInvalidArgument) {
+    EXPECT_FALSE(Quick(nullptr, m_Folder.Path().c_str(), 0));
+    EXPECT_STREQ(m_vcReason, "Invalid argument");
+}
+
+TEST_F(QuickTest, OtherModesAreUnknown) {
+    EXPECT_FALSE(Quick(&m_Param, m_Folder.Path().c_str(), 1));
+    EXPECT_STREQ(m_vcReason, "Unknown mode (1)");
+    EXPECT_FALSE(Quick(&m_Param, m_Folder.Path().c_str(), -7));
+    EXPECT_STREQ(m_vcReason, "Unknown mode (-7)");
+}
