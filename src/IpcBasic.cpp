@@ -1,0 +1,98 @@
+// What both ends of the remote control share.
+#include "IpcBasic.h"
+
+#include <cstdarg>
+#include <cstdio>
+
+#include "Utilities.h"
+
+namespace {
+
+void InitialData(IpcDataBuf* pData, int iGroup, int iType) {
+    Ipc_Header header{};
+    header.iGroup = iGroup;
+    header.iType = GetKnownIpcType(iGroup, iType);
+    SetIpcText(header.cVersion, kIpcVersion);
+    std::memcpy(pData->cBuf, &header, sizeof(header));
+    pData->lDataLen = static_cast<std::int64_t>(GetIpcRecordLength(iGroup, iType));
+}
+
+}  // namespace
+
+CIpcBasic::CIpcBasic(CUtilities* pUtilities, CRuntimeParam* pRuntimeParam)
+    : m_pUtilities(pUtilities), m_pRuntimeParam(pRuntimeParam) {}
+
+void CIpcBasic::InitialRequestData(IpcDataBuf* pData, int iType) {
+    InitialData(pData, kIpcGroupRequest, iType);
+}
+
+void CIpcBasic::InitialReplyData(IpcDataBuf* pData, int iType) {
+    InitialData(pData, kIpcGroupReply, iType);
+}
+
+void CIpcBasic::InitialCallbackData(IpcDataBuf* pData, int iType) {
+    InitialData(pData, kIpcGroupCallback, iType);
+}
+
+void CIpcBasic::PrintData(LogArgu* pLogArgu, const IpcDataBuf* pData) {
+    if (!m_pRuntimeParam->IsLogIpc()) {
+        return;
+    }
+    const auto header = GetIpcRecord<Ipc_Header>(*pData);
+    const std::string sVersion = GetIpcText(header.cVersion);
+    const auto lDataLen = static_cast<unsigned long>(pData->lDataLen);
+    switch (header.iGroup) {
+        case kIpcGroupRequest:
+            LogInfoFormat("[%s] Request action group (type = %d, ver = %s, dataLen = %lu)", pLogArgu->pcName,
+                          header.iType, sVersion.c_str(), lDataLen);
+            break;
+        case kIpcGroupReply:
+            LogInfoFormat("[%s] Reply action group (type = %d, ver = %s, dataLen = %lu)", pLogArgu->pcName,
+                          header.iType, sVersion.c_str(), lDataLen);
+            break;
+        case kIpcGroupCallback:
+            LogInfoFormat("[%s] Callback action group (type = %d, ver = %s, dataLen = %lu)", pLogArgu->pcName,
+                          header.iType, sVersion.c_str(), lDataLen);
+            break;
+        default:
+            LogInfoFormat("[%s] Unknown action group: %d (type = %d, ver = %s, dataLen = %lu)", pLogArgu->pcName,
+                          header.iGroup, header.iType, sVersion.c_str(), lDataLen);
+            break;
+    }
+}
+
+void CIpcBasic::LogInfo(const char* pcMessage) {
+    m_pUtilities->LogInfo(m_pRuntimeParam, "%s", pcMessage);
+}
+
+void CIpcBasic::LogError(const char* pcMessage) {
+    m_pUtilities->LogError(m_pRuntimeParam, "%s", pcMessage);
+}
+
+void CIpcBasic::LogInfoFormat(const char* pcFormat, ...) {
+    va_list arguments;
+    va_start(arguments, pcFormat);
+    std::vsnprintf(cLogBuf, sizeof(cLogBuf), pcFormat, arguments);
+    va_end(arguments);
+    LogInfo(cLogBuf);
+}
+
+void CIpcBasic::LogErrorFormat(const char* pcFormat, ...) {
+    va_list arguments;
+    va_start(arguments, pcFormat);
+    std::vsnprintf(cLogBuf, sizeof(cLogBuf), pcFormat, arguments);
+    va_end(arguments);
+    LogError(cLogBuf);
+}
+
+void CIpcBasic::LogState(const LogArgu& logArgu, const char* pcStep) {
+    if (m_pRuntimeParam->IsLogIpcState()) {
+        LogInfoFormat("[%s] %s", logArgu.pcName, pcStep);
+    }
+}
+
+void CIpcBasic::LogFailure(const LogArgu& logArgu, const char* pcReason) {
+    if (m_pRuntimeParam->IsLogError()) {
+        LogErrorFormat("[%s] %s", logArgu.pcName, pcReason);
+    }
+}

@@ -1,0 +1,98 @@
+// A listening local socket and its file.
+#include "IpcListener.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "Reason.h"
+
+namespace {
+
+/// Whoever runs the server, processes of every user may steer it.
+constexpr mode_t kSocketFileMode = 0777;
+
+}  // namespace
+
+bool CIpcListener::Open(const char* pcPath, char* pcReason) {
+    m_Wake = CDescriptor::AboveStandard(CDescriptor(eventfd(0, EFD_CLOEXEC)));
+    int iError = m_Wake.IsOpen() ? m_Socket.Create() : errno;
+    if (iError != 0) {
+        WriteReason(pcReason, "Fail to open ipc server socket. %s", CSystemErrorText(iError).Get());
+        return false;
+    }
+    iError = CIpcSocket::MakeAddress(pcPath, &m_Address);
+    if (iError != 0) {
+        WriteReason(pcReason, "Fail to bind ipc server socket. %s", CSystemErrorText(iError).Get());
+        return false;
+    }
+    return Bind(pcReason);
+}
+
+bool CIpcListener::Bind(char* pcReason) {
+    unlink(m_Address.sun_path);  // a file that stays makes the bind fail
+    // Non-blocking, so that a connection that vanishes between poll and accept blocks nobody.
+    if (fcntl(m_Socket.Get(), F_SETFL, O_NONBLOCK) != 0 ||
+        bind(m_Socket.Get(), reinterpret_cast<const sockaddr*>(&m_Address), sizeof(m_Address)) != 0) {
+        WriteReason(pcReason, "Fail to bind ipc server socket. %s", CSystemErrorText(errno).Get());
+        return false;
+    }
+    m_bBound = true;
+    // After the bind, because the umask narrows the mode that bind gives.
+    if (chmod(m_Address.sun_path, kSocketFileMode) != 0 || lstat(m_Address.sun_path, &m_File) != 0) {
+        WriteReason(pcReason, "Fail to bind ipc server socket. %s", CSystemErrorText(errno).Get());
+        Close();
+        return false;
+    }
+    if (listen(m_Socket.Get(), kBacklog) != 0) {
+        WriteReason(pcReason, "Fail to listen ipc server socket. %s", CSystemErrorText(errno).Get());
+        Close();
+        return false;
+    }
+    return true;
+}
+
+int CIpcListener::Accept(CIpcSocket* pConnection) {
+    for (;;) {
+        if (const int iError = CIpcSocket::WaitReadable(m_Socket.Get(), m_Wake.Get(), {}); iError != 0) {
+            return iError;
+        }
+        *pConnection = CIpcSocket(
+            CDescriptor::AboveStandard(CDescriptor(accept4(m_Socket.Get(), nullptr, nullptr, SOCK_CLOEXEC))));
+        if (pConnection->IsOpen()) {
+            return 0;
+        }
+        if (errno != EAGAIN && errno != EINTR && errno != ECONNABORTED) {
+            return errno;
+        }
+    }
+}
+
+void CIpcListener::WaitForClose(std::chrono::milliseconds limit) const {
+    CIpcSocket::WaitReadable(m_Wake.Get(), -1, CIpcSocket::Clock::now() + limit);
+}
+
+void CIpcListener::WaitForClose() const {
+    CIpcSocket::WaitReadable(m_Wake.Get(), -1, {});
+}
+
+void CIpcListener::Close() {
+    if (!m_bBound) {
+        return;
+    }
+    m_bBound = false;
+    eventfd_write(m_Wake.Get(), 1);  // cannot fail: the counter is far from full
+    m_Socket.Shutdown();
+    RemoveFile();
+}
+
+void CIpcListener::RemoveFile() {
+    struct stat now {};
+    const bool bOwn =
+        lstat(m_Address.sun_path, &now) == 0 && now.st_dev == m_File.st_dev && now.st_ino == m_File.st_ino;
+    m_bFileLeft = bOwn && unlink(m_Address.sun_path) != 0;
+}

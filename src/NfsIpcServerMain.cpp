@@ -1,0 +1,113 @@
+// The external server: the channel on which others steer it.
+#include "NfsIpcServerMain.h"
+
+#include <cerrno>
+#include <cstring>
+
+#include "IpcChannel.h"
+#include "IpcClient.h"
+#include "IpcServerThread.h"
+#include "Reason.h"
+#include "UtilitiesIpcServer.h"
+
+namespace {
+
+/// The buffer of GetDescription.
+constexpr std::size_t kTextBufferSize = 256;
+
+/// Who does not answer the probe by then hangs, but holds the channel all the same.
+constexpr std::chrono::seconds kProbeTimeout{30};
+
+}  // namespace
+
+CNfsIpcServerMain::CNfsIpcServerMain() = default;
+
+CNfsIpcServerMain::CNfsIpcServerMain(const char* pcLogID, int iLogControl) {
+    CNfsIpcServerMain::InitMemberVaribles(pcLogID, iLogControl);
+}
+
+CNfsIpcServerMain::~CNfsIpcServerMain() {
+    CloseIpcServerThread();
+}
+
+void CNfsIpcServerMain::InitMemberVaribles(const char* pcLogID, int iLogControl) {
+    CNfsMain::InitMemberVaribles(pcLogID, iLogControl);
+    const MutexLock lock(m_hMutexRemoteController);
+    m_pIpcServerThread.reset();
+}
+
+std::unique_ptr<CUtilities> CNfsIpcServerMain::CreateUtilities() {
+    return std::make_unique<CUtilitiesIpcServer>();
+}
+
+bool CNfsIpcServerMain::Initial(char* pcStatus) {
+    const char* pcID = m_pRuntimeParam->GetID();
+    if (std::strcmp(pcID, kIpcServerID) == 0) {
+        WriteReason(pcStatus, "Cannot use \"%s\" as ID", pcID);
+        return false;
+    }
+    if (const char* pcBad = std::strpbrk(pcID, "/ "); pcBad != nullptr) {
+        WriteReason(pcStatus, "Invalid char \"%c\" inside ID", *pcBad);
+        return false;
+    }
+    return CNfsMain::Initial(pcStatus);
+}
+
+bool CNfsIpcServerMain::StartRemoteController(char* pcStatus) {
+    LogLifecycle("Start Remote Controller");
+    const MutexLock lock(m_hMutexRemoteController);
+    if (m_pIpcServerThread) {
+        return true;
+    }
+    char cChannel[kIpcChannelBufferSize];
+    GetIpcServerThreadChannel(cChannel);
+    if (IsChannelServed(cChannel)) {
+        WriteReason(pcStatus, "Ipc channel is already created by others.");
+        return false;
+    }
+    auto pThread = std::make_unique<CIpcServerThread>();
+    char cReason[kReasonBufferSize] = "";
+    if (!pThread->Open(cChannel, this, cReason)) {
+        CopyIpcText(pcStatus, kReasonBufferSize, cReason);
+        if (m_pRuntimeParam->IsLogError()) {
+            m_pUtilities->LogError(m_pRuntimeParam.get(), "[%s] Fail to start ipc server thread. Reason=%s",
+                                   "NfsIpcServerMain.StartRemoteController", cReason);
+        }
+        return false;
+    }
+    m_pIpcServerThread = std::move(pThread);
+    return true;
+}
+
+bool CNfsIpcServerMain::IsChannelServed(const char* pcChannel) {
+    CIpcClient client(m_pUtilities.get(), m_pRuntimeParam.get());
+    client.SetRequest(kIpcGetVersion);
+    client.SetTimeout(kProbeTimeout);
+    char cReason[kReasonBufferSize];  // that nobody listens is the ordinary case
+    if (client.SendRequest(pcChannel, cReason)) {
+        return client.GetMsgReply() != nullptr;
+    }
+    return client.GetErrorNumber() == ETIMEDOUT;
+}
+
+void CNfsIpcServerMain::StopRemoteController() {
+    LogLifecycle("Stop Remote Controller");
+    CloseIpcServerThread();
+}
+
+void CNfsIpcServerMain::CloseIpcServerThread() {
+    const MutexLock lock(m_hMutexRemoteController);
+    m_pIpcServerThread.reset();
+}
+
+int CNfsIpcServerMain::GetAccessMode() {
+    return 1;
+}
+
+void CNfsIpcServerMain::GetDescription(char* pcDescription) {
+    CopyIpcText(pcDescription, kTextBufferSize, "External NFS Server");
+}
+
+void CNfsIpcServerMain::GetIpcServerThreadChannel(char* pcChannel) {
+    GetIpcChannel(kIpcServerID, pcChannel);
+}

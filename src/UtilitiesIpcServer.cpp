@@ -1,0 +1,162 @@
+// The external server's reports to the process that the work is done for.
+#include "UtilitiesIpcServer.h"
+
+#include <cerrno>
+#include <cstring>
+
+#include "IpcChannel.h"
+#include "IpcClient.h"
+
+namespace {
+
+bool HasReceiver(const CRuntimeParam* pRuntimeParam) {
+    return *pRuntimeParam->GetIpcID() != '\0';
+}
+
+}  // namespace
+
+CUtilitiesIpcServer::CUtilitiesIpcServer() = default;
+CUtilitiesIpcServer::~CUtilitiesIpcServer() = default;
+
+bool CUtilitiesIpcServer::GetIpcCallbackChannel(const char* pcIpcID, char* pcChannel) {
+    // The ID comes from a record: it must not lead to another folder, nor back to the server, which would wait for
+    // itself.
+    if (std::strpbrk(pcIpcID, "/ ") != nullptr || std::strcmp(pcIpcID, kIpcServerID) == 0) {
+        *pcChannel = '\0';
+        return false;
+    }
+    GetIpcChannel(pcIpcID, pcChannel);
+    return true;
+}
+
+// ==== Log lines ======================================================================================================
+
+void CUtilitiesIpcServer::LogInfo(CRuntimeParam* pRuntimeParam, const char* pcMessage) {
+    CUtilities::LogInfo(pRuntimeParam->GetID(), pcMessage);
+    SendLogMessage(pRuntimeParam, pcMessage, kIpcLogInfo);
+}
+
+void CUtilitiesIpcServer::LogError(CRuntimeParam* pRuntimeParam, const char* pcMessage) {
+    CUtilities::LogError(pRuntimeParam->GetID(), pcMessage);
+    SendLogMessage(pRuntimeParam, pcMessage, kIpcLogError);
+}
+
+void CUtilitiesIpcServer::LogRaw(CRuntimeParam* pRuntimeParam, const char* pcMessage) {
+    CUtilities::LogRaw(pRuntimeParam->GetID(), pcMessage);
+    SendLogMessage(pRuntimeParam, pcMessage, kIpcLogRaw);
+}
+
+void CUtilitiesIpcServer::SendLogMessage(CRuntimeParam* pRuntimeParam, const char* pcMessage, int iType) {
+    if (!HasReceiver(pRuntimeParam)) {
+        return;
+    }
+    const std::string sIpcID = pRuntimeParam->GetIpcID();
+    if (IsSilent(sIpcID)) {
+        return;
+    }
+    auto record = NewIpcRecord<IpcCb_LogMessage>();
+    SetIpcText(record.cID, pRuntimeParam->GetID());
+    SetIpcText(record.cMsg, pcMessage);
+    record.iType = iType;
+    CRuntimeParam own(pRuntimeParam->GetID(), pRuntimeParam->GetLogControl());
+    CIpcClient client(this, &own);
+    client.SetCallback(kIpcCbLogMessage, record);
+    SendCallback(sIpcID, client);
+}
+
+// ==== Notifications ==================================================================================================
+
+template <typename Record>
+int CUtilitiesIpcServer::SendNotification(CRuntimeParam* pRuntimeParam, int iType, const Record& record) {
+    CRuntimeParam own(pRuntimeParam->GetID(), pRuntimeParam->GetLogControl());
+    CIpcClient client(this, &own);
+    client.SetCallback(iType, record);
+    bool bAnswered = SendCallback(pRuntimeParam->GetIpcID(), client);
+    if (!bAnswered && (client.GetErrorNumber() == EMFILE || client.GetErrorNumber() == ENFILE)) {
+        // The descriptor cache grows until there are none left: a busy server is often in this state.
+        LogArgu logArgu{"UtilitiesIpcServer.SendNotification"};
+        FreeCachedFileHandles(&own, &logArgu);
+        bAnswered = SendCallback(pRuntimeParam->GetIpcID(), client);
+    }
+    return bAnswered ? client.GetIntReply() : -1;
+}
+
+int CUtilitiesIpcServer::LogUpdateRedirectedFileAttributes(CRuntimeParam* pRuntimeParam, const char* pcPath, bool bSize,
+                                                           unsigned long long iSize, bool bAccessTime,
+                                                           unsigned long lAccessTimeSec, bool bLastModifiedTime,
+                                                           unsigned long lLastModifiedTimeSec) {
+    if (!HasReceiver(pRuntimeParam)) {
+        return CUtilities::LogUpdateRedirectedFileAttributes(pRuntimeParam, pcPath, bSize, iSize, bAccessTime,
+                                                             lAccessTimeSec, bLastModifiedTime, lLastModifiedTimeSec);
+    }
+    auto record = NewIpcRecord<IpcCb_SetRedirectedFileAttributes>();
+    SetIpcText(record.cID, pRuntimeParam->GetID());
+    SetIpcText(record.cPath, pcPath);
+    record.bSize = bSize ? 1 : 0;
+    record.iSize = iSize;
+    record.bAccessTime = bAccessTime ? 1 : 0;
+    record.lAccessTimeSec = lAccessTimeSec;
+    record.bLastModifiedTime = bLastModifiedTime ? 1 : 0;
+    record.lLastModifiedTimeSec = lLastModifiedTimeSec;
+    return SendNotification(pRuntimeParam, kIpcCbSetRedirectedFileAttributes, record);
+}
+
+int CUtilitiesIpcServer::LogRemoveRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath) {
+    if (!HasReceiver(pRuntimeParam)) {
+        return CUtilities::LogRemoveRedirectedFile(pRuntimeParam, pcPath);
+    }
+    auto record = NewIpcRecord<IpcCb_RemoveRedirectedFile>();
+    SetIpcText(record.cID, pRuntimeParam->GetID());
+    SetIpcText(record.cPath, pcPath);
+    return SendNotification(pRuntimeParam, kIpcCbRemoveRedirectedFile, record);
+}
+
+int CUtilitiesIpcServer::LogRenameRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPathFrom,
+                                                 const char* pcPathTo) {
+    if (!HasReceiver(pRuntimeParam)) {
+        return CUtilities::LogRenameRedirectedFile(pRuntimeParam, pcPathFrom, pcPathTo);
+    }
+    auto record = NewIpcRecord<IpcCb_RenameRedirectedFile>();
+    SetIpcText(record.cID, pRuntimeParam->GetID());
+    SetIpcText(record.cPathFm, pcPathFrom);
+    SetIpcText(record.cPathTo, pcPathTo);
+    return SendNotification(pRuntimeParam, kIpcCbRenameRedirectedFile, record);
+}
+
+int CUtilitiesIpcServer::LogWriteRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath,
+                                                unsigned long long iSeek, int iSeekType, unsigned int iLen) {
+    if (!HasReceiver(pRuntimeParam)) {
+        return CUtilities::LogWriteRedirectedFile(pRuntimeParam, pcPath, iSeek, iSeekType, iLen);
+    }
+    auto record = NewIpcRecord<IpcCb_WriteRedirectedFile>();
+    SetIpcText(record.cID, pRuntimeParam->GetID());
+    SetIpcText(record.cPath, pcPath);
+    record.iSeek = iSeek;
+    record.iSeekType = iSeekType;
+    record.iLen = iLen;
+    return SendNotification(pRuntimeParam, kIpcCbWriteRedirectedFile, record);
+}
+
+// ==== Sending ========================================================================================================
+
+bool CUtilitiesIpcServer::SendCallback(const std::string& sIpcID, CIpcClient& client) {
+    char cChannel[kIpcChannelBufferSize];
+    const bool bReachable = GetIpcCallbackChannel(sIpcID.c_str(), cChannel);
+    client.SetTimeout(m_CallbackTimeout);
+    const bool bAnswered = client.SendRequest(bReachable ? cChannel : nullptr);
+    const auto now = std::chrono::steady_clock::now();
+    const MutexLock lock(m_hMutexSilentReceivers);
+    if (!bAnswered && client.GetErrorNumber() == ETIMEDOUT) {
+        std::erase_if(m_SilentReceivers, [now](const auto& silent) { return silent.second <= now; });
+        m_SilentReceivers[sIpcID] = now + m_CallbackTimeout;
+    } else if (!m_SilentReceivers.empty()) {
+        m_SilentReceivers.erase(sIpcID);
+    }
+    return bAnswered;
+}
+
+bool CUtilitiesIpcServer::IsSilent(const std::string& sIpcID) {
+    const MutexLock lock(m_hMutexSilentReceivers);
+    const auto silent = m_SilentReceivers.find(sIpcID);
+    return silent != m_SilentReceivers.end() && std::chrono::steady_clock::now() < silent->second;
+}

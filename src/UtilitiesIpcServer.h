@@ -1,0 +1,69 @@
+// CUtilitiesIpcServer: the external server's registries, which report to the process that the work is done for.
+#pragma once
+
+#include <chrono>
+#include <map>
+#include <string>
+
+#include "Utilities.h"
+
+class CIpcClient;
+
+/// Work done under a runtime parameter with an IPC ID belongs to a remote party: its log lines go to that party's
+/// channel besides being logged here, and the notifications about redirected files go to it instead of to a host of
+/// this process.
+///
+/// A callback waits for its answer at most kCallbackTimeout. It is sent, and its failure logged, under a runtime
+/// parameter without IPC ID, so that a line about a callback never causes another one.
+class CUtilitiesIpcServer : public CUtilities {
+public:
+    /// A receiver that has not answered by then counts as gone: work for everybody else waits behind it.
+    static constexpr std::chrono::milliseconds kCallbackTimeout = std::chrono::seconds(30);
+
+    CUtilitiesIpcServer();
+    ~CUtilitiesIpcServer() override;
+
+    using CUtilities::LogError;
+    using CUtilities::LogInfo;
+    using CUtilities::LogRaw;
+    using CUtilities::LogRemoveRedirectedFile;
+    using CUtilities::LogRenameRedirectedFile;
+    using CUtilities::LogUpdateRedirectedFileAttributes;
+    using CUtilities::LogWriteRedirectedFile;
+
+    void LogInfo(CRuntimeParam* pRuntimeParam, const char* pcMessage) override;
+    void LogError(CRuntimeParam* pRuntimeParam, const char* pcMessage) override;
+    void LogRaw(CRuntimeParam* pRuntimeParam, const char* pcMessage) override;
+    /// The answer of the remote party; -1 when it cannot be reached or does not answer.
+    int LogUpdateRedirectedFileAttributes(CRuntimeParam* pRuntimeParam, const char* pcPath, bool bSize,
+                                          unsigned long long iSize, bool bAccessTime, unsigned long lAccessTimeSec,
+                                          bool bLastModifiedTime, unsigned long lLastModifiedTimeSec) override;
+    int LogRemoveRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath) override;
+    int LogRenameRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPathFrom, const char* pcPathTo) override;
+    int LogWriteRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath, unsigned long long iSeek,
+                               int iSeekType, unsigned int iLen) override;
+
+    /// The callback channel of an IPC ID, into a buffer of kIpcChannelBufferSize (IpcChannel.h). False, with an empty
+    /// text, for an ID that no client can have: the server's own, or one holding "/" or a blank.
+    static bool GetIpcCallbackChannel(const char* pcIpcID, char* pcChannel);
+
+    /// How long callbacks wait; tests shorten it before they start anything.
+    void SetCallbackTimeout(std::chrono::milliseconds timeout) { m_CallbackTimeout = timeout; }
+
+private:
+    void SendLogMessage(CRuntimeParam* pRuntimeParam, const char* pcMessage, int iType);
+    /// Called with no registry's mutex held; lack of descriptors is met at the expense of the descriptor cache.
+    template <typename Record>
+    int SendNotification(CRuntimeParam* pRuntimeParam, int iType, const Record& record);
+    /// Sends a callback to the party of an IPC ID. A failure is logged here.
+    bool SendCallback(const std::string& sIpcID, CIpcClient& client);
+    bool IsSilent(const std::string& sIpcID);
+
+    std::chrono::milliseconds m_CallbackTimeout = kCallbackTimeout;
+
+    /// IPC IDs whose receiver let a callback run into the time limit, and until when no log lines go there: with a
+    /// line's wait for each of them, one stopped process would bring the service for everybody else to a halt.
+    /// Notifications are always sent.
+    Mutex m_hMutexSilentReceivers;
+    std::map<std::string, std::chrono::steady_clock::time_point> m_SilentReceivers GUARDED_BY(m_hMutexSilentReceivers);
+};

@@ -1,0 +1,303 @@
+// Reports to the process that the work is done for: the callbacks as bytes, and what becomes of them.
+#include "UtilitiesIpcServer.h"
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "IpcChannel.h"
+#include "IpcPeer.h"
+#include "Isolation.h"
+#include "LeakGuard.h"
+#include "TempFolder.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+constexpr int kAllLogBits = 1023;
+constexpr char kChannel[] = "/tmp/nfs-client";
+
+class UtilitiesIpcServerTest : public testing::Test {
+protected:
+    void SetUp() override {
+        if (!IsIsolated()) {
+            GTEST_SKIP() << "needs a /tmp of its own";
+        }
+        m_Param.SetIpcID("client");
+    }
+
+    /// What the action prints.
+    template <typename Action>
+    static std::string Printed(Action action) {
+        testing::internal::CaptureStdout();
+        action();
+        return testing::internal::GetCapturedStdout();
+    }
+
+    int Write() { return m_Utilities.LogWriteRedirectedFile(&m_Param, "/f", 5, 0, 3); }
+
+    LeakGuard m_Leaks;
+    CUtilitiesIpcServer m_Utilities;
+    CRuntimeParam m_Param{"exp", 0};
+};
+
+// ==== Channels =======================================================================================================
+
+TEST_F(UtilitiesIpcServerTest, TheCallbackChannelIsTheClientsOwn) {
+    char cChannel[kIpcChannelBufferSize];
+    EXPECT_TRUE(CUtilitiesIpcServer::GetIpcCallbackChannel("cRun", cChannel));
+    EXPECT_STREQ(cChannel, "/tmp/nfs-cRun");
+}
+
+TEST_F(UtilitiesIpcServerTest, IDsThatNoClientCanHaveHaveNoChannel) {
+    char cChannel[kIpcChannelBufferSize];
+    for (const char* pcID : {"server", "a/b", "/", "../etc/x", "a b", " "}) {
+        EXPECT_FALSE(CUtilitiesIpcServer::GetIpcCallbackChannel(pcID, cChannel)) << pcID;
+        EXPECT_STREQ(cChannel, "") << pcID;
+    }
+}
+
+TEST_F(UtilitiesIpcServerTest, AnIDThatLeadsElsewhereIsNotFollowed) {
+    ASSERT_EQ(mkdir("/tmp/nfs-x", 0755), 0);
+    {
+        FakeIpcServer elsewhere("/tmp/elsewhere", [](const std::string&) { return RawIntReply(3); });
+        m_Param.SetIpcID("x/../elsewhere");
+        EXPECT_EQ(Write(), -1);
+        EXPECT_TRUE(elsewhere.Messages().empty());
+    }
+    ASSERT_EQ(rmdir("/tmp/nfs-x"), 0);
+}
+
+// ==== Log lines ======================================================================================================
+
+TEST_F(UtilitiesIpcServerTest, LogLinesGoToTheirRoutesHereAndToTheClient) {
+    FakeIpcServer client(kChannel, [](const std::string&) { return RawBoolReply(true); });
+    EXPECT_EQ(Printed([&] {
+                  m_Utilities.LogInfo(&m_Param, "%s", "hello");
+                  m_Utilities.LogError(&m_Param, "%s", "oh");
+                  m_Utilities.LogRaw(&m_Param, "%s", "raw\n");
+              }),
+              "[info] (exp) hello\n[erro] (exp) oh\nraw\n");
+    const std::vector<std::string> vsMessages = client.Messages();
+    ASSERT_EQ(vsMessages.size(), 3U);
+    const char* const vpcTexts[] = {"hello", "oh", "raw\n"};
+    for (std::size_t i = 0; i < 3; ++i) {
+        EXPECT_EQ(Difference(RawCallback(1, 2324)
+                                 .Text(16, "exp")
+                                 .Text(272, vpcTexts[i])
+                                 .I32(2320, static_cast<std::int32_t>(i + 1))
+                                 .Bytes(),
+                             vsMessages[i]),
+                  "");
+    }
+}
+
+TEST_F(UtilitiesIpcServerTest, WithoutAnIpcIDNothingIsSent) {
+    FakeIpcServer client(kChannel, [](const std::string&) { return RawBoolReply(true); });
+    FakeIpcServer nobody("/tmp/nfs-", [](const std::string&) { return RawBoolReply(true); });
+    m_Param.SetIpcID(nullptr);
+    EXPECT_EQ(Printed([&] { m_Utilities.LogInfo(&m_Param, "%s", "hello"); }), "[info] (exp) hello\n");
+    EXPECT_EQ(Write(), -1) << "without a host";
+    EXPECT_TRUE(client.Messages().empty());
+    EXPECT_TRUE(nobody.Messages().empty());
+}
+
+TEST_F(UtilitiesIpcServerTest, ALongLineIsCutAtTheFieldsEnd) {
+    FakeIpcServer client(kChannel, [](const std::string&) { return RawBoolReply(true); });
+    const std::string sLong(3000, 'l');
+    Printed([&] {
+        CUtilities& utilities = m_Utilities;
+        utilities.LogInfo(&m_Param, "%s", sLong.c_str());
+    });
+    ASSERT_EQ(client.Messages().size(), 1U);
+    EXPECT_EQ(TextAt(client.Messages()[0], 272, 2048), std::string(2047, 'l'));
+}
+
+TEST_F(UtilitiesIpcServerTest, ALineAboutACallbackNeverCausesAnother) {
+    FakeIpcServer client(kChannel, [](const std::string&) { return RawBoolReply(true); });
+    m_Param.SetLogControl(kAllLogBits);
+    const std::string sPrinted = Printed([&] { m_Utilities.LogInfo(&m_Param, "%s", "hello"); });
+    EXPECT_EQ(client.Messages().size(), 1U);
+    EXPECT_EQ(sPrinted,
+              "[info] (exp) hello\n"
+              "[info] (exp) [IpcClient.SendRequest] Open channel: /tmp/nfs-client\n"
+              "[info] (exp) [IpcClient.SendRequest] Callback action group (type = 1, ver = 1.4, dataLen = 2324)\n"
+              "[info] (exp) [IpcClient.SendRequest] Open ipc client socket\n"
+              "[info] (exp) [IpcClient.SendRequest] Connect ipc client socket\n"
+              "[info] (exp) [IpcClient.SendRequest] Send ipc client request\n"
+              "[info] (exp) [IpcClient.SendRequest] Read ipc server reply\n"
+              "[info] (exp) [IpcClient.SendRequest] Reply action group (type = 1, ver = 1.4, dataLen = 20)\n");
+}
+
+TEST_F(UtilitiesIpcServerTest, AClientThatIsGoneCostsOneErrorLine) {
+    m_Param.SetLogControl(CRuntimeParam::kLogError);
+    EXPECT_EQ(
+        Printed([&] { m_Utilities.LogInfo(&m_Param, "%s", "hello"); }),
+        "[info] (exp) hello\n"
+        "[erro] (exp) [IpcClient.SendRequest] Fail to connect ipc client socket. No such file or directory (2)\n");
+    m_Param.SetLogControl(0);
+    EXPECT_EQ(Printed([&] { m_Utilities.LogInfo(&m_Param, "%s", "hello"); }), "[info] (exp) hello\n");
+}
+
+// ==== Notifications ==================================================================================================
+
+TEST_F(UtilitiesIpcServerTest, NotificationsCarryTheirFields) {
+    FakeIpcServer client(kChannel, [](const std::string&) { return RawIntReply(12); });
+    EXPECT_EQ(m_Utilities.LogUpdateRedirectedFileAttributes(&m_Param, "/f", true, 1ULL << 63, false, 7, true, ~0UL),
+              12);
+    EXPECT_EQ(m_Utilities.LogUpdateRedirectedFileAttributes(&m_Param, "/f", false, 0, true, 8, false, 0), 12);
+    EXPECT_EQ(m_Utilities.LogRemoveRedirectedFile(&m_Param, "/f"), 12);
+    EXPECT_EQ(m_Utilities.LogRenameRedirectedFile(&m_Param, "/f", "/g"), 12);
+    EXPECT_EQ(m_Utilities.LogWriteRedirectedFile(&m_Param, "/f", 1ULL << 40, 2, 0xffffffffU), 12);
+    const std::vector<std::string> vsSeen = client.Messages();
+    ASSERT_EQ(vsSeen.size(), 5U);
+    const auto expected = [](int iType, std::size_t iLength) {
+        return RawCallback(iType, iLength).Text(16, "exp").Text(272, "/f");
+    };
+    EXPECT_EQ(
+        Difference(
+            expected(2, 1344).Byte(1296, 1).U64(1304, 1ULL << 63).U64(1320, 7).Byte(1328, 1).U64(1336, ~0UL).Bytes(),
+            vsSeen[0]),
+        "");
+    EXPECT_EQ(Difference(expected(2, 1344).Byte(1312, 1).U64(1320, 8).Bytes(), vsSeen[1]), "");
+    EXPECT_EQ(Difference(expected(3, 1296).Bytes(), vsSeen[2]), "");
+    EXPECT_EQ(Difference(expected(4, 2320).Text(1296, "/g").Bytes(), vsSeen[3]), "");
+    EXPECT_EQ(Difference(expected(5, 1312).U64(1296, 1ULL << 40).I32(1304, 2).I32(1308, -1).Bytes(), vsSeen[4]), "");
+}
+
+TEST_F(UtilitiesIpcServerTest, PathsThatDoNotFitAreCutAtTheFieldsEnd) {
+    FakeIpcServer client(kChannel, [](const std::string&) { return RawIntReply(0); });
+    const std::string sLong = "/" + std::string(2000, 'p');
+    m_Utilities.LogRemoveRedirectedFile(&m_Param, sLong.c_str());
+    ASSERT_EQ(client.Messages().size(), 1U);
+    EXPECT_EQ(TextAt(client.Messages()[0], 272, 1024), sLong.substr(0, 1023));
+    EXPECT_EQ(client.Messages()[0].size(), 1296U);
+}
+
+TEST_F(UtilitiesIpcServerTest, AClientThatIsGoneAnswersMinusOne) {
+    EXPECT_EQ(Write(), -1);
+    EXPECT_EQ(m_Utilities.LogRemoveRedirectedFile(&m_Param, "/f"), -1);
+    EXPECT_EQ(m_Utilities.LogRenameRedirectedFile(&m_Param, "/f", "/g"), -1);
+    EXPECT_EQ(m_Utilities.LogUpdateRedirectedFileAttributes(&m_Param, "/f", true, 1, false, 0, false, 0), -1);
+}
+
+TEST_F(UtilitiesIpcServerTest, ARefusalOfAnOlderClientIsMinusOne) {
+    FakeIpcServer client(kChannel, [](const std::string&) { return RawTextReply(4, "Unknown callback type (5)"); });
+    EXPECT_EQ(Write(), -1);
+}
+
+TEST_F(UtilitiesIpcServerTest, ANotificationTakesItsDescriptorFromTheCacheWhenNoneIsLeft) {
+    FakeIpcServer client(kChannel, [](const std::string&) { return RawIntReply(12); });
+    TempFolder folder;
+    LogArgu logArgu{"Test"};
+    for (int i = 0; i < 5; ++i) {
+        const std::string sPath = folder / std::to_string(i);
+        WriteWholeFile(sPath, "x");
+        ASSERT_TRUE(m_Utilities.GetCachedFileHandle(&m_Param, &logArgu, sPath.c_str(), false).IsOpen());
+    }
+    std::vector<int> viAll;
+    for (int iFile = open("/dev/null", O_RDONLY | O_CLOEXEC); iFile != -1;
+         iFile = open("/dev/null", O_RDONLY | O_CLOEXEC)) {
+        viAll.push_back(iFile);
+    }
+    const int iAnswer = m_Utilities.LogRemoveRedirectedFile(&m_Param, "/f");
+    for (const int iFile : viAll) {
+        close(iFile);
+    }
+    EXPECT_EQ(iAnswer, 12);
+    m_Utilities.CloseAllCachedFileHandles(&m_Param, &logArgu);
+}
+
+// ==== Receivers that hang ============================================================================================
+
+TEST_F(UtilitiesIpcServerTest, TheStatedLimitIsThirtySeconds) {
+    EXPECT_EQ(CUtilitiesIpcServer::kCallbackTimeout, std::chrono::seconds(30));
+}
+
+TEST_F(UtilitiesIpcServerTest, AReceiverThatDoesNotAnswerCountsAsNotAnswered) {
+    FakeIpcServer client(kChannel, [](const std::string&) { return RawIntReply(3); });
+    client.Hang();
+    m_Utilities.SetCallbackTimeout(milliseconds(100));
+    const auto start = steady_clock::now();
+    EXPECT_EQ(Write(), -1);
+    EXPECT_GE(steady_clock::now() - start, milliseconds(100));
+}
+
+TEST_F(UtilitiesIpcServerTest, AReceiverThatHangsGetsNoLogLinesForAWhileButEveryNotification) {
+    FakeIpcServer client(kChannel, [](const std::string&) { return RawIntReply(3); });
+    client.Hang();
+    m_Utilities.SetCallbackTimeout(milliseconds(200));
+    Printed([&] {
+        m_Utilities.LogInfo(&m_Param, "%s", "waits for the limit");
+        const auto start = steady_clock::now();
+        for (int i = 0; i < 10; ++i) {
+            m_Utilities.LogInfo(&m_Param, "%s", "does not wait");
+        }
+        EXPECT_LT(steady_clock::now() - start, milliseconds(10 * 200)) << "ten lines must not wait ten times";
+    });
+    EXPECT_LT(client.Messages().size(), 11U);
+    client.Clear();
+    EXPECT_EQ(Write(), -1);
+    ASSERT_TRUE(client.WaitForMessages(1));
+    EXPECT_EQ(I32At(client.Messages()[0], 4), 5);
+}
+
+TEST_F(UtilitiesIpcServerTest, AReceiverThatAnswersAgainGetsLogLinesAgain) {
+    m_Utilities.SetCallbackTimeout(milliseconds(200));
+    Printed([&] {
+        {
+            FakeIpcServer client(kChannel, [](const std::string&) { return RawIntReply(3); });
+            client.Hang();
+            m_Utilities.LogInfo(&m_Param, "%s", "unheard");
+        }
+        FakeIpcServer client(kChannel, [](const std::string&) { return RawIntReply(3); });
+        EXPECT_EQ(Write(), 3);
+        client.Clear();
+        m_Utilities.LogInfo(&m_Param, "%s", "heard");
+        ASSERT_EQ(client.Messages().size(), 1U);
+        EXPECT_EQ(TextAt(client.Messages()[0], 272, 2048), "heard");
+    });
+}
+
+// ==== Threads ========================================================================================================
+
+TEST_F(UtilitiesIpcServerTest, CallbacksFromManyThreadsReachTheirOwnClients) {
+    constexpr int kThreads = 8;
+    constexpr int kRounds = 25;
+    std::vector<std::unique_ptr<FakeIpcServer>> vClients;
+    for (int i = 0; i < kThreads; ++i) {
+        vClients.push_back(std::make_unique<FakeIpcServer>("/tmp/nfs-c" + std::to_string(i),
+                                                           [i](const std::string&) { return RawIntReply(i); }));
+    }
+    std::vector<std::thread> vThreads;
+    for (int i = 0; i < kThreads; ++i) {
+        vThreads.emplace_back([&, i] {
+            CRuntimeParam param("exp", 0);
+            param.SetIpcID(("c" + std::to_string(i)).c_str());
+            for (int n = 0; n < kRounds; ++n) {
+                EXPECT_EQ(m_Utilities.LogRemoveRedirectedFile(&param, ("/" + std::to_string(i)).c_str()), i);
+            }
+        });
+    }
+    for (std::thread& thread : vThreads) {
+        thread.join();
+    }
+    for (int i = 0; i < kThreads; ++i) {
+        const std::vector<std::string> vsSeen = vClients[static_cast<std::size_t>(i)]->Messages();
+        EXPECT_EQ(vsSeen.size(), static_cast<std::size_t>(kRounds));
+        for (const std::string& sSeen : vsSeen) {
+            EXPECT_EQ(TextAt(sSeen, 272, 1024), "/" + std::to_string(i));
+        }
+    }
+}
+
+}  // namespace
