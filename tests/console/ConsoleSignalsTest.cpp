@@ -1,0 +1,160 @@
+// Signals end the console as "quit" does.
+#include <pty.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+
+#include "ConsoleSupport.h"
+#include "NfsClient.h"
+
+namespace {
+
+/// A signal, on a pipe or on a terminal.
+struct Case {
+    int iSignal;
+    bool bTerminal;
+};
+
+class ConsoleSignals : public ConsoleTest, public testing::WithParamInterface<Case> {};
+
+std::string NameOf(const testing::TestParamInfo<Case>& info) {
+    return std::string(sigabbrev_np(info.param.iSignal)) + (info.param.bTerminal ? "OnATerminal" : "OnAPipe");
+}
+
+}  // namespace
+
+TEST_P(ConsoleSignals, EndsAsQuitDoes) {
+    ChildOptions options;
+    options.bTerminal = GetParam().bTerminal;
+    const std::string sPid = m_Folder / "pid";
+    ConsoleProcess console({"-md", "svr", "-pidfile", sPid}, options);
+    ASSERT_TRUE(console.WaitForPrompt());
+    console.Command("debug");
+    console.Command("mount " + m_Folder.Path() + "=data");
+    ASSERT_EQ(console.Command("start"), "Start NFS success");
+    NfsClient client;
+    ASSERT_TRUE(client.Mnt("data"));
+    std::unique_ptr<TerminalOf> pTerminal;
+    std::string sAttributes;
+    if (GetParam().bTerminal) {
+        pTerminal = std::make_unique<TerminalOf>(console.GetPid());
+        sAttributes = Describe(pTerminal->Get());
+    }
+    console.Signal(GetParam().iSignal);
+    EXPECT_EQ(console.Wait(), 0);
+    EXPECT_TRUE(console.Output().ends_with("\nExit\n")) << console.Output();
+    EXPECT_TRUE(client.Nfs().IsClosedByPeer()) << "the server was stopped";
+    EXPECT_FALSE(Exists(sPid));
+    EXPECT_FALSE(Exists("/tmp/nfs-server"));
+    if (pTerminal) {
+        EXPECT_EQ(Describe(pTerminal->Get()), sAttributes);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(EachSignal, ConsoleSignals,
+                         testing::Values(Case{SIGINT, false}, Case{SIGINT, true}, Case{SIGTERM, false},
+                                         Case{SIGTERM, true}, Case{SIGHUP, false}, Case{SIGHUP, true}),
+                         NameOf);
+
+namespace {
+
+class ConsoleSignal : public ConsoleTest {};
+
+}  // namespace
+
+TEST_F(ConsoleSignal, InterruptKeyOfTheTerminalEndsTheProgram) {
+    ChildOptions options;
+    options.bTerminal = true;
+    ConsoleProcess console({"-md", "int"}, options);
+    ASSERT_TRUE(console.WaitForPrompt());
+    const TerminalOf terminal(console.GetPid());
+    termios attributes = terminal.Get();
+    attributes.c_lflag |= ISIG;
+    attributes.c_cc[VINTR] = 3;
+    terminal.Set(attributes);
+    console.Send("\x03");
+    EXPECT_EQ(console.Wait(), 0);
+    EXPECT_TRUE(console.Output().ends_with("\nExit\n")) << console.Output();
+}
+
+TEST_F(ConsoleSignal, KilledConsoleLeavesItsTerminalAsItWas) {
+    ChildOptions options;
+    options.bTerminal = true;
+    ConsoleProcess console({"-md", "int"}, options);
+    ASSERT_TRUE(console.WaitForPrompt());
+    const TerminalOf terminal(console.GetPid());
+    const std::string sAttributes = Describe(terminal.Get());
+    console.Signal(SIGKILL);
+    EXPECT_EQ(console.Wait(), 128 + SIGKILL);
+    EXPECT_EQ(Describe(terminal.Get()), sAttributes);
+}
+
+TEST_F(ConsoleSignal, ClosedTerminalEndsTheProgramInOrder) {
+    const std::string sPid = m_Folder / "pid";
+    const std::string sProgram = ConsoleProcess::ProgramPath();
+    int iMaster = -1;
+    const pid_t iConsole = forkpty(&iMaster, nullptr, nullptr, nullptr);
+    if (iConsole == 0) {
+        execl(sProgram.c_str(), "nfsconsole", "-md", "svr", "-pidfile", sPid.c_str(), nullptr);
+        _exit(127);
+    }
+    ASSERT_GT(iConsole, 0);
+    CDescriptor master(iMaster);
+    EXPECT_TRUE(WaitUntil([] { return Exists("/tmp/nfs-server"); }));
+    master.Close();
+    int iStatus = 0;
+    EXPECT_EQ(waitpid(iConsole, &iStatus, 0), iConsole);
+    EXPECT_EQ(iStatus, 0);
+    EXPECT_FALSE(Exists(sPid));
+    EXPECT_FALSE(Exists("/tmp/nfs-server"));
+}
+
+TEST_F(ConsoleSignal, CommandInProgressIsFinishedFirst) {
+    ConsoleProcess console({"-md", "int"});
+    ASSERT_TRUE(console.WaitForPrompt());
+    console.Command("debug");
+    const std::string sGo = m_Folder / "go";
+    console.Send("exec echo begun; while [ ! -e " + sGo + " ]; do sleep 0.05; done; echo finished\n");
+    ASSERT_TRUE(console.WaitFor("begun\n"));
+    console.Signal(SIGTERM);
+    EXPECT_FALSE(console.Wait(std::chrono::milliseconds(300)));
+    WriteWholeFile(sGo, "");
+    EXPECT_EQ(console.Wait(), 0);
+    EXPECT_TRUE(
+        console.Output().ends_with("finished\n\n------\nProcess returned 0\nReturn code: 0\n\nCommand: \nExit\n"))
+        << console.Output();
+}
+
+TEST_F(ConsoleSignal, RepeatedSignalsDoNotDisturbTheEnd) {
+    const std::string sPid = m_Folder / "pid";
+    ConsoleProcess console({"-md", "svr", "-pidfile", sPid});
+    ASSERT_TRUE(console.WaitForPrompt());
+    for (const int iSignal : {SIGTERM, SIGINT, SIGHUP, SIGTERM, SIGTERM}) {
+        console.Signal(iSignal);
+    }
+    EXPECT_EQ(console.Wait(), 0);
+    EXPECT_FALSE(Exists(sPid));
+    EXPECT_FALSE(Exists("/tmp/nfs-server"));
+}
+
+TEST_F(ConsoleSignal, IgnoredOrBlockedByTheParentTheyStillEndTheProgram) {
+    ChildProcess console(
+        {"/bin/bash", "-c", "trap '' INT TERM HUP CHLD PIPE; exec \"$0\" -md int", ConsoleProcess::ProgramPath()});
+    ASSERT_TRUE(console.WaitFor("Command: "));
+    console.Send("debug\nexec exit 3\n");
+    EXPECT_TRUE(console.WaitFor("Return code: 768\n")) << console.Output();
+    console.Signal(SIGHUP);
+    EXPECT_EQ(console.Wait(), 0);
+}
+
+TEST_F(ConsoleSignal, TestRunIsFinishedFirst) {
+    const std::string sPid = m_Folder / "pid";
+    ConsoleProcess console({"-md", "int", "-test", m_Folder.Path() + "=2000", "-pidfile", sPid});
+    ASSERT_TRUE(console.WaitFor("START TEST"));
+    console.Signal(SIGTERM);
+    EXPECT_EQ(console.Wait(), 0);
+    EXPECT_TRUE(console.Output().ends_with("END TEST ================================\n")) << console.Output();
+    EXPECT_FALSE(Exists(m_Folder / "_test"));
+    EXPECT_FALSE(Exists(sPid));
+}

@@ -1,0 +1,143 @@
+// The service unit and the list of exports, with real processes.
+#include <sys/stat.h>
+
+#include <csignal>
+#include <filesystem>
+#include <regex>
+#include <sstream>
+
+#include "ConsoleSupport.h"
+#include "NfsClient.h"
+
+namespace {
+
+class Packaging : public ConsoleTest {
+protected:
+    static std::string Script() { return NFSLIB_SOURCE_DIR "/packaging/nfs-exports"; }
+    RunResult Apply(const std::string& sList, const std::vector<std::string>& vsMore = {}) {
+        WriteWholeFile(m_Folder / "exports", sList);
+        std::vector<std::string> vsArguments{Script(), m_Folder / "exports"};
+        vsArguments.insert(vsArguments.end(), vsMore.begin(), vsMore.end());
+        ChildOptions options;
+        options.vEnvironment.emplace_back("NFSCONSOLE", ConsoleProcess::ProgramPath());
+        return RunProgram(vsArguments, options);
+    }
+    std::string MakeFolder(const std::string& sName) {
+        std::string sPath = m_Folder / sName;
+        EXPECT_EQ(mkdir(sPath.c_str(), 0755), 0);
+        return sPath;
+    }
+    /// The exports that the status lists: "path : name" of each.
+    static std::vector<std::string> Listed() {
+        const std::string sOutput = RunConsole({"-query"}).sOutput;
+        const std::regex pattern(" Mount \\d+ - (.*?) \\(\\) \\[exports\\]");
+        std::vector<std::string> vsExports;
+        for (std::sregex_iterator i(sOutput.begin(), sOutput.end(), pattern), end; i != end; ++i) {
+            vsExports.push_back((*i)[1]);
+        }
+        return vsExports;
+    }
+    /// The value of a line of the installed unit, with its paths moved into this test's folder.
+    std::string UnitLine(const std::string& sKey) {
+        std::istringstream unit(ReadWholeFile(NFSLIB_BUILD_DIR "/packaging/nfsconsole.service"));
+        for (std::string sLine; std::getline(unit, sLine);) {
+            if (sLine.starts_with(sKey + "=")) {
+                std::string sValue = sLine.substr(sKey.size() + 1);
+                sValue =
+                    std::regex_replace(sValue, std::regex("/[^ \"]*/bin/nfsconsole"), ConsoleProcess::ProgramPath());
+                sValue = std::regex_replace(sValue, std::regex("/[^ \"]*/nfs-exports"), Script());
+                for (const char* pcFolder : {"/var/log/nfslib", "/run/nfslib", "/etc/nfslib"}) {
+                    sValue = std::regex_replace(sValue, std::regex(pcFolder), m_Folder.Path());
+                }
+                return sValue;
+            }
+        }
+        ADD_FAILURE() << "the unit has no " << sKey;
+        return "";
+    }
+};
+
+}  // namespace
+
+TEST_F(Packaging, ListIsAppliedAndServed) {
+    ConsoleProcess server({"-md", "svr"});
+    ASSERT_TRUE(server.WaitForPrompt());
+    const std::string sOne = MakeFolder("one");
+    const std::string sTwo = MakeFolder("two words");
+    const RunResult result =
+        Apply("# comment\n\n  " + sOne + "=first  \n" + sTwo + "=second");  // no line end at the end
+    EXPECT_EQ(result.iStatus, 0) << result.sOutput;
+    EXPECT_EQ(result.sOutput, "");
+    EXPECT_EQ(Listed(), (std::vector<std::string>{sOne + " : first", sTwo + " : second"}));
+    NfsClient client;
+    EXPECT_TRUE(client.Mnt("second"));
+    EXPECT_EQ(server.Quit(), 0);
+}
+
+TEST_F(Packaging, PortsMayBeGiven) {
+    ConsoleProcess server({"-md", "svr"});
+    ASSERT_TRUE(server.WaitForPrompt());
+    EXPECT_EQ(Apply(m_Folder.Path() + "=data\n", {"3058=3049"}).iStatus, 0);
+    NfsClient client(Transport::kTcp, "127.0.0.1", 3049, 3058);
+    EXPECT_TRUE(client.Mnt("data"));
+    EXPECT_EQ(server.Quit(), 0);
+}
+
+TEST_F(Packaging, RefusedEntriesAreReportedAndTheOthersServed) {
+    ConsoleProcess server({"-md", "svr"});
+    ASSERT_TRUE(server.WaitForPrompt());
+    const std::string sPath = MakeFolder("good");
+    const std::string sList = m_Folder / "exports";
+    const RunResult result = Apply("nonsense\n/missing=gone\n" + m_Folder.Path() + "=a b\n" + sPath + "=good\n" +
+                                   sPath + "=twice\n=x\n" + sPath + "=\n" + sPath + "=a=b\n");
+    EXPECT_EQ(result.iStatus, 2);
+    EXPECT_EQ(result.sOutput, "nfs-exports: " + sList + ", line 1: not of the form path=exportName: nonsense\n" +
+                                  "nfs-exports: " + sList + ", line 2: no such directory: /missing\n" +
+                                  "nfs-exports: " + sList + ", line 6: not of the form path=exportName: =x\n" +
+                                  "nfs-exports: " + sList + ", line 7: not of the form path=exportName: " + sPath +
+                                  "=\n" + "nfs-exports: " + sList +
+                                  ", line 8: not of the form path=exportName: " + sPath + "=a=b\n" +
+                                  "Fail to add mount point to NFS. Reason=Invalid char \" \" inside export name\n"
+                                  "Fail to add mount point to NFS. Reason=Local mount path \"" +
+                                  sPath + "\" already defined\n");
+    EXPECT_EQ(Listed(), std::vector<std::string>{sPath + " : good"});
+    EXPECT_EQ(server.Quit(), 0);
+}
+
+TEST_F(Packaging, ServerThatCannotServeIsReported) {
+    const CDescriptor taken = TakeUdpPort(1058);
+    ConsoleProcess server({"-md", "svr"});
+    ASSERT_TRUE(server.WaitForPrompt());
+    const RunResult result = Apply(m_Folder.Path() + "=data\n");
+    EXPECT_EQ(result.iStatus, 1);
+    EXPECT_EQ(result.sOutput, "nfs-exports: Fail to start NFS. Mount daemon failed to open port 1058\n");
+    EXPECT_EQ(server.Quit(), 0);
+}
+
+TEST_F(Packaging, UnreadableListIsReported) {
+    const RunResult result = RunProgram({Script(), m_Folder / "missing"});
+    EXPECT_EQ(result.iStatus, 1);
+    EXPECT_EQ(result.sOutput, "nfs-exports: " + (m_Folder / "missing") + " cannot be read\n");
+}
+
+TEST_F(Packaging, UnitStartsExportsAndStops) {
+    WriteWholeFile(m_Folder / "exports", m_Folder.Path() + "=data\n");
+    ChildOptions options;
+    options.bClosedInput = true;  // as a service: nothing to read
+    options.vEnvironment.emplace_back("NFSCONSOLE", ConsoleProcess::ProgramPath());
+    ChildProcess service({"/bin/sh", "-c", "exec " + UnitLine("ExecStart")}, options);
+    const RunResult post = RunProgram({"/bin/sh", "-c", UnitLine("ExecStartPost")}, options);
+    EXPECT_EQ(post.iStatus, 0) << post.sOutput;
+    EXPECT_EQ(ReadWholeFile(m_Folder / "nfsconsole.pid"), std::to_string(service.GetPid()) + "\n");
+    NfsClient client;
+    EXPECT_TRUE(client.Mnt("data"));
+    EXPECT_EQ(RunProgram({"/bin/sh", "-c", UnitLine("ExecStop")}).iStatus, 0);
+    EXPECT_EQ(service.Wait(), 0);
+    EXPECT_FALSE(Exists(m_Folder / "nfsconsole.pid"));
+    EXPECT_FALSE(Exists("/tmp/nfs-server"));
+    const std::string sLog = ReadWholeFile(m_Folder / "nfs.log");
+    EXPECT_NE(sLog.find("[info] Start NFS with internal portmapper: MountPort = 1058, NfsPort = 2049\n"),
+              std::string::npos)
+        << sLog;
+    EXPECT_NE(sLog.find("[info] Stop NFS\n"), std::string::npos) << sLog;
+}
