@@ -1,0 +1,103 @@
+// The handles of a host, and the end of a controller that may still be in use.
+#include "HostController.h"
+
+#include <cstdint>
+#include <map>
+#include <utility>
+
+#include "Callback.h"
+#include "NfsMain.h"
+
+namespace {
+
+/// Every handle in use. Never destroyed: host threads may still call while the process ends.
+struct HandleTable {
+    Mutex hMutex;
+    std::map<jlong, std::shared_ptr<CHostController>> mControllers GUARDED_BY(hMutex);
+};
+
+HandleTable& Handles() {
+    static auto* const pTable = new HandleTable;
+    return *pTable;
+}
+
+}  // namespace
+
+jlong CHostController::Register(std::unique_ptr<CNfsMain> pMain) {
+    const auto iHandle = static_cast<jlong>(reinterpret_cast<std::intptr_t>(pMain.get()));
+    auto pController = std::make_shared<CHostController>(std::move(pMain));
+    HandleTable& table = Handles();
+    const MutexLock lock(table.hMutex);
+    table.mControllers[iHandle] = std::move(pController);
+    return iHandle;
+}
+
+std::shared_ptr<CHostController> CHostController::Find(jlong iHandle) {
+    HandleTable& table = Handles();
+    const MutexLock lock(table.hMutex);
+    const auto it = table.mControllers.find(iHandle);
+    return it != table.mControllers.end() ? it->second : nullptr;
+}
+
+std::shared_ptr<CHostController> CHostController::Release(jlong iHandle) {
+    HandleTable& table = Handles();
+    const MutexLock lock(table.hMutex);
+    const auto node = table.mControllers.extract(iHandle);
+    return node.empty() ? nullptr : node.mapped();
+}
+
+CHostController::CHostController(std::unique_ptr<CNfsMain> pMain) : m_pMain(std::move(pMain)) {}
+
+CHostController::~CHostController() = default;
+
+std::shared_ptr<CNfsMain> CHostController::Enter() {
+    {
+        const MutexLock lock(m_hMutexCalls);
+        if (m_bEnded) {
+            return nullptr;
+        }
+        ++m_nCalls;
+    }
+    return {m_pMain.get(), [pThis = shared_from_this()](CNfsMain*) { pThis->Leave(); }};
+}
+
+void CHostController::Leave() {
+    const MutexLock lock(m_hMutexCalls);
+    --m_nCalls;
+    m_CallEnded.notify_all();
+}
+
+void CHostController::End() {
+    m_pMain->Terminate();
+    {
+        const MutexLock lock(m_hMutexCalls);
+        m_bEnded = true;
+        while (m_nCalls > 0) {
+            m_CallEnded.wait(m_hMutexCalls);
+        }
+    }
+    m_pMain.reset();
+}
+
+bool CHostController::InstallCallback(const std::shared_ptr<CCallback>& pCallback) {
+    const std::shared_ptr<CNfsMain> pMain = Enter();
+    if (pMain == nullptr) {
+        return false;
+    }
+    const MutexLock lock(m_hMutexCallback);
+    if (pMain->GetCallback() == nullptr) {
+        pMain->SetCallback(pCallback);
+    }
+    return true;
+}
+
+void CHostController::UninstallCallback(const std::shared_ptr<CCallback>& pCallback) {
+    const std::shared_ptr<CNfsMain> pMain = Enter();
+    if (pMain == nullptr) {
+        return;
+    }
+    const MutexLock lock(m_hMutexCallback);
+    if (pMain->GetCallback() == pCallback) {
+        pMain->SetCallback(nullptr);
+    }
+}

@@ -1,0 +1,160 @@
+// Native methods: life of a controller, start and stop, the waiting loop.
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <memory>
+#include <thread>
+#include <utility>
+
+#include "Callback.h"
+#include "HostCall.h"
+#include "HostController.h"
+#include "JniText.h"
+#include "JniThread.h"
+#include "Limits.h"
+#include "NfsIpcClientMain.h"
+#include "NfsIpcServerMain.h"
+#include "NfsJNI.h"
+#include "NfsMain.h"
+
+namespace {
+
+/// As the host numbers them; any other number means the internal server.
+enum AccessMode : jint { kExternalServer = 1, kClient = 2 };
+
+std::unique_ptr<CNfsMain> CreateController(const char* pcLogID, jint iAccessMode, jint iLogControl) {
+    switch (iAccessMode) {
+        case kExternalServer:
+            return std::make_unique<CNfsIpcServerMain>(pcLogID, iLogControl);
+        case kClient:
+            return std::make_unique<CNfsIpcClientMain>(pcLogID, iLogControl);
+        default:
+            return std::make_unique<CNfsMain>(pcLogID, iLogControl);
+    }
+}
+
+/// Set while this thread starts or stops a server: a log line may call the host, and the host call back.
+thread_local bool t_bStartingOrStopping = false;
+
+class StartOrStop {
+public:
+    StartOrStop() { t_bStartingOrStopping = true; }
+    ~StartOrStop() { t_bStartingOrStopping = false; }
+    StartOrStop(const StartOrStop&) = delete;
+    StartOrStop& operator=(const StartOrStop&) = delete;
+};
+
+/// Starting and stopping exclude each other, and stopping waits for the server's threads. A host that asks for it from
+/// inside a notification or a log line may be asking on the very thread that would be waited for.
+bool WouldWaitForItself() {
+    return t_bStartingOrStopping || CJniThread::IsLibraryThread();
+}
+
+/// Does work of that kind on a thread of its own, as soon as what is in its way has ended.
+template <typename Work>
+void RunAside(Work work) {
+    std::thread(std::move(work)).detach();
+}
+
+/// What waits for a controller's callers and threads, done now or aside. The controller stays until it is done.
+void StopNowOrAside(CHostCall& call, void (CNfsMain::*pStop)()) {
+    if (WouldWaitForItself()) {
+        RunAside([pMain = call.Share(), pStop] { (pMain.get()->*pStop)(); });
+        return;
+    }
+    const StartOrStop guard;
+    (call.Main()->*pStop)();
+}
+
+}  // namespace
+
+jlong NFSLIB_NATIVE(initial)(JNIEnv* pEnv, jobject jObj, jstring jLogID, jint iAccessMode, jint iLogControl) {
+    try {
+        const CJniText logID(pEnv, jLogID);
+        std::unique_ptr<CNfsMain> pMain = CreateController(logID.Get(), iAccessMode, iLogControl);
+        std::array<char, kReasonBufferSize> vcReason{};
+        if (!pMain->Initial(vcReason.data())) {
+            CCallback(pEnv, jObj).ThrowIOException(vcReason.data());
+            return 0;
+        }
+        return CHostController::Register(std::move(pMain));
+    } catch (const std::exception& error) {
+        ThrowInternalError(pEnv, error);
+        return 0;
+    }
+}
+
+void NFSLIB_NATIVE(terminate)(JNIEnv* pEnv, jobject /*jObj*/, jlong iHandle) {
+    try {
+        const std::shared_ptr<CHostController> pController = CHostController::Release(iHandle);
+        if (pController == nullptr) {
+            return;
+        }
+        if (CHostCall::IsInsideCall() || CJniThread::IsLibraryThread()) {
+            RunAside([pController] { pController->End(); });
+        } else {
+            pController->End();
+        }
+    } catch (const std::exception& error) {
+        ThrowInternalError(pEnv, error);
+    }
+}
+
+jboolean NFSLIB_NATIVE(isServerRunning)(JNIEnv* pEnv, jobject jObj, jlong iHandle) {
+    return RunHostCall(pEnv, jObj, iHandle, jboolean{JNI_FALSE},
+                       [](CHostCall&, CNfsMain& main) -> jboolean { return main.IsServerRunning(); });
+}
+
+jboolean NFSLIB_NATIVE(startRemoteController)(JNIEnv* pEnv, jobject jObj, jlong iHandle) {
+    return RunHostCall(pEnv, jObj, iHandle, jboolean{JNI_FALSE}, [](CHostCall& call, CNfsMain& main) {
+        return call.OrThrow(main.StartRemoteController(call.Reason()));
+    });
+}
+
+void NFSLIB_NATIVE(stopRemoteController)(JNIEnv* pEnv, jobject jObj, jlong iHandle) {
+    RunHostCall(pEnv, jObj, iHandle,
+                [](CHostCall& call, CNfsMain&) { StopNowOrAside(call, &CNfsMain::StopRemoteController); });
+}
+
+jboolean NFSLIB_NATIVE(startServer)(JNIEnv* pEnv, jobject jObj, jlong iHandle, jint iMountPort, jint iNfsPort,
+                                    jboolean bReadOnly) {
+    return RunHostCall(pEnv, jObj, iHandle, jboolean{JNI_FALSE}, [&](CHostCall& call, CNfsMain& main) {
+        if (WouldWaitForItself()) {
+            std::snprintf(call.Reason(), kReasonBufferSize, "NFS cannot be started from inside a host callback");
+            return call.OrThrow(false);
+        }
+        const StartOrStop guard;
+        constexpr unsigned int kRoot = 0;  // the user and group that created files are reported to belong to
+        return call.OrThrow(
+            main.StartServer(iMountPort, iNfsPort, kRoot, kRoot, bReadOnly != JNI_FALSE, call.Reason()));
+    });
+}
+
+void NFSLIB_NATIVE(stopServer)(JNIEnv* pEnv, jobject jObj, jlong iHandle) {
+    RunHostCall(pEnv, jObj, iHandle, [](CHostCall& call, CNfsMain&) { StopNowOrAside(call, &CNfsMain::StopServer); });
+}
+
+jboolean NFSLIB_NATIVE(receiveCallbackLoop)(JNIEnv* pEnv, jobject jObj, jlong iHandle, jint iLifeTimeInSec) {
+    try {
+        const std::shared_ptr<CHostController> pController = CHostController::Find(iHandle);
+        if (pController == nullptr) {
+            return JNI_FALSE;
+        }
+        const auto pCallback = std::make_shared<CCallback>(pEnv, jObj);
+        // Between the turns the controller may be terminated; the loop then ends at its next turn. Another receiver
+        // that was in the way at first and has gone since is replaced by this one.
+        for (jint iRest = iLifeTimeInSec; iRest != 0 && pController->InstallCallback(pCallback);) {
+            if (pCallback->IsInterrupted()) {
+                break;
+            }
+            if (iRest > 0) {
+                --iRest;
+            }
+            std::this_thread::sleep_for(std::chrono::seconds(1));
+        }
+        pController->UninstallCallback(pCallback);
+    } catch (const std::exception& error) {
+        ThrowInternalError(pEnv, error);
+    }
+    return JNI_FALSE;
+}

@@ -1,0 +1,286 @@
+// The native methods on a virtual machine that watches every rule, so that sanitizers can watch the methods.
+#include "NfsJNI.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <filesystem>
+#include <functional>
+#include <iterator>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "FakeJvm.h"
+#include "Isolation.h"
+#include "LeakGuard.h"
+#include "NfsClient.h"
+#include "TempFolder.h"
+
+namespace {
+
+constexpr const char* kLogInfo = "logInfo(Ljava/lang/String;Ljava/lang/String;)V";
+constexpr const char* kLogRaw = "logRaw(Ljava/lang/String;Ljava/lang/String;)V";
+constexpr const char* kWrite = "writeRedirectedFile(Ljava/lang/String;Ljava/lang/String;JII)I";
+constexpr const char* kIsInterrupted = "isInterrupted()Z";
+constexpr jint kLogControl = 3;  // errors and general information
+
+std::u16string Wide(const std::string& sText) {
+    return {sText.begin(), sText.end()};
+}
+
+std::ptrdiff_t CountThreads() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
+}
+
+/// Native methods are called from Java frames, one per call, as a virtual machine would.
+class NfsJNITest : public testing::Test {
+protected:
+    void SetUp() override {
+        for (const char* pcLog : {kLogInfo, kLogRaw}) {
+            m_Methods[pcLog] = [](const std::vector<HostArgument>&) { return HostAnswer{}; };
+        }
+    }
+
+    void TearDown() override {
+        EXPECT_EQ(m_Jvm.Violations(), std::vector<std::string>());
+        EXPECT_EQ(m_Jvm.GlobalReferences(), 0U);
+        EXPECT_EQ(m_Jvm.LocalReferences(), 0U);
+        EXPECT_EQ(m_Jvm.AttachedThreads(), 0U);
+    }
+
+    /// Runs a native method: `call` gets the environment, the host object and a maker of Strings. The exception it
+    /// leaves, or "", is the result.
+    template <typename Call>
+    std::string Run(const Call& call) {
+        const JavaFrame java(m_Jvm);
+        call(java.Env(), m_Jvm.NewHost(m_Methods),
+             [this](const std::string& sText) { return m_Jvm.NewText(Wide(sText)); });
+        return m_Jvm.TakeException();
+    }
+
+    jlong Initial(jint iAccessMode = 0, const std::string& sID = "host") {
+        jlong iHandle = 0;
+        const std::string sException = Run([&](JNIEnv* pEnv, jobject jObj, const auto& text) {
+            iHandle = NFSLIB_NATIVE(initial)(pEnv, jObj, text(sID), iAccessMode, kLogControl);
+        });
+        EXPECT_EQ(sException, "");
+        EXPECT_NE(iHandle, 0);
+        return iHandle;
+    }
+
+    void Terminate(jlong iHandle) {
+        EXPECT_EQ(Run([&](JNIEnv* pEnv, jobject jObj, const auto&) {
+                      NFSLIB_NATIVE(terminate)
+                      (pEnv, jObj, iHandle);
+                  }),
+                  "");
+    }
+
+    std::string AddMountPoint(jlong iHandle, const std::string& sPath, const std::string& sName) {
+        return Run([&](JNIEnv* pEnv, jobject jObj, const auto& text) {
+            NFSLIB_NATIVE(addMountPoint)(pEnv, jObj, iHandle, text(sPath), text(sName));
+        });
+    }
+
+    jint GetMountInfo(jlong iHandle) {
+        jint nMounts = -1;
+        Run([&](JNIEnv* pEnv, jobject jObj, const auto&) {
+            nMounts = NFSLIB_NATIVE(getMountInfo)(pEnv, jObj, iHandle, JNI_FALSE, JNI_TRUE);
+        });
+        return nMounts;
+    }
+
+    /// Runs `work` on that many threads and waits for them.
+    static void OnThreads(int nThreads, const std::function<void(int)>& work) {
+        std::vector<std::thread> vThreads;
+        for (int i = 0; i < nThreads; ++i) {
+            vThreads.emplace_back(work, i);
+        }
+        for (std::thread& thread : vThreads) {
+            thread.join();
+        }
+    }
+
+    LeakGuard m_Leaks;
+    FakeJvm m_Jvm;
+    HostMethods m_Methods;
+};
+
+TEST_F(NfsJNITest, AFailedInitialThrowsAndKeepsNothing) {
+    jlong iHandle = -1;
+    EXPECT_EQ(Run([&](JNIEnv* pEnv, jobject jObj, const auto&) {
+                  iHandle = NFSLIB_NATIVE(initial)(pEnv, jObj, nullptr, 0, kLogControl);
+              }),
+              "java/io/IOException: ID is not defined");
+    EXPECT_EQ(iHandle, 0);
+    EXPECT_EQ(Run([&](JNIEnv* pEnv, jobject jObj, const auto& text) {
+                  iHandle = NFSLIB_NATIVE(initial)(pEnv, jObj, text("a b"), 2, kLogControl);
+              }),
+              "java/io/IOException: Invalid char \" \" inside ID");
+    EXPECT_EQ(iHandle, 0);
+}
+
+TEST_F(NfsJNITest, TheTemporaryCallbackIsGoneAfterTheCall) {
+    int nLines = 0;
+    m_Methods[kLogRaw] = [&](const std::vector<HostArgument>& vArguments) {
+        ++nLines;
+        EXPECT_EQ(m_Jvm.GlobalReferences(), 1U);
+        EXPECT_EQ(vArguments[0].sText, u"host");
+        EXPECT_EQ(vArguments[1].sText, u" Mount 1 - / : data () []");
+        return HostAnswer{};
+    };
+    const jlong iHandle = Initial();
+    EXPECT_EQ(AddMountPoint(iHandle, "/", "data"), "");
+    EXPECT_EQ(GetMountInfo(iHandle), 1);
+    EXPECT_EQ(nLines, 1);
+    EXPECT_EQ(m_Jvm.GlobalReferences(), 0U);
+    EXPECT_EQ(AddMountPoint(iHandle, "/", "data"), "java/io/IOException: Export name \"data\" already defined");
+    EXPECT_EQ(m_Jvm.GlobalReferences(), 0U) << "after a call that throws as well";
+    Terminate(iHandle);
+}
+
+TEST_F(NfsJNITest, CallsOnManyThreadsWithoutALastingCallbackAreSafe) {
+    const jlong iHandle = Initial();
+    OnThreads(8, [&](int i) {
+        for (int j = 0; j < 50; ++j) {
+            const std::string sName = "e" + std::to_string(i);
+            EXPECT_EQ(AddMountPoint(iHandle, "/nowhere/" + sName, sName), "");
+            EXPECT_GE(GetMountInfo(iHandle), 1);
+            Run([&](JNIEnv* pEnv, jobject jObj, const auto& text) {
+                NFSLIB_NATIVE(removeMountPoint)(pEnv, jObj, iHandle, text("/nowhere/" + sName));
+            });
+        }
+    });
+    EXPECT_EQ(m_Jvm.GlobalReferences(), 0U) << "nobody's temporary callback is left installed";
+    Terminate(iHandle);
+}
+
+TEST_F(NfsJNITest, TerminatingWaitsForCallsInsideTheController) {
+    m_Methods[kLogRaw] = [](const std::vector<HostArgument>&) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        return HostAnswer{};
+    };
+    for (int iRound = 0; iRound < 10; ++iRound) {
+        const jlong iHandle = Initial();
+        AddMountPoint(iHandle, "/", "data");
+        std::atomic<bool> bGone{false};
+        OnThreads(4, [&](int i) {
+            if (i == 0) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(5));
+                Terminate(iHandle);
+                bGone = true;
+                return;
+            }
+            while (!bGone) {
+                const jint nMounts = GetMountInfo(iHandle);
+                EXPECT_TRUE(nMounts == 1 || nMounts == 0) << nMounts;
+            }
+            EXPECT_EQ(GetMountInfo(iHandle), 0) << "the handle is out of use";
+        });
+    }
+}
+
+TEST_F(NfsJNITest, AHostMayTerminateFromInsideItsLogMethod) {
+    const auto nThreads = CountThreads();
+    jlong iHandle = 0;
+    std::atomic<bool> bDone{false};
+    m_Methods[kLogRaw] = [&](const std::vector<HostArgument>&) {
+        Terminate(iHandle);  // on the thread that is inside getMountInfo
+        bDone = true;
+        return HostAnswer{};
+    };
+    iHandle = Initial();
+    AddMountPoint(iHandle, "/", "data");
+    EXPECT_EQ(GetMountInfo(iHandle), 1);
+    EXPECT_TRUE(bDone);
+    EXPECT_EQ(GetMountInfo(iHandle), 0);
+    // The deletion happens aside, on a thread that must have ended before the machine goes.
+    while (CountThreads() > nThreads) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+}
+
+TEST_F(NfsJNITest, TheLoopTakesOverWhenTheReceiverInItsWayHasGone) {
+    std::atomic<int> nAsked{0};
+    std::atomic<bool> bEnd{false};
+    m_Methods[kIsInterrupted] = [&](const std::vector<HostArgument>&) {
+        ++nAsked;
+        return HostAnswer{bEnd ? 1 : 0};
+    };
+    const jlong iHandle = Initial();
+    const auto loop = [&](jint iSeconds) {
+        Run([&](JNIEnv* pEnv, jobject jObj, const auto&) {
+            EXPECT_EQ(NFSLIB_NATIVE(receiveCallbackLoop)(pEnv, jObj, iHandle, iSeconds), JNI_FALSE);
+        });
+    };
+    std::thread first([&] { loop(1); });
+    while (nAsked < 1) {
+        std::this_thread::yield();
+    }
+    std::thread second([&] { loop(-1); });
+    first.join();
+    const int nAskedThen = nAsked;
+    while (nAsked < nAskedThen + 2) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    EXPECT_EQ(m_Jvm.GlobalReferences(), 1U) << "the second loop's callback is the one installed";
+    bEnd = true;
+    second.join();
+    Terminate(iHandle);
+}
+
+/// The whole road of a write: socket thread, callback, host, and back.
+TEST_F(NfsJNITest, AClientsWriteIsDecidedByTheHost) {
+    if (!IsIsolated()) {
+        GTEST_SKIP() << "no network of its own";
+    }
+    const TempFolder folder;
+    WriteWholeFile(folder / "disk", "");
+    std::atomic<bool> bReceiving{false};
+    std::atomic<bool> bEnd{false};
+    m_Methods[kWrite] = [](const std::vector<HostArgument>& vArguments) { return HostAnswer{vArguments[4].value.i}; };
+    m_Methods[kIsInterrupted] = [&](const std::vector<HostArgument>&) {
+        bReceiving = true;
+        return HostAnswer{bEnd ? 1 : 0};
+    };
+    const jlong iHandle = Initial();
+    std::thread receiver([&] {
+        Run([&](JNIEnv* pEnv, jobject jObj, const auto&) {
+            NFSLIB_NATIVE(receiveCallbackLoop)(pEnv, jObj, iHandle, -1);
+        });
+    });
+    while (!bReceiving) {
+        std::this_thread::yield();
+    }
+    EXPECT_EQ(Run([&](JNIEnv* pEnv, jobject jObj, const auto& text) {
+                  EXPECT_EQ(NFSLIB_NATIVE(startServer)(pEnv, jObj, iHandle, 0, 0, JNI_FALSE), JNI_TRUE);
+                  NFSLIB_NATIVE(addMountPoint)(pEnv, jObj, iHandle, text(folder.Path()), text("data"));
+                  NFSLIB_NATIVE(openRedirectedFile)(pEnv, jObj, iHandle, text(folder / "disk"), 100, JNI_FALSE, 0, 0);
+              }),
+              "");
+    {
+        NfsClient client;
+        const std::string sRoot = client.Mnt("data").value_or("");
+        std::string sFile;
+        ASSERT_EQ(client.Lookup(sRoot, "disk", sFile), 0U);
+        for (std::uint32_t i = 1; i <= 50; ++i) {
+            std::uint32_t iCount = 0;
+            EXPECT_EQ(client.Write(sFile, i, std::string(i, 'w'), iCount), 0U);
+            EXPECT_EQ(iCount, i);
+        }
+    }
+    EXPECT_EQ(Run([&](JNIEnv* pEnv, jobject jObj, const auto&) {
+                  NFSLIB_NATIVE(stopServer)
+                  (pEnv, jObj, iHandle);
+              }),
+              "");
+    bEnd = true;
+    receiver.join();
+    Terminate(iHandle);
+}
+
+}  // namespace

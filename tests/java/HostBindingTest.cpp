@@ -1,0 +1,507 @@
+// Every native method, in every mode, from a real virtual machine.
+#include <gtest/gtest.h>
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "JavaHost.h"
+#include "TempFolder.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+constexpr const char* kIOException = "!java.io.IOException: ";
+
+/// A port that somebody else holds.
+class OccupiedPort {
+public:
+    OccupiedPort(int iPort, int iType) : m_iSocket(socket(AF_INET, iType | SOCK_CLOEXEC, 0)) {
+        const int iOn = 1;  // connections of earlier tests may linger
+        setsockopt(m_iSocket, SOL_SOCKET, SO_REUSEADDR, &iOn, sizeof(iOn));
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(static_cast<std::uint16_t>(iPort));
+        EXPECT_EQ(bind(m_iSocket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+        EXPECT_EQ(iType == SOCK_STREAM ? listen(m_iSocket, 1) : 0, 0);
+    }
+    ~OccupiedPort() { close(m_iSocket); }
+    OccupiedPort(const OccupiedPort&) = delete;
+    OccupiedPort& operator=(const OccupiedPort&) = delete;
+
+private:
+    int m_iSocket;
+};
+
+/// A method's name and arguments behind the handle, and what it answers without a controller.
+struct Method {
+    std::vector<std::string> vsCall;
+    std::string sWithoutController;
+};
+
+const std::vector<Method>& MethodsWithHandle() {
+    static const std::vector<Method> vMethods = {
+        {{"isServerRunning"}, "false"},
+        {{"startRemoteController"}, "false"},
+        {{"stopRemoteController"}, "void"},
+        {{"startServer", "0", "0", "false"}, "false"},
+        {{"stopServer"}, "void"},
+        {{"receiveCallbackLoop", "-1"}, "false"},
+        {{"addMountPoint", "/tmp", "data"}, "false"},
+        {{"removeMountPoint", "/tmp"}, "void"},
+        {{"addSession", "s", "/tmp"}, "void"},
+        {{"removeSession", "s"}, "void"},
+        {{"isSessionExists", "s"}, "false"},
+        {{"isLocalSessionExists", "s"}, "false"},
+        {{"openRedirectedFile", "/x", "1", "false", "0", "0"}, "void"},
+        {{"closeRedirectedFile", "/x"}, "void"},
+        {{"closeAllRedirectedFiles", "/x"}, "void"},
+        {{"addRedirectedFileSegment", "/x", "/y", "0", "0", "1"}, "void"},
+        {{"exportRedirectedFile", "/x", "/y"}, "void"},
+        {{"exportRedirectedFileInfo", "/x", "/y", "true"}, "void"},
+        {{"closeOpenedFile", "/x"}, "void"},
+        {{"closeAllOpenedFiles", "/x"}, "void"},
+        {{"setLogControl", "1"}, "void"},
+        {{"getVersion"}, "Not Defined"},
+        {{"getDescription"}, "Unknown"},
+        {{"getAccessMode"}, "-1"},
+        {{"getMountInfo", "false", "true"}, "0"},
+        {{"getSessionInfo", "true"}, "0"},
+        {{"runTestMode", "/tmp", "1"}, "void"},
+        {{"getServerStatus"}, "0"},
+        {{"addVSphereInfo", "m", "h", "p", "u", "w"}, "void"},
+        {{"removeVSphereInfo", "m"}, "void"},
+        {{"runQuickTestMode", "/tmp", "0"}, "false"},
+        {{"addNetDeviceCredential", "p", "u", "w"}, "false"},
+        {{"removeNetDeviceCredential", "p"}, "false"},
+        {{"terminate"}, "void"},
+    };
+    return vMethods;
+}
+
+std::string CallOn(JavaHost& host, const std::string& sHandle, const std::vector<std::string>& vsCall) {
+    std::vector<std::string> vsFields = {"call", "A", vsCall[0], sHandle};
+    vsFields.insert(vsFields.end(), vsCall.begin() + 1, vsCall.end());
+    return host.Do(vsFields);
+}
+
+/// Which of a method's fields are Strings: those of the list that are no number and no flag.
+bool IsText(const std::string& sField) {
+    return sField != "true" && sField != "false" && sField.find_first_not_of("-0123456789") != std::string::npos;
+}
+
+/// The judge of every test here: what counts as a complaint about the library.
+TEST(ComplaintsTest, ThoseAboutTheMachinesOwnNativeCodeAreNotOurs) {
+    EXPECT_EQ(ComplaintsIn("WARNING in native method: JNI call made without checking exceptions when required to\n"
+                           "\tat java.lang.Object.wait(Native Method)\n"),
+              std::vector<std::string>());
+    EXPECT_EQ(ComplaintsIn("WARNING in native method: JNI call made without checking exceptions when required to\n"
+                           "\tat com.norvo.kbt.quickspin.nfs.NfsLibNative.getVersion(Native Method)\n")
+                  .size(),
+              1U);
+    EXPECT_EQ(ComplaintsIn("WARNING: JNI local refs: 66, exceeds capacity: 32\n").size(), 1U) << "on our own threads";
+    EXPECT_EQ(ComplaintsIn("FATAL ERROR in native method: Bad global or local ref passed to JNI\n").size(), 1U);
+}
+
+class HostBindingTest : public JavaTest {};
+
+TEST_F(HostBindingTest, TheHandleZeroAnswersTheZeroValueOfEveryMethod) {
+    JavaHost host;
+    host.New("A");
+    for (const Method& method : MethodsWithHandle()) {
+        EXPECT_EQ(CallOn(host, "0", method.vsCall), method.sWithoutController) << method.vsCall[0];
+    }
+    EXPECT_TRUE(host.Events("A").empty());
+}
+
+TEST_F(HostBindingTest, AHandleThatIsNotInUseIsTakenForNone) {
+    JavaHost host;
+    const std::string sHandle = host.Initial("A", "host", 0, 1);
+    EXPECT_EQ(host.Call("A", "terminate", sHandle), "void");
+    for (const std::string& sStale :
+         {sHandle, std::string("1"), std::string("-1"), std::string("4611686018427387904")}) {
+        for (const Method& method : MethodsWithHandle()) {
+            EXPECT_EQ(CallOn(host, sStale, method.vsCall), method.sWithoutController)
+                << method.vsCall[0] << " on " << sStale;
+        }
+    }
+}
+
+TEST_F(HostBindingTest, AccessModesChooseTheController) {
+    JavaHost host;
+    const std::pair<int, int> vModes[] = {{0, 0}, {1, 1}, {2, 2}, {7, 0}, {-1, 0}, {3, 0}};
+    for (const auto& [iAsked, iGiven] : vModes) {
+        const std::string sHandle = host.Initial("A", "mode", iAsked, 0);
+        EXPECT_EQ(host.Call("A", "getAccessMode", sHandle), std::to_string(iGiven)) << iAsked;
+        const char* vcDescriptions[] = {"Internal NFS Server", "External NFS Server", "Unknown"};
+        EXPECT_EQ(host.Call("A", "getDescription", sHandle), vcDescriptions[iGiven]) << iAsked;
+        EXPECT_EQ(host.Call("A", "getVersion", sHandle), iGiven == 2 ? "Unknown" : "1.4") << iAsked;
+        EXPECT_EQ(host.Call("A", "getServerStatus", sHandle), iGiven == 2 ? "0" : "1") << iAsked;
+        EXPECT_EQ(host.Call("A", "terminate", sHandle), "void");
+    }
+}
+
+TEST_F(HostBindingTest, InitialThrowsTheControllersReason) {
+    JavaHost host;
+    host.New("A");
+    const std::string sUndefined = std::string(kIOException) + "ID is not defined";
+    EXPECT_EQ(host.Call("A", "initial", kNull, 0, 1), sUndefined);
+    EXPECT_EQ(host.Call("A", "initial", "", 0, 1), sUndefined);
+    for (const int iMode : {1, 2}) {
+        EXPECT_EQ(host.Call("A", "initial", kNull, iMode, 1), sUndefined) << iMode;
+        EXPECT_EQ(host.Call("A", "initial", "server", iMode, 1),
+                  std::string(kIOException) + "Cannot use \"server\" as ID");
+        EXPECT_EQ(host.Call("A", "initial", "a b", iMode, 1),
+                  std::string(kIOException) + "Invalid char \" \" inside ID");
+        EXPECT_EQ(host.Call("A", "initial", "a/b", iMode, 1),
+                  std::string(kIOException) + "Invalid char \"/\" inside ID");
+    }
+    const std::string sHandle = host.Call("A", "initial", "server", 0, 1);
+    EXPECT_EQ(host.Call("A", "getAccessMode", sHandle), "0") << "the internal server takes any ID";
+    host.Call("A", "terminate", sHandle);
+}
+
+TEST_F(HostBindingTest, AServerStartsStopsAndStartsAgain) {
+    JavaHost host;
+    const std::string sHandle = host.Initial("A", "host", 0, 1);
+    EXPECT_EQ(host.Call("A", "startRemoteController", sHandle), "true");
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(host.Call("A", "startServer", sHandle, 0, 0, i == 1), "true");
+        EXPECT_EQ(host.Call("A", "isServerRunning", sHandle), "true");
+        EXPECT_EQ(host.Call("A", "getServerStatus", sHandle), "3");
+        EXPECT_EQ(host.Call("A", "startServer", sHandle, 0, 0, false),
+                  std::string(kIOException) + "NFS already running");
+        EXPECT_EQ(host.Call("A", "isServerRunning", sHandle), "true") << "the running server stays as it is";
+        host.Call("A", "stopServer", sHandle);
+        EXPECT_EQ(host.Call("A", "isServerRunning", sHandle), "false");
+        EXPECT_EQ(host.Call("A", "getServerStatus", sHandle), "1");
+    }
+    host.Call("A", "stopServer", sHandle);
+    host.Call("A", "stopRemoteController", sHandle);
+    host.Call("A", "terminate", sHandle);
+}
+
+TEST_F(HostBindingTest, StartServerThrowsWhichPortFailed) {
+    JavaHost host;
+    const std::string sHandle = host.Initial("A", "host", 0, 0);
+    const struct {
+        int iPort;
+        int iType;
+        const char* pcReason;
+    } vPorts[] = {
+        {111, SOCK_DGRAM, "PortMap daemon failed to open port 111"},
+        {111, SOCK_STREAM, ""},  // taken for a system portmapper, with which registration then fails without a reason
+        {2049, SOCK_STREAM, "NFS daemon failed to open port 2049"},
+        {2049, SOCK_DGRAM, "NFS daemon failed to open port 2049"},
+        {1058, SOCK_STREAM, "Mount daemon failed to open port 1058"},
+        {3049, SOCK_STREAM, "NFS daemon failed to open port 3049"},
+        {3058, SOCK_DGRAM, "Mount daemon failed to open port 3058"},
+    };
+    for (const auto& occupied : vPorts) {
+        const OccupiedPort port(occupied.iPort, occupied.iType);
+        const bool bOwnPorts = occupied.iPort > 3000;
+        EXPECT_EQ(host.Call("A", "startServer", sHandle, bOwnPorts ? 3058 : 0, bOwnPorts ? 3049 : -1, false),
+                  std::string(kIOException) + occupied.pcReason);
+        EXPECT_EQ(host.Call("A", "isServerRunning", sHandle), "false");
+    }
+    EXPECT_EQ(host.Call("A", "startServer", sHandle, -5, -5, false), "true") << "nothing was left open";
+    host.Call("A", "stopServer", sHandle);
+    host.Call("A", "terminate", sHandle);
+}
+
+TEST_F(HostBindingTest, ASecondExternalServerIsRefused) {
+    JavaHost host;
+    const std::string sFirst = host.Initial("A", "one", 1, 0);
+    const std::string sSecond = host.Initial("A", "two", 1, 0);
+    EXPECT_EQ(host.Call("A", "startRemoteController", sFirst), "true");
+    EXPECT_EQ(host.Call("A", "startRemoteController", sSecond),
+              std::string(kIOException) + "Ipc channel is already created by others.");
+    host.Call("A", "stopRemoteController", sFirst);
+    EXPECT_EQ(host.Call("A", "startRemoteController", sSecond), "true");
+    host.Call("A", "stopRemoteController", sSecond);
+    host.Call("A", "terminate", sFirst);
+    host.Call("A", "terminate", sSecond);
+}
+
+TEST_F(HostBindingTest, AddMountPointThrowsTheReasonAndAddsNothing) {
+    JavaHost host;
+    const TempFolder folder;
+    const std::string sHandle = host.Initial("A", "host", 0, 1);
+    EXPECT_EQ(host.Call("A", "addMountPoint", sHandle, folder.Path(), "data"), "true");
+    EXPECT_EQ(host.Call("A", "addMountPoint", sHandle, folder.Path(), "other"),
+              kIOException + ("Local mount path \"" + folder.Path() + "\" already defined"));
+    EXPECT_EQ(host.Call("A", "addMountPoint", sHandle, "/", "data"),
+              std::string(kIOException) + "Export name \"data\" already defined");
+    EXPECT_EQ(host.Call("A", "addMountPoint", sHandle, "/", "a/b"),
+              std::string(kIOException) + "Invalid char \"/\" inside export name");
+    EXPECT_EQ(host.Call("A", "addMountPoint", sHandle, "/", "a b"),
+              std::string(kIOException) + "Invalid char \" \" inside export name");
+    EXPECT_EQ(host.Call("A", "getMountInfo", sHandle, false, false), "1");
+    host.Call("A", "removeMountPoint", sHandle, folder.Path());
+    EXPECT_EQ(host.Call("A", "getMountInfo", sHandle, false, false), "0");
+    host.Call("A", "terminate", sHandle);
+}
+
+TEST_F(HostBindingTest, ListingsGoToTheObjectThatAsked) {
+    JavaHost host;
+    const TempFolder folder;
+    host.New("B");
+    const std::string sHandle = host.Initial("A", "host", 0, 1);
+    host.Call("A", "addMountPoint", sHandle, folder.Path(), "data");
+    host.Call("A", "addSession", sHandle, "s1", folder.Path());
+    EXPECT_EQ(host.Call("A", "isSessionExists", sHandle, "s1"), "true");
+    EXPECT_EQ(host.Call("A", "isLocalSessionExists", sHandle, "s1"), "true");
+    EXPECT_EQ(host.Call("A", "isSessionExists", sHandle, "s2"), "false");
+
+    EXPECT_EQ(host.Call("B", "getMountInfo", sHandle, false, true), "1");
+    EXPECT_EQ(host.Events("B"),
+              std::vector<std::string>({"logRaw(host,  Mount 1 - " + folder.Path() + " : data () [])"}));
+    EXPECT_EQ(host.Call("B", "getMountInfo", sHandle, true, true), "0") << "no client has it mounted";
+    EXPECT_EQ(host.Call("A", "getSessionInfo", sHandle, true), "1");
+    EXPECT_EQ(host.Events("A"), std::vector<std::string>({"logRaw(host,  Session 1 - s1 : " + folder.Path() + ")"}));
+    EXPECT_TRUE(host.Events("B").empty());
+
+    host.Call("A", "removeSession", sHandle, "s1");
+    EXPECT_EQ(host.Call("A", "getSessionInfo", sHandle, true), "0");
+    host.Call("A", "terminate", sHandle);
+}
+
+TEST_F(HostBindingTest, ALastingCallbackGetsTheLinesOfEveryCall) {
+    JavaHost host;
+    const TempFolder folder;
+    const std::string sHandle = host.Serve("A", folder.Path());
+    host.New("B");
+    EXPECT_EQ(host.Call("B", "getMountInfo", sHandle, false, true), "1");
+    EXPECT_TRUE(host.Events("B").empty());
+    EXPECT_EQ(host.Events("A"),
+              std::vector<std::string>({"logRaw(host,  Mount 1 - " + folder.Path() + " : data () [])"}));
+    host.StopServing("A", sHandle);
+}
+
+TEST_F(HostBindingTest, TheLoopEndsAfterItsSeconds) {
+    JavaHost host;
+    const std::string sHandle = host.Initial("A", "host", 0, 0);
+    const auto start = Clock::now();
+    EXPECT_EQ(host.Call("A", "receiveCallbackLoop", sHandle, 3), "false");
+    const auto lasted = Clock::now() - start;
+    EXPECT_GE(lasted, std::chrono::milliseconds(2900));
+    EXPECT_LT(lasted, std::chrono::seconds(8));
+    EXPECT_EQ(host.Call("A", "receiveCallbackLoop", sHandle, 0), "false") << "no seconds, no turn";
+    host.Call("A", "terminate", sHandle);
+}
+
+TEST_F(HostBindingTest, TheLoopEndsWhenTheHostIsInterrupted) {
+    JavaHost host;
+    const std::string sHandle = host.Initial("A", "host", 0, 0);
+    host.Do({"answer", "A", "isInterrupted", "true"});
+    const auto start = Clock::now();
+    EXPECT_EQ(host.Call("A", "receiveCallbackLoop", sHandle, 1000), "false");
+    EXPECT_EQ(host.Call("A", "receiveCallbackLoop", sHandle, -1), "false");
+    EXPECT_LT(Clock::now() - start, std::chrono::seconds(5)) << "it asks before it sleeps";
+
+    host.Do({"answer", "A", "isInterrupted", "false"});
+    host.Start("loop", "A", "receiveCallbackLoop", sHandle, -1);
+    EXPECT_EQ(host.Join("loop", std::chrono::milliseconds(1500)), "running");
+    host.Do({"answer", "A", "isInterrupted", "true"});
+    EXPECT_EQ(host.Join("loop"), "false");
+    host.Call("A", "terminate", sHandle);
+}
+
+TEST_F(HostBindingTest, ALoopWhoseControllerIsTerminatedEnds) {
+    JavaHost host;
+    const std::string sHandle = host.Initial("A", "host", 0, 0);
+    host.Start("loop", "A", "receiveCallbackLoop", sHandle, -1);
+    EXPECT_TRUE(host.WaitForEvent("A", "isInterrupted()"));
+    EXPECT_EQ(host.Call("A", "terminate", sHandle), "void");
+    EXPECT_EQ(host.Join("loop"), "false");
+}
+
+TEST_F(HostBindingTest, QuickTestAnswersOrThrows) {
+    JavaHost host;
+    const TempFolder folder;
+    const std::string sHandle = host.Initial("A", "host", 0, 1);
+    EXPECT_EQ(host.Call("A", "runQuickTestMode", sHandle, folder.Path(), 0), "true");
+    EXPECT_EQ(host.Call("A", "runQuickTestMode", sHandle, folder / "none", 0), std::string(kIOException) + "ErrCode=2");
+    EXPECT_EQ(host.Call("A", "runQuickTestMode", sHandle, folder.Path(), 5),
+              std::string(kIOException) + "Unknown mode (5)");
+    EXPECT_EQ(host.Call("A", "runQuickTestMode", sHandle, folder.Path(), -1),
+              std::string(kIOException) + "Unknown mode (-1)");
+    EXPECT_EQ(host.Call("A", "runQuickTestMode", sHandle, kNull, 0), std::string(kIOException) + "Invalid argument");
+    EXPECT_EQ(host.Call("A", "runQuickTestMode", sHandle, "", 0), std::string(kIOException) + "Invalid argument");
+    host.Call("A", "terminate", sHandle);
+}
+
+TEST_F(HostBindingTest, ThePlatformTestReportsItsStepsAsLogLines) {
+    JavaHost host;
+    const TempFolder folder;
+    const std::string sHandle = host.Initial("A", "host", 0, 1);
+    EXPECT_EQ(host.Call("A", "runTestMode", sHandle, folder.Path(), 4096), "void");
+    const std::vector<std::string> vsEvents = host.Events("A");
+    ASSERT_GT(vsEvents.size(), 20U);
+    EXPECT_EQ(vsEvents.front(),
+              "logInfo(host, =============================== START TEST ===============================)");
+    EXPECT_EQ(vsEvents.back(),
+              "logInfo(host, ================================ END TEST ================================)");
+    for (const std::string& sEvent : vsEvents) {
+        EXPECT_EQ(sEvent.find("[FAIL]"), std::string::npos) << sEvent;
+    }
+    host.Call("A", "runTestMode", sHandle, kNull, 4096);
+    EXPECT_EQ(host.Events("A"),
+              std::vector<std::string>({"logInfo(host, Cannot start platrorm test. Error=Target directory is NULL)"}));
+    host.Call("A", "runTestMode", sHandle, folder.Path(), -1);
+    EXPECT_EQ(host.Events("A"),
+              std::vector<std::string>({"logInfo(host, Cannot start platrorm test. Error=File size is ZERO)"}));
+    host.Call("A", "terminate", sHandle);
+}
+
+TEST_F(HostBindingTest, DatastoresAndCredentialsAreKept) {
+    JavaHost host;
+    const std::string sHandle = host.Initial("A", "host", 0, 0);
+    EXPECT_EQ(host.Call("A", "addVSphereInfo", sHandle, "moid-1", "vc", "443", "user", "secret"), "void");
+    EXPECT_EQ(host.Call("A", "removeVSphereInfo", sHandle, "moid-1"), "void");
+    EXPECT_EQ(host.Call("A", "addNetDeviceCredential", sHandle, "//nas/share", "user", "secret"), "false")
+        << "no such command is installed";
+    EXPECT_EQ(host.Call("A", "removeNetDeviceCredential", sHandle, "//nas/share"), "false");
+    host.Call("A", "terminate", sHandle);
+}
+
+TEST_F(HostBindingTest, LogControlTakesEffect) {
+    JavaHost host;
+    const std::string sHandle = host.Initial("A", "host", 0, 0);
+    EXPECT_EQ(host.Call("A", "startRemoteController", sHandle), "true");
+    EXPECT_TRUE(host.Events("A").empty());
+    host.Call("A", "setLogControl", sHandle, 3);
+    EXPECT_EQ(host.Call("A", "startRemoteController", sHandle), "true");
+    EXPECT_EQ(host.Events("A"),
+              std::vector<std::string>({"logInfo(host, [NfsMain.StartRemoteController] No remote controller to start. "
+                                        "It is NOT support in internal server mode.)"}));
+    host.Call("A", "stopRemoteController", sHandle);
+    EXPECT_EQ(host.Events("A"),
+              std::vector<std::string>({"logInfo(host, [NfsMain.StopRemoteController] No remote controller to stop. "
+                                        "It is NOT support in internal server mode.)"}));
+    host.Call("A", "setLogControl", sHandle, -2147483648);
+    host.Call("A", "startRemoteController", sHandle);
+    EXPECT_TRUE(host.Events("A").empty()) << "the top bit switches on no category";
+    host.Call("A", "terminate", sHandle);
+}
+
+TEST_F(HostBindingTest, PathsKeepTheirCharactersInBothDirections) {
+    JavaHost host;
+    const TempFolder folder;
+    const std::string sHandle = host.Initial("A", "host", 0, 0);
+    const std::pair<const char*, const char*> vNames[] = {
+        {"gr\xC3\xBC\xC3\x9F", "gr\\u00FC\\u00DF"},
+        {"\xE6\x97\xA5\xE6\x9C\xAC", "\\u65E5\\u672C"},
+        {"\xF0\x9F\x98\x80", "\\uD83D\\uDE00"},
+    };
+    for (const auto& [pcOnDisk, pcInHost] : vNames) {
+        ASSERT_EQ(mkdir((folder / pcOnDisk).c_str(), 0755), 0);
+        const std::string sPath = folder.Path() + "/" + pcInHost;
+        EXPECT_EQ(host.Call("A", "runQuickTestMode", sHandle, sPath, 0), "true")
+            << pcInHost << " names the folder on disk";
+        EXPECT_EQ(host.Call("A", "addMountPoint", sHandle, sPath, pcInHost), "true");
+        EXPECT_EQ(host.Call("A", "getMountInfo", sHandle, false, true), "1");
+        EXPECT_EQ(host.Events("A"),
+                  std::vector<std::string>({"logRaw(host,  Mount 1 - " + sPath + " : " + pcInHost + " () [])"}));
+        host.Call("A", "removeMountPoint", sHandle, sPath);
+    }
+    // What no file name holds stays harmless: a zero does not cut the path, an unpaired surrogate is just a name.
+    EXPECT_EQ(host.Call("A", "runQuickTestMode", sHandle, folder.Path() + "\\u0000x", 0),
+              std::string(kIOException) + "ErrCode=2");
+    EXPECT_EQ(host.Call("A", "runQuickTestMode", sHandle, folder.Path() + "/\\uD800", 0),
+              std::string(kIOException) + "ErrCode=2");
+    host.Call("A", "terminate", sHandle);
+}
+
+/// Nulls, empty and very long texts, extreme numbers: on a fresh, a running, and a stopped controller of every mode.
+TEST_F(HostBindingTest, EveryMethodSurvivesBadArguments) {
+    JavaHost host;
+    const std::string sLong(10000, 'x');
+    for (const int iMode : {0, 1, 2}) {
+        const std::string sHandle = host.Initial("A", "bad" + std::to_string(iMode), iMode, 1);
+        for (const char* pcState : {"fresh", "running", "stopped"}) {
+            if (std::string(pcState) == "running" && iMode != 2) {
+                EXPECT_EQ(host.Call("A", "startServer", sHandle, 0, 0, false), "true");
+            }
+            for (const std::string& sText : {std::string(kNull), std::string(), sLong}) {
+                for (const char* pcNumber : {"-1", "9"}) {
+                    for (const Method& method : MethodsWithHandle()) {
+                        const std::string& sName = method.vsCall[0];
+                        if (sName == "receiveCallbackLoop" || sName == "terminate" || sName == "startServer" ||
+                            sName == "stopServer") {
+                            continue;
+                        }
+                        std::vector<std::string> vsCall = method.vsCall;
+                        for (std::size_t i = 1; i < vsCall.size(); ++i) {
+                            if (IsText(vsCall[i])) {
+                                vsCall[i] = sText;
+                            } else if (vsCall[i] != "true" && vsCall[i] != "false") {
+                                vsCall[i] = pcNumber;
+                            }
+                        }
+                        const std::string sResult = CallOn(host, sHandle, vsCall);
+                        const bool bExpected =
+                            sResult.find('!') == std::string::npos || sResult.starts_with("!java.io.IOException: ");
+                        ASSERT_TRUE(bExpected) << sName << ", " << pcState << ", mode " << iMode << ": " << sResult;
+                    }
+                }
+            }
+            if (std::string(pcState) == "running") {
+                host.Call("A", "stopServer", sHandle);
+            }
+        }
+        host.Call("A", "setLogControl", sHandle, 1);
+        EXPECT_EQ(host.Call("A", "getAccessMode", sHandle), std::to_string(iMode)) << "still alive";
+        host.Call("A", "stopRemoteController", sHandle);
+        host.Call("A", "terminate", sHandle);
+    }
+}
+
+TEST_F(HostBindingTest, AHostThatThrowsFromItsLogMethodsDoesNoHarm) {
+    JavaHost host;
+    const TempFolder folder;
+    const std::string sHandle = host.Initial("A", "host", 0, 3);
+    host.Call("A", "addMountPoint", sHandle, folder.Path(), "data");
+    for (const char* pcMethod : {"logInfo", "logError", "logRaw"}) {
+        host.Do({"throw", "A", pcMethod, "java.lang.IllegalStateException"});
+    }
+    EXPECT_EQ(host.Call("A", "getMountInfo", sHandle, false, true), "1");
+    EXPECT_EQ(host.Call("A", "addMountPoint", sHandle, folder.Path(), "data"),
+              std::string(kIOException) + "Export name \"data\" already defined")
+        << "the controller's reason, not the host's own exception";
+    host.Do({"throw", "A", "isInterrupted", "java.lang.StackOverflowError"});
+    EXPECT_EQ(host.Call("A", "receiveCallbackLoop", sHandle, 1), "false");
+    host.Call("A", "terminate", sHandle);
+    const std::string sOutput = host.Quit();
+    EXPECT_NE(sOutput.find("java.lang.IllegalStateException: thrown by the host"), std::string::npos)
+        << "described on standard error";
+    EXPECT_NE(sOutput.find(" Mount 1 - " + folder.Path() + " : data () []"), std::string::npos)
+        << "a line that was not taken goes to standard output\n"
+        << sOutput;
+}
+
+TEST_F(HostBindingTest, CallsInTheWrongOrderDoNoHarm) {
+    JavaHost host;
+    for (const int iMode : {0, 1, 2}) {
+        const std::string sHandle = host.Initial("A", "order", iMode, 1);
+        host.Call("A", "stopServer", sHandle);
+        host.Call("A", "stopRemoteController", sHandle);
+        EXPECT_EQ(host.Call("A", "startRemoteController", sHandle), "true") << iMode;
+        EXPECT_EQ(host.Call("A", "startRemoteController", sHandle), "true") << iMode;
+        if (iMode != 2) {
+            EXPECT_EQ(host.Call("A", "startServer", sHandle, 0, 0, false), "true") << iMode;
+        }
+        host.Call("A", "stopRemoteController", sHandle);
+        host.Call("A", "stopRemoteController", sHandle);
+        EXPECT_EQ(host.Call("A", "terminate", sHandle), "void") << "without stopping first, mode " << iMode;
+        EXPECT_EQ(host.Call("A", "terminate", sHandle), "void") << "twice, mode " << iMode;
+    }
+    EXPECT_EQ(host.Call("A", "terminate", 0), "void");
+}
+
+}  // namespace
