@@ -1,0 +1,186 @@
+// nfsget, the small client, as a user runs it.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <filesystem>
+
+#include "ChildProcess.h"
+#include "ServerFixture.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+class NfsgetTest : public ServerFixture {
+protected:
+    static std::string Program() { return NFSLIB_BUILD_DIR "/bin/nfsget"; }
+
+    static RunResult Run(std::vector<std::string> vsArguments) {
+        vsArguments.insert(vsArguments.begin(), Program());
+        return RunProgram(vsArguments);
+    }
+
+    /// Every run ends with an unmount.
+    void ExpectUnmounted() { EXPECT_EQ(Server().GetMountInfo(true, false), 0) << "the export is still bound"; }
+};
+
+TEST_F(NfsgetTest, ListPrintsSizesAndNamesInOrder) {
+    WriteWholeFile(Folder() / "b.txt", "12345");
+    WriteWholeFile(Folder() / "a.txt", "");
+    std::filesystem::create_directory(Folder() / "folder");
+    WriteWholeFile(Folder() / "folder/inner", "x");
+    RunResult result = Run({"list", "127.0.0.1:data"});
+    EXPECT_EQ(result.iStatus, 0) << result.sOutput;
+    EXPECT_THAT(result.sOutput, StartsWith("           0  a.txt\n           5  b.txt\n"));
+    EXPECT_THAT(result.sOutput, testing::EndsWith("  folder/\n"));
+    result = Run({"list", "127.0.0.1:data/folder"});
+    EXPECT_EQ(result.iStatus, 0) << result.sOutput;
+    EXPECT_EQ(result.sOutput, "           1  inner\n");
+    ExpectUnmounted();
+}
+
+TEST_F(NfsgetTest, PutThenGetGivesTheSameFile) {
+    const TempFolder local;
+    std::string sContent;
+    for (int i = 0; i < 50000; ++i) {
+        sContent += std::to_string(i * 7919) + "\n";
+    }
+    WriteWholeFile(local / "original", sContent);
+    RunResult result = Run({"put", local / "original", "127.0.0.1:data/copy"});
+    EXPECT_EQ(result.iStatus, 0) << result.sOutput;
+    EXPECT_EQ(result.sOutput, "");
+    EXPECT_TRUE(ReadWholeFile(Folder() / "copy") == sContent);
+    result = Run({"get", "127.0.0.1:data/copy", local / "back"});
+    EXPECT_EQ(result.iStatus, 0) << result.sOutput;
+    EXPECT_TRUE(ReadWholeFile(local / "back") == sContent);
+    EXPECT_FALSE(std::filesystem::exists(local / "back.nfsget-part"));
+    ExpectUnmounted();
+}
+
+TEST_F(NfsgetTest, StandardStreamsStandInForFiles) {
+    ChildProcess put({Program(), "put", "-", "127.0.0.1:data/file"});
+    put.Send("from standard input");
+    put.CloseInput();
+    EXPECT_EQ(put.Wait(), 0) << put.Output();
+    EXPECT_EQ(ReadWholeFile(Folder() / "file"), "from standard input");
+    const RunResult result = Run({"get", "127.0.0.1:data/file", "-"});
+    EXPECT_EQ(result.iStatus, 0);
+    EXPECT_EQ(result.sOutput, "from standard input");
+    ExpectUnmounted();
+}
+
+TEST_F(NfsgetTest, MkdirStatAndRemove) {
+    EXPECT_EQ(Run({"mkdir", "127.0.0.1:data/folder"}).iStatus, 0);
+    EXPECT_TRUE(std::filesystem::is_directory(Folder() / "folder"));
+    WriteWholeFile(Folder() / "folder/file", "123");
+    std::filesystem::permissions(Folder() / "folder/file", std::filesystem::perms(0640));
+    RunResult result = Run({"stat", "127.0.0.1:data/folder/file"});
+    EXPECT_EQ(result.iStatus, 0) << result.sOutput;
+    EXPECT_THAT(result.sOutput, StartsWith("-0640            3  "));
+    EXPECT_THAT(result.sOutput, testing::EndsWith("  /folder/file\n"));
+    result = Run({"remove", "127.0.0.1:data/folder"});
+    EXPECT_EQ(result.iStatus, 1) << "not empty";
+    EXPECT_THAT(result.sOutput, StartsWith("nfsget: remove \"folder\": "));
+    EXPECT_EQ(Run({"remove", "127.0.0.1:data/folder/file"}).iStatus, 0);
+    EXPECT_EQ(Run({"remove", "127.0.0.1:data/folder"}).iStatus, 0);
+    EXPECT_TRUE(std::filesystem::is_empty(Folder().Path()));
+    ExpectUnmounted();
+}
+
+TEST_F(NfsgetTest, FailuresAreOneLineAndExitOneAndUnmountAllTheSame) {
+    const TempFolder local;
+    RunResult result = Run({"get", "127.0.0.1:data/nothing", local / "file"});
+    EXPECT_EQ(result.iStatus, 1);
+    EXPECT_THAT(result.sOutput, StartsWith("nfsget: open \"nothing\": "));
+    EXPECT_EQ(std::count(result.sOutput.begin(), result.sOutput.end(), '\n'), 1);
+    EXPECT_TRUE(std::filesystem::is_empty(local.Path())) << "no half file";
+    ExpectUnmounted();
+    result = Run({"put", local / "nothing", "127.0.0.1:data/file"});
+    EXPECT_EQ(result.iStatus, 1);
+    EXPECT_EQ(result.sOutput, "nfsget: \"" + (local / "nothing") + "\": No such file or directory\n");
+    ExpectUnmounted();
+}
+
+TEST_F(NfsgetTest, RefusedMountSaysWhatToDoAndReleaseDoesIt) {
+    NfsClient other;
+    ASSERT_TRUE(other.Mnt(kExportName).has_value());
+    RunResult result = Run({"list", "127.0.0.1:data"});
+    EXPECT_EQ(result.iStatus, 1);
+    EXPECT_EQ(result.sOutput,
+              "nfsget: mount of \"data\" refused: no such export, or a client has it mounted already (after a run that "
+              "was cut short: nfsget release 127.0.0.1:data)\n");
+    result = Run({"release", "127.0.0.1:data"});
+    EXPECT_EQ(result.iStatus, 0) << result.sOutput;
+    EXPECT_EQ(Run({"list", "127.0.0.1:data"}).iStatus, 0);
+}
+
+TEST_F(NfsgetTest, KilledClientLeavesTheExportBoundUntilItIsReleased) {
+    ChildProcess put({Program(), "put", "-", "127.0.0.1:data/file"});
+    while (Server().GetMountInfo(true, false) == 0 && put.IsRunning()) {
+        usleep(1000);
+    }
+    ASSERT_EQ(Server().GetMountInfo(true, false), 1);
+    put.Signal(SIGKILL);
+    EXPECT_EQ(put.Wait(), 128 + SIGKILL);
+    EXPECT_EQ(Run({"list", "127.0.0.1:data"}).iStatus, 1);
+    EXPECT_EQ(Server().GetMountInfo(true, false), 1);
+    EXPECT_EQ(Run({"release", "127.0.0.1:data"}).iStatus, 0);
+    ExpectUnmounted();
+    EXPECT_EQ(Run({"list", "127.0.0.1:data"}).iStatus, 0);
+}
+
+TEST_F(NfsgetTest, InterruptedClientUnmounts) {
+    ChildProcess put({Program(), "put", "-", "127.0.0.1:data/file"});
+    while (!std::filesystem::exists(Folder() / "file") && put.IsRunning()) {
+        usleep(1000);
+    }
+    ASSERT_EQ(Server().GetMountInfo(true, false), 1);
+    // The signal may fall between two calls that it could interrupt: it is repeated until the client has ended.
+    std::optional<int> iStatus;
+    for (int i = 0; i < 300 && !iStatus; ++i) {
+        put.Signal(SIGINT);
+        iStatus = put.Wait(std::chrono::milliseconds(100));
+    }
+    EXPECT_EQ(iStatus, 1) << put.Output();
+    ExpectUnmounted();
+}
+
+TEST_F(NfsgetTest, OtherPortsAreGivenByOptions) {
+    Server().StopServer();
+    char vcReason[kReasonBufferSize] = "";
+    ASSERT_TRUE(Server().StartServer(4058, 4049, 0, 0, false, vcReason)) << vcReason;
+    Export(Folder().Path(), kExportName);
+    WriteWholeFile(Folder() / "file", "x");
+    RunResult result = Run({"-p", "4049", "-m", "4058", "get", "127.0.0.1:data/file", "-"});
+    EXPECT_EQ(result.iStatus, 0) << result.sOutput;
+    EXPECT_EQ(result.sOutput, "x");
+    result = Run({"list", "127.0.0.1:data"});
+    EXPECT_EQ(result.iStatus, 1) << "nobody is on the default ports";
+    EXPECT_THAT(result.sOutput, HasSubstr("(MOUNT port 1058, NFS port 2049)"));
+}
+
+TEST_F(NfsgetTest, WrongUsageIsExplainedWithExitTwo) {
+    const std::vector<std::vector<std::string>> vvsWrong = {
+        {},
+        {"list"},
+        {"list", "no-colon"},
+        {"list", ":data"},
+        {"list", "host:"},
+        {"get", "127.0.0.1:data"},
+        {"frobnicate", "127.0.0.1:data"},
+        {"-p", "0", "list", "127.0.0.1:data"},
+        {"-p", "2049x", "list", "127.0.0.1:data"},
+        {"-x", "1", "list", "127.0.0.1:data"},
+    };
+    for (const std::vector<std::string>& vsArguments : vvsWrong) {
+        const RunResult result = Run(vsArguments);
+        EXPECT_EQ(result.iStatus, 2) << testing::PrintToString(vsArguments);
+        EXPECT_THAT(result.sOutput, HasSubstr("usage: nfsget ")) << testing::PrintToString(vsArguments);
+    }
+    EXPECT_EQ(Run({"--help"}).iStatus, 0);
+}
+
+}  // namespace

@@ -1,0 +1,87 @@
+// Mutated records, the same in every run, and the corpus of the fuzzer as an ordinary test.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "IpcFuzz.h"
+#include "Isolation.h"
+#include "TempFolder.h"
+
+namespace {
+
+constexpr char kChannel[] = "/tmp/nfs-fuzz";
+constexpr int kRounds = 4000;
+
+std::vector<std::string> ReadCorpus() {
+    std::vector<std::filesystem::path> vPaths;
+    for (const auto& entry : std::filesystem::directory_iterator(NFSLIB_SOURCE_DIR "/tests/fuzz/corpus-ipc")) {
+        vPaths.push_back(entry.path());
+    }
+    std::sort(vPaths.begin(), vPaths.end());
+    std::vector<std::string> vsCorpus;
+    for (const auto& path : vPaths) {
+        vsCorpus.push_back(ReadWholeFile(path.string()));
+    }
+    return vsCorpus;
+}
+
+/// Cuts, lengthens, overwrites, and puts odd groups and types in.
+std::string Mutate(std::string sInput, std::mt19937& random) {
+    switch (random() % 4) {
+        case 0:
+            sInput.resize(random() % (sInput.size() + 1));
+            break;
+        case 1:
+            sInput.append(random() % 5000, static_cast<char>(random()));
+            break;
+        case 2:
+            sInput[random() % std::min<std::size_t>(8, sInput.size())] = static_cast<char>(random());
+            break;
+        default:
+            const std::size_t iFrom = random() % sInput.size();
+            std::fill(sInput.begin() + static_cast<std::ptrdiff_t>(iFrom), sInput.end(), static_cast<char>(random()));
+            break;
+    }
+    return sInput;
+}
+
+class IpcFuzzTest : public testing::Test {
+protected:
+    void SetUp() override {
+        if (!IsIsolated()) {
+            GTEST_SKIP() << "needs a /tmp of its own";
+        }
+        testing::internal::CaptureStdout();  // log callbacks end up there
+    }
+    void TearDown() override {
+        if (!IsSkipped()) {
+            testing::internal::GetCapturedStdout();
+        }
+    }
+};
+
+TEST_F(IpcFuzzTest, TheCorpusIsAnswered) {
+    IpcFuzzWorld world(kChannel);
+    const std::vector<std::string> vsCorpus = ReadCorpus();
+    EXPECT_EQ(vsCorpus.size(), 37U) << "every request and callback";
+    for (const std::string& sInput : vsCorpus) {
+        EXPECT_EQ(world.Run(sInput), "");
+    }
+    EXPECT_EQ(world.Run(""), "");
+}
+
+TEST_F(IpcFuzzTest, MutatedRecordsAreAnswered) {
+    IpcFuzzWorld world(kChannel);
+    const std::vector<std::string> vsCorpus = ReadCorpus();
+    std::mt19937 random(20240229);
+    for (int i = 0; i < kRounds; ++i) {
+        const std::string sInput = Mutate(vsCorpus[random() % vsCorpus.size()], random);
+        ASSERT_EQ(world.Run(sInput), "") << "round " << i;
+    }
+}
+
+}  // namespace

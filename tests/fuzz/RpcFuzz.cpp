@@ -1,0 +1,149 @@
+// The world that fuzzed calls meet.
+#include "RpcFuzz.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+
+#include "Limits.h"
+#include "MountProg.h"
+#include "NfsProg.h"
+#include "PortmapProg.h"
+#include "RpcServer.h"
+#include "Socket.h"
+#include "Utilities.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr unsigned long kPrograms[] = {100000, 100003, 100005, 100003};
+constexpr const char* kExportName = "fuzz";
+constexpr const char* kSecret = "no client may read or change this";
+/// How often what the inputs have made in the export is cleared away.
+constexpr unsigned int kInputsPerClearing = 500;
+
+/// Log lines are formatted, so that their arguments are exercised, and dropped.
+class SilentUtilities : public CUtilities {
+public:
+    void LogInfo(CRuntimeParam*, const char*) override {}
+    void LogError(CRuntimeParam*, const char*) override {}
+    void LogRaw(CRuntimeParam*, const char*) override {}
+};
+
+void WriteFile(const std::string& sPath, std::string_view sContent) {
+    std::ofstream(sPath, std::ios::binary | std::ios::trunc) << sContent;
+}
+
+std::string ReadFile(const std::string& sPath) {
+    std::ifstream file(sPath, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+}  // namespace
+
+RpcFuzzWorld::RpcFuzzWorld(const std::string& sFolder)
+    : m_sOutside(sFolder + "/rpc-fuzz-" + std::to_string(getpid())),
+      m_sExport(m_sOutside + "/export"),
+      m_pUtilities(std::make_unique<SilentUtilities>()),
+      m_RuntimeParam("fuzz", ~0),
+      m_pPortmapProg(std::make_unique<CPortmapProg>(m_pUtilities.get())),
+      m_pMountProg(std::make_unique<CMountProg>(m_pUtilities.get())),
+      m_pNfsProg(std::make_unique<CNfsProg>(m_pUtilities.get())),
+      m_pServer(std::make_unique<CRpcServer>(m_pUtilities.get(), &m_RuntimeParam)) {
+    fs::create_directories(m_sOutside);
+    m_sOutside = fs::canonical(m_sOutside).string();
+    m_sExport = m_sOutside + "/export";
+    Restore();
+    char cStatus[kReasonBufferSize] = "";
+    LogArgu logArgu{"fuzz"};
+    if (!m_pUtilities->AddMountInfo(&m_RuntimeParam, &logArgu, m_sExport.c_str(), kExportName, "", cStatus)) {
+        throw std::runtime_error(cStatus);
+    }
+    for (const char* pcName : {"", "/file", "/folder", "/folder/entry"}) {
+        m_pUtilities->GetFileID(&m_RuntimeParam, &logArgu, (m_sExport + pcName).c_str());
+    }
+    m_pPortmapProg->Set(100003, 2049);
+    m_pServer->Set(100000, m_pPortmapProg.get());
+    m_pServer->Set(100003, m_pNfsProg.get());
+    m_pServer->Set(100005, m_pMountProg.get());
+}
+
+RpcFuzzWorld::~RpcFuzzWorld() {
+    m_pUtilities.reset();
+    std::error_code ignored;  // below /tmp
+    fs::remove_all(m_sOutside, ignored);
+}
+
+/// Puts back what an input has removed, and from time to time clears away what inputs have made.
+void RpcFuzzWorld::Restore() {
+    if (m_nInputs++ % kInputsPerClearing == 0) {
+        std::error_code ignored;
+        for (const auto& entry : fs::directory_iterator(m_sOutside)) {
+            fs::remove_all(entry.path(), ignored);
+        }
+        WriteFile(m_sOutside + "/secret", kSecret);
+    }
+    std::error_code ignored;
+    fs::create_directories(m_sExport + "/folder", ignored);
+    for (const char* pcName : {"/file", "/folder/entry"}) {
+        if (access((m_sExport + pcName).c_str(), F_OK) != 0) {
+            WriteFile(m_sExport + pcName, "0123456789");
+        }
+    }
+}
+
+std::string RpcFuzzWorld::Run(std::string_view sInput) {
+    if (sInput.size() < 2) {
+        return "";
+    }
+    Restore();
+    const unsigned char iKind = static_cast<unsigned char>(sInput[0]);
+    const std::size_t nPiece = static_cast<unsigned char>(sInput[1]);
+    sInput.remove_prefix(2);
+    const bool bDatagram = (iKind & 1U) != 0;
+    // Without a descriptor nothing is sent: the replies stay to be judged.
+    CSocket socket(bDatagram ? CSocket::kDatagram : CSocket::kStream, kPrograms[(iKind >> 1U) & 3U]);
+    std::string sFailure;
+    while (!sInput.empty() && sFailure.empty()) {
+        CInputStream* pInput = socket.GetInputStream();
+        pInput->ConsolidateBuffer(0);
+        std::size_t nBytes = bDatagram || nPiece == 0 ? sInput.size() : std::min(nPiece, sInput.size());
+        nBytes = std::min<std::size_t>(nBytes, pInput->GetFreeBufferSize());
+        if (nBytes == 0) {
+            break;
+        }
+        std::memcpy(pInput->GetFreeBuffer(), sInput.data(), nBytes);
+        pInput->AddFilledBufferSize(static_cast<unsigned int>(nBytes));
+        sInput.remove_prefix(nBytes);
+        m_pServer->SocketReceived(&socket);
+        sFailure = Judge(&socket);
+        socket.GetOutputStream()->ResetBuffer();
+    }
+    return sFailure;
+}
+
+std::string RpcFuzzWorld::Judge(CSocket* pSocket) {
+    const COutputStream* pOutput = pSocket->GetOutputStream();
+    if (pOutput->GetBufferSize() > CSocketStream::GetMaxBufferSize() ||
+        pOutput->GetBufferIndex() > CSocketStream::GetMaxBufferSize()) {
+        return "the output left its buffer";
+    }
+    if (pSocket->GetInputStream()->GetBufferIndex() > CSocketStream::GetMaxBufferSize()) {
+        return "the input left its buffer";
+    }
+    const std::string_view sReplies(pSocket->GetOutputStream()->GetBuffer(), pOutput->GetBufferSize());
+    if (sReplies.find(kSecret) != std::string_view::npos || ReadFile(m_sOutside + "/secret") != kSecret) {
+        return "a file outside the export was reached";
+    }
+    const auto nOutside = std::distance(fs::directory_iterator(m_sOutside), fs::directory_iterator());
+    if (nOutside != 2 || !fs::is_directory(fs::symlink_status(m_sExport))) {
+        return "something outside the export, or the export itself, was made or removed";
+    }
+    return "";
+}

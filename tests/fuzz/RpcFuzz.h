@@ -1,0 +1,50 @@
+// The door that fuzzers come in by: bytes as a socket would receive them, given to the RPC server with the real
+// programs behind it.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "RuntimeParam.h"
+
+class CMountProg;
+class CNfsProg;
+class CPortmapProg;
+class CRpcServer;
+class CSocket;
+class CUtilities;
+
+/// A server without a network: an exported folder, all programs and the RPC server. One input is a connection or a
+/// datagram of its own:
+///
+///   byte 0: bit 0 set for UDP; bits 1 and 2 choose the program (portmapper, NFS, MOUNT)
+///   byte 1: how many bytes arrive at a time over TCP, 0 for all at once
+///   then the bytes received
+///
+/// File handles of the input's world: 0 the exported folder, 1 a file, 2 a folder with entries, 3 a file in it.
+class RpcFuzzWorld {
+public:
+    /// Works in a folder that it makes below the given one.
+    explicit RpcFuzzWorld(const std::string& sFolder);
+    ~RpcFuzzWorld();
+    RpcFuzzWorld(const RpcFuzzWorld&) = delete;
+    RpcFuzzWorld& operator=(const RpcFuzzWorld&) = delete;
+
+    /// Feeds one input. Empty if all went as it must, else what went wrong.
+    std::string Run(std::string_view sInput);
+
+private:
+    void Restore();
+    std::string Judge(CSocket* pSocket);
+
+    std::string m_sOutside;  ///< holds the export and what no client may reach
+    std::string m_sExport;
+    std::unique_ptr<CUtilities> m_pUtilities;
+    CRuntimeParam m_RuntimeParam;
+    std::unique_ptr<CPortmapProg> m_pPortmapProg;
+    std::unique_ptr<CMountProg> m_pMountProg;
+    std::unique_ptr<CNfsProg> m_pNfsProg;
+    std::unique_ptr<CRpcServer> m_pServer;
+    unsigned int m_nInputs = 0;
+};

@@ -1,0 +1,100 @@
+// What the build delivers: the library's symbols, what it needs, and the installed layout.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <set>
+#include <sstream>
+
+#include "ChildProcess.h"
+#include "TempFolder.h"
+
+namespace {
+
+using testing::HasSubstr;
+using testing::Not;
+
+const std::string kLibrary = NFSLIB_BUILD_DIR "/lib/libNfsLib.so";
+
+/// The native methods that a host binds by name.
+constexpr const char* kNativePrefix = "Java_com_norvo_kbt_quickspin_nfs_NfsLibNative_";
+
+RunResult RunNm(const std::vector<std::string>& vsOptions) {
+    std::vector<std::string> vsArguments{"nm"};
+    vsArguments.insert(vsArguments.end(), vsOptions.begin(), vsOptions.end());
+    vsArguments.push_back(kLibrary);
+    return RunProgram(vsArguments);
+}
+
+TEST(ProductTest, LibraryExportsMainAndTheNativeMethodsOnly) {
+    const RunResult result = RunNm({"-D", "--defined-only"});
+    ASSERT_EQ(result.iStatus, 0) << result.sOutput;
+    std::istringstream lines(result.sOutput);
+    bool bMain = false;
+    int nNative = 0;
+    std::string sAddress, sType, sName;
+    while (lines >> sAddress >> sType >> sName) {
+        if (sName == "main") {
+            bMain = true;
+        } else if (sName.rfind(kNativePrefix, 0) == 0) {
+            ++nNative;
+        } else {
+            ADD_FAILURE() << "exported as well: " << sName;
+        }
+    }
+    EXPECT_TRUE(bMain);
+    EXPECT_GT(nNative, 0);
+}
+
+TEST(ProductTest, ConsoleAddsNothingToTheLibrary) {
+    const RunResult result = RunProgram({"nm", "-D", "--defined-only", ConsoleProcess::ProgramPath()});
+    ASSERT_EQ(result.iStatus, 0) << result.sOutput;
+    std::istringstream lines(result.sOutput);
+    std::string sAddress, sType, sName;
+    while (lines >> sAddress >> sType >> sName) {
+        // Only what the linker itself puts into every program.
+        EXPECT_TRUE(sName == "_IO_stdin_used" || sName[0] == '_') << sName;
+    }
+}
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+TEST(ProductTest, LibraryNeedsOnlyTheLanguagesAndTheSystemsLibrariesAndTirpc) {
+    const RunResult result = RunProgram({"readelf", "-d", kLibrary});
+    ASSERT_EQ(result.iStatus, 0) << result.sOutput;
+    const std::set<std::string> allowed{"libtirpc.so.3", "libstdc++.so.6", "libm.so.6",
+                                        "libgcc_s.so.1", "libc.so.6",      "ld-linux-x86-64.so.2"};
+    std::istringstream lines(result.sOutput);
+    for (std::string sLine; std::getline(lines, sLine);) {
+        if (sLine.find("(NEEDED)") != std::string::npos) {
+            const std::size_t iStart = sLine.find('[') + 1;
+            const std::string sName = sLine.substr(iStart, sLine.find(']') - iStart);
+            EXPECT_EQ(allowed.count(sName), 1U) << sName;
+        }
+    }
+}
+#endif
+
+TEST(ProductTest, InstalledConsoleFindsItsLibraryByARelativePath) {
+    const TempFolder folder;
+    const RunResult installed = RunProgram({"cmake", "--install", NFSLIB_BUILD_DIR, "--prefix", folder / "place"});
+    ASSERT_EQ(installed.iStatus, 0) << installed.sOutput;
+    EXPECT_TRUE(std::filesystem::exists(folder / "place/lib/libNfsLib.so"));
+    EXPECT_TRUE(std::filesystem::exists(folder / "place/bin/nfsconsole"));
+    // The whole tree may be moved, and is not found by way of the build.
+    std::filesystem::rename(folder / "place", folder / "moved");
+    const RunResult paths = RunProgram({"readelf", "-d", folder / "moved/bin/nfsconsole"});
+    EXPECT_THAT(paths.sOutput, HasSubstr("$ORIGIN/../lib"));
+    EXPECT_THAT(paths.sOutput, Not(HasSubstr(NFSLIB_BUILD_DIR)));
+    const RunResult help = RunProgram({folder / "moved/bin/nfsconsole", "-help"});
+    EXPECT_EQ(help.iStatus, 0) << help.sOutput;
+    EXPECT_THAT(help.sOutput, HasSubstr("Usage: " + (folder / "moved/bin/nfsconsole") + " [-help]\n"));
+}
+
+TEST(ProductTest, SourceTreeNamesNoMachine) {
+    // A file that only one machine has, or a host that only one network has, breaks every other clone.
+    const RunResult result = RunProgram({"grep", "-rlE", "^[^#]*(/work/|/home/)", NFSLIB_SOURCE_DIR "/src",
+                                         NFSLIB_SOURCE_DIR "/include", NFSLIB_SOURCE_DIR "/tools"});
+    EXPECT_EQ(result.iStatus, 1) << "named in: " << result.sOutput;
+}
+
+}  // namespace
