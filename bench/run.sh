@@ -1,0 +1,80 @@
+#!/usr/bin/env bash
+# Measures the server against the bare server in one run: both on one processor, the load on another, in a network of
+# their own. See usage.
+set -euo pipefail
+self=$(readlink -f "${BASH_SOURCE[0]}")
+here=$(dirname "$self")
+
+usage() {
+    cat <<'USAGE'
+usage: bench/run.sh [BUILD_FOLDER]   (default: build; a Release or RelWithDebInfo build counts)
+  BENCH_OPERATIONS   calls for each row and round (5000)
+  BENCH_ROUNDS       rounds of each row, in turns between the two servers; the fastest counts (15)
+  BENCH_MEMORY       calls for the memory check after the rows (1000000; 0: none)
+  BENCH_FOLDER       where the exported folder is made (/dev/shm: the servers are measured, not a disk)
+Exit status 1 if a row stays below its target, or if the server's memory grows.
+USAGE
+}
+
+build=$(readlink -f "${1:-$here/../build}")
+[ -x "$build/bin/nfsload" ] || { usage >&2; exit 2; }
+
+# A network of its own: every port is free, and nothing else is heard.
+if [ -z "${BENCH_ISOLATED:-}" ]; then
+    export BENCH_ISOLATED=1
+    if [ "$(id -u)" = 0 ]; then
+        exec unshare --net --mount -- "$self" "$build"
+    fi
+    exec unshare --user --map-root-user --net --mount -- "$self" "$build"
+fi
+ip link set lo up
+
+operations=${BENCH_OPERATIONS:-5000}
+rounds=${BENCH_ROUNDS:-15}
+memory=${BENCH_MEMORY:-1000000}
+mapfile -t processors < <(taskset -cp $$ | sed 's/.*: //' | tr ',' '\n' |
+    awk -F- '{ for (i = $1; i <= ($2 == "" ? $1 : $2); ++i) print i }')
+load_processor=${processors[0]}
+server_processor=${processors[1]:-${processors[0]}}
+
+work=$(mktemp -d "${BENCH_FOLDER:-/dev/shm}/nfsbench-XXXXXX")
+server_pid=
+bare_pid=
+clean_up() {
+    exec 5>&- || true
+    [ -z "$server_pid" ] || { kill -TERM "$server_pid" 2>/dev/null; wait "$server_pid" || true; }
+    [ -z "$bare_pid" ] || { kill -TERM "$bare_pid" 2>/dev/null; wait "$bare_pid" 2>/dev/null || true; }
+    rm -rf "$work"
+}
+trap clean_up EXIT
+
+mkdir "$work/export"
+mkfifo "$work/input"
+taskset -c "$server_processor" "$build/bin/nfsconsole" -id bench -md int <"$work/input" >"$work/printed" 2>&1 &
+server_pid=$!
+exec 5>"$work/input"
+printf 'debug\nstart\nmount %s=data\nprint ready\n' "$work/export" >&5
+for ((i = 0; i < 100; ++i)); do
+    ! grep -q '(bench) ready' "$work/printed" || break
+    sleep 0.1
+done
+grep -q 'Start NFS success' "$work/printed" || { cat "$work/printed" >&2; exit 1; }
+
+taskset -c "$server_processor" "$build/bin/bareserver" 3049 &
+bare_pid=$!
+for ((i = 0; i < 100; ++i)); do
+    ! (: </dev/tcp/127.0.0.1/3049) 2>/dev/null || break
+    sleep 0.1
+done
+
+status=0
+load() {
+    taskset -c "$load_processor" "$build/bin/nfsload" --folder "$work/export" "$@" || status=1
+    echo
+}
+echo "processor $load_processor: load; processor $server_processor: servers"
+load --bare-port 3049 --operations "$operations" --rounds "$rounds" --target 0.7
+load --bare-port 3049 --operations "$operations" --rounds "$rounds" --target 0.7 --depth 16 READ64K WRITE16K
+load --operations "$operations" --connections 4 --depth 4
+[ "$memory" = 0 ] || load --server-pid "$server_pid" --operations "$memory" NULL GETATTR READ4K
+exit $status
