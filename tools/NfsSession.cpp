@@ -14,7 +14,10 @@
 #include <nfsc/libnfs-raw.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
+#include <chrono>
+#include <climits>
 #include <cstring>
 #include <utility>
 
@@ -24,7 +27,12 @@ namespace {
 constexpr std::size_t kPieceSize = 65536;
 /// A server that does not answer for this long is reported instead of waited for.
 constexpr int kTimeoutMilliseconds = 30000;
+/// The same for the unmount on the way out of a failure: somebody is waiting for the prompt.
+constexpr int kLeaveMilliseconds = 5000;
+/// libnfs looks at its own time limits only when it is asked to serve its connection.
+constexpr int kServeMilliseconds = 100;
 constexpr mode_t kNewFileMode = 0644;
+constexpr int kNoInterrupt = -1;
 
 /// The path as libnfs wants it.
 std::string Rooted(const std::string& sPath) {
@@ -35,13 +43,39 @@ std::string SystemText(int iError) {
     return std::strerror(iError);
 }
 
+[[noreturn]] void ThrowInterrupted() {
+    throw NfsError("interrupted");
+}
+
+struct Ready {
+    short iEvents;    ///< those of the descriptor, 0 when the time was over first
+    bool bInterrupt;  ///< whether the work is to be cut short
+};
+
+/// Waits until a descriptor is ready for one of the events (-1 ms: without limit).
+Ready WaitReady(int iDescriptor, short iEvents, int iMilliseconds, int iInterrupt) {
+    std::array<pollfd, 2> entries{pollfd{iDescriptor, iEvents, 0}, pollfd{iInterrupt, POLLIN, 0}};
+    if (poll(entries.data(), entries.size(), iMilliseconds) < 0) {
+        throw NfsError("poll: " + SystemText(errno));
+    }
+    return {entries[0].revents, entries[1].revents != 0};
+}
+
+/// Waits for a descriptor of this machine as long as it takes.
+void WaitLocal(int iDescriptor, short iEvents, int iInterrupt) {
+    if (WaitReady(iDescriptor, iEvents, -1, iInterrupt).bInterrupt) {
+        ThrowInterrupted();
+    }
+}
+
 }  // namespace
 
 void NfsSession::ContextDeleter::operator()(nfs_context* pContext) const {
     nfs_destroy_context(pContext);
 }
 
-NfsSession::NfsSession(const NfsTarget& target) : m_Target(target), m_pContext(nfs_init_context()) {
+NfsSession::NfsSession(const NfsTarget& target, int iInterrupt)
+    : m_Target(target), m_iInterrupt(iInterrupt), m_pContext(nfs_init_context()) {
     if (!m_pContext) {
         throw NfsError("out of memory");
     }
@@ -55,7 +89,12 @@ NfsSession::NfsSession(const NfsTarget& target) : m_Target(target), m_pContext(n
     }
     nfs_destroy_url(pUrl);
     nfs_set_timeout(m_pContext.get(), kTimeoutMilliseconds);
-    const int iResult = nfs_mount(m_pContext.get(), target.sHost.c_str(), target.sExport.c_str());
+    // Once the server has bound the export, only a mount that came to its end can be taken back: an interrupt lets it.
+    const int iResult = Run(
+        [&](nfs_cb pfnFinish, void* pvCall) {
+            return nfs_mount_async(m_pContext.get(), target.sHost.c_str(), target.sExport.c_str(), pfnFinish, pvCall);
+        },
+        {}, {iInterrupt, INT_MAX, kLeaveMilliseconds});
     if (iResult == -EACCES) {
         throw NfsError("mount of \"" + target.sExport + "\" refused: no such export, or a client has it mounted " +
                        "already (after a run that was cut short: nfsget release " + target.sHost + ":" +
@@ -70,17 +109,81 @@ NfsSession::NfsSession(const NfsTarget& target) : m_Target(target), m_pContext(n
 }
 
 NfsSession::~NfsSession() {
-    if (m_bMounted) {
-        nfs_umount(m_pContext.get());  // on the way out of a failure, which is what gets reported
+    if (!m_bMounted) {
+        return;
+    }
+    // On the way out of a failure, and that one gets reported: a failed unmount says nothing here.
+    try {
+        if (m_bUsable) {
+            Unmount({kNoInterrupt, kLeaveMilliseconds, 0});
+        } else {
+            m_pContext.reset();  // the connection goes first: what it still had to send must not follow the unmount
+            ReleaseWithin(m_Target, kNoInterrupt, kLeaveMilliseconds);
+        }
+    } catch (const NfsError&) {
+        // see above
     }
 }
 
 void NfsSession::End() {
+    const int iResult = Unmount({m_iInterrupt, INT_MAX, kLeaveMilliseconds});
     m_bMounted = false;
-    const int iResult = nfs_umount(m_pContext.get());
     if (iResult != 0) {
         Fail("unmount of \"" + m_Target.sExport + "\"", iResult);
     }
+}
+
+int NfsSession::Unmount(Limits limits) {
+    return Run([&](nfs_cb pfnFinish, void* pvCall) { return nfs_umount_async(m_pContext.get(), pfnFinish, pvCall); },
+               {}, limits);
+}
+
+void NfsSession::Finish(int iResult, nfs_context* /*pContext*/, void* pvData, void* pvCall) {
+    auto* pCall = static_cast<Call*>(pvCall);
+    pCall->bDone = true;
+    pCall->iResult = iResult;
+    if (iResult >= 0 && pCall->take) {
+        pCall->take(pvData);
+    }
+}
+
+int NfsSession::Run(const Start& start, const std::function<void(void*)>& take) {
+    return Run(start, take, {m_iInterrupt, INT_MAX, 0});
+}
+
+int NfsSession::Run(const Start& start, const std::function<void(void*)>& take, Limits limits) {
+    using std::chrono::milliseconds;
+    if (!m_bUsable) {
+        return -ENOTCONN;
+    }
+    m_Call = {false, 0, take};
+    const auto tStart = std::chrono::steady_clock::now();
+    auto tEnd = tStart + milliseconds(limits.iPatience);
+    bool bInterrupted = false;
+    int iResult = start(Finish, &m_Call);
+    while (iResult >= 0 && !m_Call.bDone) {
+        const Ready ready =
+            WaitReady(nfs_get_fd(m_pContext.get()), static_cast<short>(nfs_which_events(m_pContext.get())),
+                      kServeMilliseconds, bInterrupted ? kNoInterrupt : limits.iInterrupt);
+        const auto tNow = std::chrono::steady_clock::now();
+        if (ready.bInterrupt) {
+            bInterrupted = true;
+            tEnd = std::min(tEnd, tNow + milliseconds(limits.iGrace));
+        }
+        if (tNow >= tEnd) {
+            break;
+        }
+        iResult = nfs_service(m_pContext.get(), ready.iEvents);
+    }
+    m_Call.take = nullptr;  // what it would put its result into may be gone when libnfs reports a call given up
+    if (m_Call.bDone) {
+        return m_Call.iResult;
+    }
+    m_bUsable = false;
+    if (bInterrupted) {
+        ThrowInterrupted();
+    }
+    return iResult < 0 ? -EIO : -ETIMEDOUT;
 }
 
 void NfsSession::Fail(const std::string& sWhat, int iResult) const {
@@ -91,12 +194,15 @@ void NfsSession::Fail(const std::string& sWhat, int iResult) const {
 
 std::vector<NfsEntry> NfsSession::List(const std::string& sPath) {
     nfsdir* pFolder = nullptr;
-    const int iResult = nfs_opendir(m_pContext.get(), Rooted(sPath).c_str(), &pFolder);
+    const int iResult =
+        Run([&](nfs_cb pfnFinish,
+                void* pvCall) { return nfs_opendir_async(m_pContext.get(), Rooted(sPath).c_str(), pfnFinish, pvCall); },
+            [&](void* pvData) { pFolder = static_cast<nfsdir*>(pvData); });
     if (iResult != 0) {
         Fail("list \"" + sPath + "\"", iResult);
     }
     std::vector<NfsEntry> vEntries;
-    while (const nfsdirent* pEntry = nfs_readdir(m_pContext.get(), pFolder)) {
+    while (const nfsdirent* pEntry = nfs_readdir(m_pContext.get(), pFolder)) {  // it came whole: no call
         const std::string sName = pEntry->name;
         if (sName != "." && sName != "..") {
             vEntries.push_back({sName, pEntry->mode, pEntry->size, pEntry->mtime.tv_sec});
@@ -110,7 +216,10 @@ std::vector<NfsEntry> NfsSession::List(const std::string& sPath) {
 
 NfsEntry NfsSession::Stat(const std::string& sPath) {
     nfs_stat_64 state{};
-    const int iResult = nfs_stat64(m_pContext.get(), Rooted(sPath).c_str(), &state);
+    const int iResult =
+        Run([&](nfs_cb pfnFinish,
+                void* pvCall) { return nfs_stat64_async(m_pContext.get(), Rooted(sPath).c_str(), pfnFinish, pvCall); },
+            [&](void* pvData) { state = *static_cast<const nfs_stat_64*>(pvData); });
     if (iResult != 0) {
         Fail("stat \"" + sPath + "\"", iResult);
     }
@@ -120,34 +229,67 @@ NfsEntry NfsSession::Stat(const std::string& sPath) {
 
 // ==== Files ==========================================================================================================
 
-namespace {
-
 /// An open remote file, closed at the end of the scope unless it was before.
 class RemoteFile {
 public:
-    explicit RemoteFile(nfs_context* pContext) : m_pContext(pContext) {}
+    explicit RemoteFile(NfsSession& session) : m_Session(session) {}
     ~RemoteFile() {
-        if (m_pFile != nullptr) {
-            nfs_close(m_pContext, m_pFile);  // on the way out of a failure, which is what gets reported
+        if (m_pFile == nullptr) {
+            return;
+        }
+        // On the way out of a failure, which is what gets reported.
+        if (m_Session.m_bUsable) {
+            try {
+                Close({kNoInterrupt, kLeaveMilliseconds, 0});
+            } catch (const NfsError&) {
+                // see above
+            }
+        } else {  // the context frees the file when it is destroyed with this call still queued
+            nfs_close_async(
+                m_Session.m_pContext.get(), m_pFile, [](int, nfs_context*, void*, void*) {}, nullptr);
         }
     }
     RemoteFile(const RemoteFile&) = delete;
     RemoteFile& operator=(const RemoteFile&) = delete;
 
     int Open(const std::string& sPath, int iFlags) {
-        return nfs_open2(m_pContext, Rooted(sPath).c_str(), iFlags, kNewFileMode, &m_pFile);
+        return m_Session.Run(
+            [&](nfs_cb pfnFinish, void* pvCall) {
+                return nfs_open2_async(m_Session.m_pContext.get(), Rooted(sPath).c_str(), iFlags, kNewFileMode,
+                                       pfnFinish, pvCall);
+            },
+            [&](void* pvData) { m_pFile = static_cast<nfsfh*>(pvData); });
     }
-    int Close() { return nfs_close(m_pContext, std::exchange(m_pFile, nullptr)); }
+    int Close() { return Close({m_Session.m_iInterrupt, INT_MAX, 0}); }
     nfsfh* Get() { return m_pFile; }
 
 private:
-    nfs_context* m_pContext;
+    int Close(NfsSession::Limits limits) {
+        nfsfh* pFile = std::exchange(m_pFile, nullptr);
+        return m_Session.Run(
+            [&](nfs_cb pfnFinish, void* pvCall) {
+                return nfs_close_async(m_Session.m_pContext.get(), pFile, pfnFinish, pvCall);
+            },
+            {}, limits);
+    }
+
+    NfsSession& m_Session;
     nfsfh* m_pFile = nullptr;
 };
 
-void WriteLocal(int iFile, const char* pcData, std::size_t iSize) {
+namespace {
+
+bool IsPlainFile(int iFile) {
+    struct stat state {};
+    return fstat(iFile, &state) == 0 && S_ISREG(state.st_mode);
+}
+
+/// A pipe that is ready takes PIPE_BUF bytes without waiting, so an interrupt never waits for the pipe's reader.
+void WriteLocal(int iFile, const char* pcData, std::size_t iSize, int iInterrupt) {
+    const std::size_t iLargest = IsPlainFile(iFile) ? iSize : PIPE_BUF;
     while (iSize > 0) {
-        const ssize_t iWritten = write(iFile, pcData, iSize);
+        WaitLocal(iFile, POLLOUT, iInterrupt);
+        const ssize_t iWritten = write(iFile, pcData, std::min(iSize, iLargest));
         if (iWritten <= 0) {
             throw NfsError("local write: " + SystemText(errno));
         }
@@ -159,15 +301,25 @@ void WriteLocal(int iFile, const char* pcData, std::size_t iSize) {
 }  // namespace
 
 void NfsSession::Get(const std::string& sPath, int iFile) {
-    RemoteFile remote(m_pContext.get());
+    RemoteFile remote(*this);
     int iResult = remote.Open(sPath, O_RDONLY);
     if (iResult != 0) {
         Fail("open \"" + sPath + "\"", iResult);
     }
-    std::vector<char> vcPiece(kPieceSize);
-    while ((iResult = nfs_read(m_pContext.get(), remote.Get(), vcPiece.size(), vcPiece.data())) > 0) {
-        WriteLocal(iFile, vcPiece.data(), static_cast<std::size_t>(iResult));
-    }
+    std::vector<char> vcPiece;
+    do {
+        iResult = Run(
+            [&](nfs_cb pfnFinish, void* pvCall) {
+                return nfs_read_async(m_pContext.get(), remote.Get(), kPieceSize, pfnFinish, pvCall);
+            },
+            [&](void* pvData) {
+                const auto* pcData = static_cast<const char*>(pvData);
+                vcPiece.assign(pcData, pcData + m_Call.iResult);
+            });
+        if (iResult > 0) {
+            WriteLocal(iFile, vcPiece.data(), vcPiece.size(), m_iInterrupt);
+        }
+    } while (iResult > 0);
     if (iResult < 0) {
         Fail("read \"" + sPath + "\"", iResult);
     }
@@ -178,7 +330,7 @@ void NfsSession::Get(const std::string& sPath, int iFile) {
 }
 
 void NfsSession::Put(int iFile, const std::string& sPath) {
-    RemoteFile remote(m_pContext.get());
+    RemoteFile remote(*this);
     int iResult = remote.Open(sPath, O_WRONLY | O_CREAT | O_TRUNC);
     if (iResult != 0) {
         Fail("create \"" + sPath + "\"", iResult);
@@ -186,10 +338,14 @@ void NfsSession::Put(int iFile, const std::string& sPath) {
     std::vector<char> vcPiece(kPieceSize);
     std::uint64_t iTotal = 0;
     ssize_t iGot = 0;
-    while ((iGot = read(iFile, vcPiece.data(), vcPiece.size())) > 0) {
-        WriteRemote(remote.Get(), sPath, vcPiece.data(), static_cast<std::size_t>(iGot));
-        iTotal += static_cast<std::uint64_t>(iGot);
-    }
+    do {
+        WaitLocal(iFile, POLLIN, m_iInterrupt);
+        iGot = read(iFile, vcPiece.data(), vcPiece.size());
+        if (iGot > 0) {
+            WriteRemote(remote.Get(), sPath, vcPiece.data(), static_cast<std::size_t>(iGot));
+            iTotal += static_cast<std::uint64_t>(iGot);
+        }
+    } while (iGot > 0);
     if (iGot < 0) {
         throw NfsError("local read: " + SystemText(errno));
     }
@@ -203,7 +359,9 @@ void NfsSession::Put(int iFile, const std::string& sPath) {
 
 void NfsSession::WriteRemote(nfsfh* pFile, const std::string& sPath, const char* pcData, std::size_t iSize) {
     while (iSize > 0) {
-        const int iWritten = nfs_write(m_pContext.get(), pFile, iSize, pcData);
+        const int iWritten = Run([&](nfs_cb pfnFinish, void* pvCall) {
+            return nfs_write_async(m_pContext.get(), pFile, iSize, pcData, pfnFinish, pvCall);
+        });
         if (iWritten <= 0) {
             Fail("write \"" + sPath + "\"", iWritten);
         }
@@ -214,15 +372,19 @@ void NfsSession::WriteRemote(nfsfh* pFile, const std::string& sPath, const char*
 
 void NfsSession::Remove(const std::string& sPath) {
     const bool bFolder = S_ISDIR(Stat(sPath).iMode);
-    const int iResult = bFolder ? nfs_rmdir(m_pContext.get(), Rooted(sPath).c_str())
-                                : nfs_unlink(m_pContext.get(), Rooted(sPath).c_str());
+    const int iResult = Run([&](nfs_cb pfnFinish, void* pvCall) {
+        return bFolder ? nfs_rmdir_async(m_pContext.get(), Rooted(sPath).c_str(), pfnFinish, pvCall)
+                       : nfs_unlink_async(m_pContext.get(), Rooted(sPath).c_str(), pfnFinish, pvCall);
+    });
     if (iResult != 0) {
         Fail("remove \"" + sPath + "\"", iResult);
     }
 }
 
 void NfsSession::MakeDirectory(const std::string& sPath) {
-    const int iResult = nfs_mkdir(m_pContext.get(), Rooted(sPath).c_str());
+    const int iResult = Run([&](nfs_cb pfnFinish, void* pvCall) {
+        return nfs_mkdir_async(m_pContext.get(), Rooted(sPath).c_str(), pfnFinish, pvCall);
+    });
     if (iResult != 0) {
         Fail("mkdir \"" + sPath + "\"", iResult);
     }
@@ -232,24 +394,29 @@ void NfsSession::MakeDirectory(const std::string& sPath) {
 
 namespace {
 
-/// The outcome of one asynchronous call.
+/// The outcome of one call without a mount. It has to outlive the context that reports to it.
 struct Outcome {
     bool bDone = false;
     int iStatus = 0;
 };
 
-void Finish(rpc_context* /*pRpc*/, int iStatus, void* /*pvData*/, void* pvOutcome) {
+void Report(rpc_context* /*pRpc*/, int iStatus, void* /*pvData*/, void* pvOutcome) {
     auto* pOutcome = static_cast<Outcome*>(pvOutcome);
     pOutcome->bDone = true;
     pOutcome->iStatus = iStatus;
 }
 
 /// Serves the context until the call has ended.
-void Complete(rpc_context* pRpc, int iQueued, const Outcome& outcome, const std::string& sWhat) {
+void Complete(rpc_context* pRpc, int iQueued, const Outcome& outcome, const std::string& sWhat, int iInterrupt,
+              int iPatience) {
     bool bOk = iQueued == 0;
     while (bOk && !outcome.bDone) {
-        pollfd entry{rpc_get_fd(pRpc), static_cast<short>(rpc_which_events(pRpc)), 0};
-        bOk = poll(&entry, 1, kTimeoutMilliseconds) > 0 && rpc_service(pRpc, entry.revents) == 0;
+        const Ready ready =
+            WaitReady(rpc_get_fd(pRpc), static_cast<short>(rpc_which_events(pRpc)), iPatience, iInterrupt);
+        if (ready.bInterrupt) {
+            ThrowInterrupted();
+        }
+        bOk = ready.iEvents != 0 && rpc_service(pRpc, ready.iEvents) == 0;
     }
     if (!bOk || outcome.iStatus != RPC_STATUS_SUCCESS) {
         const char* pcDetail = rpc_get_error(pRpc);
@@ -259,18 +426,22 @@ void Complete(rpc_context* pRpc, int iQueued, const Outcome& outcome, const std:
 
 }  // namespace
 
-void NfsSession::Release(const NfsTarget& target) {
+void NfsSession::Release(const NfsTarget& target, int iInterrupt) {
+    ReleaseWithin(target, iInterrupt, kTimeoutMilliseconds);
+}
+
+void NfsSession::ReleaseWithin(const NfsTarget& target, int iInterrupt, int iPatience) {
     struct Deleter {
         void operator()(rpc_context* pRpc) const { rpc_destroy_context(pRpc); }
     };
-    const std::unique_ptr<rpc_context, Deleter> pRpc(rpc_init_context());
     Outcome connected;
-    Complete(pRpc.get(),
-             rpc_connect_port_async(pRpc.get(), target.sHost.c_str(), target.iMountPort, MOUNT_PROGRAM, MOUNT_V3,
-                                    Finish, &connected),
-             connected, "connect to port " + std::to_string(target.iMountPort));
     Outcome unmounted;
     std::string sExport = target.sExport;
-    Complete(pRpc.get(), rpc_mount3_umnt_async(pRpc.get(), Finish, sExport.data(), &unmounted), unmounted,
-             "unmount of \"" + target.sExport + "\"");
+    const std::unique_ptr<rpc_context, Deleter> pRpc(rpc_init_context());
+    Complete(pRpc.get(),
+             rpc_connect_port_async(pRpc.get(), target.sHost.c_str(), target.iMountPort, MOUNT_PROGRAM, MOUNT_V3,
+                                    Report, &connected),
+             connected, "connect to port " + std::to_string(target.iMountPort), iInterrupt, iPatience);
+    Complete(pRpc.get(), rpc_mount3_umnt_async(pRpc.get(), Report, sExport.data(), &unmounted), unmounted,
+             "unmount of \"" + target.sExport + "\"", iInterrupt, iPatience);
 }

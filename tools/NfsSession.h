@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -37,9 +38,13 @@ struct NfsEntry {
 
 /// A mounted export. The server binds an export to one client until that client unmounts it: End does, and so does
 /// the destructor. Paths are relative to the export ("" is its root). Every operation throws NfsError.
+///
+/// An operation ends at once, as failed, when iInterrupt becomes readable; it stays readable from then on and nothing
+/// is read from it, so every later operation fails too, except that the export is still unmounted. The session does not
+/// own it; -1 for none.
 class NfsSession {
 public:
-    explicit NfsSession(const NfsTarget& target);
+    explicit NfsSession(const NfsTarget& target, int iInterrupt);
     ~NfsSession();
     NfsSession(const NfsSession&) = delete;
     NfsSession& operator=(const NfsSession&) = delete;
@@ -58,16 +63,43 @@ public:
     void End();
 
     /// Unmounts an export that an earlier run left bound.
-    static void Release(const NfsTarget& target);
+    static void Release(const NfsTarget& target, int iInterrupt);
 
 private:
     struct ContextDeleter {
         void operator()(nfs_context* pContext) const;
     };
+    /// The one call that is under way. libnfs reports to it, if only that the call was given up, at the latest when
+    /// the context is destroyed: it has to outlive the context.
+    struct Call {
+        bool bDone = false;
+        int iResult = 0;
+        std::function<void(void*)> take;  ///< gets what the call brought, if it succeeded
+    };
+    /// How long a call may take, in milliseconds.
+    struct Limits {
+        int iInterrupt;  ///< the descriptor that cuts it short
+        int iPatience;   ///< from its start; INT_MAX where libnfs's own limit for each message is enough
+        int iGrace;      ///< from an interrupt
+    };
+    /// Queues a call of libnfs: its callback and that one's argument are for libnfs. Negative if it could not.
+    using Start = std::function<int(void (*)(int, nfs_context*, void*, void*), void*)>;
+    friend class RemoteFile;
+
+    static void Finish(int iResult, nfs_context* pContext, void* pvData, void* pvCall);
+    /// Runs a call to its end and returns its result. A call that did not end within its limits leaves the context
+    /// unusable; if an interrupt was the reason, NfsError is thrown.
+    int Run(const Start& start, const std::function<void(void*)>& take = {});
+    int Run(const Start& start, const std::function<void(void*)>& take, Limits limits);
+    int Unmount(Limits limits);
+    static void ReleaseWithin(const NfsTarget& target, int iInterrupt, int iPatience);
     [[noreturn]] void Fail(const std::string& sWhat, int iResult) const;
     void WriteRemote(nfsfh* pFile, const std::string& sPath, const char* pcData, std::size_t iSize);
 
     NfsTarget m_Target;
+    int m_iInterrupt;
+    Call m_Call;
     std::unique_ptr<nfs_context, ContextDeleter> m_pContext;
     bool m_bMounted = false;
+    bool m_bUsable = true;  ///< no call of this context has been given up
 };

@@ -3,6 +3,7 @@
 // It unmounts at its end, also after a failure and when it is interrupted, because the server binds an export to one
 // client until that client unmounts it.
 #include <fcntl.h>
+#include <sys/signalfd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -117,10 +118,38 @@ private:
     bool m_bOwned;
 };
 
+/// Whether the user wants the program to end. SIGINT, SIGTERM and SIGHUP no longer do so by themselves: what is under
+/// way notices them at its next wait, fails, and unmounts on its way out.
+class Interruption {
+public:
+    Interruption() {
+        sigset_t signals;
+        sigemptyset(&signals);
+        sigaddset(&signals, SIGINT);
+        sigaddset(&signals, SIGTERM);
+        sigaddset(&signals, SIGHUP);
+        sigprocmask(SIG_BLOCK, &signals, nullptr);
+        m_iSignals = signalfd(-1, &signals, SFD_CLOEXEC);
+        if (m_iSignals < 0) {
+            throw NfsError(std::string("signalfd: ") + std::strerror(errno));
+        }
+        std::signal(SIGPIPE, SIG_IGN);  // a reader that goes away is a failed local write
+    }
+    ~Interruption() { close(m_iSignals); }
+    Interruption(const Interruption&) = delete;
+    Interruption& operator=(const Interruption&) = delete;
+
+    /// Readable from the first such signal on; nothing is to be read from it.
+    int Get() const { return m_iSignals; }
+
+private:
+    int m_iSignals;
+};
+
 // ==== Commands =======================================================================================================
 
-void List(const Place& place) {
-    NfsSession session(place.target);
+void List(const Place& place, const Interruption& interruption) {
+    NfsSession session(place.target, interruption.Get());
     for (const NfsEntry& entry : session.List(place.sPath)) {
         std::printf("%12llu  %s%s\n", static_cast<unsigned long long>(entry.iSize), entry.sName.c_str(),
                     S_ISDIR(entry.iMode) ? "/" : "");
@@ -128,8 +157,8 @@ void List(const Place& place) {
     session.End();
 }
 
-void Stat(const Place& place) {
-    NfsSession session(place.target);
+void Stat(const Place& place, const Interruption& interruption) {
+    NfsSession session(place.target, interruption.Get());
     const NfsEntry entry = session.Stat(place.sPath);
     session.End();
     char vcTime[32] = "";
@@ -142,8 +171,8 @@ void Stat(const Place& place) {
 }
 
 /// A file appears under its name only when it is whole.
-void Get(const Place& place, const std::string& sLocal) {
-    NfsSession session(place.target);
+void Get(const Place& place, const std::string& sLocal, const Interruption& interruption) {
+    NfsSession session(place.target, interruption.Get());
     if (sLocal == "-") {
         session.Get(place.sPath, STDOUT_FILENO);
         session.End();
@@ -164,58 +193,47 @@ void Get(const Place& place, const std::string& sLocal) {
     session.End();
 }
 
-void Put(const std::string& sLocal, const Place& place) {
+void Put(const std::string& sLocal, const Place& place, const Interruption& interruption) {
     const LocalFile file(sLocal, O_RDONLY, STDIN_FILENO);
-    NfsSession session(place.target);
+    NfsSession session(place.target, interruption.Get());
     session.Put(file.Get(), place.sPath);
     session.End();
 }
 
-void MakeDirectory(const Place& place) {
-    NfsSession session(place.target);
+void MakeDirectory(const Place& place, const Interruption& interruption) {
+    NfsSession session(place.target, interruption.Get());
     session.MakeDirectory(place.sPath);
     session.End();
 }
 
-void Remove(const Place& place) {
-    NfsSession session(place.target);
+void Remove(const Place& place, const Interruption& interruption) {
+    NfsSession session(place.target, interruption.Get());
     session.Remove(place.sPath);
     session.End();
 }
 
 void Run(const std::vector<std::string>& vsWords, const NfsTarget& ports) {
+    const Interruption interruption;
     const std::string& sCommand = vsWords.front();
     const std::size_t nArguments = vsWords.size() - 1;
     if (sCommand == "list" && nArguments == 1) {
-        List(ParsePlace(vsWords[1], ports));
+        List(ParsePlace(vsWords[1], ports), interruption);
     } else if (sCommand == "stat" && nArguments == 1) {
-        Stat(ParsePlace(vsWords[1], ports));
+        Stat(ParsePlace(vsWords[1], ports), interruption);
     } else if (sCommand == "get" && (nArguments == 1 || nArguments == 2)) {
         const Place place = ParseEntry(vsWords[1], ports);
-        Get(place, nArguments == 2 ? vsWords[2] : place.sPath.substr(place.sPath.rfind('/') + 1));
+        Get(place, nArguments == 2 ? vsWords[2] : place.sPath.substr(place.sPath.rfind('/') + 1), interruption);
     } else if (sCommand == "put" && nArguments == 2) {
-        Put(vsWords[1], ParseEntry(vsWords[2], ports));
+        Put(vsWords[1], ParseEntry(vsWords[2], ports), interruption);
     } else if (sCommand == "mkdir" && nArguments == 1) {
-        MakeDirectory(ParseEntry(vsWords[1], ports));
+        MakeDirectory(ParseEntry(vsWords[1], ports), interruption);
     } else if (sCommand == "remove" && nArguments == 1) {
-        Remove(ParseEntry(vsWords[1], ports));
+        Remove(ParseEntry(vsWords[1], ports), interruption);
     } else if (sCommand == "release" && nArguments == 1) {
-        NfsSession::Release(ParsePlace(vsWords[1], ports).target);
+        NfsSession::Release(ParsePlace(vsWords[1], ports).target, interruption.Get());
     } else {
         throw UsageError("not a command, or not its arguments: " + sCommand);
     }
-}
-
-/// An interrupt ends the call that waits for the server; the command then fails, and unmounts on its way out.
-void OnInterrupt(int /*iSignal*/) {}
-
-void CatchInterrupts() {
-    struct sigaction action {};
-    action.sa_handler = OnInterrupt;  // without SA_RESTART
-    sigaction(SIGINT, &action, nullptr);
-    sigaction(SIGTERM, &action, nullptr);
-    sigaction(SIGHUP, &action, nullptr);
-    std::signal(SIGPIPE, SIG_IGN);  // a reader that goes away is a failed local write
 }
 
 int Main(int argc, char** argv) {
@@ -235,7 +253,6 @@ int Main(int argc, char** argv) {
         std::fputs(kUsage, vsWords.empty() ? stderr : stdout);
         return vsWords.empty() ? kExitUsage : 0;
     }
-    CatchInterrupts();
     Run(vsWords, ports);
     if (std::fflush(stdout) != 0) {
         throw NfsError(std::string("standard output: ") + std::strerror(errno));

@@ -1,11 +1,15 @@
 // nfsget, the small client, as a user runs it.
+#include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 
 #include <csignal>
 #include <filesystem>
 
 #include "ChildProcess.h"
+#include "Descriptor.h"
 #include "ServerFixture.h"
 
 namespace {
@@ -138,14 +142,49 @@ TEST_F(NfsgetTest, InterruptedClientUnmounts) {
         usleep(1000);
     }
     ASSERT_EQ(Server().GetMountInfo(true, false), 1);
-    // The signal may fall between two calls that it could interrupt: it is repeated until the client has ended.
-    std::optional<int> iStatus;
-    for (int i = 0; i < 300 && !iStatus; ++i) {
-        put.Signal(SIGINT);
-        iStatus = put.Wait(std::chrono::milliseconds(100));
-    }
-    EXPECT_EQ(iStatus, 1) << put.Output();
+    put.Signal(SIGINT);
+    EXPECT_EQ(put.Wait(), 1);
+    EXPECT_EQ(put.Output(), "nfsget: interrupted\n");
     ExpectUnmounted();
+}
+
+/// The call under way is given up and its reply, if it still comes, finds nobody.
+TEST_F(NfsgetTest, ClientInterruptedAtAnyMomentOfItsWorkUnmounts) {
+    WriteWholeFile(Folder() / "file", std::string(std::size_t{8} << 20, 'x'));
+    int iInterrupted = 0;
+    for (int iMicroseconds = 0; iMicroseconds < 40000; iMicroseconds += 1000) {
+        ChildProcess get({Program(), "get", "127.0.0.1:data/file", "-"});
+        while (Server().GetMountInfo(true, false) == 0 && get.IsRunning()) {
+            usleep(100);
+        }
+        usleep(static_cast<useconds_t>(iMicroseconds));
+        get.Signal(SIGTERM);
+        const std::optional<int> iStatus = get.Wait();
+        ASSERT_TRUE(iStatus == 0 || iStatus == 1) << iStatus.value_or(-1) << " after " << iMicroseconds << " us";
+        if (iStatus == 1) {
+            ++iInterrupted;
+            EXPECT_THAT(get.Output(), testing::EndsWith("nfsget: interrupted\n"));
+        }
+        ExpectUnmounted();
+    }
+    EXPECT_GT(iInterrupted, 0);
+}
+
+/// A mount is given some seconds to come to its end, so that it can be taken back; a dead server cannot hold it longer.
+TEST_F(NfsgetTest, InterruptEndsTheWaitForAServerThatNeverAnswers) {
+    const CDescriptor listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(4058);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(bind(listener.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+    ASSERT_EQ(listen(listener.Get(), 1), 0);
+    ChildProcess list({Program(), "-m", "4058", "list", "127.0.0.1:data"});
+    const CDescriptor peer(accept4(listener.Get(), nullptr, nullptr, SOCK_CLOEXEC));
+    ASSERT_GE(peer.Get(), 0);
+    list.Signal(SIGINT);
+    EXPECT_EQ(list.Wait(std::chrono::seconds(15)), 1);
+    EXPECT_EQ(list.Output(), "nfsget: interrupted\n");
 }
 
 TEST_F(NfsgetTest, OtherPortsAreGivenByOptions) {
