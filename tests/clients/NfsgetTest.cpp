@@ -11,6 +11,7 @@
 #include "ChildProcess.h"
 #include "Descriptor.h"
 #include "ServerFixture.h"
+#include "Trees.h"
 
 namespace {
 
@@ -20,7 +21,7 @@ using testing::StartsWith;
 
 class NfsgetTest : public ServerFixture {
 protected:
-    static std::string Program() { return NFSLIB_BUILD_DIR "/bin/nfsget"; }
+    static std::string Program() { return BuildTree() + "/bin/nfsget"; }
 
     static RunResult Run(std::vector<std::string> vsArguments) {
         vsArguments.insert(vsArguments.begin(), Program());

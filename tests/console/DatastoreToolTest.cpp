@@ -6,6 +6,7 @@
 #include <filesystem>
 
 #include "ConsoleSupport.h"
+#include "Trees.h"
 
 namespace {
 
@@ -24,7 +25,7 @@ protected:
         m_sBin = m_Folder / (sFolderName + "/bin");
         std::filesystem::create_directories(m_sBin);
         std::filesystem::copy_file(ConsoleProcess::ProgramPath(), m_sBin + "/nfsconsole");
-        std::filesystem::create_directory_symlink(NFSLIB_BUILD_DIR "/lib", m_Folder / (sFolderName + "/lib"));
+        std::filesystem::create_directory_symlink(BuildTree() + "/lib", m_Folder / (sFolderName + "/lib"));
         InstallTool("exit 0");
     }
     void InstallTool(const std::string& sEnd) {

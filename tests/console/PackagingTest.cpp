@@ -8,12 +8,13 @@
 
 #include "ConsoleSupport.h"
 #include "NfsClient.h"
+#include "Trees.h"
 
 namespace {
 
 class Packaging : public ConsoleTest {
 protected:
-    static std::string Script() { return NFSLIB_SOURCE_DIR "/packaging/nfs-exports"; }
+    static std::string Script() { return SourceTree() + "/packaging/nfs-exports"; }
     RunResult Apply(const std::string& sList, const std::vector<std::string>& vsMore = {}) {
         WriteWholeFile(m_Folder / "exports", sList);
         std::vector<std::string> vsArguments{Script(), m_Folder / "exports"};
@@ -39,7 +40,7 @@ protected:
     }
     /// The value of a line of the installed unit, with its paths moved into this test's folder.
     std::string UnitLine(const std::string& sKey) {
-        std::istringstream unit(ReadWholeFile(NFSLIB_BUILD_DIR "/packaging/nfsconsole.service"));
+        std::istringstream unit(ReadWholeFile(BuildTree() + "/packaging/nfsconsole.service"));
         for (std::string sLine; std::getline(unit, sLine);) {
             if (sLine.starts_with(sKey + "=")) {
                 std::string sValue = sLine.substr(sKey.size() + 1);

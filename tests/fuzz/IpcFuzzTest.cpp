@@ -10,6 +10,7 @@
 #include "IpcFuzz.h"
 #include "Isolation.h"
 #include "TempFolder.h"
+#include "Trees.h"
 
 namespace {
 
@@ -18,7 +19,7 @@ constexpr int kRounds = 4000;
 
 std::vector<std::string> ReadCorpus() {
     std::vector<std::filesystem::path> vPaths;
-    for (const auto& entry : std::filesystem::directory_iterator(NFSLIB_SOURCE_DIR "/tests/fuzz/corpus-ipc")) {
+    for (const auto& entry : std::filesystem::directory_iterator(SourceTree() + "/tests/fuzz/corpus-ipc")) {
         vPaths.push_back(entry.path());
     }
     std::sort(vPaths.begin(), vPaths.end());

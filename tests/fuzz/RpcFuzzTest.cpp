@@ -11,13 +11,14 @@
 
 #include "RpcFuzz.h"
 #include "TempFolder.h"
+#include "Trees.h"
 #include "Xdr.h"
 
 namespace {
 
 std::vector<std::string> ReadCorpus() {
     std::vector<std::filesystem::path> vPaths;
-    for (const auto& entry : std::filesystem::directory_iterator(NFSLIB_SOURCE_DIR "/tests/fuzz/corpus")) {
+    for (const auto& entry : std::filesystem::directory_iterator(SourceTree() + "/tests/fuzz/corpus")) {
         vPaths.push_back(entry.path());
     }
     std::sort(vPaths.begin(), vPaths.end());

@@ -9,6 +9,7 @@
 #include "JavaHost.h"
 #include "NfsClient.h"
 #include "TempFolder.h"
+#include "Trees.h"
 
 namespace {
 
@@ -25,7 +26,7 @@ TEST_F(ExampleHostTest, ServesADiskFromPiecesKeepsWrittenRangesAndStopsOnCtrlC) 
     ChildOptions options;
     options.vEnvironment = {
         {"NFSLIB", NFSLIB_LIBRARY}, {"CLASSES", folder / "classes"}, {"JAVA_OPTIONS", "-Xcheck:jni -XX:-UsePerfData"}};
-    ChildProcess host({std::string(NFSLIB_SOURCE_DIR) + "/examples/java-host/run.sh", sExport}, options);
+    ChildProcess host({SourceTree() + "/examples/java-host/run.sh", sExport}, options);
     ASSERT_TRUE(host.WaitFor("Ready: " + sExport + " is exported as \"data\"")) << host.Output();
 
     NfsClient client;
@@ -67,7 +68,7 @@ TEST_F(ExampleHostTest, ServesADiskFromPiecesKeepsWrittenRangesAndStopsOnCtrlC) 
 TEST_F(ExampleHostTest, SaysWhichLibraryIsMissing) {
     ChildOptions options;
     options.vEnvironment = {{"NFSLIB", "/nowhere/libNfsLib.so"}};
-    const RunResult result = RunProgram({std::string(NFSLIB_SOURCE_DIR) + "/examples/java-host/run.sh"}, options);
+    const RunResult result = RunProgram({SourceTree() + "/examples/java-host/run.sh"}, options);
     EXPECT_EQ(result.iStatus, 1);
     EXPECT_NE(result.sOutput.find("No library at /nowhere/libNfsLib.so"), std::string::npos) << result.sOutput;
 }

@@ -7,6 +7,7 @@
 
 #include "ChildProcess.h"
 #include "TempFolder.h"
+#include "Trees.h"
 
 namespace {
 
@@ -35,14 +36,14 @@ TEST(ExportedSymbolsTest, MainAndTheNativeMethodsAreExportedAndNothingElse) {
     for (std::string sLine; std::getline(lines, sLine);) {
         sExported.insert(sLine);
     }
-    std::set<std::string> sExpected = NativesOf(std::string(NFSLIB_SOURCE_DIR) + "/tests/java" + kHostClass);
+    std::set<std::string> sExpected = NativesOf(SourceTree() + "/tests/java" + kHostClass);
     EXPECT_EQ(sExpected.size(), 35U);
     sExpected.insert("main");
     EXPECT_EQ(sExported, sExpected);
 }
 
 TEST(ExportedSymbolsTest, TheExamplesHostClassDeclaresTheSameNativeMethods) {
-    const std::string sRoot = NFSLIB_SOURCE_DIR;
+    const std::string sRoot = SourceTree();
     EXPECT_EQ(NativesOf(sRoot + "/examples/java-host" + kHostClass), NativesOf(sRoot + "/tests/java" + kHostClass));
 }
 

@@ -12,6 +12,7 @@
 #include "JavaHost.h"
 #include "NfsClient.h"
 #include "TempFolder.h"
+#include "Trees.h"
 
 namespace {
 
@@ -100,8 +101,7 @@ TEST_F(RedirectedHostTest, ReadsAreServedFromThePieces) {
 TEST_F(RedirectedHostTest, ARealClientReadsTheWholeFile) {
     const std::string sCopy = m_Sources / "copy";
     m_pClient->Umnt("data");
-    const RunResult result =
-        RunProgram({std::string(NFSLIB_BUILD_DIR) + "/bin/nfsget", "get", "127.0.0.1:data/disk", sCopy});
+    const RunResult result = RunProgram({BuildTree() + "/bin/nfsget", "get", "127.0.0.1:data/disk", sCopy});
     ASSERT_EQ(result.iStatus, 0) << result.sOutput;
     EXPECT_TRUE(ReadWholeFile(sCopy) == m_sContent);
 }

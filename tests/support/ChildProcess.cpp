@@ -1,5 +1,6 @@
 // A child process on pipes or on a terminal of its own.
 #include "ChildProcess.h"
+#include "Trees.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -279,7 +280,7 @@ ConsoleProcess::ConsoleProcess(const std::vector<std::string>& vsOptions, const 
     : ChildProcess(ConsoleArguments(vsOptions), options) {}
 
 std::string ConsoleProcess::ProgramPath() {
-    return NFSLIB_BUILD_DIR "/bin/nfsconsole";
+    return BuildTree() + "/bin/nfsconsole";
 }
 
 bool ConsoleProcess::WaitForPrompt(std::chrono::milliseconds limit) {

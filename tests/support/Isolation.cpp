@@ -1,5 +1,6 @@
 // Namespaces for one test process.
 #include "Isolation.h"
+#include "Trees.h"
 
 #include <fcntl.h>
 #include <net/if.h>
@@ -50,7 +51,7 @@ void MakeFolders(const std::string& sPath) {
 
 /// An empty tmpfs over a folder. A tree that lies below the folder (the build or the sources) stays visible.
 bool MountEmpty(const std::string& sFolder) {
-    const std::string vTrees[] = {NFSLIB_SOURCE_DIR, NFSLIB_BUILD_DIR};
+    const std::string vTrees[] = {SourceTree(), BuildTree()};
     int viTrees[2];
     for (int i = 0; i < 2; ++i) {
         viTrees[i] = vTrees[i].starts_with(sFolder + "/") ? open(vTrees[i].c_str(), O_PATH | O_CLOEXEC) : -1;

@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "Isolation.h"
+#include "Trees.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 /// For this process; the programs it starts get tests/support/leaks.supp, which says the same.
@@ -26,7 +27,8 @@ int main(int argc, char** argv) {
             return 1;
         }
     }
-    setenv("LSAN_OPTIONS", "suppressions=" NFSLIB_SOURCE_DIR "/tests/support/leaks.supp:print_suppressions=0", 0);
+    const std::string sSuppressions = SourceTree() + "/tests/support/leaks.supp";
+    setenv("LSAN_OPTIONS", ("suppressions=" + sSuppressions + ":print_suppressions=0").c_str(), 0);
     // A thread sanitizer starts a thread of its own beside the first one: before any test counts threads.
     std::thread([] {}).join();
     return RUN_ALL_TESTS();
