@@ -96,6 +96,15 @@ TEST_F(UtilitiesDescriptorCacheTest, FilesInExportsAreOpenedReadWriteOthersReadO
     EXPECT_EQ(TakeLog()[0], "[Test] open read/write mode " + sFile);
 }
 
+TEST_F(UtilitiesDescriptorCacheTest, DescriptorThatIsCachedServesWhateverModeIsWanted) {
+    const std::string sFile = MakeFile("f", "x");
+    const int iFile = Get(sFile).Get();
+    m_Log.Clear();
+    EXPECT_EQ(Get(sFile, true).Get(), iFile);
+    EXPECT_EQ(::fcntl(iFile, F_GETFL) & O_ACCMODE, O_RDONLY);
+    EXPECT_EQ(TakeLog(), Lines());
+}
+
 TEST_F(UtilitiesDescriptorCacheTest, NoPathHasNoDescriptor) {
     EXPECT_FALSE(Get("").IsOpen());
     EXPECT_FALSE(m_Utilities.GetCachedFileHandle(&m_Param, &m_Tag, nullptr, false).IsOpen());
@@ -197,6 +206,24 @@ TEST_F(UtilitiesDescriptorCacheTest, UseMakesAnEntryYounger) {
     m_Utilities.FreeCachedFileHandles(&m_Param, &m_Tag);
     EXPECT_EQ(TakeLog(),
               (Lines{"[Test] Close exceeded cached file handle: 1", "[Test] OS close file \"" + vFiles[5] + "\""}));
+}
+
+TEST_F(UtilitiesDescriptorCacheTest, EntryOfAFailedOpenIsEvictedInItsTurn) {
+    const std::string sMissing = m_Folder / "missing";
+    const std::vector<std::string> vFiles = MakeFiles(9);
+    Get(vFiles[0]);
+    WaitForTheNextSecond();
+    Get(sMissing);
+    WaitForTheNextSecond();
+    for (const std::string& sFile : vFiles) {
+        Get(sFile);
+    }
+    m_Log.Clear();
+    m_Utilities.FreeCachedFileHandles(&m_Param, &m_Tag);
+    EXPECT_EQ(TakeLog(), (Lines{"[Test] Close exceeded cached file handle: 1",
+                                "[Test] OS close file \"" + sMissing + "\". Error=Bad file descriptor"}));
+    EXPECT_FALSE(Get(sMissing).IsOpen());
+    EXPECT_EQ(TakeLog().size(), 2U) << "the next request tries again";
 }
 
 TEST_F(UtilitiesDescriptorCacheTest, WithinASecondTheTextOfTheDescriptorOrders) {
