@@ -1,12 +1,17 @@
 // The platform test and the quick test: every line, in order.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "Descriptor.h"
 #include "LogCapture.h"
 #include "TempFolder.h"
 #include "Utilities.h"
@@ -290,6 +295,148 @@ TEST_F(PlatformTest, NamesWithFormatCharactersAreShownAsTheyAre) {
     const Lines vsLines = Run(sTarget, 10);
     ASSERT_GT(vsLines.size(), 2U);
     EXPECT_EQ(vsLines[1], " >> Directory : \"" + sTarget + "/_test\"");
+}
+
+// ==== Single steps ==============================================================================================
+
+namespace {
+
+/// Does something once as soon as a certain information line has come: what the step behind it then finds is known.
+class MeddlingUtilities : public CaptureUtilities {
+public:
+    using CaptureUtilities::CaptureUtilities;
+    using CUtilities::RunTestReadWriteFile;
+
+    void LogInfo(CRuntimeParam* pRuntimeParam, const char* pcMessage) override {
+        CaptureUtilities::LogInfo(pRuntimeParam, pcMessage);
+        if (m_Action && m_sTrigger == pcMessage) {
+            std::exchange(m_Action, nullptr)();
+        }
+    }
+    void On(const std::string& sTrigger, std::function<void()> action) {
+        m_sTrigger = sTrigger;
+        m_Action = std::move(action);
+    }
+    bool IsWaiting() const { return m_Action != nullptr; }
+
+private:
+    std::string m_sTrigger;
+    std::function<void()> m_Action;
+};
+
+class PlatformTestSteps : public PlatformTest {
+protected:
+    /// Runs the whole test on the scratch folder with 10 bytes while somebody meddles. The step's own lines; those of
+    /// the file access are only there to be waited for.
+    Lines Meddle(const std::string& sTrigger, const std::function<void()>& action) {
+        m_Capture.Clear();
+        m_Meddling.On(sTrigger, action);
+        CRuntimeParam param{"tester", CRuntimeParam::kLogFileAccess};
+        m_Meddling.RunTestMode(&param, m_Folder.Path().c_str(), 10);
+        EXPECT_FALSE(m_Meddling.IsWaiting()) << "never logged: " << sTrigger << "\n" << m_Capture.Dump();
+        EXPECT_NE(access(m_sTest.c_str(), F_OK), 0) << "the test directory is gone";
+        return m_Capture.Texts('i');
+    }
+    bool Has(const std::string& sLine) const { return m_Capture.Has(sLine, 'i'); }
+    static std::string Tagged(const std::string& sText) { return "[Utilities.RunTestMode] " + sText; }
+    /// The lines of a chunk on an open file.
+    Lines ReadWrite(int iFile, unsigned long long iPosition, unsigned long long iSize) {
+        LogArgu tag{"Test"};
+        m_Capture.Clear();
+        m_Meddling.RunTestReadWriteFile(&m_Param, &tag, iFile, iPosition, iSize);
+        return m_Capture.Texts('i');
+    }
+    CDescriptor Open(const std::string& sPath) { return CDescriptor(open(sPath.c_str(), O_RDWR | O_CLOEXEC)); }
+
+    MeddlingUtilities m_Meddling{&m_Capture};
+    std::string m_sTest = m_Folder / "_test";
+    std::string m_sFile = m_sTest + "/test.bak";
+    std::string m_sQuoted = "\"" + m_sFile + "\"";
+};
+
+}  // namespace
+
+TEST_F(PlatformTestSteps, WhatWasMadeMustExist) {
+    Meddle(Tagged("OS create folder \"" + m_sTest + "\" (mode = 493)"), [&] { rmdir(m_sTest.c_str()); });
+    EXPECT_TRUE(Has("[FAIL] Create directory \"" + m_sTest + "\". Error=Directory not exist")) << m_Capture.Dump();
+    Meddle(Tagged("OS create file " + m_sQuoted), [&] { unlink(m_sFile.c_str()); });
+    EXPECT_TRUE(Has("[FAIL] Create file " + m_sQuoted + ". Error=File not exist")) << m_Capture.Dump();
+    EXPECT_TRUE(Has("[ OK ] Close file " + m_sQuoted + ".")) << m_Capture.Dump();
+}
+
+TEST_F(PlatformTestSteps, WhatWasRemovedMustBeGone) {
+    Meddle(Tagged("OS remove folder \"" + m_sTest + "\""), [&] { mkdir(m_sTest.c_str(), 0755); });
+    EXPECT_TRUE(Has("[FAIL] Remove directory \"" + m_sTest + "\". Error=Directory still exist")) << m_Capture.Dump();
+}
+
+TEST_F(PlatformTestSteps, SizeThatWasSetMustBeThere) {
+    Meddle(Tagged("OS set file file " + m_sQuoted), [&] { EXPECT_EQ(truncate(m_sFile.c_str(), 7), 0); });
+    EXPECT_TRUE(Has("[ OK ] Enlarge file " + m_sQuoted + " size to 1034.")) << m_Capture.Dump();
+    EXPECT_TRUE(Has("[FAIL] Verify file size. Error=Size not match (current size = 7)")) << m_Capture.Dump();
+}
+
+TEST_F(PlatformTestSteps, ModeThatWasSetMustBeThere) {
+    Meddle(Tagged("OS set file mode " + m_sQuoted + " (mode = 33060)"),
+           [&] { EXPECT_EQ(chmod(m_sFile.c_str(), 0600), 0); });
+    EXPECT_TRUE(Has("[ OK ] Set file mode 8124 to file " + m_sQuoted + ".")) << m_Capture.Dump();
+    EXPECT_TRUE(Has("[FAIL] Verify file mode 8124 from file " + m_sQuoted +
+                    ". Error=File mode not match (current file mode = 8180)"))
+        << m_Capture.Dump();
+}
+
+TEST_F(PlatformTestSteps, WhatIsLeftIsRemovedInTheEndWithoutALine) {
+    const Lines vsLines = Meddle("[ OK ] Remove file \"" + m_sFile + "2\".", [&] {
+        WriteWholeFile(m_sFile, "x");
+        WriteWholeFile(m_sFile + "2", "x");
+    });
+    ASSERT_GT(vsLines.size(), 2U);
+    EXPECT_EQ(Lines(vsLines.end() - 2, vsLines.end()),
+              (Lines{"[FAIL] Remove directory \"" + m_sTest + "\". Error=Directory not empty (39)",
+                     "================================ END TEST ================================"}));
+}
+
+TEST_F(PlatformTestSteps, ChunkHoldsLettersFromAToTheBackquoteAtItsPosition) {
+    const std::string sLetters = "ABCDEFGHIJKLMNOPQRSTUVWXYZ[\\]^_`";
+    std::string sChunk;
+    while (sChunk.size() < 2047) {
+        sChunk += sLetters;
+    }
+    sChunk.resize(2047);
+    const std::string sPath = m_Folder / "file";
+    for (const auto& [iPosition, iStart] :
+         {std::pair{0ULL, 0ULL}, {100, 100}, {2953, 2953}, {2954, 2953}, {5000, 2953}}) {
+        WriteWholeFile(sPath, std::string(5000, '.'));
+        EXPECT_EQ(ReadWrite(Open(sPath).Get(), iPosition, 5000), ChunkLines(std::to_string(iStart), "2047"));
+        std::string sExpected(5000, '.');
+        EXPECT_EQ(ReadWholeFile(sPath), sExpected.replace(iStart, sChunk.size(), sChunk)) << iPosition;
+    }
+}
+
+// The null device stands at 0 wherever it is sent, takes everything and gives nothing.
+TEST_F(PlatformTestSteps, PositionAndLengthAreTold) {
+    EXPECT_EQ(ReadWrite(Open("/dev/null").Get(), 100, 5000),
+              (Lines{"[FAIL] File seek to position 100. Error=Position not match (current pos = 0)",
+                     "[ OK ] Write data with length 2047.",
+                     "[FAIL] Move pointer to position 100. Error=Position not match (current pos = 0)",
+                     "[FAIL] Read data with length 2047. Error=Data lenght not match (read length = 0)",
+                     "[FAIL] Verify data with size 2047. Error=Data content not match"}));
+}
+
+TEST_F(PlatformTestSteps, ShortWriteIsTold) {
+    const std::string sPath = m_Folder / "file";
+    WriteWholeFile(sPath, "");
+    const CDescriptor file = Open(sPath);
+    rlimit before{};
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
+    const rlimit five{5, before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &five), 0);
+    const Lines vsLines = ReadWrite(file.Get(), 0, 10);
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &before), 0);
+    EXPECT_EQ(vsLines, (Lines{"[ OK ] File seek to position 0.",
+                              "[FAIL] Write data with length 10. Error=Data lenght not match (write length = 5)",
+                              "[ OK ] Move pointer to position 0.",
+                              "[FAIL] Read data with length 10. Error=Data lenght not match (read length = 5)",
+                              "[FAIL] Verify data with size 10. Error=Data content not match"}));
 }
 
 // ==== Quick test ================================================================================================
