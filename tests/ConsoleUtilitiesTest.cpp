@@ -13,6 +13,8 @@
 #include <vector>
 
 #include "ConsoleOptions.h"
+#include "NfsMain.h"
+#include "PathGuard.h"
 #include "TempFolder.h"
 #include "Utilities.h"
 
@@ -254,6 +256,31 @@ TEST(ConsoleHelp, ListsEverythingInDebugMode) {
               "  addnet <path> <user> <password>: add net device credential\n"
               "  removenet <path>: remove net device credential\n"
               "==========================\n");
+}
+
+// ==== Status ========================================================================================================
+
+TEST(ConsoleStatus, EachListStandsBetweenItsCountAndAnEmptyLine) {
+    const TempFolder folder;
+    const PathGuard path(folder.Path());
+    InstallCommand(folder / kAddCredentialCommand, "exit 0");
+    ASSERT_EQ(mkdir((folder / "a").c_str(), 0755), 0);
+    ASSERT_EQ(mkdir((folder / "b").c_str(), 0755), 0);
+    CNfsMain nfsMain("op", 0);
+    char vcReason[kReasonBufferSize] = "";
+    ASSERT_TRUE(nfsMain.AddMountPoint((folder / "a").c_str(), "y", vcReason)) << vcReason;
+    ASSERT_TRUE(nfsMain.AddMountPoint((folder / "b").c_str(), "x", vcReason)) << vcReason;
+    nfsMain.AddSessionInfo("s1", "/data");
+    nfsMain.AddVSphereInfo("ds-1", "esx1", "443", "root", "secret");
+    ASSERT_TRUE(nfsMain.AddNetDeviceCredential("//nas/share", "user", "secret"));
+    const std::string sRule = "------------------------------------\n";
+    CConsoleUtilities console;
+    EXPECT_EQ(Printed([&] { console.PrintStatus(&nfsMain); }),
+              "Server Status: Stopped\n" + sRule +  //
+                  "Number of Mount Point: 2\n" + " Mount 1 - " + (folder / "b") + " : x () []" + " Mount 2 - " +
+                  (folder / "a") + " : y () []" + "\n" + sRule + "Number of Session: 1\n Session 1 - s1 : /data\n" +
+                  sRule + "Number of mounted NFS datastore: 1\n NFS datastore 1 - ds-1 (esx1:443)\n" + sRule +
+                  "Number of Net Device info: 1\n[info] (op)  Net device path 1 - //nas/share\n\n" + sRule);
 }
 
 // ==== Pid file ======================================================================================================

@@ -1,13 +1,18 @@
 // Shell commands and network-device credentials.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
-#include <cstdlib>
+#include <filesystem>
+#include <set>
 #include <string>
 #include <vector>
 
+#include "Descriptor.h"
 #include "LogCapture.h"
+#include "PathGuard.h"
 #include "TempFolder.h"
 #include "Utilities.h"
 
@@ -23,29 +28,41 @@ protected:
     CRuntimeParam m_Talkative{"tester", CRuntimeParam::kLogGeneralInfo};
 };
 
-/// Puts a folder in front of PATH for the scope.
-class PathGuard {
-public:
-    explicit PathGuard(const std::string& sFolder) : m_sOld(Current()) {
-        setenv("PATH", (sFolder + ":" + m_sOld).c_str(), 1);
+/// The pipes that this process holds, by their descriptors.
+std::set<int> OpenPipes() {
+    std::set<int> viPipes;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code error;
+        if (std::filesystem::read_symlink(entry.path(), error).string().starts_with("pipe:")) {
+            viPipes.insert(std::stoi(entry.path().filename()));
+        }
     }
-    ~PathGuard() { setenv("PATH", m_sOld.c_str(), 1); }
-    PathGuard(const PathGuard&) = delete;
-    PathGuard& operator=(const PathGuard&) = delete;
+    return viPipes;
+}
+
+/// Breaks the pipe of a command whose first line of output has come: reading on fails, as from a directory.
+class PipeBreakingUtilities : public CaptureUtilities {
+public:
+    explicit PipeBreakingUtilities(LogCapture* pCapture) : CaptureUtilities(pCapture), m_viBefore(OpenPipes()) {}
+
+    void LogRaw(CRuntimeParam* pRuntimeParam, const char* pcMessage) override {
+        CaptureUtilities::LogRaw(pRuntimeParam, pcMessage);
+        if (std::string(pcMessage) != "one\n") {
+            return;
+        }
+        for (const int iPipe : OpenPipes()) {
+            if (!m_viBefore.contains(iPipe)) {
+                const CDescriptor folder(open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+                EXPECT_EQ(dup3(folder.Get(), iPipe, O_CLOEXEC), iPipe);
+                ++m_nBroken;
+            }
+        }
+    }
+    int m_nBroken = 0;
 
 private:
-    static std::string Current() {
-        const char* pcPath = std::getenv("PATH");
-        return pcPath == nullptr ? "/usr/bin:/bin" : pcPath;
-    }
-
-    std::string m_sOld;
+    std::set<int> m_viBefore;
 };
-
-void InstallCommand(const std::string& sPath, const std::string& sBody) {
-    WriteWholeFile(sPath, "#!/bin/sh\n" + sBody + "\n");
-    ASSERT_EQ(chmod(sPath.c_str(), 0755), 0);
-}
 
 }  // namespace
 
@@ -115,6 +132,18 @@ TEST_F(ShellCommand, UnknownCommandReturnsTheShellsStatus) {
     EXPECT_EQ(m_Utilities.ExecuteSystemCmd(&m_Param, "no-such-command-here 2>/dev/null", true), 127 << 8);
 }
 
+TEST_F(ShellCommand, OutputThatCannotBeReadToItsEndIsReported) {
+    PipeBreakingUtilities utilities(&m_Capture);
+    EXPECT_EQ(utilities.ExecuteSystemCmd(&m_Param, "echo one; exit 3", true), -1) << "not the command's status";
+    ASSERT_EQ(utilities.m_nBroken, 1);
+    EXPECT_EQ(m_Capture.Lines(),
+              (std::vector<LogLine>{{'i', "tester", "echo one; exit 3"},
+                                    {'r', "tester", "\n------\n"},
+                                    {'r', "tester", "one\n"},
+                                    {'r', "tester", "\n------\n"},
+                                    {'r', "tester", "Error: Failed to read the pipe to the end\n"}}));
+}
+
 // ==== Network-device credentials ====================================================================================
 
 namespace {
@@ -128,9 +157,6 @@ protected:
     }
 };
 
-constexpr const char* kAddCommand = "Add_Net_Device_Credential_Command_Not_Defined";
-constexpr const char* kRemoveCommand = "Remove_Net_Device_Credential_Command_Not_Defined";
-
 }  // namespace
 
 TEST_F(NetDeviceCredential, AddingFailsAndRecordsNothingWhileTheCommandIsNotInstalled) {
@@ -143,7 +169,7 @@ TEST_F(NetDeviceCredential, AddingFailsAndRecordsNothingWhileTheCommandIsNotInst
 TEST_F(NetDeviceCredential, AddedPathsAreListedOnceInOrder) {
     const TempFolder folder;
     const PathGuard path(folder.Path());
-    InstallCommand(folder / kAddCommand, "exit 0");
+    InstallCommand(folder / kAddCredentialCommand, "exit 0");
     EXPECT_TRUE(m_Utilities.AddNetDeviceCredential(&m_Param, "//nas/b", "user", "secret"));
     EXPECT_TRUE(m_Utilities.AddNetDeviceCredential(&m_Param, "//nas/a", "user", "secret"));
     EXPECT_TRUE(m_Utilities.AddNetDeviceCredential(&m_Param, "//nas/b", "other", "secret"));
@@ -154,12 +180,12 @@ TEST_F(NetDeviceCredential, AddedPathsAreListedOnceInOrder) {
 TEST_F(NetDeviceCredential, RemovingErasesOnlyWhenItsCommandSucceeds) {
     const TempFolder folder;
     const PathGuard path(folder.Path());
-    InstallCommand(folder / kAddCommand, "exit 0");
-    InstallCommand(folder / kRemoveCommand, "exit 3");
+    InstallCommand(folder / kAddCredentialCommand, "exit 0");
+    InstallCommand(folder / kRemoveCredentialCommand, "exit 3");
     ASSERT_TRUE(m_Utilities.AddNetDeviceCredential(&m_Param, "//nas/a", "user", "secret"));
     EXPECT_FALSE(m_Utilities.RemoveNetDeviceCredential(&m_Param, "//nas/a"));
     EXPECT_EQ(m_Utilities.GetNetDeviceCredential(&m_Param, false), 1);
-    InstallCommand(folder / kRemoveCommand, "exit 0");
+    InstallCommand(folder / kRemoveCredentialCommand, "exit 0");
     EXPECT_TRUE(m_Utilities.RemoveNetDeviceCredential(&m_Param, "//nas/unknown"));
     EXPECT_EQ(m_Utilities.GetNetDeviceCredential(&m_Param, false), 1);
     EXPECT_TRUE(m_Utilities.RemoveNetDeviceCredential(&m_Param, "//nas/a"));
@@ -169,8 +195,8 @@ TEST_F(NetDeviceCredential, RemovingErasesOnlyWhenItsCommandSucceeds) {
 TEST_F(NetDeviceCredential, RemoveAllEmptiesTheListWithoutRunningACommand) {
     const TempFolder folder;
     const PathGuard path(folder.Path());
-    InstallCommand(folder / kAddCommand, "exit 0");
-    InstallCommand(folder / kRemoveCommand, "touch " + (folder / "ran"));
+    InstallCommand(folder / kAddCredentialCommand, "exit 0");
+    InstallCommand(folder / kRemoveCredentialCommand, "touch " + (folder / "ran"));
     ASSERT_TRUE(m_Utilities.AddNetDeviceCredential(&m_Param, "//nas/a", "user", "secret"));
     m_Utilities.RemoveAllNetDeviceCredential(&m_Param);
     EXPECT_EQ(m_Utilities.GetNetDeviceCredential(&m_Param, false), 0);

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "PathGuard.h"
 #include "UtilitiesFixture.h"
 
 namespace {
@@ -75,6 +76,9 @@ TEST_F(UtilitiesSessionTest, ResetEmptiesEveryRegistry) {
     const std::string sFile = MakeFile("f", "x");
     ASSERT_TRUE(m_Utilities.GetCachedFileHandle(&m_Param, &m_Tag, sFile.c_str(), false).IsOpen());
     m_Utilities.OpenRedirectedFile(&m_Param, "/virtual", 100, false, 0, 0);
+    const PathGuard path(m_Folder.Path());
+    InstallCommand(m_Folder / kAddCredentialCommand, "exit 0");
+    ASSERT_TRUE(m_Utilities.AddNetDeviceCredential(&m_Param, "//nas/share", "user", "secret"));
     char vcHandle[kNfs3HandleSize];
     ASSERT_TRUE(m_Utilities.GetFileHandle(&m_Param, &m_Tag, sFile.c_str(), vcHandle, sizeof(vcHandle)));
     m_Log.Clear();
