@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -204,6 +205,27 @@ TEST_F(FileLoggerTest, FailedRotationLeavesTheLoggerClosed) {
     EXPECT_TRUE(pLogger->Open(0));
     EXPECT_TRUE(pLogger->LogInfo("d"));
     pLogger->Close();
+}
+
+TEST_F(FileLoggerTest, RotationThatCannotBeginANewFileLeavesTheLoggerClosed) {
+    auto pLogger = Open(m_sLog, 1);
+    pLogger->LogInfo("a");
+    testing::internal::CaptureStdout();
+    rlimit before{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+    const rlimit none{0, before.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+    EXPECT_FALSE(pLogger->LogInfo("b"));
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+    EXPECT_FALSE(pLogger->LogInfo("c")) << "closed";
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "[erro] () [CFileLogger.LogMessage] OS create file \"" + m_sLog + "\". Error=Too many open files (24)\n");
+    EXPECT_FALSE(Exists(m_sLog));
+    EXPECT_EQ(Lines(m_sLog + ".1"), std::vector<std::string>{"[info] a"});
+    EXPECT_TRUE(pLogger->Open(0));
+    EXPECT_TRUE(pLogger->LogInfo("d"));
+    pLogger->Close();
+    EXPECT_EQ(Lines(m_sLog), std::vector<std::string>{"[info] d"});
 }
 
 // The full device takes no byte: each line is the caller's to put elsewhere, and the logger stays open.

@@ -27,6 +27,9 @@ namespace {
 
 constexpr const char* kLogInfo = "logInfo(Ljava/lang/String;Ljava/lang/String;)V";
 constexpr const char* kRemove = "removeRedirectedFile(Ljava/lang/String;Ljava/lang/String;)I";
+constexpr const char* kRename = "renameRedirectedFile(Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;)I";
+constexpr const char* kWrite = "writeRedirectedFile(Ljava/lang/String;Ljava/lang/String;JII)I";
+constexpr const char* kSetAttributes = "setRedirectedFileAttributes(Ljava/lang/String;Ljava/lang/String;ZJZJZJ)I";
 
 /// Standard output goes to a pipe from construction to the end.
 class OutputPipe {
@@ -222,20 +225,50 @@ TEST_F(UtilitiesLogTest, NotificationsWithoutAHostAnswerMinusOne) {
     EXPECT_EQ(m_Utilities.LogWriteRedirectedFile(&m_Param, "/f", 1, SEEK_SET, 2), -1);
 }
 
-TEST_F(UtilitiesLogTest, NotificationsReturnTheHostsAnswer) {
+TEST_F(UtilitiesLogTest, NotificationsTakeTheirArgumentsToTheHostAndReturnItsAnswer) {
     FakeJvm jvm;
     std::vector<HostArgument> vSeen;
+    const auto Answer = [&vSeen](int iAnswer) {
+        return [&vSeen, iAnswer](const std::vector<HostArgument>& vArguments) {
+            vSeen = vArguments;
+            return HostAnswer{iAnswer};
+        };
+    };
     JNIEnv* pEnv = jvm.EnterJava();
-    m_Utilities.SetCallback(
-        std::make_shared<CCallback>(pEnv, jvm.NewHost({{kRemove, [&vSeen](const std::vector<HostArgument>& vArguments) {
-                                                            vSeen = vArguments;
-                                                            return HostAnswer{42};
-                                                        }}})));
+    m_Utilities.SetCallback(std::make_shared<CCallback>(
+        pEnv, jvm.NewHost(
+                  {{kRemove, Answer(42)}, {kRename, Answer(43)}, {kWrite, Answer(44)}, {kSetAttributes, Answer(45)}})));
     jvm.LeaveJava();
+
     EXPECT_EQ(m_Utilities.LogRemoveRedirectedFile(&m_Param, "/f"), 42);
     ASSERT_EQ(vSeen.size(), 2U);
     EXPECT_EQ(vSeen[0].sText, u"10.0.0.5");
     EXPECT_EQ(vSeen[1].sText, u"/f");
+
+    EXPECT_EQ(m_Utilities.LogRenameRedirectedFile(&m_Param, "/from", "/to"), 43);
+    ASSERT_EQ(vSeen.size(), 3U);
+    EXPECT_EQ(vSeen[0].sText, u"10.0.0.5");
+    EXPECT_EQ(vSeen[1].sText, u"/from");
+    EXPECT_EQ(vSeen[2].sText, u"/to");
+
+    EXPECT_EQ(m_Utilities.LogWriteRedirectedFile(&m_Param, "/f", 1ULL << 40, SEEK_CUR, 17), 44);
+    ASSERT_EQ(vSeen.size(), 5U);
+    EXPECT_EQ(vSeen[0].sText, u"10.0.0.5");
+    EXPECT_EQ(vSeen[1].sText, u"/f");
+    EXPECT_EQ(vSeen[2].value.j, 1LL << 40);
+    EXPECT_EQ(vSeen[3].value.i, SEEK_CUR);
+    EXPECT_EQ(vSeen[4].value.i, 17);
+
+    EXPECT_EQ(m_Utilities.LogUpdateRedirectedFileAttributes(&m_Param, "/f", true, 1, false, 2, true, 3), 45);
+    ASSERT_EQ(vSeen.size(), 8U);
+    EXPECT_EQ(vSeen[0].sText, u"10.0.0.5");
+    EXPECT_EQ(vSeen[1].sText, u"/f");
+    EXPECT_EQ(vSeen[2].value.z, JNI_TRUE);
+    EXPECT_EQ(vSeen[3].value.j, 1);
+    EXPECT_EQ(vSeen[4].value.z, JNI_FALSE);
+    EXPECT_EQ(vSeen[5].value.j, 2);
+    EXPECT_EQ(vSeen[6].value.z, JNI_TRUE);
+    EXPECT_EQ(vSeen[7].value.j, 3);
     m_Utilities.SetCallback(nullptr);
 }
 

@@ -99,6 +99,21 @@ TEST_F(UtilitiesMountTest, DuplicatesAreReportedInTheOrderNamePathCharacter) {
     EXPECT_STREQ(m_vcReason, "Export name \"x\" already defined");
 }
 
+// The path is made canonical for the export, and again for the test whether it is taken; that one asks for the name
+// first.
+TEST_F(UtilitiesMountTest, AddingLogsEachTimeThePathIsMadeCanonical) {
+    const std::string sFolder = MakeFolder("a");
+    const std::string sOther = MakeFolder("b");
+    m_Param.SetLogControl(CRuntimeParam::kLogGeneralInfo);
+    const std::string sLine = "[Test] Get canonical path successfully: ";
+    ASSERT_TRUE(Add(sFolder + "/.", "x"));
+    EXPECT_EQ(TakeLog(), (std::vector<std::string>{sLine + sFolder, sLine + sFolder}));
+    EXPECT_FALSE(Add(sOther, "x"));
+    EXPECT_EQ(TakeLog(), std::vector<std::string>{sLine + sOther});
+    EXPECT_FALSE(Add(sFolder, "y"));
+    EXPECT_EQ(TakeLog(), (std::vector<std::string>{sLine + sFolder, sLine + sFolder}));
+}
+
 TEST_F(UtilitiesMountTest, ExistenceIsAskedByNameOrPathOrBoth) {
     ASSERT_TRUE(Add(m_Folder.Path(), "x"));
     const auto exists = [this](const char* pcPath, const char* pcName) {

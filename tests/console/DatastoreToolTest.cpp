@@ -74,9 +74,13 @@ TEST_F(DatastoreTool, IsCalledForEachRecordInTheOrderOfTheMoids) {
 }
 
 TEST_F(DatastoreTool, EmptyValueRunsNothing) {
-    const std::string sPrinted = Run({"ds-1 esx1 443  secret"});  // two blanks: no user
-    EXPECT_EQ(Recorded(), "");
-    EXPECT_NE(sPrinted.find("Unmount NFS datastore with MOID \"ds-1\" on host \"esx1:443\"\n"), std::string::npos);
+    // Two blanks, or one in front: nothing stands between them.
+    for (const char* pcRecord : {" esx1 443 root secret", "ds-1  443 root secret", "ds-1 esx1  root secret",
+                                 "ds-1 esx1 443  secret", "ds-1 esx1 443 root  more"}) {
+        const std::string sPrinted = Run({pcRecord});
+        EXPECT_EQ(Recorded(), "") << pcRecord;
+        EXPECT_NE(sPrinted.find("[info] (cRun) Unmount NFS datastore with MOID \""), std::string::npos) << sPrinted;
+    }
 }
 
 TEST_F(DatastoreTool, NothingIsRunWithoutRecords) {
