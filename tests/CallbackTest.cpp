@@ -5,11 +5,15 @@
 
 #include <pthread.h>
 
+#include <array>
 #include <atomic>
+#include <bit>
+#include <cstddef>
 #include <memory>
 #include <optional>
 #include <string>
 #include <thread>
+#include <type_traits>
 #include <vector>
 
 #include "FakeJvm.h"
@@ -57,6 +61,23 @@ protected:
     std::vector<HostArgument> m_vArguments;
 };
 
+TEST_F(CallbackTest, OnlyTheDestructorIsVirtual) {
+    static_assert(std::has_virtual_destructor_v<CCallback>);
+    // A pointer to a virtual member function holds an odd number (Itanium C++ ABI, 2.3).
+    const auto IsVirtual = [](auto pOperation) {
+        return std::bit_cast<std::array<std::ptrdiff_t, 2>>(pOperation)[0] % 2 != 0;
+    };
+    EXPECT_FALSE(IsVirtual(&CCallback::LogInfo));
+    EXPECT_FALSE(IsVirtual(&CCallback::LogError));
+    EXPECT_FALSE(IsVirtual(&CCallback::LogRaw));
+    EXPECT_FALSE(IsVirtual(&CCallback::UpdateRedirectedFileAttributes));
+    EXPECT_FALSE(IsVirtual(&CCallback::RemoveRedirectedFile));
+    EXPECT_FALSE(IsVirtual(&CCallback::RenameRedirectedFile));
+    EXPECT_FALSE(IsVirtual(&CCallback::WriteRedirectedFile));
+    EXPECT_FALSE(IsVirtual(&CCallback::IsInterrupted));
+    EXPECT_FALSE(IsVirtual(&CCallback::ThrowIOException));
+}
+
 TEST_F(CallbackTest, LogLinesArriveWithIDAndMessage) {
     for (const char* pcMethod : {kLogInfo, kLogError, kLogRaw}) {
         const auto pCallback = MakeWith(pcMethod);
@@ -91,6 +112,7 @@ TEST_F(CallbackTest, RemovalArrives) {
     const auto pCallback = MakeWith(kRemove);
     EXPECT_EQ(pCallback->RemoveRedirectedFile("id", "/x"), 0);
     ASSERT_EQ(m_vArguments.size(), 2U);
+    EXPECT_EQ(m_vArguments[0].sText, u"id");
     EXPECT_EQ(m_vArguments[1].sText, u"/x");
 }
 
@@ -99,6 +121,7 @@ TEST_F(CallbackTest, RenameArrivesWithBothPaths) {
     m_Answer.iValue = -5;
     EXPECT_EQ(pCallback->RenameRedirectedFile("id", "/old", "/new"), -5);
     ASSERT_EQ(m_vArguments.size(), 3U);
+    EXPECT_EQ(m_vArguments[0].sText, u"id");
     EXPECT_EQ(m_vArguments[1].sText, u"/old");
     EXPECT_EQ(m_vArguments[2].sText, u"/new");
 }
@@ -106,10 +129,12 @@ TEST_F(CallbackTest, RenameArrivesWithBothPaths) {
 TEST_F(CallbackTest, WriteArrivesWithPositionTypeAndLength) {
     const auto pCallback = MakeWith(kWrite);
     m_Answer.iValue = 4096;
-    EXPECT_EQ(pCallback->WriteRedirectedFile("id", "/x", 1ULL << 40, 0, 4096), 4096);
+    EXPECT_EQ(pCallback->WriteRedirectedFile("id", "/x", 1ULL << 40, 2, 4096), 4096);
     ASSERT_EQ(m_vArguments.size(), 5U);
+    EXPECT_EQ(m_vArguments[0].sText, u"id");
+    EXPECT_EQ(m_vArguments[1].sText, u"/x");
     EXPECT_EQ(m_vArguments[2].value.j, jlong{1} << 40);
-    EXPECT_EQ(m_vArguments[3].value.i, 0);
+    EXPECT_EQ(m_vArguments[3].value.i, 2);
     EXPECT_EQ(m_vArguments[4].value.i, 4096);
 }
 
@@ -200,6 +225,8 @@ TEST_F(CallbackTest, AHostThreadIsNotAttachedButItsDetachmentIsAskedForAfterEver
     EXPECT_EQ(m_Jvm.DetachRequests(), 3);
     pCallback->ThrowIOException("reason");
     EXPECT_EQ(m_Jvm.DetachRequests(), 4);
+    pCallback->IsInterrupted();
+    EXPECT_EQ(m_Jvm.DetachRequests(), 5);
     EXPECT_EQ(m_Jvm.Attachments(), 0);
     EXPECT_EQ(m_Jvm.TakeException(), "java/io/IOException: reason") << "the refused detachment takes nothing away";
 }
