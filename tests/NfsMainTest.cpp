@@ -6,6 +6,7 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -13,7 +14,9 @@
 #include <atomic>
 #include <chrono>
 #include <fstream>
+#include <functional>
 #include <thread>
+#include <utility>
 
 #include "FileLogger.h"
 #include "Isolation.h"
@@ -334,6 +337,120 @@ TEST_F(NfsMainTest, StartOfARunningServerIsRefusedAndChangesNothing) {
     EXPECT_TRUE(IsPortFree(SOCK_STREAM, 4058));
 }
 
+/// CNfsMain that shows each log line to the test while it is being written.
+class WatchedNfsMain : public CNfsMain {
+public:
+    using Watch = std::function<void(const std::string&)>;
+
+    explicit WatchedNfsMain(Watch watch) : m_Watch(std::move(watch)) { CNfsMain::InitMemberVaribles("test", 0); }
+
+protected:
+    std::unique_ptr<CUtilities> CreateUtilities() override { return std::make_unique<WatchedUtilities>(m_Watch); }
+
+private:
+    class WatchedUtilities : public CUtilities {
+    public:
+        explicit WatchedUtilities(Watch watch) : m_Watch(std::move(watch)) {}
+        using CUtilities::LogInfo;
+        void LogInfo(CRuntimeParam* /*pRuntimeParam*/, const char* pcMessage) override { m_Watch(pcMessage); }
+
+    private:
+        Watch m_Watch;
+    };
+
+    Watch m_Watch;
+};
+
+TEST_F(NfsMainTest, StopUnmountsDatastoresBeforeAnythingEnds) {
+    const TempFolder folder;
+    CFileLogger logger((folder / "log").c_str());
+    ASSERT_TRUE(logger.Open(0));
+    std::vector<std::string> vsLines;
+    CNfsMain* pWatched = nullptr;
+    WatchedNfsMain watched([&](const std::string& sLine) {
+        vsLines.push_back(sLine);
+        if (sLine == "Start cleanup mounted NFS datastores") {
+            EXPECT_TRUE(pWatched->IsServerRunning());
+            EXPECT_TRUE(AnswersNull(Transport::kTcp, kNfsPort, kNfsProgram)) << "hosts still use what they unmount";
+            EXPECT_EQ(pWatched->GetMountInfo(false, false), 1);
+        }
+    });
+    pWatched = &watched;
+    ASSERT_TRUE(watched.StartServer(0, 0, 0, 0, false, m_vcReason)) << m_vcReason;
+    ASSERT_TRUE(watched.AddMountPoint("/", "data", m_vcReason)) << m_vcReason;
+    watched.AddVSphereInfo("moid", "esx", "443", "", "");  // without a user no tool is run
+    watched.SetFileLogger(&logger);
+    watched.StopServer();
+    EXPECT_THAT(vsLines, ElementsAre("Stop NFS", "Start cleanup mounted NFS datastores",
+                                     "Unmount NFS datastore with MOID \"moid\" on host \"esx:443\""));
+    watched.SetFileLogger(nullptr);
+    logger.Close();
+}
+
+TEST_F(NfsMainTest, DestructionUnmountsNoDatastores) {
+    ASSERT_TRUE(Start()) << m_vcReason;
+    m_pMain->AddVSphereInfo("moid", "esx", "443", "", "");
+    m_pMain.reset();
+    EXPECT_THAT(m_Log.Texts(), IsEmpty());
+}
+
+// ==== Connection limits ==============================================================================================
+
+struct Limit {
+    int iPort;
+    std::uint32_t iProgram;
+    int nConnections;
+
+    friend void PrintTo(const Limit& limit, std::ostream* pOutput) { *pOutput << limit.iPort; }
+};
+
+class NfsMainLimitTest : public NfsMainTest, public testing::WithParamInterface<Limit> {
+protected:
+    /// Opens that many connections, each of which is answered.
+    static std::vector<std::unique_ptr<RpcClient>> Connect(int nConnections) {
+        const Limit& limit = GetParam();
+        std::vector<std::unique_ptr<RpcClient>> vpClients;
+        for (int i = 0; i < nConnections; ++i) {
+            vpClients.push_back(std::make_unique<RpcClient>(Transport::kTcp, limit.iPort));
+            vpClients.back()->Call(limit.iProgram, limit.iProgram == kPortmapProgram ? 2 : 3, 0, "");
+        }
+        return vpClients;
+    }
+
+    /// In a process of its own.
+    void ConnectOnceTooOften() {
+        const rlimit noCore{0, 0};
+        setrlimit(RLIMIT_CORE, &noCore);
+        EXPECT_TRUE(Start()) << m_vcReason;
+        const auto vpClients = Connect(GetParam().nConnections);
+        const RpcClient oneMore(Transport::kTcp, GetParam().iPort);
+        std::this_thread::sleep_for(std::chrono::seconds(30));
+    }
+};
+
+using NfsMainLimitDeathTest = NfsMainLimitTest;
+
+TEST_P(NfsMainLimitTest, AsManyConnectionsAreServedAtTheSameTime) {
+    ASSERT_TRUE(Start()) << m_vcReason;
+    const auto vpClients = Connect(GetParam().nConnections);
+    for (const auto& pClient : vpClients) {
+        pClient->Call(GetParam().iProgram, GetParam().iProgram == kPortmapProgram ? 2 : 3, 0, "");
+    }
+}
+
+TEST_P(NfsMainLimitDeathTest, OneMoreFailsTheAssertion) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(ConnectOnceTooOften(), "Assertion `i < m_nMaxNum' failed");
+}
+
+const auto kLimits = testing::Values(Limit{kPortmapPort, kPortmapProgram, 3}, Limit{kNfsPort, kNfsProgram, 10},
+                                     Limit{kMountPort, kMountProgram, 3});
+const auto kLimitName = [](const testing::TestParamInfo<Limit>& param) {
+    return "Port" + std::to_string(param.param.iPort);
+};
+INSTANTIATE_TEST_SUITE_P(Ports, NfsMainLimitTest, kLimits, kLimitName);
+INSTANTIATE_TEST_SUITE_P(Ports, NfsMainLimitDeathTest, kLimits, kLimitName);
+
 // ==== Failing starts =================================================================================================
 
 struct TakenPort {
@@ -372,9 +489,13 @@ TEST_P(NfsMainTakenPortTest, FailsTheStartWithItsReasonAndLeavesNothingOpen) {
         m_pMain->SetFileLogger(&logger);
         EXPECT_FALSE(Start());
         EXPECT_THAT(m_Log.Texts('e'), IsEmpty());
-        EXPECT_THAT(
-            ReadMessages(folder / "log", "info"),
-            ElementsAre("Start NFS with internal portmapper: MountPort = 1058, NfsPort = 2049", taken.pcFileLine));
+        constexpr const char* kStart = "Start NFS with internal portmapper: MountPort = 1058, NfsPort = 2049";
+        EXPECT_THAT(ReadMessages(folder / "log", "info"), ElementsAre(kStart, taken.pcFileLine));
+        // And with both: the error comes first.
+        m_Log.Clear();
+        m_pMain->SetLogControl(CRuntimeParam::kLogError);
+        EXPECT_FALSE(Start());
+        EXPECT_THAT(m_Log.Texts(), ElementsAre(kStart, taken.pcLogLine, taken.pcFileLine));
         m_pMain->SetFileLogger(nullptr);
     }
     EXPECT_TRUE(Start()) << "and starts when the port is free again: " << m_vcReason;
@@ -458,6 +579,18 @@ TEST_F(NfsMainTest, LifecycleLinesGoOutInOrderWithAFileLoggerWhateverTheLogBits)
                 ElementsAre("Initial NFS", "Start Remote Controller",
                             "Start NFS with internal portmapper: MountPort = 4058, NfsPort = 4049", "Stop NFS",
                             "Stop Remote Controller", "Terminate NFS"));
+    m_pMain->SetFileLogger(nullptr);
+    logger.Close();
+}
+
+TEST_F(NfsMainTest, AnInitialThatFailsIsLoggedAsWell) {
+    const TempFolder folder;
+    CFileLogger logger((folder / "log").c_str());
+    ASSERT_TRUE(logger.Open(0));
+    Make("", 0);
+    m_pMain->SetFileLogger(&logger);
+    EXPECT_FALSE(m_pMain->Initial(m_vcReason));
+    EXPECT_THAT(ReadMessages(folder / "log", "info"), ElementsAre("Initial NFS"));
     m_pMain->SetFileLogger(nullptr);
     logger.Close();
 }
