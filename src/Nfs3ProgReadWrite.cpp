@@ -134,8 +134,7 @@ nfsstat3 CNfs3Prog::ReadIntoReply(ProcessParam* pParam, LogArgu* pLogArgu, COutp
     if (iRead < 0) {
         if (pRuntimeParam->IsLogError()) {
             m_pUtilities->LogError(pRuntimeParam, "[%s] Read return -1 (path=%s, offset=%llu length=%u)",
-                                   pLogArgu->pcName, pcPath, static_cast<unsigned long long>(pCall->lOffset),
-                                   pCall->iCount);
+                                   pLogArgu->pcName, pcPath, static_cast<unsigned long long>(pCall->lOffset), iLength);
         }
         return NFS3ERR_INVAL;
     }

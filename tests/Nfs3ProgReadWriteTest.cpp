@@ -4,11 +4,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <utility>
 
 #include "Nfs3ProgFixture.h"
 
 namespace {
 
+using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -111,6 +113,22 @@ TEST_F(Nfs3ProgReadWriteTest, FailedReadAnswers22AndNoByteBehindIt) {
     EXPECT_EQ(vsLog[vsLog.size() - 2],
               "[Nfs3Prog.ProcedureREAD] Read return -1 (path=" + Path("dir") + ", offset=5 length=10)");
     EXPECT_EQ(vsLog.back(), "[Nfs3Prog.ProcedureREAD] Read fail");
+}
+
+// What is told is what was asked of the file, not what the client asked for.
+TEST_F(Nfs3ProgReadWriteTest, FailedReadTellsTheLengthItTried) {
+    mkdir(Path("dir").c_str(), 0755);
+    const std::string sHandle = Handle("dir");
+    const std::string sTag = "[Nfs3Prog.ProcedureREAD] ";
+    for (const auto& [iCount, pcTried] : {std::pair{65535U, "65535"}, {65536U, "65536"}, {100000U, "65536"}}) {
+        SetLog(CRuntimeParam::kLogError);
+        ExpectBareFailure(Read(sHandle, 5, iCount), 22, 1);
+        EXPECT_THAT(TakeLog(),
+                    Contains(sTag + "Read return -1 (path=" + Path("dir") + ", offset=5 length=" + pcTried + ")"));
+        SetLog(CRuntimeParam::kLogProcFuncArgu);
+        Read(sHandle, 5, iCount);
+        EXPECT_THAT(TakeLog(), Contains(sTag + "Offset=5, length=" + std::to_string(iCount)));
+    }
 }
 
 TEST_F(Nfs3ProgReadWriteTest, ReadAtAnOffsetThatIsNoneFails) {
