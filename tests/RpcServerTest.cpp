@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <memory>
@@ -22,6 +23,7 @@
 #include "RpcClient.h"
 #include "RpcProg.h"
 #include "ServerSocket.h"
+#include "Socket.h"
 #include "SocketDoubles.h"
 
 namespace {
@@ -124,6 +126,17 @@ protected:
     }
     std::string TcpReceive(std::size_t nBytes) { return m_pTcp->ReceiveBytes(nBytes); }
     void ExpectTcp(const std::string& sExpected) { EXPECT_EQ(Hex(TcpReceive(sExpected.size())), Hex(sExpected)); }
+
+    /// Hands bytes to the server as a socket's thread does.
+    void Receive(CSocket& socket, const std::string& sBytes) {
+        CInputStream* pInput = socket.GetInputStream();
+        std::copy(sBytes.begin(), sBytes.end(), pInput->GetFreeBuffer());
+        pInput->AddFilledBufferSize(static_cast<unsigned int>(sBytes.size()));
+        m_Server.SocketReceived(&socket);
+    }
+    static std::string Left(CSocket& socket) {
+        return {socket.GetOutputStream()->GetBuffer(), socket.GetOutputStream()->GetBufferSize()};
+    }
 
     LeakGuard m_Leaks;
     LogCapture m_Log;
@@ -324,6 +337,44 @@ TEST_F(RpcServerTest, ATruncatedCallInFrontOfAPlausibleHeaderIsGivenUpAndItsPart
     EXPECT_TRUE(m_pTcp->StaysSilent(kSilence)) << "the rest waits for the next receive";
     m_pTcp->Send(Call(0, "", 3).Bytes(Transport::kTcp));
     ExpectTcp(Record(Reply(0, Opaque("ok"), 2)) + Record(Reply(0, "", 3)));
+}
+
+// A socket without a descriptor sends nothing: what the server leaves in the output can be looked at.
+TEST_F(RpcServerTest, AReplyIsLeftWholeWithThePositionBehindItsMark) {
+    CSocket socket(CSocket::kStream, 100003);
+    Receive(socket, Call(1, Opaque("abcde"), 7).Bytes(Transport::kTcp));
+    EXPECT_EQ(Hex(Left(socket)), Hex(Record(Reply(0, Opaque("abcde"), 7))));
+    EXPECT_EQ(socket.GetOutputStream()->GetBufferIndex(), 4U);
+
+    CSocket datagram(CSocket::kDatagram, 100003);
+    Receive(datagram, Call(1, Opaque("abcde"), 7).Bytes(Transport::kUdp));
+    EXPECT_EQ(Hex(Left(datagram)), Hex(Reply(0, Opaque("abcde"), 7)));
+    EXPECT_EQ(datagram.GetOutputStream()->GetBufferIndex(), 36U);
+}
+
+TEST_F(RpcServerTest, AReplyBehindOneThatWasNotSentHasItsOwnMarkAndStatus) {
+    for (const unsigned int iProcedure : {0U, 2U, 3U}) {
+        CSocket socket(CSocket::kStream, 100003);
+        Receive(socket, Call(0, "", 1).Bytes(Transport::kTcp) + Call(iProcedure, "", 2).Bytes(Transport::kTcp));
+        const unsigned int iStatus = iProcedure == 0 ? 0 : iProcedure + 1;
+        const std::string sBehind = iProcedure == 0 ? "" : iProcedure == 2 ? "left over" : "rest";
+        EXPECT_EQ(Hex(Left(socket)),
+                  Hex(XdrBuilder().U32(0x80000018U).Raw(Record(Reply(iStatus, "", 2)) + sBehind).Bytes()))
+            << iProcedure;
+    }
+}
+
+TEST_F(RpcServerTest, ATruncatedCallLeavesNothingInTheOutputAndAllOfItselfInTheInput) {
+    for (const int iType : {static_cast<int>(CSocket::kStream), static_cast<int>(CSocket::kDatagram)}) {
+        CSocket socket(iType, 100003);
+        const std::string sCall =
+            Call(1, Opaque("abcde")).Bytes(iType == CSocket::kStream ? Transport::kTcp : Transport::kUdp);
+        Receive(socket, "xyz" + sCall.substr(0, sCall.size() - 1));
+        EXPECT_EQ(Hex(Left(socket)), "");
+        EXPECT_EQ(socket.GetOutputStream()->GetBufferIndex(), 0U);
+        EXPECT_EQ(socket.GetInputStream()->GetBufferIndex(), 3U) << "where the call begins";
+        EXPECT_EQ(socket.GetInputStream()->GetFilledBufferSize(), sCall.size() - 1);
+    }
 }
 
 TEST_F(RpcServerTest, ADatagramWithTwoCallsGetsOneReply) {
