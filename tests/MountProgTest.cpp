@@ -138,7 +138,8 @@ TEST_F(MountProgTest, EmptyNameIsRefusedWithALineAtInformationLevel) {
     m_Log.Clear();
     SetLog(CRuntimeParam::kLogGeneralInfo);
     Mnt("");
-    EXPECT_THAT(m_Log.Texts(), ElementsAre("[MountProg.ProcedureMNT] Mount FAIL")) << "gated by the error bit";
+    EXPECT_THAT(m_Log.Lines(), ElementsAre(LogLine{'i', kClient, "[MountProg.ProcedureMNT] Mount FAIL"}))
+        << "the other line is gated by the error bit";
 }
 
 TEST_F(MountProgTest, MissingAddressIsRefused) {
@@ -196,13 +197,13 @@ TEST_F(MountProgTest, UnexpectedExceptionIsGarbageArgumentsAndLoggedAsAnError) {
 TEST_F(MountProgTest, UmntOfAnUnknownExportIsOkAllTheSame) {
     SetLog(CRuntimeParam::kLogGeneralInfo);
     Umnt("never mounted");
-    EXPECT_THAT(m_Log.Texts(), ElementsAre("[MountProg.ProcedureUMNT] Umount OK"));
+    EXPECT_THAT(m_Log.Lines(), ElementsAre(LogLine{'i', kClient, "[MountProg.ProcedureUMNT] Umount OK"}));
 }
 
 TEST_F(MountProgTest, UmntOfANameTooLongFailsWithAnEmptyBody) {
     SetLog(CRuntimeParam::kLogGeneralInfo);
     Umnt(std::string(4096, 'x'));
-    EXPECT_THAT(m_Log.Texts(), ElementsAre("[MountProg.ProcedureUMNT] Umount FAIL"));
+    EXPECT_THAT(m_Log.Lines(), ElementsAre(LogLine{'i', kClient, "[MountProg.ProcedureUMNT] Umount FAIL"}));
 }
 
 TEST_F(MountProgTest, LinesOfAMount) {

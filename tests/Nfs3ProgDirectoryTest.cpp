@@ -6,12 +6,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "Nfs3ProgFixture.h"
 
 namespace {
 
 using testing::ElementsAre;
-using testing::IsEmpty;
+using testing::StartsWith;
 
 struct Entry {
     std::uint64_t lFileid = 0;
@@ -268,6 +270,29 @@ TEST_F(Nfs3ProgDirectoryTest, LinesOfReaddir) {
     CallList(true, m_sForged, 3, 7);
     EXPECT_THAT(TakeLog(), ElementsAre("[Nfs3Prog.ProcedureREADDIRPLUS] Cookie=3, cookieverf=7, dircount=1, maxcount=2",
                                        "[Nfs3Prog.ProcedureREADDIRPLUS] End stat=5"));
+}
+
+// An entry's lines come in the order of its reply: ID, name, attributes, handle.
+TEST_F(Nfs3ProgDirectoryTest, LinesOfAnEntry) {
+    mkdir(Path("hello").c_str(), 0755);
+    const std::string sRoot = Handle();
+    for (const bool bPlus : {false, true}) {
+        const std::string sTag = bPlus ? "[Nfs3Prog.ProcedureREADDIRPLUS] " : "[Nfs3Prog.ProcedureREADDIR] ";
+        const std::string sCanonical = sTag + "Get canonical path successfully: " + Path("hello");
+        SetLog(CRuntimeParam::kLogProcFuncArgu | CRuntimeParam::kLogGeneralInfo);
+        CallList(bPlus, sRoot, 0, 7);
+        const std::vector<std::string> vsLog = TakeLog();
+        const auto itFirst = std::find(vsLog.begin(), vsLog.end(), sCanonical);
+        const std::vector<std::string> vsEntry(itFirst, vsLog.end());
+        const std::string sName = sTag + "Cookie=1, name=hello";
+        const std::string sEnd = sTag + "End stat=0";
+        if (bPlus) {
+            EXPECT_THAT(vsEntry, ElementsAre(sCanonical, sName, StartsWith(sTag + "Path=" + Path("hello") + ", type=2"),
+                                             sCanonical, sEnd));
+        } else {
+            EXPECT_THAT(vsEntry, ElementsAre(sCanonical, sName, sEnd));
+        }
+    }
 }
 
 TEST_F(Nfs3ProgDirectoryTest, NamesThatAreNeverListed) {

@@ -168,6 +168,18 @@ TEST_F(Nfs3ProgTest, EveryLineUnderTheErrorBitIsAnErrorLine) {
     EXPECT_EQ(m_Log.Texts('e'), m_Log.Texts()) << "a folder can be neither read nor written nor cut";
 }
 
+TEST_F(Nfs3ProgTest, EveryLineUnderTheOtherBitsIsAnInformationLine) {
+    SetLog(~CRuntimeParam::kLogError);
+    for (const std::string& sHandle : {Handle(), m_sForged}) {
+        for (unsigned int i = 0; i < 23; ++i) {
+            m_Log.Clear();
+            Call(i, WholeArguments(i, sHandle));
+            EXPECT_FALSE(m_Log.Texts('i').empty()) << "procedure " << i;
+            EXPECT_EQ(m_Log.Texts('i'), m_Log.Texts()) << "procedure " << i;
+        }
+    }
+}
+
 TEST_F(Nfs3ProgTest, WhatFollowsACallIsLeftForTheNext) {
     WriteWholeFile(Path("file"), "content");
     for (unsigned int iProc = 0; iProc < 22; ++iProc) {
