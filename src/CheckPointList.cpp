@@ -14,7 +14,8 @@ void CCheckPointList::Add(const CheckPointSegment& checkPoint) {
 
 bool CCheckPointList::FindLast(std::int64_t iOffset, CheckPointSegment* pCheckPoint) const {
     if (m_bIncreasing) {
-        const std::size_t nUpTo = CountUpTo(m_vCheckPoints, iOffset);
+        const std::size_t nUpTo = CountUpTo(
+            m_vCheckPoints.size(), [this](std::size_t i) { return m_vCheckPoints[i].iOffset; }, iOffset);
         if (nUpTo > 0) {
             *pCheckPoint = m_vCheckPoints[nUpTo - 1];
         }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <utility>
 
 #include "PositionedFile.h"
 #include "Segment.h"
@@ -11,9 +12,11 @@
 /// and logged, alone.
 class CInfoFileReader {
 public:
-    CInfoFileReader(CUtilities* pUtilities, const CCachedFile& file, std::int64_t iPosition)
-        : m_File(pUtilities, file, iPosition), m_iPosition(iPosition) {}
+    CInfoFileReader(CUtilities* pUtilities, CCachedFile file, std::int64_t iPosition)
+        : m_File(pUtilities, std::move(file), iPosition), m_iPosition(iPosition) {}
 
+    /// Whether there is a file to walk; all else wants one.
+    bool IsOpen() const { return m_File.Get() != -1; }
     /// Goes to a record's place.
     void Seek(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, std::int64_t iPosition);
     /// The next record; false where fewer than 32 bytes are left or can be read.

@@ -13,7 +13,7 @@ class CUtilities;
 /// here and every transfer is a positioned one, so that nobody's seek can fall in between. Logs as the wrappers of
 /// the utilities do for the same steps.
 ///
-/// Used by one thread; the descriptor, which must be open, stays open as long as this object.
+/// Used by one thread; the descriptor, which must be open for all but Get, stays open as long as this object.
 class CPositionedFile {
 public:
     CPositionedFile(CUtilities* pUtilities, CCachedFile file, std::int64_t iPosition)

@@ -88,12 +88,16 @@ std::int64_t CRedirectedFile::ReferSource(CRuntimeParam* pRuntimeParam, LogArgu*
 
 CCachedFile CRedirectedFile::GetFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const std::string& sPath,
                                      bool bReadWrite) {
-    if (sPath.empty()) {
+    if (sPath.empty() || m_bClosed) {
         return {};
     }
-    MutexLock lock(m_hMutexDescriptors);
-    return m_bClosed ? CCachedFile()
-                     : m_pUtilities->GetCachedFileHandle(pRuntimeParam, pLogArgu, sPath.c_str(), bReadWrite);
+    CCachedFile file = m_pUtilities->GetCachedFileHandle(pRuntimeParam, pLogArgu, sPath.c_str(), bReadWrite);
+    if (m_bClosed) {
+        // Close may have been through the cache already: it leaves nothing open there, and so does this.
+        file = {};
+        m_pUtilities->CloseCachedFileHandle(pRuntimeParam, pLogArgu, sPath.c_str());
+    }
+    return file;
 }
 
 CCachedFile CRedirectedFile::GetInfoFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, bool bReadWrite) {
@@ -130,6 +134,9 @@ void CRedirectedFile::CloseInfoFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogA
 }
 
 std::shared_ptr<const std::string> CRedirectedFile::GetRenamedInfoFile() const {
+    if (!m_bInfoFileRenamed) {
+        return nullptr;
+    }
     MutexLock lock(m_hMutex);
     return m_psRenamedInfoFile;
 }
@@ -142,6 +149,7 @@ void CRedirectedFile::SetRenamedInfoFile(const char* pcPath) {
     auto psPath = std::make_shared<const std::string>(pcPath);
     MutexLock lock(m_hMutex);
     m_psRenamedInfoFile = std::move(psPath);
+    m_bInfoFileRenamed = true;
 }
 
 void CRedirectedFile::AppendToList(const Segment& segment) {
@@ -212,12 +220,9 @@ void CRedirectedFile::CreateCheckPoint(CRuntimeParam* pRuntimeParam, CPositioned
 
 void CRedirectedFile::Close(CRuntimeParam* pRuntimeParam) {
     LogArgu logArgu{"RedirectedFile.Close"};
-    {
-        // From here on nobody takes a descriptor from the cache that this call would then leave behind there.
-        MutexLock lock(m_hMutexDescriptors);
-        if (m_bClosed.exchange(true)) {
-            return;
-        }
+    // From here on whoever took a descriptor from the cache sees that it has to be closed there.
+    if (m_bClosed.exchange(true)) {
+        return;
     }
     // An adding of a segment under way ends at its next record, and no other begins.
     MutexLock lockAppend(m_hMutexAppend);

@@ -34,8 +34,7 @@ struct RedirectedRead;
 /// while sources are read, descriptors are pinned while in use, and no position of a shared descriptor is relied
 /// upon. A call that finds the file closed, or sees it being closed, ends with what it has.
 ///
-/// Locks, in this order: m_hMutexAppend, m_hMutexDescriptors (the descriptor cache is entered with it), the info file's
-/// position mutex, m_hMutex.
+/// Locks, in this order: m_hMutexAppend, the info file's position mutex, m_hMutex.
 class CRedirectedFile {
 public:
     /// The utilities are not owned and outlive the object.
@@ -169,15 +168,16 @@ private:
     std::int64_t m_iInfoFilePos GUARDED_BY(m_hMutexAppend) = 0;  ///< where the last adding left the info file
     int m_nFailedWrites GUARDED_BY(m_hMutexAppend) = 0;          ///< in a row
 
-    /// Held while a descriptor is taken from the cache, so that closing leaves none of them behind there.
-    Mutex m_hMutexDescriptors;
-    std::atomic<bool> m_bClosed{false};  ///< set once, under m_hMutexDescriptors
+    /// Set once, before Close goes through the descriptor cache. Whoever takes a descriptor from there looks at it
+    /// again afterwards: by the cache's lock, either Close has seen the entry or the taker sees the flag.
+    std::atomic<bool> m_bClosed{false};
 
     /// Guards the map; held for a lookup, never for I/O.
     mutable Mutex m_hMutex;
     CSourceList m_vSource GUARDED_BY(m_hMutex);
     CSegmentList m_vAllCachedSegment GUARDED_BY(m_hMutex);                        ///< what is not in an info file
     std::shared_ptr<const std::string> m_psRenamedInfoFile GUARDED_BY(m_hMutex);  ///< null: under its own path
+    std::atomic<bool> m_bInfoFileRenamed{false};  ///< that one is set; spares most reads the lock
     CCheckPointList m_vInfoFileCheckPoint GUARDED_BY(m_hMutex);
 
     /// The virtual offset just past the last successful read. Depends on nothing else, so it needs no lock.

@@ -1,7 +1,6 @@
 // Redirected files: finding segments and reading their bytes.
 #include <algorithm>
 #include <cstring>
-#include <optional>
 
 #include "InfoFileReader.h"
 #include "RedirectedFile.h"
@@ -9,10 +8,16 @@
 
 /// One read under way.
 struct RedirectedRead {
-    std::uint64_t iAsked = 0;          ///< the virtual offset asked for, for the log
-    std::int64_t iPos = 0;             ///< the virtual offset reached
-    char* pcBuffer = nullptr;          ///< GetReadRoom(iLen) bytes
-    unsigned int iLen = 0;             ///< bytes asked for
+    RedirectedRead(std::uint64_t iOffset, void* pvBuffer, unsigned int iAskedLen)
+        : iAsked(iOffset),
+          iPos(static_cast<std::int64_t>(iOffset)),
+          pcBuffer(static_cast<char*>(pvBuffer)),
+          iLen(iAskedLen) {}
+
+    std::uint64_t iAsked;              ///< the virtual offset asked for, for the log
+    std::int64_t iPos;                 ///< the virtual offset reached
+    char* pcBuffer;                    ///< GetReadRoom(iLen) bytes
+    unsigned int iLen;                 ///< bytes asked for
     unsigned int iDone = 0;            ///< bytes delivered; below iLen until the tail
     CInfoFileReader* pInfo = nullptr;  ///< null for a map in memory
     ProcSegment cursor;                ///< the segment to read from
@@ -150,21 +155,15 @@ int CRedirectedFile::ReadInner(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, 
     if (m_bClosed || m_iSize <= 0 || iOffset >= static_cast<std::uint64_t>(m_iSize)) {
         return -1;
     }
-    RedirectedRead read;
-    read.iAsked = iOffset;
-    read.iPos = static_cast<std::int64_t>(iOffset);
-    read.pcBuffer = static_cast<char*>(pvBuffer);
-    read.iLen = iLen;
-
+    RedirectedRead read(iOffset, pvBuffer, iLen);
     LogArgu logArguFind{"RedirectedFile.GetSegment"};
-    const CCachedFile infoFile = GetInfoFile(pRuntimeParam, &logArguFind, false);
-    std::optional<CInfoFileReader> reader;
-    if (infoFile.IsOpen()) {
-        reader.emplace(m_pUtilities, infoFile, 0);
-        FindInInfoFile(pRuntimeParam, *reader, read.iPos, &read.cursor);
+    // Made whether or not there is an info file: an optional one would be filled with zeros, all of its 4 KiB.
+    CInfoFileReader reader(m_pUtilities, GetInfoFile(pRuntimeParam, &logArguFind, false), 0);
+    if (reader.IsOpen()) {
+        FindInInfoFile(pRuntimeParam, reader, read.iPos, &read.cursor);
     }
     if (read.cursor.index >= 0) {
-        read.pInfo = &*reader;
+        read.pInfo = &reader;
     } else {
         FindInList(read.iPos, &read.cursor);
     }
