@@ -27,6 +27,9 @@ printer_pid=
 # ---- Preparation -----------------------------------------------------------------------------------------------------
 
 build() {
+    local place=build
+    [ -e build ] || place=.
+    [ -w $place ] || fail "cannot write to $PWD/build, where it is built: run it as root, or in a clone of your own"
     need_packages cmake g++ make pkg-config libtirpc-dev libnfs-dev
     local log
     log=$(mktemp)

@@ -1,6 +1,8 @@
 // What the build delivers: the library's symbols, what it needs, and the installed layout.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <set>
@@ -89,6 +91,45 @@ TEST(ProductTest, InstalledConsoleFindsItsLibraryByARelativePath) {
     const RunResult help = RunProgram({folder / "moved/bin/nfsconsole", "-help"});
     EXPECT_EQ(help.iStatus, 0) << help.sOutput;
     EXPECT_THAT(help.sOutput, HasSubstr("Usage: " + (folder / "moved/bin/nfsconsole") + " [-help]\n"));
+}
+
+// In a copy that belongs to somebody else.
+TEST(ProductTest, ServeScriptTellsAnOrdinaryUserInOneLineWhatIsLacking) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs root to give up its rights in a child";
+    }
+    const TempFolder folder;
+    const std::vector<std::string> vsAsNobody{"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"};
+    std::vector<std::string> vsArguments = vsAsNobody;
+    vsArguments.emplace_back("true");
+    if (RunProgram(vsArguments).iStatus != 0) {
+        GTEST_SKIP() << "no second user to change to in this user namespace";
+    }
+    std::filesystem::create_directory(folder / "tools");
+    std::filesystem::copy_file(SourceTree() + "/serve.sh", folder / "serve.sh");
+    std::filesystem::copy_file(SourceTree() + "/tools/packages.sh", folder / "tools/packages.sh");
+    for (const char* pcOpened : {"", "tools"}) {
+        ASSERT_EQ(chmod((folder / pcOpened).c_str(), 0755), 0);
+    }
+    const auto Serve = [&](const std::vector<std::string>& vsOptions) {
+        vsArguments = vsAsNobody;
+        vsArguments.push_back(folder / "serve.sh");
+        vsArguments.insert(vsArguments.end(), vsOptions.begin(), vsOptions.end());
+        const RunResult result = RunProgram(vsArguments);
+        EXPECT_EQ(result.iStatus, 1);
+        return result.sOutput;
+    };
+    const std::string sNoRight =
+        "serve.sh: the server needs port 111, for which you have no right: sudo ./serve.sh (or --check)\n";
+    EXPECT_EQ(Serve({}), sNoRight);
+    EXPECT_EQ(Serve({"/tmp", "data"}), sNoRight);
+    const std::string sCannotWrite = "serve.sh: cannot write to " + folder.Path() +
+                                     "/build, where it is built: run it as root, or in a clone of your own\n";
+    EXPECT_EQ(Serve({"--check"}), sCannotWrite);
+    std::filesystem::create_directory(folder / "build");  // root has built it here
+    EXPECT_EQ(Serve({"--check"}), sCannotWrite);
+    EXPECT_EQ(Serve({"/nowhere"}), "serve.sh: no such directory: /nowhere\n");
+    EXPECT_EQ(Serve({"/tmp", "a/b"}), "serve.sh: an export's name holds no slash, blank or equals sign: \"a/b\"\n");
 }
 
 TEST(ProductTest, SourceTreeNamesNoMachine) {
