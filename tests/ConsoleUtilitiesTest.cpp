@@ -430,6 +430,32 @@ TEST_F(PidFileTest, FileThatCannotBeMadeIsReported) {
         << m_sPrinted;
 }
 
+TEST_F(PidFileTest, FileThatMayNotBeReadOrRemovedIsReported) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs root to give up its rights in a child";
+    }
+    ASSERT_EQ(chmod(m_Folder.Path().c_str(), 0755), 0);
+    WriteWholeFile(m_Folder / "unreadable", "");
+    ASSERT_EQ(chmod((m_Folder / "unreadable").c_str(), 0600), 0);
+    WriteWholeFile(m_Folder / "unremovable", "");
+    ASSERT_EQ(chmod((m_Folder / "unremovable").c_str(), 0644), 0);
+    for (const char* pcName : {"unreadable", "unremovable"}) {
+        const pid_t iChild = fork();
+        if (iChild == 0) {
+            const bool bDropped = setgid(65534) == 0 && setuid(65534) == 0;
+            const bool bCreated = m_Console.CreatePidFile((m_Folder / pcName).c_str(), 0, m_vcReason);
+            _exit(!bDropped ? 2 : !bCreated && std::string(m_vcReason) == "Permission denied (13)" ? 0 : 1);
+        }
+        int iStatus = 0;
+        ASSERT_EQ(waitpid(iChild, &iStatus, 0), iChild);
+        if (WEXITSTATUS(iStatus) == 2) {
+            GTEST_SKIP() << "no second user to change to in this user namespace";
+        }
+        EXPECT_EQ(WEXITSTATUS(iStatus), 0) << pcName << ": another result or reason";
+        EXPECT_EQ(access((m_Folder / pcName).c_str(), F_OK), 0) << pcName;
+    }
+}
+
 TEST_F(PidFileTest, RemovalRemovesTheFileAndIsSilentWithoutOne) {
     ASSERT_TRUE(Create(m_Folder / "pid"));
     EXPECT_EQ(Printed([&] {

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "Descriptor.h"
@@ -202,4 +203,23 @@ TEST_F(NetDeviceCredential, RemoveAllEmptiesTheListWithoutRunningACommand) {
     EXPECT_EQ(m_Utilities.GetNetDeviceCredential(&m_Param, false), 0);
     struct stat info {};
     EXPECT_NE(stat((folder / "ran").c_str(), &info), 0);
+}
+
+// Two at a time would record their begins before their ends.
+TEST_F(NetDeviceCredential, CommandsRunOneAtATime) {
+    const TempFolder folder;
+    const PathGuard path(folder.Path());
+    const std::string sRecord = folder / "record";
+    const std::string sBody = "echo begin >> '" + sRecord + "'; sleep 0.05; echo end >> '" + sRecord + "'";
+    InstallCommand(folder / kAddCredentialCommand, sBody);
+    InstallCommand(folder / kRemoveCredentialCommand, sBody);
+    std::vector<std::thread> vThreads;
+    for (int i = 0; i < 2; ++i) {
+        vThreads.emplace_back([&] { m_Utilities.AddNetDeviceCredential(&m_Param, "//nas/a", "user", "secret"); });
+        vThreads.emplace_back([&] { m_Utilities.RemoveNetDeviceCredential(&m_Param, "//nas/a"); });
+    }
+    for (std::thread& thread : vThreads) {
+        thread.join();
+    }
+    EXPECT_EQ(ReadWholeFile(sRecord), "begin\nend\nbegin\nend\nbegin\nend\nbegin\nend\n");
 }

@@ -165,6 +165,14 @@ TEST_F(DebugCommands, StartTakesMountPortAndNfsPort) {
     EXPECT_TRUE(client.Mnt("data"));
 }
 
+TEST_F(DebugCommands, PortsThatAreNoNumbersAreTheDefaults) {
+    EXPECT_EQ(Command("start mount=nfs"), "Start NFS success");
+    const std::string sPath = MakeFolder("data");
+    EXPECT_EQ(Command("mount " + sPath + "=data"), "");
+    NfsClient client;
+    EXPECT_TRUE(client.Mnt("data"));
+}
+
 TEST_F(DebugCommands, StartWithABadArgumentPrintsNoPrompt) {
     m_pConsole->Send("start 2049\n");
     EXPECT_TRUE(m_pConsole->WaitFor("Fail to start NFS. Reason=In-valid input value: 2049\n"));

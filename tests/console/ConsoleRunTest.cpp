@@ -198,6 +198,50 @@ TEST_F(ConsoleRun, LogFileTakesTheLinesOfTheRun) {
                                                  "[info] Stop Remote Controller", "[info] Terminate NFS"}));
 }
 
+TEST_F(ConsoleRun, LogControlHoldsFromTheStart) {
+    for (const char* pcMode : {"int", "svr"}) {
+        ConsoleProcess console({"-md", pcMode, "-log", "2"});
+        EXPECT_TRUE(console.WaitForPrompt());
+        console.Command("debug");
+        EXPECT_EQ(
+            console.Command("qtest /missing 0"),
+            "[info] (cRun) [Utilities.RunQuickTestMode] Fail to get canonical path from non-exist path: /missing\n"
+            "[info] (cRun) Quick exist test failed. Error=\"/missing\"\n"
+            "Quick test FAIL. ErrCode=2\n")
+            << pcMode;
+        EXPECT_EQ(console.Quit(), 0);
+    }
+}
+
+TEST_F(ConsoleRun, PidFileIsMadeAndRemovedUnderTheLogControlOfTheRun) {
+    const std::string sPid = m_Folder / "pid";
+    const RunResult result = RunConsole({"-md", "int", "-log", "256", "-pidfile", sPid, "-query"});
+    EXPECT_EQ(result.iStatus, 0);
+    const std::string sTag = "[info] () [CConsoleUtilities.CreatePidFile] ";
+    EXPECT_TRUE(result.sOutput.starts_with(sTag + "OS splited path \"" + sPid + "\" into ")) << result.sOutput;
+    EXPECT_NE(result.sOutput.find(sTag + "OS close file \"" + sPid + "\"\n" + InternalBanner()), std::string::npos)
+        << result.sOutput;
+    EXPECT_TRUE(result.sOutput.ends_with(
+        EmptyStatus("Stopped") + "[info] () [CConsoleUtilities.RemovePidFile] OS remove file \"" + sPid + "\"\n"))
+        << result.sOutput;
+}
+
+TEST_F(ConsoleRun, ServerIsStoppedBeforeTheRemoteController) {
+    const std::string sLog = m_Folder / "nfs.log";
+    ConsoleProcess console({"-md", "int", "-logfile", sLog});
+    EXPECT_TRUE(console.WaitForPrompt());
+    console.Command("debug");
+    EXPECT_EQ(console.Command("start"), "Start NFS success");
+    EXPECT_EQ(console.Quit(), 0);
+    const std::string sText = ReadWholeFile(sLog);
+    std::size_t iFrom = 0;
+    for (const char* pcText : {"[info] Initial NFS\n", "[info] Start Remote Controller\n", "[info] Stop NFS\n",
+                               "[info] Stop Remote Controller\n", "[info] Terminate NFS\n"}) {
+        iFrom = sText.find(pcText, iFrom);
+        ASSERT_NE(iFrom, std::string::npos) << pcText << "in this place of\n" << sText;
+    }
+}
+
 TEST_F(ConsoleRun, LogFileThatCannotBeMadeIsReportedAndDoneWithout) {
     WriteWholeFile(m_Folder / "file", "x");
     const std::string sLog = m_Folder / "file/nfs.log";
