@@ -16,6 +16,7 @@
 #include "NfsIpcServerMain.h"
 #include "NfsJNI.h"
 #include "NfsMain.h"
+#include "Reason.h"
 
 namespace {
 
@@ -120,7 +121,10 @@ jboolean NFSLIB_NATIVE(startServer)(JNIEnv* pEnv, jobject jObj, jlong iHandle, j
                                     jboolean bReadOnly) {
     return RunHostCall(pEnv, jObj, iHandle, jboolean{JNI_FALSE}, [&](CHostCall& call, CNfsMain& main) {
         if (WouldWaitForItself()) {
-            std::snprintf(call.Reason(), kReasonBufferSize, "NFS cannot be started from inside a host callback");
+            // This process's own server; a client does not ask the other process from in here.
+            WriteReason(call.Reason(), main.CNfsMain::IsServerRunning()
+                                           ? "NFS already running"
+                                           : "NFS cannot be started from inside a host callback");
             return call.OrThrow(false);
         }
         const StartOrStop guard;
