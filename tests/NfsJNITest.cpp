@@ -18,6 +18,7 @@
 #include "Isolation.h"
 #include "LeakGuard.h"
 #include "NfsClient.h"
+#include "NfsMain.h"
 #include "TempFolder.h"
 
 namespace {
@@ -122,6 +123,14 @@ TEST_F(NfsJNITest, AFailedInitialThrowsAndKeepsNothing) {
               }),
               "java/io/IOException: Invalid char \" \" inside ID");
     EXPECT_EQ(iHandle, 0);
+}
+
+TEST_F(NfsJNITest, NoModeLetsOthersEndTheHostsProgram) {
+    for (const jint iAccessMode : {0, 1, 2}) {
+        const jlong iHandle = Initial(iAccessMode);
+        EXPECT_FALSE(reinterpret_cast<CNfsMain*>(iHandle)->IsAutoShutdownEnabled()) << iAccessMode;
+        Terminate(iHandle);
+    }
 }
 
 TEST_F(NfsJNITest, TheTemporaryCallbackIsGoneAfterTheCall) {

@@ -90,4 +90,19 @@ TEST_F(HostStressTest, AHundredThousandLinesLeaveNothingBehind) {
     host.Call("A", "terminate", sHandle);
 }
 
+/// Threads that attach themselves to the machine for each line.
+TEST_F(HostStressTest, AHundredThousandLinesOfTheLibrarysThreadsLeaveNothingBehind) {
+    const TempFolder folder;
+    JavaHost host({"-Xms64m", "-XX:+AlwaysPreTouch"});
+    const std::string sHandle = host.Serve("A", folder.Path(), 4 | 8);
+    host.Do({"record", "A", "off"});
+    EXPECT_EQ(host.Do({"stress", "A", "calls", "20000"}), "ok true");
+    const Holdings before = HoldingsOf(host);
+    const std::size_t iResident = host.ResidentKiB();
+    EXPECT_EQ(host.Do({"stress", "A", "calls", "100000"}), "ok true");
+    ExpectNoGrowth(before, HoldingsOf(host));
+    EXPECT_LE(host.ResidentKiB(), iResident + 8192) << "KiB";
+    host.StopServing("A", sHandle);
+}
+
 }  // namespace

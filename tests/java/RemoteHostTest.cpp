@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "HostMethods.h"
 #include "JavaHost.h"
 #include "NfsClient.h"
 #include "TempFolder.h"
@@ -134,6 +135,25 @@ TEST_F(RemoteHostTest, ServerAndClientShareOneMachine) {
     TakeDown(host, host);
 }
 
+/// Nulls, empty and very long texts from another process: neither end takes harm, nor does what clients use.
+TEST_F(RemoteHostTest, BadArgumentsOfAClientHarmNobody) {
+    JavaHost server;
+    JavaHost client;
+    Bring(server, client);
+    server.Do({"record", "S", "off"});
+    client.Do({"record", "C", "off"});
+    EXPECT_EQ(client.Call("C", "startServer", m_sClient, -1, -1, true), "true");
+    CallWithBadArguments(client, "C", m_sClient);
+    client.Call("C", "setLogControl", m_sClient, 1);
+    EXPECT_EQ(client.Call("C", "getServerStatus", m_sClient), "3");
+    EXPECT_EQ(server.Call("S", "isServerRunning", m_sServer), "true");
+    const TempFolder folder;
+    EXPECT_EQ(client.Call("C", "addMountPoint", m_sClient, folder.Path(), "data"), "true");
+    NfsClient nfs;
+    EXPECT_TRUE(nfs.Mnt("data").has_value());
+    TakeDown(server, client);
+}
+
 TEST_F(RemoteHostTest, AClientWithoutAServerSaysWhyItFails) {
     JavaHost host;
     const std::string sHandle = host.Initial("C", "lonely", 2, 0);
@@ -147,6 +167,8 @@ TEST_F(RemoteHostTest, AClientWithoutAServerSaysWhyItFails) {
     EXPECT_EQ(host.Call("C", "isSessionExists", sHandle, "s"), "false");
     EXPECT_EQ(host.Call("C", "getMountInfo", sHandle, false, true), "0");
     EXPECT_EQ(host.Call("C", "getServerStatus", sHandle), "0");
+    EXPECT_EQ(host.Call("C", "runQuickTestMode", sHandle, "/", 0), "true") << "taken for a server that is too old";
+    EXPECT_EQ(host.Call("C", "addNetDeviceCredential", sHandle, "//nas/share", "user", "secret"), "false");
     host.Call("C", "terminate", sHandle);
 }
 
