@@ -128,7 +128,7 @@ jboolean NFSLIB_NATIVE(startServer)(JNIEnv* pEnv, jobject jObj, jlong iHandle, j
             return call.OrThrow(false);
         }
         const StartOrStop guard;
-        constexpr unsigned int kRoot = 0;  // the user and group that created files are reported to belong to
+        constexpr unsigned int kRoot = 0;  // a host names no user and group of its own
         return call.OrThrow(
             main.StartServer(iMountPort, iNfsPort, kRoot, kRoot, bReadOnly != JNI_FALSE, call.Reason()));
     });

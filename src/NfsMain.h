@@ -68,9 +68,10 @@ public:
 
     // ---- Start and stop of the RPC services (NfsMainServer.cpp) ----
 
-    /// Opens the services and serves from then on. A port below 1 means the default port. Created files and reported
-    /// ownership carry the user and group ID. Refused with "NFS already running" on a running server, which stays as
-    /// it is; after any other failure the controller is stopped as by StopServer and nothing is left open.
+    /// Opens the services and serves from then on. A port below 1 means the default port. The user and group ID are
+    /// kept by the NFS programs; owners are reported as the files have them. Refused with "NFS already running" on a
+    /// running server, which stays as it is; after any other failure the controller is stopped as by StopServer and
+    /// nothing is left open.
     virtual bool StartServer(int iMountPort, int iNfsPort, unsigned int iUId, unsigned int iGId, bool bReadOnly,
                              char* pcStatus);
     /// Unmounts recorded vSphere datastores, ends all services and empties every registry. Safe on a stopped server.

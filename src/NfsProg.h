@@ -16,7 +16,7 @@ public:
     explicit CNfsProg(CUtilities* pUtilities);
     ~CNfsProg() override;
 
-    /// The identity for created files and reported ownership.
+    /// The user and group that the host named; stored for the version 3 program.
     void SetUserID(unsigned int iUId, unsigned int iGId);
     /// Refuses the modifying procedures.
     void SetReadOnly(bool bEnable);
