@@ -318,6 +318,42 @@ TEST_F(CallbackTest, APendingExceptionIsSetAsideForACallAndRaisedAgain) {
     EXPECT_EQ(m_Jvm.TakeException(), "java/io/IOException: first");
 }
 
+/// A native method may log thousands of lines before its frame goes.
+TEST_F(CallbackTest, EveryCallGivesItsLocalReferencesBack) {
+    const JavaFrame java(m_Jvm);
+    HostMethods methods;
+    for (const char* pcMethod : {kLogInfo, kLogError, kLogRaw, kUpdate, kRemove, kRename, kWrite, kIsInterrupted}) {
+        methods[pcMethod] = [this](const std::vector<HostArgument>&) { return m_Answer; };
+    }
+    const CCallback whole(java.Env(), m_Jvm.NewHost(methods));
+    const CCallback lacking(java.Env(), m_Jvm.NewHost({}));
+    const std::size_t nBefore = m_Jvm.LocalReferences();
+    for (const char* pcThrows : {"", "java/lang/RuntimeException"}) {
+        m_Answer.sThrows = pcThrows;
+        for (const CCallback* pCallback : {&whole, &lacking}) {
+            pCallback->LogInfo("id", "line");
+            pCallback->LogError("id", "line");
+            pCallback->LogRaw("id", nullptr);
+            EXPECT_EQ(m_Jvm.LocalReferences(), nBefore) << "lines";
+            pCallback->UpdateRedirectedFileAttributes("id", "/x", true, 1, true, 1, true, 1);
+            pCallback->RemoveRedirectedFile("id", "/x");
+            pCallback->RenameRedirectedFile("id", "/x", "/y");
+            pCallback->WriteRedirectedFile("id", "/x", 0, 0, 1);
+            EXPECT_EQ(m_Jvm.LocalReferences(), nBefore) << "notifications";
+            pCallback->IsInterrupted();
+            EXPECT_EQ(m_Jvm.LocalReferences(), nBefore) << "interruption test";
+            pCallback->ThrowIOException("reason");
+            EXPECT_EQ(m_Jvm.LocalReferences(), nBefore) << "exception";
+            pCallback->LogInfo("id", "with the exception set aside");
+            EXPECT_EQ(m_Jvm.LocalReferences(), nBefore) << "set aside";
+            EXPECT_EQ(m_Jvm.TakeException(), "java/io/IOException: reason");
+        }
+    }
+    m_Jvm.SetFailString(2);
+    whole.LogInfo("id", "no memory for this text");
+    EXPECT_EQ(m_Jvm.LocalReferences(), nBefore) << "out of memory";
+}
+
 TEST_F(CallbackTest, TheLastShareMayGoOnALibraryThread) {
     auto pCallback = MakeWith(kLogInfo);
     EXPECT_EQ(m_Jvm.GlobalReferences(), 1U);

@@ -1,6 +1,7 @@
 // What each native method hands to its controller, and what it makes of the answer.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <functional>
@@ -442,6 +443,37 @@ TEST_F(NfsJNIForwardingTest, TheWaitingLoopAsksTheControllerForNothing) {
     EXPECT_EQ(m_pMain->GetCallback(), nullptr) << "and not afterwards";
     pInstalled.reset();
     EXPECT_EQ(m_Record.vsCalls, Calls()) << "automatic shutdown is nothing it enables";
+}
+
+TEST_F(NfsJNIForwardingTest, TheWaitingLoopAsksOncePerSecondOfItsLife) {
+    using Clock = std::chrono::steady_clock;
+    std::vector<Clock::time_point> vAsked;
+    const JavaFrame java(m_Jvm);
+    const jobject jObj = m_Jvm.NewHost({{"isInterrupted()Z", [&](const std::vector<HostArgument>&) {
+                                             vAsked.push_back(Clock::now());
+                                             return HostAnswer{};
+                                         }}});
+    const auto start = Clock::now();
+    EXPECT_EQ(NFSLIB_NATIVE(receiveCallbackLoop)(java.Env(), jObj, m_iHandle, 2), JNI_FALSE);
+    ASSERT_EQ(vAsked.size(), 2U);
+    EXPECT_GE(vAsked[1] - vAsked[0], std::chrono::milliseconds(990)) << "a second between two questions";
+    EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(1990)) << "and one behind the last";
+}
+
+TEST_F(NfsJNIForwardingTest, ALoopBesideAnInstalledCallbackAsksItsOwnObjectAndLeavesTheOtherInstalled) {
+    const JavaFrame java(m_Jvm);
+    const auto pLasting = std::make_shared<CCallback>(java.Env(), m_Jvm.NewHost({}));
+    m_pMain->SetCallback(pLasting);
+    int nAsked = 0;
+    const jobject jObj = m_Jvm.NewHost({{"isInterrupted()Z", [&](const std::vector<HostArgument>&) {
+                                             ++nAsked;
+                                             EXPECT_EQ(m_pMain->GetCallback(), pLasting);
+                                             return HostAnswer{JNI_TRUE};
+                                         }}});
+    EXPECT_EQ(NFSLIB_NATIVE(receiveCallbackLoop)(java.Env(), jObj, m_iHandle, -1), JNI_FALSE);
+    EXPECT_EQ(nAsked, 1);
+    EXPECT_EQ(m_pMain->GetCallback(), pLasting);
+    m_pMain->SetCallback(nullptr);
 }
 
 }  // namespace
