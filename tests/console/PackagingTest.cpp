@@ -3,7 +3,6 @@
 
 #include <csignal>
 #include <filesystem>
-#include <regex>
 #include <sstream>
 
 #include "ConsoleSupport.h"
@@ -31,12 +30,27 @@ protected:
     /// The exports that the status lists: "path : name" of each.
     static std::vector<std::string> Listed() {
         const std::string sOutput = RunConsole({"-query"}).sOutput;
-        const std::regex pattern(" Mount \\d+ - (.*?) \\(\\) \\[exports\\]");
+        const std::string sEnd = " () [exports]";
         std::vector<std::string> vsExports;
-        for (std::sregex_iterator i(sOutput.begin(), sOutput.end(), pattern), end; i != end; ++i) {
-            vsExports.push_back((*i)[1]);
+        for (std::size_t iAt = 0;;) {
+            const std::string sBegin = " Mount " + std::to_string(vsExports.size() + 1) + " - ";
+            const std::size_t iBegin = sOutput.find(sBegin, iAt);
+            iAt = sOutput.find(sEnd, iBegin);
+            if (iAt == std::string::npos) {
+                break;
+            }
+            vsExports.push_back(sOutput.substr(iBegin + sBegin.size(), iAt - iBegin - sBegin.size()));
         }
         return vsExports;
+    }
+    /// Puts another path in the place of each one that ends so, from its first slash on.
+    static void ReplacePaths(std::string& sText, const std::string& sEnd, const std::string& sPath) {
+        for (std::size_t iEnd = sText.find(sEnd); iEnd != std::string::npos; iEnd = sText.find(sEnd, iEnd)) {
+            const std::size_t iWord = sText.find_last_of(" \"", iEnd) + 1;  // 0 without one
+            const std::size_t iBegin = sText.find('/', iWord);
+            sText.replace(iBegin, iEnd + sEnd.size() - iBegin, sPath);
+            iEnd = iBegin + sPath.size();
+        }
     }
     /// The value of a line of the installed unit, with its paths moved into this test's folder.
     std::string UnitLine(const std::string& sKey) {
@@ -44,11 +58,10 @@ protected:
         for (std::string sLine; std::getline(unit, sLine);) {
             if (sLine.starts_with(sKey + "=")) {
                 std::string sValue = sLine.substr(sKey.size() + 1);
-                sValue =
-                    std::regex_replace(sValue, std::regex("/[^ \"]*/bin/nfsconsole"), ConsoleProcess::ProgramPath());
-                sValue = std::regex_replace(sValue, std::regex("/[^ \"]*/nfs-exports"), Script());
+                ReplacePaths(sValue, "/bin/nfsconsole", ConsoleProcess::ProgramPath());
+                ReplacePaths(sValue, "/nfs-exports", Script());
                 for (const char* pcFolder : {"/var/log/nfslib", "/run/nfslib", "/etc/nfslib"}) {
-                    sValue = std::regex_replace(sValue, std::regex(pcFolder), m_Folder.Path());
+                    ReplacePaths(sValue, pcFolder, m_Folder.Path());
                 }
                 return sValue;
             }
