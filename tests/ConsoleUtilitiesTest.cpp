@@ -424,10 +424,10 @@ TEST_F(PidFileTest, FileThatCannotBeMadeIsReported) {
     WriteWholeFile(m_Folder / "file", "x");
     EXPECT_FALSE(Create(m_Folder / "file/pid"));
     EXPECT_STREQ(m_vcReason, "Not a directory (20)");
-    EXPECT_NE(m_sPrinted.find("[erro] () Fail to create pid file \"" + (m_Folder / "file/pid") +
-                              "\". Reason=Not a directory (20)\n"),
-              std::string::npos)
-        << m_sPrinted;
+    // Errors are logged whatever the log control.
+    EXPECT_EQ(m_sPrinted, "[erro] () [CConsoleUtilities.CreatePidFile] OS create file \"" + (m_Folder / "file/pid") +
+                              "\". Error=Not a directory (20)\n" + "[erro] () Fail to create pid file \"" +
+                              (m_Folder / "file/pid") + "\". Reason=Not a directory (20)\n");
 }
 
 TEST_F(PidFileTest, FileThatMayNotBeReadOrRemovedIsReported) {

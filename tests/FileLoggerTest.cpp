@@ -241,6 +241,22 @@ TEST_F(FileLoggerTest, FailedWriteIsReportedAndLeavesTheLineToTheCaller) {
     pLogger->Close();
 }
 
+// A line that was begun in the file is not written a second time elsewhere.
+TEST_F(FileLoggerTest, LineThatIsWrittenInPartCountsAsWritten) {
+    auto pLogger = Open(m_sLog);
+    testing::internal::CaptureStdout();
+    rlimit before{};
+    ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &before), 0);
+    const rlimit ten{10, before.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &ten), 0);
+    const bool bWritten = pLogger->LogInfo("x");
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &before), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+    EXPECT_TRUE(bWritten);
+    pLogger->Close();
+    EXPECT_EQ(ReadWholeFile(m_sLog).size(), 10U);
+}
+
 // What is in the file before it is opened does not count: the position is taken, which appending moves.
 TEST_F(FileLoggerTest, FullFileIsNotMovedAsideBeforeItsFirstLine) {
     WriteWholeFile(m_sLog, std::string(150, 'x') + "\n");

@@ -26,6 +26,8 @@
 namespace {
 
 constexpr const char* kLogInfo = "logInfo(Ljava/lang/String;Ljava/lang/String;)V";
+constexpr const char* kLogError = "logError(Ljava/lang/String;Ljava/lang/String;)V";
+constexpr const char* kLogRaw = "logRaw(Ljava/lang/String;Ljava/lang/String;)V";
 constexpr const char* kRemove = "removeRedirectedFile(Ljava/lang/String;Ljava/lang/String;)I";
 constexpr const char* kRename = "renameRedirectedFile(Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;)I";
 constexpr const char* kWrite = "writeRedirectedFile(Ljava/lang/String;Ljava/lang/String;JII)I";
@@ -183,6 +185,30 @@ TEST_F(UtilitiesLogTest, FileLoggerTakesLinesBeforeStandardOutput) {
     EXPECT_THAT(sFile, testing::HasSubstr("][info] one\n"));
     EXPECT_THAT(sFile, testing::HasSubstr("][error] two\n"));
     EXPECT_THAT(sFile, testing::HasSubstr("] three\n"));
+}
+
+TEST_F(UtilitiesLogTest, EachKindOfLineHasItsOwnHostMethod) {
+    FakeJvm jvm;
+    std::vector<std::u16string> vTexts;
+    const auto Take = [&vTexts](const std::u16string& sMethod) {
+        return [&vTexts, sMethod](const std::vector<HostArgument>& vArguments) {
+            vTexts.push_back(sMethod + u" " + vArguments[0].sText + u": " + vArguments[1].sText);
+            return HostAnswer{};
+        };
+    };
+    JNIEnv* pEnv = jvm.EnterJava();
+    m_Utilities.SetCallback(std::make_shared<CCallback>(
+        pEnv, jvm.NewHost({{kLogInfo, Take(u"info")}, {kLogError, Take(u"error")}, {kLogRaw, Take(u"raw")}})));
+    jvm.LeaveJava();
+    OutputPipe pipe;
+    m_Utilities.LogInfo(&m_Param, "%s", "one");
+    m_Utilities.LogError(&m_Param, "%s", "two");
+    m_Utilities.LogRaw(&m_Param, "%s", "three");
+    EXPECT_EQ(pipe.ReadNow(), "");
+    pipe.Restore();
+    EXPECT_EQ(vTexts,
+              (std::vector<std::u16string>{u"info 10.0.0.5: one", u"error 10.0.0.5: two", u"raw 10.0.0.5: three"}));
+    m_Utilities.SetCallback(nullptr);
 }
 
 TEST_F(UtilitiesLogTest, CallbackTakesLinesBeforeTheFileLoggerAndMayDecline) {

@@ -92,4 +92,16 @@ TEST_F(UtilitiesSessionTest, ResetEmptiesEveryRegistry) {
     EXPECT_FALSE(m_Utilities.GetFilePath(&m_Param, vcHandle, vcPath, sizeof(vcPath)));
 }
 
+// A redirected file that was closed first would close its source under a tag of its own.
+TEST_F(UtilitiesSessionTest, ResetClosesCachedDescriptorsBeforeRedirectedFiles) {
+    const std::string sSource = MakeFile("source", "content");
+    m_Utilities.OpenRedirectedFile(&m_Param, "/virtual", 7, false, 0, 0);
+    ASSERT_TRUE(m_Utilities.AddRedirectedFileSegment(&m_Param, "/virtual", sSource.c_str(), 0, 0, 7, m_vcReason))
+        << m_vcReason;
+    ASSERT_TRUE(m_Utilities.GetCachedFileHandle(&m_Param, &m_Tag, sSource.c_str(), false).IsOpen());
+    m_Log.Clear();
+    m_Utilities.Reset(&m_Param, &m_Tag);
+    EXPECT_TRUE(m_Log.Has("[Test] OS close file \"" + sSource + "\"")) << m_Log.Dump();
+}
+
 }  // namespace

@@ -2,8 +2,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <optional>
+
 #include "ConsoleSupport.h"
 #include "NfsClient.h"
+#include "PathGuard.h"
 
 namespace {
 
@@ -289,6 +292,7 @@ TEST_F(DebugCommands, QuickTestTellsItsResult) {
     EXPECT_EQ(Command("qtest /missing 0"), "Quick test FAIL. ErrCode=2\n");
     EXPECT_EQ(Command("qtest /tmp 3"), "Quick test FAIL. Unknown mode (3)\n");
     EXPECT_EQ(Command("qtest  0"), "Quick test FAIL. Invalid argument\n") << "two blanks: an empty path";
+    EXPECT_EQ(Command("qtest /tmp 0 more"), "Quick test OK\n");
     EXPECT_EQ(Command("qtest /tmp"), "Fail to run quick test. Reason=In-valid input value: /tmp\n");
 }
 
@@ -334,6 +338,35 @@ TEST_F(DebugCommands, NetworkDeviceCredentialsFailAsShipped) {
     EXPECT_EQ(Command("addnet //nas/share user"),
               "Fail to add net device credential to NFS. Reason=In-valid input value: //nas/share user\n");
     EXPECT_EQ(Command("status"), "\n" + EmptyStatus("Stopped"));
+}
+
+namespace {
+
+/// With the commands behind the credentials installed; the one for removing refuses a second time.
+class NetDeviceCommands : public DebugCommands {
+protected:
+    void SetUp() override {
+        InstallCommand(m_Folder / kAddCredentialCommand, "exit 0");
+        InstallCommand(m_Folder / kRemoveCredentialCommand, "mkdir '" + (m_Folder / "removed") + "' 2>/dev/null");
+        m_Path.emplace(m_Folder.Path());
+        DebugCommands::SetUp();
+    }
+
+private:
+    std::optional<PathGuard> m_Path;
+};
+
+}  // namespace
+
+TEST_F(NetDeviceCommands, TellThatTheyAreDoneWithoutALineEnd) {
+    EXPECT_EQ(Command("addnet //nas/share user secret and more"), "Done");
+    EXPECT_TRUE(
+        Command("status").ends_with("Number of Net Device info: 1\n"
+                                    "[info] (cRun)  Net device path 1 - //nas/share\n\n" +
+                                    std::string(kRule)));
+    EXPECT_EQ(Command("removenet //nas/share"), "Done");
+    EXPECT_EQ(Command("status"), "\n" + EmptyStatus("Stopped"));
+    EXPECT_EQ(Command("removenet //nas/share"), "Failed");
 }
 
 // ==== With a log file ===============================================================================================

@@ -49,6 +49,15 @@ TEST_F(ConsolePairs, ClientStartsWithTheServersBanner) {
     EXPECT_EQ(client.Output(), Banner("1.4", "External NFS Server") + kIntro + "\nExit\n");
 }
 
+TEST_F(ConsolePairs, ClientLogsItsRequestsUnderTheLogControlOfTheRun) {
+    ConsoleProcess client({"-md", "cli", "-id", "cli1", "-log", "64"});
+    EXPECT_EQ(client.Quit(), 0);
+    const std::string sTag = "[info] (cli1) [IpcClient.SendRequest] ";
+    EXPECT_TRUE(client.Output().starts_with(sTag + "Request action group (type = 1, ver = 1.4, dataLen = 16)\n" + sTag +
+                                            "Reply action group (type = 5, ver = 1.4, dataLen = 2064)\n"))
+        << client.Output();
+}
+
 TEST_F(ConsolePairs, ClientStartsServesAndListsThroughTheServer) {
     const auto pClient = StartClient();
     EXPECT_EQ(pClient->Command("start"), "Start NFS success");

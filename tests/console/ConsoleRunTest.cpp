@@ -226,6 +226,17 @@ TEST_F(ConsoleRun, PidFileIsMadeAndRemovedUnderTheLogControlOfTheRun) {
         << result.sOutput;
 }
 
+TEST_F(ConsoleRun, LogFileIsOpenedUnderTheLogControlOfTheRun) {
+    const std::string sLog = m_Folder / "nfs.log";
+    const std::string sTag = "[info] () [CFileLogger.Open] ";
+    const RunResult result = RunConsole({"-md", "int", "-log", "256", "-logfile", sLog, "-query"});
+    EXPECT_EQ(result.iStatus, 0);
+    EXPECT_TRUE(result.sOutput.starts_with(sTag + "OS splited path \"" + sLog + "\" into ")) << result.sOutput;
+    EXPECT_TRUE(result.sOutput.ends_with(sTag + "OS create file \"" + sLog + "\"\n" + InternalBanner() +
+                                         EmptyStatus("Stopped")))
+        << result.sOutput;
+}
+
 TEST_F(ConsoleRun, ServerIsStoppedBeforeTheRemoteController) {
     const std::string sLog = m_Folder / "nfs.log";
     ConsoleProcess console({"-md", "int", "-logfile", sLog});
