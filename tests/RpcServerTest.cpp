@@ -192,6 +192,21 @@ TEST_F(RpcServerTest, CredentialsAreSkipped) {
     ExpectTcp(Record(Reply(0, Opaque("x"))));
 }
 
+// Whoever pads a body must count the padding: the bytes behind the length said are the next field.
+TEST_F(RpcServerTest, NoPaddingIsSkippedBehindCredentialAndVerifier) {
+    const std::string sHead = XdrBuilder().U32(9).U32(0).U32(2).U32(100003).U32(3).U32(1).Bytes();
+    const std::string sCall =
+        XdrBuilder().Raw(sHead).U32(1).U32(5).Raw("creds").U32(6).U32(3).Raw("ver").Raw(Opaque("arguments")).Bytes();
+    const std::string sReply = XdrBuilder().U32(9).U32(1).U32(0).U32(6).U32(3).U32(0).Raw(Opaque("arguments")).Bytes();
+    CSocket datagram(CSocket::kDatagram, 100003);
+    Receive(datagram, sCall);
+    EXPECT_EQ(Hex(Left(datagram)), Hex(sReply));
+    CSocket stream(CSocket::kStream, 100003);
+    Receive(stream, "mark" + sCall);
+    EXPECT_EQ(Hex(Left(stream)), Hex(Record(sReply)));
+    EXPECT_EQ(stream.GetInputStream()->GetFilledBufferSize(), 0U);
+}
+
 TEST_F(RpcServerTest, NeitherMessageTypeNorRpcVersionNorTheMarkIsChecked) {
     Open();
     std::string sCall = Call(0).Bytes(Transport::kTcp);
@@ -253,6 +268,36 @@ TEST_F(RpcServerTest, AnUnregisteredProgramIsProgUnavail) {
         ExpectTcp(Record(Reply(1)));
         m_pUdp->Send(call.Bytes(Transport::kUdp));
         EXPECT_EQ(Hex(m_pUdp->Receive()), Hex(Reply(1))) << iProgram;
+    }
+}
+
+// The answer is whole: the next call of the buffer follows at once.
+TEST_F(RpcServerTest, CallsBehindOneForAnUnregisteredProgramAreAnsweredToo) {
+    Open(100001);
+    std::string sCalls;
+    std::string sReplies;
+    for (const unsigned int iXid : {1U, 2U, 3U}) {
+        RpcCall call = Call(0, "", iXid);
+        call.iProgram = 100001;
+        sCalls += call.Bytes(Transport::kTcp);
+        sReplies += Record(Reply(1, "", iXid));
+    }
+    m_pTcp->Send(sCalls);
+    ExpectTcp(sReplies);
+}
+
+TEST_F(RpcServerTest, ATruncatedHeaderForAnUnregisteredProgramWaitsForTheRest) {
+    for (const int iType : {static_cast<int>(CSocket::kStream), static_cast<int>(CSocket::kDatagram)}) {
+        RpcCall call = Call(0);
+        call.iProgram = 100001;
+        call.sCred = "12345678";
+        const std::string sCall = call.Bytes(iType == CSocket::kStream ? Transport::kTcp : Transport::kUdp);
+        CSocket socket(iType, 100001);
+        Receive(socket, sCall.substr(0, sCall.size() - 1));
+        EXPECT_EQ(Hex(Left(socket)), "");
+        EXPECT_EQ(socket.GetInputStream()->GetFilledBufferSize(), sCall.size() - 1);
+        Receive(socket, sCall.substr(sCall.size() - 1));
+        EXPECT_EQ(Hex(Left(socket)), Hex(iType == CSocket::kStream ? Record(Reply(1)) : Reply(1)));
     }
 }
 
@@ -525,6 +570,22 @@ TEST_F(RpcServerTest, NumbersOfTheProgramThatStartNoCallAreSkippedWithAndWithout
     EXPECT_EQ(third.nCalls.load(), 4);
 }
 
+// What was searched before is not searched again; what could not be judged yet must be.
+TEST_F(RpcServerTest, ACallBehindGarbageThatArrivesByteByByteIsFoundAtItsFirstByte) {
+    const std::string sCall = Call(1, Opaque("abc")).Bytes(Transport::kTcp);
+    for (const int iLogControl : {0, static_cast<int>(CRuntimeParam::kLogRpc)}) {
+        m_Server.SetLogControl(iLogControl);
+        for (std::size_t nGarbage = 0; nGarbage < 50; ++nGarbage) {
+            CSocket socket(CSocket::kStream, 100003);
+            for (const char cByte : std::string(nGarbage, '\xA3') + sCall) {
+                socket.GetInputStream()->ConsolidateBuffer(0);
+                Receive(socket, {&cByte, 1});
+            }
+            EXPECT_EQ(Hex(Left(socket)), Hex(Record(Reply(0, Opaque("abc"))))) << nGarbage << " bytes in front";
+        }
+    }
+}
+
 TEST_F(RpcServerTest, FewerBytesThanAHeaderWaitForMore) {
     Open();
     m_Server.SetLogControl(CRuntimeParam::kLogRpc);
@@ -584,6 +645,37 @@ TEST_F(RpcServerTest, RpcLoggingTellsBufferHeaderAndReply) {
     EXPECT_EQ(m_Log.Texts('i'), expected) << m_Log.Dump();
     EXPECT_TRUE(m_Log.Texts('e').empty());
     EXPECT_EQ(m_Log.Lines()[0].sID, "127.0.0.1");
+}
+
+// The client's address is put in before each batch of calls, not before each call: what a program puts in its place
+// stays until the next receive.
+TEST_F(RpcServerTest, LinesCarryTheAddressUntilAProgramNamesTheExport) {
+    class Naming : public CRpcProg {
+    public:
+        Naming() : CRpcProg(nullptr) {}
+        int Process(CInputStream*, COutputStream*, ProcessParam* pParam) override {
+            pParam->pRuntimeParam->SetID("export");
+            return kProgHandled;
+        }
+    };
+    Naming naming;
+    m_Server.Set(100003, &naming);
+    m_Server.SetLogControl(CRuntimeParam::kLogRpc);
+    CSocket socket(CSocket::kStream, 100003);
+    for (int i = 0; i < 2; ++i) {
+        m_Log.Clear();
+        Receive(socket, Call(0, "", 1).Bytes(Transport::kTcp) + Call(0, "", 2).Bytes(Transport::kTcp));
+        std::vector<std::string> vsIDs;
+        for (const LogLine& line : m_Log.Lines()) {
+            if (vsIDs.empty() || vsIDs.back() != line.sID) {
+                vsIDs.push_back(line.sID);
+            }
+        }
+        EXPECT_EQ(vsIDs, (std::vector<std::string>{"0.0.0.0", "export"})) << m_Log.Dump();
+        EXPECT_EQ(m_Log.Lines().back().sID, "export");
+        EXPECT_EQ(m_Log.Lines()[8].sText, " --- nproc=0");
+        EXPECT_EQ(m_Log.Lines()[8].sID, "0.0.0.0");
+    }
 }
 
 TEST_F(RpcServerTest, ADatagramsHeaderHasNoMark) {
