@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <netinet/in.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -177,6 +178,35 @@ TEST_F(PortmapTest, WithoutThePortmapBitNothingIsLogged) {
     ASSERT_TRUE(holder.BindToPort(&iPort));
     const CPortmap portmap(&m_Utilities, &m_RuntimeParam);
     EXPECT_TRUE(m_Log.Lines().empty()) << m_Log.Dump();
+}
+
+TEST_F(PortmapTest, WithoutDescriptorsNoneCountsAsRunning) {
+    CDescriptor holder = CDescriptor::OpenSocket(SOCK_STREAM);
+    int iPort = 111;
+    ASSERT_TRUE(holder.BindToPort(&iPort));
+    rlimit before{};
+    getrlimit(RLIMIT_NOFILE, &before);
+    const rlimit none{0, before.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    CPortmap portmap(&m_Utilities, &m_RuntimeParam);
+    setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_FALSE(portmap.IsRunning()) << "the port could not be tried";
+    EXPECT_TRUE(m_Log.Lines().empty()) << m_Log.Dump();
+}
+
+TEST_F(PortmapTest, WithSocketZeroAndNoDescriptorTheRegistrationFailsWithItsReason) {
+    CDescriptor holder = CDescriptor::OpenSocket(SOCK_STREAM);
+    int iPort = 111;
+    ASSERT_TRUE(holder.BindToPort(&iPort));
+    CPortmap portmap(&m_Utilities, &m_RuntimeParam);
+    rlimit before{};
+    getrlimit(RLIMIT_NOFILE, &before);
+    const rlimit none{0, before.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    const bool bRegistered = portmap.Register(100003, 3, 0, 2050, m_cStatus);
+    setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_FALSE(bRegistered);
+    EXPECT_STREQ(m_cStatus, "Fail to opening register socket for port 2050. Reason=Error opening socket for port 2050");
 }
 
 // ---- With the system's portmapper ----
