@@ -13,9 +13,11 @@
 #include <array>
 #include <chrono>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "Descriptor.h"
@@ -336,5 +338,26 @@ TEST_F(ServerSocketTest, AcceptingOutOfDescriptorsFreesCachedFiles) {
     setrlimit(RLIMIT_NOFILE, &before);
     EXPECT_TRUE(bFirst);
     EXPECT_TRUE(bSecond);
+    m_Server.Close();
+}
+
+TEST_F(ServerSocketTest, AcceptingOutOfDescriptorsCostsNoProcessor) {
+    Open(2);
+    const CDescriptor first = CDescriptor::OpenSocket(SOCK_STREAM);
+    const CDescriptor second = CDescriptor::OpenSocket(SOCK_STREAM);
+    rlimit before{};
+    getrlimit(RLIMIT_NOFILE, &before);
+    const rlimit none{0, before.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    // The system may have given the waiting accept its number already: one of the two has to wait.
+    std::thread client([&] { EXPECT_TRUE(IsServed(first.Get())); });
+    std::thread other([&] { EXPECT_TRUE(IsServed(second.Get())); });
+    const std::clock_t iUsedBefore = std::clock();
+    std::this_thread::sleep_for(1s);  // the time that is measured
+    const double fUsed = static_cast<double>(std::clock() - iUsedBefore) / CLOCKS_PER_SEC;
+    setrlimit(RLIMIT_NOFILE, &before);
+    client.join();
+    other.join();
+    EXPECT_LT(fUsed, 0.1) << "seconds of processor time in one second";
     m_Server.Close();
 }
