@@ -8,6 +8,7 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
@@ -115,6 +116,16 @@ void LoadConnection::SendCall() {
     }
 }
 
+std::deque<LoadConnection::Pending>::iterator LoadConnection::FindCall(std::string_view sReply) {
+    const std::uint32_t iXid = sReply.size() < kXidAt + 4 ? 0 : WordAt(sReply.data() + kXidAt);
+    const auto itPending = std::find_if(m_Pending.begin(), m_Pending.end(),
+                                        [iXid](const Pending& pending) { return pending.iXid == iXid; });
+    if (itPending == m_Pending.end()) {
+        throw WrongReply("a reply to no call: transaction ID " + std::to_string(iXid));
+    }
+    return itPending;
+}
+
 std::size_t LoadConnection::ReceiveReplies(std::vector<std::uint32_t>* pvLatencies) {
     const ssize_t nMore = recv(m_iSocket, m_vcReceived.data() + m_nReceived, m_vcReceived.size() - m_nReceived, 0);
     if (nMore <= 0) {
@@ -132,11 +143,11 @@ std::size_t LoadConnection::ReceiveReplies(std::vector<std::uint32_t>* pvLatenci
         if (m_nReceived - iNext < nBytes) {
             break;
         }
-        const Pending& pending = m_Pending.front();
-        const auto latency = std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - pending.start);
+        const auto itPending = FindCall({pcReply, nBytes});
+        const auto latency = std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - itPending->start);
         pvLatencies->push_back(static_cast<std::uint32_t>(latency.count()));
-        m_Row.Check({pcReply, nBytes}, pending.iXid, pending.iOffset);
-        m_Pending.pop_front();
+        m_Row.Check({pcReply, nBytes}, itPending->iXid, itPending->iOffset);
+        m_Pending.erase(itPending);
         iNext += nBytes;
         ++nReplies;
     }

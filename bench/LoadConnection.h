@@ -17,8 +17,8 @@ void SendAll(int iSocket, std::string_view sBytes);
 /// Receives one record, mark included; throws std::runtime_error.
 std::string ReceiveRecord(int iSocket);
 
-/// Sends calls of one row and judges their replies. The server answers in order, so the oldest call in flight is the
-/// one that a reply belongs to.
+/// Sends calls of one row and judges their replies, which may come in any order: other servers than ours answer calls
+/// side by side.
 class LoadConnection {
 public:
     using Clock = std::chrono::steady_clock;
@@ -44,6 +44,8 @@ private:
     };
 
     std::uint64_t NextOffset();
+    /// The call in flight that a reply belongs to; throws WrongReply.
+    std::deque<Pending>::iterator FindCall(std::string_view sReply);
 
     int m_iSocket;
     const Row& m_Row;

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Measures the server against the bare server in one run: both on one processor, the load on another, in a network of
-# their own. See usage.
+# their own. NFS-Ganesha (packages nfs-ganesha, nfs-ganesha-vfs, rpcbind), where it is installed, is measured against
+# the same bare server. See usage.
 set -euo pipefail
 self=$(readlink -f "${BASH_SOURCE[0]}")
 here=$(dirname "$self")
@@ -40,8 +41,12 @@ server_processor=${processors[1]:-${processors[0]}}
 work=$(mktemp -d "${BENCH_FOLDER:-/dev/shm}/nfsbench-XXXXXX")
 server_pid=
 bare_pid=
+ganesha_pid=
+rpcbind_pid=
 clean_up() {
     exec 5>&- || true
+    [ -z "$ganesha_pid" ] || { kill -TERM "$ganesha_pid" 2>/dev/null; wait "$ganesha_pid" 2>/dev/null || true; }
+    [ -z "$rpcbind_pid" ] || { kill -TERM "$rpcbind_pid" 2>/dev/null; wait "$rpcbind_pid" 2>/dev/null || true; }
     [ -z "$server_pid" ] || { kill -TERM "$server_pid" 2>/dev/null; wait "$server_pid" || true; }
     [ -z "$bare_pid" ] || { kill -TERM "$bare_pid" 2>/dev/null; wait "$bare_pid" 2>/dev/null || true; }
     rm -rf "$work"
@@ -78,10 +83,52 @@ load --bare-port 3049 --operations "$operations" --rounds "$rounds" --target 0.7
 load --operations "$operations" --connections 4 --depth 4
 [ "$memory" = 0 ] || load --server-pid "$server_pid" --operations "$memory" NULL GETATTR READ4K
 
-# Redirected files last: their server takes the ports of the first one.
+# What follows wants the ports of the first server.
 kill -TERM "$server_pid"
 wait "$server_pid" || true
 server_pid=
 echo "redirected files by the number of segments in their maps, and a plain file"
 "$build/bin/redirectedload" --check --folder "${BENCH_FOLDER:-/dev/shm}" --rounds "$rounds" || status=1
+echo
+
+start_ganesha() {
+    mount -t tmpfs none /run
+    mkdir -p /run/rpcbind /run/ganesha
+    ! [ -d /var/lib/nfs ] || mount -t tmpfs none /var/lib/nfs
+    mkdir -p /var/lib/nfs/ganesha
+    cat >"$work/ganesha.conf" <<CONFIGURATION
+NFS_CORE_PARAM { NFS_Protocols = 3; Enable_NLM = false; Enable_RQUOTA = false; NFS_Port = 4049; MNT_Port = 4058; }
+EXPORT {
+    Export_Id = 1; Path = $work/export; Pseudo = /data; Access_Type = RW; Squash = None; Anonymous_Uid = 0;
+    Anonymous_Gid = 0; SecType = none, sys; Protocols = 3; Transports = TCP; FSAL { Name = VFS; }
+}
+CONFIGURATION
+    rpcbind -f >"$work/rpcbind.log" 2>&1 &
+    rpcbind_pid=$!
+    for ((i = 0; i < 100; ++i)); do
+        ! (: </dev/tcp/127.0.0.1/111) 2>/dev/null || break
+        sleep 0.1
+    done
+    taskset -c "$server_processor" ganesha.nfsd -F -L "$work/ganesha.log" -f "$work/ganesha.conf" \
+        -p "$work/ganesha.pid" &
+    ganesha_pid=$!
+    for ((i = 0; i < 300; ++i)); do
+        ! (: </dev/tcp/127.0.0.1/4049) 2>/dev/null || return 0
+        sleep 0.1
+    done
+    cat "$work/ganesha.log" >&2
+    return 1
+}
+if command -v ganesha.nfsd >/dev/null && command -v rpcbind >/dev/null; then
+    start_ganesha
+    echo "NFS-Ganesha, the same rows against the same bare server"
+    peer() {
+        load --nfs-port 4049 --mount-port 4058 --export "$work/export" --bare-port 3049 --operations "$operations" \
+            --rounds "$rounds" "$@"
+    }
+    peer NULL GETATTR LOOKUP READ4K READ64K WRITE16K
+    peer --depth 16 READ64K WRITE16K
+else
+    echo "NFS-Ganesha is not installed: not compared"
+fi
 exit $status
