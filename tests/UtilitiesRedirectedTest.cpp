@@ -189,6 +189,22 @@ TEST_F(UtilitiesRedirectedTest, RenamedFileKeepsItsInfoFile) {
     EXPECT_EQ(ReadWholeFile(sPath).size(), 32U);
 }
 
+TEST_F(UtilitiesRedirectedTest, InfoFileThatWasRenamedAlongIsNeverOverwritten) {
+    const std::string sPath = m_Folder / "disk";
+    const std::string sMoved = m_Folder / "moved";
+    m_Utilities.AddMountInfo(&m_Param, &m_LogArgu, m_Folder.Path().c_str(), "data", "", nullptr);
+    WriteWholeFile(sPath, "");
+    Open(sPath, 100, true);
+    ASSERT_EQ(::rename(sPath.c_str(), sMoved.c_str()), 0);
+    m_Utilities.RenameRedirectedFile(&m_Param, sPath.c_str(), sMoved.c_str());
+    EXPECT_TRUE(m_Utilities.AddRedirectedFileSegment(&m_Param, sMoved.c_str(), nullptr, 0, 0, 10, m_vcReason));
+    const std::string sRecords = ReadWholeFile(sMoved);
+    EXPECT_EQ(sRecords.size(), 32U);
+    m_Utilities.ExportRedirectedFile(&m_Param, sMoved.c_str(), sMoved.c_str());
+    EXPECT_TRUE(m_Log.Has("[RedirectedFile.Export] Content to file error: " + sMoved));
+    EXPECT_EQ(ReadWholeFile(sMoved), sRecords);
+}
+
 TEST_F(UtilitiesRedirectedTest, FileInUseOutlivesItsClose) {
     auto pFile = Open("/e/a");
     const std::weak_ptr<CRedirectedFile> pWatch = pFile;

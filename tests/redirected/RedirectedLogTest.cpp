@@ -461,6 +461,7 @@ TEST_P(RedirectedLogTest, EveryLineIsTheDescribedOneInItsPlace) {
         DescribedFile described(iSize, 3, sInfo, iCut, iCheckPoint, GetParam().bExported);
         ASSERT_NO_FATAL_FAILURE(CompareLog(described)) << "opening";
 
+        std::vector<std::int64_t> vEdges{0};
         std::int64_t iNext = Pick(0, 3) == 0 ? Pick(1, iMax) : 0;
         for (int i = 0; i < nSegments; ++i) {
             const std::string sSource = PickSource();
@@ -469,11 +470,22 @@ TEST_P(RedirectedLogTest, EveryLineIsTheDescribedOneInItsPlace) {
             ASSERT_EQ(file.AddSegment(&m_Param, sSource.c_str(), iFox, iNext, iLen, nullptr),
                       described.AddSegment(sSource, iFox, iNext, iLen));
             ASSERT_NO_FATAL_FAILURE(CompareLog(described)) << "adding segment " << i << " at " << iNext;
-            iNext += iLen + (Pick(0, 3) == 0 ? Pick(1, iMax) : 0);
+            vEdges.push_back(std::min(iNext, iSize));
+            iNext += iLen;
+            vEdges.push_back(std::min(iNext, iSize));
+            iNext += Pick(0, 3) == 0 ? Pick(1, iMax) : 0;
         }
+        const auto pickEdge = [&] {
+            return vEdges[static_cast<std::size_t>(Pick(0, static_cast<std::int64_t>(vEdges.size()) - 1))];
+        };
         for (int i = 0; i < 20; ++i) {
-            const std::int64_t iOffset = Pick(0, iSize + 5);
-            const std::int64_t iLen = Pick(0, 4) == 0 ? Pick(0, 70000) : Pick(0, 2 * iMax > 20000 ? 20000 : 2 * iMax);
+            const std::int64_t iOffset = Pick(0, 3) == 0 ? pickEdge() : Pick(0, iSize + 5);
+            std::int64_t iLen = Pick(0, 4) == 0 ? Pick(0, 70000) : Pick(0, std::min<std::int64_t>(2 * iMax, 20000));
+            // Half of the reads end where a segment does, if one is near.
+            const std::int64_t iToEdge = pickEdge() - iOffset;
+            if (Pick(0, 1) == 0 && iToEdge >= 0 && iToEdge <= 70000) {
+                iLen = iToEdge;
+            }
             std::string sBuffer(CRedirectedFile::GetReadRoom(static_cast<unsigned int>(iLen)) + 1, '#');
             bool bEof = false;
             const int iRead = file.Read(&m_Param, static_cast<unsigned long long>(iOffset), sBuffer.data(),
