@@ -208,6 +208,25 @@ TEST_F(UtilitiesDescriptorCacheTest, UseMakesAnEntryYounger) {
               (Lines{"[Test] Close exceeded cached file handle: 1", "[Test] OS close file \"" + vFiles[5] + "\""}));
 }
 
+TEST_F(UtilitiesDescriptorCacheTest, ClosedEntryLeavesNoAgeBehind) {
+    const std::vector<std::string> vFiles = MakeFiles(10);
+    Get(vFiles[5]);
+    Close(vFiles[5]);
+    WaitForTheNextSecond();
+    for (const std::string& sFile : vFiles) {
+        if (sFile != vFiles[5]) {
+            Get(sFile);
+        }
+    }
+    WaitForTheNextSecond();
+    Get(vFiles[5]);
+    m_Log.Clear();
+    m_Utilities.FreeCachedFileHandles(&m_Param, &m_Tag);
+    EXPECT_EQ(TakeLog().size(), 2U);
+    Get(vFiles[5]);
+    EXPECT_EQ(TakeLog(), Lines()) << "it was evicted though it was used last";
+}
+
 TEST_F(UtilitiesDescriptorCacheTest, EntryOfAFailedOpenIsEvictedInItsTurn) {
     const std::string sMissing = m_Folder / "missing";
     const std::vector<std::string> vFiles = MakeFiles(9);
@@ -245,6 +264,34 @@ TEST_F(UtilitiesDescriptorCacheTest, WithinASecondTheTextOfTheDescriptorOrders) 
               (Lines{"[Test] Close exceeded cached file handle: 3", "[Test] OS close file \"" + vOrder[0].second + "\"",
                      "[Test] OS close file \"" + vOrder[1].second + "\"",
                      "[Test] OS close file \"" + vOrder[2].second + "\""}));
+}
+
+// Once it is open, the entry of a failed open is ordered by its descriptor like every other one.
+TEST_F(UtilitiesDescriptorCacheTest, EntryOfAFailedOpenGetsANewKeyWhenItOpens) {
+    const std::string sLate = m_Folder / "late";
+    const std::vector<std::string> vFiles = MakeFiles(9);
+    std::vector<std::pair<std::string, std::string>> vOrder;  // the number as text, and the path
+    std::time_t iBegin = 0;
+    do {
+        m_Utilities.CloseAllCachedFileHandles(&m_Param, &m_Tag);
+        ::unlink(sLate.c_str());
+        vOrder.clear();
+        iBegin = std::time(nullptr);
+        EXPECT_FALSE(Get(sLate).IsOpen());
+        for (const std::string& sFile : vFiles) {
+            vOrder.emplace_back(std::to_string(Get(sFile).Get()), sFile);
+        }
+        MakeFile("late", "");
+        vOrder.emplace_back(std::to_string(Get(sLate).Get()), sLate);
+    } while (std::time(nullptr) != iBegin);
+    std::ranges::sort(vOrder);
+    if (vOrder.front().second == sLate) {
+        GTEST_SKIP() << "its descriptor is the first one in any case";
+    }
+    m_Log.Clear();
+    m_Utilities.FreeCachedFileHandles(&m_Param, &m_Tag);
+    EXPECT_EQ(TakeLog(), (Lines{"[Test] Close exceeded cached file handle: 1",
+                                "[Test] OS close file \"" + vOrder[0].second + "\""}));
 }
 
 // Failed opens leave entries that only one key of each second leads to; they must not crowd out open files for good.
@@ -329,7 +376,7 @@ TEST_F(UtilitiesDescriptorCacheTest, OpenOutsideTheCacheEvictsOnlyWhenAskedTo) {
 }
 
 // A client that creates and writes one file after the other fills the cache and must still be able to create the next.
-TEST_F(UtilitiesDescriptorCacheTest, FilesAreCreatedAndResizedThoughTheCacheHoldsAllDescriptors) {
+TEST_F(UtilitiesDescriptorCacheTest, FilesAreCreatedResizedAndAppendedToThoughTheCacheHoldsAllDescriptors) {
     const std::vector<std::string> vFiles = MakeFiles(2);
     const DescriptorLimit limit;
     ASSERT_TRUE(limit.Set(GetLimitForFree(1)));
@@ -342,6 +389,10 @@ TEST_F(UtilitiesDescriptorCacheTest, FilesAreCreatedAndResizedThoughTheCacheHold
                      "[Test] OS create file \"" + sNew + "\"", "[Test] OS close file \"" + sNew + "\""}));
     ASSERT_TRUE(Get(vFiles[1]).IsOpen());
     EXPECT_TRUE(m_Utilities.OS_SetFileSize(&m_Param, &m_Tag, sNew.c_str(), 7, m_vcReason)) << m_vcReason;
+    ASSERT_TRUE(Get(vFiles[1]).IsOpen());
+    const int iNew = m_Utilities.OS_FileForceOpen(&m_Param, &m_Tag, sNew.c_str(), m_vcReason);
+    EXPECT_NE(iNew, -1) << m_vcReason;
+    m_Utilities.OS_FileClose(&m_Param, &m_Tag, iNew, sNew.c_str(), nullptr);
     EXPECT_EQ(ReadWholeFile(sNew), std::string(7, '\0'));
 }
 

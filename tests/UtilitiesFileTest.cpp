@@ -219,6 +219,24 @@ TEST_F(UtilitiesFileTest, AttributesOfAnOrdinaryFileAreModeAndSize) {
     EXPECT_EQ(ReadWholeFile(sFile), "0123");
 }
 
+TEST_F(UtilitiesFileTest, SettingEitherModeOrSizeClosesTheDescriptorFirst) {
+    const std::string sFile = MakeFile("f", "0123456789");
+    Read(sFile, 0, 1);
+    m_Log.Clear();
+    EXPECT_TRUE(Update(sFile, {.bMode = true, .iMode = 0600}));
+    Lines vLines = TakeLog();
+    ASSERT_EQ(vLines.size(), 3U);
+    EXPECT_EQ(vLines[1], "[Test] OS close file \"" + sFile + "\"");
+    EXPECT_EQ(vLines[2], "[Test] OS set file mode \"" + sFile + "\" (mode = 384)");
+    Read(sFile, 0, 1);
+    m_Log.Clear();
+    EXPECT_TRUE(Update(sFile, {.bSize = true, .iSize = 4}));
+    vLines = TakeLog();
+    ASSERT_EQ(vLines.size(), 3U);
+    EXPECT_EQ(vLines[1], "[Test] OS close file \"" + sFile + "\"");
+    EXPECT_EQ(vLines[2], "[Test] OS set file file \"" + sFile + "\"");
+}
+
 TEST_F(UtilitiesFileTest, OwnerAndTimesOfAnOrdinaryFileAreAcceptedAndIgnored) {
     const std::string sFile = MakeFile("f", "0123456789");
     Read(sFile, 0, 1);

@@ -215,6 +215,18 @@ TEST_F(UtilitiesOsTest, FailedTransferAtAnOffsetNamesTheStepThatFailed) {
     ExpectFailure("OS read file (" + std::to_string(folder.Get()) + ")", "Is a directory (21)");
 }
 
+// Some file systems read nothing there, but all the same refuse to seek.
+TEST_F(UtilitiesOsTest, OffsetThatTheFileSystemCannotAddressFailsAsASeek) {
+    constexpr long long kFar = 1LL << 62;
+    const CCachedFile file(OpenFile(MakeFile("f", "0123456789")));
+    const bool bAddressed = ::lseek(file.Get(), kFar, SEEK_SET) == kFar;
+    char vcBuffer[4];
+    EXPECT_EQ(m_Utilities.OS_FileReadAt(&m_Param, &m_Tag, file, kFar, vcBuffer, 4, m_vcReason), bAddressed ? 0 : -1);
+    if (!bAddressed) {
+        ExpectFailure("OS seek file (" + std::to_string(file.Get()) + ")", "Invalid argument (22)");
+    }
+}
+
 // A pipe cannot be sought; nothing may be taken out of it, and nobody waits for its other end.
 TEST_F(UtilitiesOsTest, NamedPipeNeverBlocks) {
     const std::string sPipe = m_Folder / "pipe";

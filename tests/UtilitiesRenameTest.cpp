@@ -63,6 +63,15 @@ TEST_F(UtilitiesRenameTest, RenamedFileKeepsItsHandle) {
     EXPECT_FALSE(Exists(sFrom));
 }
 
+TEST_F(UtilitiesRenameTest, HandleFollowsHoweverThePathsAreSpelled) {
+    const std::string sFrom = MakeFile("f", "content");
+    MakeFolder("d");
+    const unsigned int iID = GetID(sFrom);
+    EXPECT_TRUE(Rename(m_Folder.Path() + "/./f", m_Folder / "d/../g"));
+    EXPECT_EQ(PathOf(iID), m_Folder / "g");
+    EXPECT_EQ(GetID(m_Folder / "g"), iID);
+}
+
 TEST_F(UtilitiesRenameTest, FileWithoutHandleIsRenamedButReportedFalse) {
     const std::string sFrom = MakeFile("f", "content");
     EXPECT_FALSE(Rename(sFrom, m_Folder / "g"));
