@@ -145,6 +145,9 @@ TEST_F(RedirectedHostTest, AttributeChangesArriveAndTheAnswerDecides) {
     EXPECT_EQ(m_pClient->Setattr(m_sFile, size), kNfs3Ok);
     EXPECT_EQ(Notifications(), Lines({"setRedirectedFileAttributes(data, " + Path("disk") +
                                       ", true, 2199023255552, false, 0, false, 0)"}));
+    Fattr3 attributes;
+    EXPECT_EQ(m_pClient->Getattr(m_sFile, attributes), kNfs3Ok);
+    EXPECT_EQ(attributes.iSize, kDiskSize) << "the library changes nothing by itself";
     Sattr3 times;
     times.atime = {1700000000, 999};
     times.mtime = {4294967295, 1};
