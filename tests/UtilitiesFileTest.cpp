@@ -297,6 +297,7 @@ TEST_F(UtilitiesFileTest, AttributesOfARedirectedFileAreTheHostsToGrant) {
     EXPECT_FALSE(Update(sFile, {.bSize = true, .iSize = 4}));
     const std::vector<Notification> vSeen = m_Log.Notifications();
     ASSERT_EQ(vSeen.size(), 3U);
+    EXPECT_FALSE(vSeen[0].bSize || vSeen[0].bAccessTime || vSeen[0].bLastModifiedTime) << "an owner alone";
     EXPECT_TRUE(vSeen[1].bAccessTime);
     EXPECT_EQ(vSeen[1].lAccessTimeSec, 3U);
     EXPECT_TRUE(vSeen[1].bLastModifiedTime);

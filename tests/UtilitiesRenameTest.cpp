@@ -69,7 +69,9 @@ TEST_F(UtilitiesRenameTest, HandleFollowsHoweverThePathsAreSpelled) {
     const unsigned int iID = GetID(sFrom);
     EXPECT_TRUE(Rename(m_Folder.Path() + "/./f", m_Folder / "d/../g"));
     EXPECT_EQ(PathOf(iID), m_Folder / "g");
-    EXPECT_EQ(GetID(m_Folder / "g"), iID);
+    EXPECT_TRUE(Rename(m_Folder / "g", m_Folder / "d/../h"));
+    EXPECT_EQ(PathOf(iID), m_Folder / "h");
+    EXPECT_EQ(GetID(m_Folder / "h"), iID);
 }
 
 TEST_F(UtilitiesRenameTest, FileWithoutHandleIsRenamedButReportedFalse) {
