@@ -6,9 +6,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "LogCapture.h"
@@ -752,6 +754,71 @@ TEST_F(RedirectedFileTest, ClosedFileReadsNothingAndTakesNothing) {
     m_File.GetSegment(&m_Param, 0, &cursor);
     EXPECT_EQ(cursor.index, -1);
     EXPECT_EQ(LinesWith("OS open"), "") << "nothing is opened anew";
+}
+
+/// Closes a file from within a line of the log, as another thread might just then.
+class ClosingUtilities : public CaptureUtilities {
+public:
+    using CaptureUtilities::CaptureUtilities;
+    using CaptureUtilities::LogInfo;
+
+    void LogInfo(CRuntimeParam* pRuntimeParam, const char* pcMessage) override {
+        CaptureUtilities::LogInfo(pRuntimeParam, pcMessage);
+        if (m_pFile != nullptr && std::string(pcMessage).starts_with(m_sLine)) {
+            std::exchange(m_pFile, nullptr)->Close(pRuntimeParam);
+        }
+    }
+    void CloseAtLine(CRedirectedFile* pFile, const std::string& sLine) {
+        m_sLine = sLine;
+        m_pFile = pFile;
+    }
+
+private:
+    CRedirectedFile* m_pFile = nullptr;
+    std::string m_sLine;
+};
+
+class RedirectedFileClosingTest : public RedirectedFileTest {
+protected:
+    ReadResult ReadClosedAt(const std::string& sLine, unsigned int iLen) {
+        m_Closing.CloseAtLine(&m_Read, sLine);
+        ReadResult read{0, false, std::string(CRedirectedFile::GetReadRoom(iLen), '\x5A')};
+        read.iResult = m_Read.Read(&m_Param, 0, read.sData.data(), iLen, &read.bEof);
+        read.sData.resize(static_cast<std::size_t>(std::max(read.iResult, 0)));
+        EXPECT_TRUE(m_Read.IsClosed());
+        return read;
+    }
+    bool AddTo(const std::string& sSource, long long iOffset, long long iLength) {
+        return m_Read.AddSegment(&m_Param, sSource.c_str(), 0, iOffset, iLength, nullptr);
+    }
+
+    ClosingUtilities m_Closing{&m_Log};
+    CRedirectedFile m_Read{&m_Closing};
+};
+
+TEST_F(RedirectedFileClosingTest, ReadThatFindsItselfClosedFailsInsteadOfDeliveringZeros) {
+    m_Read.Open(&m_Param, 200, 1, nullptr, 0, 0);
+    AddTo(A(), 0, 100);
+    const auto read = ReadClosedAt("[RedirectedFile.Read] Segment", 50);
+    EXPECT_EQ(read.iResult, -1);
+    EXPECT_FALSE(read.bEof);
+    EXPECT_EQ(m_Read.GetPos(), 0);
+    EXPECT_EQ(LinesWith("OS open file"), "") << "nothing is opened behind the closing";
+}
+
+TEST_F(RedirectedFileClosingTest, ReadUnderWayEndsWithWhatItHas) {
+    m_Read.Open(&m_Param, 200, 1, nullptr, 0, 0);
+    AddTo(A(), 0, 100);
+    EXPECT_EQ(ReadClosedAt("[RedirectedFile.Read] OS read file", 150).sData, SourceBytes('A', 0, 100))
+        << "no zeros for what an empty map does not cover";
+}
+
+TEST_F(RedirectedFileClosingTest, SearchOfTheInfoFileEndsAtItsNextRecord) {
+    WriteRecords(std::vector<Segment>(100, Segment{-1, 0, 500, 10}));
+    m_Read.Open(&m_Param, 1000, 1, Info().c_str(), 0, 0);
+    EXPECT_EQ(ReadClosedAt("[RedirectedFile.GetSegment] OS read file", 50).iResult, -1);
+    const std::string sReads = LinesWith("OS read file");
+    EXPECT_EQ(std::count(sReads.begin(), sReads.end(), '\n'), 1) << sReads;
 }
 
 // ---- The wrappers ------------------------------------------------------------------------------------------------
