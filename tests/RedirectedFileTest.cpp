@@ -7,9 +7,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <climits>
 #include <cstring>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -754,6 +756,36 @@ TEST_F(RedirectedFileTest, ClosedFileReadsNothingAndTakesNothing) {
     m_File.GetSegment(&m_Param, 0, &cursor);
     EXPECT_EQ(cursor.index, -1);
     EXPECT_EQ(LinesWith("OS open"), "") << "nothing is opened anew";
+}
+
+TEST_F(RedirectedFileTest, ReadsThatACloseOvertakesLeaveNoDescriptorInTheCache) {
+    LogArgu logArgu{"test"};
+    for (int iRound = 0; iRound < 300; ++iRound) {
+        m_Param.SetLogControl(0);
+        WriteWholeFile(Info(), "");
+        CRedirectedFile file(&m_Utilities);
+        file.Open(&m_Param, 200, 1, Info().c_str(), 0, 0);
+        ASSERT_TRUE(file.AddSegment(&m_Param, A().c_str(), 0, 0, 100, nullptr));
+        ASSERT_TRUE(file.AddSegment(&m_Param, B().c_str(), 0, 100, 100, nullptr));
+        std::atomic<int> nReads{0};
+        std::thread reader([&file, &nReads] {
+            CRuntimeParam param("reader", 0);
+            char vcBuffer[400];
+            bool bEof = false;
+            for (; !file.IsClosed(); ++nReads) {
+                file.Read(&param, 0, vcBuffer, 200, &bEof);
+            }
+        });
+        while (nReads < iRound % 3) {
+            std::this_thread::yield();
+        }
+        file.Close(&m_Param);
+        reader.join();
+        m_Param.SetLogControl(kAllLogs);
+        m_Log.Clear();
+        m_Utilities.CloseAllCachedFileHandles(&m_Param, &logArgu);
+        ASSERT_EQ(m_Log.Dump(), "") << "round " << iRound;
+    }
 }
 
 /// Closes a file from within a line of the log, as another thread might just then.
