@@ -266,6 +266,50 @@ TEST_F(Nfs3ProgAttributesTest, LinesOfSetattr) {
                                        sTag + " End stat=10002"));
 }
 
+// Owner, group and times change nothing on disk: whether they are handed on rightly shows in this line alone.
+TEST_F(Nfs3ProgAttributesTest, EveryAttributeIsHandedOnInItsPlace) {
+    WriteWholeFile(Path("file"), "");
+    const std::string sHandle = Handle("file");
+    const std::string sTag = "[Nfs3Prog.ProcedureSETATTR] Update file attributes, path=" + Path("file");
+    const auto setattr = [&](const XdrBuilder& attributes) {
+        SetLog(CRuntimeParam::kLogFileAccess);
+        ExpectBareFailure(Setattr(sHandle, attributes, NoGuard()), 0, 2);
+        return TakeLog().front();
+    };
+    EXPECT_EQ(setattr(XdrBuilder()
+                          .U32(1)
+                          .U32(0640)
+                          .U32(1)
+                          .U32(11)
+                          .U32(1)
+                          .U32(12)
+                          .U32(1)
+                          .U64(13)
+                          .U32(2)
+                          .U32(14)
+                          .U32(15)
+                          .U32(2)
+                          .U32(16)
+                          .U32(17)),
+              sTag +
+                  ", set_mode=1, mode=416, set_uid=1, uid=11, set_gid=1, gid=12, set_size=1, size=13, set_atime=1, "
+                  "atime.sec=14, atime.nsec=15, set_mtime=1, mtime.sec=16, mtime.nsec=17");
+    EXPECT_EQ(setattr(XdrBuilder().U32(0).U32(0).U32(1).U32(12).U32(0).U32(1).U32(0)),
+              sTag +
+                  ", set_mode=0, mode=0, set_uid=0, uid=0, set_gid=1, gid=12, set_size=0, size=0, set_atime=1, "
+                  "atime.sec=0, atime.nsec=0, set_mtime=0, mtime.sec=0, mtime.nsec=0")
+        << "the server's time goes as 0";
+    EXPECT_EQ(setattr(XdrBuilder().U32(0).U32(1).U32(11).U32(0).U32(0).U32(0).U32(2).U32(16).U32(17)),
+              sTag +
+                  ", set_mode=0, mode=0, set_uid=1, uid=11, set_gid=0, gid=0, set_size=0, size=0, set_atime=0, "
+                  "atime.sec=0, atime.nsec=0, set_mtime=1, mtime.sec=16, mtime.nsec=17");
+    EXPECT_EQ(setattr(XdrBuilder().U32(2).U32(2).U32(2).U32(2).U32(0).U32(3)),
+              sTag +
+                  ", set_mode=0, mode=0, set_uid=0, uid=0, set_gid=0, gid=0, set_size=0, size=0, set_atime=0, "
+                  "atime.sec=0, atime.nsec=0, set_mtime=1, mtime.sec=0, mtime.nsec=0")
+        << "only 1 is true; any word but 0 sets a time";
+}
+
 TEST_F(Nfs3ProgAttributesTest, ChangesOfARedirectedFileAreTheHostsToGrant) {
     WriteWholeFile(Path("virtual"), "on disk");
     m_Utilities.OpenRedirectedFile(&m_RuntimeParam, Path("virtual").c_str(), 100, false, 0, 0);

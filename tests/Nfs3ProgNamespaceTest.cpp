@@ -11,6 +11,7 @@
 
 namespace {
 
+using testing::Contains;
 using testing::ElementsAre;
 using testing::StartsWith;
 
@@ -116,6 +117,38 @@ TEST_F(Nfs3ProgNamespaceTest, LinesOfCreate) {
     EXPECT_THAT(std::vector<std::string>(vsLog.begin() + 2, vsLog.end()),
                 ElementsAre(sTag + "Mode: 1, Is file exist before create: 1", sTag + "Is file exist after create: 1",
                             sTag + "End stat=17"));
+}
+
+// A refused CREATE says nothing of the file: it was not looked for.
+TEST_F(Nfs3ProgNamespaceTest, LinesOfARefusedCreate) {
+    const std::string sRoot = Handle();
+    const std::string sTag = "[Nfs3Prog.ProcedureCREATE] ";
+    SetLog(CRuntimeParam::kLogProcFuncArgu | CRuntimeParam::kLogError);
+    Call(kNfsCreate, DirOp(m_sForged, "file").U32(kGuarded).Raw(m_sNoAttributes));
+    EXPECT_THAT(TakeLog(), ElementsAre(sTag + "Path record not found", sTag + "End stat=5"));
+    Call(kNfsCreate, DirOp(sRoot, "file").U32(7));
+    EXPECT_THAT(TakeLog(),
+                ElementsAre(sTag + "Read path=" + m_Folder.Path() + ", name=file", sTag + "Path = " + Path("file"),
+                            sTag + "Mode: 7, Is file exist before create: 0", sTag + "Is file exist after create: 0",
+                            sTag + "End stat=5"));
+    m_Prog.SetReadOnly(true);
+    Call(kNfsCreate, DirOp(sRoot, "file").U32(kGuarded).Raw(m_sNoAttributes));
+    EXPECT_THAT(TakeLog(), ElementsAre(sTag + "Read path=" + m_Folder.Path() + ", name=file",
+                                       sTag + "Path = " + Path("file"), sTag + "End stat=13"));
+}
+
+TEST_F(Nfs3ProgNamespaceTest, AttributesOfCreateAreHandedOn) {
+    const std::string sRoot = Handle();
+    const std::string sTag = "[Nfs3Prog.ProcedureCREATE] Update file attributes, path=";
+    SetLog(CRuntimeParam::kLogFileAccess);
+    Call(kNfsCreate, DirOp(sRoot, "a").U32(kUnchecked).U32(1).U32(0600).U32(0).U32(1).U32(12).U32(0).U32(0).U32(1));
+    EXPECT_THAT(TakeLog(), Contains(sTag + Path("a") +
+                                    ", set_mode=1, mode=384, set_uid=0, uid=0, set_gid=1, gid=12, set_size=0, size=0, "
+                                    "set_atime=0, atime.sec=0, atime.nsec=0, set_mtime=1, mtime.sec=0, mtime.nsec=0"));
+    Call(kNfsCreate, DirOp(sRoot, "b").U32(kExclusive).U64(0x1111111122222222));
+    EXPECT_THAT(TakeLog(), Contains(sTag + Path("b") +
+                                    ", set_mode=0, mode=0, set_uid=0, uid=0, set_gid=0, gid=0, set_size=0, size=0, "
+                                    "set_atime=0, atime.sec=0, atime.nsec=0, set_mtime=0, mtime.sec=0, mtime.nsec=0"));
 }
 
 // ==== MKDIR ==========================================================================================================

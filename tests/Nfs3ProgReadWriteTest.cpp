@@ -290,6 +290,37 @@ TEST_F(Nfs3ProgReadWriteTest, WriteToARedirectedFileIsTheHostsToAnswer) {
     EXPECT_EQ(ReadWholeFile(Path("virtual")), "on disk");
 }
 
+TEST_F(Nfs3ProgReadWriteTest, LinesOfFailuresInTheirOrder) {
+    mkdir(Path("dir").c_str(), 0755);
+    const std::string sDir = Handle("dir");
+    const std::string sMissing = Handle("missing");
+    const std::string sRead = "[Nfs3Prog.ProcedureREAD] ";
+    const std::string sWrite = "[Nfs3Prog.ProcedureWRITE] ";
+    SetLog(CRuntimeParam::kLogProcFuncArgu | CRuntimeParam::kLogError);
+    Read(m_sForged, 5, 10);
+    EXPECT_THAT(TakeLog(), ElementsAre(sRead + "Path record not found", sRead + "Read fail", sRead + "End stat=5"));
+    Read(sMissing, 5, 10);
+    EXPECT_THAT(TakeLog(), ElementsAre(sRead + "Path = " + Path("missing"), sRead + "Read fail", sRead + "End stat=5"));
+    Read(sDir, 5, 0xFFFFFFFFU);
+    EXPECT_THAT(TakeLog(), ElementsAre(sRead + "Path = " + Path("dir"), sRead + "Offset=5, length=4294967295",
+                                       sRead + "Count bigger than free buffer (path=" + Path("dir") +
+                                           ", offset=5 length=4294967295)",
+                                       sRead + "Read fail", sRead + "End stat=22"));
+    Write(m_sForged, 5, 1, "x");
+    EXPECT_THAT(TakeLog(), ElementsAre(sWrite + "Path record not found", sWrite + "Write fail", sWrite + "End stat=5"));
+    Write(sDir, ~std::uint64_t{0}, 1, "x");
+    EXPECT_THAT(TakeLog(),
+                ElementsAre(sWrite + "Path = " + Path("dir"), sWrite + "Offset=18446744073709551615, length=1, count=1",
+                            sWrite + "Write fail", sWrite + "End stat=27"));
+    m_Prog.SetReadOnly(true);
+    Write(m_sForged, 5, 1, "x");
+    EXPECT_THAT(TakeLog(),
+                ElementsAre(sWrite + "Path record not found", sWrite + "Write fail", sWrite + "End stat=13"));
+    Write(sDir, 5, 1, "x");
+    EXPECT_THAT(TakeLog(),
+                ElementsAre(sWrite + "Path = " + Path("dir"), sWrite + "Write fail", sWrite + "End stat=13"));
+}
+
 // ==== COMMIT =========================================================================================================
 
 TEST_F(Nfs3ProgReadWriteTest, CommitAnswers5) {
