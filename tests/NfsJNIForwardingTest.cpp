@@ -401,7 +401,7 @@ TEST_F(NfsJNIForwardingTest, WhatTheLibraryFailsAtBeyondAnyReasonBecomesAnIntern
 
 TEST_F(NfsJNIForwardingTest, TextsComeBackAsStrings) {
     const JavaFrame java(m_Jvm);
-    const jobject jObj = m_Jvm.NewHost({});
+    jobject jObj = m_Jvm.NewHost({});
     EXPECT_EQ(m_Jvm.TextOf(NFSLIB_NATIVE(getVersion)(java.Env(), jObj, m_iHandle)), u"a version");
     EXPECT_EQ(m_Jvm.TextOf(NFSLIB_NATIVE(getDescription)(java.Env(), jObj, m_iHandle)), u"a description");
     EXPECT_EQ(m_Record.vsCalls, Calls({"GetVersion()", "GetDescription()"}));
@@ -413,7 +413,7 @@ TEST_F(NfsJNIForwardingTest, TheLocalSessionTableIsAskedWithoutTheControllersSay
     m_Record.bAnswer = false;
     m_pMain->CNfsMain::AddSessionInfo("here", "/x");
     const JavaFrame java(m_Jvm);
-    const jobject jObj = m_Jvm.NewHost({});
+    jobject jObj = m_Jvm.NewHost({});
     const auto ask = [&](jstring jID) { return NFSLIB_NATIVE(isLocalSessionExists)(java.Env(), jObj, m_iHandle, jID); };
     EXPECT_EQ(ask(m_Jvm.NewText(u"here")), JNI_TRUE);
     EXPECT_EQ(ask(m_Jvm.NewText(u"elsewhere")), JNI_FALSE);
@@ -433,10 +433,10 @@ TEST_F(NfsJNIForwardingTest, TheWaitingLoopAsksTheControllerForNothing) {
     int nAsked = 0;
     std::shared_ptr<CCallback> pInstalled;
     const JavaFrame java(m_Jvm);
-    const jobject jObj = m_Jvm.NewHost({{"isInterrupted()Z", [&](const std::vector<HostArgument>&) {
-                                             pInstalled = m_pMain->GetCallback();
-                                             return HostAnswer{++nAsked == 2 ? 1 : 0};
-                                         }}});
+    jobject jObj = m_Jvm.NewHost({{"isInterrupted()Z", [&](const std::vector<HostArgument>&) {
+                                       pInstalled = m_pMain->GetCallback();
+                                       return HostAnswer{++nAsked == 2 ? 1 : 0};
+                                   }}});
     EXPECT_EQ(NFSLIB_NATIVE(receiveCallbackLoop)(java.Env(), jObj, m_iHandle, -1), JNI_FALSE);
     EXPECT_EQ(nAsked, 2);
     EXPECT_NE(pInstalled, nullptr) << "installed while it loops";
@@ -449,10 +449,10 @@ TEST_F(NfsJNIForwardingTest, TheWaitingLoopAsksOncePerSecondOfItsLife) {
     using Clock = std::chrono::steady_clock;
     std::vector<Clock::time_point> vAsked;
     const JavaFrame java(m_Jvm);
-    const jobject jObj = m_Jvm.NewHost({{"isInterrupted()Z", [&](const std::vector<HostArgument>&) {
-                                             vAsked.push_back(Clock::now());
-                                             return HostAnswer{};
-                                         }}});
+    jobject jObj = m_Jvm.NewHost({{"isInterrupted()Z", [&](const std::vector<HostArgument>&) {
+                                       vAsked.push_back(Clock::now());
+                                       return HostAnswer{};
+                                   }}});
     const auto start = Clock::now();
     EXPECT_EQ(NFSLIB_NATIVE(receiveCallbackLoop)(java.Env(), jObj, m_iHandle, 2), JNI_FALSE);
     ASSERT_EQ(vAsked.size(), 2U);
@@ -465,11 +465,11 @@ TEST_F(NfsJNIForwardingTest, ALoopBesideAnInstalledCallbackAsksItsOwnObjectAndLe
     const auto pLasting = std::make_shared<CCallback>(java.Env(), m_Jvm.NewHost({}));
     m_pMain->SetCallback(pLasting);
     int nAsked = 0;
-    const jobject jObj = m_Jvm.NewHost({{"isInterrupted()Z", [&](const std::vector<HostArgument>&) {
-                                             ++nAsked;
-                                             EXPECT_EQ(m_pMain->GetCallback(), pLasting);
-                                             return HostAnswer{JNI_TRUE};
-                                         }}});
+    jobject jObj = m_Jvm.NewHost({{"isInterrupted()Z", [&](const std::vector<HostArgument>&) {
+                                       ++nAsked;
+                                       EXPECT_EQ(m_pMain->GetCallback(), pLasting);
+                                       return HostAnswer{JNI_TRUE};
+                                   }}});
     EXPECT_EQ(NFSLIB_NATIVE(receiveCallbackLoop)(java.Env(), jObj, m_iHandle, -1), JNI_FALSE);
     EXPECT_EQ(nAsked, 1);
     EXPECT_EQ(m_pMain->GetCallback(), pLasting);

@@ -98,6 +98,7 @@ protected:
     /// Runs `work` on that many threads and waits for them.
     static void OnThreads(int nThreads, const std::function<void(int)>& work) {
         std::vector<std::thread> vThreads;
+        vThreads.reserve(static_cast<std::size_t>(nThreads));
         for (int i = 0; i < nThreads; ++i) {
             vThreads.emplace_back(work, i);
         }
@@ -128,7 +129,8 @@ TEST_F(NfsJNITest, AFailedInitialThrowsAndKeepsNothing) {
 TEST_F(NfsJNITest, NoModeLetsOthersEndTheHostsProgram) {
     for (const jint iAccessMode : {0, 1, 2}) {
         const jlong iHandle = Initial(iAccessMode);
-        EXPECT_FALSE(reinterpret_cast<CNfsMain*>(iHandle)->IsAutoShutdownEnabled()) << iAccessMode;
+        auto* pMain = reinterpret_cast<CNfsMain*>(iHandle);  // NOLINT(performance-no-int-to-ptr): what a handle is
+        EXPECT_FALSE(pMain->IsAutoShutdownEnabled()) << iAccessMode;
         Terminate(iHandle);
     }
 }
