@@ -5,11 +5,21 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <optional>
 #include <utility>
 
+#include "DeferredLog.h"
 #include "PositionedFile.h"
 #include "Reason.h"
 #include "Utilities.h"
+
+namespace {
+
+/// A segment of more records than this (2 TiB at the default size) has the lines about them go out one by one, under
+/// the lock: they would take too much memory.
+constexpr std::int64_t kMaxRecordsWithKeptLines = 65536;
+
+}  // namespace
 
 CRedirectedFile::CRedirectedFile(CUtilities* pUtilities) : m_pUtilities(pUtilities) {}
 
@@ -38,6 +48,10 @@ void CRedirectedFile::Open(CRuntimeParam* pRuntimeParam, long long iSize, int iI
 bool CRedirectedFile::AddSegment(CRuntimeParam* pRuntimeParam, const char* pcSource, long long iFileOffset,
                                  long long iOffset, long long iLength, char* pcStatus) {
     LogArgu logArgu{"RedirectedFile.AddSegment"};
+    std::optional<CDeferredLog> deferred;
+    if (std::min<std::int64_t>(iLength, m_iSize) / m_iInfoFileSegmentSize <= kMaxRecordsWithKeptLines) {
+        deferred.emplace();
+    }
     MutexLock lock(m_hMutexAppend);
     if (m_bClosed) {
         return false;  // whoever knows the path says so
@@ -198,6 +212,7 @@ bool CRedirectedFile::WriteRecord(CRuntimeParam* pRuntimeParam, LogArgu* pLogArg
 
 void CRedirectedFile::CreateCheckPointSegment(CRuntimeParam* pRuntimeParam, const Segment& segment) {
     LogArgu logArgu{"RedirectedFile.CreateCheckPointSegment"};
+    const CDeferredLog deferred;
     MutexLock lock(m_hMutexAppend);
     const CCachedFile file = GetInfoFile(pRuntimeParam, &logArgu, false);
     if (file.IsOpen()) {
@@ -224,6 +239,7 @@ void CRedirectedFile::Close(CRuntimeParam* pRuntimeParam) {
     if (m_bClosed.exchange(true)) {
         return;
     }
+    const CDeferredLog deferred;
     // An adding of a segment under way ends at its next record, and no other begins.
     MutexLock lockAppend(m_hMutexAppend);
     {

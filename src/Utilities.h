@@ -46,6 +46,8 @@ struct VSphereInfo {
     std::string sPort;
     std::string sUser;
     std::string sPwd;
+
+    bool operator==(const VSphereInfo&) const = default;
 };
 
 /// One entry of the descriptor cache. An entry whose open failed holds no descriptor (-1) and is tried again.
@@ -60,8 +62,8 @@ struct OpenedFileInfo {
 ///
 /// Any thread may call any operation. Each table has a mutex of its own; where locks nest the order is
 /// redirected files, descriptor cache, exports, file table (docs/architecture.md). No registry mutex is held while
-/// the host is notified. A runtime parameter and a LogArgu serve logging only, unless said otherwise; neither is kept.
-/// Reason buffers hold kReasonBufferSize characters and may be null.
+/// the host is notified or a log line goes out. A runtime parameter and a LogArgu serve logging only, unless said
+/// otherwise; neither is kept. Reason buffers hold kReasonBufferSize characters and may be null.
 class CUtilities {
 public:
     CUtilities();
@@ -354,6 +356,13 @@ protected:
 private:
     using OpenedFiles = std::map<std::string, OpenedFileInfo, std::less<>>;
 
+    bool ScanMountInfos(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPathToCompare, bool bReachable,
+                        MountInfo* pMountInfo);
+
+    // Steps of the clean-up.
+    bool GetFirstVSphereInfo(VSphereInfo* pInfo);
+    void UnmountWithWebCtrl(const VSphereInfo& info);
+
     // Steps that hold a lock of their callers.
     bool FindMountInfoClash(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcLocalMountPath,
                             const char* pcExportName, char* pcStatus) REQUIRES(m_hMutexMountInfos);
@@ -433,7 +442,7 @@ private:
     /// Datastores by MOID; held while the clean-up tool runs.
     Mutex m_hMutexVSphereInfos;
     std::map<std::string, VSphereInfo, std::less<>> m_VSphereInfos GUARDED_BY(m_hMutexVSphereInfos);
-    std::unique_ptr<CVSphereWebController> m_pVSphereWebController;
+    std::unique_ptr<CVSphereWebController> m_pVSphereWebController GUARDED_BY(m_hMutexVSphereInfos);
 
     /// Device paths whose credentials were added; held while the credential command runs.
     Mutex m_hMutexNetDeviceCredential;

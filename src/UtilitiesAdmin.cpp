@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdio>
 
+#include "DeferredLog.h"
 #include "Utilities.h"
 
 namespace {
@@ -65,9 +66,14 @@ int CUtilities::ExecuteSystemCmd(CRuntimeParam* pRuntimeParam, const char* pcCmd
 }
 
 int CUtilities::GetNetDeviceCredential(CRuntimeParam* pRuntimeParam, bool bPrintDetails) {
-    MutexLock lock(m_hMutexNetDeviceCredential);
+    // Printed from a copy: the lines may go to a client that takes its time, or to a host that asks back.
+    decltype(m_NetDeviceCredential) vsPaths;
+    {
+        MutexLock lock(m_hMutexNetDeviceCredential);
+        vsPaths = m_NetDeviceCredential;
+    }
     int nPaths = 0;
-    for (const std::string& sPath : m_NetDeviceCredential) {
+    for (const std::string& sPath : vsPaths) {
         ++nPaths;
         if (bPrintDetails) {
             LogInfo(pRuntimeParam, " Net device path %d - %s", nPaths, sPath.c_str());
@@ -79,6 +85,7 @@ int CUtilities::GetNetDeviceCredential(CRuntimeParam* pRuntimeParam, bool bPrint
 bool CUtilities::AddNetDeviceCredential(CRuntimeParam* pRuntimeParam, const char* pcPath, const char* pcUser,
                                         const char* pcPwd) {
     const std::string sPath = pcPath == nullptr ? "" : pcPath;
+    const CDeferredLog deferred;
     MutexLock lock(m_hMutexNetDeviceCredential);
     if (!ExecuteAddNetDeviceCredentialCmd(pRuntimeParam, sPath.c_str(), pcUser, pcPwd)) {
         return false;
@@ -91,6 +98,7 @@ bool CUtilities::AddNetDeviceCredential(CRuntimeParam* pRuntimeParam, const char
 
 bool CUtilities::RemoveNetDeviceCredential(CRuntimeParam* pRuntimeParam, const char* pcPath) {
     const std::string sPath = pcPath == nullptr ? "" : pcPath;
+    const CDeferredLog deferred;
     MutexLock lock(m_hMutexNetDeviceCredential);
     if (!ExecuteRemoveNetDeviceCredentialCmd(pRuntimeParam, sPath.c_str())) {
         return false;

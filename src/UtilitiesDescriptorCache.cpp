@@ -9,6 +9,7 @@
 
 #include <fcntl.h>
 
+#include "DeferredLog.h"
 #include "Utilities.h"
 
 namespace {
@@ -33,6 +34,7 @@ CCachedFile CUtilities::GetCachedFileHandle(CRuntimeParam* pRuntimeParam, LogArg
     if (pcPath == nullptr || pcPath[0] == '\0') {
         return {};
     }
+    const CDeferredLog deferred;
     MutexLock lock(m_hMutexOpenedFileHandles);
     const auto itOpened = m_OpenedFileHandles.find(std::string_view(pcPath));
     if (itOpened == m_OpenedFileHandles.end() || !itOpened->second.iFile.IsOpen()) {
@@ -92,6 +94,7 @@ void CUtilities::CloseCachedFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pL
     if (pcPath == nullptr || pcPath[0] == '\0') {
         return;
     }
+    const CDeferredLog deferred;
     MutexLock lock(m_hMutexOpenedFileHandles);
     const auto itOpened = m_OpenedFileHandles.find(std::string_view(pcPath));
     if (itOpened != m_OpenedFileHandles.end()) {
@@ -113,6 +116,7 @@ void CUtilities::CloseAllCachedFileHandles(CRuntimeParam* pRuntimeParam, LogArgu
     std::string sPrefix = pcPath;
     SetPathToCompare(sPrefix);
     const bool bLog = pRuntimeParam->IsLogGeneralInfo();
+    const CDeferredLog deferred;
     MutexLock lock(m_hMutexOpenedFileHandles);
     auto itOpened = m_OpenedFileHandles.begin();
     while (itOpened != m_OpenedFileHandles.end()) {
@@ -136,6 +140,7 @@ void CUtilities::CloseAllCachedFileHandles(CRuntimeParam* pRuntimeParam, LogArgu
 void CUtilities::CloseCachedFileHandlesBelow(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath) {
     std::string sPrefix = pcPath;
     SetPathToCompare(sPrefix);
+    const CDeferredLog deferred;
     MutexLock lock(m_hMutexOpenedFileHandles);
     auto itOpened = m_OpenedFileHandles.lower_bound(sPrefix);
     while (itOpened != m_OpenedFileHandles.end() && itOpened->first.starts_with(sPrefix)) {
@@ -144,6 +149,7 @@ void CUtilities::CloseCachedFileHandlesBelow(CRuntimeParam* pRuntimeParam, LogAr
 }
 
 void CUtilities::CloseAllCachedFileHandles(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu) {
+    const CDeferredLog deferred;
     MutexLock lock(m_hMutexOpenedFileHandles);
     ClearCachedFiles(pRuntimeParam, pLogArgu);
 }
@@ -187,6 +193,7 @@ void CUtilities::CloseExceededCachedFileHandle(CRuntimeParam* pRuntimeParam, Log
 }
 
 void CUtilities::FreeCachedFileHandles(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu) {
+    const CDeferredLog deferred;
     MutexLock lock(m_hMutexOpenedFileHandles);
     CloseExceededCachedFileHandle(pRuntimeParam, pLogArgu);
 }

@@ -5,6 +5,7 @@
 
 #include <unistd.h>
 
+#include "DeferredLog.h"
 #include "RedirectedFile.h"
 #include "Utilities.h"
 
@@ -107,6 +108,7 @@ int CUtilities::ReadFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const 
     if (iSeekType == SEEK_SET) {
         return ReadOpenedFile(pRuntimeParam, pLogArgu, file, static_cast<long long>(iSeek), pvBuffer, iLen, pbEof);
     }
+    const CDeferredLog deferred;
     MutexLock lock(file.GetPositionMutex());
     const long long iOffset = SeekRelatively(file, iSeek, iSeekType);
     return ReadOpenedFile(pRuntimeParam, pLogArgu, file, iOffset, pvBuffer, iLen, pbEof);
@@ -140,6 +142,7 @@ int CUtilities::WriteFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const
     if (iSeekType == SEEK_SET) {
         return WriteOpenedFile(pRuntimeParam, pLogArgu, file, static_cast<long long>(iSeek), pvData, iLen);
     }
+    const CDeferredLog deferred;
     MutexLock lock(file.GetPositionMutex());
     const long long iOffset = SeekRelatively(file, iSeek, iSeekType);
     return WriteOpenedFile(pRuntimeParam, pLogArgu, file, iOffset, pvData, iLen);

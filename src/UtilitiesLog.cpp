@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "Callback.h"
+#include "DeferredLog.h"
 #include "FileLogger.h"
 #include "Utilities.h"
 
@@ -34,7 +35,9 @@ void CUtilities::LogInfo(Requester requester, const char* pcFormat, ...) {
     va_start(arguments, pcFormat);
     const FormattedMessage message(pcFormat, arguments);
     va_end(arguments);
-    LogInfo(requester.pRuntimeParam, message.Get());
+    if (!CDeferredLog::Keep(this, CDeferredLog::kInfo, requester.pRuntimeParam, message.Get())) {
+        LogInfo(requester.pRuntimeParam, message.Get());
+    }
 }
 
 void CUtilities::LogError(Requester requester, const char* pcFormat, ...) {
@@ -42,7 +45,9 @@ void CUtilities::LogError(Requester requester, const char* pcFormat, ...) {
     va_start(arguments, pcFormat);
     const FormattedMessage message(pcFormat, arguments);
     va_end(arguments);
-    LogError(requester.pRuntimeParam, message.Get());
+    if (!CDeferredLog::Keep(this, CDeferredLog::kError, requester.pRuntimeParam, message.Get())) {
+        LogError(requester.pRuntimeParam, message.Get());
+    }
 }
 
 void CUtilities::LogRaw(Requester requester, const char* pcFormat, ...) {
@@ -50,7 +55,9 @@ void CUtilities::LogRaw(Requester requester, const char* pcFormat, ...) {
     va_start(arguments, pcFormat);
     const FormattedMessage message(pcFormat, arguments);
     va_end(arguments);
-    LogRaw(requester.pRuntimeParam, message.Get());
+    if (!CDeferredLog::Keep(this, CDeferredLog::kRaw, requester.pRuntimeParam, message.Get())) {
+        LogRaw(requester.pRuntimeParam, message.Get());
+    }
 }
 
 // ---- The virtual forms

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "DeferredLog.h"
 #include "Reason.h"
 #include "Utilities.h"
 
@@ -55,6 +56,7 @@ bool CUtilities::AddMountInfo(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, c
     GetCanonicalPath(pRuntimeParam, pLogArgu, vcCanonical, pcLocalMountPath);
     const std::string sExportName = pcExportName != nullptr ? pcExportName : "";
 
+    const CDeferredLog deferred;
     MutexLock lock(m_hMutexMountInfos);
     if (FindMountInfoClash(pRuntimeParam, pLogArgu, vcCanonical, sExportName.c_str(), pcStatus)) {
         return false;
@@ -71,6 +73,7 @@ bool CUtilities::AddMountInfo(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, c
 
 bool CUtilities::IsMountInfoExists(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcLocalMountPath,
                                    const char* pcExportName, char* pcStatus) {
+    const CDeferredLog deferred;
     MutexLock lock(m_hMutexMountInfos);
     return FindMountInfoClash(pRuntimeParam, pLogArgu, pcLocalMountPath, pcExportName, pcStatus);
 }
@@ -156,24 +159,43 @@ bool CUtilities::GetMountInfoByPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogA
                                     MountInfo* pMountInfo) {
     const char* pcGiven = pcPath != nullptr ? pcPath : "";
     const PathToCompare path(pcGiven);
-    const bool bLog = pRuntimeParam->IsLogGeneralInfo();
     // ".." could lead out of any export; a path that does not fit belongs to none.
     const bool bReachable = (path.Get()[0] != '\0' || pcGiven[0] == '\0') && !HasParentComponent(pcGiven);
-
+    if (pRuntimeParam->IsLogGeneralInfo()) {
+        return ScanMountInfos(pRuntimeParam, pLogArgu, path.Get(), bReachable, pMountInfo);
+    }
+    if (!bReachable) {
+        return false;
+    }
     MutexLock lock(m_hMutexMountInfos);
-    for (const auto& [sName, mount] : m_MountInfos) {
+    const auto itMount = std::ranges::find_if(
+        m_MountInfos, [&path](const auto& mount) { return IsInside(path.Get(), mount.second.sLocalMountPath); });
+    if (itMount == m_MountInfos.end()) {
+        return false;
+    }
+    if (pMountInfo != nullptr) {
+        *pMountInfo = itMount->second;
+    }
+    return true;
+}
+
+/// The search that says what it compares. It walks a copy, so that its lines go out without the lock.
+bool CUtilities::ScanMountInfos(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPathToCompare,
+                                bool bReachable, MountInfo* pMountInfo) {
+    decltype(m_MountInfos) mountInfos;
+    {
+        MutexLock lock(m_hMutexMountInfos);
+        mountInfos = m_MountInfos;
+    }
+    for (const auto& [sName, mount] : mountInfos) {
         const std::string& sLocal = mount.sLocalMountPath;
-        if (bLog) {
-            LogInfo(pRuntimeParam, "[%s] Path scan: \"%s\" vs \"%s\"", pLogArgu->pcName, path.Get(), sLocal.c_str());
-            if (std::string_view(path.Get()).starts_with(sLocal)) {
-                LogInfo(pRuntimeParam, "[%s] Path compare: \"%s\" vs \"%s\"", pLogArgu->pcName, path.Get(),
-                        PathToCompare(sLocal.c_str()).Get());
-            }
+        LogInfo(pRuntimeParam, "[%s] Path scan: \"%s\" vs \"%s\"", pLogArgu->pcName, pcPathToCompare, sLocal.c_str());
+        if (std::string_view(pcPathToCompare).starts_with(sLocal)) {
+            LogInfo(pRuntimeParam, "[%s] Path compare: \"%s\" vs \"%s\"", pLogArgu->pcName, pcPathToCompare,
+                    PathToCompare(sLocal.c_str()).Get());
         }
-        if (bReachable && IsInside(path.Get(), sLocal)) {
-            if (bLog) {
-                LogInfo(pRuntimeParam, "[%s] Path match", pLogArgu->pcName);
-            }
+        if (bReachable && IsInside(pcPathToCompare, sLocal)) {
+            LogInfo(pRuntimeParam, "[%s] Path match", pLogArgu->pcName);
             if (pMountInfo != nullptr) {
                 *pMountInfo = mount;
             }

@@ -5,6 +5,7 @@
 // and all other files meanwhile.
 #include <utility>
 
+#include "DeferredLog.h"
 #include "Reason.h"
 #include "RedirectedFile.h"
 #include "Utilities.h"
@@ -27,6 +28,7 @@ std::shared_ptr<CRedirectedFile> CUtilities::OpenRedirectedFile(CRuntimeParam* p
     auto pFile = std::make_shared<CRedirectedFile>(this);
     std::shared_ptr<CRedirectedFile> pEarlier;
     {
+        const CDeferredLog deferred;
         MutexLock lock(m_hMutexRedirectedFiles);
         // IDs repeat after closes: they only tell files apart in the log.
         const int iId = static_cast<int>(m_mRedirectedFiles.size());

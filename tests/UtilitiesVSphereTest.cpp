@@ -68,6 +68,38 @@ TEST_F(VSphereRecords, CleanUpSaysWhatItUnmountsWithoutALogBitAndForgetsIt) {
     EXPECT_EQ(m_Utilities.GetVSphereInfo(&m_Param, false), 0);
 }
 
+namespace {
+
+/// Replaces a record at the moment when its unmounting is announced for the first time.
+class ReplacingUtilities : public CaptureUtilities {
+public:
+    using CaptureUtilities::CaptureUtilities;
+    using CaptureUtilities::LogInfo;
+    void LogInfo(CRuntimeParam* pRuntimeParam, const char* pcMessage) override {
+        CaptureUtilities::LogInfo(pRuntimeParam, pcMessage);
+        if (std::string(pcMessage).find("esx1") != std::string::npos) {
+            AddVSphereInfo("datastore-1", "esx9", "444", "", "");
+        }
+        if (std::string(pcMessage).find("datastore-2") != std::string::npos) {
+            RemoveVSphereInfo("datastore-2");
+        }
+    }
+};
+
+}  // namespace
+
+TEST_F(VSphereRecords, CleanUpMeetsARecordThatChangesUnderItsHands) {
+    ReplacingUtilities utilities(&m_Capture);
+    utilities.AddVSphereInfo("datastore-1", "esx1", "443", "", "");
+    utilities.AddVSphereInfo("datastore-2", "esx2", "443", "", "");
+    utilities.RemoveAllVSphereInfoWithWebCtrl(&m_Param);
+    EXPECT_EQ(m_Capture.Texts('i'), (Lines{"Start cleanup mounted NFS datastores",
+                                           "Unmount NFS datastore with MOID \"datastore-1\" on host \"esx1:443\"",
+                                           "Unmount NFS datastore with MOID \"datastore-1\" on host \"esx9:444\"",
+                                           "Unmount NFS datastore with MOID \"datastore-2\" on host \"esx2:443\""}));
+    EXPECT_EQ(utilities.GetVSphereInfo(&m_Param, false), 0);
+}
+
 TEST_F(VSphereRecords, CleanUpOfNothingSaysNothing) {
     m_Utilities.RemoveAllVSphereInfoWithWebCtrl(&m_Param);
     EXPECT_EQ(m_Capture.Texts(), Lines{});
