@@ -10,6 +10,8 @@
 
 #include <cerrno>
 #include <chrono>
+#include <functional>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -164,6 +166,66 @@ TEST_F(IpcClientTest, TheStepsOfAnExchangeAreLoggedInOrder) {
                "[IpcClient.SendRequest] Send ipc client request", "[IpcClient.SendRequest] Read ipc server reply",
                "[IpcClient.SendRequest] Reply action group (type = 1, ver = 1.4, dataLen = 20)"}));
     EXPECT_EQ(m_Log.Lines().front().sID, "me");
+}
+
+TEST_F(IpcClientTest, StepsAndRecordsHaveALogBitEach) {
+    FakeIpcServer server(kChannel, [](const std::string&) { return RawBoolReply(true); });
+    CIpcClient client(&m_Utilities, &m_Param);
+    client.SetRequest(kIpcIsServerRunning);
+    m_Param.SetLogControl(CRuntimeParam::kLogIpcState);
+    EXPECT_TRUE(client.SendRequest(kChannel));
+    EXPECT_EQ(
+        m_Log.Texts('i'),
+        (Lines{"[IpcClient.SendRequest] Open channel: /tmp/nfs-peer", "[IpcClient.SendRequest] Open ipc client socket",
+               "[IpcClient.SendRequest] Connect ipc client socket", "[IpcClient.SendRequest] Send ipc client request",
+               "[IpcClient.SendRequest] Read ipc server reply"}));
+    m_Log.Clear();
+    m_Param.SetLogControl(CRuntimeParam::kLogIpc);
+    EXPECT_TRUE(client.SendRequest(kChannel));
+    EXPECT_EQ(m_Log.Texts('i'),
+              (Lines{"[IpcClient.SendRequest] Request action group (type = 3, ver = 1.4, dataLen = 16)",
+                     "[IpcClient.SendRequest] Reply action group (type = 1, ver = 1.4, dataLen = 20)"}));
+}
+
+TEST_F(IpcClientTest, AFailedRequestIsLoggedUpToItsFailureAndHasNoReplyLine) {
+    m_Param.SetLogControl(kAllLogBits);
+    CIpcClient client(&m_Utilities, &m_Param);
+    client.SetRequest(kIpcIsServerRunning);
+    EXPECT_FALSE(client.SendRequest(kChannel));
+    EXPECT_EQ(
+        m_Log.Texts(),
+        (Lines{"[IpcClient.SendRequest] Open channel: /tmp/nfs-peer",
+               "[IpcClient.SendRequest] Request action group (type = 3, ver = 1.4, dataLen = 16)",
+               "[IpcClient.SendRequest] Open ipc client socket", "[IpcClient.SendRequest] Connect ipc client socket",
+               "[IpcClient.SendRequest] Fail to connect ipc client socket. No such file or directory (2)"}));
+}
+
+/// Does something when the client says that it is about to send.
+class BeforeSending : public CaptureUtilities {
+public:
+    BeforeSending(LogCapture* pCapture, std::function<void()> action)
+        : CaptureUtilities(pCapture), m_Action(std::move(action)) {}
+    using CaptureUtilities::LogInfo;
+    void LogInfo(CRuntimeParam* pRuntimeParam, const char* pcMessage) override {
+        CaptureUtilities::LogInfo(pRuntimeParam, pcMessage);
+        if (std::string(pcMessage) == "[IpcClient.SendRequest] Send ipc client request") {
+            m_Action();
+        }
+    }
+
+private:
+    std::function<void()> m_Action;
+};
+
+TEST_F(IpcClientTest, APeerThatVanishesBeforeTheRequestIsAFailedSend) {
+    DeafListener listener(5);
+    BeforeSending utilities(&m_Log, [&listener] { listener.Close(); });
+    m_Param.SetLogControl(CRuntimeParam::kLogIpcState);
+    CIpcClient client(&utilities, &m_Param);
+    client.SetRequest(kIpcGetVersion);
+    EXPECT_FALSE(client.SendRequest(kChannel, m_vcReason));
+    EXPECT_STREQ(m_vcReason, "Fail to send ipc client request. Broken pipe (32)");
+    ExpectNoReply(client);
 }
 
 TEST_F(IpcClientTest, NothingIsLoggedOfAnExchangeWithoutTheIpcBits) {

@@ -4,10 +4,16 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
@@ -196,6 +202,76 @@ TEST_F(IpcServerTest, TheStepsOfAnExchangeAreLoggedInOrder) {
                                     "[IpcServer.ReadRequest] Request action group (type = 23, ver = 1.4, dataLen = 16)",
                                     "[IpcServer.ReadRequest] Reply action group (type = 3, ver = 1.4, dataLen = 20)",
                                     "[IpcServer.ReadRequest] Send ipc reply"}));
+}
+
+TEST_F(IpcServerTest, StepsAndRecordsHaveALogBitEach) {
+    CIpcServer server(&m_Controller);
+    ASSERT_TRUE(server.Open(kChannel, m_vcReason)) << m_vcReason;
+    m_Controller.CNfsMain::SetLogControl(CRuntimeParam::kLogIpcState);
+    ServeOne(server, RawRequest(23, 16).Bytes());
+    EXPECT_EQ(m_Log.Texts('i'),
+              (Lines{"[IpcServer.ReadRequest] Start", "[IpcServer.ReadRequest] Accept ipc request",
+                     "[IpcServer.ReadRequest] Read ipc request", "[IpcServer.ReadRequest] Send ipc reply"}));
+    m_Log.Clear();
+    m_Controller.CNfsMain::SetLogControl(CRuntimeParam::kLogIpc);
+    ServeOne(server, RawRequest(23, 16).Bytes());
+    EXPECT_EQ(m_Log.Texts('i'),
+              (Lines{"[IpcServer.ReadRequest] Request action group (type = 23, ver = 1.4, dataLen = 16)",
+                     "[IpcServer.ReadRequest] Reply action group (type = 3, ver = 1.4, dataLen = 20)"}));
+}
+
+TEST_F(IpcServerTest, AnsweredFailuresAreDescribedLikeOtherMessages) {
+    m_Controller.CNfsMain::SetLogControl(CRuntimeParam::kLogIpc);
+    CIpcServer server(&m_Controller);
+    ASSERT_TRUE(server.Open(kChannel, m_vcReason)) << m_vcReason;
+    ServeOne(server, RawRecord(7, 9, 16).Bytes());
+    EXPECT_EQ(m_Log.Texts('i'),
+              (Lines{"[IpcServer.ReadRequest] Unknown action group: 7 (type = 9, ver = 1.4, dataLen = 16)",
+                     "[IpcServer.ReadRequest] Reply action group (type = 4, ver = 1.4, dataLen = 2064)"}));
+}
+
+TEST_F(IpcServerTest, FiveConnectionsWaitInTheQueue) {
+    CIpcServer server(&m_Controller);
+    ASSERT_TRUE(server.Open(kChannel, m_vcReason)) << m_vcReason;
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strcpy(address.sun_path, kChannel);
+    std::vector<int> viSockets;
+    int nConnected = 0;
+    for (int i = 0; i < 20; ++i) {
+        viSockets.push_back(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+        if (connect(viSockets.back(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
+            ++nConnected;
+        } else {
+            EXPECT_EQ(errno, EAGAIN);
+        }
+    }
+    for (const int iSocket : viSockets) {
+        close(iSocket);
+    }
+    EXPECT_EQ(nConnected, 6) << "the kernel lets one more in than the backlog says";
+}
+
+TEST_F(IpcServerTest, ATrickleOfBytesHoldsUpNobodyForLong) {
+    CIpcServer server(&m_Controller);
+    ASSERT_TRUE(server.Open(kChannel, m_vcReason)) << m_vcReason;
+    IpcConnection connection(kChannel);
+    const std::string sRecord = RawRequest(21, 3352).Text(272, "/d").Bytes();
+    std::atomic<bool> bEnd{false};
+    const auto start = steady_clock::now();
+    std::thread trickle([&] {
+        for (std::size_t i = 0; i < sRecord.size() && !bEnd && connection.Send(sRecord.substr(i, 1)); ++i) {
+            std::this_thread::sleep_for(milliseconds(100));
+            if (steady_clock::now() - start > seconds(40)) {
+                return;  // it failed: not for the five minutes that the record would take
+            }
+        }
+    });
+    EXPECT_TRUE(server.ReadRequest()) << "what came is the message";
+    const auto waited = steady_clock::now() - start;
+    bEnd = true;
+    trickle.join();
+    EXPECT_LT(waited, seconds(20));
 }
 
 TEST_F(IpcServerTest, NothingIsLoggedOfAnExchangeWithoutTheIpcBits) {

@@ -323,6 +323,47 @@ TEST_F(NfsIpcClientMainTest, GatesWithoutAVersionAskTheServerEachTime) {
     EXPECT_FALSE(m_Client.IsNotSupportNetDeviceAccess(nullptr)) << "a new server behind the same channel";
 }
 
+TEST_F(NfsIpcClientMainTest, AGatedOperationAsksForTheVersionOnceBeforeItsRequest) {
+    Serve("1.4", RawBoolReply(true));
+    const auto expect = [this](int iType, const std::function<void()>& action) {
+        m_pServer->Clear();
+        action();
+        const Lines vsSeen = m_pServer->Messages();
+        ASSERT_EQ(vsSeen.size(), 2U) << "type " << iType;
+        EXPECT_EQ(I32At(vsSeen[0], 4), 1) << "type " << iType;
+        EXPECT_EQ(I32At(vsSeen[1], 4), iType);
+    };
+    expect(23, [this] { m_Client.GetServerStatus(); });
+    expect(24, [this] { m_Client.SetDebugActionEnabled(true); });
+    expect(25, [this] { m_Client.GetVSphereInfo(false); });
+    expect(26, [this] { m_Client.AddVSphereInfo("m", "h", "p", "u", "w"); });
+    expect(27, [this] { m_Client.RemoveVSphereInfo("m"); });
+    expect(28, [this] { m_Client.RunQuickTestMode("/p", 0, m_vcReason); });
+    expect(29, [this] { m_Client.ExecuteSystemCmd("ls", false); });
+    expect(30, [this] { m_Client.GetNetDeviceCredential(false); });
+    expect(31, [this] { m_Client.AddNetDeviceCredential("p", "u", "w"); });
+    expect(32, [this] { m_Client.RemoveNetDeviceCredential("p"); });
+    m_pServer->Clear();
+    m_Client.IsServerRunning();
+    m_Client.RequestAutoShutdown();
+    m_Client.GetMountInfo(false, false);
+    EXPECT_EQ(m_pServer->Messages().size(), 3U) << "these have no gate";
+}
+
+TEST_F(NfsIpcClientMainTest, AGateSpeaksUnderTheParameterItWasGiven) {
+    Serve("1.2", RawBoolReply(true));
+    m_Client.GetRuntimeParam()->SetLogControl(CRuntimeParam::kLogGeneralInfo);
+    EXPECT_TRUE(m_Client.RunQuickTestMode(&m_Other, "/p", 0, m_vcReason));
+    EXPECT_EQ(m_Client.ExecuteSystemCmd(&m_Other, "ls", false), 0);
+    EXPECT_TRUE(m_Log.Lines().empty()) << m_Log.Dump();
+    m_Other.SetLogControl(CRuntimeParam::kLogGeneralInfo);
+    EXPECT_TRUE(m_Client.RunQuickTestMode(&m_Other, "/p", 0, m_vcReason));
+    EXPECT_EQ(m_Client.ExecuteSystemCmd(&m_Other, "ls", false), 0);
+    EXPECT_EQ(m_Log.Lines(),
+              (std::vector<LogLine>{{'i', "other", "Server does not support to run quick test."},
+                                    {'i', "other", "Server does not support to run execute system cmd."}}));
+}
+
 TEST_F(NfsIpcClientMainTest, AServerOf12GetsNoRequestAboutNetworkDevices) {
     m_Client.GetRuntimeParam()->SetLogControl(CRuntimeParam::kLogGeneralInfo);
     Serve("1.2", RawBoolReply(true));

@@ -186,6 +186,8 @@ TEST_F(NfsIpcServerMainTest, StartAndStopAreNotedWhileAFileLoggerIsSetWhateverTh
     CNfsIpcServerMain server("srv", 0);
     server.SetFileLogger(&logger);
     EXPECT_TRUE(server.StartRemoteController(m_vcReason)) << m_vcReason;
+    EXPECT_TRUE(server.StartRemoteController(m_vcReason)) << "it runs already";
+    server.StopRemoteController();
     server.StopRemoteController();
     server.SetFileLogger(nullptr);
     logger.Close();
@@ -194,7 +196,22 @@ TEST_F(NfsIpcServerMainTest, StartAndStopAreNotedWhileAFileLoggerIsSetWhateverTh
     for (std::string sLine; std::getline(lines, sLine);) {
         vsMessages.push_back(sLine.substr(sLine.find("][")));
     }
-    EXPECT_EQ(vsMessages, (Lines{"][info] Start Remote Controller", "][info] Stop Remote Controller"}));
+    EXPECT_EQ(vsMessages, (Lines{"][info] Start Remote Controller", "][info] Start Remote Controller",
+                                 "][info] Stop Remote Controller", "][info] Stop Remote Controller"}));
+}
+
+TEST_F(NfsIpcServerMainTest, ARefusedIDIsRefusedBeforeAnythingIsInitialised) {
+    TempFolder folder;
+    const std::string sLog = folder / "log";
+    CFileLogger logger(sLog.c_str());
+    ASSERT_TRUE(logger.Open(0));
+    CNfsIpcServerMain server("a b/c", 0);
+    server.SetFileLogger(&logger);
+    EXPECT_FALSE(server.Initial(m_vcReason));
+    EXPECT_STREQ(m_vcReason, "Invalid char \" \" inside ID") << "the first one";
+    server.SetFileLogger(nullptr);
+    logger.Close();
+    EXPECT_EQ(ReadWholeFile(sLog), "");
 }
 
 // ==== Client and server together =====================================================================================

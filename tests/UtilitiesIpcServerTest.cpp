@@ -8,10 +8,12 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "FakeHost.h"
 #include "IpcChannel.h"
 #include "IpcPeer.h"
 #include "Isolation.h"
@@ -46,6 +48,7 @@ protected:
     int Write() { return m_Utilities.LogWriteRedirectedFile(&m_Param, "/f", 5, 0, 3); }
 
     LeakGuard m_Leaks;
+    FakeHost m_Host;  // for the tests that set its callback
     CUtilitiesIpcServer m_Utilities;
     CRuntimeParam m_Param{"exp", 0};
 };
@@ -217,6 +220,42 @@ TEST_F(UtilitiesIpcServerTest, ANotificationTakesItsDescriptorFromTheCacheWhenNo
     m_Utilities.CloseAllCachedFileHandles(&m_Param, &logArgu);
 }
 
+TEST_F(UtilitiesIpcServerTest, TheLocalHostIsToldOnlyWhatHasNoRemoteReceiver) {
+    m_Host.Log().SetHost([](const Notification&) { return 4; });
+    m_Utilities.SetCallback(m_Host.Callback());
+    {
+        FakeIpcServer client(kChannel, [](const std::string&) { return RawIntReply(12); });
+        EXPECT_EQ(m_Utilities.LogUpdateRedirectedFileAttributes(&m_Param, "/f", true, 1, false, 0, false, 0), 12);
+        EXPECT_EQ(m_Utilities.LogRemoveRedirectedFile(&m_Param, "/f"), 12);
+        EXPECT_EQ(m_Utilities.LogRenameRedirectedFile(&m_Param, "/f", "/g"), 12);
+        EXPECT_EQ(Write(), 12);
+    }
+    EXPECT_EQ(Write(), -1) << "nor in place of a receiver that is gone";
+    EXPECT_TRUE(m_Host.Log().Notifications().empty());
+
+    m_Param.SetIpcID("");
+    EXPECT_EQ(m_Utilities.LogUpdateRedirectedFileAttributes(&m_Param, "/f", true, 1, false, 0, false, 0), 4);
+    EXPECT_EQ(m_Utilities.LogRemoveRedirectedFile(&m_Param, "/f"), 4);
+    EXPECT_EQ(m_Utilities.LogRenameRedirectedFile(&m_Param, "/f", "/g"), 4);
+    EXPECT_EQ(Write(), 4);
+    ASSERT_EQ(m_Host.Log().Notifications().size(), 4U);
+    EXPECT_EQ(m_Host.Log().Notifications()[0].sOperation, "update");
+    EXPECT_EQ(m_Host.Log().Notifications()[1].sOperation, "remove");
+    EXPECT_EQ(m_Host.Log().Notifications()[2].sOperation, "rename");
+    EXPECT_EQ(m_Host.Log().Notifications()[3].sOperation, "write");
+}
+
+TEST_F(UtilitiesIpcServerTest, LogLinesAreTheLocalHostsToo) {
+    m_Utilities.SetCallback(m_Host.Callback());
+    FakeIpcServer client(kChannel, [](const std::string&) { return RawBoolReply(true); });
+    m_Utilities.LogInfo(&m_Param, "%s", "hello");
+    m_Utilities.LogError(&m_Param, "%s", "oh");
+    m_Utilities.LogRaw(&m_Param, "%s", "raw");
+    EXPECT_EQ(m_Host.Log().Lines(),
+              (std::vector<LogLine>{{'i', "exp", "hello"}, {'e', "exp", "oh"}, {'r', "exp", "raw"}}));
+    EXPECT_EQ(client.Messages().size(), 3U);
+}
+
 // ==== Receivers that hang ============================================================================================
 
 TEST_F(UtilitiesIpcServerTest, TheStatedLimitIsThirtySeconds) {
@@ -266,6 +305,31 @@ TEST_F(UtilitiesIpcServerTest, AReceiverThatAnswersAgainGetsLogLinesAgain) {
         ASSERT_EQ(client.Messages().size(), 1U);
         EXPECT_EQ(TextAt(client.Messages()[0], 272, 2048), "heard");
     });
+}
+
+/// A line of a search that nobody takes must not lock the exports, nor the descriptor cache, against everybody else.
+TEST_F(UtilitiesIpcServerTest, AReceiverThatHangsHoldsNoLockOfARegistry) {
+    TempFolder folder;
+    const std::string sPath = folder / "file";
+    WriteWholeFile(sPath, "x");
+    CRuntimeParam quiet("other", 0);
+    LogArgu logArgu{"Test"};
+    ASSERT_TRUE(m_Utilities.AddMountInfo(&quiet, &logArgu, folder.Path().c_str(), "exp", "", nullptr));
+    m_Param.SetLogControl(CRuntimeParam::kLogGeneralInfo | CRuntimeParam::kLogFileAccess);
+    auto pClient = std::make_unique<FakeIpcServer>(kChannel, [](const std::string&) { return RawBoolReply(true); });
+    pClient->Hang();
+    testing::internal::CaptureStdout();
+    std::thread held([&] { m_Utilities.GetCachedFileHandle(&m_Param, &logArgu, sPath.c_str(), false); });
+    EXPECT_TRUE(pClient->WaitForMessages(1));
+    const auto start = steady_clock::now();
+    EXPECT_EQ(m_Utilities.GetMountInfo(&quiet, false, false), 1);
+    EXPECT_TRUE(m_Utilities.GetMountInfoByPath(&quiet, &logArgu, sPath.c_str(), nullptr));
+    EXPECT_TRUE(m_Utilities.GetCachedFileHandle(&quiet, &logArgu, sPath.c_str(), false).IsOpen());
+    EXPECT_LT(steady_clock::now() - start, CUtilitiesIpcServer::kCallbackTimeout / 2);
+    pClient.reset();  // which ends the wait
+    held.join();
+    m_Utilities.CloseAllCachedFileHandles(&quiet, &logArgu);
+    testing::internal::GetCapturedStdout();
 }
 
 // ==== Threads ========================================================================================================
