@@ -310,6 +310,9 @@ public:
     void ExportRedirectedFileInfo(CRuntimeParam* pRuntimeParam, const char* pcPath, const char* pcExportPath,
                                   bool bMergeRange);
     void RenameRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPathFrom, const char* pcPathTo);
+    /// The folder was renamed on disk: what is registered below it follows, else clients would read the files on disk
+    /// in its place. The host is asked for each, in path order; false if an answer was not 0.
+    bool RenameRedirectedFilesBelow(CRuntimeParam* pRuntimeParam, const char* pcFolderFrom, const char* pcFolderTo);
     /// Null when none is open under the path.
     std::shared_ptr<CRedirectedFile> GetRedirectedFile(const char* pcPath);
 

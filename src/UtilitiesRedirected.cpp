@@ -151,6 +151,29 @@ void CUtilities::RenameRedirectedFile(CRuntimeParam* pRuntimeParam, const char* 
     }
 }
 
+bool CUtilities::RenameRedirectedFilesBelow(CRuntimeParam* pRuntimeParam, const char* pcFolderFrom,
+                                            const char* pcFolderTo) {
+    std::string sPrefixFrom = pcFolderFrom;
+    std::string sPrefixTo = pcFolderTo;
+    SetPathToCompare(sPrefixFrom);
+    SetPathToCompare(sPrefixTo);
+    std::vector<std::string> vsPaths;
+    {
+        MutexLock lock(m_hMutexRedirectedFiles);
+        for (auto itFile = m_mRedirectedFiles.lower_bound(sPrefixFrom);
+             itFile != m_mRedirectedFiles.end() && itFile->first.starts_with(sPrefixFrom); ++itFile) {
+            vsPaths.push_back(itFile->first);
+        }
+    }
+    bool bAgreed = true;
+    for (const std::string& sPath : vsPaths) {
+        const std::string sPathTo = sPrefixTo + sPath.substr(sPrefixFrom.size());
+        RenameRedirectedFile(pRuntimeParam, sPath.c_str(), sPathTo.c_str());
+        bAgreed = LogRenameRedirectedFile(pRuntimeParam, sPath.c_str(), sPathTo.c_str()) == 0 && bAgreed;
+    }
+    return bAgreed;
+}
+
 std::shared_ptr<CRedirectedFile> CUtilities::GetRedirectedFile(const char* pcPath) {
     MutexLock lock(m_hMutexRedirectedFiles);
     const auto itFile = m_mRedirectedFiles.find(GetKey(pcPath));

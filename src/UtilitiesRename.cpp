@@ -99,10 +99,14 @@ bool CUtilities::RenameFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, con
             return false;
         }
     }
+    // Of a file nothing lies below, so this is for folders.
+    const bool bAgreed = !bOnDisk || RenameRedirectedFilesBelow(pRuntimeParam, pcPathFrom, pcPathTo);
     // The table knows canonical paths; what is not on disk it knows by the path as given.
     MutexLock lock(m_hMutexFileTable);
-    return m_pFileTable->UpdateItemPath(pcPathFrom, sEntryTo.c_str()) ||
-           (sEntryFrom != pcPathFrom && m_pFileTable->UpdateItemPath(sEntryFrom.c_str(), sEntryTo.c_str()));
+    const bool bUpdated =
+        m_pFileTable->UpdateItemPath(pcPathFrom, sEntryTo.c_str()) ||
+        (sEntryFrom != pcPathFrom && m_pFileTable->UpdateItemPath(sEntryFrom.c_str(), sEntryTo.c_str()));
+    return bUpdated && bAgreed;
 }
 
 bool CUtilities::RenameOnDisk(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPathFrom,

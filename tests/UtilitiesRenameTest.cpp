@@ -2,6 +2,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -242,6 +244,36 @@ TEST_F(UtilitiesRenameTest, RedirectedFileIsRenamedInItsRegistryAndTheHostAsked)
         EXPECT_EQ(m_Utilities.GetRedirectedFile(sFrom.c_str()), nullptr);
         EXPECT_EQ(ReadWholeFile(sTo), "on disk");
         EXPECT_EQ(PathOf(iID), iAnswer == 0 ? sTo : sFrom);
+    }
+}
+
+/// Else clients would read what is on disk under the new paths.
+TEST_F(UtilitiesRenameTest, RedirectedFilesBelowARenamedFolderFollowAndTheHostIsAskedForEach) {
+    const std::string sFrom = m_Folder / "folder";
+    const std::string sTo = m_Folder / "moved";
+    for (const int iRefused : {-1, 0, 1}) {
+        std::filesystem::create_directories(sFrom + "/deep");
+        const unsigned int iID = GetID(sFrom);
+        const std::string sFirst = MakeFile("folder/deep/a", "on disk");
+        const auto pFirst = m_Utilities.OpenRedirectedFile(&m_Param, sFirst.c_str(), 10, false, 0, 0);
+        const std::string sSecond = sFrom + "/not-on-disk";
+        const auto pSecond = m_Utilities.OpenRedirectedFile(&m_Param, sSecond.c_str(), 10, false, 0, 0);
+        const std::string sNeighbour = sFrom + "-neighbour";
+        const auto pNeighbour = m_Utilities.OpenRedirectedFile(&m_Param, sNeighbour.c_str(), 10, false, 0, 0);
+        Lines vsAsked;
+        m_Log.SetHost([&](const Notification& notification) {
+            vsAsked.push_back(notification.sOperation + " " + notification.sPath + " " + notification.sPathTo);
+            return static_cast<int>(vsAsked.size()) - 1 == iRefused ? 5 : 0;
+        });
+        EXPECT_EQ(Rename(sFrom, sTo), iRefused == -1);
+        EXPECT_EQ(vsAsked, (Lines{"rename " + sFirst + " " + sTo + "/deep/a",
+                                  "rename " + sSecond + " " + sTo + "/not-on-disk"}));
+        EXPECT_EQ(m_Utilities.GetRedirectedFile(sFirst.c_str()), nullptr);
+        EXPECT_EQ(m_Utilities.GetRedirectedFile((sTo + "/deep/a").c_str()), pFirst);
+        EXPECT_EQ(m_Utilities.GetRedirectedFile((sTo + "/not-on-disk").c_str()), pSecond);
+        EXPECT_EQ(m_Utilities.GetRedirectedFile(sNeighbour.c_str()), pNeighbour);
+        EXPECT_EQ(PathOf(iID), sTo) << "handles follow what has happened on disk, whatever the host says";
+        std::filesystem::remove_all(sTo);
     }
 }
 
