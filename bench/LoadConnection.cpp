@@ -65,6 +65,11 @@ std::string ReceiveRecord(int iSocket) {
     return sRecord;
 }
 
+std::string Exchange(int iSocket, const std::string& sCall) {
+    SendAll(iSocket, sCall);
+    return ReceiveRecord(iSocket);
+}
+
 LoadConnection::LoadConnection(int iSocket, const Row& row, const LoadFolder& folder, std::uint64_t iFirstBlock)
     : m_iSocket(iSocket),
       m_Row(row),

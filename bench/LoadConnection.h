@@ -16,6 +16,8 @@ int ConnectTo(int iPort);
 void SendAll(int iSocket, std::string_view sBytes);
 /// Receives one record, mark included; throws std::runtime_error.
 std::string ReceiveRecord(int iSocket);
+/// Sends one call and receives its reply.
+std::string Exchange(int iSocket, const std::string& sCall);
 
 /// Sends calls of one row and judges their replies, which may come in any order: other servers than ours answer calls
 /// side by side.

@@ -16,6 +16,7 @@
 
 #include "LoadConnection.h"
 #include "Measurement.h"
+#include "MountedExport.h"
 #include "NfsMessages.h"
 
 namespace {
@@ -175,51 +176,13 @@ void CheckWrittenFile(const LoadFolder& folder, const LoadShape& shape) {
     }
 }
 
-std::string Exchange(int iSocket, const std::string& sCall) {
-    SendAll(iSocket, sCall);
-    return ReceiveRecord(iSocket);
+/// Looks the test files up and keeps their handles.
+void FindHandles(const MountedExport& mounted, LoadFolder* pFolder) {
+    pFolder->sRootHandle = mounted.GetRootHandle();
+    pFolder->sReadHandle = mounted.Lookup(pFolder->sReadName);
+    pFolder->sWriteHandle = mounted.Lookup(pFolder->sWriteName);
+    pFolder->sListHandle = mounted.Lookup(pFolder->sListName);
 }
-
-std::string Lookup(int iSocket, const std::string& sFolderHandle, const std::string& sName) {
-    const std::string sReply =
-        Exchange(iSocket, CallBuilder(kNfsProgram, 3).Opaque(sFolderHandle).Opaque(sName).Finish());
-    ReplyReader reader(sReply);
-    reader.ExpectHead(0);
-    reader.Expect("status of LOOKUP", 0);
-    return std::string(reader.Opaque());
-}
-
-/// The export is ours from here to the end of the scope.
-class Mounted {
-public:
-    Mounted(const Options& options, LoadFolder* pFolder)
-        : m_iSocket(ConnectTo(options.iMountPort)), m_sExport(options.sExport) {
-        const std::string sReply = Exchange(m_iSocket, CallBuilder(kMountProgram, 1).Opaque(m_sExport).Finish());
-        ReplyReader reader(sReply);
-        reader.ExpectHead(0);
-        reader.Expect("status of MNT", 0);
-        pFolder->sRootHandle = reader.Opaque();
-        const int iNfs = ConnectTo(options.iNfsPort);
-        pFolder->sReadHandle = Lookup(iNfs, pFolder->sRootHandle, pFolder->sReadName);
-        pFolder->sWriteHandle = Lookup(iNfs, pFolder->sRootHandle, pFolder->sWriteName);
-        pFolder->sListHandle = Lookup(iNfs, pFolder->sRootHandle, pFolder->sListName);
-        close(iNfs);
-    }
-    ~Mounted() {
-        try {
-            Exchange(m_iSocket, CallBuilder(kMountProgram, 3).Opaque(m_sExport).Finish());
-        } catch (const std::exception& error) {
-            std::fprintf(stderr, "nfsload: unmounting: %s\n", error.what());
-        }
-        close(m_iSocket);
-    }
-    Mounted(const Mounted&) = delete;
-    Mounted& operator=(const Mounted&) = delete;
-
-private:
-    int m_iSocket;
-    std::string m_sExport;
-};
 
 // ==== Measuring ==================================================================================================
 
@@ -332,7 +295,8 @@ bool Run(const Options& options, LoadFolder& folder) {
     }
     folder.sContent = MakeContent();
     MakeFiles(folder);
-    const Mounted mounted(options, &folder);
+    const MountedExport mounted(options.iMountPort, options.iNfsPort, options.sExport);
+    FindHandles(mounted, &folder);
     if (options.iServerPid == 0) {
         return MeasureRows(options, folder);
     }

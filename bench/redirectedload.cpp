@@ -20,14 +20,12 @@
 #include <vector>
 
 #include "LoadConnection.h"
+#include "MountedExport.h"
 #include "NfsMain.h"
 #include "NfsMessages.h"
 
 namespace {
 
-constexpr std::uint32_t kProcMnt = 1;
-constexpr std::uint32_t kProcUmnt = 3;
-constexpr std::uint32_t kProcLookup = 3;
 constexpr std::uint32_t kProcRead = 6;
 constexpr long long kSegment = 32LL << 20;  ///< every segment stands for the whole source
 constexpr int kBlock = 512;                 ///< reads begin at multiples of this
@@ -157,42 +155,19 @@ private:
     CNfsMain m_Main;
 };
 
-/// A mount of the export over one connection for each program.
+/// READs over one connection.
 class Client {
 public:
-    Client() : m_iMount(ConnectTo(CNfsMain::kDefaultMountPort)), m_iNfs(ConnectTo(CNfsMain::kDefaultNfsPort)) {
-        const std::string sReply = Exchange(m_iMount, CallBuilder(kMountProgram, kProcMnt).Opaque("data").Finish());
-        ReplyReader reader(sReply);
-        reader.ExpectHead(0);
-        reader.Expect("status of MNT", 0);
-        m_sRoot = reader.Opaque();
-    }
-    ~Client() {
-        try {
-            Exchange(m_iMount, CallBuilder(kMountProgram, kProcUmnt).Opaque("data").Finish());
-        } catch (const std::exception& error) {
-            std::fprintf(stderr, "redirectedload: unmounting: %s\n", error.what());
-        }
-        close(m_iMount);
-        close(m_iNfs);
-    }
+    Client() : m_iSocket(ConnectTo(CNfsMain::kDefaultNfsPort)) {}
+    ~Client() { close(m_iSocket); }
     Client(const Client&) = delete;
     Client& operator=(const Client&) = delete;
-
-    std::string Lookup(const std::string& sName) {
-        const std::string sReply =
-            Exchange(m_iNfs, CallBuilder(kNfsProgram, kProcLookup).Opaque(m_sRoot).Opaque(sName).Finish());
-        ReplyReader reader(sReply);
-        reader.ExpectHead(0);
-        reader.Expect("status of LOOKUP", 0);
-        return std::string(reader.Opaque());
-    }
 
     /// One READ, which must bring exactly these bytes.
     void Read(const std::string& sHandle, unsigned long long iOffset, std::string_view sExpected) {
         const auto nBytes = static_cast<std::uint32_t>(sExpected.size());
         const std::string sReply =
-            Exchange(m_iNfs, CallBuilder(kNfsProgram, kProcRead).Opaque(sHandle).U64(iOffset).U32(nBytes).Finish());
+            Exchange(m_iSocket, CallBuilder(kNfsProgram, kProcRead).Opaque(sHandle).U64(iOffset).U32(nBytes).Finish());
         ReplyReader reader(sReply);
         reader.ExpectHead(0);
         reader.Expect("status of READ", 0);
@@ -206,14 +181,7 @@ public:
     }
 
 private:
-    static std::string Exchange(int iSocket, const std::string& sCall) {
-        SendAll(iSocket, sCall);
-        return ReceiveRecord(iSocket);
-    }
-
-    int m_iMount;
-    int m_iNfs;
-    std::string m_sRoot;
+    int m_iSocket;
 };
 
 // ==== Measuring ==================================================================================================
@@ -282,10 +250,11 @@ bool Run(const Options& options) {
         server.OpenMap(scratch.PathOf(vTargets[i].sName), scratch.PathOf("source"), vTargets[i].nSegments,
                        vTargets[i].bInfoFile);
     }
-    Client client;
+    const MountedExport mounted(CNfsMain::kDefaultMountPort, CNfsMain::kDefaultNfsPort, "data");
     for (Target& target : vTargets) {
-        target.sHandle = client.Lookup(target.sName);
+        target.sHandle = mounted.Lookup(target.sName);
     }
+    Client client;
     std::printf("%-16s %6s %10s %9s %9s %9s\n", "file", "bytes", "reads/s", "us", "to plain", "to small");
     bool bMet = true;
     for (const std::size_t nBytes : {std::size_t{4096}, std::size_t{65536}}) {

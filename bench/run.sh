@@ -88,7 +88,7 @@ kill -TERM "$server_pid"
 wait "$server_pid" || true
 server_pid=
 echo "redirected files by the number of segments in their maps, and a plain file"
-"$build/bin/redirectedload" --check --folder "${BENCH_FOLDER:-/dev/shm}" --rounds "$rounds" || status=1
+taskset -c "$server_processor" "$build/bin/redirectedload" --check --folder "${BENCH_FOLDER:-/dev/shm}" --rounds "$rounds" || status=1
 echo
 
 start_ganesha() {
