@@ -269,7 +269,7 @@ TEST_F(LinesOfTheRegistries, OfAClosingRedirectedFileGoOutWithoutALock) {
     const auto pFile = m_Probed.OpenRedirectedFile(&m_Param, sPath.c_str(), 10, false, 0, 0);
     ASSERT_TRUE(m_Probed.AddRedirectedFileSegment(&m_Param, sPath.c_str(), sSource.c_str(), 0, 0, 10, m_vcReason));
     ASSERT_TRUE(m_Probed.GetCachedFileHandle(&m_Param, &m_Tag, sSource.c_str(), false).IsOpen());
-    m_Probed.SetProbe([this, &pFile, &sSource] {
+    m_Probed.SetProbe([&pFile, &sSource] {
         CRuntimeParam quiet("probe", 0);
         char vcReason[kReasonBufferSize];
         EXPECT_FALSE(pFile->AddSegment(&quiet, sSource.c_str(), 0, 0, 10, vcReason)) << "it is closed";

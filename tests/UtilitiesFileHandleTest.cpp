@@ -111,7 +111,7 @@ TEST_F(UtilitiesFileHandleTest, EveryPathKeepsOneIDForAllThreads) {
     }
     std::vector<unsigned int> vSorted = vvIDs.front();
     std::ranges::sort(vSorted);
-    EXPECT_EQ(std::ranges::unique(vSorted).begin(), vSorted.end());
+    EXPECT_EQ(std::unique(vSorted.begin(), vSorted.end()), vSorted.end());
     EXPECT_EQ(vSorted.back(), 499U);
 }
 
