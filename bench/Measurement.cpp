@@ -41,6 +41,7 @@ Measurement RunRow(int iPort, const Row& row, const LoadFolder& folder, const Lo
                    const BareSetup* pBareSetup, const std::string& sBareReply) {
     const auto vpConnections = Connect(iPort, row, folder, shape, pBareSetup, sBareReply);
     std::vector<pollfd> vWaiting;
+    vWaiting.reserve(vpConnections.size());
     for (const auto& pConnection : vpConnections) {
         vWaiting.push_back({pConnection->GetSocket(), POLLIN, 0});
     }

@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <functional>
 #include <memory>
 #include <string>
@@ -51,7 +52,7 @@ public:
     explicit DeafListener(int iBacklog) : m_iSocket(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
-        std::strcpy(address.sun_path, kChannel);
+        std::snprintf(address.sun_path, sizeof(address.sun_path), "%s", kChannel);
         EXPECT_EQ(bind(m_iSocket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
         EXPECT_EQ(listen(m_iSocket, iBacklog), 0);
     }

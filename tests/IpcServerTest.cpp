@@ -13,7 +13,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <cstring>
+#include <cstdio>
 #include <string>
 #include <thread>
 #include <vector>
@@ -235,7 +235,7 @@ TEST_F(IpcServerTest, FiveConnectionsWaitInTheQueue) {
     ASSERT_TRUE(server.Open(kChannel, m_vcReason)) << m_vcReason;
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    std::strcpy(address.sun_path, kChannel);
+    std::snprintf(address.sun_path, sizeof(address.sun_path), "%s", kChannel);
     std::vector<int> viSockets;
     int nConnected = 0;
     for (int i = 0; i < 20; ++i) {

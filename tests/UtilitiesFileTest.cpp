@@ -55,7 +55,7 @@ protected:
     }
     /// A redirected file of 10 bytes whose content comes from another file; a file of that name stands on disk.
     std::string OpenRedirected() {
-        const std::string sPath = MakeFile("virtual", "on disk");
+        std::string sPath = MakeFile("virtual", "on disk");
         const std::string sSource = MakeFile("source", "0123456789");
         m_Utilities.OpenRedirectedFile(&m_Param, sPath.c_str(), 10, false, 0, 0);
         EXPECT_TRUE(m_Utilities.AddRedirectedFileSegment(&m_Param, sPath.c_str(), sSource.c_str(), 0, 0, 10, nullptr));

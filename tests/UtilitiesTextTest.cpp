@@ -4,7 +4,7 @@
 #include <unistd.h>
 
 #include <climits>
-#include <cstring>
+#include <cstdio>
 #include <ctime>
 #include <string>
 #include <vector>
@@ -55,10 +55,10 @@ TEST_F(UtilitiesTextTest, CanonicalPathIsSilentWithoutGeneralInfo) {
 
 TEST_F(UtilitiesTextTest, CanonicalPathMayBeResolvedInPlace) {
     char vcPath[kPathBufferSize];
-    std::strcpy(vcPath, (m_Folder.Path() + "/.").c_str());
+    std::snprintf(vcPath, sizeof(vcPath), "%s/.", m_Folder.Path().c_str());
     m_Utilities.GetCanonicalPath(&m_Param, &m_Tag, vcPath, vcPath);
     EXPECT_EQ(vcPath, m_Folder.Path());
-    std::strcpy(vcPath, "no/such/file");
+    std::snprintf(vcPath, sizeof(vcPath), "no/such/file");
     m_Utilities.GetCanonicalPath(&m_Param, &m_Tag, vcPath, vcPath);
     EXPECT_STREQ(vcPath, "no/such/file");
 }
@@ -76,7 +76,7 @@ TEST_F(UtilitiesTextTest, CanonicalPathNeverOverrunsItsBuffer) {
 TEST_F(UtilitiesTextTest, PathToCompareEndsInOneSlashUnlessEmpty) {
     for (const auto& [pcGiven, pcExpected] : {std::pair{"", ""}, {"/", "/"}, {"/a", "/a/"}, {"/a/", "/a/"}}) {
         char vcPath[kPathBufferSize];
-        std::strcpy(vcPath, pcGiven);
+        std::snprintf(vcPath, sizeof(vcPath), "%s", pcGiven);
         CUtilities::SetPathToCompare(vcPath);
         EXPECT_STREQ(vcPath, pcExpected);
         std::string sPath = pcGiven;

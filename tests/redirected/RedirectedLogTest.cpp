@@ -1,4 +1,4 @@
-// Every log line of a redirected file, in its order, held against the description told step by step.
+// Every log line of a redirected file, in its order, beside an emulation that goes through the same steps.
 //
 // The reads of RedirectedModelTest run without logs; with them an info file is walked record by record.
 #include <gtest/gtest.h>

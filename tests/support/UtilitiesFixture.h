@@ -18,7 +18,7 @@ protected:
 
     /// The lines since the last call, of one kind or ('\0') of all.
     std::vector<std::string> TakeLog(char cKind = '\0') {
-        const std::vector<std::string> vTexts = m_Log.Texts(cKind);
+        std::vector<std::string> vTexts = m_Log.Texts(cKind);
         m_Log.Clear();
         return vTexts;
     }
