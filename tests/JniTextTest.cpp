@@ -105,7 +105,7 @@ TEST(JniTextTest, NullIsNullInBothDirections) {
     const JavaFrame java(jvm);
     EXPECT_EQ(NewHostString(java.Env(), nullptr), nullptr);
     EXPECT_EQ(CJniText(java.Env(), nullptr).Get(), nullptr);
-    jstring const jEmpty = NewHostString(java.Env(), "");
+    jstring jEmpty = NewHostString(java.Env(), "");
     ASSERT_NE(jEmpty, nullptr);
     EXPECT_EQ(jvm.TextOf(jEmpty), u"");
     EXPECT_STREQ(CJniText(java.Env(), jEmpty).Get(), "");

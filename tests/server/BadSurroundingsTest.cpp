@@ -20,7 +20,6 @@
 namespace {
 
 using testing::HasSubstr;
-using testing::Not;
 
 class BadSurroundingsTest : public testing::Test {
 protected:

@@ -11,7 +11,7 @@ Nfs3ProgFixture::Nfs3ProgFixture() {
 }
 
 std::string Nfs3ProgFixture::Call(unsigned int iProc, const std::string& sArguments) {
-    const std::string sReply = CallWithMoreBehind(iProc, sArguments, "");
+    std::string sReply = CallWithMoreBehind(iProc, sArguments, "");
     if (m_iResult == kProgHandled) {
         EXPECT_EQ(m_Input.GetFilledBufferSize(), 0U) << "arguments left unread, procedure " << iProc;
     }

@@ -67,7 +67,7 @@ std::string XdrReader::Opaque() {
 }
 
 std::string XdrReader::Fixed(std::size_t iSize) {
-    const std::string sBytes(Take(iSize));
+    std::string sBytes(Take(iSize));
     Take((4 - iSize % 4) % 4);
     return sBytes;
 }
