@@ -2,6 +2,8 @@
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
+#include <ctime>
+
 #include "InputStream.h"
 #include "Nfs3Prog.h"
 #include "OutputStream.h"
@@ -50,6 +52,25 @@ specdata3 GetDevice(ftype3 iType, const struct stat& status) {
 /// Whole seconds, cut to the 32 bits of nfstime3.
 nfstime3 GetSeconds(const timespec& time) {
     return {static_cast<unsigned int>(time.tv_sec), 0};
+}
+
+/// The ID of the file system that a path lies on. Calls mostly stay on one, so the last answer holds for the next call
+/// on the same device within the second; a link may lead to another one.
+unsigned long long GetFileSystemID(const char* pcPath, const struct stat& status) {
+    struct Answer {
+        std::time_t iTime = 0;
+        dev_t iDevice = 0;
+        unsigned long long iID = 0;
+    };
+    thread_local Answer last;
+    const std::time_t iNow = std::time(nullptr);
+    if (S_ISLNK(status.st_mode)) {
+        return CUtilities::GetFileSystemID(pcPath);
+    }
+    if (last.iTime != iNow || last.iDevice != status.st_dev) {
+        last = {iNow, status.st_dev, CUtilities::GetFileSystemID(pcPath)};
+    }
+    return last.iID;
 }
 
 }  // namespace
@@ -239,7 +260,7 @@ bool CNfs3Prog::GetNfsFileAttributes(CRuntimeParam* pRuntimeParam, LogArgu* pLog
     attributes.rdev = GetDevice(iType, status);
     attributes.mode = ConvertFileModeToNfsFileMode(status.st_mode);
     attributes.nlink = static_cast<unsigned int>(status.st_nlink);
-    attributes.fsid = CUtilities::GetFileSystemID(pcPath);
+    attributes.fsid = GetFileSystemID(pcPath, status);
     if (iType == NF3REG) {
         iSize = m_pUtilities->GetFileSize(pRuntimeParam, pLogArgu, pcPath, iSize);
     }

@@ -9,14 +9,11 @@
 #include <cstring>
 #include <optional>
 
-#include <fcntl.h>
-#include <linux/openat2.h>
-#include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "InputStream.h"
 #include "Nfs3Prog.h"
+#include "PathProbe.h"
 #include "Utilities.h"
 
 namespace {
@@ -26,21 +23,6 @@ constexpr unsigned int kFileIdSize = 4;
 
 /// As many links as the kernel follows before it gives up.
 constexpr int kMaxLinks = 40;
-
-enum class Finding { kFound, kMissing, kUnknown };
-
-/// Does a path exist, with no link anywhere in it? Unknown where it holds a link, or the kernel cannot tell.
-Finding FindWithoutLinks(const char* pcPath) {
-    open_how how{};
-    how.flags = O_PATH | O_CLOEXEC;
-    how.resolve = RESOLVE_NO_SYMLINKS;
-    const long iFile = syscall(SYS_openat2, AT_FDCWD, pcPath, &how, sizeof(how));
-    if (iFile >= 0) {
-        close(static_cast<int>(iFile));  // a descriptor that only names a file: nothing to lose
-        return Finding::kFound;
-    }
-    return errno == ENOENT || errno == ENOTDIR ? Finding::kMissing : Finding::kUnknown;
-}
 
 std::optional<std::string> Resolve(const std::string& sPath) {
     char vcResolved[PATH_MAX];

@@ -6,12 +6,35 @@
 
 #include <sys/time.h>
 
+#include "PathProbe.h"
 #include "Utilities.h"
+
+namespace {
+
+/// realpath, which asks the kernel for each component; of most paths it can tell in one step that they resolve to
+/// themselves.
+bool Resolve(const char* pcPath, char (&vcResolved)[kPathBufferSize]) {
+    const std::size_t nLength = strnlen(pcPath, kPathBufferSize);
+    if (nLength < kPathBufferSize && IsPlainPath(pcPath)) {
+        switch (FindWithoutLinks(pcPath)) {
+            case Finding::kFound:
+                std::memcpy(vcResolved, pcPath, nLength + 1);
+                return true;
+            case Finding::kMissing:
+                return false;
+            case Finding::kUnknown:
+                break;
+        }
+    }
+    return realpath(pcPath, vcResolved) != nullptr;
+}
+
+}  // namespace
 
 bool CUtilities::GetCanonicalPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, char* pcOut, const char* pcPath) {
     const char* pcGiven = pcPath != nullptr ? pcPath : "";
     char vcResolved[kPathBufferSize];
-    if (realpath(pcGiven, vcResolved) != nullptr) {
+    if (Resolve(pcGiven, vcResolved)) {
         std::memcpy(pcOut, vcResolved, std::strlen(vcResolved) + 1);
         if (pRuntimeParam->IsLogGeneralInfo()) {
             LogInfo(pRuntimeParam, "[%s] Get canonical path successfully: %s", pLogArgu->pcName, pcOut);

@@ -1,0 +1,61 @@
+// Looking for paths without following links: the answer is what resolving them says.
+#include "PathProbe.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "TempFolder.h"
+
+namespace {
+
+class PathProbeTest : public testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_EQ(mkdir((m_Folder / "d").c_str(), 0755), 0);
+        WriteWholeFile(m_Folder / "d/f", "");
+        ASSERT_EQ(symlink("d", (m_Folder / "link").c_str()), 0);
+        ASSERT_EQ(symlink("nowhere", (m_Folder / "dangling").c_str()), 0);
+    }
+    Finding Find(const std::string& sPath) const { return FindWithoutLinks((m_Folder / sPath).c_str()); }
+
+    TempFolder m_Folder;
+};
+
+TEST_F(PathProbeTest, WhatExistsIsFoundAndWhatDoesNotIsMissing) {
+    EXPECT_EQ(Find("d"), Finding::kFound);
+    EXPECT_EQ(Find("d/f"), Finding::kFound);
+    EXPECT_EQ(Find("d/none"), Finding::kMissing);
+    EXPECT_EQ(Find("none/f"), Finding::kMissing);
+    EXPECT_EQ(Find("d/f/below-a-file"), Finding::kMissing);
+}
+
+TEST_F(PathProbeTest, LinksAreNotJudgedWhereverTheyStand) {
+    EXPECT_EQ(Find("link"), Finding::kUnknown);
+    EXPECT_EQ(Find("link/f"), Finding::kUnknown);
+    EXPECT_EQ(Find("link/none"), Finding::kUnknown);
+    EXPECT_EQ(Find("dangling"), Finding::kUnknown);
+}
+
+TEST_F(PathProbeTest, NoDescriptorIsLeft) {
+    const int iBefore = dup(0);
+    close(iBefore);
+    Find("d/f");
+    const int iAfter = dup(0);
+    close(iAfter);
+    EXPECT_EQ(iAfter, iBefore);
+}
+
+TEST_F(PathProbeTest, PlainPathsAreAbsoluteAndMadeOfNames) {
+    for (const char* pcPath : {"/a", "/a/b", "/a/b.c/..d", "/.a", "/..."}) {
+        EXPECT_TRUE(IsPlainPath(pcPath)) << pcPath;
+    }
+    for (const char* pcPath : {"", "/", "a", "a/b", "//a", "/a/", "/a//b", "/.", "/..", "/a/.", "/a/..", "/./a",
+                               "/../a", "/a/./b", "/a/../b"}) {
+        EXPECT_FALSE(IsPlainPath(pcPath)) << pcPath;
+    }
+}
+
+}  // namespace
