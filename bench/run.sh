@@ -13,6 +13,8 @@ usage: bench/run.sh [BUILD_FOLDER]   (default: build; a Release or RelWithDebInf
   BENCH_ROUNDS       rounds of each row, in turns between the two servers; the fastest counts (15)
   BENCH_MEMORY       calls for the memory check after the rows (1000000; 0: none)
   BENCH_FOLDER       where the exported folder is made (/dev/shm: the servers are measured, not a disk)
+Under "taskset -c N" load and servers share one processor: the servers' own work shows most there, as nobody waits for
+another processor to wake up.
 Exit status 1 if a row misses its target, or if the server's memory grows.
 USAGE
 }

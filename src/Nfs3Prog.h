@@ -15,6 +15,8 @@
 #include "RpcProg.h"
 #include "RuntimeParam.h"
 
+struct FoundStatus;
+
 /// Answers calls on the files below the exports. A client reaches only what lies in an export once links are resolved.
 ///
 /// Calls come one at a time (the RPC server's mutex), and nothing of a call is kept here. The settings may be changed
@@ -116,16 +118,17 @@ public:
     bool ReadPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CInputStream* pInput, std::string* psPath);
     /// Reads a directory handle and a name, and finds the entry's path: links resolved as far as it exists. False,
     /// with the path left empty, if the handle names nothing or the path does not fit kPathBufferSize. *pbResolved, if
-    /// given, tells whether the entry exists; its path holds no link then.
+    /// given, tells whether the entry exists; its path holds no link then. *pStatus, if given, may be filled.
     bool ReadPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CInputStream* pInput, diropargs3* pDirOp,
-                  std::string* psPath, bool* pbResolved = nullptr);
+                  std::string* psPath, bool* pbResolved = nullptr, FoundStatus* pStatus = nullptr);
 
     /// Finds the export of a path and makes the call's runtime parameter carry its name and IPC ID. NFS3ERR_IO for a
     /// path in no export.
     nfsstat3 CheckProcessParam(ProcessParam* pParam, LogArgu* pLogArgu, const char* pcPath);
     /// NFS3ERR_STALE for a null path. If it must exist: NFS3ERR_IO for one that does not (its last link followed), or
     /// that links lead out of the exports.
-    nfsstat3 CheckPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, bool bMustExist);
+    nfsstat3 CheckPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, bool bMustExist,
+                       FoundStatus* pStatus = nullptr);
 
     /// Joins directory and name with "/" into a buffer of kPathBufferSize. False if one is null or they do not fit.
     static bool AppendFilePath(const char* pcDir, const char* pcName, char* pcOut);
@@ -136,7 +139,8 @@ public:
 
     bool GetNfsFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, nfs_fh3* pHandle);
     /// Attributes of the path itself (a link is not followed). False if they cannot be had.
-    bool GetNfsFileAttributes(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, fattr3* pAttributes);
+    bool GetNfsFileAttributes(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, fattr3* pAttributes,
+                              const FoundStatus* pFound = nullptr);
     /// Attributes before an operation are never given: false, and nothing is filled.
     static bool GetNfsFileAttributes(const char* pcPath, wcc_attr* pAttributes);
     /// Both keep the permission bits and the set-ID bits and drop the rest.
@@ -153,7 +157,8 @@ private:
     static void WriteStatusAndWcc(COutputStream* pOutput, nfsstat3 iStatus);
 
     // ---- Paths (Nfs3ProgPath.cpp)
-    nfsstat3 CheckExisting(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sPath, bool bResolved = false);
+    nfsstat3 CheckExisting(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sPath, bool bResolved = false,
+                           FoundStatus* pStatus = nullptr);
     nfsstat3 CheckUnresolved(ProcessParam* pParam, LogArgu* pLogArgu);
     bool IsInExport(LogArgu* pLogArgu, const char* pcPath);
     bool IsExportRoot(LogArgu* pLogArgu, const char* pcPath);
@@ -161,7 +166,8 @@ private:
 
     // ---- Attributes (Nfs3ProgAttributes.cpp)
     bool GetCanonicalHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, nfs_fh3* pHandle);
-    post_op_attr GetPostOpAttributes(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath);
+    post_op_attr GetPostOpAttributes(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                                     const FoundStatus* pFound = nullptr);
     nfsstat3 CheckGuard(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sPath, const sattrguard3& guard);
     nfsstat3 ApplyAttributes(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sPath,
                              const sattr3& attributes);

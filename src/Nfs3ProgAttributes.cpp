@@ -7,6 +7,7 @@
 #include "InputStream.h"
 #include "Nfs3Prog.h"
 #include "OutputStream.h"
+#include "PathProbe.h"
 #include "Utilities.h"
 
 namespace {
@@ -82,9 +83,11 @@ int CNfs3Prog::ProcedureGETATTR(CInputStream* pInput, COutputStream* pOutput, Pr
     std::string sPath;
     ReadPath(pParam->pRuntimeParam, &logArgu, pInput, &sPath);
 
-    nfsstat3 iStatus = CheckExisting(pParam, &logArgu, sPath);
+    FoundStatus found;
+    nfsstat3 iStatus = CheckExisting(pParam, &logArgu, sPath, false, &found);
     fattr3 attributes;
-    if (iStatus == NFS3_OK && !GetNfsFileAttributes(pParam->pRuntimeParam, &logArgu, sPath.c_str(), &attributes)) {
+    if (iStatus == NFS3_OK &&
+        !GetNfsFileAttributes(pParam->pRuntimeParam, &logArgu, sPath.c_str(), &attributes, &found)) {
         iStatus = NFS3ERR_IO;
     }
 
@@ -167,7 +170,8 @@ int CNfs3Prog::ProcedureLOOKUP(CInputStream* pInput, COutputStream* pOutput, Pro
     diropargs3 dirOp;
     std::string sPath;
     bool bResolved = false;
-    ReadPath(pRuntimeParam, &logArgu, pInput, &dirOp, &sPath, &bResolved);
+    FoundStatus found;
+    ReadPath(pRuntimeParam, &logArgu, pInput, &dirOp, &sPath, &bResolved, &found);
 
     nfsstat3 iStatus = CheckExisting(pParam, &logArgu, sPath, bResolved);
     if (iStatus == NFS3ERR_IO) {
@@ -182,7 +186,7 @@ int CNfs3Prog::ProcedureLOOKUP(CInputStream* pInput, COutputStream* pOutput, Pro
 
     Write(pOutput, static_cast<unsigned int>(iStatus));
     Write(pOutput, handle, false);
-    Write(pOutput, GetPostOpAttributes(pRuntimeParam, &logArgu, sPath.c_str()));
+    Write(pOutput, GetPostOpAttributes(pRuntimeParam, &logArgu, sPath.c_str(), &found));
     Write(pOutput, post_op_attr{});
     return EndProcedure(pParam, logArgu, iStatus);
 }
@@ -248,9 +252,9 @@ bool CNfs3Prog::GetCanonicalHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogAr
 }
 
 bool CNfs3Prog::GetNfsFileAttributes(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
-                                     fattr3* pAttributes) {
+                                     fattr3* pAttributes, const FoundStatus* pFound) {
     struct stat status {};
-    if (m_pUtilities->OS_GetFileStat(pRuntimeParam, pLogArgu, pcPath, &status, nullptr) != 0) {
+    if (m_pUtilities->OS_GetFileStat(pRuntimeParam, pLogArgu, pcPath, &status, nullptr, pFound) != 0) {
         return false;
     }
     const ftype3 iType = GetFileType(status.st_mode);
@@ -291,9 +295,11 @@ bool CNfs3Prog::GetNfsFileAttributes(const char* /*pcPath*/, wcc_attr* /*pAttrib
 }
 
 /// Attributes that follow if they could be had.
-post_op_attr CNfs3Prog::GetPostOpAttributes(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath) {
+post_op_attr CNfs3Prog::GetPostOpAttributes(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                                            const FoundStatus* pFound) {
     post_op_attr attributes;
-    attributes.attributes_follow = GetNfsFileAttributes(pRuntimeParam, pLogArgu, pcPath, &attributes.attributes);
+    attributes.attributes_follow =
+        GetNfsFileAttributes(pRuntimeParam, pLogArgu, pcPath, &attributes.attributes, pFound);
     return attributes;
 }
 

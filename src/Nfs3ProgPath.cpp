@@ -114,7 +114,7 @@ bool CNfs3Prog::ReadPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CInput
 
 // The name is read even if the handle names nothing: the next call begins behind it.
 bool CNfs3Prog::ReadPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CInputStream* pInput, diropargs3* pDirOp,
-                         std::string* psPath, bool* pbResolved) {
+                         std::string* psPath, bool* pbResolved, FoundStatus* pStatus) {
     psPath->clear();
     if (pbResolved != nullptr) {
         *pbResolved = false;
@@ -136,7 +136,7 @@ bool CNfs3Prog::ReadPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CInput
     if (!AppendFilePath(pDirOp->dir.sPath.c_str(), pDirOp->name.sPath.c_str(), vcJoined)) {
         return false;
     }
-    const bool bResolved = m_pUtilities->GetCanonicalPath(pRuntimeParam, pLogArgu, vcPath, vcJoined);
+    const bool bResolved = m_pUtilities->GetCanonicalPath(pRuntimeParam, pLogArgu, vcPath, vcJoined, pStatus);
     *psPath = bResolved ? vcPath : FindMissingEntry(pLogArgu, vcJoined);
     if (pbResolved != nullptr) {
         *pbResolved = bResolved;
@@ -201,15 +201,15 @@ nfsstat3 CNfs3Prog::CheckProcessParam(ProcessParam* pParam, LogArgu* pLogArgu, c
     return NFS3ERR_IO;
 }
 
-nfsstat3 CNfs3Prog::CheckPath(CRuntimeParam* /*pRuntimeParam*/, LogArgu* pLogArgu, const char* pcPath,
-                              bool bMustExist) {
+nfsstat3 CNfs3Prog::CheckPath(CRuntimeParam* /*pRuntimeParam*/, LogArgu* pLogArgu, const char* pcPath, bool bMustExist,
+                              FoundStatus* pStatus) {
     if (pcPath == nullptr) {
         return NFS3ERR_STALE;
     }
     if (!bMustExist) {
         return NFS3_OK;
     }
-    switch (FindWithoutLinks(pcPath)) {
+    switch (FindWithoutLinks(pcPath, pStatus)) {
         case Finding::kFound:
             return NFS3_OK;
         case Finding::kMissing:
@@ -226,9 +226,11 @@ nfsstat3 CNfs3Prog::CheckPath(CRuntimeParam* /*pRuntimeParam*/, LogArgu* pLogArg
 
 /// The first two checks of most procedures: the path lies in an export, and it exists, which need not be asked again of
 /// one that was resolved for this call.
-nfsstat3 CNfs3Prog::CheckExisting(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sPath, bool bResolved) {
+nfsstat3 CNfs3Prog::CheckExisting(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sPath, bool bResolved,
+                                  FoundStatus* pStatus) {
     const nfsstat3 iStatus = CheckProcessParam(pParam, pLogArgu, sPath.c_str());
-    return iStatus == NFS3_OK ? CheckPath(pParam->pRuntimeParam, pLogArgu, sPath.c_str(), !bResolved) : iStatus;
+    return iStatus == NFS3_OK ? CheckPath(pParam->pRuntimeParam, pLogArgu, sPath.c_str(), !bResolved, pStatus)
+                              : iStatus;
 }
 
 /// The check of the procedures that are not served and do not resolve their handles.

@@ -23,6 +23,7 @@ class CCallback;
 class CFileLogger;
 class CFileTable;
 class CRedirectedFile;
+struct FoundStatus;
 class CVSphereWebController;
 
 /// One export: a local directory and the name under which clients mount it.
@@ -138,8 +139,10 @@ public:
     // ==== Paths and texts (UtilitiesText.cpp) ====================================================================
 
     /// Resolves a path with realpath into a buffer of kPathBufferSize (which may be the path itself). A path that
-    /// does not exist is copied unchanged (cut where it does not fit). Never fails; false tells of such a copy.
-    bool GetCanonicalPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, char* pcOut, const char* pcPath);
+    /// does not exist is copied unchanged (cut where it does not fit). Never fails; false tells of such a copy. The
+    /// status of what the path resolves to is filled, if one is given, where it comes at no cost.
+    bool GetCanonicalPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, char* pcOut, const char* pcPath,
+                          FoundStatus* pStatus = nullptr);
     /// Appends "/" in place unless the text is empty, already ends in "/", or a buffer of kPathBufferSize is full.
     static void SetPathToCompare(char* pcPath);
     static void SetPathToCompare(std::string& sPath);
@@ -248,9 +251,9 @@ public:
                        char* pcStatus);
     bool OS_SetFileSize(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, unsigned long long iSize,
                         char* pcStatus);
-    /// Links are not followed.
+    /// Links are not followed. With the status that was just found for the path, if there is one, nothing is asked.
     int OS_GetFileStat(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, struct stat* pStat,
-                       char* pcStatus);
+                       char* pcStatus, const FoundStatus* pFound = nullptr);
     /// Opens for appending; creates the file and the folders above it where they are missing.
     int OS_FileForceOpen(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, char* pcStatus);
 

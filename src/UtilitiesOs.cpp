@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "PathProbe.h"
 #include "Reason.h"
 #include "Utilities.h"
 
@@ -218,8 +219,13 @@ bool CUtilities::OS_SetFileSize(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
 }
 
 int CUtilities::OS_GetFileStat(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, struct stat* pStat,
-                               char* pcStatus) {
-    const int iResult = ::lstat(pcPath, pStat);
+                               char* pcStatus, const FoundStatus* pFound) {
+    int iResult = 0;
+    if (pFound != nullptr && pFound->bKnown) {
+        *pStat = pFound->status;
+    } else {
+        iResult = ::lstat(pcPath, pStat);
+    }
     if (iResult == -1) {
         const ErrorText error(errno, pcStatus);
         if (pRuntimeParam->IsLogError()) {

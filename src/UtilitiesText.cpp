@@ -13,10 +13,10 @@ namespace {
 
 /// realpath, which asks the kernel for each component; of most paths it can tell in one step that they resolve to
 /// themselves.
-bool Resolve(const char* pcPath, char (&vcResolved)[kPathBufferSize]) {
+bool Resolve(const char* pcPath, char (&vcResolved)[kPathBufferSize], FoundStatus* pStatus) {
     const std::size_t nLength = strnlen(pcPath, kPathBufferSize);
     if (nLength < kPathBufferSize && IsPlainPath(pcPath)) {
-        switch (FindWithoutLinks(pcPath)) {
+        switch (FindWithoutLinks(pcPath, pStatus)) {
             case Finding::kFound:
                 std::memcpy(vcResolved, pcPath, nLength + 1);
                 return true;
@@ -31,10 +31,11 @@ bool Resolve(const char* pcPath, char (&vcResolved)[kPathBufferSize]) {
 
 }  // namespace
 
-bool CUtilities::GetCanonicalPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, char* pcOut, const char* pcPath) {
+bool CUtilities::GetCanonicalPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, char* pcOut, const char* pcPath,
+                                  FoundStatus* pStatus) {
     const char* pcGiven = pcPath != nullptr ? pcPath : "";
     char vcResolved[kPathBufferSize];
-    if (Resolve(pcGiven, vcResolved)) {
+    if (Resolve(pcGiven, vcResolved, pStatus)) {
         std::memcpy(pcOut, vcResolved, std::strlen(vcResolved) + 1);
         if (pRuntimeParam->IsLogGeneralInfo()) {
             LogInfo(pRuntimeParam, "[%s] Get canonical path successfully: %s", pLogArgu->pcName, pcOut);

@@ -39,6 +39,26 @@ TEST_F(PathProbeTest, LinksAreNotJudgedWhereverTheyStand) {
     EXPECT_EQ(Find("dangling"), Finding::kUnknown);
 }
 
+TEST_F(PathProbeTest, StatusIsThatOfLstatWhereThePathIsFound) {
+    for (const char* pcPath : {"d", "d/f"}) {
+        FoundStatus found;
+        struct stat expected {};
+        EXPECT_EQ(FindWithoutLinks((m_Folder / pcPath).c_str(), &found), Finding::kFound);
+        ASSERT_EQ(lstat((m_Folder / pcPath).c_str(), &expected), 0);
+        EXPECT_TRUE(found.bKnown);
+        EXPECT_EQ(found.status.st_ino, expected.st_ino);
+        EXPECT_EQ(found.status.st_dev, expected.st_dev);
+        EXPECT_EQ(found.status.st_mode, expected.st_mode);
+        EXPECT_EQ(found.status.st_size, expected.st_size);
+        EXPECT_EQ(found.status.st_nlink, expected.st_nlink);
+    }
+    FoundStatus found;
+    FindWithoutLinks((m_Folder / "none").c_str(), &found);
+    EXPECT_FALSE(found.bKnown);
+    FindWithoutLinks((m_Folder / "link").c_str(), &found);
+    EXPECT_FALSE(found.bKnown);
+}
+
 TEST_F(PathProbeTest, NoDescriptorIsLeft) {
     const int iBefore = dup(0);
     close(iBefore);
