@@ -4,6 +4,7 @@
 
 #include <ctime>
 
+#include "FileSystemID.h"
 #include "InputStream.h"
 #include "Nfs3Prog.h"
 #include "OutputStream.h"
@@ -69,7 +70,11 @@ unsigned long long GetFileSystemID(const char* pcPath, const struct stat& status
         return CUtilities::GetFileSystemID(pcPath);
     }
     if (last.iTime != iNow || last.iDevice != status.st_dev) {
-        last = {iNow, status.st_dev, CUtilities::GetFileSystemID(pcPath)};
+        const unsigned long long iID = CUtilities::GetFileSystemID(pcPath);
+        if (iID == kUnknownFileSystemID) {
+            return iID;  // the file has gone meanwhile, say; that tells nothing of the others there
+        }
+        last = {iNow, status.st_dev, iID};
     }
     return last.iID;
 }

@@ -4,6 +4,7 @@
 #include <sys/statfs.h>
 #include <sys/statvfs.h>
 
+#include "FileSystemID.h"
 #include "MaxFileSize.h"
 #include "Utilities.h"
 
@@ -11,9 +12,6 @@ namespace {
 
 /// What a figure reads as when it cannot be had.
 constexpr unsigned long long kUnknownFigure = ~0ULL;
-
-/// The file-system ID when none can be had.
-constexpr unsigned long long kUnknownFileSystemID = 4;
 
 /// The figures of the file system that holds a path, if they can be had.
 class VfsFigures {

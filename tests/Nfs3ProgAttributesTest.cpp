@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "Nfs3ProgFixture.h"
+#include "PathProbe.h"
 
 namespace {
 
@@ -44,6 +45,40 @@ protected:
         return status;
     }
 };
+
+// ==== File-system IDs ================================================================================================
+
+/// What statvfs says, whatever was asked before.
+TEST_F(Nfs3ProgAttributesTest, EachFileCarriesTheIdOfItsOwnFileSystem) {
+    for (int iRound = 0; iRound < 3; ++iRound) {
+        for (const char* pcPath : {"/proc", "/sys", "/tmp"}) {
+            LogArgu logArgu{"test"};
+            CRuntimeParam param("test", 0);
+            struct statvfs figures {};
+            fattr3 attributes;
+            ASSERT_EQ(statvfs(pcPath, &figures), 0);
+            ASSERT_TRUE(m_Prog.GetNfsFileAttributes(&param, &logArgu, pcPath, &attributes));
+            EXPECT_EQ(attributes.fsid, figures.f_fsid) << pcPath;
+        }
+    }
+}
+
+/// Clients take a changed ID for another file system.
+TEST_F(Nfs3ProgAttributesTest, FileThatVanishesMeanwhileDoesNotSpoilTheIdOfItsNeighbours) {
+    WriteWholeFile(Path("file"), "");
+    LogArgu logArgu{"test"};
+    CRuntimeParam param("test", 0);
+    fattr3 attributes;
+    ASSERT_TRUE(m_Prog.GetNfsFileAttributes(&param, &logArgu, "/proc", &attributes));  // elsewhere
+    const FoundStatus found{true, Stat("file")};
+    ASSERT_TRUE(m_Prog.GetNfsFileAttributes(&param, &logArgu, Path("gone").c_str(), &attributes, &found));
+    EXPECT_EQ(attributes.fsid, 4U);
+    struct statvfs figures {};
+    ASSERT_EQ(statvfs(Path("file").c_str(), &figures), 0);
+    ASSERT_NE(figures.f_fsid, 4U);
+    ASSERT_TRUE(m_Prog.GetNfsFileAttributes(&param, &logArgu, Path("file").c_str(), &attributes));
+    EXPECT_EQ(attributes.fsid, figures.f_fsid);
+}
 
 // ==== GETATTR ========================================================================================================
 

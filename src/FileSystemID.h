@@ -1,0 +1,4 @@
+// The file-system ID when none can be had.
+#pragma once
+
+inline constexpr unsigned long long kUnknownFileSystemID = 4;
