@@ -3,6 +3,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <csignal>
 
 #include "ConsoleSupport.h"
@@ -74,6 +75,12 @@ TEST_F(ConsoleSignal, InterruptKeyOfTheTerminalEndsTheProgram) {
     attributes.c_cc[VINTR] = 3;
     terminal.Set(attributes);
     console.Send("\x03");
+#if defined(__SANITIZE_THREAD__)
+    // Under ThreadSanitizer, and only there, about one press in fifty was seen to be lost: it is repeated.
+    for (int i = 0; i < 10 && !console.Wait(std::chrono::seconds(2)); ++i) {
+        console.Send("\x03");
+    }
+#endif
     EXPECT_EQ(console.Wait(), 0);
     EXPECT_TRUE(console.Output().ends_with("\nExit\n")) << console.Output();
 }
