@@ -14,6 +14,11 @@ bool CIpcClient::SendRequest(const char* pcChannel, char* pcReason) {
         WriteReason(pcReason, "Channel is not defined");
         return false;
     }
+    if (const char* pcTooLong = m_Texts.GetReason(); pcTooLong != nullptr) {
+        m_iError = EMSGSIZE;
+        WriteReason(pcReason, "%s", pcTooLong);
+        return false;
+    }
     if (m_pRuntimeParam->IsLogIpcState()) {
         LogInfoFormat("[%s] Open channel: %s", logArgu.pcName, pcChannel);
     }

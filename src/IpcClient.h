@@ -17,6 +17,13 @@ public:
     /// peer lives.
     void SetTimeout(std::chrono::milliseconds timeout) { m_Timeout = timeout; }
 
+    /// Fills a text field of the record that SetRequest will be given. A text that does not fit is not cut: the
+    /// request is not sent then, and sending it fails with a reason that gives the field's name and limit.
+    template <std::size_t n>
+    void SetText(char (&cField)[n], const char* pcName, const char* pcText) {
+        m_Texts.Set(cField, pcName, pcText);
+    }
+
     /// Makes the request one of this type. Types of which nothing but the header is sent take no record.
     void SetRequest(int iType) { InitialRequestData(&m_IpcDataInst.request, iType); }
     template <typename Record>
@@ -58,6 +65,7 @@ private:
     const char* GetTextReply(int iType) const;
 
     IpcDataInst m_IpcDataInst{};
+    CIpcTextFields m_Texts;
     std::optional<std::chrono::milliseconds> m_Timeout;
     int m_iError = 0;
 };

@@ -6,20 +6,20 @@
 // ==== Listings =======================================================================================================
 
 int CNfsIpcClientMain::GetMountInfo(CRuntimeParam* pRuntimeParam, bool bClientMountedOnly, bool bPrintDetails) {
+    CIpcClient client(m_pUtilities.get(), m_pRuntimeParam.get());
     auto record = NewIpcRecord<IpcRequest_GetMountInfo>();
-    SetIpcText(record.cIpcID, pRuntimeParam->GetID());
+    client.SetText(record.cIpcID, "IPC ID", pRuntimeParam->GetID());
     record.bClientMountedOnly = bClientMountedOnly ? 1 : 0;
     record.bPrintDetails = bPrintDetails ? 1 : 0;
-    CIpcClient client(m_pUtilities.get(), m_pRuntimeParam.get());
     client.SetRequest(kIpcGetMountInfo, record);
     return SendForInt(client, 0);
 }
 
 int CNfsIpcClientMain::SendForCount(int iType, CRuntimeParam* pRuntimeParam, bool bPrintDetails) {
-    auto record = NewIpcRecord<IpcRequest_GetSessionInfo>();
-    SetIpcText(record.cIpcID, pRuntimeParam->GetID());
-    record.bPrintDetails = bPrintDetails ? 1 : 0;
     CIpcClient client(m_pUtilities.get(), m_pRuntimeParam.get());
+    auto record = NewIpcRecord<IpcRequest_GetSessionInfo>();
+    client.SetText(record.cIpcID, "IPC ID", pRuntimeParam->GetID());
+    record.bPrintDetails = bPrintDetails ? 1 : 0;
     client.SetRequest(iType, record);
     return SendForInt(client, 0);
 }
@@ -41,11 +41,11 @@ int CNfsIpcClientMain::GetNetDeviceCredential(CRuntimeParam* pRuntimeParam, bool
 // ==== Tests and shell commands =======================================================================================
 
 void CNfsIpcClientMain::RunTestMode(CRuntimeParam* pRuntimeParam, const char* pcDirPath, long long iFileSize) {
-    auto record = NewIpcRecord<IpcRequest_RunTestMode>();
-    SetIpcText(record.cIpcID, pRuntimeParam->GetID());
-    SetIpcText(record.cDirPath, pcDirPath);
-    record.iFileSize = iFileSize;
     CIpcClient client(m_pUtilities.get(), m_pRuntimeParam.get());
+    auto record = NewIpcRecord<IpcRequest_RunTestMode>();
+    client.SetText(record.cIpcID, "IPC ID", pRuntimeParam->GetID());
+    client.SetText(record.cDirPath, "Directory", pcDirPath);
+    record.iFileSize = iFileSize;
     client.SetRequest(kIpcRunTestMode, record);
     client.SendRequest(m_cIpcChannel);
 }
@@ -57,11 +57,11 @@ bool CNfsIpcClientMain::RunQuickTestMode(CRuntimeParam* pRuntimeParam, const cha
         }
         return true;
     }
-    auto record = NewIpcRecord<IpcRequest_RunQuickTestMode>();
-    SetIpcText(record.cIpcID, pRuntimeParam->GetID());
-    SetIpcText(record.cPath, pcPath);
-    record.iMode = iMode;
     CIpcClient client(m_pUtilities.get(), m_pRuntimeParam.get());
+    auto record = NewIpcRecord<IpcRequest_RunQuickTestMode>();
+    client.SetText(record.cIpcID, "IPC ID", pRuntimeParam->GetID());
+    client.SetText(record.cPath, "Path", pcPath);
+    record.iMode = iMode;
     client.SetRequest(kIpcRunQuickTestMode, record);
     return SendForStatus(client, pcStatus);
 }
@@ -73,11 +73,11 @@ int CNfsIpcClientMain::ExecuteSystemCmd(CRuntimeParam* pRuntimeParam, const char
         }
         return 0;
     }
-    auto record = NewIpcRecord<IpcRequest_ExecuteSystemCmd>();
-    SetIpcText(record.cIpcID, pRuntimeParam->GetID());
-    SetIpcText(record.cCmd, pcCmd);
-    record.bLogResult = bLogResult ? 1 : 0;
     CIpcClient client(m_pUtilities.get(), m_pRuntimeParam.get());
+    auto record = NewIpcRecord<IpcRequest_ExecuteSystemCmd>();
+    client.SetText(record.cIpcID, "IPC ID", pRuntimeParam->GetID());
+    client.SetText(record.cCmd, "Command", pcCmd);
+    record.bLogResult = bLogResult ? 1 : 0;
     client.SetRequest(kIpcExecuteSystemCmd, record);
     return SendForInt(client, -1);
 }
@@ -89,13 +89,13 @@ void CNfsIpcClientMain::AddVSphereInfo(const char* pcDatastoreMoid, const char* 
     if (IsNotSupportSetVSphereInfo(nullptr)) {
         return;
     }
-    auto record = NewIpcRecord<IpcRequest_AddVSphereInfo>();
-    SetIpcText(record.cDatastoreMoid, pcDatastoreMoid);
-    SetIpcText(record.cHost, pcHost);
-    SetIpcText(record.cPort, pcPort);
-    SetIpcText(record.cUser, pcUser);
-    SetIpcText(record.cPwd, pcPwd);
     CIpcClient client(m_pUtilities.get(), m_pRuntimeParam.get());
+    auto record = NewIpcRecord<IpcRequest_AddVSphereInfo>();
+    client.SetText(record.cDatastoreMoid, "Datastore MOID", pcDatastoreMoid);
+    client.SetText(record.cHost, "Host", pcHost);
+    client.SetText(record.cPort, "Port", pcPort);
+    client.SetText(record.cUser, "User", pcUser);
+    client.SetText(record.cPwd, "Password", pcPwd);
     client.SetRequest(kIpcAddVSphereInfo, record);
     client.SendRequest(m_cIpcChannel);
 }
@@ -104,9 +104,9 @@ void CNfsIpcClientMain::RemoveVSphereInfo(const char* pcDatastoreMoid) {
     if (IsNotSupportSetVSphereInfo(nullptr)) {
         return;
     }
-    auto record = NewIpcRecord<IpcRequest_RemoveVSphereInfo>();
-    SetIpcText(record.cDatastoreMoid, pcDatastoreMoid);
     CIpcClient client(m_pUtilities.get(), m_pRuntimeParam.get());
+    auto record = NewIpcRecord<IpcRequest_RemoveVSphereInfo>();
+    client.SetText(record.cDatastoreMoid, "Datastore MOID", pcDatastoreMoid);
     client.SetRequest(kIpcRemoveVSphereInfo, record);
     client.SendRequest(m_cIpcChannel);
 }
@@ -115,11 +115,11 @@ bool CNfsIpcClientMain::AddNetDeviceCredential(const char* pcPath, const char* p
     if (IsNotSupportNetDeviceAccess(nullptr)) {
         return false;
     }
-    auto record = NewIpcRecord<IpcRequest_AddNetDeviceCredential>();
-    SetIpcText(record.cPath, pcPath);
-    SetIpcText(record.cUser, pcUser);
-    SetIpcText(record.cPwd, pcPwd);
     CIpcClient client(m_pUtilities.get(), m_pRuntimeParam.get());
+    auto record = NewIpcRecord<IpcRequest_AddNetDeviceCredential>();
+    client.SetText(record.cPath, "Path", pcPath);
+    client.SetText(record.cUser, "User", pcUser);
+    client.SetText(record.cPwd, "Password", pcPwd);
     client.SetRequest(kIpcAddNetDeviceCredential, record);
     return SendForBool(client);
 }
@@ -128,9 +128,9 @@ bool CNfsIpcClientMain::RemoveNetDeviceCredential(const char* pcPath) {
     if (IsNotSupportNetDeviceAccess(nullptr)) {
         return false;
     }
-    auto record = NewIpcRecord<IpcRequest_RemoveNetDeviceCredential>();
-    SetIpcText(record.cPath, pcPath);
     CIpcClient client(m_pUtilities.get(), m_pRuntimeParam.get());
+    auto record = NewIpcRecord<IpcRequest_RemoveNetDeviceCredential>();
+    client.SetText(record.cPath, "Path", pcPath);
     client.SetRequest(kIpcRemoveNetDeviceCredential, record);
     return SendForBool(client);
 }

@@ -11,11 +11,11 @@ bool CNfsIpcClientMain::AddMountPoint(const char* pcLocalMountPath, const char* 
 }
 
 bool CNfsIpcClientMain::AddMountPoint(const char* pcLocalMountPath, const char* pcExportName, char* pcStatus) {
-    auto record = NewIpcRecord<IpcRequest_AddMountPoint>();
-    SetIpcText(record.cLocalMountFolder, pcLocalMountPath);
-    SetIpcText(record.cExportName, pcExportName);
-    SetIpcText(record.cIpcID, m_pRuntimeParam->GetID());
     CIpcClient client(m_pUtilities.get(), m_pRuntimeParam.get());
+    auto record = NewIpcRecord<IpcRequest_AddMountPoint>();
+    client.SetText(record.cLocalMountFolder, "Local mount path", pcLocalMountPath);
+    client.SetText(record.cExportName, "Export name", pcExportName);
+    client.SetText(record.cIpcID, "IPC ID", m_pRuntimeParam->GetID());
     client.SetRequest(kIpcAddMountPoint, record);
     return SendForStatus(client, pcStatus);
 }
@@ -25,26 +25,26 @@ void CNfsIpcClientMain::RemoveMountPoint(const char* pcLocalMountPath) {
 }
 
 void CNfsIpcClientMain::AddSessionInfo(const char* pcSessionID, const char* pcLocalMountPath) {
-    auto record = NewIpcRecord<IpcRequest_AddSession>();
-    SetIpcText(record.cSessionID, pcSessionID);
-    SetIpcText(record.cLocalMountFolder, pcLocalMountPath);
     CIpcClient client(m_pUtilities.get(), m_pRuntimeParam.get());
+    auto record = NewIpcRecord<IpcRequest_AddSession>();
+    client.SetText(record.cSessionID, "Session ID", pcSessionID);
+    client.SetText(record.cLocalMountFolder, "Local mount path", pcLocalMountPath);
     client.SetRequest(kIpcAddSessionInfo, record);
     client.SendRequest(m_cIpcChannel);
 }
 
 void CNfsIpcClientMain::RemoveSessionInfo(const char* pcSessionID) {
-    auto record = NewIpcRecord<IpcRequest_RemoveSession>();
-    SetIpcText(record.cSessionID, pcSessionID);
     CIpcClient client(m_pUtilities.get(), m_pRuntimeParam.get());
+    auto record = NewIpcRecord<IpcRequest_RemoveSession>();
+    client.SetText(record.cSessionID, "Session ID", pcSessionID);
     client.SetRequest(kIpcRemoveSessionInfo, record);
     client.SendRequest(m_cIpcChannel);
 }
 
 bool CNfsIpcClientMain::IsSessionExists(const char* pcSessionID) {
-    auto record = NewIpcRecord<IpcRequest_IsSessionExists>();
-    SetIpcText(record.cSessionID, pcSessionID);
     CIpcClient client(m_pUtilities.get(), m_pRuntimeParam.get());
+    auto record = NewIpcRecord<IpcRequest_IsSessionExists>();
+    client.SetText(record.cSessionID, "Session ID", pcSessionID);
     client.SetRequest(kIpcIsSessionExists, record);
     return SendForBool(client);
 }
@@ -52,22 +52,22 @@ bool CNfsIpcClientMain::IsSessionExists(const char* pcSessionID) {
 // ==== Redirected files and cached descriptors ========================================================================
 
 void CNfsIpcClientMain::SendPath(int iType, const char* pcPath) {
-    auto record = NewIpcRecord<IpcRequest_CloseRedirectedFile>();
-    SetIpcText(record.cPath, pcPath);
     CIpcClient client(m_pUtilities.get(), m_pRuntimeParam.get());
+    auto record = NewIpcRecord<IpcRequest_CloseRedirectedFile>();
+    client.SetText(record.cPath, "Path", pcPath);
     client.SetRequest(iType, record);
     client.SendRequest(m_cIpcChannel);
 }
 
 void CNfsIpcClientMain::OpenRedirectedFile(const char* pcPath, long long iSize, bool bCreateInfoFile,
                                            int iInfoFileSegmentSizeMB, int iInfoFileCheckPointSizeMB) {
+    CIpcClient client(m_pUtilities.get(), m_pRuntimeParam.get());
     auto record = NewIpcRecord<IpcRequest_OpenRedirectedFile>();
-    SetIpcText(record.cPath, pcPath);
+    client.SetText(record.cPath, "Path", pcPath);
     record.iSize = iSize;
     record.bCreateInfoFile = bCreateInfoFile ? 1 : 0;
     record.iInfoFileSegmentSizeMB = iInfoFileSegmentSizeMB;
     record.iInfoFileCheckPointSizeMB = iInfoFileCheckPointSizeMB;
-    CIpcClient client(m_pUtilities.get(), m_pRuntimeParam.get());
     client.SetRequest(kIpcOpenRedirectedFile, record);
     client.SendRequest(m_cIpcChannel);
 }
@@ -82,32 +82,32 @@ void CNfsIpcClientMain::CloseAllRedirectedFiles(const char* pcPath) {
 
 bool CNfsIpcClientMain::AddRedirectedFileSegment(const char* pcPath, const char* pcSourcePath, long long iSrcFileOffset,
                                                  long long iOffset, long long iLength, char* pcStatus) {
+    CIpcClient client(m_pUtilities.get(), m_pRuntimeParam.get());
     auto record = NewIpcRecord<IpcRequest_AddRedirectedFileSegment>();
-    SetIpcText(record.cPath, pcPath);
-    SetIpcText(record.cSrcPath, pcSourcePath);
+    client.SetText(record.cPath, "Path", pcPath);
+    client.SetText(record.cSrcPath, "Source path", pcSourcePath);
     record.iSrcFileOffset = iSrcFileOffset;
     record.iOffset = iOffset;
     record.iLength = iLength;
-    CIpcClient client(m_pUtilities.get(), m_pRuntimeParam.get());
     client.SetRequest(kIpcAddRedirectedFileSegment, record);
     return SendForStatus(client, pcStatus);
 }
 
 void CNfsIpcClientMain::ExportRedirectedFile(const char* pcPath, const char* pcExportPath) {
-    auto record = NewIpcRecord<IpcRequest_ExportRedirectedFile>();
-    SetIpcText(record.cPath, pcPath);
-    SetIpcText(record.cExportPath, pcExportPath);
     CIpcClient client(m_pUtilities.get(), m_pRuntimeParam.get());
+    auto record = NewIpcRecord<IpcRequest_ExportRedirectedFile>();
+    client.SetText(record.cPath, "Path", pcPath);
+    client.SetText(record.cExportPath, "Export path", pcExportPath);
     client.SetRequest(kIpcExportRedirectedFile, record);
     client.SendRequest(m_cIpcChannel);
 }
 
 void CNfsIpcClientMain::ExportRedirectedFileInfo(const char* pcPath, const char* pcExportPath, bool bMergeRange) {
-    auto record = NewIpcRecord<IpcRequest_ExportRedirectedFileInfo>();
-    SetIpcText(record.cPath, pcPath);
-    SetIpcText(record.cExportPath, pcExportPath);
-    record.bMergeRange = bMergeRange ? 1 : 0;
     CIpcClient client(m_pUtilities.get(), m_pRuntimeParam.get());
+    auto record = NewIpcRecord<IpcRequest_ExportRedirectedFileInfo>();
+    client.SetText(record.cPath, "Path", pcPath);
+    client.SetText(record.cExportPath, "Export path", pcExportPath);
+    record.bMergeRange = bMergeRange ? 1 : 0;
     client.SetRequest(kIpcExportRedirectedFileInfo, record);
     client.SendRequest(m_cIpcChannel);
 }

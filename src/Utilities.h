@@ -9,6 +9,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <sys/stat.h>
@@ -102,6 +103,10 @@ public:
     /// that the client is told; -1 without a host.
     virtual int LogWriteRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath, unsigned long long iSeek,
                                        int iSeekType, unsigned int iLen);
+
+    /// Would a notification about a path reach its receiver whole? Asked before something that the receiver must be
+    /// told of is done to the disk. The base form has no limit. Stands behind the slots above.
+    virtual bool CanTellOf(CRuntimeParam* pRuntimeParam, const char* pcPath);
 
     /// printf-style forms: what all code calls. Messages are cut at kMessageBufferSize - 1 characters.
     void LogInfo(Requester requester, const char* pcFormat, ...) __attribute__((format(printf, 3, 4)));
@@ -316,6 +321,9 @@ public:
     /// The folder was renamed on disk: what is registered below it follows, else clients would read the files on disk
     /// in its place. The host is asked for each, in path order; false if an answer was not 0.
     bool RenameRedirectedFilesBelow(CRuntimeParam* pRuntimeParam, const char* pcFolderFrom, const char* pcFolderTo);
+    /// Could the host be told of all that a rename does to redirected files: the one under the old path, the one that
+    /// the new path takes the place of, and those below a folder?
+    bool CanTellOfRename(CRuntimeParam* pRuntimeParam, const char* pcPathFrom, const char* pcPathTo);
     /// Null when none is open under the path.
     std::shared_ptr<CRedirectedFile> GetRedirectedFile(const char* pcPath);
 
@@ -395,6 +403,8 @@ private:
     int WriteOpenedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const CCachedFile& file, long long iOffset,
                         const void* pvData, unsigned int iLen);
     long long SeekToEnd(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const CCachedFile& file);
+    /// Old and new path of each redirected file below a folder that is renamed, in path order.
+    std::vector<std::pair<std::string, std::string>> GetRenamesBelow(const char* pcFolderFrom, const char* pcFolderTo);
     bool RenameOnDisk(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPathFrom, const char* pcPathTo);
     bool ReplaceFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPathFrom, const char* pcPathTo);
 

@@ -66,9 +66,21 @@ void CUtilitiesIpcServer::SendLogMessage(CRuntimeParam* pRuntimeParam, const cha
 
 // ==== Notifications ==================================================================================================
 
+bool CUtilitiesIpcServer::CanTellOf(CRuntimeParam* pRuntimeParam, const char* pcPath) {
+    return !HasReceiver(pRuntimeParam) ||
+           (std::strlen(pcPath) < kIpcPathSize && std::strlen(pRuntimeParam->GetID()) < kIpcNameSize);
+}
+
 template <typename Record>
-int CUtilitiesIpcServer::SendNotification(CRuntimeParam* pRuntimeParam, int iType, const Record& record) {
+int CUtilitiesIpcServer::SendNotification(CRuntimeParam* pRuntimeParam, int iType, const Record& record,
+                                          const CIpcTextFields& texts) {
     CRuntimeParam own(pRuntimeParam->GetID(), pRuntimeParam->GetLogControl());
+    if (const char* pcTooLong = texts.GetReason(); pcTooLong != nullptr) {
+        if (own.IsLogError()) {
+            LogError(&own, "[%s] %s", "UtilitiesIpcServer.SendNotification", pcTooLong);
+        }
+        return -1;
+    }
     CIpcClient client(this, &own);
     client.SetCallback(iType, record);
     bool bAnswered = SendCallback(pRuntimeParam->GetIpcID(), client);
@@ -90,15 +102,16 @@ int CUtilitiesIpcServer::LogUpdateRedirectedFileAttributes(CRuntimeParam* pRunti
                                                              lAccessTimeSec, bLastModifiedTime, lLastModifiedTimeSec);
     }
     auto record = NewIpcRecord<IpcCb_SetRedirectedFileAttributes>();
-    SetIpcText(record.cID, pRuntimeParam->GetID());
-    SetIpcText(record.cPath, pcPath);
+    CIpcTextFields texts;
+    texts.Set(record.cID, "ID", pRuntimeParam->GetID());
+    texts.Set(record.cPath, "Path", pcPath);
     record.bSize = bSize ? 1 : 0;
     record.iSize = iSize;
     record.bAccessTime = bAccessTime ? 1 : 0;
     record.lAccessTimeSec = lAccessTimeSec;
     record.bLastModifiedTime = bLastModifiedTime ? 1 : 0;
     record.lLastModifiedTimeSec = lLastModifiedTimeSec;
-    return SendNotification(pRuntimeParam, kIpcCbSetRedirectedFileAttributes, record);
+    return SendNotification(pRuntimeParam, kIpcCbSetRedirectedFileAttributes, record, texts);
 }
 
 int CUtilitiesIpcServer::LogRemoveRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath) {
@@ -106,9 +119,10 @@ int CUtilitiesIpcServer::LogRemoveRedirectedFile(CRuntimeParam* pRuntimeParam, c
         return CUtilities::LogRemoveRedirectedFile(pRuntimeParam, pcPath);
     }
     auto record = NewIpcRecord<IpcCb_RemoveRedirectedFile>();
-    SetIpcText(record.cID, pRuntimeParam->GetID());
-    SetIpcText(record.cPath, pcPath);
-    return SendNotification(pRuntimeParam, kIpcCbRemoveRedirectedFile, record);
+    CIpcTextFields texts;
+    texts.Set(record.cID, "ID", pRuntimeParam->GetID());
+    texts.Set(record.cPath, "Path", pcPath);
+    return SendNotification(pRuntimeParam, kIpcCbRemoveRedirectedFile, record, texts);
 }
 
 int CUtilitiesIpcServer::LogRenameRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPathFrom,
@@ -117,10 +131,11 @@ int CUtilitiesIpcServer::LogRenameRedirectedFile(CRuntimeParam* pRuntimeParam, c
         return CUtilities::LogRenameRedirectedFile(pRuntimeParam, pcPathFrom, pcPathTo);
     }
     auto record = NewIpcRecord<IpcCb_RenameRedirectedFile>();
-    SetIpcText(record.cID, pRuntimeParam->GetID());
-    SetIpcText(record.cPathFm, pcPathFrom);
-    SetIpcText(record.cPathTo, pcPathTo);
-    return SendNotification(pRuntimeParam, kIpcCbRenameRedirectedFile, record);
+    CIpcTextFields texts;
+    texts.Set(record.cID, "ID", pRuntimeParam->GetID());
+    texts.Set(record.cPathFm, "Old path", pcPathFrom);
+    texts.Set(record.cPathTo, "New path", pcPathTo);
+    return SendNotification(pRuntimeParam, kIpcCbRenameRedirectedFile, record, texts);
 }
 
 int CUtilitiesIpcServer::LogWriteRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath,
@@ -129,12 +144,13 @@ int CUtilitiesIpcServer::LogWriteRedirectedFile(CRuntimeParam* pRuntimeParam, co
         return CUtilities::LogWriteRedirectedFile(pRuntimeParam, pcPath, iSeek, iSeekType, iLen);
     }
     auto record = NewIpcRecord<IpcCb_WriteRedirectedFile>();
-    SetIpcText(record.cID, pRuntimeParam->GetID());
-    SetIpcText(record.cPath, pcPath);
+    CIpcTextFields texts;
+    texts.Set(record.cID, "ID", pRuntimeParam->GetID());
+    texts.Set(record.cPath, "Path", pcPath);
     record.iSeek = iSeek;
     record.iSeekType = iSeekType;
     record.iLen = iLen;
-    return SendNotification(pRuntimeParam, kIpcCbWriteRedirectedFile, record);
+    return SendNotification(pRuntimeParam, kIpcCbWriteRedirectedFile, record, texts);
 }
 
 // ==== Sending ========================================================================================================

@@ -8,6 +8,7 @@
 #include "Utilities.h"
 
 class CIpcClient;
+class CIpcTextFields;
 
 /// Work done under a runtime parameter with an IPC ID belongs to a remote party: its log lines go to that party's
 /// channel besides being logged here, and the notifications about redirected files go to it instead of to a host of
@@ -34,7 +35,8 @@ public:
     void LogInfo(CRuntimeParam* pRuntimeParam, const char* pcMessage) override;
     void LogError(CRuntimeParam* pRuntimeParam, const char* pcMessage) override;
     void LogRaw(CRuntimeParam* pRuntimeParam, const char* pcMessage) override;
-    /// The answer of the remote party; -1 when it cannot be reached or does not answer.
+    /// The answer of the remote party; -1 when it cannot be reached, does not answer, or a text does not fit its
+    /// record: it is never told of another path.
     int LogUpdateRedirectedFileAttributes(CRuntimeParam* pRuntimeParam, const char* pcPath, bool bSize,
                                           unsigned long long iSize, bool bAccessTime, unsigned long lAccessTimeSec,
                                           bool bLastModifiedTime, unsigned long lLastModifiedTimeSec) override;
@@ -42,6 +44,9 @@ public:
     int LogRenameRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPathFrom, const char* pcPathTo) override;
     int LogWriteRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath, unsigned long long iSeek,
                                int iSeekType, unsigned int iLen) override;
+
+    /// False for a path, or an ID of the parameter, that a remote party's record has no room for.
+    bool CanTellOf(CRuntimeParam* pRuntimeParam, const char* pcPath) override;
 
     /// The callback channel of an IPC ID, into a buffer of kIpcChannelBufferSize (IpcChannel.h). False, with an empty
     /// text, for an ID that no client can have: the server's own, or one holding "/" or a blank.
@@ -52,9 +57,10 @@ public:
 
 private:
     void SendLogMessage(CRuntimeParam* pRuntimeParam, const char* pcMessage, int iType);
-    /// Called with no registry's mutex held; lack of descriptors is met at the expense of the descriptor cache.
+    /// -1 at once, with an error line, when a text did not fit. Called with no registry's mutex held; lack of
+    /// descriptors is met at the expense of the descriptor cache.
     template <typename Record>
-    int SendNotification(CRuntimeParam* pRuntimeParam, int iType, const Record& record);
+    int SendNotification(CRuntimeParam* pRuntimeParam, int iType, const Record& record, const CIpcTextFields& texts);
     /// Sends a callback to the party of an IPC ID. A failure is logged here.
     bool SendCallback(const std::string& sIpcID, CIpcClient& client);
     bool IsSilent(const std::string& sIpcID);

@@ -95,6 +95,10 @@ int CUtilities::LogWriteRedirectedFile(CRuntimeParam* pRuntimeParam, const char*
     return LogWriteRedirectedFile(pRuntimeParam->GetID(), pcPath, iSeek, iSeekType, iLen);
 }
 
+bool CUtilities::CanTellOf(CRuntimeParam* /*pRuntimeParam*/, const char* /*pcPath*/) {
+    return true;
+}
+
 // ---- The router: callback, else file logger, else standard output.
 // Each line goes to the stream in one call, which keeps lines of several threads apart, and is flushed at once for
 // whoever reads the other end. Nobody is left to be told when that fails.

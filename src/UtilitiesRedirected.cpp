@@ -3,6 +3,7 @@
 // The registry's mutex is held for looking up and changing the registry only. What may take long (writing segment
 // records, an export of terabytes, closing) runs on a shared object without it, so that clients go on reading this
 // and all other files meanwhile.
+#include <algorithm>
 #include <utility>
 
 #include "DeferredLog.h"
@@ -151,27 +152,45 @@ void CUtilities::RenameRedirectedFile(CRuntimeParam* pRuntimeParam, const char* 
     }
 }
 
-bool CUtilities::RenameRedirectedFilesBelow(CRuntimeParam* pRuntimeParam, const char* pcFolderFrom,
-                                            const char* pcFolderTo) {
-    std::string sPrefixFrom = pcFolderFrom;
-    std::string sPrefixTo = pcFolderTo;
+std::vector<std::pair<std::string, std::string>> CUtilities::GetRenamesBelow(const char* pcFolderFrom,
+                                                                             const char* pcFolderTo) {
+    std::string sPrefixFrom = GetKey(pcFolderFrom);
+    std::string sPrefixTo = GetKey(pcFolderTo);
     SetPathToCompare(sPrefixFrom);
     SetPathToCompare(sPrefixTo);
-    std::vector<std::string> vsPaths;
-    {
-        MutexLock lock(m_hMutexRedirectedFiles);
-        for (auto itFile = m_mRedirectedFiles.lower_bound(sPrefixFrom);
-             itFile != m_mRedirectedFiles.end() && itFile->first.starts_with(sPrefixFrom); ++itFile) {
-            vsPaths.push_back(itFile->first);
-        }
+    std::vector<std::pair<std::string, std::string>> vsPaths;
+    MutexLock lock(m_hMutexRedirectedFiles);
+    for (auto itFile = m_mRedirectedFiles.lower_bound(sPrefixFrom);
+         itFile != m_mRedirectedFiles.end() && itFile->first.starts_with(sPrefixFrom); ++itFile) {
+        vsPaths.emplace_back(itFile->first, sPrefixTo + itFile->first.substr(sPrefixFrom.size()));
     }
+    return vsPaths;
+}
+
+bool CUtilities::RenameRedirectedFilesBelow(CRuntimeParam* pRuntimeParam, const char* pcFolderFrom,
+                                            const char* pcFolderTo) {
     bool bAgreed = true;
-    for (const std::string& sPath : vsPaths) {
-        const std::string sPathTo = sPrefixTo + sPath.substr(sPrefixFrom.size());
-        RenameRedirectedFile(pRuntimeParam, sPath.c_str(), sPathTo.c_str());
-        bAgreed = LogRenameRedirectedFile(pRuntimeParam, sPath.c_str(), sPathTo.c_str()) == 0 && bAgreed;
+    for (const auto& [sPathFrom, sPathTo] : GetRenamesBelow(pcFolderFrom, pcFolderTo)) {
+        RenameRedirectedFile(pRuntimeParam, sPathFrom.c_str(), sPathTo.c_str());
+        bAgreed = LogRenameRedirectedFile(pRuntimeParam, sPathFrom.c_str(), sPathTo.c_str()) == 0 && bAgreed;
     }
     return bAgreed;
+}
+
+bool CUtilities::CanTellOfRename(CRuntimeParam* pRuntimeParam, const char* pcPathFrom, const char* pcPathTo) {
+    const auto CanTell = [this, pRuntimeParam](const std::string& sPath) {
+        return CanTellOf(pRuntimeParam, sPath.c_str());
+    };
+    const bool bRedirected = GetRedirectedFile(pcPathFrom) != nullptr;
+    if (bRedirected && !CanTell(GetKey(pcPathFrom))) {
+        return false;
+    }
+    if ((bRedirected || GetRedirectedFile(pcPathTo) != nullptr) && !CanTell(GetKey(pcPathTo))) {
+        return false;
+    }
+    return std::ranges::all_of(GetRenamesBelow(pcPathFrom, pcPathTo), [&CanTell](const auto& rename) {
+        return CanTell(rename.first) && CanTell(rename.second);
+    });
 }
 
 std::shared_ptr<CRedirectedFile> CUtilities::GetRedirectedFile(const char* pcPath) {

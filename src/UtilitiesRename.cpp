@@ -81,6 +81,10 @@ bool CUtilities::RenameFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, con
         ReportRenameFailure(pRuntimeParam, pLogArgu, pcPathFrom, pcPathTo, EINVAL, nullptr);
         return false;
     }
+    if (!CanTellOfRename(pRuntimeParam, pcPathFrom, pcPathTo)) {
+        ReportRenameFailure(pRuntimeParam, pLogArgu, pcPathFrom, pcPathTo, ENAMETOOLONG, nullptr);
+        return false;
+    }
     if (!bOnDisk && OS_IsFileExists(pcPathTo, nullptr)) {
         if (!bRedirected) {
             ReportRenameFailure(pRuntimeParam, pLogArgu, pcPathFrom, pcPathTo, ENOENT, nullptr);

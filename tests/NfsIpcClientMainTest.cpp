@@ -168,17 +168,139 @@ TEST_F(NfsIpcClientMainTest, RequestsAboutDatastoresAndDevices) {
                   [&] { EXPECT_TRUE(m_Client.RemoveNetDeviceCredential("//d")); });
 }
 
-TEST_F(NfsIpcClientMainTest, TextsThatDoNotFitAreCutAndNullTextsAreEmpty) {
+TEST_F(NfsIpcClientMainTest, NullTextsAreEmpty) {
     Serve("1.4", RawBoolReply(true));
-    const std::string sLong(5000, 'x');
-    ExpectRequest(RawRequest(31, 1552)
-                      .Text(16, sLong.substr(0, 1023))
-                      .Text(1040, sLong.substr(0, 254))
-                      .Text(1295, sLong.substr(0, 254)),
-                  [&] { m_Client.AddNetDeviceCredential(sLong.c_str(), sLong.c_str(), sLong.c_str()); });
-    ExpectRequest(RawRequest(21, 3352).Text(16, "other").Text(272, sLong.substr(0, 3071)),
-                  [&] { m_Client.RunTestMode(&m_Other, sLong.c_str(), 0); });
     ExpectRequest(RawRequest(7, 1296), [&] { m_Client.AddSessionInfo(nullptr, nullptr); });
+}
+
+// ==== Texts at the limits of their fields ============================================================================
+
+/// One text of one request: what the field is called, where it is, how long its text may be, and the operation.
+struct TextField {
+    int iType;
+    const char* pcName;
+    std::size_t iOffset;
+    std::size_t iLimit;
+    std::function<void(CNfsIpcClientMain& client, const char* pcText)> call;
+};
+
+const std::vector<TextField>& GetTextFields() {
+    static char vcReason[kReasonBufferSize];
+    static const std::vector<TextField> vFields = {
+        {5, "Local mount path", 16, 1023, [](auto& c, auto* pc) { c.AddMountPoint(pc, "n", vcReason); }},
+        {5, "Export name", 1040, 255, [](auto& c, auto* pc) { c.AddMountPoint("/f", pc, vcReason); }},
+        {6, "Path", 16, 1023, [](auto& c, auto* pc) { c.RemoveMountPoint(pc); }},
+        {7, "Session ID", 16, 255, [](auto& c, auto* pc) { c.AddSessionInfo(pc, "/f"); }},
+        {7, "Local mount path", 272, 1023, [](auto& c, auto* pc) { c.AddSessionInfo("s", pc); }},
+        {8, "Session ID", 16, 255, [](auto& c, auto* pc) { c.RemoveSessionInfo(pc); }},
+        {9, "Session ID", 16, 255, [](auto& c, auto* pc) { c.IsSessionExists(pc); }},
+        {10, "Path", 16, 1023, [](auto& c, auto* pc) { c.OpenRedirectedFile(pc, 1, false, 0, 0); }},
+        {11, "Path", 16, 1023, [](auto& c, auto* pc) { c.CloseRedirectedFile(pc); }},
+        {12, "Path", 16, 1023, [](auto& c, auto* pc) { c.CloseAllRedirectedFiles(pc); }},
+        {13, "Path", 16, 1023, [](auto& c, auto* pc) { c.AddRedirectedFileSegment(pc, "/s", 0, 0, 1, vcReason); }},
+        {13, "Source path", 1040, 1023,
+         [](auto& c, auto* pc) { c.AddRedirectedFileSegment("/f", pc, 0, 0, 1, vcReason); }},
+        {14, "Path", 16, 1023, [](auto& c, auto* pc) { c.ExportRedirectedFile(pc, "/o"); }},
+        {14, "Export path", 1040, 1023, [](auto& c, auto* pc) { c.ExportRedirectedFile("/f", pc); }},
+        {15, "Path", 16, 1023, [](auto& c, auto* pc) { c.ExportRedirectedFileInfo(pc, "/o", false); }},
+        {15, "Export path", 1040, 1023, [](auto& c, auto* pc) { c.ExportRedirectedFileInfo("/f", pc, false); }},
+        {16, "Path", 16, 1023, [](auto& c, auto* pc) { c.CloseCachedFileHandle(pc); }},
+        {17, "Path", 16, 1023, [](auto& c, auto* pc) { c.CloseAllCachedFileHandles(pc); }},
+        {21, "Directory", 272, 3071, [](auto& c, auto* pc) { c.CNfsMain::RunTestMode(pc, 1); }},
+        {26, "Datastore MOID", 16, 255, [](auto& c, auto* pc) { c.AddVSphereInfo(pc, "h", "p", "u", "w"); }},
+        {26, "Host", 272, 255, [](auto& c, auto* pc) { c.AddVSphereInfo("m", pc, "p", "u", "w"); }},
+        {26, "Port", 528, 255, [](auto& c, auto* pc) { c.AddVSphereInfo("m", "h", pc, "u", "w"); }},
+        {26, "User", 784, 255, [](auto& c, auto* pc) { c.AddVSphereInfo("m", "h", "p", pc, "w"); }},
+        {26, "Password", 1040, 255, [](auto& c, auto* pc) { c.AddVSphereInfo("m", "h", "p", "u", pc); }},
+        {27, "Datastore MOID", 16, 255, [](auto& c, auto* pc) { c.RemoveVSphereInfo(pc); }},
+        {28, "Path", 272, 1023, [](auto& c, auto* pc) { c.RunQuickTestMode(pc, 0, vcReason); }},
+        {29, "Command", 272, 1023, [](auto& c, auto* pc) { c.ExecuteSystemCmd(pc, true); }},
+        {31, "Path", 16, 1023, [](auto& c, auto* pc) { c.AddNetDeviceCredential(pc, "u", "w"); }},
+        {31, "User", 1040, 254, [](auto& c, auto* pc) { c.AddNetDeviceCredential("/p", pc, "w"); }},
+        {31, "Password", 1295, 254, [](auto& c, auto* pc) { c.AddNetDeviceCredential("/p", "u", pc); }},
+        {32, "Path", 16, 1023, [](auto& c, auto* pc) { c.RemoveNetDeviceCredential(pc); }},
+    };
+    return vFields;
+}
+
+std::string TooLong(const std::string& sName, std::size_t iLimit) {
+    return sName + " is too long for the remote control (" + std::to_string(iLimit + 1) + " bytes, at most " +
+           std::to_string(iLimit) + ")";
+}
+
+TEST_F(NfsIpcClientMainTest, ATextThatJustFitsIsSentWhole) {
+    Serve("1.4", RawBoolReply(true));
+    for (const TextField& field : GetTextFields()) {
+        SCOPED_TRACE(std::to_string(field.iType) + " " + field.pcName);
+        m_pServer->Clear();
+        const std::string sText(field.iLimit, 'x');
+        field.call(m_Client, sText.c_str());
+        const Lines vsSeen = m_pServer->MessagesButVersion();
+        ASSERT_EQ(vsSeen.size(), 1U);
+        EXPECT_EQ(I32At(vsSeen[0], 4), field.iType);
+        EXPECT_EQ(TextAt(vsSeen[0], field.iOffset, field.iLimit + 1), sText);
+        EXPECT_EQ(vsSeen[0][field.iOffset + field.iLimit], '\0');
+    }
+    EXPECT_TRUE(m_Log.Lines().empty()) << m_Log.Dump();
+}
+
+TEST_F(NfsIpcClientMainTest, ATextThatDoesNotFitIsNotSentAndTheLogNamesItsFieldAndLimit) {
+    Serve("1.4", RawBoolReply(true));
+    for (const TextField& field : GetTextFields()) {
+        SCOPED_TRACE(std::to_string(field.iType) + " " + field.pcName);
+        m_Log.Clear();
+        ExpectNoRequest([&] { field.call(m_Client, std::string(field.iLimit + 1, 'x').c_str()); });
+        EXPECT_EQ(m_Log.Texts(), Lines{"[IpcClient.SendRequest] " + TooLong(field.pcName, field.iLimit)});
+    }
+}
+
+TEST_F(NfsIpcClientMainTest, ATextThatDoesNotFitGivesTheFailureValueAndTheReason) {
+    Serve("1.4", RawBoolReply(true));
+    m_Client.GetRuntimeParam()->SetLogControl(0);
+    const std::string sLong(5000, 'x');
+    const char* pcLong = sLong.c_str();
+    const auto ExpectReason = [this](const std::string& sName, std::size_t iLimit) {
+        EXPECT_EQ(std::string(m_vcReason),
+                  sName + " is too long for the remote control (5000 bytes, at most " + std::to_string(iLimit) + ")");
+        m_vcReason[0] = '\0';
+    };
+    EXPECT_FALSE(m_Client.AddMountPoint(pcLong, pcLong, m_vcReason));
+    ExpectReason("Local mount path", 1023);  // the first of them
+    EXPECT_FALSE(m_Client.AddMountPoint("/f", pcLong, "x", m_vcReason));
+    ExpectReason("Export name", 255);
+    EXPECT_FALSE(m_Client.AddRedirectedFileSegment("/f", pcLong, 0, 0, 1, m_vcReason));
+    ExpectReason("Source path", 1023);
+    EXPECT_FALSE(m_Client.RunQuickTestMode(pcLong, 0, m_vcReason));
+    ExpectReason("Path", 1023);
+    EXPECT_FALSE(m_Client.AddMountPoint(pcLong, "n", nullptr)) << "no room for a reason";
+    EXPECT_FALSE(m_Client.IsSessionExists(pcLong));
+    EXPECT_FALSE(m_Client.AddNetDeviceCredential("/p", "u", pcLong));
+    EXPECT_FALSE(m_Client.RemoveNetDeviceCredential(pcLong));
+    m_sReply = RawIntReply(6);
+    EXPECT_EQ(m_Client.ExecuteSystemCmd(pcLong, true), -1);
+    EXPECT_TRUE(m_Log.Lines().empty()) << m_Log.Dump();
+    EXPECT_TRUE(m_pServer->MessagesButVersion() == Lines{}) << "nothing was sent";
+}
+
+TEST_F(NfsIpcClientMainTest, AnIDThatDoesNotFitIsNoOtherPartysID) {
+    Serve("1.4", RawIntReply(6));
+    m_Other.SetID(std::string(255, 'i').c_str());
+    EXPECT_EQ(m_Client.GetMountInfo(&m_Other, false, true), 6);
+    m_Other.SetID(std::string(256, 'i').c_str());
+    const auto ExpectRefused = [this](const std::function<void()>& action) {
+        m_Log.Clear();
+        ExpectNoRequest(action);
+        EXPECT_EQ(m_Log.Texts('e'), Lines{"[IpcClient.SendRequest] " + TooLong("IPC ID", 255)});
+    };
+    ExpectRefused([&] { EXPECT_EQ(m_Client.GetMountInfo(&m_Other, false, true), 0); });
+    ExpectRefused([&] { EXPECT_EQ(m_Client.GetSessionInfo(&m_Other, true), 0); });
+    ExpectRefused([&] { EXPECT_EQ(m_Client.GetVSphereInfo(&m_Other, true), 0); });
+    ExpectRefused([&] { EXPECT_EQ(m_Client.GetNetDeviceCredential(&m_Other, true), 0); });
+    ExpectRefused([&] { m_Client.RunTestMode(&m_Other, "/d", 1); });
+    ExpectRefused([&] { EXPECT_FALSE(m_Client.RunQuickTestMode(&m_Other, "/d", 0, m_vcReason)); });
+    ExpectRefused([&] { EXPECT_EQ(m_Client.ExecuteSystemCmd(&m_Other, "ls", true), -1); });
+    m_Client.GetRuntimeParam()->SetID(std::string(256, 'i').c_str());
+    ExpectRefused([&] { EXPECT_FALSE(m_Client.AddMountPoint("/f", "n", m_vcReason)); });
 }
 
 // ==== Replies as results =============================================================================================

@@ -177,13 +177,54 @@ TEST_F(UtilitiesIpcServerTest, NotificationsCarryTheirFields) {
     EXPECT_EQ(Difference(expected(5, 1312).U64(1296, 1ULL << 40).I32(1304, 2).I32(1308, -1).Bytes(), vsSeen[4]), "");
 }
 
-TEST_F(UtilitiesIpcServerTest, PathsThatDoNotFitAreCutAtTheFieldsEnd) {
-    FakeIpcServer client(kChannel, [](const std::string&) { return RawIntReply(0); });
-    const std::string sLong = "/" + std::string(2000, 'p');
-    m_Utilities.LogRemoveRedirectedFile(&m_Param, sLong.c_str());
+TEST_F(UtilitiesIpcServerTest, PathsThatJustFitAreToldWhole) {
+    FakeIpcServer client(kChannel, [](const std::string&) { return RawIntReply(12); });
+    const std::string sFrom = "/" + std::string(1022, 'f');
+    const std::string sTo = "/" + std::string(1022, 't');
+    EXPECT_EQ(m_Utilities.LogRenameRedirectedFile(&m_Param, sFrom.c_str(), sTo.c_str()), 12);
     ASSERT_EQ(client.Messages().size(), 1U);
-    EXPECT_EQ(TextAt(client.Messages()[0], 272, 1024), sLong.substr(0, 1023));
-    EXPECT_EQ(client.Messages()[0].size(), 1296U);
+    EXPECT_EQ(TextAt(client.Messages()[0], 272, 1024), sFrom);
+    EXPECT_EQ(TextAt(client.Messages()[0], 1296, 1024), sTo);
+    EXPECT_TRUE(m_Utilities.CanTellOf(&m_Param, sFrom.c_str()));
+}
+
+/// A shortened path would be another file of the receiver's.
+TEST_F(UtilitiesIpcServerTest, PathsThatDoNotFitAreNotToldAndCountAsMinusOne) {
+    FakeIpcServer client(kChannel, [](const std::string&) { return RawIntReply(12); });
+    m_Param.SetLogControl(CRuntimeParam::kLogError);
+    const std::string sLong = "/" + std::string(1023, 'p');
+    const char* pcLong = sLong.c_str();
+    const auto Line = [](const std::string& sName) {
+        return "[erro] (exp) [UtilitiesIpcServer.SendNotification] " + sName +
+               " is too long for the remote control (1024 bytes, at most 1023)\n";
+    };
+    const auto ExpectRefused = [&](const std::string& sName, const auto& notify) {
+        EXPECT_EQ(Printed([&] { EXPECT_EQ(notify(), -1); }), Line(sName));
+    };
+    ExpectRefused("Path", [&] {
+        return m_Utilities.LogUpdateRedirectedFileAttributes(&m_Param, pcLong, true, 1, false, 0, false, 0);
+    });
+    ExpectRefused("Path", [&] { return m_Utilities.LogRemoveRedirectedFile(&m_Param, pcLong); });
+    ExpectRefused("Old path", [&] { return m_Utilities.LogRenameRedirectedFile(&m_Param, pcLong, "/f"); });
+    ExpectRefused("New path", [&] { return m_Utilities.LogRenameRedirectedFile(&m_Param, "/f", pcLong); });
+    ExpectRefused("Path", [&] { return m_Utilities.LogWriteRedirectedFile(&m_Param, pcLong, 0, 0, 1); });
+    EXPECT_FALSE(m_Utilities.CanTellOf(&m_Param, pcLong));
+    m_Param.SetID(std::string(256, 'i').c_str());
+    m_Param.SetLogControl(0);
+    EXPECT_EQ(Printed([&] { EXPECT_EQ(Write(), -1); }), "");
+    EXPECT_FALSE(m_Utilities.CanTellOf(&m_Param, "/f"));
+    EXPECT_TRUE(client.Messages().empty()) << "nor a line about it";
+}
+
+TEST_F(UtilitiesIpcServerTest, AHostOfThisProcessIsToldOfPathsOfAnyLength) {
+    m_Host.Log().SetHost([](const Notification&) { return 4; });
+    m_Utilities.SetCallback(m_Host.Callback());
+    m_Param.SetIpcID("");
+    const std::string sLong = "/" + std::string(4000, 'p');
+    EXPECT_TRUE(m_Utilities.CanTellOf(&m_Param, sLong.c_str()));
+    EXPECT_EQ(m_Utilities.LogRemoveRedirectedFile(&m_Param, sLong.c_str()), 4);
+    ASSERT_EQ(m_Host.Log().Notifications().size(), 1U);
+    EXPECT_EQ(m_Host.Log().Notifications()[0].sPath, sLong);
 }
 
 TEST_F(UtilitiesIpcServerTest, AClientThatIsGoneAnswersMinusOne) {

@@ -1,5 +1,7 @@
 // A server process and the consoles that steer it.
 
+#include <sys/stat.h>
+
 #include <csignal>
 
 #include "ConsoleSupport.h"
@@ -90,6 +92,43 @@ TEST_F(ConsolePairs, StartFailureOfTheServerReachesTheClient) {
     EXPECT_EQ(pClient->Command("start"), "Fail to start NFS. NFS daemon failed to open port 2049\n");
     EXPECT_EQ(pClient->Command("start 1058=3049"), "Start NFS success");
     EXPECT_EQ(pClient->Quit(), 0);
+}
+
+/// The beginning of a path is another path, and the beginning of a command another command.
+TEST_F(ConsolePairs, WhatDoesNotFitARequestIsRefusedAndNothingOfItDone) {
+    ConsoleProcess client({"-md", "cli", "-id", "cli1", "-log", "1"});
+    ASSERT_TRUE(client.WaitForPrompt());
+    client.Command("debug");
+    EXPECT_EQ(client.Command("start"), "Start NFS success");
+
+    const std::string sError = "[erro] (cli1) [IpcClient.SendRequest] ";
+    const std::string sFile = m_Folder / "backup";
+    std::string sCommand = "touch " + sFile + "-of-today";
+    sCommand.insert(0, 1023 + sizeof("-of-today") - 1 - sCommand.size(), ' ');
+    const std::string sRefused = "Command is too long for the remote control (1032 bytes, at most 1023)\n";
+    EXPECT_EQ(client.Command("exec " + sCommand), sError + sRefused + "Return code: -1\n");
+    EXPECT_FALSE(Exists(sFile));
+    EXPECT_FALSE(Exists(sFile + "-of-today"));
+
+    // Cut at the field's end this would be the folder itself.
+    const std::string sTail = "/private";
+    std::string sPath = m_Folder.Path();
+    while (sPath.size() + 2 <= 1023) {
+        sPath += sPath.size() % 2 == 0 ? "/." : "//";
+    }
+    sPath.resize(1023, '/');
+    sPath += sTail;
+    ASSERT_EQ(mkdir((m_Folder / "private").c_str(), 0700), 0);
+    EXPECT_TRUE(Exists(sPath)) << "the folder below it";
+    EXPECT_EQ(client.Command("mount " + sPath + "=data"),
+              sError + "Local mount path is too long for the remote control (1031 bytes, at most 1023)\n" +
+                  "Fail to add mount point to NFS. Reason=Local mount path is too long for the remote control "
+                  "(1031 bytes, at most 1023)\n");
+    EXPECT_NE(client.Command("status").find("Number of Mount Point: 0\n"), std::string::npos);
+    EXPECT_EQ(client.Command("qtest " + sPath + " 0"),
+              sError + "Path is too long for the remote control (1031 bytes, at most 1023)\n" +
+                  "Quick test FAIL. Path is too long for the remote control (1031 bytes, at most 1023)\n");
+    EXPECT_EQ(client.Quit(), 0);
 }
 
 TEST_F(ConsolePairs, AdministrativeOutputComesBackToTheClient) {

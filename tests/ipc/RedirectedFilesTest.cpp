@@ -2,6 +2,7 @@
 // decide what the NFS client sees.
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -124,6 +125,48 @@ TEST_F(RedirectedFilesTest, ARenameIsReportedAndItsAnswerDecides) {
     Answer(1);
     EXPECT_EQ(m_pNfs->Rename(m_sRoot, "renamed.vmdk", m_sRoot, "again.vmdk"), kIoError);
     EXPECT_EQ(Told().sOperation, "rename");
+}
+
+/// A path that the record of a notification has no room for is not told shortened: nothing is renamed at all.
+TEST_F(RedirectedFilesTest, ARenameThatCannotBeToldChangesNothing) {
+    Answer(0);
+    std::string sFolder = m_sRoot, sFolderPath = m_pFolder->Path();
+    while (sFolderPath.size() + 1 + 200 < 1024) {
+        ASSERT_EQ(m_pNfs->Mkdir(sFolder, std::string(200, 'd'), sFolder), kOk);
+        sFolderPath += "/" + std::string(200, 'd');
+    }
+    const std::string sFits(1023 - sFolderPath.size() - 1, 'f');
+    const std::string sTooLong = sFits + "f";
+    EXPECT_EQ(m_pNfs->Rename(m_sRoot, "disk.vmdk", sFolder, sTooLong), kIoError);
+    EXPECT_TRUE(m_Host.Log().Notifications().empty());
+    EXPECT_EQ(ReadWholeFile(m_sPath), "on disk");
+    Answer(2);
+    std::uint32_t iCount = 0;
+    EXPECT_EQ(m_pNfs->Write(m_sHandle, 0, "hi", iCount), kOk);
+    EXPECT_EQ(Told().sOperation, "write") << "redirected under its old path as before";
+
+    Answer(0);
+    EXPECT_EQ(m_pNfs->Rename(m_sRoot, "disk.vmdk", sFolder, sFits), kOk) << "one byte less";
+    EXPECT_EQ(Told().sPathTo, sFolderPath + "/" + sFits);
+}
+
+TEST_F(RedirectedFilesTest, AFolderIsNotRenamedWhenAFileBelowItCouldNotBeTold) {
+    std::string sHandle;
+    ASSERT_EQ(m_pNfs->Mkdir(m_sRoot, "folder", sHandle), kOk);
+    const std::string sInside = *m_pFolder / "folder/" + std::string(200, 'a') + "/" + std::string(200, 'b');
+    std::filesystem::create_directories(sInside);
+    m_sPath = sInside + "/" + std::string(200, 'c');
+    WriteWholeFile(m_sPath, "on disk");
+    m_pClient->OpenRedirectedFile(m_sPath.c_str(), 1000, false, 0, 0);
+    std::string sFar = *m_pFolder / std::string(250, 'e');
+    std::string sFarHandle;
+    ASSERT_EQ(m_pNfs->Mkdir(m_sRoot, std::string(250, 'e'), sFarHandle), kOk);
+    Answer(0);
+    EXPECT_EQ(m_pNfs->Rename(m_sRoot, "folder", sFarHandle, std::string(250, 'f')), kIoError);
+    EXPECT_TRUE(m_Host.Log().Notifications().empty());
+    EXPECT_EQ(ReadWholeFile(m_sPath), "on disk");
+    EXPECT_EQ(m_pNfs->Rename(m_sRoot, "folder", sFarHandle, "f"), kOk) << "a path that fits";
+    EXPECT_EQ(Told().sPathTo, sFar + "/f" + m_sPath.substr((*m_pFolder / "folder").size()));
 }
 
 TEST_F(RedirectedFilesTest, ARemovalIsReported) {
