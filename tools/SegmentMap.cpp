@@ -1,0 +1,247 @@
+// Reading a map, laying it out as reads find it, and finding what is wrong with it.
+#include "SegmentMap.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <limits>
+#include <regex>
+#include <set>
+#include <sstream>
+#include <system_error>
+
+namespace {
+
+constexpr const char* kSegmentStart = "Segment path=";
+constexpr const char* kMergedStart = "--> Merged Segment path=";
+constexpr const char* kCheckPointStart = "--> CheckPoint Segment ";
+constexpr const char* kSeparator = "-------------------";
+/// What the dump writes for a segment without a source.
+constexpr const char* kNoSource = "Null";
+
+bool IsDump(const std::string& sContent) {
+    return sContent.starts_with(kSegmentStart) || sContent.starts_with("--> ");
+}
+
+std::int64_t ToNumber(const std::string& sDigits) {
+    // Offsets beyond the signed range stand in damaged maps only; they wrap there as they do in the server's output.
+    return static_cast<std::int64_t>(std::stoull(sDigits));
+}
+
+/// The end of a segment, cut where it cannot be held.
+std::int64_t GetSegmentEnd(const Segment& segment) {
+    return AddSaturated(segment.iOffset, segment.iLength);
+}
+
+bool CoversAnything(const Segment& segment) {
+    return segment.iLength > 0 && GetSegmentEnd(segment) > 0;
+}
+
+/// Where a segment begins to cover bytes, or ceases to.
+struct Border {
+    std::int64_t iPosition;
+    std::size_t iSegment;
+    bool bBegins;
+};
+
+std::vector<Border> MakeBorders(const std::vector<Segment>& vSegments, std::int64_t iSize) {
+    std::vector<Border> vBorders;
+    for (std::size_t i = 0; i < vSegments.size(); ++i) {
+        const std::int64_t iFrom = std::max<std::int64_t>(vSegments[i].iOffset, 0);
+        if (CoversAnything(vSegments[i]) && iFrom < iSize) {
+            vBorders.push_back({iFrom, i, true});
+            vBorders.push_back({std::min(GetSegmentEnd(vSegments[i]), iSize), i, false});
+        }
+    }
+    std::ranges::sort(vBorders, {}, &Border::iPosition);
+    return vBorders;
+}
+
+/// Appends a stretch, or lengthens the last one where nothing but its end differs.
+void Append(std::vector<Stretch>& vStretches, const Stretch& stretch) {
+    if (stretch.iFrom == stretch.iTo) {
+        return;
+    }
+    if (!vStretches.empty()) {
+        Stretch& last = vStretches.back();
+        if (last.iSegment == stretch.iSegment && last.bOverlap == stretch.bOverlap) {
+            last.iTo = stretch.iTo;
+            return;
+        }
+    }
+    vStretches.push_back(stretch);
+}
+
+}  // namespace
+
+SegmentMap SegmentMap::Load(const std::string& sPath, Form form) {
+    errno = 0;
+    std::ifstream file(sPath, std::ios::binary);
+    std::ostringstream content;
+    if (!file || (file.peek() != std::ifstream::traits_type::eof() && !(content << file.rdbuf())) || file.bad()) {
+        const std::string sReason = errno != 0 ? std::generic_category().message(errno) : "cannot be read";
+        throw MapError("\"" + sPath + "\": " + sReason);
+    }
+    try {
+        return Parse(content.str(), form);
+    } catch (const MapError& error) {
+        throw MapError("\"" + sPath + "\": " + error.what());
+    }
+}
+
+SegmentMap SegmentMap::Parse(const std::string& sContent, Form form) {
+    SegmentMap map;
+    map.m_Form = form != Form::kGuess ? form : IsDump(sContent) ? Form::kInfoDump : Form::kInfoFile;
+    if (map.m_Form == Form::kInfoDump) {
+        map.ParseInfoDump(sContent);
+    } else {
+        map.ParseInfoFile(sContent);
+    }
+    return map;
+}
+
+void SegmentMap::ParseInfoFile(const std::string& sContent) {
+    m_vSegments.resize(sContent.size() / kSegmentRecordSize);
+    if (!m_vSegments.empty()) {
+        std::memcpy(m_vSegments.data(), sContent.data(), m_vSegments.size() * kSegmentRecordSize);
+    }
+    m_nTail = sContent.size() % kSegmentRecordSize;
+    // Only so many sources can be told apart in a picture or a table; a damaged record names any number.
+    constexpr std::int64_t kMostSources = 1 << 20;
+    std::int64_t iLast = -1;
+    for (const Segment& segment : m_vSegments) {
+        if (segment.iSource >= kMostSources) {
+            throw MapError("no info file: a record names source " + std::to_string(segment.iSource));
+        }
+        iLast = std::max(iLast, segment.iSource);
+    }
+    for (std::int64_t i = 0; i <= iLast; ++i) {
+        m_vsSources.push_back("source " + std::to_string(i));
+    }
+}
+
+// A path may hold anything, line ends too: a segment's line ends where its three numbers stand.
+void SegmentMap::ParseInfoDump(const std::string& sContent) {
+    static const std::regex kNumbers(", fox=[0-9]{1,20}, ox=[0-9]{1,20}, len=[0-9]{1,20}$");
+    std::istringstream lines(sContent);
+    std::string sLine;
+    std::string sOpen;
+    for (std::size_t iLine = 1; std::getline(lines, sLine); ++iLine) {
+        if (sOpen.empty() && (sLine.starts_with(kCheckPointStart) || sLine == kSeparator)) {
+            continue;
+        }
+        sOpen += sOpen.empty() ? sLine : "\n" + sLine;
+        if (!sOpen.starts_with(kSegmentStart) && !sOpen.starts_with(kMergedStart)) {
+            throw MapError("no info dump: line " + std::to_string(iLine) + " is none of its lines");
+        }
+        const std::size_t iNumbers = sLine.rfind(", fox=");
+        if (iNumbers != std::string::npos && std::regex_match(sLine.substr(iNumbers), kNumbers)) {
+            AddDumpLine(sOpen);
+            sOpen.clear();
+        }
+    }
+    if (!sOpen.empty()) {
+        throw MapError("the info dump ends within a line");
+    }
+}
+
+void SegmentMap::AddDumpLine(const std::string& sLine) {
+    static const std::regex kNumbers(", fox=([0-9]+), ox=([0-9]+), len=([0-9]+)");
+    const std::size_t iNumbers = sLine.rfind(", fox=");
+    const std::size_t nStart =
+        sLine.starts_with(kSegmentStart) ? std::strlen(kSegmentStart) : std::strlen(kMergedStart);
+    const std::string sNumbers = sLine.substr(iNumbers);
+    std::smatch found;
+    std::regex_match(sNumbers, found, kNumbers);
+    try {
+        m_vSegments.push_back({GetSourceNumber(sLine.substr(nStart, iNumbers - nStart)), ToNumber(found[1]),
+                               ToNumber(found[2]), ToNumber(found[3])});
+    } catch (const std::out_of_range&) {
+        throw MapError("no info dump: a number is too great: " + sLine);
+    }
+}
+
+std::int64_t SegmentMap::GetSourceNumber(const std::string& sName) {
+    if (sName == kNoSource) {
+        return -1;
+    }
+    const auto itKnown = std::ranges::find(m_vsSources, sName);
+    if (itKnown == m_vsSources.end()) {
+        m_vsSources.push_back(sName);
+        return static_cast<std::int64_t>(m_vsSources.size()) - 1;
+    }
+    return itKnown - m_vsSources.begin();
+}
+
+std::int64_t SegmentMap::GetEnd() const {
+    std::int64_t iEnd = 0;
+    for (const Segment& segment : m_vSegments) {
+        if (CoversAnything(segment)) {
+            iEnd = std::max(iEnd, GetSegmentEnd(segment));
+        }
+    }
+    return iEnd;
+}
+
+// One walk along the borders; between two of them the same segments claim every byte.
+std::vector<Stretch> SegmentMap::MakeStretches(std::int64_t iSize) const {
+    std::vector<Stretch> vStretches;
+    std::set<std::size_t> claims;
+    std::int64_t iFrom = 0;
+    const auto appendUpTo = [&](std::int64_t iTo) {
+        Append(vStretches, {iFrom, iTo, claims.empty() ? Stretch::kNoSegment : *claims.begin(), claims.size() > 1});
+        iFrom = iTo;
+    };
+    for (const Border& border : MakeBorders(m_vSegments, iSize)) {
+        appendUpTo(border.iPosition);
+        if (border.bBegins) {
+            claims.insert(border.iSegment);
+        } else {
+            claims.erase(border.iSegment);
+        }
+    }
+    appendUpTo(std::max(iSize, iFrom));
+    return vStretches;
+}
+
+std::size_t SegmentMap::FindDisorder() const {
+    const auto itDisorder = std::ranges::is_sorted_until(m_vSegments, {}, &Segment::iOffset);
+    return static_cast<std::size_t>(itDisorder - m_vSegments.begin());
+}
+
+// The server guesses where an offset's record stands (so many records of full size behind the last check point before
+// it, or behind the file's start), and searches from there on, never back.
+std::vector<std::size_t> SegmentMap::FindUnreachable(const SearchSteps& steps) const {
+    struct CheckPoint {
+        std::int64_t iRecord;
+        std::int64_t iOffset;
+    };
+    std::vector<CheckPoint> vCheckPoints;
+    for (std::size_t i = 0; i < m_vSegments.size(); ++i) {
+        const std::int64_t iOffset = m_vSegments[i].iOffset;
+        if (iOffset >= 1 && iOffset % steps.iCheckPointSize == 0) {
+            vCheckPoints.push_back({static_cast<std::int64_t>(i), iOffset});
+        }
+    }
+    const auto getSearchStart = [&](std::int64_t iOffset) {
+        if (steps.iCheckPointSize <= iOffset) {
+            const auto itLast = std::find_if(vCheckPoints.rbegin(), vCheckPoints.rend(),
+                                             [&](const CheckPoint& point) { return point.iOffset <= iOffset; });
+            if (itLast != vCheckPoints.rend()) {
+                return (iOffset - itLast->iOffset) / steps.iSegmentSize + itLast->iRecord;
+            }
+        }
+        return iOffset / steps.iSegmentSize;
+    };
+    std::vector<std::size_t> viUnreachable;
+    for (std::size_t i = 0; i < m_vSegments.size(); ++i) {
+        const Segment& segment = m_vSegments[i];
+        if (CoversAnything(segment) && segment.iOffset >= 0 &&
+            std::max(getSearchStart(segment.iOffset), getSearchStart(GetSegmentEnd(segment) - 1)) >
+                static_cast<std::int64_t>(i)) {
+            viUnreachable.push_back(i);
+        }
+    }
+    return viUnreachable;
+}
