@@ -1,35 +1,18 @@
 // nfsget, the small client, as a user runs it.
 #include <arpa/inet.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <sys/mount.h>
 #include <sys/socket.h>
 
 #include <csignal>
-#include <filesystem>
 
-#include "ChildProcess.h"
 #include "Descriptor.h"
-#include "ServerFixture.h"
-#include "Trees.h"
+#include "NfsgetFixture.h"
 
 namespace {
 
 using testing::HasSubstr;
 using testing::StartsWith;
-
-class NfsgetTest : public ServerFixture {
-protected:
-    static std::string Program() { return BuildTree() + "/bin/nfsget"; }
-
-    static RunResult Run(std::vector<std::string> vsArguments) {
-        vsArguments.insert(vsArguments.begin(), Program());
-        return RunProgram(vsArguments);
-    }
-
-    /// Every run ends with an unmount.
-    void ExpectUnmounted() { EXPECT_EQ(Server().GetMountInfo(true, false), 0) << "the export is still bound"; }
-};
 
 TEST_F(NfsgetTest, ListPrintsSizesAndNamesInOrder) {
     WriteWholeFile(Folder() / "b.txt", "12345");
@@ -123,6 +106,7 @@ TEST_F(NfsgetTest, RefusedMountSaysWhatToDoAndReleaseDoesIt) {
 
 TEST_F(NfsgetTest, KilledClientLeavesTheExportBoundUntilItIsReleased) {
     ChildProcess put({Program(), "put", "-", "127.0.0.1:data/file"});
+    put.Send("x");
     while (Server().GetMountInfo(true, false) == 0 && put.IsRunning()) {
         usleep(1000);
     }
@@ -136,16 +120,117 @@ TEST_F(NfsgetTest, KilledClientLeavesTheExportBoundUntilItIsReleased) {
     EXPECT_EQ(Run({"list", "127.0.0.1:data"}).iStatus, 0);
 }
 
-TEST_F(NfsgetTest, InterruptedClientUnmounts) {
+TEST_F(NfsgetTest, InterruptedPutUnmountsAndSaysWhatItLeaves) {
+    WriteWholeFile(Folder() / "file", "what was there");
     ChildProcess put({Program(), "put", "-", "127.0.0.1:data/file"});
-    while (!std::filesystem::exists(Folder() / "file") && put.IsRunning()) {
-        usleep(1000);
-    }
+    put.Send("12345");
+    AwaitContent("file", "12345", put);
     ASSERT_EQ(Server().GetMountInfo(true, false), 1);
     put.Signal(SIGINT);
     EXPECT_EQ(put.Wait(), 1);
-    EXPECT_EQ(put.Output(), "nfsget: interrupted\n");
+    EXPECT_EQ(put.Output(), "nfsget: interrupted; \"file\" on the server is incomplete: 5 bytes\n");
     ExpectUnmounted();
+}
+
+TEST_F(NfsgetTest, PutWaitsForItsInputBeforeItTouchesAnything) {
+    WriteWholeFile(Folder() / "file", "what was there");
+    ChildProcess put({Program(), "put", "-", "127.0.0.1:data/file"});
+    usleep(100000);  // a put that does not wait needs a fraction of it
+    put.Signal(SIGINT);
+    EXPECT_EQ(put.Wait(), 1);
+    EXPECT_EQ(put.Output(), "nfsget: interrupted\n");
+    EXPECT_EQ(ReadWholeFile(Folder() / "file"), "what was there");
+    ExpectUnmounted();
+}
+
+TEST_F(NfsgetTest, PutOfWhatCannotBeReadLeavesTheRemoteFileAlone) {
+    const TempFolder local;
+    WriteWholeFile(Folder() / "file", "what was there");
+    for (const char* pcName : {"file", "new"}) {
+        const RunResult result = Run({"put", local.Path(), std::string("127.0.0.1:data/") + pcName});
+        EXPECT_EQ(result.iStatus, 1);
+        EXPECT_EQ(result.sOutput, "nfsget: \"" + local.Path() + "\": local read: Is a directory\n");
+    }
+    EXPECT_EQ(ReadWholeFile(Folder() / "file"), "what was there");
+    EXPECT_FALSE(std::filesystem::exists(Folder() / "new"));
+    ExpectUnmounted();
+}
+
+TEST_F(NfsgetTest, ServerThatGoesInMidPutIsAConnectionLost) {
+    ChildProcess put({Program(), "put", "-", "127.0.0.1:data/file"});
+    put.Send("12345");
+    AwaitContent("file", "12345", put);
+    Server().StopServer();
+    EXPECT_EQ(put.Wait(), 1) << "also while it waits for its input";
+    EXPECT_EQ(put.Output(), "nfsget: write \"file\": connection lost; \"file\" on the server is incomplete: 5 bytes\n");
+}
+
+/// Nobody reads what it gets until the server is gone.
+TEST_F(NfsgetTest, ServerThatGoesInMidGetIsAConnectionLost) {
+    const std::string sContent(std::size_t{8} << 20, 'x');
+    WriteWholeFile(Folder() / "file", sContent);
+    ChildProcess get({Program(), "get", "127.0.0.1:data/file", "-"});
+    ASSERT_TRUE(get.WaitFor("x"));
+    Server().StopServer();
+    EXPECT_EQ(get.Wait(), 1);
+    EXPECT_THAT(get.Output(), testing::EndsWith("nfsget: read \"file\": connection lost\n"));
+    EXPECT_LT(get.Output().size(), sContent.size());
+}
+
+TEST_F(NfsgetTest, SlowReaderOfAGetGetsEverything) {
+    std::string sContent;
+    for (int i = 0; i < 400000; ++i) {
+        sContent += std::to_string(i) + "\n";
+    }
+    WriteWholeFile(Folder() / "file", sContent);
+    ChildProcess get({Program(), "get", "127.0.0.1:data/file", "-"});
+    ASSERT_TRUE(get.WaitFor("0\n"));
+    usleep(200000);
+    EXPECT_EQ(get.Wait(), 0);
+    EXPECT_TRUE(get.Output() == sContent);
+    ExpectUnmounted();
+}
+
+TEST_F(NfsgetTest, FullLocalDiskLeavesNothingBehind) {
+    const TempFolder local;
+    if (mount("none", local.Path().c_str(), "tmpfs", 0, "size=256k") != 0) {
+        GTEST_SKIP() << "no file system of a given size can be mounted here";
+    }
+    WriteWholeFile(Folder() / "file", std::string(std::size_t{1} << 20, 'x'));
+    const RunResult result = Run({"get", "127.0.0.1:data/file", local / "file"});
+    const bool bEmpty = std::filesystem::is_empty(local.Path());
+    umount(local.Path().c_str());
+    EXPECT_EQ(result.iStatus, 1);
+    EXPECT_EQ(result.sOutput,
+              "nfsget: \"" + (local / "file.nfsget-part") + "\": local write: No space left on device\n");
+    EXPECT_TRUE(bEmpty);
+    ExpectUnmounted();
+}
+
+// ==== Mounts and ports ===============================================================================================
+
+TEST_F(NfsgetTest, MountThatFailsBehindMntIsTakenBack) {
+    const std::string sGone = Folder() / "gone";
+    std::filesystem::create_directory(sGone);
+    Export(sGone, "gone");
+    std::filesystem::remove(sGone);
+    for (int i = 0; i < 2; ++i) {
+        const RunResult result = Run({"list", "127.0.0.1:gone"});
+        EXPECT_EQ(result.iStatus, 1);
+        EXPECT_THAT(result.sOutput, HasSubstr("does the directory exist there?"));
+        ExpectUnmounted();
+    }
+    const RunResult result = Run({"-p", "2077", "list", "127.0.0.1:data"});
+    EXPECT_EQ(result.iStatus, 1);
+    EXPECT_THAT(result.sOutput, StartsWith("nfsget: 127.0.0.1, port 2077 (NFS): connection refused"));
+    ExpectUnmounted();
+}
+
+TEST_F(NfsgetTest, RefusedMountIsNotTakenBack) {
+    NfsClient other;
+    ASSERT_TRUE(other.Mnt(kExportName).has_value());
+    EXPECT_EQ(Run({"list", "127.0.0.1:data"}).iStatus, 1);
+    EXPECT_EQ(Server().GetMountInfo(true, false), 1);
 }
 
 /// The call under way is given up and its reply, if it still comes, finds nobody.
@@ -170,6 +255,30 @@ TEST_F(NfsgetTest, ClientInterruptedAtAnyMomentOfItsWorkUnmounts) {
     EXPECT_GT(iInterrupted, 0);
 }
 
+TEST_F(NfsgetTest, PutInterruptedAtAnyMomentOfItsWorkUnmounts) {
+    const TempFolder local;
+    WriteWholeFile(local / "file", Numbers(8 << 20));
+    int iInterrupted = 0;
+    for (int iMicroseconds = 0; iMicroseconds < 40000; iMicroseconds += 2000) {
+        ChildProcess put({Program(), "put", local / "file", "127.0.0.1:data/file"});
+        while (Server().GetMountInfo(true, false) == 0 && put.IsRunning()) {
+            usleep(100);
+        }
+        usleep(static_cast<useconds_t>(iMicroseconds));
+        put.Signal(SIGINT);
+        const std::optional<int> iStatus = put.Wait();
+        ASSERT_TRUE(iStatus == 0 || iStatus == 1) << iStatus.value_or(-1) << " after " << iMicroseconds << " us";
+        if (iStatus == 1) {
+            ++iInterrupted;
+            EXPECT_THAT(put.Output(), StartsWith("nfsget: interrupted"));
+        }
+        ExpectUnmounted();
+    }
+    EXPECT_GT(iInterrupted, 0);
+    EXPECT_EQ(Run({"put", "--resume", local / "file", "127.0.0.1:data/file"}).iStatus, 0);
+    EXPECT_TRUE(ReadWholeFile(Folder() / "file") == ReadWholeFile(local / "file"));
+}
+
 /// A mount is given some seconds to come to its end, so that it can be taken back; a dead server cannot hold it longer.
 TEST_F(NfsgetTest, InterruptEndsTheWaitForAServerThatNeverAnswers) {
     const CDescriptor listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
@@ -187,18 +296,41 @@ TEST_F(NfsgetTest, InterruptEndsTheWaitForAServerThatNeverAnswers) {
     EXPECT_EQ(list.Output(), "nfsget: interrupted\n");
 }
 
-TEST_F(NfsgetTest, OtherPortsAreGivenByOptions) {
+TEST_F(NfsgetTest, OtherPortsAreGivenByOptionsOrFoundByThePortmapper) {
     Server().StopServer();
     char vcReason[kReasonBufferSize] = "";
     ASSERT_TRUE(Server().StartServer(4058, 4049, 0, 0, false, vcReason)) << vcReason;
     Export(Folder().Path(), kExportName);
     WriteWholeFile(Folder() / "file", "x");
-    RunResult result = Run({"-p", "4049", "-m", "4058", "get", "127.0.0.1:data/file", "-"});
-    EXPECT_EQ(result.iStatus, 0) << result.sOutput;
-    EXPECT_EQ(result.sOutput, "x");
-    result = Run({"list", "127.0.0.1:data"});
-    EXPECT_EQ(result.iStatus, 1) << "nobody is on the default ports";
-    EXPECT_THAT(result.sOutput, HasSubstr("(MOUNT port 1058, NFS port 2049)"));
+    const std::vector<std::vector<std::string>> vvsPorts = {{"-p", "4049", "-m", "4058"}, {"-p", "4049"}, {}};
+    for (std::vector<std::string> vsArguments : vvsPorts) {
+        vsArguments.insert(vsArguments.end(), {"get", "127.0.0.1:data/file", "-"});
+        const RunResult result = Run(vsArguments);
+        EXPECT_EQ(result.iStatus, 0) << result.sOutput;
+        EXPECT_EQ(result.sOutput, "x");
+    }
+    EXPECT_EQ(Run({"-p", "2049", "list", "127.0.0.1:data"}).iStatus, 1) << "nobody is on the default port";
+}
+
+TEST_F(NfsgetTest, WithoutAPortmapperTheDefaultPortsAreTried) {
+    Server().StopServer();
+    RunResult result = Run({"list", "127.0.0.1:data"});
+    EXPECT_EQ(result.iStatus, 1);
+    EXPECT_EQ(result.sOutput,
+              "nfsget: 127.0.0.1, port 1058 (MOUNT): connection refused: does the server run there? (-p and -m name "
+              "other ports than 2049 and 1058; beside a system portmapper it takes 2050 and 1059)\n");
+    EXPECT_EQ(Run({"release", "127.0.0.1:data"}).sOutput, result.sOutput);
+    // One that takes datagrams and says nothing costs moments.
+    const CDescriptor silent(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(111);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(bind(silent.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+    EXPECT_THAT(Run({"list", "127.0.0.1:data"}).sOutput, HasSubstr("port 1058 (MOUNT): connection refused"));
+    result = Run({"list", "no-such-host.invalid:data"});
+    EXPECT_EQ(result.iStatus, 1);
+    EXPECT_THAT(result.sOutput, StartsWith("nfsget: host \"no-such-host.invalid\" is not known ("));
 }
 
 TEST_F(NfsgetTest, WrongUsageIsExplainedWithExitTwo) {
@@ -210,6 +342,9 @@ TEST_F(NfsgetTest, WrongUsageIsExplainedWithExitTwo) {
         {"list", "host:"},
         {"get", "127.0.0.1:data"},
         {"frobnicate", "127.0.0.1:data"},
+        {"write", "file", "127.0.0.1:data/file", "-1"},
+        {"write", "file", "127.0.0.1:data/file", "1x"},
+        {"list", "127.0.0.1:data", "-p"},
         {"-p", "0", "list", "127.0.0.1:data"},
         {"-p", "2049x", "list", "127.0.0.1:data"},
         {"-x", "1", "list", "127.0.0.1:data"},
@@ -217,9 +352,14 @@ TEST_F(NfsgetTest, WrongUsageIsExplainedWithExitTwo) {
     for (const std::vector<std::string>& vsArguments : vvsWrong) {
         const RunResult result = Run(vsArguments);
         EXPECT_EQ(result.iStatus, 2) << testing::PrintToString(vsArguments);
-        EXPECT_THAT(result.sOutput, HasSubstr("usage: nfsget ")) << testing::PrintToString(vsArguments);
+        EXPECT_THAT(result.sOutput, StartsWith("usage: nfsget ")) << testing::PrintToString(vsArguments);
+        if (!vsArguments.empty()) {
+            EXPECT_THAT(result.sOutput, HasSubstr("\nnfsget: ")) << testing::PrintToString(vsArguments);
+            EXPECT_EQ(std::count(result.sOutput.begin(), result.sOutput.end(), '\n'), 2) << "the reason comes last";
+        }
     }
     EXPECT_EQ(Run({"--help"}).iStatus, 0);
+    EXPECT_EQ(Run({"--version"}).sOutput, "nfsget 1.4.0\n");
 }
 
 }  // namespace

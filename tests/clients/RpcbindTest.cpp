@@ -11,6 +11,7 @@
 #include "Isolation.h"
 #include "LibnfsClient.h"
 #include "ServerFixture.h"
+#include "Trees.h"
 
 namespace {
 
@@ -140,6 +141,21 @@ TEST_F(RpcbindTest, RealClientFindsThePortsThroughRpcbind) {
         EXPECT_EQ(sContent, "content");
         EXPECT_EQ(client.Umount(), 0) << client.Error();
     }
+    m_pMain->StopServer();
+}
+
+TEST_F(RpcbindTest, NfsgetFindsThePortsThroughRpcbind) {
+    const std::string sProgram = BuildTree() + "/bin/nfsget";
+    if (access(sProgram.c_str(), X_OK) != 0) {
+        GTEST_SKIP() << "nfsget is not built";
+    }
+    const TempFolder folder;
+    WriteWholeFile(folder / "file", "content");
+    ASSERT_TRUE(m_pMain->StartServer(0, 0, 0, 0, false, m_vcReason)) << m_vcReason << m_Log.Dump();
+    ASSERT_TRUE(m_pMain->AddMountPoint(folder.Path().c_str(), "data", m_vcReason)) << m_vcReason;
+    const RunResult result = RunProgram({sProgram, "get", "127.0.0.1:data/file", "-"});
+    EXPECT_EQ(result.iStatus, 0);
+    EXPECT_EQ(result.sOutput, "content");
     m_pMain->StopServer();
 }
 
