@@ -14,6 +14,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "ListingRun.h"
 #include "LoadConnection.h"
 #include "Measurement.h"
 #include "MountedExport.h"
@@ -29,6 +30,8 @@ struct Options {
     int nRounds = 15;
     int iServerPid = 0;
     double dTarget = 0;
+    std::size_t nListed = 0;
+    double dListSeconds = 0;
     std::string sExport = "data";
     std::string sFolder;
     std::set<std::string> rows;
@@ -48,13 +51,30 @@ void Usage() {
         "  --target R         exit status 1 if a row's ratio (but READDIRPLUS's) stays below\n"
         "  --processor N      stay on one processor\n"
         "  --server-pid N     prints the server's memory before and after; exit status 1 if it grew by 1 MiB\n"
+        "  --list N           instead of the rows: lists a folder of N files by READDIRPLUS, three times\n"
+        "  --within S         exit status 1 if the fastest of them takes S seconds or more\n"
         "rows: NULL GETATTR LOOKUP READ4K READ64K WRITE16K READDIRPLUS (all)\n");
 }
 
 // ==== Options ====================================================================================================
 
 Options ParseOptions(int argc, char** argv) {
-    enum { kFolder, kExport, kNfs, kMount, kConnections, kDepth, kOperations, kBare, kRounds, kTarget, kCpu, kPid };
+    enum {
+        kFolder,
+        kExport,
+        kNfs,
+        kMount,
+        kConnections,
+        kDepth,
+        kOperations,
+        kBare,
+        kRounds,
+        kTarget,
+        kCpu,
+        kPid,
+        kList,
+        kWithin
+    };
     static const option options[] = {
         {"folder", 1, nullptr, kFolder},
         {"export", 1, nullptr, kExport},
@@ -68,6 +88,8 @@ Options ParseOptions(int argc, char** argv) {
         {"target", 1, nullptr, kTarget},
         {"processor", 1, nullptr, kCpu},
         {"server-pid", 1, nullptr, kPid},
+        {"list", 1, nullptr, kList},
+        {"within", 1, nullptr, kWithin},
         {nullptr, 0, nullptr, 0},
     };
     Options parsed;
@@ -108,6 +130,12 @@ Options ParseOptions(int argc, char** argv) {
                 break;
             case kPid:
                 parsed.iServerPid = std::atoi(optarg);
+                break;
+            case kList:
+                parsed.nListed = std::strtoull(optarg, nullptr, 10);
+                break;
+            case kWithin:
+                parsed.dListSeconds = std::atof(optarg);
                 break;
             default:
                 Usage();
@@ -286,12 +314,34 @@ bool MeasureRows(const Options& options, const LoadFolder& folder) {
     return bMet;
 }
 
+constexpr int kListRuns = 3;
+
+/// Lists a large folder. False if it takes too long. The first run has the server give out the IDs of the files.
+bool MeasureListing(const Options& options, const LoadFolder& folder) {
+    const std::string sName = folder.sListName + "-large";
+    const LargeFolder large(folder.sPath + "/" + sName, options.nListed);
+    const MountedExport mounted(options.iMountPort, options.iNfsPort, options.sExport);
+    const std::string sHandle = mounted.Lookup(sName);
+    std::vector<double> vdSeconds;
+    for (int i = 0; i < kListRuns; ++i) {
+        vdSeconds.push_back(ListFolder(options.iNfsPort, sHandle, options.nListed));
+    }
+    const double dFastest = *std::min_element(vdSeconds.begin(), vdSeconds.end());
+    const bool bMet = options.dListSeconds == 0 || dFastest < options.dListSeconds;
+    std::printf("READDIRPLUS of %zu files: %.3f s, %.0f entries/s (first run %.3f s)%s\n", options.nListed, dFastest,
+                static_cast<double>(options.nListed) / dFastest, vdSeconds.front(), bMet ? "" : "  TOO SLOW");
+    return bMet;
+}
+
 /// Growth below this is the allocator's business.
 constexpr long kAllowedGrowthKib = 1024;
 
 bool Run(const Options& options, LoadFolder& folder) {
     if (options.iProcessor >= 0) {
         StayOnProcessor(options.iProcessor);
+    }
+    if (options.nListed != 0) {
+        return MeasureListing(options, folder);
     }
     folder.sContent = MakeContent();
     MakeFiles(folder);

@@ -83,6 +83,8 @@ echo "processor $load_processor: load; processor $server_processor: servers"
 load --bare-port 3049 --operations "$operations" --rounds "$rounds" --target 0.7
 load --bare-port 3049 --operations "$operations" --rounds "$rounds" --target 0.7 --depth 16 READ64K WRITE16K
 load --operations "$operations" --connections 4 --depth 4
+load --list 10000 --within 0.2
+load --list 100000 --within 3
 [ "$memory" = 0 ] || load --server-pid "$server_pid" --operations "$memory" NULL GETATTR READ4K
 
 # What follows wants the ports of the first server.

@@ -34,8 +34,10 @@ constexpr std::array<Procedure, CNfs3Prog::kProcedureCount> kProcedures{{
 
 }  // namespace
 
-CNfs3Prog::CNfs3Prog(CUtilities* pUtilities)
-    : CRpcProg(pUtilities), m_iSysUpTime(CUtilities::GetCurrentSystemTimeInMilliseconds()) {}
+CNfs3Prog::CNfs3Prog(CUtilities* pUtilities, std::size_t nMaxListingMemory)
+    : CRpcProg(pUtilities),
+      m_iSysUpTime(CUtilities::GetCurrentSystemTimeInMilliseconds()),
+      m_Listings(nMaxListingMemory) {}
 
 unsigned int CNfs3Prog::GetVersion() {
     return kVersion;

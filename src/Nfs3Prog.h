@@ -11,6 +11,7 @@
 
 #include <sys/types.h>
 
+#include "KeptListings.h"
 #include "Nfs3Types.h"
 #include "RpcProg.h"
 #include "RuntimeParam.h"
@@ -19,8 +20,8 @@ struct FoundStatus;
 
 /// Answers calls on the files below the exports. A client reaches only what lies in an export once links are resolved.
 ///
-/// Calls come one at a time (the RPC server's mutex), and nothing of a call is kept here. The settings may be changed
-/// by another thread meanwhile.
+/// Calls come one at a time (the RPC server's mutex), and nothing of a call is kept here but the listings that clients
+/// are in the middle of. The settings may be changed by another thread meanwhile.
 class CNfs3Prog : public CRpcProg {
 public:
     static constexpr unsigned int kVersion = 3;
@@ -35,7 +36,8 @@ public:
     static constexpr unsigned int kMaxReadSize = 65536;
     static constexpr unsigned int kMaxWriteSize = 16384;
 
-    explicit CNfs3Prog(CUtilities* pUtilities);
+    /// The listings that are kept occupy at most that much memory.
+    explicit CNfs3Prog(CUtilities* pUtilities, std::size_t nMaxListingMemory = CKeptListings::kMaxMemory);
 
     int Process(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam) override;
     unsigned int GetVersion() override;
@@ -161,6 +163,7 @@ private:
                            FoundStatus* pStatus = nullptr);
     nfsstat3 CheckUnresolved(ProcessParam* pParam, LogArgu* pLogArgu);
     bool IsInExport(LogArgu* pLogArgu, const char* pcPath);
+    bool ResolveWithinExports(LogArgu* pLogArgu, const char* pcPath, std::string* psResolved);
     bool IsExportRoot(LogArgu* pLogArgu, const char* pcPath);
     std::string FindMissingEntry(LogArgu* pLogArgu, const char* pcJoined);
 
@@ -188,9 +191,14 @@ private:
     struct ListCall;
     int ListDirectory(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam, unsigned int iProc);
     void ReadListCall(CInputStream* pInput, ProcessParam* pParam, LogArgu* pLogArgu, ListCall* pCall);
-    bool WriteEntries(COutputStream* pOutput, ProcessParam* pParam, LogArgu* pLogArgu, ListCall* pCall);
-    void WriteEntry(COutputStream* pOutput, ProcessParam* pParam, LogArgu* pLogArgu, ListCall* pCall,
-                    const char* pcName);
+    nfsstat3 FindEntries(ProcessParam* pParam, LogArgu* pLogArgu, const FoundStatus& found, ListCall* pCall);
+    nfsstat3 ReadEntries(ProcessParam* pParam, LogArgu* pLogArgu, const CKeptListings::Key& key, ListCall* pCall);
+    unsigned int GetEntryID(ProcessParam* pParam, LogArgu* pLogArgu, const ListCall& call, const ListedEntry& entry,
+                            const char* pcPath);
+    void WriteEntry(COutputStream* pOutput, ProcessParam* pParam, LogArgu* pLogArgu, const ListCall& call,
+                    const ListedEntry& entry);
+    void WriteEntryTarget(COutputStream* pOutput, ProcessParam* pParam, LogArgu* pLogArgu, const ListedEntry& entry,
+                          const char* pcPath, unsigned int iFileID);
 
     // ---- Namespace (Nfs3ProgNamespace.cpp)
     nfsstat3 CheckNewEntry(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sPath);
@@ -205,4 +213,5 @@ private:
     const unsigned long m_iSysUpTime;  ///< time of construction in ms since 1970: the write verifier
     const unsigned int m_iFSF3Properties = kFsf3Homogeneous | kFsf3CanSetTime;
     std::atomic<bool> m_bReadOnly{false};
+    CKeptListings m_Listings;
 };

@@ -220,8 +220,8 @@ nfsstat3 CNfs3Prog::CheckPath(CRuntimeParam* /*pRuntimeParam*/, LogArgu* pLogArg
     if (!m_pUtilities->OS_IsFileExists(pcPath, nullptr)) {
         return NFS3ERR_IO;
     }
-    const std::optional<std::string> sResolved = Resolve(pcPath);
-    return sResolved && IsInExport(pLogArgu, sResolved->c_str()) ? NFS3_OK : NFS3ERR_IO;
+    std::string sResolved;
+    return ResolveWithinExports(pLogArgu, pcPath, &sResolved) ? NFS3_OK : NFS3ERR_IO;
 }
 
 /// The first two checks of most procedures: the path lies in an export, and it exists, which need not be asked again of
@@ -244,6 +244,16 @@ nfsstat3 CNfs3Prog::CheckUnresolved(ProcessParam* pParam, LogArgu* pLogArgu) {
 bool CNfs3Prog::IsInExport(LogArgu* pLogArgu, const char* pcPath) {
     CRuntimeParam silent("", 0);
     return m_pUtilities->GetMountInfoByPath(&silent, pLogArgu, pcPath, nullptr);
+}
+
+/// Resolves all links of a path. False if they lead nowhere, or out of the exports.
+bool CNfs3Prog::ResolveWithinExports(LogArgu* pLogArgu, const char* pcPath, std::string* psResolved) {
+    const std::optional<std::string> sResolved = Resolve(pcPath);
+    if (!sResolved || !IsInExport(pLogArgu, sResolved->c_str())) {
+        return false;
+    }
+    *psResolved = *sResolved;
+    return true;
 }
 
 /// Clients neither remove nor rename the root directory of an export.

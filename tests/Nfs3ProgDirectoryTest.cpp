@@ -2,18 +2,26 @@
 #include <gmock/gmock.h>
 
 #include <dirent.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstddef>
+#include <thread>
 
 #include "Nfs3ProgFixture.h"
 
 namespace {
 
 using testing::ElementsAre;
+using testing::IsEmpty;
 using testing::StartsWith;
+using testing::UnorderedElementsAreArray;
 
 struct Entry {
     std::uint64_t lFileid = 0;
@@ -179,19 +187,60 @@ TEST_F(Nfs3ProgDirectoryTest, FileidIsTheTablesIdAndNotTheInode) {
     }
 }
 
-TEST_F(Nfs3ProgDirectoryTest, LinkIsListedAsItselfWithItsTargetsHandle) {
-    const TempFolder other;
+// Clients never see a link: an entry that is one has what LOOKUP gives for it.
+TEST_F(Nfs3ProgDirectoryTest, LinkIsListedWithAttributesAndHandleOfWhatItLeadsTo) {
     mkdir(Path("dir").c_str(), 0755);
-    ASSERT_EQ(symlink("dir", Path("link").c_str()), 0);
-    ASSERT_EQ(symlink("nowhere", Path("dangling").c_str()), 0);
+    WriteWholeFile(Path("dir/file"), "12345");
+    ASSERT_EQ(symlink("dir", Path("link-to-dir").c_str()), 0);
+    ASSERT_EQ(symlink("link-to-dir/file", Path("link-to-file").c_str()), 0);
     for (const int iLog : {0, 0x3FF}) {
         SetLog(iLog);
         for (const Entry& entry : List(true, 0).vEntries) {
-            ASSERT_TRUE(entry.attributes.has_value());
-            EXPECT_EQ(entry.attributes->iType, entry.sName == "dir" ? 2U : 5U) << entry.sName;
-            EXPECT_EQ(entry.sHandle, Handle(entry.sName == "link" ? "dir" : entry.sName)) << entry.sName;
+            const bool bFile = entry.sName == "link-to-file";
+            struct stat status {};
+            ASSERT_EQ(stat(Path(entry.sName).c_str(), &status), 0);
+            ASSERT_TRUE(entry.attributes.has_value()) << entry.sName;
+            EXPECT_EQ(entry.attributes->iType, bFile ? 1U : 2U) << entry.sName;
+            EXPECT_EQ(entry.attributes->iFileid, status.st_ino) << entry.sName;
+            EXPECT_EQ(entry.attributes->iSize, static_cast<std::uint64_t>(status.st_size)) << entry.sName;
+            EXPECT_EQ(entry.sHandle, Handle(bFile ? "dir/file" : "dir")) << entry.sName;
         }
     }
+}
+
+TEST_F(Nfs3ProgDirectoryTest, LinkThatLeadsNowhereOrOutHasNeitherAttributesNorHandle) {
+    const TempFolder other;
+    WriteWholeFile(other / "secret", "x");
+    ASSERT_EQ(symlink("nowhere", Path("dangling").c_str()), 0);
+    ASSERT_EQ(symlink("circle", Path("circle").c_str()), 0);
+    ASSERT_EQ(symlink(other.Path().c_str(), Path("out").c_str()), 0);
+    ASSERT_EQ(symlink((other / "secret").c_str(), Path("out-to-file").c_str()), 0);
+    for (const int iLog : {0, 0x3FF}) {
+        SetLog(iLog);
+        const Listing listing = List(true, 0);
+        EXPECT_EQ(listing.vEntries.size(), 4U);
+        for (const Entry& entry : listing.vEntries) {
+            EXPECT_FALSE(entry.attributes.has_value()) << entry.sName;
+            EXPECT_FALSE(entry.sHandle.has_value()) << entry.sName;
+        }
+        EXPECT_EQ(List(false, 0).vEntries.size(), 4U);
+    }
+}
+
+TEST_F(Nfs3ProgDirectoryTest, DirectoryReachedThroughALinkGivesTheIdsOfItsFiles) {
+    mkdir(Path("a").c_str(), 0755);
+    mkdir(Path("a/dir").c_str(), 0755);
+    WriteWholeFile(Path("a/dir/file"), "");
+    const std::string sHandle = Handle("a/dir");
+    // The host moves it and leaves a link: the handle's path is not the files' own any more.
+    ASSERT_EQ(rename(Path("a").c_str(), Path("b").c_str()), 0);
+    ASSERT_EQ(symlink("b", Path("a").c_str()), 0);
+    XdrReader reader(CallList(false, sHandle, 0));
+    ASSERT_EQ(reader.U32(), 0U);
+    ReadPostOpAttr(reader);
+    reader.U64();
+    ASSERT_TRUE(reader.Bool());
+    EXPECT_EQ(reader.U64(), m_Utilities.GetFileID(&m_RuntimeParam, &m_LogArgu, Path("b/dir/file").c_str()));
 }
 
 TEST_F(Nfs3ProgDirectoryTest, NamesOfAnyBytesAreListed) {
@@ -293,6 +342,240 @@ TEST_F(Nfs3ProgDirectoryTest, LinesOfAnEntry) {
             EXPECT_THAT(vsEntry, ElementsAre(sCanonical, sName, sEnd));
         }
     }
+}
+
+// ---- Listings that go on while the directory changes
+
+TEST_F(Nfs3ProgDirectoryTest, RemovingInOnePassRemovesEverything) {
+    MakeFiles(2000);
+    for (const bool bPlus : {false, true}) {
+        std::uint64_t lCookie = 0;
+        for (bool bEof = false; !bEof;) {
+            const Listing listing = List(bPlus, lCookie);
+            for (const Entry& entry : listing.vEntries) {
+                ASSERT_EQ(entry.lCookie, ++lCookie);
+                ASSERT_EQ(WordAt(Call(kNfsRemove, DirOp(entry.sName)), 0), 0U) << entry.sName;
+            }
+            bEof = listing.bEof;
+        }
+        EXPECT_THAT(HostNames(), IsEmpty());
+        MakeFiles(25);
+    }
+}
+
+// A client reads some, removes that, reads on, and both procedures may alternate.
+TEST_F(Nfs3ProgDirectoryTest, WhatStaysIsListedOnceWhileOthersGoAndCome) {
+    MakeFiles(200);
+    std::vector<std::string> vsSeen;
+    std::uint64_t lCookie = 0;
+    bool bEof = false;
+    for (int iCall = 0; !bEof; ++iCall) {
+        const Listing listing = List(iCall % 2 == 0, lCookie);
+        for (const Entry& entry : listing.vEntries) {
+            EXPECT_EQ(entry.lCookie, ++lCookie);
+            vsSeen.push_back(entry.sName);
+        }
+        bEof = listing.bEof;
+        unlink(Path("file" + std::to_string(100 + iCall * 5)).c_str());
+        WriteWholeFile(Path("new" + std::to_string(iCall)), "");
+        if (iCall == 3) {
+            ASSERT_EQ(rename(Path("file1").c_str(), Path("renamed").c_str()), 0);
+        }
+        ASSERT_LT(iCall, 100);
+    }
+    for (int i = 2; i < 100; ++i) {
+        EXPECT_EQ(std::ranges::count(vsSeen, "file" + std::to_string(i)), 1) << i;
+    }
+    EXPECT_EQ(std::ranges::count(vsSeen, "new0"), 1);
+    EXPECT_EQ(std::ranges::count(vsSeen, "renamed"), 1);
+    std::ranges::sort(vsSeen);
+    EXPECT_EQ(std::ranges::adjacent_find(vsSeen), vsSeen.end());
+}
+
+TEST_F(Nfs3ProgDirectoryTest, WhatIsGoneWhenItsReplyIsMadeIsNotShown) {
+    MakeFiles(25);
+    const Listing first = List(true, 0);
+    std::vector<std::string> vsExpected = HostNames();
+    vsExpected.erase(vsExpected.begin(), vsExpected.begin() + 10);
+    unlink(Path(vsExpected[3]).c_str());
+    vsExpected.erase(vsExpected.begin() + 3);
+    unlink(Path(first.vEntries[0].sName).c_str());
+    const Listing second = List(true, 10);
+    const Listing third = List(true, 20);
+    std::vector<std::string> vsSeen;
+    for (const Listing& listing : {second, third}) {
+        for (const Entry& entry : listing.vEntries) {
+            vsSeen.push_back(entry.sName);
+            EXPECT_EQ(entry.lCookie, 10 + vsSeen.size());
+        }
+    }
+    EXPECT_EQ(vsSeen, vsExpected);
+    EXPECT_EQ(third.vEntries.size(), 4U);
+    EXPECT_TRUE(third.bEof);
+}
+
+TEST_F(Nfs3ProgDirectoryTest, WhatCameMeanwhileFollowsAtTheEnd) {
+    MakeFiles(20);
+    const std::vector<std::string> vsBefore = HostNames();
+    List(true, 0);
+    for (const char* pcName : {"new1", "new2", "new3"}) {
+        WriteWholeFile(Path(pcName), "");
+    }
+    const Listing second = List(true, 10);
+    EXPECT_EQ(second.vEntries.back().sName, vsBefore[19]);
+    const Listing third = List(true, 20);
+    ASSERT_EQ(third.vEntries.size(), 3U);
+    EXPECT_TRUE(third.bEof);
+    for (const Entry& entry : third.vEntries) {
+        EXPECT_THAT(entry.sName, StartsWith("new"));
+    }
+    // Even behind the end.
+    WriteWholeFile(Path("late"), "");
+    const Listing last = List(true, 23);
+    ASSERT_EQ(last.vEntries.size(), 1U);
+    EXPECT_EQ(last.vEntries[0].sName, "late");
+    EXPECT_EQ(last.vEntries[0].lCookie, 24U);
+    EXPECT_TRUE(last.bEof);
+}
+
+TEST_F(Nfs3ProgDirectoryTest, NewListingAfterAnEndedOneIsInTheHostsOrder) {
+    MakeFiles(25);
+    ListAll(true);
+    unlink(Path("file3").c_str());
+    unlink(Path("file12").c_str());
+    WriteWholeFile(Path("new"), "");
+    EXPECT_EQ(ListAll(true), HostNames());
+}
+
+TEST_F(Nfs3ProgDirectoryTest, ReplyThatWasLostCanBeHadAgain) {
+    MakeFiles(25);
+    for (const std::uint64_t lCookie : {0, 10, 20}) {
+        const std::string sReply = CallList(true, Handle(), lCookie);
+        EXPECT_EQ(Hex(CallList(true, Handle(), lCookie)), Hex(sReply)) << lCookie;
+    }
+}
+
+// A handle names a path; another directory in that place has other entries.
+TEST_F(Nfs3ProgDirectoryTest, DirectoryThatWasReplacedIsReadAnew) {
+    mkdir(Path("dir").c_str(), 0755);
+    mkdir(Path("other").c_str(), 0755);
+    for (int i = 0; i < 25; ++i) {
+        WriteWholeFile(Path("dir/a" + std::to_string(i)), "");
+        WriteWholeFile(Path("other/b" + std::to_string(i)), "");
+    }
+    const std::string sHandle = Handle("dir");
+    CallList(false, sHandle, 0);
+    ASSERT_EQ(rename(Path("dir").c_str(), Path("old").c_str()), 0);
+    ASSERT_EQ(rename(Path("other").c_str(), Path("dir").c_str()), 0);
+    XdrReader reader(CallList(false, sHandle, 20));
+    reader.Skip(4 + 88 + 8);
+    int nEntries = 0;
+    for (; reader.Bool(); ++nEntries) {
+        reader.U64();
+        EXPECT_THAT(reader.Opaque(), StartsWith("b"));
+        reader.U64();
+    }
+    EXPECT_EQ(nEntries, 5);
+}
+
+TEST_F(Nfs3ProgDirectoryTest, EachClientGoesOnInItsOwnListing) {
+    MakeFiles(25);
+    const std::vector<std::string> vsNames = HostNames();
+    List(true, 0);
+    for (int i = 0; i < 5; ++i) {
+        unlink(Path(vsNames[static_cast<std::size_t>(i)]).c_str());
+    }
+    m_sRemoteAddr = "10.0.0.6";
+    EXPECT_EQ(List(true, 10).vEntries.front().sName, vsNames[15])
+        << "nothing is kept for this client: five are skipped";
+    m_sRemoteAddr = kClientID;
+    EXPECT_EQ(List(true, 10).vEntries.front().sName, vsNames[10]);
+}
+
+// Two processes of one client: both remove, and the second begins while the first is at work.
+TEST_F(Nfs3ProgDirectoryTest, TwoWalksOfOneClientListWhatStaysOnceEach) {
+    MakeFiles(100);
+    struct Walk {
+        std::uint64_t lCookie = 0;
+        bool bEof = false;
+        std::vector<std::string> vsSeen;
+    };
+    Walk vWalks[2];
+    const auto goOn = [&](Walk& walk) {
+        const Listing listing = List(true, walk.lCookie);
+        for (const Entry& entry : listing.vEntries) {
+            walk.lCookie = entry.lCookie;
+            walk.vsSeen.push_back(entry.sName);
+            if (entry.sName.ends_with('7') || entry.sName.ends_with('3')) {
+                unlink(Path(entry.sName).c_str());
+            }
+        }
+        walk.bEof = listing.bEof;
+    };
+    goOn(vWalks[0]);
+    goOn(vWalks[0]);
+    while (!vWalks[0].bEof || !vWalks[1].bEof) {
+        for (Walk& walk : vWalks) {
+            if (!walk.bEof) {
+                goOn(walk);
+            }
+        }
+    }
+    for (const std::string& sName : HostNames()) {
+        EXPECT_EQ(std::ranges::count(vWalks[0].vsSeen, sName), 1) << sName;
+        EXPECT_EQ(std::ranges::count(vWalks[1].vsSeen, sName), 1) << sName;
+    }
+    EXPECT_THAT(ListAll(true), UnorderedElementsAreArray(HostNames()));
+}
+
+TEST_F(Nfs3ProgDirectoryTest, DirectoryWithMoreNamesThanAreKeptIsListedWhole) {
+    CNfs3Prog prog(&m_Utilities, 2000);
+    m_pProg = &prog;
+    MakeFiles(300);
+    EXPECT_EQ(ListAll(false), HostNames());
+    EXPECT_EQ(ListAll(true), HostNames());
+    List(true, 0);
+    for (int i = 0; i < 300; ++i) {
+        unlink(Path("file" + std::to_string(i)).c_str());
+    }
+    EXPECT_TRUE(List(true, 10).bEof);
+}
+
+// ---- Directories that cannot be read
+
+/// Lets every reading of a directory by this thread, and by no other, fail with EIO from now on. False if the system
+/// does not let it.
+bool FailReadingDirectories() {
+    sock_filter vFilter[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_getdents64, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EIO),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    const sock_fprog program{std::size(vFilter), vFilter};
+    return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
+}
+
+TEST_F(Nfs3ProgDirectoryTest, ReadErrorAnswers5AndNoEntries) {
+    MakeFiles(25);
+    const std::string sRoot = Handle();
+    List(true, 0);
+    bool bFilter = false;
+    std::thread([&] {
+        bFilter = FailReadingDirectories();
+        if (!bFilter) {
+            return;
+        }
+        for (const bool bPlus : {false, true}) {
+            ExpectBareFailure(CallList(bPlus, sRoot, 0), 5, 1);
+            // Five entries are kept; whether more came cannot be read.
+            ExpectBareFailure(CallList(bPlus, sRoot, 20), 5, 1);
+        }
+    }).join();
+    if (!bFilter) {
+        GTEST_SKIP() << "needs seccomp filters";
+    }
+    EXPECT_EQ(List(true, 10).vEntries.size(), 10U) << "the listing goes on where it was";
 }
 
 TEST_F(Nfs3ProgDirectoryTest, NamesThatAreNeverListed) {

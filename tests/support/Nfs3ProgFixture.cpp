@@ -32,11 +32,11 @@ std::string Nfs3ProgFixture::CallWithMoreBehind(unsigned int iProc, const std::s
     ProcessParam param;
     param.iVersion = 3;
     param.iProc = iProc;
-    param.sRemoteAddr = kClientID;
+    param.sRemoteAddr = m_sRemoteAddr;
     param.pRuntimeParam = &m_RuntimeParam;
     m_RuntimeParam.SetID(kClientID);
     m_RuntimeParam.SetIpcID("");
-    m_iResult = m_Prog.Process(&m_Input, &m_Output, &param);
+    m_iResult = m_pProg->Process(&m_Input, &m_Output, &param);
     EXPECT_EQ(m_Output.GetBufferIndex(), m_Output.GetBufferSize()) << "bytes behind the reply, procedure " << iProc;
     return {m_Output.GetBuffer(), m_Output.GetBufferSize()};
 }

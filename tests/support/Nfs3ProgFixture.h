@@ -58,7 +58,9 @@ protected:
     CRuntimeParam m_RuntimeParam{kClientID, 0};
     LogArgu m_LogArgu{"Test"};
     CNfs3Prog m_Prog{&m_Utilities};
+    CNfs3Prog* m_pProg = &m_Prog;  ///< the one that is called
     CInputStream m_Input;
     COutputStream m_Output;
     int m_iResult = -1;
+    std::string m_sRemoteAddr = kClientID;  ///< the client whose calls these are
 };

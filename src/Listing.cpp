@@ -1,0 +1,95 @@
+// The names of a directory while clients list it.
+#include "Listing.h"
+
+#include <algorithm>
+#include <utility>
+
+CListing::CListing(CNameList names, std::size_t nHandedOut)
+    : m_Names(std::move(names)), m_nHandedOut(nHandedOut), m_iPending(nHandedOut) {
+    m_Names.ShrinkToFit();
+}
+
+bool CListing::Show(std::size_t iPosition, std::size_t nMost, const EntryLook& look,
+                    std::vector<ListedEntry>* pvEntries) {
+    const std::size_t nFull = pvEntries->size() + nMost;
+    for (std::size_t i = iPosition; i < m_nHandedOut && pvEntries->size() < nFull; ++i) {
+        ShowHandedOut(i, look, pvEntries);
+    }
+    while (pvEntries->size() < nFull && m_iPending < m_Names.GetSize()) {
+        HandOutNext(look, pvEntries);
+    }
+    return pvEntries->size() == nFull;
+}
+
+/// False if the entry is gone.
+bool CListing::ShowHandedOut(std::size_t iPlace, const EntryLook& look, std::vector<ListedEntry>* pvEntries) const {
+    const char* pcName = m_Names.GetName(iPlace);
+    FoundStatus found;
+    if (pcName[0] == '\0' || !look(pcName, &found)) {
+        return false;
+    }
+    pvEntries->push_back({pcName, iPlace + 1, found});
+    return true;
+}
+
+/// False if the next entry is gone: it gets no position.
+bool CListing::HandOutNext(const EntryLook& look, std::vector<ListedEntry>* pvEntries) {
+    m_Names.Copy(m_nHandedOut, m_iPending++);
+    const bool bThere = ShowHandedOut(m_nHandedOut, look, pvEntries);
+    m_nHandedOut += bThere ? 1 : 0;
+    return bThere;
+}
+
+// A name that was handed out and is not read any more becomes empty: should it come again, it is a new entry.
+void CListing::Refresh(const CNameList& names) {
+    const CNameIndex index(names);
+    std::vector<bool> vbHandedOut(names.GetSize(), false);
+    CNameList merged;
+    for (std::size_t i = 0; i < m_nHandedOut; ++i) {
+        const std::size_t iPlace = index.Find(m_Names.GetName(i));
+        if (iPlace == CNameIndex::kNowhere) {
+            merged.Append("");
+        } else {
+            vbHandedOut[iPlace] = true;
+            merged.Append(m_Names.GetName(i));
+        }
+    }
+    for (std::size_t i = 0; i < names.GetSize(); ++i) {
+        if (!vbHandedOut[i]) {
+            merged.Append(names.GetName(i));
+        }
+    }
+    merged.ShrinkToFit();
+    m_Names = std::move(merged);
+    m_iPending = m_nHandedOut;
+}
+
+std::size_t CListing::GetMemory() const {
+    return sizeof(*this) + m_Names.GetMemory() + m_vWalks.capacity() * sizeof(WaitingWalk);
+}
+
+// ---- Where walks stand
+
+void CListing::NoteReply(std::size_t iFrom, std::optional<std::size_t> iTo, Time now) {
+    const auto itWalk = std::ranges::find(m_vWalks, iFrom, &WaitingWalk::iPosition);
+    if (itWalk != m_vWalks.end()) {
+        m_vWalks.erase(itWalk);
+    }
+    if (!iTo) {
+        return;
+    }
+    if (m_vWalks.size() == kMaxWalks) {
+        m_vWalks.erase(m_vWalks.begin());
+    }
+    m_vWalks.push_back({*iTo, now});
+}
+
+bool CListing::HasWalkAt(std::size_t iPosition) const {
+    return std::ranges::find(m_vWalks, iPosition, &WaitingWalk::iPosition) != m_vWalks.end();
+}
+
+bool CListing::HasWalk(Time now, Duration idle) {
+    const auto itFirst = std::ranges::find_if(m_vWalks, [&](const auto& walk) { return now - walk.since < idle; });
+    m_vWalks.erase(m_vWalks.begin(), itFirst);
+    return !m_vWalks.empty();
+}

@@ -1,0 +1,81 @@
+// CListing: the names of a directory while clients list it, and the positions they were handed out at.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "NameList.h"
+#include "PathProbe.h"
+
+/// One entry of a reply.
+struct ListedEntry {
+    std::string sName;
+    unsigned long lCookie = 0;  ///< its position: where the listing goes on behind it
+    FoundStatus found;          ///< what the look at it told
+};
+
+/// Looks at an entry as the reply is made. False if it is gone; fills the status if it can be had.
+using EntryLook = std::function<bool(const char* pcName, FoundStatus* pStatus)>;
+
+/// One reading of a directory, and how far it has been handed out.
+///
+/// A position is the number of entries handed out up to there. What was handed out once keeps its position for the
+/// listing's life, so that whoever got a cookie goes on exactly behind it, also twice, and also where several walks
+/// over the directory overlap:
+///
+///  - The first m_nHandedOut places hold what was handed out, the entry with cookie n at place n - 1. One that is gone
+///    by now is passed over and leaves its position unused.
+///  - The places from m_iPending on hold what nobody has been shown yet. One of them gets the next position when it is
+///    handed out; one that is gone by then never had any.
+///  - A new reading replaces what is pending. Names handed out stay where they are; all others follow in the order of
+///    that reading.
+///
+/// It cannot be seen which walk a call belongs to: the cookie is all there is. What is known is where the walks stand
+/// that have not come to the end: the cookies that replies ended with and no call has gone on from.
+///
+/// Names stand for entries: a file that another one was renamed onto counts as the same entry. Not thread-safe.
+class CListing {
+public:
+    using Time = std::chrono::steady_clock::time_point;
+    using Duration = std::chrono::steady_clock::duration;
+
+    /// The names in reading order, the first of which (at most all) count as handed out.
+    explicit CListing(CNameList names, std::size_t nHandedOut = 0);
+
+    std::size_t GetHandedOut() const { return m_nHandedOut; }
+    /// Appends the entries behind a position, at most as many as given. False if the names ended before that. The
+    /// position is at most GetHandedOut().
+    bool Show(std::size_t iPosition, std::size_t nMost, const EntryLook& look, std::vector<ListedEntry>* pvEntries);
+    /// Takes in a new reading of the directory.
+    void Refresh(const CNameList& names);
+    std::size_t GetMemory() const;
+
+    // ---- Where walks stand
+
+    /// A call went on from one position, and its reply ended at another, or with the end of the directory.
+    void NoteReply(std::size_t iFrom, std::optional<std::size_t> iTo, Time now);
+    /// Does a walk wait at this position?
+    bool HasWalkAt(std::size_t iPosition) const;
+    /// Does any walk wait that came there within the given time?
+    bool HasWalk(Time now, Duration idle);
+
+private:
+    struct WaitingWalk {
+        std::size_t iPosition;
+        Time since;
+    };
+    /// As many are remembered; more of them than this are left behind by callers that never list to the end.
+    static constexpr std::size_t kMaxWalks = 256;
+
+    bool ShowHandedOut(std::size_t iPlace, const EntryLook& look, std::vector<ListedEntry>* pvEntries) const;
+    bool HandOutNext(const EntryLook& look, std::vector<ListedEntry>* pvEntries);
+
+    CNameList m_Names;
+    std::size_t m_nHandedOut;
+    std::size_t m_iPending;             ///< from m_nHandedOut to the list's size
+    std::vector<WaitingWalk> m_vWalks;  ///< the longest waiting first
+};
