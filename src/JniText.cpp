@@ -17,7 +17,8 @@ bool IsLowSurrogate(std::uint32_t iUnit) {
 }
 
 /// What the first byte of a sequence allows: how many bytes follow, and the range of the first of them. The range
-/// keeps out overlong forms, surrogates and what lies beyond U+10FFFF (RFC 3629, 4).
+/// keeps out overlong forms and what lies beyond U+10FFFF (RFC 3629, 4), except for what modified UTF-8 has besides:
+/// U+0000 as C0 80, and surrogates, each as three bytes.
 struct Lead {
     int iFollowing = -1;  ///< -1: not a first byte
     unsigned char cLow = 0x80;
@@ -28,13 +29,15 @@ Lead LeadOf(unsigned char cFirst) {
     if (cFirst < 0x80) {
         return {0};
     }
+    if (cFirst == 0xC0) {
+        return {1, 0x80, 0x80};
+    }
     if (cFirst >= 0xC2 && cFirst <= 0xDF) {
         return {1};
     }
     if (cFirst >= 0xE0 && cFirst <= 0xEF) {
         const unsigned char cLow = cFirst == 0xE0 ? 0xA0 : 0x80;
-        const unsigned char cHigh = cFirst == 0xED ? 0x9F : 0xBF;
-        return {2, cLow, cHigh};
+        return {2, cLow, 0xBF};
     }
     if (cFirst >= 0xF0 && cFirst <= 0xF4) {
         const unsigned char cLow = cFirst == 0xF0 ? 0x90 : 0x80;

@@ -1,8 +1,9 @@
 // Texts between the library (UTF-8) and the host (UTF-16).
 //
-// The interface's own conversions speak modified UTF-8: four-byte characters of a path would name another file, and
+// The interface's own conversions speak modified UTF-8: characters of four bytes in a path would name another file, and
 // malformed bytes, which any client can put into a path, may bring the virtual machine down. So both directions are
-// done here, and only UTF-16 crosses the border.
+// done here, and only UTF-16 crosses the border: standard UTF-8 on the library's side, and for what it cannot hold the
+// modified form, so that every text of the host comes back as it went.
 #pragma once
 
 #include <optional>
@@ -12,7 +13,9 @@
 
 #include "jni.h"
 
-/// Decodes UTF-8. Every malformed sequence (RFC 3629) becomes one U+FFFD for its longest well-formed beginning.
+/// Decodes UTF-8, standard (RFC 3629) and modified: C0 80 is U+0000, and a surrogate of three bytes is itself, so that
+/// what Utf8FromUtf16 made comes back as it was. Every malformed sequence becomes one U+FFFD for its longest
+/// well-formed beginning.
 std::vector<jchar> Utf16FromUtf8(std::string_view sText);
 
 /// Encodes as UTF-8. What UTF-8 has no room for is kept as modified UTF-8 has it, so that no two texts become equal

@@ -50,10 +50,13 @@ TEST(JniTextTest, EveryMalformedSequenceBecomesOneReplacementCharacter) {
         {"a\x80z", u"a\uFFFDz"},                            // a stray continuation
         {"\xFF\xFE", u"\uFFFD\uFFFD"},                      // never bytes of UTF-8
         {"\xC3(", u"\uFFFD("},                              // the continuation is missing
-        {"\xC0\x80", u"\uFFFD\uFFFD"},                      // overlong
+        {"\xC0\x81", u"\uFFFD\uFFFD"},                      // overlong
+        {"\xC0", u"\uFFFD"},                                // cut short
+        {"\xC0/", u"\uFFFD/"},                              // cut short
         {"\xC1\xBF", u"\uFFFD\uFFFD"},                      // overlong
         {"\xE0\x80\x80", u"\uFFFD\uFFFD\uFFFD"},            // overlong
-        {"\xED\xA0\x80", u"\uFFFD\uFFFD\uFFFD"},            // a surrogate
+        {"\xED\xA0", u"\uFFFD"},                            // a surrogate, cut short
+        {"\xED/", u"\uFFFD/"},                              // a surrogate, cut short
         {"\xF0\x80\x80\x80", u"\uFFFD\uFFFD\uFFFD\uFFFD"},  // overlong
         {"\xF4\x90\x80\x80", u"\uFFFD\uFFFD\uFFFD\uFFFD"},  // beyond U+10FFFF
         {"\xF5z", u"\uFFFDz"},                              // beyond U+10FFFF
@@ -64,28 +67,6 @@ TEST(JniTextTest, EveryMalformedSequenceBecomesOneReplacementCharacter) {
     };
     for (const auto& [sUtf8, sUtf16] : vPairs) {
         EXPECT_EQ(Decode(sUtf8), sUtf16) << Hex(sUtf8);
-    }
-}
-
-TEST(JniTextTest, DecodingAnyBytesGivesWellFormedUtf16) {
-    std::mt19937 random(20240607);
-    for (int iRound = 0; iRound < 20000; ++iRound) {
-        std::string sBytes(random() % 12, '\0');
-        for (char& c : sBytes) {
-            c = static_cast<char>(random() % 3 != 0 ? 0x80U + random() % 0x80 : 1 + random() % 0x7F);
-        }
-        const std::u16string sText = Decode(sBytes);
-        ASSERT_LE(sText.size(), sBytes.size()) << Hex(sBytes);
-        for (std::size_t i = 0; i < sText.size(); ++i) {
-            const bool bHigh = sText[i] >= 0xD800 && sText[i] <= 0xDBFF;
-            const bool bLow = sText[i] >= 0xDC00 && sText[i] <= 0xDFFF;
-            ASSERT_FALSE(bLow) << "unpaired low surrogate from " << Hex(sBytes);
-            if (bHigh) {
-                ASSERT_TRUE(i + 1 < sText.size() && sText[i + 1] >= 0xDC00 && sText[i + 1] <= 0xDFFF) << Hex(sBytes);
-                ++i;
-            }
-        }
-        ASSERT_EQ(Decode(Encode(sText)), sText) << Hex(sBytes);
     }
 }
 
@@ -100,6 +81,110 @@ TEST(JniTextTest, ZeroAndUnpairedSurrogatesKeepTheirPlace) {
     EXPECT_EQ(Hex(Encode(vReversed)), Hex("\xED\xB0\x80\xED\xA0\x80"));
 }
 
+TEST(JniTextTest, ModifiedUtf8IsUnderstoodToo) {
+    const std::pair<std::string, std::u16string> vPairs[] = {
+        {"a\xC0\x80"
+         "b",
+         std::u16string(u"a\0b", 3)},
+        {"\xED\xA0\x80", {char16_t{0xD800}}},
+        {"\xED\xAF\xBF.", {char16_t{0xDBFF}, u'.'}},
+        {"\xED\xBF\xBF", {char16_t{0xDFFF}}},
+        {"\xED\xA0\xBD\xED\xB8\x80", u"\U0001F600"},  // a pair, as the virtual machine's own functions write it
+        {"\xED\xA0\xBD\xF0\x9F\x98\x80", {char16_t{0xD83D}, char16_t{0xD83D}, char16_t{0xDE00}}},
+    };
+    for (const auto& [sUtf8, sUtf16] : vPairs) {
+        EXPECT_EQ(Decode(sUtf8), sUtf16) << Hex(sUtf8);
+    }
+}
+
+/// Every text that the host can have comes back as it went, and goes without a zero byte, which would cut it.
+void ExpectToComeBack(const std::u16string& sText) {
+    const std::string sUtf8 = Encode(sText);
+    ASSERT_EQ(sUtf8.find('\0'), std::string::npos) << Hex(sUtf8);
+    ASSERT_EQ(Decode(sUtf8), sText) << Hex(sUtf8);
+}
+
+TEST(JniTextTest, EveryUnitComesBackAsItWent) {
+    for (unsigned int iUnit = 0; iUnit <= 0xFFFF; ++iUnit) {
+        ExpectToComeBack({static_cast<char16_t>(iUnit)});
+    }
+    for (unsigned int iFirst = 0xD7FF; iFirst <= 0xE000; iFirst += 3) {
+        for (unsigned int iSecond = 0xD7FF; iSecond <= 0xE000; iSecond += 5) {
+            ExpectToComeBack({static_cast<char16_t>(iFirst), static_cast<char16_t>(iSecond)});
+        }
+    }
+}
+
+TEST(JniTextTest, EveryTextComesBackAsItWent) {
+    std::mt19937 random(20261122);
+    for (int iRound = 0; iRound < 50000; ++iRound) {
+        std::u16string sText(random() % 12, u'\0');
+        for (char16_t& c : sText) {
+            switch (random() % 6) {
+                case 0:
+                    c = 0;
+                    break;
+                case 1:
+                    c = static_cast<char16_t>(0xD800 + random() % 0x400);
+                    break;
+                case 2:
+                    c = static_cast<char16_t>(0xDC00 + random() % 0x400);
+                    break;
+                case 3:
+                    c = static_cast<char16_t>(random() % 0x80);
+                    break;
+                default:
+                    c = static_cast<char16_t>(random() % 0x10000);
+            }
+        }
+        ExpectToComeBack(sText);
+    }
+}
+
+/// A text whose characters standard UTF-8 can hold is written in nothing but standard UTF-8: what other programs make
+/// of the same text, byte for byte.
+TEST(JniTextTest, WellFormedTextIsStandardUtf8) {
+    std::mt19937 random(7);
+    for (int iRound = 0; iRound < 20000; ++iRound) {
+        std::u32string sCharacters(1 + random() % 8, U'\0');
+        std::u16string sText;
+        for (char32_t& c : sCharacters) {
+            do {
+                c = static_cast<char32_t>(1 + random() % (random() % 2 == 0 ? 0x10FFFF : 0x7FF));
+            } while (c >= 0xD800 && c <= 0xDFFF);
+            if (c < 0x10000) {
+                sText.push_back(static_cast<char16_t>(c));
+            } else {
+                sText.push_back(static_cast<char16_t>(0xD7C0 + (c >> 10)));
+                sText.push_back(static_cast<char16_t>(0xDC00 + (c & 0x3FF)));
+            }
+        }
+        std::string sExpected;
+        for (const char32_t c : sCharacters) {
+            const int nFollowing = c < 0x80 ? 0 : c < 0x800 ? 1 : c < 0x10000 ? 2 : 3;
+            const unsigned int viLead[] = {0, 0xC0, 0xE0, 0xF0};
+            sExpected += static_cast<char>(viLead[nFollowing] | c >> 6 * nFollowing);
+            for (int i = nFollowing - 1; i >= 0; --i) {
+                sExpected += static_cast<char>(0x80 | (c >> 6 * i & 0x3F));
+            }
+        }
+        ASSERT_EQ(Hex(Encode(sText)), Hex(sExpected));
+    }
+}
+
+TEST(JniTextTest, DecodingAnyBytesEndsAndGivesATextThatComesBack) {
+    std::mt19937 random(20240607);
+    for (int iRound = 0; iRound < 20000; ++iRound) {
+        std::string sBytes(random() % 12, '\0');
+        for (char& c : sBytes) {
+            c = static_cast<char>(random() % 3 != 0 ? 0x80U + random() % 0x80 : 1 + random() % 0x7F);
+        }
+        const std::u16string sText = Decode(sBytes);
+        ASSERT_LE(sText.size(), sBytes.size()) << Hex(sBytes);
+        ExpectToComeBack(sText);
+    }
+}
+
 TEST(JniTextTest, NullIsNullInBothDirections) {
     FakeJvm jvm;
     const JavaFrame java(jvm);
@@ -109,6 +194,15 @@ TEST(JniTextTest, NullIsNullInBothDirections) {
     ASSERT_NE(jEmpty, nullptr);
     EXPECT_EQ(jvm.TextOf(jEmpty), u"");
     EXPECT_STREQ(CJniText(java.Env(), jEmpty).Get(), "");
+}
+
+TEST(JniTextTest, StringsComeBackThroughTheVirtualMachine) {
+    FakeJvm jvm;
+    const JavaFrame java(jvm);
+    const std::u16string sText = {u'/', 0, 0xD83D, 0xDE00, 0xDC00, u'x', 0xD800};
+    const CJniText text(java.Env(), jvm.NewText(sText));
+    EXPECT_EQ(Hex(text.Get()), Hex("/\xC0\x80\xF0\x9F\x98\x80\xED\xB0\x80x\xED\xA0\x80"));
+    EXPECT_EQ(jvm.TextOf(NewHostString(java.Env(), text.Get())), sText);
 }
 
 TEST(JniTextTest, StringArgumentsArriveAsUtf8) {

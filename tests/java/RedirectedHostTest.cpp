@@ -3,6 +3,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <stdexcept>
@@ -262,14 +263,14 @@ TEST_F(RedirectedHostTest, NamesOfAnyBytesReachTheHost) {
         EXPECT_EQ(Notifications(), Lines({"writeRedirectedFile(data, " + Path(pcInHost) + ", 0, 0, 1)"}));
     }
 
-    // Malformed: stray bytes, a surrogate, an overlong form, one cut short.
+    // Malformed: stray bytes, an overlong form, one cut short. And what only the virtual machine's own form of UTF-8
+    // has: surrogates, by themselves and in pairs, and a zero.
     std::string sFrom = "disk";
     std::string sFromInHost = "disk";
     const std::pair<const char*, const char*> vMalformed[] = {
-        {"\xFF\xFE", "\\uFFFD\\uFFFD"},
-        {"\xED\xA0\x80", "\\uFFFD\\uFFFD\\uFFFD"},
-        {"\xC0\x80", "\\uFFFD\\uFFFD"},
-        {"x\xF0\x9F\x98", "x\\uFFFD"},
+        {"\xFF\xFE", "\\uFFFD\\uFFFD"}, {"\xC1\x80", "\\uFFFD\\uFFFD"},
+        {"\xED\xA0\x80", "\\uD800"},    {"\xED\xA0\xBD\xED\xB8\x80", "\\uD83D\\uDE00"},
+        {"a\xC0\x80z", "a\\u0000z"},    {"x\xF0\x9F\x98", "x\\uFFFD"},
     };
     for (const auto& [pcOnDisk, pcInHost] : vMalformed) {
         ASSERT_EQ(m_pClient->Rename(m_sRoot, sFrom, m_sRoot, pcOnDisk), kNfs3Ok) << pcInHost;
@@ -277,6 +278,33 @@ TEST_F(RedirectedHostTest, NamesOfAnyBytesReachTheHost) {
                   Lines({"renameRedirectedFile(data, " + Path(sFromInHost) + ", " + Path(pcInHost) + ")"}));
         sFrom = pcOnDisk;
         sFromInHost = pcInHost;
+    }
+}
+
+/// A path that the host got is the path of the same file when the host gives it back.
+TEST_F(RedirectedHostTest, EveryTextOfTheHostComesBackAsItWent) {
+    Answer("writeRedirectedFile", "length");
+    const std::pair<const char*, const char*> vNames[] = {
+        {"\xF0\x9F\x98\x80.img", "\\uD83D\\uDE00.img"},                  // standard UTF-8
+        {"zero\xC0\x80zero", "zero\\u0000zero"},                         // what standard UTF-8 cannot hold ...
+        {"high\xED\xA0\xBD", "high\\uD83D"},                             // ... in the modified form
+        {"low\xED\xB8\x80\xED\xA0\xBD high", "low\\uDE00\\uD83D high"},  // no pair: the wrong way round
+    };
+    for (const auto& [pcOnDisk, pcInHost] : vNames) {
+        OpenRedirected(pcOnDisk, pcInHost);
+        std::string sFile;
+        ASSERT_EQ(m_pClient->Lookup(m_sRoot, pcOnDisk, sFile), kNfs3Ok) << pcInHost;
+        Fattr3 attributes;
+        EXPECT_EQ(m_pClient->Getattr(sFile, attributes), kNfs3Ok);
+        EXPECT_EQ(attributes.iSize, kDiskSize) << pcInHost << ": the client's bytes are the host's path";
+        std::uint32_t iCount = 0;
+        EXPECT_EQ(m_pClient->Write(sFile, 0, "w", iCount), kNfs3Ok);
+        EXPECT_EQ(Notifications(), Lines({"writeRedirectedFile(data, " + Path(pcInHost) + ", 0, 0, 1)"}));
+    }
+    std::vector<std::string> vsNames;
+    EXPECT_EQ(m_pClient->Readdir(m_sRoot, vsNames), kNfs3Ok);
+    for (const auto& [pcOnDisk, pcInHost] : vNames) {
+        EXPECT_EQ(std::count(vsNames.begin(), vsNames.end(), pcOnDisk), 1) << pcInHost << " in the listing";
     }
 }
 
