@@ -3,7 +3,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <csignal>
 
 #include "ConsoleSupport.h"
@@ -62,6 +61,21 @@ namespace {
 
 class ConsoleSignal : public ConsoleTest {};
 
+/// Before a signal that is sent at the first prompt: under ThreadSanitizer, and only there, waits until the command
+/// loop has read a line.
+///
+/// The program needs no such help: once the handlers stand, long before that prompt, no signal is lost. But the
+/// sanitizer's runtime loses one that arrives while it makes a thread's record of signals, which is at the thread's
+/// first blocking call, here the loop's first look at the keyboard. The kernel's events of such a run show it: the
+/// signal is delivered to the runtime's own handler between the mapping of that record and its use; the handler maps a
+/// second record and notes the signal there; then the first one takes the second one's place, and the program's handler
+/// is never called. Seen in 6 of 1600 such runs, and in none of 3000 of the plain build.
+void PassTheSanitizersGap([[maybe_unused]] ConsoleProcess& console) {
+#if defined(__SANITIZE_THREAD__)
+    console.Command("");
+#endif
+}
+
 }  // namespace
 
 TEST_F(ConsoleSignal, InterruptKeyOfTheTerminalEndsTheProgram) {
@@ -69,18 +83,13 @@ TEST_F(ConsoleSignal, InterruptKeyOfTheTerminalEndsTheProgram) {
     options.bTerminal = true;
     ConsoleProcess console({"-md", "int"}, options);
     ASSERT_TRUE(console.WaitForPrompt());
+    PassTheSanitizersGap(console);
     const TerminalOf terminal(console.GetPid());
     termios attributes = terminal.Get();
     attributes.c_lflag |= ISIG;
     attributes.c_cc[VINTR] = 3;
     terminal.Set(attributes);
     console.Send("\x03");
-#if defined(__SANITIZE_THREAD__)
-    // Under ThreadSanitizer, and only there, about one press in fifty was seen to be lost: it is repeated.
-    for (int i = 0; i < 10 && !console.Wait(std::chrono::seconds(2)); ++i) {
-        console.Send("\x03");
-    }
-#endif
     EXPECT_EQ(console.Wait(), 0);
     EXPECT_TRUE(console.Output().ends_with("\nExit\n")) << console.Output();
 }
@@ -137,6 +146,7 @@ TEST_F(ConsoleSignal, RepeatedSignalsDoNotDisturbTheEnd) {
     const std::string sPid = m_Folder / "pid";
     ConsoleProcess console({"-md", "svr", "-pidfile", sPid});
     ASSERT_TRUE(console.WaitForPrompt());
+    PassTheSanitizersGap(console);
     for (const int iSignal : {SIGTERM, SIGINT, SIGHUP, SIGTERM, SIGTERM}) {
         console.Signal(iSignal);
     }
