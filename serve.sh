@@ -33,16 +33,28 @@ build() {
     need_packages cmake g++ make pkg-config libtirpc-dev libnfs-dev
     local log
     log=$(mktemp)
-    echo "Building (the first time takes a while)"
     {
-        [ -e build/CMakeCache.txt ] || cmake -S . -B build -DNFSLIB_TESTS=OFF -DNFSLIB_BENCH=OFF
-        cmake --build build --target nfsconsole nfsget -j "$(nproc)"
-    } >"$log" 2>&1 </dev/null || {
+        { [ -e build/CMakeCache.txt ] || cmake -S . -B build -DNFSLIB_TESTS=OFF -DNFSLIB_BENCH=OFF; } &&
+            cmake --build build --target nfsconsole nfsget -j "$(nproc)"
+    } 2>&1 </dev/null | show_build "$log" || {
         tail -40 "$log" >&2
         rm -f "$log"
         fail "the build failed; its last lines are above"
     }
     rm -f "$log"
+}
+
+# show_build LOG: keeps what a build prints, says so when something is built, and shows on a terminal how far it is.
+show_build() {
+    local line told=
+    while IFS= read -r line; do
+        printf '%s\n' "$line" >>"$1"
+        [[ $line =~ ^(\[[^]]*\])\ (Building|Linking) ]] || continue # "[ 12%] Building ..." or "[7/90] Linking ..."
+        [ -n "$told" ] || echo "Building (the first time takes a while)"
+        told=yes
+        [ ! -t 1 ] || printf '\r%s ' "${BASH_REMATCH[1]}"
+    done
+    [ ! -t 1 ] || [ -z "$told" ] || printf '\r\033[K'
 }
 
 # The server binds port 111, below the ports that everybody may bind.
@@ -146,12 +158,13 @@ stop_by() {
     [ -z "$console_pid" ] || kill -"$1" "$console_pid" 2>/dev/null || true
 }
 
-# Waits for the console's end, also across signals that this script gets; its exit status.
+# Waits for the console's end, also across signals that this script gets; its exit status. The shell's own line about a
+# program that was ended by a signal says nothing to a user.
 wait_for_console() {
     local status=0
     while :; do
         status=0
-        wait "$console_pid" || status=$?
+        wait "$console_pid" 2>/dev/null || status=$?
         kill -0 "$console_pid" 2>/dev/null || break
     done
     console_pid=
@@ -183,6 +196,9 @@ Or with the kernel's client, as root (package nfs-common):
   mount -t nfs -o vers=3,proto=tcp,nolock,noacl,port=$nfs_port,mountport=$mount_port 127.0.0.1:$2 /mnt
   umount /mnt
 One client at a time has the export, until it unmounts. From elsewhere use this machine's address.
+Whoever reaches the ports 111, $mount_port and $nfs_port of this machine may read, write and delete everything in it: nobody is asked
+who he is. On a network that you do not trust, let a firewall keep others away.
+A client that writes asks for a COMMIT, which is not served: "[...ProcedureCOMMIT] Path record not found" is no fault.
 The console is yours: "help" lists its commands, "log 24" shows every procedure that clients call, "quit" ends.
 TEXT
     printf '\nCommand: '
@@ -193,10 +209,32 @@ serve() {
     choose_ports
     start "$directory" "$export"
     print_client_commands "$directory" "$export"
-    cat <&4 >&5 & # passes on what the user types; its end is not the server's
+    feed <&4 >&5 &
     feeder_pid=$!
     exec 5>&-
-    wait_for_console
+    local status=0
+    wait_for_console || status=$?
+    if grep -qF 'm_nMaxNum' "$work/printed"; then
+        fail "the server ended itself: a client opened one connection more than it takes" \
+            "(10 for NFS, 3 for MOUNT, 3 for the portmapper); start it again"
+    elif [ $status -gt 128 ]; then
+        fail "the server was ended by signal $((status - 128))"
+    fi
+    return $status
+}
+
+# Passes on what the user types. The end of the input is not the server's; on a terminal (Ctrl-D) it is not even that.
+feed() {
+    local line
+    while IFS= read -r line || [ -n "$line" ] || ended_on_terminal; do
+        printf '%s\n' "$line"
+    done
+}
+
+ended_on_terminal() {
+    [ -t 0 ] || return 1
+    echo '("quit" ends the server)' >&2
+    sleep 0.1 # a terminal that has gone says so a moment later
 }
 
 # ---- The check -------------------------------------------------------------------------------------------------------
@@ -271,7 +309,7 @@ if [ $mode != serve ]; then
 fi
 
 [ $# -le 2 ] || { usage >&2 && exit 2; }
-export_name=${2:-data}
+export_name=${2-data}
 case "$export_name" in
     *[/=\ ]* | '') fail "an export's name holds no slash, blank or equals sign: \"$export_name\"" ;;
 esac
