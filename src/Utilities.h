@@ -144,10 +144,13 @@ public:
     // ==== Paths and texts (UtilitiesText.cpp) ====================================================================
 
     /// Resolves a path with realpath into a buffer of kPathBufferSize (which may be the path itself). A path that
-    /// does not exist is copied unchanged (cut where it does not fit). Never fails; false tells of such a copy. The
-    /// status of what the path resolves to is filled, if one is given, where it comes at no cost.
+    /// does not exist is copied unchanged; one that does not fit leaves an empty text, which names nothing either.
+    /// Never fails; false tells of these two. The status of what the path resolves to is filled, if one is given, where
+    /// it comes at no cost.
     bool GetCanonicalPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, char* pcOut, const char* pcPath,
                           FoundStatus* pStatus = nullptr);
+    /// The same as a text of any length: what does not fit a buffer stays as it is given, and names nothing.
+    std::string GetCanonicalText(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath);
     /// Appends "/" in place unless the text is empty, already ends in "/", or a buffer of kPathBufferSize is full.
     static void SetPathToCompare(char* pcPath);
     static void SetPathToCompare(std::string& sPath);

@@ -19,7 +19,8 @@ unsigned int CUtilities::GetFileID(CRuntimeParam* pRuntimeParam, LogArgu* pLogAr
     }
     char vcCanonical[kPathBufferSize];
     GetCanonicalPath(pRuntimeParam, pLogArgu, vcCanonical, pcPath);
-    return GetCanonicalFileID(vcCanonical);
+    // One that does not fit goes by its own text, whose ID leads to no path.
+    return GetCanonicalFileID(vcCanonical[0] != '\0' ? vcCanonical : pcPath);
 }
 
 unsigned int CUtilities::GetCanonicalFileID(const char* pcCanonicalPath) {

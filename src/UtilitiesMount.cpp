@@ -52,13 +52,12 @@ bool IsInside(std::string_view sPathToCompare, std::string_view sFolder) {
 
 bool CUtilities::AddMountInfo(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcLocalMountPath,
                               const char* pcExportName, const char* pcIpcID, char* pcStatus) {
-    char vcCanonical[kPathBufferSize];
-    GetCanonicalPath(pRuntimeParam, pLogArgu, vcCanonical, pcLocalMountPath);
+    const std::string sCanonical = GetCanonicalText(pRuntimeParam, pLogArgu, pcLocalMountPath);
     const std::string sExportName = pcExportName != nullptr ? pcExportName : "";
 
     const CDeferredLog deferred;
     MutexLock lock(m_hMutexMountInfos);
-    if (FindMountInfoClash(pRuntimeParam, pLogArgu, vcCanonical, sExportName.c_str(), pcStatus)) {
+    if (FindMountInfoClash(pRuntimeParam, pLogArgu, sCanonical.c_str(), sExportName.c_str(), pcStatus)) {
         return false;
     }
     const std::size_t iInvalid = sExportName.find_first_of("/ ");
@@ -66,8 +65,8 @@ bool CUtilities::AddMountInfo(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, c
         WriteReason(pcStatus, "Invalid char \"%c\" inside export name", sExportName[iInvalid]);
         return false;
     }
-    m_MountInfos.insert_or_assign(
-        sExportName, MountInfo{vcCanonical, sExportName, pcIpcID != nullptr ? pcIpcID : "", std::string()});
+    m_MountInfos.insert_or_assign(sExportName,
+                                  MountInfo{sCanonical, sExportName, pcIpcID != nullptr ? pcIpcID : "", std::string()});
     return true;
 }
 
@@ -87,23 +86,21 @@ bool CUtilities::FindMountInfoClash(CRuntimeParam* pRuntimeParam, LogArgu* pLogA
     if (pcLocalMountPath == nullptr) {
         return false;
     }
-    char vcCanonical[kPathBufferSize];
-    GetCanonicalPath(pRuntimeParam, pLogArgu, vcCanonical, pcLocalMountPath);
-    if (std::ranges::none_of(
-            m_MountInfos, [&vcCanonical](const auto& mount) { return mount.second.sLocalMountPath == vcCanonical; })) {
+    const std::string sCanonical = GetCanonicalText(pRuntimeParam, pLogArgu, pcLocalMountPath);
+    if (std::ranges::none_of(m_MountInfos,
+                             [&sCanonical](const auto& mount) { return mount.second.sLocalMountPath == sCanonical; })) {
         return false;
     }
-    WriteReason(pcStatus, "Local mount path \"%s\" already defined", vcCanonical);
+    WriteReason(pcStatus, "Local mount path \"%s\" already defined", sCanonical.c_str());
     return true;
 }
 
 void CUtilities::RemoveMountInfoByLocalMountPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
                                                  const char* pcLocalMountPath) {
-    char vcCanonical[kPathBufferSize];
-    GetCanonicalPath(pRuntimeParam, pLogArgu, vcCanonical, pcLocalMountPath);
+    const std::string sCanonical = GetCanonicalText(pRuntimeParam, pLogArgu, pcLocalMountPath);
     MutexLock lock(m_hMutexMountInfos);
     const auto itMount = std::ranges::find_if(
-        m_MountInfos, [&vcCanonical](const auto& mount) { return mount.second.sLocalMountPath == vcCanonical; });
+        m_MountInfos, [&sCanonical](const auto& mount) { return mount.second.sLocalMountPath == sCanonical; });
     if (itMount != m_MountInfos.end()) {
         m_MountInfos.erase(itMount);
     }

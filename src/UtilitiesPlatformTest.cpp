@@ -219,15 +219,14 @@ void CUtilities::RunTestMode(CRuntimeParam* pRuntimeParam, const char* pcDirPath
         log.Line("Cannot start platrorm test. Error=File size is ZERO");
         return;
     }
-    char vcTarget[kPathBufferSize];
-    GetCanonicalPath(pRuntimeParam, &logArgu, vcTarget, pcDirPath);
+    const std::string sTarget = GetCanonicalText(pRuntimeParam, &logArgu, pcDirPath);
     Reason reason;
-    if (!OS_IsFileExists(vcTarget, reason.vcText)) {
-        log.Line(
-            Format("Cannot start platrorm test. Error=Fail to access directory \"%s\" (%s)", vcTarget, reason.vcText));
+    if (!OS_IsFileExists(sTarget.c_str(), reason.vcText)) {
+        log.Line(Format("Cannot start platrorm test. Error=Fail to access directory \"%s\" (%s)", sTarget.c_str(),
+                        reason.vcText));
         return;
     }
-    const TestPaths paths(vcTarget);
+    const TestPaths paths(sTarget);
     if (OS_IsFileExists(paths.sFolder.c_str(), nullptr)) {
         log.Line(
             Format("Cannot start platrorm test. Error=Test directory \"%s\" already exist", paths.sFolder.c_str()));
@@ -237,10 +236,10 @@ void CUtilities::RunTestMode(CRuntimeParam* pRuntimeParam, const char* pcDirPath
     log.Line(Format(" >> Directory : \"%s\"", paths.sFolder.c_str()));
     log.Line(Format(" >> File      : \"%s\"", paths.sFile.c_str()));
     log.Line("");
-    LogAttributes(log, vcTarget);
+    LogAttributes(log, sTarget.c_str());
     log.Line("");
     log.Line("-------------------------------- FILE IO ---------------------------------");
-    RunTestFileSteps(pRuntimeParam, &logArgu, vcTarget, static_cast<unsigned long long>(iFileSize));
+    RunTestFileSteps(pRuntimeParam, &logArgu, sTarget.c_str(), static_cast<unsigned long long>(iFileSize));
     CleanUp(paths);
     log.Line("================================ END TEST ================================");
 }
@@ -366,14 +365,13 @@ bool CUtilities::RunQuickTestMode(CRuntimeParam* pRuntimeParam, const char* pcPa
     if (iMode != 0) {
         return Fail(Format("Unknown mode (%d)", iMode).c_str());
     }
-    char vcPath[kPathBufferSize];
-    GetCanonicalPath(pRuntimeParam, &logArgu, vcPath, pcPath);
+    const std::string sPath = GetCanonicalText(pRuntimeParam, &logArgu, pcPath);
     Reason reason;
-    if (OS_IsFileExists(vcPath, reason.vcText)) {
+    if (OS_IsFileExists(sPath.c_str(), reason.vcText)) {
         return true;
     }
     if (pRuntimeParam->IsLogGeneralInfo()) {
-        LogInfo(pRuntimeParam, "Quick exist test failed. Error=\"%s\"", vcPath);  // the path, not the reason
+        LogInfo(pRuntimeParam, "Quick exist test failed. Error=\"%s\"", sPath.c_str());  // the path, not the reason
     }
     return Fail(reason.vcText);
 }

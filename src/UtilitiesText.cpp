@@ -12,10 +12,13 @@
 namespace {
 
 /// realpath, which asks the kernel for each component; of most paths it can tell in one step that they resolve to
-/// themselves.
+/// themselves. A path that no buffer holds is none, as for the system's other calls; realpath may see that differently.
 bool Resolve(const char* pcPath, char (&vcResolved)[kPathBufferSize], FoundStatus* pStatus) {
     const std::size_t nLength = strnlen(pcPath, kPathBufferSize);
-    if (nLength < kPathBufferSize && IsPlainPath(pcPath)) {
+    if (nLength >= kPathBufferSize) {
+        return false;
+    }
+    if (IsPlainPath(pcPath)) {
         switch (FindWithoutLinks(pcPath, pStatus)) {
             case Finding::kFound:
                 std::memcpy(vcResolved, pcPath, nLength + 1);
@@ -42,13 +45,20 @@ bool CUtilities::GetCanonicalPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArg
         }
         return true;
     }
-    const std::size_t nLength = strnlen(pcGiven, kPathBufferSize - 1);
-    std::memmove(pcOut, pcGiven, nLength);  // they may be one buffer
-    pcOut[nLength] = '\0';
     if (pRuntimeParam->IsLogGeneralInfo()) {
-        LogInfo(pRuntimeParam, "[%s] Fail to get canonical path from non-exist path: %s", pLogArgu->pcName, pcOut);
+        LogInfo(pRuntimeParam, "[%s] Fail to get canonical path from non-exist path: %s", pLogArgu->pcName, pcGiven);
     }
+    const std::size_t nLength = strnlen(pcGiven, kPathBufferSize);
+    const std::size_t nCopied = nLength < kPathBufferSize ? nLength : 0;  // its first part would be another path
+    std::memmove(pcOut, pcGiven, nCopied);                                // they may be one buffer
+    pcOut[nCopied] = '\0';
     return false;
+}
+
+std::string CUtilities::GetCanonicalText(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath) {
+    char vcCanonical[kPathBufferSize];
+    GetCanonicalPath(pRuntimeParam, pLogArgu, vcCanonical, pcPath);
+    return vcCanonical[0] != '\0' || pcPath == nullptr ? vcCanonical : pcPath;
 }
 
 void CUtilities::SetPathToCompare(char* pcPath) {

@@ -213,6 +213,36 @@ TEST_F(UtilitiesMountTest, PathThatDoesNotFitBelongsToNoExport) {
     EXPECT_EQ(Find("/" + std::string(20000, 'x')), "-");
 }
 
+/// Not that of a directory above it, which its first part would name.
+TEST_F(UtilitiesMountTest, ExportWhosePathDoesNotFitIsThatOfNoDirectory) {
+    const std::string sFolder = MakeFolder("a");
+    MakeFolder("a/private");
+    std::string sLong = sFolder;
+    sLong.resize(kPathBufferSize - 1, '/');
+    sLong += "/private";
+    ASSERT_TRUE(Add(sLong, "long"));
+    EXPECT_EQ(Find(sFolder), "-");
+    EXPECT_EQ(Find(sFolder + "/private"), "-");
+    EXPECT_TRUE(Add(sFolder, "short")) << "the directory is free";
+    EXPECT_EQ(Find(sFolder), "short");
+
+    char vcReason[kReasonBufferSize] = "";
+    EXPECT_FALSE(m_Utilities.AddMountInfo(&m_Param, &m_Tag, sLong.c_str(), "again", "", vcReason));
+    EXPECT_TRUE(std::string(vcReason).starts_with("Local mount path \"" + sFolder + "//")) << vcReason;
+    std::string sOther = sLong;
+    sOther.back() = 'f';
+    EXPECT_TRUE(Add(sOther, "other")) << "another path";
+
+    char vcHandle[kNfs3HandleSize];
+    EXPECT_TRUE(m_Utilities.GetFileHandle(&m_Param, &m_Tag, sLong.c_str(), vcHandle, sizeof(vcHandle)));
+    char vcPath[kPathBufferSize];
+    EXPECT_FALSE(m_Utilities.GetFilePath(&m_Param, vcHandle, vcPath, sizeof(vcPath))) << "it names nothing";
+
+    m_Utilities.RemoveMountInfoByLocalMountPath(&m_Param, &m_Tag, sLong.c_str());
+    EXPECT_EQ(Find(sFolder), "short") << "only the one that was meant";
+    EXPECT_TRUE(Add(sLong, "long")) << "it is gone";
+}
+
 TEST_F(UtilitiesMountTest, SearchIsLoggedStepByStep) {
     const std::string sA = MakeFolder("a");
     const std::string sAb = MakeFolder("ab");

@@ -213,6 +213,17 @@ TEST_F(PlatformTest, EmptyPathIsRefused) {
     EXPECT_EQ(m_Capture.Texts('i'), Lines{"Cannot start platrorm test. Error=Target directory is NULL"});
 }
 
+/// Its beginning names a folder that exists.
+TEST_F(PlatformTest, TargetWhosePathDoesNotFitIsRefused) {
+    std::string sLong = m_Folder.Path();
+    sLong.resize(kPathBufferSize - 1, '/');
+    const Lines vsLines = Run(sLong + "/.", 10);
+    ASSERT_EQ(vsLines.size(), 1U);
+    EXPECT_TRUE(vsLines[0].starts_with("Cannot start platrorm test. Error=Fail to access directory \"" +
+                                       m_Folder.Path() + "//"))
+        << vsLines[0];
+}
+
 TEST_F(PlatformTest, SizeOfZeroOrLessIsRefused) {
     EXPECT_EQ(Run(m_Folder.Path(), 0), Lines{"Cannot start platrorm test. Error=File size is ZERO"});
     EXPECT_EQ(Run(m_Folder.Path(), -1), Lines{"Cannot start platrorm test. Error=File size is ZERO"});
@@ -510,6 +521,14 @@ TEST_F(QuickTest, MissingPathFailsWithTheErrorCode) {
     EXPECT_FALSE(Quick(&m_Param, (m_Folder / "missing").c_str(), 0));
     EXPECT_STREQ(m_vcReason, "ErrCode=2");
     EXPECT_EQ(m_Capture.Texts(), Lines{});
+}
+
+TEST_F(QuickTest, PathThatDoesNotFitFails) {
+    std::string sLong = m_Folder.Path();
+    sLong.resize(kPathBufferSize - 1, '/');
+    EXPECT_TRUE(Quick(&m_Param, sLong.c_str(), 0)) << m_vcReason;
+    EXPECT_FALSE(Quick(&m_Param, (sLong + "/.").c_str(), 0)) << "its beginning names a folder that exists";
+    EXPECT_STREQ(m_vcReason, "ErrCode=36");
 }
 
 TEST_F(QuickTest, MissingPathIsLoggedAsItsPath) {

@@ -65,12 +65,23 @@ TEST_F(UtilitiesTextTest, CanonicalPathMayBeResolvedInPlace) {
 
 TEST_F(UtilitiesTextTest, CanonicalPathNeverOverrunsItsBuffer) {
     const std::string sLong = "/" + std::string(9000, 'x');
-    EXPECT_EQ(GetCanonical(sLong), sLong.substr(0, kPathBufferSize - 1));
+    EXPECT_EQ(GetCanonical(sLong), "") << "its beginning would be another path";
     EXPECT_EQ(TakeLog('i')[0].size(), kMessageBufferSize - 1) << "the log line is cut, too";
     EXPECT_EQ(GetCanonical(""), "");
     char vcOut[kPathBufferSize] = "x";
     m_Utilities.GetCanonicalPath(&m_Param, &m_Tag, vcOut, nullptr);
     EXPECT_STREQ(vcOut, "");
+}
+
+TEST_F(UtilitiesTextTest, CanonicalTextIsThePathAsGivenWhereItDoesNotFit) {
+    const auto Get = [this](const char* pcPath) { return m_Utilities.GetCanonicalText(&m_Param, &m_Tag, pcPath); };
+    EXPECT_EQ(Get((m_Folder.Path() + "/.").c_str()), m_Folder.Path());
+    for (const std::size_t nLength : {kPathBufferSize - 1, kPathBufferSize, std::size_t{9000}}) {
+        const std::string sLong = "/" + std::string(nLength - 1, 'x');
+        EXPECT_EQ(Get(sLong.c_str()), sLong);
+    }
+    EXPECT_EQ(Get(""), "");
+    EXPECT_EQ(Get(nullptr), "");
 }
 
 TEST_F(UtilitiesTextTest, PathToCompareEndsInOneSlashUnlessEmpty) {
