@@ -6,18 +6,19 @@ source tools/packages.sh
 
 usage() {
     cat <<'USAGE'
-usage: ./test.sh [--sanitizers | --lint] [CTEST_OPTION...]
+usage: ./test.sh [--sanitizers | --lint | --package] [CTEST_OPTION...]
   (no option)    formatting, then the plain build (build/) and every test
   --sanitizers   every test but those in a Java virtual machine with AddressSanitizer and
                  UndefinedBehaviorSanitizer (build-asan/), then with ThreadSanitizer (build-tsan/)
   --lint         formatting, clang's thread-safety analysis, clang-tidy (takes long)
+  --package      builds the Debian package, and tries it in a throw-away copy of this root (as root)
 CTEST_OPTIONs go to ctest: ./test.sh -R NfsMain runs the tests whose names hold "NfsMain".
 USAGE
 }
 
 BUILD_PACKAGES=(cmake g++ ninja-build pkg-config libtirpc-dev libnfs-dev)
 TEST_PACKAGES=(libgtest-dev libgmock-dev libbenchmark-dev rpcbind iproute2 e2fsprogs binutils util-linux
-    default-jdk-headless)
+    default-jdk-headless systemd groff-base)
 jobs=$(nproc)
 
 sources() {
@@ -113,10 +114,22 @@ lint() {
     echo "clang-tidy: OK"
 }
 
+package() {
+    need_packages "${BUILD_PACKAGES[@]}" dpkg-dev iproute2 util-linux
+    configure build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DNFSLIB_TOOLS=ON -DNFSLIB_BENCH=ON
+    build build
+    (cd build && rm -f nfslib_*.deb && cpack -G DEB) >build/package.log 2>&1 || {
+        cat build/package.log >&2
+        return 1
+    }
+    packaging/try-package build/nfslib_*.deb
+}
+
 mode=plain
 case "${1:-}" in
     --sanitizers) mode=sanitizers && shift ;;
     --lint) mode=lint && shift ;;
+    --package) mode=package && shift ;;
     -h | --help) usage && exit 0 ;;
 esac
 "$mode" "$@"

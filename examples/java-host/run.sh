@@ -1,10 +1,12 @@
 #!/usr/bin/env bash
 # run.sh [DIRECTORY]: compiles and runs the example host. DIRECTORY (made if it is missing) is what it exports.
-# NFSLIB names the library (default: this tree's build), CLASSES the folder for the compiled classes.
+# NFSLIB names the library (default: this tree's build, or the installation that this example came with), CLASSES the folder for the compiled classes.
 # The server needs port 111: run it as root, or in a network namespace.
 set -euo pipefail
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
-library=${NFSLIB:-$here/../../build/lib/libNfsLib.so}
+library=$here/../../build/lib/libNfsLib.so
+[ -f "$library" ] || library=$here/../../../../../lib/libNfsLib.so
+library=${NFSLIB:-$library}
 classes=${CLASSES:-$here/classes}
 directory=${1:-$(mktemp -d)/export}
 

@@ -43,23 +43,23 @@ protected:
         }
         return vsExports;
     }
-    /// Puts another path in the place of each one that ends so, from its first slash on.
+    /// Puts another path in the place of each one that ends so, from its first slash or variable on.
     static void ReplacePaths(std::string& sText, const std::string& sEnd, const std::string& sPath) {
         for (std::size_t iEnd = sText.find(sEnd); iEnd != std::string::npos; iEnd = sText.find(sEnd, iEnd)) {
             const std::size_t iWord = sText.find_last_of(" \"", iEnd) + 1;  // 0 without one
-            const std::size_t iBegin = sText.find('/', iWord);
+            const std::size_t iBegin = sText.find_first_of("/@", iWord);
             sText.replace(iBegin, iEnd + sEnd.size() - iBegin, sPath);
             iEnd = iBegin + sPath.size();
         }
     }
     /// The value of a line of the installed unit, with its paths moved into this test's folder.
     std::string UnitLine(const std::string& sKey) {
-        std::istringstream unit(ReadWholeFile(BuildTree() + "/packaging/nfsconsole.service"));
+        std::istringstream unit(ReadWholeFile(SourceTree() + "/packaging/nfsconsole.service.in"));
         for (std::string sLine; std::getline(unit, sLine);) {
             if (sLine.starts_with(sKey + "=")) {
                 std::string sValue = sLine.substr(sKey.size() + 1);
-                ReplacePaths(sValue, "/bin/nfsconsole", ConsoleProcess::ProgramPath());
-                ReplacePaths(sValue, "/nfs-exports", Script());
+                ReplacePaths(sValue, "_BIN_DIR@/nfsconsole", ConsoleProcess::ProgramPath());
+                ReplacePaths(sValue, "_LIBEXEC_DIR@/nfs-exports", Script());
                 for (const char* pcFolder : {"/var/log/nfslib", "/run/nfslib", "/etc/nfslib"}) {
                     ReplacePaths(sValue, pcFolder, m_Folder.Path());
                 }
@@ -105,16 +105,33 @@ TEST_F(Packaging, RefusedEntriesAreReportedAndTheOthersServed) {
     const RunResult result = Apply("nonsense\n/missing=gone\n" + m_Folder.Path() + "=a b\n" + sPath + "=good\n" +
                                    sPath + "=twice\n=x\n" + sPath + "=\n" + sPath + "=a=b\n");
     EXPECT_EQ(result.iStatus, 2);
-    EXPECT_EQ(result.sOutput, "nfs-exports: " + sList + ", line 1: not of the form path=exportName: nonsense\n" +
-                                  "nfs-exports: " + sList + ", line 2: no such directory: /missing\n" +
-                                  "nfs-exports: " + sList + ", line 6: not of the form path=exportName: =x\n" +
-                                  "nfs-exports: " + sList + ", line 7: not of the form path=exportName: " + sPath +
-                                  "=\n" + "nfs-exports: " + sList +
-                                  ", line 8: not of the form path=exportName: " + sPath + "=a=b\n" +
-                                  "Fail to add mount point to NFS. Reason=Invalid char \" \" inside export name\n"
-                                  "Fail to add mount point to NFS. Reason=Local mount path \"" +
-                                  sPath + "\" already defined\n");
+    EXPECT_EQ(result.sOutput,
+              "nfs-exports: " + sList + ", line 1: not of the form path=exportName: nonsense\n" +
+                  "nfs-exports: " + sList + ", line 2: no such directory: /missing\n" + "nfs-exports: " + sList +
+                  ", line 6: not of the form path=exportName: =x\n" + "nfs-exports: " + sList +
+                  ", line 7: not of the form path=exportName: " + sPath + "=\n" + "nfs-exports: " + sList +
+                  ", line 8: not of the form path=exportName: " + sPath + "=a=b\n" + "nfs-exports: " + sList +
+                  ", line 3: Invalid char \" \" inside export name: " + m_Folder.Path() + "=a b\nnfs-exports: " +
+                  sList + ", line 5: Local mount path \"" + sPath + "\" already defined: " + sPath + "=twice\n");
     EXPECT_EQ(Listed(), std::vector<std::string>{sPath + " : good"});
+    EXPECT_EQ(server.Quit(), 0);
+}
+
+TEST_F(Packaging, ListIsAppliedAgainForWhatWasAdded) {
+    ConsoleProcess server({"-md", "svr"});
+    ASSERT_TRUE(server.WaitForPrompt());
+    const std::string sOne = MakeFolder("one");
+    const std::string sTwo = MakeFolder("two");
+    ASSERT_EQ(symlink(sOne.c_str(), (m_Folder / "link").c_str()), 0);
+    EXPECT_EQ(Apply(sOne + "=first\n").iStatus, 0);
+    RunResult result = Apply(sOne + "=first\n" + sTwo + " = second\n" + (m_Folder / "link") + "=first\n");
+    EXPECT_EQ(result.iStatus, 0);
+    EXPECT_EQ(result.sOutput, "");
+    EXPECT_EQ(Listed(), (std::vector<std::string>{sOne + " : first", sTwo + " : second"}));
+    result = Apply(sOne + "=other\n");
+    EXPECT_EQ(result.iStatus, 2);
+    EXPECT_EQ(result.sOutput, "nfs-exports: " + (m_Folder / "exports") + ", line 1: Local mount path \"" + sOne +
+                                  "\" already defined: " + sOne + "=other\n");
     EXPECT_EQ(server.Quit(), 0);
 }
 

@@ -93,6 +93,56 @@ TEST(ProductTest, InstalledConsoleFindsItsLibraryByARelativePath) {
     EXPECT_THAT(help.sOutput, HasSubstr("Usage: " + (folder / "moved/bin/nfsconsole") + " [-help]\n"));
 }
 
+// The place is named at installation; the build was configured with another.
+TEST(ProductTest, InstalledUnitRunsWhatWasInstalled) {
+    const TempFolder folder;
+    const std::string sPlace = folder / "place";
+    const RunResult installed = RunProgram({"cmake", "--install", BuildTree(), "--prefix", sPlace});
+    ASSERT_EQ(installed.iStatus, 0) << installed.sOutput;
+    const std::string sUnit = ReadWholeFile(sPlace + "/lib/systemd/system/nfsconsole.service");
+    EXPECT_THAT(sUnit, HasSubstr("\nExecStart=" + sPlace + "/bin/nfsconsole -md svr "));
+    EXPECT_THAT(sUnit, HasSubstr("\nExecStop=" + sPlace + "/bin/nfsconsole -shutdown\n"));
+    EXPECT_THAT(sUnit, HasSubstr("\nExecReload=" + sPlace + "/libexec/nfslib/nfs-exports /etc/nfslib/exports\n"));
+    EXPECT_THAT(sUnit, HasSubstr("\nEnvironment=NFSCONSOLE=" + sPlace + "/bin/nfsconsole\n"));
+    EXPECT_THAT(sUnit, Not(HasSubstr("/usr/local")));
+    EXPECT_THAT(sUnit, Not(HasSubstr("@NFSLIB")));
+    for (const char* pcFile :
+         {"libexec/nfslib/nfs-exports", "lib/sysusers.d/nfslib.conf", "share/man/man8/nfsconsole.8",
+          "share/man/man5/nfslib-exports.5", "share/bash-completion/completions/nfsconsole", "share/doc/nfslib/LICENSE",
+          "share/doc/nfslib/host-guide.md", "share/doc/nfslib/exports.example",
+          "share/doc/nfslib/examples/java-host/DiskHost.java"}) {
+        EXPECT_TRUE(std::filesystem::exists(sPlace + "/" + pcFile)) << pcFile;
+    }
+}
+
+TEST(ProductTest, UnitIsWellFormedAndConfined) {
+    const TempFolder folder;
+    if (RunProgram({"/bin/sh", "-c", "command -v systemd-analyze"}).iStatus != 0) {
+        GTEST_SKIP() << "needs the package systemd";
+    }
+    const std::string sPlace = folder / "place";
+    ASSERT_EQ(RunProgram({"cmake", "--install", BuildTree(), "--prefix", sPlace}).iStatus, 0);
+    const std::string sUnit = sPlace + "/lib/systemd/system/nfsconsole.service";
+    const RunResult verified = RunProgram({"systemd-analyze", "verify", "--man=no", sUnit});
+    EXPECT_THAT(verified.sOutput, Not(HasSubstr("nfsconsole.service:")));
+    // The threshold is in tenths: 3.0 of 10.
+    const RunResult exposure =
+        RunProgram({"systemd-analyze", "security", "--offline=true", "--no-pager", "--threshold=30", sUnit});
+    EXPECT_EQ(exposure.iStatus, 0) << exposure.sOutput;
+    EXPECT_THAT(exposure.sOutput, HasSubstr("Overall exposure level"));
+}
+
+TEST(ProductTest, ManualPagesAreWellFormed) {
+    if (RunProgram({"/bin/sh", "-c", "command -v groff"}).iStatus != 0) {
+        GTEST_SKIP() << "needs the package groff-base";
+    }
+    for (const char* pcPage : {"nfsconsole.8", "nfsget.1", "nfslib-exports.5"}) {
+        const RunResult result = RunProgram({"groff", "-ww", "-man", "-z", SourceTree() + "/packaging/man/" + pcPage});
+        EXPECT_EQ(result.iStatus, 0) << pcPage;
+        EXPECT_EQ(result.sOutput, "") << pcPage;
+    }
+}
+
 // In a copy that belongs to somebody else.
 TEST(ProductTest, ServeScriptTellsAnOrdinaryUserInOneLineWhatIsLacking) {
     if (geteuid() != 0) {
