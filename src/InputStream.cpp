@@ -11,6 +11,9 @@
 
 void CInputStream::AddFilledBufferSize(unsigned int n) {
     m_iSize += std::min(n, GetFreeBufferSize());
+    if (m_nToDiscard > 0) {
+        Discard(m_nToDiscard);
+    }
 }
 
 void CInputStream::ConsolidateBuffer(unsigned int iThreshold) {
@@ -42,6 +45,20 @@ void CInputStream::ResetBuffer() {
     m_iSize = 0;
     m_iSearchedFrom = 0;
     m_iSearchedTo = 0;
+    m_nToDiscard = 0;
+}
+
+void CInputStream::Discard(unsigned int n) {
+    const unsigned int nNow = std::min(n, GetFilledBufferSize());
+    m_iIndex += nNow;
+    m_nToDiscard = n - nNow;
+}
+
+unsigned int CInputStream::HideBehind(unsigned int iPosition) {
+    const unsigned int iEnd = std::clamp(iPosition, m_iIndex, m_iSize);
+    const unsigned int nHidden = m_iSize - iEnd;
+    m_iSize = iEnd;
+    return nHidden;
 }
 
 void CInputStream::NoteSearched(unsigned int iFrom, unsigned int iTo) {

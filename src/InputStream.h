@@ -25,6 +25,12 @@ public:
     unsigned int GetFilledBufferSize() const { return m_iSize - m_iIndex; }
     const char* GetCurrentBuffer() const { return m_pcBuffer.get() + m_iIndex; }
     void ResetBuffer();
+    /// Passes over the next n bytes, those that have not come yet included: they are dropped as they come.
+    void Discard(unsigned int n);
+    /// Makes the received bytes end at a buffer position for the time being; returns how many are hidden by that, for
+    /// Unhide. Nothing may be received meanwhile.
+    unsigned int HideBehind(unsigned int iPosition);
+    void Unhide(unsigned int nHidden) { m_iSize += nHidden; }
 
     // ---- Searching ----
     // Bytes that stay in the buffer are searched once, however often more bytes arrive behind them.
@@ -52,4 +58,5 @@ private:
 
     unsigned int m_iSearchedFrom = 0;  ///< the stretch of buffer positions searched in vain
     unsigned int m_iSearchedTo = 0;
+    unsigned int m_nToDiscard = 0;  ///< of the bytes still to come; while it is not 0 nothing is unread
 };

@@ -9,6 +9,9 @@
 
 namespace {
 
+constexpr unsigned int kProcMnt = 1;
+constexpr unsigned int kProcUmnt = 3;
+
 constexpr unsigned int kMnt3Ok = 0;
 constexpr unsigned int kMnt3ErrAcces = 13;
 
@@ -39,6 +42,10 @@ CMountProg::CMountProg(CUtilities* pUtilities) : CRpcProg(pUtilities) {}
 
 unsigned int CMountProg::GetMaxSupportProc() {
     return kProcedureCount;
+}
+
+bool CMountProg::IsModifying(unsigned int /*iVersion*/, unsigned int iProc) {
+    return iProc == kProcMnt || iProc == kProcUmnt;
 }
 
 int CMountProg::Process(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam) {
@@ -73,6 +80,7 @@ int CMountProg::ProcedureMNT(CInputStream* pInput, COutputStream* pOutput, Proce
     }
     COpaquePath exportName;
     const bool bRead = ReadPath(pRuntimeParam, &logArgu, pInput, &exportName);
+    pParam->bArgumentsLeft = !bRead;
 
     bool bMounted = true;
     if (!bRead || exportName.sPath.empty()) {
@@ -134,6 +142,7 @@ int CMountProg::ProcedureUMNT(CInputStream* pInput, COutputStream* /*pOutput*/, 
     }
     COpaquePath exportName;
     if (!ReadPath(pRuntimeParam, &logArgu, pInput, &exportName)) {
+        pParam->bArgumentsLeft = true;
         if (pRuntimeParam->IsLogGeneralInfo()) {
             m_pUtilities->LogInfo(pRuntimeParam, "[%s] Umount FAIL", logArgu.pcName);
         }

@@ -20,6 +20,7 @@ public:
 
     int Process(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam) override;
     unsigned int GetMaxSupportProc() override;
+    bool IsModifying(unsigned int iVersion, unsigned int iProc) override;
 
     // The handlers: decode the arguments, write the result's body, return a ProgramStatus.
     int ProcedureNULL(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam);
@@ -27,7 +28,8 @@ public:
     int ProcedureUMNT(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam);
     int ProcedureNOIMP(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam);
 
-    /// Reads an export name. False, with its bytes left unread, for one of kPathBufferSize bytes or more.
+    /// Reads an export name. False, with its bytes left unread, for one of kPathBufferSize bytes or more; the caller
+    /// says so in the call's parameters.
     bool ReadPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CInputStream* pInput, COpaquePath* pPath);
 
 private:

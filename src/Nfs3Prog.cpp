@@ -47,6 +47,28 @@ unsigned int CNfs3Prog::GetMaxSupportProc() {
     return kProcedureCount;
 }
 
+bool CNfs3Prog::IsModifying(unsigned int iVersion, unsigned int iProc) {
+    return iVersion == kVersion && IsModifyingProcedure(iProc);
+}
+
+bool CNfs3Prog::IsModifyingProcedure(unsigned int iProc) {
+    switch (iProc) {
+        case NFSPROC3_SETATTR:
+        case NFSPROC3_WRITE:
+        case NFSPROC3_CREATE:
+        case NFSPROC3_MKDIR:
+        case NFSPROC3_SYMLINK:
+        case NFSPROC3_MKNOD:
+        case NFSPROC3_REMOVE:
+        case NFSPROC3_RMDIR:
+        case NFSPROC3_RENAME:
+        case NFSPROC3_LINK:
+            return true;
+        default:
+            return false;
+    }
+}
+
 const std::array<CNfs3Prog::Procedure, CNfs3Prog::kProcedureCount>& CNfs3Prog::GetProcedures() {
     return kProcedures;
 }

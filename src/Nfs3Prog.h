@@ -42,6 +42,8 @@ public:
     int Process(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam) override;
     unsigned int GetVersion() override;
     unsigned int GetMaxSupportProc() override;
+    bool IsModifying(unsigned int iVersion, unsigned int iProc) override;
+    static bool IsModifyingProcedure(unsigned int iProc);
 
     /// Stored for the host; owners in attributes are those of the host's files.
     void SetUserID(unsigned int iUId, unsigned int iGId);

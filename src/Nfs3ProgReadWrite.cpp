@@ -8,6 +8,7 @@
 
 #include <unistd.h>
 
+#include "DataException.h"
 #include "InputStream.h"
 #include "Nfs3Prog.h"
 #include "OutputStream.h"
@@ -26,8 +27,18 @@ static_assert(CRedirectedFile::GetReadRoom(CNfs3Prog::kMaxReadSize) == kReadRoom
 /// WRITE always says so: what it answered is with the host (RFC 1813, stable_how).
 constexpr unsigned int kFileSync = 2;
 
+/// The most data, a multiple of four, that a READ's reply can carry whose head begins at that place of the output.
+unsigned int GetDataLimit(const ProcessParam& param, unsigned int iHead) {
+    const unsigned int nBefore = iHead + kReadHeadSize;
+    return param.nReplyLimit > nBefore ? (param.nReplyLimit - nBefore) & ~3U : 0;
+}
+
 /// The bytes that a WRITE stores: its opaque data and, where the count goes beyond that, what follows it among the
 /// bytes received, then zeros.
+///
+/// Received is what stands in the buffer when the call is executed: the rest of the call's own record, which is waited
+/// for (NeedRecord), so that it does not matter in what pieces it came, and the calls behind it that happen to be here
+/// already.
 class WriteData {
 public:
     WriteData(const opaque& data, const CInputStream& input, unsigned int iCount) {
@@ -49,6 +60,17 @@ private:
     const char* m_pcBytes;
     std::array<char, CNfs3Prog::kMaxWriteSize> m_vcFilledUp;  // NOLINT: filled only where it is used
 };
+
+/// A WRITE that stores more than its opaque data and what has come behind that is not complete while more of its record
+/// is on its way.
+void NeedRecord(const ProcessParam& param, const CInputStream& input, const opaque& data, unsigned int iCount) {
+    const auto nBehind = static_cast<unsigned int>(input.GetCurrentBuffer() - data.pBuf);
+    const unsigned int nReceived = nBehind + input.GetFilledBufferSize();
+    const unsigned int nWanted = std::min(iCount, CNfs3Prog::kMaxWriteSize);
+    if (nWanted > nReceived && param.nStillToCome > 0) {
+        throw CDataTruncatedExpt(std::min(nWanted, nReceived + param.nStillToCome), nReceived);
+    }
+}
 
 }  // namespace
 
@@ -128,7 +150,8 @@ nfsstat3 CNfs3Prog::ReadIntoReply(ProcessParam* pParam, LogArgu* pLogArgu, COutp
     if (pCall->iCount == 0) {
         return NFS3_OK;
     }
-    const unsigned int iLength = std::min({pCall->iCount, kMaxReadSize, nRoom / kReadRoomFactor});
+    const unsigned int nMost = std::min(nRoom, GetDataLimit(*pParam, pOutput->GetBufferIndex()));
+    const unsigned int iLength = std::min({pCall->iCount, kMaxReadSize, nRoom / kReadRoomFactor, nMost});
     const int iRead = m_pUtilities->ReadFile(pRuntimeParam, pLogArgu, pcPath, pCall->lOffset, SEEK_SET,
                                              pOutput->GetCurrentBuffer() + kReadHeadSize, iLength, &pCall->bEof);
     if (iRead < 0) {
@@ -138,7 +161,11 @@ nfsstat3 CNfs3Prog::ReadIntoReply(ProcessParam* pParam, LogArgu* pLogArgu, COutp
         }
         return NFS3ERR_INVAL;
     }
-    pCall->iRead = std::min(static_cast<unsigned int>(iRead), nRoom);
+    pCall->iRead = static_cast<unsigned int>(iRead);
+    if (pCall->iRead > nMost) {  // more came than was asked for: the client reads on from what it gets
+        pCall->iRead = nMost;
+        pCall->bEof = false;
+    }
     return NFS3_OK;
 }
 
@@ -151,6 +178,7 @@ int CNfs3Prog::ProcedureWRITE(CInputStream* pInput, COutputStream* pOutput, Proc
     Read(pInput, &call.iCount);
     Read(pInput, &call.iStable);
     Read(pInput, &call.data);
+    NeedRecord(*pParam, *pInput, call.data, call.iCount);
 
     nfsstat3 iStatus = CheckExisting(pParam, &logArgu, call.sPath);
     if (m_bReadOnly) {

@@ -41,6 +41,10 @@ unsigned int CNfsProg::GetMaxSupportProc() {
     return pProgram != nullptr ? pProgram->GetMaxSupportProc() : CRpcProg::GetMaxSupportProc();
 }
 
+bool CNfsProg::IsModifying(unsigned int iVersion, unsigned int iProc) {
+    return iVersion == CNfs3Prog::kVersion && CNfs3Prog::IsModifyingProcedure(iProc);
+}
+
 CNfs3Prog* CNfsProg::GetProgram() {
     const MutexLock lock(m_hMutex);
     return m_pNfs3Prog.get();

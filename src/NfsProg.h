@@ -25,6 +25,7 @@ public:
     /// The version 3 program's answers once there is one; any before.
     unsigned int GetVersion() override;
     unsigned int GetMaxSupportProc() override;
+    bool IsModifying(unsigned int iVersion, unsigned int iProc) override;
 
 private:
     CNfs3Prog* GetProgram();

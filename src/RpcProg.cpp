@@ -1,4 +1,4 @@
-// What a program that says nothing of versions and procedures accepts: any.
+// What a program that says nothing of versions and procedures accepts: any, and none changes anything.
 #include "RpcProg.h"
 
 unsigned int CRpcProg::GetVersion() {
@@ -7,4 +7,8 @@ unsigned int CRpcProg::GetVersion() {
 
 unsigned int CRpcProg::GetMaxSupportProc() {
     return 0xFFFFFFFFU;
+}
+
+bool CRpcProg::IsModifying(unsigned int /*iVersion*/, unsigned int /*iProc*/) {
+    return false;
 }

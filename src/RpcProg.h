@@ -15,6 +15,9 @@ struct ProcessParam {
     unsigned int iProc = 0;                  ///< procedure number
     std::string sRemoteAddr;                 ///< the client's IPv4 address, dotted
     CRuntimeParam* pRuntimeParam = nullptr;  ///< for logging; not owned
+    unsigned int nStillToCome = 0;           ///< bytes of the call's record that, by its mark, have not come yet
+    unsigned int nReplyLimit = 0xFFFFFFFFU;  ///< the most bytes, head included, that the reply may have
+    bool bArgumentsLeft = false;  ///< set by a program that leaves arguments unread: nothing in them is a call
 };
 
 /// What a program answers to the RPC server.
@@ -41,6 +44,8 @@ public:
     virtual unsigned int GetVersion();
     /// Procedure numbers below this are valid, 0xFFFFFFFF for no limit.
     virtual unsigned int GetMaxSupportProc();
+    /// True for a procedure that changes something: the repetition of a datagram is not executed again.
+    virtual bool IsModifying(unsigned int iVersion, unsigned int iProc);
 
 protected:
     CUtilities* m_pUtilities;

@@ -35,6 +35,10 @@ struct HeaderLayout {
 constexpr HeaderLayout kDatagramLayout{sizeof(RPC_HEADER), offsetof(RPC_HEADER, lProg), offsetof(RPC_HEADER, lVers),
                                        offsetof(RPC_HEADER, lProc)};
 constexpr unsigned int kMarkSize = offsetof(RPC_STM_HEADER, call);
+
+/// What an IPv4 datagram can carry behind the headers of IP and UDP.
+constexpr unsigned int kLargestDatagram = 65507;
+
 constexpr HeaderLayout kStreamLayout{sizeof(RPC_STM_HEADER), kMarkSize + kDatagramLayout.iProgram,
                                      kMarkSize + kDatagramLayout.iVersion, kMarkSize + kDatagramLayout.iProcedure};
 
@@ -104,7 +108,6 @@ void CRpcServer::SetLogControl(int iLogControl) {
 void CRpcServer::SocketReceived(CSocket* pSocket) {
     LogArgu logArgu{"RpcServer.SocketReceived"};
     const MutexLock lock(m_hMutex);
-    m_pRuntimeParam->SetID(pSocket->GetRemoteAddress());
     while (ProcessNext(&logArgu, pSocket)) {
     }
 }
@@ -113,38 +116,143 @@ void CRpcServer::SocketReceived(CSocket* pSocket) {
 bool CRpcServer::ProcessNext(LogArgu* pLogArgu, CSocket* pSocket) {
     CRuntimeParam* pRuntimeParam = m_pRuntimeParam.get();
     CInputStream* pInput = pSocket->GetInputStream();
-    COutputStream* pOutput = pSocket->GetOutputStream();
-    const unsigned long lProgId = pSocket->GetProgId();
-    const int iType = pSocket->GetType();
     if (pInput->GetFilledBufferSize() == 0) {
         return false;
     }
+    // A program puts the export's name and owner in their place. A call that belongs to no export has neither.
+    pRuntimeParam->SetID(pSocket->GetRemoteAddress());
+    pRuntimeParam->SetIpcID("");
     if (IsLogRpc()) {
         m_pUtilities->LogInfo(pRuntimeParam, "[%s] Input buf size(%u) pos(%u)", pLogArgu->pcName,
                               pInput->GetFilledBufferSize(), pInput->GetBufferIndex());
     }
-    if (!LookForValidHeader(pRuntimeParam, pLogArgu, lProgId, iType, pInput, pOutput)) {
+    if (!LookForValidHeader(pRuntimeParam, pLogArgu, pSocket->GetProgId(), pSocket->GetType(), pInput,
+                            pSocket->GetOutputStream())) {
         if (IsLogRpc()) {
             m_pUtilities->LogInfo(pRuntimeParam, "[%s] Cannot find valid header!!", pLogArgu->pcName);
         }
         return false;
     }
-    const unsigned int iStart = pInput->GetBufferIndex();
-    const int iStatus = Process(pRuntimeParam, lProgId, iType, pInput, pOutput, pSocket->GetRemoteAddress());
-    if (iStatus == kProgTruncated && !LookForValidHeader(pRuntimeParam, pLogArgu, lProgId, iType, pInput, pOutput)) {
-        // The rest of the call is still to come: begin again then.
-        pOutput->ResetBuffer();
-        pInput->SetBufferIndex(iStart);
-        if (IsLogRpc()) {
-            m_pUtilities->LogInfo(pRuntimeParam, "[%s] Reset input buffer postion", pLogArgu->pcName);
-        }
+    return ProcessFound(pLogArgu, pSocket);
+}
+
+/// Answers the call at the read position. False when there is nothing more to do before the next receive.
+bool CRpcServer::ProcessFound(LogArgu* pLogArgu, CSocket* pSocket) {
+    const bool bStream = pSocket->GetType() == CSocket::kStream;
+    const int iStatus = bStream ? ProcessCurrent(pSocket) : AnswerDatagram(pSocket);
+    bool bBroken = false;
+    if (iStatus == kProgTruncated) {
+        bBroken = !WaitForRest(pLogArgu, pSocket);
+    } else if (bStream && m_Current.bArgumentsLeft) {
+        bBroken = !PassUnread(pSocket->GetInputStream());
     }
     if (IsLogRpc()) {
-        m_pUtilities->LogInfo(pRuntimeParam, "[%s] Output buf size(%u)", pLogArgu->pcName, pOutput->GetBufferSize());
+        m_pUtilities->LogInfo(m_pRuntimeParam.get(), "[%s] Output buf size(%u)", pLogArgu->pcName,
+                              pSocket->GetOutputStream()->GetBufferSize());
     }
     pSocket->Send();
-    return iStatus == kProgHandled && iType != CSocket::kDatagram;
+    if (bBroken) {
+        pSocket->Shutdown();
+    }
+    return iStatus != kProgTruncated && bStream && !bBroken;
 }
+
+/// Decodes and executes the call at the read position. Returns its ProgramStatus.
+int CRpcServer::ProcessCurrent(CSocket* pSocket) {
+    CInputStream* pInput = pSocket->GetInputStream();
+    m_Current = Current{};
+    m_Current.iStart = pInput->GetBufferIndex();
+    if (pSocket->GetType() == CSocket::kStream) {
+        m_Current.mark = CRecordMark(WordAt(pInput->GetCurrentBuffer()));
+    }
+    // Behind a fragment that is not the record's last stands another mark: never an argument.
+    const bool bInFragment = m_Current.mark.IsPlausible() && !m_Current.mark.IsLast();
+    const unsigned int nHidden = bInFragment ? pInput->HideBehind(m_Current.GetRecordEnd()) : 0;
+    const int iStatus = Process(m_pRuntimeParam.get(), pSocket->GetProgId(), pSocket->GetType(), pInput,
+                                pSocket->GetOutputStream(), pSocket->GetRemoteAddress());
+    pInput->Unhide(nHidden);
+    return iStatus;
+}
+
+/// For a call that ran short: drops what there is of its reply, and finds out whether its rest is still to come. If it
+/// is, or if no other call is to be seen behind it, the call begins again when more has come; else that other call
+/// does. False if the call cannot be completed at all.
+bool CRpcServer::WaitForRest(LogArgu* pLogArgu, CSocket* pSocket) {
+    CInputStream* pInput = pSocket->GetInputStream();
+    pSocket->GetOutputStream()->ResetBuffer();
+    const CRecordMark& mark = m_Current.mark;
+    const bool bComing = GetStillToCome(*pInput) > 0;
+    if (mark.IsPlausible() && !mark.IsLast() && !bComing) {
+        return false;  // the fragment is here and the arguments run past its end
+    }
+    // While the rest is to come, the bytes that are here are the call's own: data that may look like a call.
+    if (bComing || !LookForValidHeader(m_pRuntimeParam.get(), pLogArgu, pSocket->GetProgId(), pSocket->GetType(),
+                                       pInput, pSocket->GetOutputStream())) {
+        pInput->SetBufferIndex(m_Current.iStart);
+        if (IsLogRpc()) {
+            m_pUtilities->LogInfo(m_pRuntimeParam.get(), "[%s] Reset input buffer postion", pLogArgu->pcName);
+        }
+    }
+    return true;
+}
+
+/// How many bytes of the call's record, by a plausible mark, have not come yet.
+unsigned int CRpcServer::GetStillToCome(const CInputStream& input) const {
+    const unsigned int iReceivedEnd = input.GetBufferIndex() + input.GetFilledBufferSize();
+    const bool bComing = m_Current.mark.IsPlausible() && m_Current.GetRecordEnd() > iReceivedEnd;
+    return bComing ? m_Current.GetRecordEnd() - iReceivedEnd : 0;
+}
+
+/// For a call that was answered without all of its arguments being read: passes over the rest of its record, as far as
+/// its mark is plausible. False if there is more of the record than that: another fragment, of which nobody can tell
+/// the end.
+bool CRpcServer::PassUnread(CInputStream* pInput) {
+    const unsigned int iPosition = pInput->GetBufferIndex();
+    if (!m_Current.mark.IsPlausible() || m_Current.GetRecordEnd() <= iPosition) {
+        return true;
+    }
+    pInput->Discard(m_Current.GetRecordEnd() - iPosition);
+    return m_Current.mark.IsLast();
+}
+
+// ---- Datagrams
+
+/// Answers the call at the read position of a datagram; one that repeats an earlier one with the reply that it got
+/// then. Returns a ProgramStatus.
+int CRpcServer::AnswerDatagram(CSocket* pSocket) {
+    CReplyCache* pReplies = FindReplyCache(pSocket);
+    if (pReplies == nullptr) {
+        return ProcessCurrent(pSocket);
+    }
+    CInputStream* pInput = pSocket->GetInputStream();
+    COutputStream* pOutput = pSocket->GetOutputStream();
+    const CReplyCache::Datagram datagram{pSocket->GetRemoteAddress(),
+                                         pSocket->GetRemotePort(),
+                                         {pInput->GetCurrentBuffer(), pInput->GetFilledBufferSize()}};
+    if (const std::string* psReply = pReplies->Find(datagram, CReplyCache::Clock::now())) {
+        pOutput->Write(psReply->data(), static_cast<unsigned int>(psReply->size()));
+        pInput->Skip(pInput->GetFilledBufferSize());
+        return kProgHandled;
+    }
+    const int iStatus = ProcessCurrent(pSocket);
+    if (iStatus == kProgHandled) {
+        pReplies->Add(datagram, {pOutput->GetBuffer(), pOutput->GetBufferSize()}, CReplyCache::Clock::now());
+    }
+    return iStatus;
+}
+
+/// Where the replies to calls like the one at the read position are kept; null if its repetition does no harm.
+CReplyCache* CRpcServer::FindReplyCache(CSocket* pSocket) {
+    const char* pcCall = pSocket->GetInputStream()->GetCurrentBuffer();
+    CRpcProg* pProg = FindProgram(pSocket->GetProgId());
+    if (pProg == nullptr ||
+        !pProg->IsModifying(WordAt(pcCall + kDatagramLayout.iVersion), WordAt(pcCall + kDatagramLayout.iProcedure))) {
+        return nullptr;
+    }
+    return &m_Replies[pSocket->GetProgId() - kFirstProgram];
+}
+
+// ---- Calls
 
 bool CRpcServer::LookForValidHeader(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, unsigned long lProgId,
                                     int iSocketType, CInputStream* pInput, COutputStream* /*pOutput*/) {
@@ -198,6 +306,9 @@ int CRpcServer::Process(CRuntimeParam* pRuntimeParam, unsigned long /*lProgId*/,
     if (IsLogRpc()) {
         LogHeader(pRuntimeParam, iSocketType, header);
     }
+    if (iHeaderStatus == kProgTruncated) {
+        return iHeaderStatus;  // whoever is called, and with what, is known when all of the head has come
+    }
     const unsigned int iReply = pOutput->GetBufferIndex();
     if (iSocketType == CSocket::kStream) {
         pOutput->Write(header.lHeader);  // holds the place of the reply's own mark
@@ -207,7 +318,13 @@ int CRpcServer::Process(CRuntimeParam* pRuntimeParam, unsigned long /*lProgId*/,
     pOutput->Write(kMsgAccepted);
     pOutput->Write(header.call.verf.lFlavor);
     pOutput->Write(header.call.verf.lLength);
-    const int iStatus = Dispatch(pRuntimeParam, iHeaderStatus, header.call, pInput, pOutput, pcRemoteAddress);
+    ProcessParam param{header.call.lVers, header.call.lProc, pcRemoteAddress, pRuntimeParam};
+    param.nStillToCome = GetStillToCome(*pInput);
+    if (iSocketType == CSocket::kDatagram) {
+        param.nReplyLimit = kLargestDatagram;
+    }
+    const int iStatus = Dispatch(pRuntimeParam, iHeaderStatus, header.call, &param, pInput, pOutput);
+    m_Current.bArgumentsLeft = param.bArgumentsLeft;
     if (iSocketType == CSocket::kStream) {
         const unsigned int nLength = pOutput->GetBufferIndex() - iReply;
         pOutput->Seek(static_cast<int>(iReply), 0);
@@ -274,30 +391,31 @@ void CRpcServer::LogHeader(CRuntimeParam* pRuntimeParam, int iSocketType, const 
     m_pUtilities->LogInfo(pRuntimeParam, " --- nproc=%u", header.call.lProc);
 }
 
-/// Writes the accept status and, through the program, the body of a reply. A call whose head was cut short goes to its
-/// program as well, which runs short in its turn.
-int CRpcServer::Dispatch(CRuntimeParam* pRuntimeParam, int iStatus, const RPC_HEADER& call, CInputStream* pInput,
-                         COutputStream* pOutput, const char* pcRemoteAddress) {
+/// Writes the accept status and, through the program, the body of a reply.
+int CRpcServer::Dispatch(CRuntimeParam* pRuntimeParam, int iStatus, const RPC_HEADER& call, ProcessParam* pParam,
+                         CInputStream* pInput, COutputStream* pOutput) {
     if (iStatus == kProgGarbageArgs) {
         pOutput->Write(kGarbageArgs);
+        pParam->bArgumentsLeft = true;
         return iStatus;
     }
     CRpcProg* pProg = FindProgram(call.lProg);
     if (pProg == nullptr) {
         pOutput->Write(kProgUnavail);
+        pParam->bArgumentsLeft = true;
         return iStatus;
     }
     const int iAcceptStatus = static_cast<int>(pOutput->GetBufferIndex());
     pOutput->Write(kRpcSuccess);
-    ProcessParam param{call.lVers, call.lProc, pcRemoteAddress, pRuntimeParam};
     try {
-        iStatus = pProg->Process(pInput, pOutput, &param);
+        iStatus = pProg->Process(pInput, pOutput, pParam);
     } catch (...) {
         iStatus = LogException(pRuntimeParam);
     }
     if (iStatus == kProgNotImplemented || iStatus == kProgGarbageArgs) {
         pOutput->Seek(iAcceptStatus, 0);
         pOutput->Write(iStatus == kProgNotImplemented ? kProcUnavail : kGarbageArgs);
+        pParam->bArgumentsLeft = true;
     }
     return iStatus;
 }

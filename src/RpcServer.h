@@ -4,6 +4,8 @@
 #include <array>
 #include <memory>
 
+#include "RecordMark.h"
+#include "ReplyCache.h"
 #include "SocketListener.h"
 #include "ThreadAnnotations.h"
 
@@ -14,6 +16,7 @@ class CRuntimeParam;
 class CSocket;
 class CUtilities;
 struct LogArgu;
+struct ProcessParam;
 struct RPC_HEADER;
 struct RPC_STM_HEADER;
 
@@ -22,7 +25,9 @@ struct RPC_STM_HEADER;
 ///
 /// Records are not delimited by their marks: a call is complete when its header and the program's arguments can be
 /// read, and is tried again from its start when more bytes have come. Bytes in front of a plausible call header are
-/// skipped.
+/// skipped. Yet nothing in a call's data is taken for a call: where a call runs short, or its arguments stay unread, a
+/// plausible mark tells how far its data reaches, and no header is looked for there. Records in several fragments are
+/// not put together: the connection ends at the first call that would need it.
 class CRpcServer : public ISocketListener {
 public:
     /// Programs 100000 to 100009 can be registered.
@@ -40,7 +45,8 @@ public:
     /// May be called at any time, by any thread.
     void SetLogControl(int iLogControl);
 
-    /// Answers every complete call in the socket's input (a datagram socket: the first). Called on socket threads.
+    /// Answers every complete call in the socket's input (a datagram socket: the first, unless it repeats one that has
+    /// had its reply). Called on socket threads.
     void SocketReceived(CSocket* pSocket) override;
 
 protected:
@@ -53,17 +59,36 @@ protected:
                 COutputStream* pOutput, const char* pcRemoteAddress) REQUIRES(m_hMutex);
 
 private:
+    /// The call being answered.
+    struct Current {
+        CRecordMark mark;
+        unsigned int iStart = 0;      ///< its first byte's position in the input
+        bool bArgumentsLeft = false;  ///< there may be arguments that nobody has read
+
+        unsigned int GetRecordEnd() const { return iStart + mark.GetSize(); }  ///< for a plausible mark
+    };
+
     bool ProcessNext(LogArgu* pLogArgu, CSocket* pSocket) REQUIRES(m_hMutex);
+    bool ProcessFound(LogArgu* pLogArgu, CSocket* pSocket) REQUIRES(m_hMutex);
+    int ProcessCurrent(CSocket* pSocket) REQUIRES(m_hMutex);
+    int AnswerDatagram(CSocket* pSocket) REQUIRES(m_hMutex);
+    CReplyCache* FindReplyCache(CSocket* pSocket) REQUIRES(m_hMutex);
+    unsigned int GetStillToCome(const CInputStream& input) const REQUIRES(m_hMutex);
+    bool WaitForRest(LogArgu* pLogArgu, CSocket* pSocket) REQUIRES(m_hMutex);
+    bool PassUnread(CInputStream* pInput) REQUIRES(m_hMutex);
     int ReadHeader(CRuntimeParam* pRuntimeParam, int iSocketType, CInputStream* pInput, RPC_STM_HEADER* pHeader);
     int LogException(CRuntimeParam* pRuntimeParam);
     void LogHeader(CRuntimeParam* pRuntimeParam, int iSocketType, const RPC_STM_HEADER& header);
-    int Dispatch(CRuntimeParam* pRuntimeParam, int iStatus, const RPC_HEADER& call, CInputStream* pInput,
-                 COutputStream* pOutput, const char* pcRemoteAddress) REQUIRES(m_hMutex);
+    int Dispatch(CRuntimeParam* pRuntimeParam, int iStatus, const RPC_HEADER& call, ProcessParam* pParam,
+                 CInputStream* pInput, COutputStream* pOutput) REQUIRES(m_hMutex);
     CRpcProg* FindProgram(unsigned long lProgId) const REQUIRES(m_hMutex);
     bool IsLogRpc() const;
 
     Mutex m_hMutex;  ///< held for the whole of each SocketReceived
     std::array<CRpcProg*, kProgramCount> m_pProgTable GUARDED_BY(m_hMutex){};
+    Current m_Current GUARDED_BY(m_hMutex);
+    std::array<CReplyCache, kProgramCount> m_Replies GUARDED_BY(m_hMutex);  ///< of the programs' UDP ports
     CUtilities* m_pUtilities;
-    std::unique_ptr<CRuntimeParam> m_pRuntimeParam;  ///< its ID, the client's address, changes under the mutex only
+    /// Its ID, the client's address, and its IPC ID change under the mutex only.
+    std::unique_ptr<CRuntimeParam> m_pRuntimeParam;
 };

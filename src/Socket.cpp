@@ -96,9 +96,9 @@ void CSocket::Close() {
 }
 
 void CSocket::Shutdown() {
+    m_bStop = true;  // first: the thread tells an ending receive from an empty datagram by it
     const int iSocket = m_Socket;
     if (iSocket != -1) {
-        m_bStop = true;  // first: the thread tells an ending receive from an empty datagram by it
         // Wakes a blocked receive or send; an unconnected datagram socket reports ENOTCONN and is woken all the same.
         static_cast<void>(::shutdown(iSocket, SHUT_RDWR));
     }

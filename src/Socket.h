@@ -36,13 +36,16 @@ public:
     bool Open(int iSocket, ISocketListener* pListener, const sockaddr_in* pPeer);
     /// Ends the thread and closes the descriptor. Safe on a closed socket.
     void Close();
-    /// Wakes the thread so that it ends; Close follows later. Lets many sockets end at the same time.
+    /// Wakes the thread so that it ends; Close follows later. Lets many sockets end at the same time. The peer learns
+    /// it at once.
     void Shutdown();
+    /// True from a Shutdown to the next Open.
+    bool IsStopping() const { return m_bStop.load(); }
 
     /// Sends what the output stream holds: the whole of it, or else a stream socket is shut down, so that no reply
     /// ever follows a part of another. Datagrams go to the sender of the last one received. After a failure the
     /// unsent bytes stay in the output stream.
-    void Send();
+    virtual void Send();
 
     int GetType() const { return m_iType; }
     /// True from Open until the receive loop has ended.

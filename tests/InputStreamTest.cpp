@@ -212,3 +212,40 @@ TEST_F(InputStreamTest, ConsolidateTakesTheSearchedStretchAlong) {
     m_Input.ResetBuffer();
     EXPECT_EQ(m_Input.GetSearchStart(0), 0U);
 }
+
+TEST_F(InputStreamTest, DiscardedBytesAreDroppedThoseStillToComeIncluded) {
+    Fill("abcdef");
+    m_Input.Discard(2);
+    EXPECT_EQ(std::string(m_Input.GetCurrentBuffer(), m_Input.GetFilledBufferSize()), "cdef");
+    m_Input.Discard(7);
+    EXPECT_EQ(m_Input.GetFilledBufferSize(), 0U);
+    m_Input.ConsolidateBuffer(0);
+    Fill("gh");
+    EXPECT_EQ(m_Input.GetFilledBufferSize(), 0U);
+    m_Input.ConsolidateBuffer(0);
+    Fill("ijkl");
+    EXPECT_EQ(std::string(m_Input.GetCurrentBuffer(), m_Input.GetFilledBufferSize()), "jkl");
+    Fill("m");
+    EXPECT_EQ(std::string(m_Input.GetCurrentBuffer(), m_Input.GetFilledBufferSize()), "jklm");
+}
+
+TEST_F(InputStreamTest, ResettingForgetsWhatWasToBeDiscarded) {
+    m_Input.Discard(100);
+    m_Input.ResetBuffer();
+    Fill("abc");
+    EXPECT_EQ(m_Input.GetFilledBufferSize(), 3U);
+}
+
+TEST_F(InputStreamTest, HiddenBytesCannotBeReadUntilTheyAreShownAgain) {
+    Fill("abcdefgh");
+    m_Input.Skip(2);
+    const unsigned int nHidden = m_Input.HideBehind(5);
+    EXPECT_EQ(nHidden, 3U);
+    EXPECT_EQ(m_Input.GetFilledBufferSize(), 3U);
+    EXPECT_EQ(Truncation([&] { m_Input.Skip(4); }), "Data is truncated.Missing 1 data");
+    m_Input.Unhide(nHidden);
+    EXPECT_EQ(m_Input.Skip(6), 6U);
+    EXPECT_EQ(m_Input.HideBehind(100), 0U) << "behind all that was received there is nothing to hide";
+    EXPECT_EQ(m_Input.HideBehind(0), 0U) << "what was read stays read";
+    EXPECT_EQ(m_Input.GetBufferIndex(), 8U);
+}

@@ -1,9 +1,12 @@
 // Listeners for sockets under test.
 #pragma once
 
+#include <algorithm>
 #include <chrono>
+#include <cstring>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <utility>
 
@@ -18,6 +21,42 @@ public:
 
 private:
     std::function<void(CSocket*)> m_Function;
+};
+
+/// A socket without a descriptor: bytes are handed in, what is sent is kept.
+class CapturingSocket : public CSocket {
+public:
+    using CSocket::CSocket;
+
+    void Send() override {
+        COutputStream* pOutput = GetOutputStream();
+        m_sSent.append(pOutput->GetBuffer(), pOutput->GetBufferSize());
+        pOutput->ResetBuffer();
+    }
+    /// Hands bytes to a listener as the socket's thread does: in as many steps as the buffer needs. False once the
+    /// socket's thread would have ended.
+    bool Receive(ISocketListener* pListener, std::string_view sBytes) {
+        CInputStream* pInput = GetInputStream();
+        while (!sBytes.empty() && !IsStopping()) {
+            pInput->ConsolidateBuffer(0);
+            const auto nBytes =
+                static_cast<unsigned int>(std::min<std::size_t>(sBytes.size(), pInput->GetFreeBufferSize()));
+            if (nBytes == 0) {
+                return false;
+            }
+            std::memcpy(pInput->GetFreeBuffer(), sBytes.data(), nBytes);
+            pInput->AddFilledBufferSize(nBytes);
+            sBytes.remove_prefix(nBytes);
+            pListener->SocketReceived(this);
+        }
+        return !IsStopping();
+    }
+    const std::string& Sent() const { return m_sSent; }
+    /// What was sent since the last call of this.
+    std::string TakeSent() { return std::exchange(m_sSent, ""); }
+
+private:
+    std::string m_sSent;
 };
 
 /// Takes the unread bytes out of a socket's input.
