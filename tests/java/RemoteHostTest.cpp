@@ -154,6 +154,32 @@ TEST_F(RemoteHostTest, BadArgumentsOfAClientHarmNobody) {
     TakeDown(server, client);
 }
 
+/// Counted in bytes of UTF-8: 512 letters with an accent are 1024.
+TEST_F(RemoteHostTest, ATextThatDoesNotFitARequestThrowsWhichAndByHowMuch) {
+    JavaHost host;
+    Bring(host, host);
+    EXPECT_EQ(host.Call("C", "startServer", m_sClient, 0, 0, false), "true");
+    std::string sLong;
+    for (int i = 0; i < 512; ++i) {
+        sLong += "\\u00E9";
+    }
+    const auto Reason = [](const std::string& sName) {
+        return kIOException + sName + " is too long for the remote control (1024 bytes, at most 1023)";
+    };
+    EXPECT_EQ(host.Call("C", "addMountPoint", m_sClient, sLong, "data"), Reason("Local mount path"));
+    EXPECT_EQ(host.Call("C", "addRedirectedFileSegment", m_sClient, sLong, "/y", 0, 0, 1), Reason("Path"));
+    EXPECT_EQ(host.Call("C", "addRedirectedFileSegment", m_sClient, "/x", sLong, 0, 0, 1), Reason("Source path"));
+    EXPECT_EQ(host.Call("C", "runQuickTestMode", m_sClient, sLong, 0), Reason("Path"));
+    host.Events("C");
+    EXPECT_EQ(host.Call("C", "openRedirectedFile", m_sClient, sLong, 1, false, 0, 0), "void");
+    EXPECT_TRUE(host.WaitForEvent("C",
+                                  "logError(steering, [IpcClient.SendRequest] Path is too long for the remote control "
+                                  "(1024 bytes, at most 1023))"));
+    EXPECT_EQ(host.Call("C", "isSessionExists", m_sClient, sLong), "false");
+    EXPECT_EQ(host.Call("C", "getMountInfo", m_sClient, false, false), "0") << "nothing was exported";
+    TakeDown(host, host);
+}
+
 TEST_F(RemoteHostTest, AClientWithoutAServerSaysWhyItFails) {
     JavaHost host;
     const std::string sHandle = host.Initial("C", "lonely", 2, 0);
