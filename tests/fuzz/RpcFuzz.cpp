@@ -15,8 +15,9 @@
 #include "NfsProg.h"
 #include "PortmapProg.h"
 #include "RpcServer.h"
-#include "Socket.h"
+#include "SocketDoubles.h"
 #include "Utilities.h"
+#include "Xdr.h"
 
 namespace {
 
@@ -43,6 +44,31 @@ void WriteFile(const std::string& sPath, std::string_view sContent) {
 std::string ReadFile(const std::string& sPath) {
     std::ifstream file(sPath, std::ios::binary);
     return {std::istreambuf_iterator<char>(file), {}};
+}
+
+/// True for one reply (datagram) or any number of them in whole records (stream), each accepted with a status that the
+/// server knows.
+bool AreReplies(std::string_view sSent, bool bStream) {
+    constexpr std::size_t kHead = 24;
+    while (!sSent.empty()) {
+        std::size_t nReply = sSent.size();
+        if (bStream) {
+            if (sSent.size() < 4 || (WordAt(sSent, 0) & 0x80000000U) == 0) {
+                return false;
+            }
+            nReply = WordAt(sSent, 0) & 0x7FFFFFFFU;
+            sSent.remove_prefix(4);
+        }
+        if (nReply < kHead || nReply > sSent.size() || WordAt(sSent, 4) != 1 || WordAt(sSent, 8) != 0) {
+            return false;
+        }
+        const std::uint32_t iAcceptStatus = WordAt(sSent, 20);
+        if (iAcceptStatus > 4 || iAcceptStatus == 2 || (iAcceptStatus != 0 && nReply != kHead)) {
+            return false;
+        }
+        sSent.remove_prefix(nReply);
+    }
+    return true;
 }
 
 }  // namespace
@@ -107,28 +133,19 @@ std::string RpcFuzzWorld::Run(std::string_view sInput) {
     const std::size_t nPiece = static_cast<unsigned char>(sInput[1]);
     sInput.remove_prefix(2);
     const bool bDatagram = (iKind & 1U) != 0;
-    // Without a descriptor nothing is sent: the replies stay to be judged.
-    CSocket socket(bDatagram ? CSocket::kDatagram : CSocket::kStream, kPrograms[(iKind >> 1U) & 3U]);
+    CapturingSocket socket(bDatagram ? CSocket::kDatagram : CSocket::kStream, kPrograms[(iKind >> 1U) & 3U]);
     std::string sFailure;
-    while (!sInput.empty() && sFailure.empty()) {
-        CInputStream* pInput = socket.GetInputStream();
-        pInput->ConsolidateBuffer(0);
-        std::size_t nBytes = bDatagram || nPiece == 0 ? sInput.size() : std::min(nPiece, sInput.size());
-        nBytes = std::min<std::size_t>(nBytes, pInput->GetFreeBufferSize());
-        if (nBytes == 0) {
-            break;
-        }
-        std::memcpy(pInput->GetFreeBuffer(), sInput.data(), nBytes);
-        pInput->AddFilledBufferSize(static_cast<unsigned int>(nBytes));
+    bool bOpen = true;
+    while (!sInput.empty() && sFailure.empty() && bOpen) {
+        const std::size_t nBytes = bDatagram || nPiece == 0 ? sInput.size() : std::min(nPiece, sInput.size());
+        bOpen = socket.Receive(m_pServer.get(), sInput.substr(0, nBytes)) && !bDatagram;
         sInput.remove_prefix(nBytes);
-        m_pServer->SocketReceived(&socket);
         sFailure = Judge(&socket);
-        socket.GetOutputStream()->ResetBuffer();
     }
     return sFailure;
 }
 
-std::string RpcFuzzWorld::Judge(CSocket* pSocket) {
+std::string RpcFuzzWorld::Judge(CapturingSocket* pSocket) {
     const COutputStream* pOutput = pSocket->GetOutputStream();
     if (pOutput->GetBufferSize() > CSocketStream::GetMaxBufferSize() ||
         pOutput->GetBufferIndex() > CSocketStream::GetMaxBufferSize()) {
@@ -137,7 +154,10 @@ std::string RpcFuzzWorld::Judge(CSocket* pSocket) {
     if (pSocket->GetInputStream()->GetBufferIndex() > CSocketStream::GetMaxBufferSize()) {
         return "the input left its buffer";
     }
-    const std::string_view sReplies(pSocket->GetOutputStream()->GetBuffer(), pOutput->GetBufferSize());
+    const std::string sReplies = pSocket->TakeSent();
+    if (pOutput->GetBufferSize() != 0 || !AreReplies(sReplies, pSocket->GetType() == CSocket::kStream)) {
+        return "something other than whole replies was sent";
+    }
     if (sReplies.find(kSecret) != std::string_view::npos || ReadFile(m_sOutside + "/secret") != kSecret) {
         return "a file outside the export was reached";
     }

@@ -12,7 +12,7 @@ class CMountProg;
 class CNfsProg;
 class CPortmapProg;
 class CRpcServer;
-class CSocket;
+class CapturingSocket;
 class CUtilities;
 
 /// A server without a network: an exported folder, all programs and the RPC server. One input is a connection or a
@@ -36,7 +36,7 @@ public:
 
 private:
     void Restore();
-    std::string Judge(CSocket* pSocket);
+    std::string Judge(CapturingSocket* pSocket);
 
     std::string m_sOutside;  ///< holds the export and what no client may reach
     std::string m_sExport;

@@ -64,8 +64,36 @@ CALLS = {
 }
 
 
+def record(call, last=True):
+    return u32((0x80000000 if last else 0) | len(call)) + call
+
+
+def call_of(program, procedure, arguments, version=None):
+    _, program_number, usual_version = program
+    return u32(77, 0, 2, program_number, version or usual_version, procedure, 0, 0, 0, 0) + arguments
+
+
+# Streams in pieces of 50 bytes: calls in the data of calls, unread arguments, several fragments, marks that lie.
+REMOVE = call_of(NFS, 12, DIRECTORY + opaque(b"entry"))
+HARM = record(REMOVE) + b"x" + REMOVE + record(REMOVE)
+WRITE = call_of(NFS, 7, FILE + u64(0) + u32(len(HARM), 2) + opaque(HARM))
+STREAMS = {
+    "stream-calls-in-data": (NFS, record(WRITE) + record(REMOVE)),
+    "stream-fragments": (NFS, record(WRITE[:120], False) + record(WRITE[120:])),
+    "stream-whole-fragment": (NFS, record(WRITE, False) + record(REMOVE)),
+    "stream-refused": (NFS, record(call_of(NFS, 0, HARM, 2)) + record(REMOVE)),
+    "stream-refused-fragment": (NFS, record(call_of(NFS, 0, HARM, 2), False) + record(REMOVE)),
+    "stream-mark-too-small": (NFS, u32(0x80000000) + WRITE[:-8] + record(REMOVE)),
+    "stream-mark-too-large": (NFS, u32(0x80000800) + WRITE + record(REMOVE)),
+    "stream-count-beyond-data": (NFS, record(call_of(NFS, 7, FILE + u64(0) + u32(99, 2) + opaque(b"ab") + b"more"))),
+    "stream-long-name": (MOUNT, record(call_of(MOUNT, 1, opaque(HARM * 20))) + record(call_of(MOUNT, 0, b""))),
+}
+
+
 def main():
     FOLDER.mkdir(exist_ok=True)
+    for name, (program, stream) in STREAMS.items():
+        (FOLDER / name).write_bytes(bytes([program[0] << 1, 50]) + stream)
     for number, (name, (program, procedure, arguments)) in enumerate(CALLS.items()):
         index, program_number, version = program
         credential = u32(1) + opaque(u32(7) + opaque(b"client") + u32(0, 0, 0)) if number % 2 else u32(0, 0)
