@@ -199,8 +199,8 @@ private:
                             const char* pcPath);
     void WriteEntry(COutputStream* pOutput, ProcessParam* pParam, LogArgu* pLogArgu, const ListCall& call,
                     const ListedEntry& entry);
-    void WriteEntryTarget(COutputStream* pOutput, ProcessParam* pParam, LogArgu* pLogArgu, const ListedEntry& entry,
-                          const char* pcPath, unsigned int iFileID);
+    void WriteEntryTarget(COutputStream* pOutput, ProcessParam* pParam, LogArgu* pLogArgu, const ListCall& call,
+                          const ListedEntry& entry, const char* pcPath, unsigned int iFileID);
 
     // ---- Namespace (Nfs3ProgNamespace.cpp)
     nfsstat3 CheckNewEntry(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sPath);

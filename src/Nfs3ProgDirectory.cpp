@@ -267,13 +267,13 @@ void CNfs3Prog::WriteEntry(COutputStream* pOutput, ProcessParam* pParam, LogArgu
                               static_cast<unsigned long long>(entry.lCookie), entry.sName.c_str());
     }
     if (call.bPlus) {
-        WriteEntryTarget(pOutput, pParam, pLogArgu, entry, pcPath, iFileID);
+        WriteEntryTarget(pOutput, pParam, pLogArgu, call, entry, pcPath, iFileID);
     }
 }
 
 /// Writes what an entry of READDIRPLUS has besides: the attributes and the handle of what it leads to. Clients never
 /// see a link: one that leads nowhere, or out of the exports, has neither.
-void CNfs3Prog::WriteEntryTarget(COutputStream* pOutput, ProcessParam* pParam, LogArgu* pLogArgu,
+void CNfs3Prog::WriteEntryTarget(COutputStream* pOutput, ProcessParam* pParam, LogArgu* pLogArgu, const ListCall& call,
                                  const ListedEntry& entry, const char* pcPath, unsigned int iFileID) {
     CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
     post_op_attr attributes;
@@ -283,8 +283,9 @@ void CNfs3Prog::WriteEntryTarget(COutputStream* pOutput, ProcessParam* pParam, L
         std::string sTarget;
         const bool bShown = !bLink || ResolveWithinExports(pLogArgu, pcPath, &sTarget);
         if (bShown) {
-            attributes = bLink ? GetPostOpAttributes(pRuntimeParam, pLogArgu, sTarget.c_str())
-                               : GetPostOpAttributes(pRuntimeParam, pLogArgu, pcPath, &entry.found);
+            // What was found holds for a path without links.
+            const FoundStatus* pFound = !bLink && call.sCanonicalPath == call.sPath ? &entry.found : nullptr;
+            attributes = GetPostOpAttributes(pRuntimeParam, pLogArgu, bLink ? sTarget.c_str() : pcPath, pFound);
             // The ID is that of the handle; the path is resolved once more only where that is to be logged.
             handle.handle_follows = pRuntimeParam->IsLogGeneralInfo()
                                         ? GetNfsFileHandle(pRuntimeParam, pLogArgu, pcPath, &handle.handle)

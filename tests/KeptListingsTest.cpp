@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <map>
 #include <random>
+#include <thread>
 
 #include "KeptListings.h"
 #include "ListedFolder.h"
@@ -325,6 +326,36 @@ TEST_F(KeptListingsTest, LongestUnusedGoesButNotWhatIsInUse) {
     EXPECT_TRUE(m_bKept);
     Call(10, KeyOf("10.0.0.2"), folder);
     EXPECT_FALSE(m_bKept);
+}
+
+// ---- Threads
+
+TEST_F(KeptListingsTest, CallsOfSeveralThreadsDoNotDisturbEachOther) {
+    const ListedFolder folder(3500);  // three fit, the others come and go
+    const auto walk = [&](const std::string& sClient) {
+        std::vector<ListedEntry> vEntries;
+        unsigned long lCookie = 0;
+        for (Outcome outcome = Outcome::kMore; outcome == Outcome::kMore;) {
+            outcome = m_Listings.Show(KeyOf(sClient), lCookie, nullptr, kMost, folder.Look(), m_Now, &vEntries);
+            if (outcome == Outcome::kReadFirst) {
+                CNameList names = folder.Read();
+                outcome = m_Listings.Show(KeyOf(sClient), lCookie, &names, kMost, folder.Look(), m_Now, &vEntries);
+            }
+            for (const ListedEntry& entry : vEntries) {
+                EXPECT_EQ(entry.sName, folder.GetNames()[lCookie]);
+                EXPECT_EQ(entry.lCookie, ++lCookie);
+            }
+        }
+        EXPECT_EQ(lCookie, 3500U);
+    };
+    std::vector<std::thread> vThreads;
+    for (int i = 0; i < 4; ++i) {
+        vThreads.emplace_back(walk, std::to_string(i));
+    }
+    for (std::thread& thread : vThreads) {
+        thread.join();
+    }
+    EXPECT_LE(m_Listings.GetMemory(), m_Listings.GetMaxMemory());
 }
 
 }  // namespace
