@@ -29,55 +29,168 @@ public class NfsLibNative {
 
     // ---- Life of a controller -------------------------------------------------------------------------------------
 
+    /**
+     * Makes a controller that calls itself logID in its log lines; a mode other than 1 and 2 is the internal server.
+     * @return its handle
+     * @throws IOException with the reason: the ID is empty or cannot name a socket
+     */
     public native long initial(String logID, int accessMode, int logControl) throws IOException;
+
+    /**
+     * Modes 1 and 2: opens the channel between the processes. Mode 0: does nothing.
+     * @return true, but for the handle 0
+     * @throws IOException with the reason: the name is in use, the socket cannot be made
+     */
     public native boolean startRemoteController(long handle) throws IOException;
+
+    /**
+     * Opens the ports; one below 1 stands for the default. A read-only server refuses every change by clients.
+     * Mode 2: the external server does.
+     * @return true, but for the handle 0
+     * @throws IOException with the reason: it runs already, a port is taken
+     */
     public native boolean startServer(long handle, int mountPort, int nfsPort, boolean readOnly) throws IOException;
+
+    /**
+     * Makes this object the receiver of log lines and notifications until {@link #isInterrupted} is true, the seconds
+     * are over (negative: never), or the controller ends. Run it on a daemon thread of its own.
+     * @return false
+     */
     public native boolean receiveCallbackLoop(long handle, int lifeTimeInSec);
+
+    /** Closes the ports and forgets exports, sessions and redirected files. Mode 2: does nothing. */
     public native void stopServer(long handle);
+
+    /** Closes the channel of {@link #startRemoteController}. */
     public native void stopRemoteController(long handle);
+
+    /** Frees the controller, after the calls that are inside it. */
     public native void terminate(long handle);
 
     // ---- What it is and does --------------------------------------------------------------------------------------
 
+    /** @return whether the ports are open; mode 2: those of the external server */
     public native boolean isServerRunning(long handle);
+
+    /** @return a sum: 1 reachable, 2 serving, 4 debug action; 0 when there is no server */
     public native int getServerStatus(long handle);
+
+    /** @return 0, 1 or 2; -1 for a handle that stands for nothing */
     public native int getAccessMode(long handle);
+
+    /** @return the version of the server; "Unknown" when none answers, "Not Defined" without a handle */
     public native String getVersion(long handle);
+
+    /** @return what kind of server it is; "Unknown" when none answers */
     public native String getDescription(long handle);
+
+    /** Says what is logged from now on, as a sum of the LOG_ constants. */
     public native void setLogControl(long handle, int logControl);
 
     // ---- Exports and sessions -------------------------------------------------------------------------------------
 
+    /**
+     * Exports an existing directory under a name without slash and blank.
+     * @return true, but for the handle 0
+     * @throws IOException with the reason: name or path is exported already, or cannot be
+     */
     public native boolean addMountPoint(long handle, String localMountPath, String exportName) throws IOException;
+
+    /** Takes an export back; a path that is not exported is passed over. */
     public native void removeMountPoint(long handle, String localMountPath);
+
+    /**
+     * @param clientMountedOnly count those alone that a client has mounted
+     * @param printDetails hand each to {@link #logRaw}
+     * @return the number of exports
+     */
     public native int getMountInfo(long handle, boolean clientMountedOnly, boolean printDetails);
+
+    /**
+     * Notes that a piece of the host's work, under an ID of its choice, uses an export. The server makes nothing of it.
+     */
     public native void addSession(long handle, String sessionID, String localMountPath);
+
+    /** Drops such a note. */
     public native void removeSession(long handle, String sessionID);
+
+    /** @return whether there is such a note; mode 2: at the external server */
     public native boolean isSessionExists(long handle, String sessionID);
+
+    /** @return whether there is such a note in this process, whatever the mode */
     public native boolean isLocalSessionExists(long handle, String sessionID);
+
+    /**
+     * @param printDetails hand each to {@link #logRaw}
+     * @return the number of sessions
+     */
     public native int getSessionInfo(long handle, boolean printDetails);
 
     // ---- Redirected files -----------------------------------------------------------------------------------------
 
+    /**
+     * Lets clients see, in place of the file under this path, one of this size that segments make up. Sizes in MB below
+     * 1 stand for the defaults, 32 and 1024; they matter only with an info file, which keeps the map on disk.
+     */
     public native void openRedirectedFile(long handle, String path, long size, boolean createInfoFile,
                                           int infoFileSegmentSizeMB, int infoFileCheckPointSizeMB);
+
+    /**
+     * Says that the bytes from offset on, length of them, are those of srcPath from srcFileOffset on; null: zeros.
+     * @throws IOException with the reason: the file is not open, the offset is not inside it
+     */
     public native void addRedirectedFileSegment(long handle, String path, String srcPath, long srcFileOffset,
                                                 long offset, long length) throws IOException;
+
+    /** Writes the whole content to an existing file in an export; failures are log lines. */
     public native void exportRedirectedFile(long handle, String path, String exportPath);
+
+    /**
+     * Writes the map as text to an existing file in an export; mergeRange: neighbours of one source in one line.
+     */
     public native void exportRedirectedFileInfo(long handle, String path, String exportPath, boolean mergeRange);
+
+    /** The path stands for the file on disk again. */
     public native void closeRedirectedFile(long handle, String path);
+
+    /** The same for every redirected file at or below a path. */
     public native void closeAllRedirectedFiles(long handle, String path);
+
+    /** Closes the descriptor that the server keeps for an ordinary file; a client's next call opens it again. */
     public native void closeOpenedFile(long handle, String path);
+
+    /** The same for every file at or below a path. */
     public native void closeAllOpenedFiles(long handle, String path);
 
     // ---- Tests, datastores, network devices -----------------------------------------------------------------------
 
+    /** Tries every file operation the server needs, with a file of this size below dirPath; tells by log lines. */
     public native void runTestMode(long handle, String dirPath, long fileSize);
+
+    /**
+     * Mode 0, the only one: does the path exist on the server?
+     * @return true, but for the handle 0
+     * @throws IOException with the system's error number, as "ErrCode=2"
+     */
     public native boolean runQuickTestMode(long handle, String path, int mode) throws IOException;
+
+    /** Remembers a datastore that a vSphere host has mounted, to be unmounted when the server stops. */
     public native void addVSphereInfo(long handle, String datastoreMoid, String host, String port, String user,
                                       String pwd);
+
+    /** Forgets it. */
     public native void removeVSphereInfo(long handle, String datastoreMoid);
+
+    /**
+     * Runs the installation's command for a network device.
+     * @return whether it succeeded
+     */
     public native boolean addNetDeviceCredential(long handle, String path, String user, String pwd);
+
+    /**
+     * Runs the installation's command that takes it back.
+     * @return whether it succeeded
+     */
     public native boolean removeNetDeviceCredential(long handle, String path);
 
     // ---- Host methods: the library calls these, on any thread -----------------------------------------------------
