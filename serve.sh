@@ -208,12 +208,14 @@ serve() {
     local directory=$1 export=$2
     choose_ports
     start "$directory" "$export"
+    exec 6>&2 2>/dev/null # whenever the shell learns that the console was ended by a signal, it would say so in its way
     print_client_commands "$directory" "$export"
-    feed <&4 >&5 &
+    feed <&4 >&5 2>&6 &
     feeder_pid=$!
     exec 5>&-
     local status=0
     wait_for_console || status=$?
+    exec 2>&6 6>&-
     if grep -qF 'm_nMaxNum' "$work/printed"; then
         fail "the server ended itself: a client opened one connection more than it takes" \
             "(10 for NFS, 3 for MOUNT, 3 for the portmapper); start it again"
