@@ -126,18 +126,23 @@ std::int64_t CRedirectedFile::EstimateRecord(std::int64_t iOffset) const {
 
 int CRedirectedFile::Read(CRuntimeParam* pRuntimeParam, unsigned long long iOffset, void* pvBuffer, unsigned int iLen,
                           bool* pbEof) {
-    std::int64_t iLastPos = GetPos();
-    return ReadFrom(pRuntimeParam, iOffset, pvBuffer, iLen, pbEof, &iLastPos);
+    const std::int64_t iBefore = GetPos();
+    std::int64_t iLastPos = iBefore;
+    const int iRead = ReadFrom(pRuntimeParam, iOffset, pvBuffer, iLen, pbEof, &iLastPos);
+    if (iLastPos != iBefore) {
+        m_iPos = iLastPos;
+    }
+    return iRead;
 }
 
-/// A read whose predecessor ended at *piLastPos, whatever other threads read meanwhile.
+/// A read whose predecessor ended at *piLastPos, whatever other threads read meanwhile. Leaves no trace in the file:
+/// what the host's own reads do is not to change what the next client reads.
 int CRedirectedFile::ReadFrom(CRuntimeParam* pRuntimeParam, unsigned long long iOffset, void* pvBuffer,
                               unsigned int iLen, bool* pbEof, std::int64_t* piLastPos) {
     LogArgu logArgu{"RedirectedFile.Read"};
     const int iRead = ReadInner(pRuntimeParam, &logArgu, iOffset, pvBuffer, std::min(iLen, kMaxReadLength), *piLastPos);
     if (iRead >= 0) {
         *piLastPos = AddSaturated(static_cast<std::int64_t>(iOffset), iRead);
-        m_iPos = *piLastPos;
     }
     const bool bEof = *piLastPos >= m_iSize;
     if (pbEof != nullptr) {

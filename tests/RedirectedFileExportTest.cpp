@@ -103,11 +103,39 @@ TEST_F(RedirectedFileExportTest, FileOfZerosIsExportedAgainAndAgain) {
         m_File.Export(&m_Param, Out().c_str());
         EXPECT_EQ(ReadWholeFile(Out()), std::string(1000, '\0')) << "export " << i;
     }
-    // The first export ended at the size, so the second one begins with an empty read.
+    // The first export leaves no trace, so the second one is like it.
     EXPECT_EQ(LinesWith("Write ox"),
               "[RedirectedFile.Export] Write ox:0, r:1000, w:1000\n"
+              "[RedirectedFile.Export] Write ox:0, r:1000, w:1000\n");
+}
+
+/// A gap is filled only as long as the last read did not end at the size, and that is the clients' business alone.
+TEST_F(RedirectedFileExportTest, ExportChangesNothingForTheNextRead) {
+    m_File.Open(&m_Param, 1000, 2, nullptr, 0, 0);
+    WriteWholeFile(Out(), "");
+    char vcBuffer[CRedirectedFile::GetReadRoom(100)];
+    bool bEof = true;
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(m_File.Read(&m_Param, 100, vcBuffer, 100, &bEof), 100) << i;
+        EXPECT_FALSE(bEof);
+        m_File.Export(&m_Param, Out().c_str());
+        m_File.ExportInfo(&m_Param, Out().c_str(), true);
+        EXPECT_EQ(m_File.GetPos(), 200) << i;
+    }
+}
+
+/// The state in which a client's read would be answered is the one in which the export begins.
+TEST_F(RedirectedFileExportTest, ExportBeginsWhereTheLastReadLeftTheFile) {
+    m_File.Open(&m_Param, 1000, 2, nullptr, 0, 0);
+    WriteWholeFile(Out(), "");
+    char vcBuffer[CRedirectedFile::GetReadRoom(100)];
+    bool bEof = false;
+    EXPECT_EQ(m_File.Read(&m_Param, 900, vcBuffer, 100, &bEof), 100);
+    m_File.Export(&m_Param, Out().c_str());
+    EXPECT_EQ(LinesWith("Write ox"),
               "[RedirectedFile.Export] Write ox:0, r:0, w:0\n"
               "[RedirectedFile.Export] Write ox:0, r:1000, w:1000\n");
+    EXPECT_EQ(m_File.GetPos(), 1000);
 }
 
 TEST_F(RedirectedFileExportTest, SourceThatHoldsTooLittleDoesNotMakeItRunForEver) {
