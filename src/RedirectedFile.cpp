@@ -2,7 +2,6 @@
 #include "RedirectedFile.h"
 
 #include <fcntl.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <optional>
@@ -27,7 +26,12 @@ CRedirectedFile::~CRedirectedFile() = default;
 
 void CRedirectedFile::Open(CRuntimeParam* pRuntimeParam, long long iSize, int iId, const char* pcInfoFile,
                            int iInfoFileSegmentSizeMB, int iInfoFileCheckPointSizeMB) {
-    LogArgu logArgu{"RedirectedFile.Open"};
+    Prepare(iSize, iId, pcInfoFile, iInfoFileSegmentSizeMB, iInfoFileCheckPointSizeMB, nullptr);
+    ReportOpen(pRuntimeParam);
+}
+
+void CRedirectedFile::Prepare(long long iSize, int iId, const char* pcInfoFile, int iInfoFileSegmentSizeMB,
+                              int iInfoFileCheckPointSizeMB, std::shared_ptr<CRedirectedFile> pEarlier) {
     m_iSize = iSize;
     m_iId = iId;
     if (pcInfoFile != nullptr) {
@@ -39,6 +43,25 @@ void CRedirectedFile::Open(CRuntimeParam* pRuntimeParam, long long iSize, int iI
     if (iInfoFileCheckPointSizeMB > 0) {
         m_iInfoFileCheckPointSize = iInfoFileCheckPointSizeMB * kMiB;
     }
+    MutexLock lock(m_hMutexAppend);
+    m_pEarlier = std::move(pEarlier);
+}
+
+void CRedirectedFile::CloseEarlier(CRuntimeParam* pRuntimeParam) {
+    const CDeferredLog deferred;
+    MutexLock lock(m_hMutexAppend);
+    CloseTakenOver(pRuntimeParam);
+}
+
+void CRedirectedFile::CloseTakenOver(CRuntimeParam* pRuntimeParam) {
+    if (m_pEarlier) {
+        m_pEarlier->Close(pRuntimeParam);
+        m_pEarlier.reset();
+    }
+}
+
+void CRedirectedFile::ReportOpen(CRuntimeParam* pRuntimeParam) {
+    LogArgu logArgu{"RedirectedFile.Open"};
     if (pRuntimeParam->IsLogRedirectFile()) {
         m_pUtilities->LogInfo(pRuntimeParam, "[%s] id=%d, size=%llu (path=%s)", logArgu.pcName, m_iId,
                               static_cast<unsigned long long>(m_iSize), m_sInfoFile.c_str());
@@ -48,11 +71,16 @@ void CRedirectedFile::Open(CRuntimeParam* pRuntimeParam, long long iSize, int iI
 bool CRedirectedFile::AddSegment(CRuntimeParam* pRuntimeParam, const char* pcSource, long long iFileOffset,
                                  long long iOffset, long long iLength, char* pcStatus) {
     LogArgu logArgu{"RedirectedFile.AddSegment"};
+    if (IsSourceRedirected(pcSource)) {
+        WriteReason(pcStatus, "Source \"%s\" is a redirected file", pcSource);
+        return false;
+    }
     std::optional<CDeferredLog> deferred;
     if (std::min<std::int64_t>(iLength, m_iSize) / m_iInfoFileSegmentSize <= kMaxRecordsWithKeptLines) {
         deferred.emplace();
     }
     MutexLock lock(m_hMutexAppend);
+    CloseTakenOver(pRuntimeParam);
     if (m_bClosed) {
         return false;  // whoever knows the path says so
     }
@@ -80,6 +108,24 @@ bool CRedirectedFile::AddSegment(CRuntimeParam* pRuntimeParam, const char* pcSou
                               static_cast<unsigned long long>(segment.iLength));
     }
     return true;
+}
+
+/// Its bytes on disk are not what clients read there. A source that is known was compared in every spelling when it was
+/// first named.
+bool CRedirectedFile::IsSourceRedirected(const char* pcSource) const {
+    if (pcSource == nullptr || *pcSource == '\0') {
+        return false;
+    }
+    if (m_pUtilities->GetRedirectedFile(pcSource)) {
+        return true;
+    }
+    {
+        MutexLock lock(m_hMutex);
+        if (m_vSource.Contains(pcSource)) {
+            return false;
+        }
+    }
+    return m_pUtilities->IsRedirectedFile(pcSource);
 }
 
 std::int64_t CRedirectedFile::ReferSource(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcSource) {
@@ -118,13 +164,8 @@ CCachedFile CRedirectedFile::GetInfoFile(CRuntimeParam* pRuntimeParam, LogArgu* 
     if (m_sInfoFile.empty()) {
         return {};
     }
-    if (const auto psRenamed = GetRenamedInfoFile()) {
-        CCachedFile file = GetFile(pRuntimeParam, pLogArgu, *psRenamed, bReadWrite);
-        if (file.IsOpen()) {
-            return file;
-        }
-    }
-    return GetFile(pRuntimeParam, pLogArgu, m_sInfoFile, bReadWrite);
+    const auto psRenamed = GetRenamedInfoFile();
+    return GetFile(pRuntimeParam, pLogArgu, psRenamed ? *psRenamed : m_sInfoFile, bReadWrite);
 }
 
 CCachedFile CRedirectedFile::GetWritableInfoFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu) {
@@ -138,13 +179,7 @@ CCachedFile CRedirectedFile::GetWritableInfoFile(CRuntimeParam* pRuntimeParam, L
 }
 
 void CRedirectedFile::CloseInfoFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu) {
-    if (m_sInfoFile.empty()) {
-        return;
-    }
-    m_pUtilities->CloseCachedFileHandle(pRuntimeParam, pLogArgu, m_sInfoFile.c_str());
-    if (const auto psRenamed = GetRenamedInfoFile()) {
-        m_pUtilities->CloseCachedFileHandle(pRuntimeParam, pLogArgu, psRenamed->c_str());
-    }
+    m_pUtilities->CloseCachedFileHandle(pRuntimeParam, pLogArgu, GetInfoFilePath().c_str());
 }
 
 std::shared_ptr<const std::string> CRedirectedFile::GetRenamedInfoFile() const {
@@ -155,10 +190,14 @@ std::shared_ptr<const std::string> CRedirectedFile::GetRenamedInfoFile() const {
     return m_psRenamedInfoFile;
 }
 
+std::string CRedirectedFile::GetInfoFilePath() const {
+    const auto psRenamed = GetRenamedInfoFile();
+    return psRenamed ? *psRenamed : m_sInfoFile;
+}
+
 void CRedirectedFile::SetRenamedInfoFile(const char* pcPath) {
-    const auto psEarlier = GetRenamedInfoFile();
-    if (::access(psEarlier ? psEarlier->c_str() : m_sInfoFile.c_str(), F_OK) == 0) {
-        return;  // it stayed where it was
+    if (m_sInfoFile.empty()) {
+        return;
     }
     auto psPath = std::make_shared<const std::string>(pcPath);
     MutexLock lock(m_hMutex);
@@ -242,6 +281,7 @@ void CRedirectedFile::Close(CRuntimeParam* pRuntimeParam) {
     const CDeferredLog deferred;
     // An adding of a segment under way ends at its next record, and no other begins.
     MutexLock lockAppend(m_hMutexAppend);
+    CloseTakenOver(pRuntimeParam);
     {
         MutexLock lock(m_hMutex);
         m_vAllCachedSegment.Clear();

@@ -34,7 +34,8 @@ struct RedirectedRead;
 /// while sources are read, descriptors are pinned while in use, and no position of a shared descriptor is relied
 /// upon. A call that finds the file closed, or sees it being closed, ends with what it has.
 ///
-/// Locks, in this order: m_hMutexAppend, the info file's position mutex, m_hMutex.
+/// Locks, in this order: m_hMutexAppend (and under it that of the earlier file under the same path), the info file's
+/// position mutex, m_hMutex.
 class CRedirectedFile {
 public:
     /// The utilities are not owned and outlive the object.
@@ -48,10 +49,18 @@ public:
     /// Sizes in MiB; 0 or less means the default.
     void Open(CRuntimeParam* pRuntimeParam, long long iSize, int iId, const char* pcInfoFile,
               int iInfoFileSegmentSizeMB, int iInfoFileCheckPointSizeMB);
+    /// Open in two steps, for a registry that shares the object in between: Prepare is all of Open but its log line,
+    /// and takes over the file whose place this one takes (or null). CloseEarlier closes that one, on whichever thread
+    /// comes first: no segment is added here before the last one of the earlier file has been written.
+    void Prepare(long long iSize, int iId, const char* pcInfoFile, int iInfoFileSegmentSizeMB,
+                 int iInfoFileCheckPointSizeMB, std::shared_ptr<CRedirectedFile> pEarlier);
+    void CloseEarlier(CRuntimeParam* pRuntimeParam);
+    void ReportOpen(CRuntimeParam* pRuntimeParam);
 
     /// Records that the virtual bytes from iOffset on, iLength of them, are those at iFileOffset of the source (null
-    /// or empty for zeros). Clipped at the end of the file. False, with a reason, if the offset is not below the
-    /// size (the source is remembered all the same) or the file is closed.
+    /// or empty for zeros). Clipped at the end of the file. False, with a reason, if the source is a redirected file
+    /// (then nothing is remembered of it), if the offset is not below the size (the source is remembered all the
+    /// same), or if the file is closed.
     bool AddSegment(CRuntimeParam* pRuntimeParam, const char* pcSource, long long iFileOffset, long long iOffset,
                     long long iLength, char* pcStatus);
 
@@ -72,7 +81,7 @@ public:
 
     long long GetFileSize() const { return m_iSize; }
     int GetId() const { return m_iId; }
-    /// The virtual offset just past the last successful read.
+    /// The virtual offset just past the last successful Read.
     long long GetPos() const { return m_iPos; }
     /// The number of check points, and of bytes that the map takes in memory.
     std::size_t GetCheckPointCount() const;
@@ -83,11 +92,12 @@ public:
     /// (other than 0) of the check-point size.
     void CreateCheckPointSegment(CRuntimeParam* pRuntimeParam, const Segment& segment);
 
-    /// Tells that the redirected file was renamed. The info file keeps its path here; if it is no longer there, it was
-    /// renamed on disk along with the redirected file, and is looked for under the new path first.
+    /// Tells that the redirected file was renamed. From now on its info file is looked for under the new path and
+    /// nowhere else: what comes to stand under the old one is not its own.
     void SetRenamedInfoFile(const char* pcPath);
 
-    /// Empties the map and closes the cached descriptors of info file and sources. Only the first call acts.
+    /// Empties the map and closes the cached descriptors of info file and sources, after an earlier file's that was
+    /// taken over. Only the first call acts.
     void Close(CRuntimeParam* pRuntimeParam);
 
     /// Writes the whole virtual content to an existing file, as reads deliver it.
@@ -107,13 +117,17 @@ private:
     static constexpr std::int64_t kMiB = 1048576;
 
     // ---- Building the map (RedirectedFile.cpp)
+    bool IsSourceRedirected(const char* pcSource) const;
     std::int64_t ReferSource(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcSource);
     /// A descriptor from the cache; none for an empty path, a failed open, or once the file is closed.
     CCachedFile GetFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const std::string& sPath, bool bReadWrite);
     CCachedFile GetInfoFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, bool bReadWrite);
     std::shared_ptr<const std::string> GetRenamedInfoFile() const;
+    /// Where the info file is now; empty for none.
+    std::string GetInfoFilePath() const;
     CCachedFile GetWritableInfoFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu);
     void CloseInfoFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu);
+    void CloseTakenOver(CRuntimeParam* pRuntimeParam) REQUIRES(m_hMutexAppend);
     void AppendToList(const Segment& segment);
     void AppendToInfoFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const CCachedFile& file, Segment segment)
         REQUIRES(m_hMutexAppend);
@@ -159,7 +173,7 @@ private:
     // Set by Open, before the object is shared.
     std::int64_t m_iSize = 0;
     int m_iId = 0;
-    std::string m_sInfoFile;                               ///< empty for none
+    std::string m_sInfoFile;                               ///< as long as not renamed; empty for none
     std::int64_t m_iInfoFileSegmentSize = 32 * kMiB;       ///< records are cut at multiples of this
     std::int64_t m_iInfoFileCheckPointSize = 1024 * kMiB;  ///< distance of check points in virtual bytes
 
@@ -167,6 +181,8 @@ private:
     Mutex m_hMutexAppend;
     std::int64_t m_iInfoFilePos GUARDED_BY(m_hMutexAppend) = 0;  ///< where the last adding left the info file
     int m_nFailedWrites GUARDED_BY(m_hMutexAppend) = 0;          ///< in a row
+    /// The file whose place this one took, until it is closed: it may be writing its last record to the info file.
+    std::shared_ptr<CRedirectedFile> m_pEarlier GUARDED_BY(m_hMutexAppend);
 
     /// Set once, before Close goes through the descriptor cache. Whoever takes a descriptor from there looks at it
     /// again afterwards: by the cache's lock, either Close has seen the entry or the taker sees the flag.
@@ -180,6 +196,7 @@ private:
     std::atomic<bool> m_bInfoFileRenamed{false};  ///< that one is set; spares most reads the lock
     CCheckPointList m_vInfoFileCheckPoint GUARDED_BY(m_hMutex);
 
-    /// The virtual offset just past the last successful read. Depends on nothing else, so it needs no lock.
+    /// The virtual offset just past the last successful Read; exports have one of their own. Depends on nothing else,
+    /// so it needs no lock.
     std::atomic<std::int64_t> m_iPos{0};
 };

@@ -85,7 +85,7 @@ void CRedirectedFile::Export(CRuntimeParam* pRuntimeParam, const char* pcExportP
 
 void CRedirectedFile::WriteContent(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CPositionedFile& output) {
     std::vector<char> vcBlock(GetReadRoom(kExportBlockSize));
-    std::int64_t iLastPos = GetPos();
+    std::int64_t iLastPos = GetPos();  // as the next client's read would begin; from there on the export's own
     unsigned long long iOffset = 0;
     bool bStuck = false;
     bool bEof = false;
@@ -194,8 +194,7 @@ bool CRedirectedFile::IsOwnFile(int iFile) const {
         struct stat own {};
         return ::stat(sPath.c_str(), &own) == 0 && own.st_dev == output.st_dev && own.st_ino == output.st_ino;
     };
-    const auto psRenamed = GetRenamedInfoFile();
-    if (!m_sInfoFile.empty() && (isOutput(m_sInfoFile) || (psRenamed && isOutput(*psRenamed)))) {
+    if (!m_sInfoFile.empty() && isOutput(GetInfoFilePath())) {
         return true;
     }
     for (std::int64_t iSource = 0; const std::string* psSource = GetSource(iSource); ++iSource) {

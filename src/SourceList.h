@@ -16,6 +16,7 @@ class CSourceList {
 public:
     /// The path's number; a new path is appended.
     std::int64_t Refer(std::string_view sPath);
+    bool Contains(std::string_view sPath) const { return m_Numbers.contains(sPath); }
     /// The path of a number, or null if there is none.
     const std::string* Get(std::int64_t iSource) const;
     std::size_t GetCount() const { return m_vPaths.size(); }

@@ -24,6 +24,7 @@ class CCallback;
 class CFileLogger;
 class CFileTable;
 class CRedirectedFile;
+class CRedirectedRename;
 struct FoundStatus;
 class CVSphereWebController;
 
@@ -50,6 +51,12 @@ struct VSphereInfo {
     std::string sPwd;
 
     bool operator==(const VSphereInfo&) const = default;
+};
+
+/// One open redirected file.
+struct RedirectedEntry {
+    std::shared_ptr<CRedirectedFile> pFile;
+    std::string sCanonicalPath;  ///< of its key, as it was resolved when the file was opened or renamed
 };
 
 /// One entry of the descriptor cache. An entry whose open failed holds no descriptor (-1) and is tried again.
@@ -306,8 +313,9 @@ public:
     // The registry shares each object with the operations in flight: a file that is closed while it is read frees
     // itself when its last reader is done.
 
-    /// Opens a virtual file under a path; an earlier one under the same path is closed first. With bCreateInfoFile
-    /// the segment records are kept in the file at that path. Sizes of info-file pieces in MiB; 0 or less: default.
+    /// Opens a virtual file under a path. An earlier one under the same path gives way to it in one step and is closed
+    /// afterwards: no client's call falls through to the disk in between. With bCreateInfoFile the segment records are
+    /// kept in the file at that path. Sizes of info-file pieces in MiB; 0 or less: default.
     std::shared_ptr<CRedirectedFile> OpenRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath,
                                                         long long iSize, bool bCreateInfoFile,
                                                         int iInfoFileSegmentSizeMB, int iInfoFileCheckPointSizeMB);
@@ -320,15 +328,21 @@ public:
     void ExportRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath, const char* pcExportPath);
     void ExportRedirectedFileInfo(CRuntimeParam* pRuntimeParam, const char* pcPath, const char* pcExportPath,
                                   bool bMergeRange);
-    void RenameRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPathFrom, const char* pcPathTo);
-    /// The folder was renamed on disk: what is registered below it follows, else clients would read the files on disk
-    /// in its place. The host is asked for each, in path order; false if an answer was not 0.
-    bool RenameRedirectedFilesBelow(CRuntimeParam* pRuntimeParam, const char* pcFolderFrom, const char* pcFolderTo);
-    /// Could the host be told of all that a rename does to redirected files: the one under the old path, the one that
+    /// Files under the new path what is open under the old one, in one step; what was open under the new path is
+    /// closed. Nobody is asked. False if none was open under the old path.
+    bool RenameRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPathFrom, const char* pcPathTo);
+    /// Old and new path of each redirected file below a folder that is renamed, in path order.
+    std::vector<std::pair<std::string, std::string>> GetRenamesBelow(const char* pcFolderFrom, const char* pcFolderTo);
+    /// Could the owners be told of all that a rename does to redirected files: the one under the old path, the one that
     /// the new path takes the place of, and those below a folder?
     bool CanTellOfRename(CRuntimeParam* pRuntimeParam, const char* pcPathFrom, const char* pcPathTo);
-    /// Null when none is open under the path.
+    /// A client removed the file: closes it, then asks its owner. True if that grants it, or none was open.
+    bool RemoveRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath);
+    /// Null when none is open under the path. Whoever has to know whether a path is redirected asks once and goes by
+    /// the answer to the end, however often the host opens and closes meanwhile.
     std::shared_ptr<CRedirectedFile> GetRedirectedFile(const char* pcPath);
+    /// Is one open under the path, however either of the two is spelled?
+    bool IsRedirectedFile(const char* pcPath);
 
     // ==== Platform test (UtilitiesPlatformTest.cpp) =============================================================
 
@@ -406,10 +420,17 @@ private:
     int WriteOpenedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const CCachedFile& file, long long iOffset,
                         const void* pvData, unsigned int iLen);
     long long SeekToEnd(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const CCachedFile& file);
-    /// Old and new path of each redirected file below a folder that is renamed, in path order.
-    std::vector<std::pair<std::string, std::string>> GetRenamesBelow(const char* pcFolderFrom, const char* pcFolderTo);
+    int ReadRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath, std::shared_ptr<CRedirectedFile> pFile,
+                           unsigned long long iSeek, void* pvBuffer, unsigned int iLen, bool* pbEof);
+    std::shared_ptr<CRedirectedFile> TakeRedirectedFile(const char* pcPath);
+    std::string GetCanonicalKey(const char* pcPath);
     bool RenameOnDisk(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPathFrom, const char* pcPathTo);
     bool ReplaceFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPathFrom, const char* pcPathTo);
+    bool RemoveTarget(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPathFrom, const char* pcPathTo);
+    bool UndoRename(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPathFrom, const char* pcPathTo,
+                    bool bOnDisk, CRedirectedRename& redirected);
+    void CloseRenamedFileHandles(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPathFrom,
+                                 const char* pcPathTo, bool bFolder);
 
     /// Opens; running out of descriptors evicts from the cache and tries once more.
     int OpenWithRetry(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, int iFlags, mode_t iMode);
@@ -438,8 +459,7 @@ private:
 
     /// Redirected files by the path that clients see.
     Mutex m_hMutexRedirectedFiles;
-    std::map<std::string, std::shared_ptr<CRedirectedFile>, std::less<>> m_mRedirectedFiles
-        GUARDED_BY(m_hMutexRedirectedFiles);
+    std::map<std::string, RedirectedEntry, std::less<>> m_mRedirectedFiles GUARDED_BY(m_hMutexRedirectedFiles);
 
     /// Cached descriptors by path as given, and their paths by time of last use ("%016llu%d": seconds, descriptor).
     Mutex m_hMutexOpenedFileHandles;

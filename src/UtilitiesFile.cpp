@@ -3,9 +3,12 @@
 // Paths of redirected files are diverted: reads come from the segment map, changes become notifications to the host.
 // Renaming is told in UtilitiesRename.cpp.
 
+#include <utility>
+
 #include <unistd.h>
 
 #include "DeferredLog.h"
+#include "FileOwner.h"
 #include "RedirectedFile.h"
 #include "Utilities.h"
 
@@ -55,11 +58,7 @@ bool CUtilities::RemoveFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, con
     }
     // Another thread may have opened the file since: its descriptor must not stand for a later file of that path.
     CloseCachedFileHandle(pRuntimeParam, pLogArgu, pcPath);
-    if (GetRedirectedFile(pcPath)) {
-        CloseRedirectedFile(pRuntimeParam, pcPath);
-        return LogRemoveRedirectedFile(pRuntimeParam, pcPath) == 0;
-    }
-    return true;
+    return RemoveRedirectedFile(pRuntimeParam, pcPath);
 }
 
 bool CUtilities::UpdateFileAttributes(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, bool bMode,
@@ -79,7 +78,8 @@ bool CUtilities::UpdateFileAttributes(CRuntimeParam* pRuntimeParam, LogArgu* pLo
         return true;
     }
     if (GetRedirectedFile(pcPath)) {
-        return LogUpdateRedirectedFileAttributes(pRuntimeParam, pcPath, bSize, iSize, bAtime, iAtimeSec, bMtime,
+        CFileOwner owner(this, pRuntimeParam, pcPath);
+        return LogUpdateRedirectedFileAttributes(owner.GetParam(), pcPath, bSize, iSize, bAtime, iAtimeSec, bMtime,
                                                  iMtimeSec) == 0;
     }
     if (bMode || bSize) {
@@ -98,8 +98,8 @@ int CUtilities::ReadFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const 
                 iSeek, iSeekType, iLen);
     }
     *pbEof = true;
-    if (const auto pRedirected = GetRedirectedFile(pcPath)) {
-        return pRedirected->Read(pRuntimeParam, iSeek, pvBuffer, iLen, pbEof);
+    if (auto pRedirected = GetRedirectedFile(pcPath)) {
+        return ReadRedirectedFile(pRuntimeParam, pcPath, std::move(pRedirected), iSeek, pvBuffer, iLen, pbEof);
     }
     const CCachedFile file = GetCachedFileHandle(pRuntimeParam, pLogArgu, pcPath, false);
     if (!file.IsOpen()) {
@@ -112,6 +112,22 @@ int CUtilities::ReadFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const 
     MutexLock lock(file.GetPositionMutex());
     const long long iOffset = SeekRelatively(file, iSeek, iSeekType);
     return ReadOpenedFile(pRuntimeParam, pLogArgu, file, iOffset, pvBuffer, iLen, pbEof);
+}
+
+/// Closing cuts a read short. Where another file has taken this one's place, that one answers; the disk never does.
+int CUtilities::ReadRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath,
+                                   std::shared_ptr<CRedirectedFile> pFile, unsigned long long iSeek, void* pvBuffer,
+                                   unsigned int iLen, bool* pbEof) {
+    int iRead = pFile->Read(pRuntimeParam, iSeek, pvBuffer, iLen, pbEof);
+    while (pFile->IsClosed() && (iRead < 0 || static_cast<unsigned int>(iRead) < iLen)) {
+        auto pNext = GetRedirectedFile(pcPath);
+        if (!pNext || pNext == pFile) {
+            break;
+        }
+        pFile = std::move(pNext);
+        iRead = pFile->Read(pRuntimeParam, iSeek, pvBuffer, iLen, pbEof);
+    }
+    return iRead;
 }
 
 int CUtilities::ReadOpenedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const CCachedFile& file,
@@ -133,7 +149,8 @@ int CUtilities::WriteFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const
                 pcPath, iSeek, iSeekType, iLen);
     }
     if (GetRedirectedFile(pcPath)) {
-        return LogWriteRedirectedFile(pRuntimeParam, pcPath, iSeek, iSeekType, iLen);
+        CFileOwner owner(this, pRuntimeParam, pcPath);
+        return LogWriteRedirectedFile(owner.GetParam(), pcPath, iSeek, iSeekType, iLen);
     }
     const CCachedFile file = GetCachedFileHandle(pRuntimeParam, pLogArgu, pcPath, false);
     if (!file.IsOpen()) {

@@ -4,9 +4,10 @@
 // records, an export of terabytes, closing) runs on a shared object without it, so that clients go on reading this
 // and all other files meanwhile.
 #include <algorithm>
+#include <string_view>
 #include <utility>
 
-#include "DeferredLog.h"
+#include "FileOwner.h"
 #include "Reason.h"
 #include "RedirectedFile.h"
 #include "Utilities.h"
@@ -25,36 +26,39 @@ std::shared_ptr<CRedirectedFile> CUtilities::OpenRedirectedFile(CRuntimeParam* p
                                                                 int iInfoFileSegmentSizeMB,
                                                                 int iInfoFileCheckPointSizeMB) {
     const char* pcKey = GetKey(pcPath);
-    CloseRedirectedFile(pRuntimeParam, pcKey);
     auto pFile = std::make_shared<CRedirectedFile>(this);
-    std::shared_ptr<CRedirectedFile> pEarlier;
+    std::string sCanonicalPath = GetCanonicalKey(pcKey);
     {
-        const CDeferredLog deferred;
+        // One step: a client finds the earlier file or this one, never the file on disk.
         MutexLock lock(m_hMutexRedirectedFiles);
-        // IDs repeat after closes: they only tell files apart in the log.
-        const int iId = static_cast<int>(m_mRedirectedFiles.size());
-        pFile->Open(pRuntimeParam, iSize, iId, bCreateInfoFile ? pcKey : nullptr, iInfoFileSegmentSizeMB,
-                    iInfoFileCheckPointSizeMB);
-        pEarlier = std::exchange(m_mRedirectedFiles[pcKey], pFile);
+        RedirectedEntry& entry = m_mRedirectedFiles[pcKey];
+        // The number of all others. IDs repeat after closes: they only tell files apart in the log.
+        const int iId = static_cast<int>(m_mRedirectedFiles.size()) - 1;
+        pFile->Prepare(iSize, iId, bCreateInfoFile ? pcKey : nullptr, iInfoFileSegmentSizeMB, iInfoFileCheckPointSizeMB,
+                       std::move(entry.pFile));
+        entry = {pFile, std::move(sCanonicalPath)};
     }
-    if (pEarlier) {
-        pEarlier->Close(pRuntimeParam);  // another thread opened the path since it was closed above
+    pFile->CloseEarlier(pRuntimeParam);
+    pFile->ReportOpen(pRuntimeParam);
+    return pFile;
+}
+
+/// Takes a file out of the registry; the caller closes it. Null when none is open under the path.
+std::shared_ptr<CRedirectedFile> CUtilities::TakeRedirectedFile(const char* pcPath) {
+    MutexLock lock(m_hMutexRedirectedFiles);
+    const auto itFile = m_mRedirectedFiles.find(GetKey(pcPath));
+    if (itFile == m_mRedirectedFiles.end()) {
+        return nullptr;
     }
+    std::shared_ptr<CRedirectedFile> pFile = std::move(itFile->second.pFile);
+    m_mRedirectedFiles.erase(itFile);
     return pFile;
 }
 
 void CUtilities::CloseRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath) {
-    std::shared_ptr<CRedirectedFile> pFile;
-    {
-        MutexLock lock(m_hMutexRedirectedFiles);
-        const auto itFile = m_mRedirectedFiles.find(GetKey(pcPath));
-        if (itFile == m_mRedirectedFiles.end()) {
-            return;
-        }
-        pFile = std::move(itFile->second);
-        m_mRedirectedFiles.erase(itFile);
+    if (const auto pFile = TakeRedirectedFile(pcPath)) {
+        pFile->Close(pRuntimeParam);
     }
-    pFile->Close(pRuntimeParam);
 }
 
 void CUtilities::CloseAllRedirectedFiles(CRuntimeParam* pRuntimeParam, const char* pcPath) {
@@ -75,7 +79,7 @@ void CUtilities::CloseAllRedirectedFiles(CRuntimeParam* pRuntimeParam, const cha
                     vCompared.push_back(std::move(sEntry));
                 }
                 if (bMatch) {
-                    pFile = std::move(itFile->second);
+                    pFile = std::move(itFile->second.pFile);
                     m_mRedirectedFiles.erase(itFile);
                     break;
                 }
@@ -97,8 +101,8 @@ void CUtilities::CloseAllRedirectedFiles(CRuntimeParam* pRuntimeParam) {
         MutexLock lock(m_hMutexRedirectedFiles);
         mFiles.swap(m_mRedirectedFiles);
     }
-    for (const auto& [sPath, pFile] : mFiles) {
-        pFile->Close(pRuntimeParam);
+    for (const auto& [sPath, entry] : mFiles) {
+        entry.pFile->Close(pRuntimeParam);
     }
 }
 
@@ -128,28 +132,34 @@ void CUtilities::ExportRedirectedFileInfo(CRuntimeParam* pRuntimeParam, const ch
     }
 }
 
-void CUtilities::RenameRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPathFrom, const char* pcPathTo) {
+bool CUtilities::RenameRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPathFrom, const char* pcPathTo) {
     const std::string sFrom = GetKey(pcPathFrom);
     const std::string sTo = GetKey(pcPathTo);
     if (sFrom == sTo) {
-        return;  // a rename onto itself changes nothing
+        return GetRedirectedFile(sFrom.c_str()) != nullptr;  // a rename onto itself changes nothing
     }
-    CloseRedirectedFile(pRuntimeParam, sTo.c_str());
-    std::shared_ptr<CRedirectedFile> pEarlier;
+    std::string sCanonicalPath = GetCanonicalKey(sTo.c_str());
+    std::shared_ptr<CRedirectedFile> pDropped;
+    bool bRenamed = false;
     {
         MutexLock lock(m_hMutexRedirectedFiles);
-        const auto itFile = m_mRedirectedFiles.find(sFrom);
-        if (itFile == m_mRedirectedFiles.end()) {
-            return;
+        const auto itTo = m_mRedirectedFiles.find(sTo);
+        if (itTo != m_mRedirectedFiles.end()) {
+            pDropped = std::move(itTo->second.pFile);
+            m_mRedirectedFiles.erase(itTo);
         }
-        // Its info file path stays as it is, but the file there may have been renamed along with it.
-        itFile->second->SetRenamedInfoFile(sTo.c_str());
-        pEarlier = std::exchange(m_mRedirectedFiles[sTo], std::move(itFile->second));
-        m_mRedirectedFiles.erase(itFile);
+        const auto itFrom = m_mRedirectedFiles.find(sFrom);
+        if (itFrom != m_mRedirectedFiles.end()) {
+            itFrom->second.pFile->SetRenamedInfoFile(sTo.c_str());
+            m_mRedirectedFiles[sTo] = {std::move(itFrom->second.pFile), std::move(sCanonicalPath)};
+            m_mRedirectedFiles.erase(itFrom);
+            bRenamed = true;
+        }
     }
-    if (pEarlier) {
-        pEarlier->Close(pRuntimeParam);  // another thread opened the new path since it was closed above
+    if (pDropped) {
+        pDropped->Close(pRuntimeParam);
     }
+    return bRenamed;
 }
 
 std::vector<std::pair<std::string, std::string>> CUtilities::GetRenamesBelow(const char* pcFolderFrom,
@@ -167,34 +177,54 @@ std::vector<std::pair<std::string, std::string>> CUtilities::GetRenamesBelow(con
     return vsPaths;
 }
 
-bool CUtilities::RenameRedirectedFilesBelow(CRuntimeParam* pRuntimeParam, const char* pcFolderFrom,
-                                            const char* pcFolderTo) {
-    bool bAgreed = true;
-    for (const auto& [sPathFrom, sPathTo] : GetRenamesBelow(pcFolderFrom, pcFolderTo)) {
-        RenameRedirectedFile(pRuntimeParam, sPathFrom.c_str(), sPathTo.c_str());
-        bAgreed = LogRenameRedirectedFile(pRuntimeParam, sPathFrom.c_str(), sPathTo.c_str()) == 0 && bAgreed;
+bool CUtilities::RemoveRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath) {
+    const auto pFile = TakeRedirectedFile(pcPath);
+    if (!pFile) {
+        return true;
     }
-    return bAgreed;
+    pFile->Close(pRuntimeParam);
+    CFileOwner owner(this, pRuntimeParam, pcPath);
+    return LogRemoveRedirectedFile(owner.GetParam(), pcPath) == 0;
 }
 
 bool CUtilities::CanTellOfRename(CRuntimeParam* pRuntimeParam, const char* pcPathFrom, const char* pcPathTo) {
-    const auto CanTell = [this, pRuntimeParam](const std::string& sPath) {
-        return CanTellOf(pRuntimeParam, sPath.c_str());
-    };
-    const bool bRedirected = GetRedirectedFile(pcPathFrom) != nullptr;
-    if (bRedirected && !CanTell(GetKey(pcPathFrom))) {
-        return false;
+    if (GetRedirectedFile(pcPathTo)) {
+        CFileOwner owner(this, pRuntimeParam, GetKey(pcPathTo));
+        if (!CanTellOf(owner.GetParam(), GetKey(pcPathTo))) {
+            return false;
+        }
     }
-    if ((bRedirected || GetRedirectedFile(pcPathTo) != nullptr) && !CanTell(GetKey(pcPathTo))) {
-        return false;
+    auto vRenames = GetRenamesBelow(pcPathFrom, pcPathTo);
+    if (GetRedirectedFile(pcPathFrom)) {
+        vRenames.emplace_back(GetKey(pcPathFrom), GetKey(pcPathTo));
     }
-    return std::ranges::all_of(GetRenamesBelow(pcPathFrom, pcPathTo), [&CanTell](const auto& rename) {
-        return CanTell(rename.first) && CanTell(rename.second);
+    return std::ranges::all_of(vRenames, [this, pRuntimeParam](const auto& rename) {
+        const char* const vpcPaths[] = {rename.first.c_str(), rename.second.c_str()};
+        return std::ranges::all_of(vpcPaths, [&](const char* pcPath) {
+            CFileOwner owner(this, pRuntimeParam, pcPath);
+            return CanTellOf(owner.GetParam(), vpcPaths[0]) && CanTellOf(owner.GetParam(), vpcPaths[1]);
+        });
     });
 }
 
 std::shared_ptr<CRedirectedFile> CUtilities::GetRedirectedFile(const char* pcPath) {
     MutexLock lock(m_hMutexRedirectedFiles);
-    const auto itFile = m_mRedirectedFiles.find(GetKey(pcPath));
-    return itFile == m_mRedirectedFiles.end() ? nullptr : itFile->second;
+    const auto itFile = m_mRedirectedFiles.find(std::string_view(GetKey(pcPath)));
+    return itFile == m_mRedirectedFiles.end() ? nullptr : itFile->second.pFile;
+}
+
+bool CUtilities::IsRedirectedFile(const char* pcPath) {
+    const std::string sCanonicalPath = GetCanonicalKey(GetKey(pcPath));
+    MutexLock lock(m_hMutexRedirectedFiles);
+    return m_mRedirectedFiles.contains(sCanonicalPath) ||
+           std::ranges::any_of(m_mRedirectedFiles, [&sCanonicalPath](const auto& opened) {
+               return opened.second.sCanonicalPath == sCanonicalPath;
+           });
+}
+
+/// The canonical form of a path, without a line in the log: nobody asked for it.
+std::string CUtilities::GetCanonicalKey(const char* pcPath) {
+    CRuntimeParam silent("", 0);
+    LogArgu logArgu{"Utilities.GetCanonicalKey"};
+    return GetCanonicalText(&silent, &logArgu, pcPath);
 }

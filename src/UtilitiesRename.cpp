@@ -7,10 +7,13 @@
 #include <cstdlib>
 #include <string_view>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 
+#include "FileOwner.h"
 #include "FileTable.h"
 #include "RedirectedFile.h"
+#include "RedirectedRename.h"
 #include "Utilities.h"
 
 namespace {
@@ -21,6 +24,7 @@ public:
     explicit DiskEntry(const char* pcPath) : m_bExists(::lstat(pcPath, &m_Attributes) == 0) {}
     bool Exists() const { return m_bExists; }
     bool IsFolder() const { return m_bExists && S_ISDIR(m_Attributes.st_mode); }
+    bool IsLink() const { return m_bExists && S_ISLNK(m_Attributes.st_mode); }
     bool IsOnDeviceOf(const DiskEntry& other) const { return m_Attributes.st_dev == other.m_Attributes.st_dev; }
     /// One file under two names, perhaps.
     bool IsFileOf(const DiskEntry& other) const {
@@ -73,11 +77,12 @@ bool CUtilities::RenameFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, con
     const std::string sEntryFrom = ResolveEntry(pcPathFrom);
     const std::string sEntryTo = ResolveEntry(pcPathTo);
     const bool bRedirected = GetRedirectedFile(pcPathFrom) != nullptr;
-    const bool bOnDisk = DiskEntry(pcPathFrom).Exists();
-    if (sEntryFrom == sEntryTo && (bOnDisk || bRedirected)) {
+    const DiskEntry from(pcPathFrom);
+    const bool bReplaces = DiskEntry(pcPathTo).Exists() || GetRedirectedFile(pcPathTo) != nullptr;
+    if (sEntryFrom == sEntryTo && (from.Exists() || bRedirected)) {
         return true;
     }
-    if (bOnDisk && IsBelow(sEntryTo, sEntryFrom)) {
+    if (from.Exists() && IsBelow(sEntryTo, sEntryFrom)) {
         ReportRenameFailure(pRuntimeParam, pLogArgu, pcPathFrom, pcPathTo, EINVAL, nullptr);
         return false;
     }
@@ -85,53 +90,46 @@ bool CUtilities::RenameFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, con
         ReportRenameFailure(pRuntimeParam, pLogArgu, pcPathFrom, pcPathTo, ENAMETOOLONG, nullptr);
         return false;
     }
-    if (!bOnDisk && OS_IsFileExists(pcPathTo, nullptr)) {
-        if (!bRedirected) {
-            ReportRenameFailure(pRuntimeParam, pLogArgu, pcPathFrom, pcPathTo, ENOENT, nullptr);
-            return false;
-        }
-        if (!RemoveFile(pRuntimeParam, pLogArgu, pcPathTo)) {
-            return false;
-        }
-    }
-    if (bOnDisk && !RenameOnDisk(pRuntimeParam, pLogArgu, pcPathFrom, pcPathTo)) {
+    if (!from.Exists() && !bRedirected && bReplaces) {
+        ReportRenameFailure(pRuntimeParam, pLogArgu, pcPathFrom, pcPathTo, ENOENT, nullptr);
         return false;
     }
-    if (bRedirected) {
-        RenameRedirectedFile(pRuntimeParam, pcPathFrom, pcPathTo);
-        if (LogRenameRedirectedFile(pRuntimeParam, pcPathFrom, pcPathTo) != 0) {
-            return false;
-        }
+    const bool bRenamed = from.Exists() ? RenameOnDisk(pRuntimeParam, pLogArgu, pcPathFrom, pcPathTo)
+                                        : RemoveTarget(pRuntimeParam, pLogArgu, pcPathFrom, pcPathTo);
+    if (!bRenamed) {
+        return false;
     }
-    // Of a file nothing lies below, so this is for folders.
-    const bool bAgreed = !bOnDisk || RenameRedirectedFilesBelow(pRuntimeParam, pcPathFrom, pcPathTo);
+    CRedirectedRename redirected(this, pRuntimeParam);
+    redirected.Move(pcPathFrom, pcPathTo);
+    const bool bAgreed = redirected.Ask();
+    if (!bAgreed && !bReplaces &&
+        UndoRename(pRuntimeParam, pLogArgu, pcPathFrom, pcPathTo, from.Exists(), redirected)) {
+        return false;
+    }
+    redirected.AskRest();
     // The table knows canonical paths; what is not on disk it knows by the path as given.
     MutexLock lock(m_hMutexFileTable);
     const bool bUpdated =
         m_pFileTable->UpdateItemPath(pcPathFrom, sEntryTo.c_str()) ||
         (sEntryFrom != pcPathFrom && m_pFileTable->UpdateItemPath(sEntryFrom.c_str(), sEntryTo.c_str()));
-    return bUpdated && bAgreed;
+    // A link never has a handle of its own: clients hold that of what it leads to.
+    return bAgreed && (bUpdated || from.IsLink());
 }
 
 bool CUtilities::RenameOnDisk(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPathFrom,
                               const char* pcPathTo) {
     const DiskEntry from(pcPathFrom);
     const DiskEntry to(pcPathTo);
-    if (!OS_IsFileExists(pcPathTo, nullptr)) {
-        CloseCachedFileHandle(pRuntimeParam, pLogArgu, pcPathFrom);
-        if (OS_FileRename(pRuntimeParam, pLogArgu, pcPathFrom, pcPathTo, nullptr) == -1) {
-            return false;
-        }
-    } else if (!from.IsFolder() && !to.IsFolder() && !from.IsFileOf(to) && !GetRedirectedFile(pcPathTo)) {
+    if (to.Exists() && !from.IsFolder() && !to.IsFolder() && !from.IsFileOf(to) && !GetRedirectedFile(pcPathTo)) {
         if (!ReplaceFile(pRuntimeParam, pLogArgu, pcPathFrom, pcPathTo)) {
             return false;
         }
     } else {
-        if (!from.IsOnDeviceOf(to)) {
+        if (to.Exists() && !from.IsOnDeviceOf(to)) {
             ReportRenameFailure(pRuntimeParam, pLogArgu, pcPathFrom, pcPathTo, EXDEV, nullptr);
             return false;
         }
-        if (!RemoveFile(pRuntimeParam, pLogArgu, pcPathTo)) {
+        if (!RemoveTarget(pRuntimeParam, pLogArgu, pcPathFrom, pcPathTo)) {
             return false;
         }
         CloseCachedFileHandle(pRuntimeParam, pLogArgu, pcPathFrom);
@@ -139,14 +137,53 @@ bool CUtilities::RenameOnDisk(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, c
             return false;
         }
     }
-    // Descriptors that another thread opened meanwhile, or that were opened below a folder, go by the wrong path now.
+    CloseRenamedFileHandles(pRuntimeParam, pLogArgu, pcPathFrom, pcPathTo, from.IsFolder());
+    return true;
+}
+
+/// Takes away what a rename puts something else in the place of. Clients see no redirected file that is not on disk: to
+/// another one of its owner's it gives way without a word, when that one is filed under its path.
+bool CUtilities::RemoveTarget(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPathFrom,
+                              const char* pcPathTo) {
+    if (DiskEntry(pcPathTo).Exists()) {
+        return RemoveFile(pRuntimeParam, pLogArgu, pcPathTo);
+    }
+    if (GetRedirectedFile(pcPathFrom) &&
+        CFileOwner(this, pRuntimeParam, pcPathFrom).IsSameParty(CFileOwner(this, pRuntimeParam, pcPathTo))) {
+        return true;
+    }
+    return RemoveRedirectedFile(pRuntimeParam, pcPathTo);
+}
+
+/// Puts a rename that was refused back to where it began, if nothing has come to stand there since and nothing was
+/// replaced: what is lost stays lost, and its name had better stand for what was to take its place than for nothing.
+bool CUtilities::UndoRename(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPathFrom,
+                            const char* pcPathTo, bool bOnDisk, CRedirectedRename& redirected) {
+    if (!redirected.CanMoveBack()) {
+        return false;
+    }
+    if (bOnDisk) {
+        const bool bFolder = DiskEntry(pcPathTo).IsFolder();
+        if (::renameat2(AT_FDCWD, pcPathTo, AT_FDCWD, pcPathFrom, RENAME_NOREPLACE) == -1) {
+            ReportRenameFailure(pRuntimeParam, pLogArgu, pcPathTo, pcPathFrom, errno, nullptr);
+            return false;
+        }
+        ReportRename(pRuntimeParam, pLogArgu, pcPathTo, pcPathFrom);
+        CloseRenamedFileHandles(pRuntimeParam, pLogArgu, pcPathTo, pcPathFrom, bFolder);
+    }
+    redirected.MoveBack();
+    return true;
+}
+
+/// Descriptors that another thread opened meanwhile, or that were opened below a folder, go by the wrong path now.
+void CUtilities::CloseRenamedFileHandles(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPathFrom,
+                                         const char* pcPathTo, bool bFolder) {
     CloseCachedFileHandle(pRuntimeParam, pLogArgu, pcPathFrom);
     CloseCachedFileHandle(pRuntimeParam, pLogArgu, pcPathTo);
-    if (from.IsFolder()) {
+    if (bFolder) {
         CloseCachedFileHandlesBelow(pRuntimeParam, pLogArgu, pcPathFrom);
         CloseCachedFileHandlesBelow(pRuntimeParam, pLogArgu, pcPathTo);
     }
-    return true;
 }
 
 /// Removes the target and renames in one step, with the log lines of both.

@@ -66,6 +66,81 @@ TEST_F(UtilitiesRedirectedTest, OpeningAPathAgainClosesTheFileThatWasThere) {
     EXPECT_EQ(m_Utilities.GetRedirectedFile("/e/disk"), pSecond);
 }
 
+/// What a host sees of it is what it saw when the earlier file was closed first.
+TEST_F(UtilitiesRedirectedTest, LinesOfClosingTheEarlierFileComeBeforeThatOfOpening) {
+    WriteWholeFile(m_Folder / "source", "0123456789");
+    const auto pFirst = Open("/e/disk");
+    pFirst->AddSegment(&m_Param, (m_Folder / "source").c_str(), 0, 0, 10, nullptr);
+    char vcBuffer[20] = "";
+    bool bEof = false;
+    pFirst->Read(&m_Param, 0, vcBuffer, 10, &bEof);
+    m_Log.Clear();
+    m_Param.SetLogControl(CRuntimeParam::kLogRedirectFile | CRuntimeParam::kLogFileAccess);
+    Open("/e/disk");
+    EXPECT_EQ(m_Log.Texts(),
+              (std::vector<std::string>{"[RedirectedFile.Close] OS close file \"" + m_Folder / "source" + "\"",
+                                        "[RedirectedFile.Open] id=0, size=100 (path=)"}));
+}
+
+/// Whoever looks while the earlier file is being closed finds the new one.
+TEST_F(UtilitiesRedirectedTest, NewFileIsThereBeforeTheEarlierOneIsClosed) {
+    const auto pFirst = Open("/e/disk", 1);
+    std::atomic<bool> bStop{false};
+    std::thread looker([&] {
+        while (!bStop) {
+            EXPECT_TRUE(IsOpen("/e/disk"));
+        }
+    });
+    CRuntimeParam param("host", 0);
+    for (int i = 0; i < 20000; ++i) {
+        m_Utilities.OpenRedirectedFile(&param, "/e/disk", i, false, 0, 0);
+    }
+    bStop = true;
+    looker.join();
+}
+
+// ---- A redirected file as a source
+
+TEST_F(UtilitiesRedirectedTest, RedirectedFileIsRefusedAsASourceHoweverItIsSpelled) {
+    const std::string sLayer = m_Folder / "layer1";
+    WriteWholeFile(sLayer, "records");
+    ASSERT_EQ(::symlink(m_Folder.Path().c_str(), (m_Folder / "link").c_str()), 0);
+    Open(sLayer);
+    const auto pFile = Open(m_Folder / "layer2");
+    for (const std::string& sSource :
+         {sLayer, m_Folder / "./layer1", m_Folder.Path() + "//layer1", m_Folder / "link/layer1", m_Folder / "layer2"}) {
+        EXPECT_FALSE(m_Utilities.AddRedirectedFileSegment(&m_Param, (m_Folder / "layer2").c_str(), sSource.c_str(), 0,
+                                                          0, 10, m_vcReason));
+        EXPECT_EQ(m_vcReason, "Source \"" + sSource + "\" is a redirected file");
+    }
+    EXPECT_FALSE(m_Log.Has("[RedirectedFile.AddSegment] Reference src (1): " + sLayer)) << "nothing is remembered";
+    EXPECT_EQ(pFile->GetMapMemory(), 0U);
+    EXPECT_TRUE(pFile->AddSegment(&m_Param, nullptr, 0, 0, 10, m_vcReason));
+    EXPECT_TRUE(pFile->AddSegment(&m_Param, "", 0, 10, 10, m_vcReason));
+}
+
+TEST_F(UtilitiesRedirectedTest, RedirectedFileOpenedUnderALinkIsRefusedAsASourceToo) {
+    const std::string sLayer = m_Folder / "layer1";
+    WriteWholeFile(sLayer, "records");
+    ASSERT_EQ(::symlink(m_Folder.Path().c_str(), (m_Folder / "link").c_str()), 0);
+    Open(m_Folder / "link/layer1");
+    const auto pFile = Open("/e/disk");
+    EXPECT_FALSE(pFile->AddSegment(&m_Param, sLayer.c_str(), 0, 0, 10, m_vcReason));
+    m_Utilities.RenameRedirectedFile(&m_Param, (m_Folder / "link/layer1").c_str(), (m_Folder / "link/other").c_str());
+    EXPECT_TRUE(pFile->AddSegment(&m_Param, sLayer.c_str(), 0, 0, 10, m_vcReason)) << "renamed away";
+}
+
+TEST_F(UtilitiesRedirectedTest, SourceIsTakenAgainOnceItIsClosed) {
+    const std::string sLayer = m_Folder / "layer1";
+    WriteWholeFile(sLayer, "0123456789");
+    const auto pFile = Open("/e/disk");
+    EXPECT_TRUE(pFile->AddSegment(&m_Param, sLayer.c_str(), 0, 0, 10, m_vcReason));
+    Open(sLayer);
+    EXPECT_FALSE(pFile->AddSegment(&m_Param, sLayer.c_str(), 0, 10, 10, m_vcReason)) << "a known source, too";
+    m_Utilities.CloseRedirectedFile(&m_Param, sLayer.c_str());
+    EXPECT_TRUE(pFile->AddSegment(&m_Param, sLayer.c_str(), 0, 10, 10, m_vcReason));
+}
+
 TEST_F(UtilitiesRedirectedTest, InfoFileIsTheFileUnderThePathItself) {
     const std::string sPath = m_Folder / "disk";
     WriteWholeFile(sPath, "");
@@ -180,13 +255,36 @@ TEST_F(UtilitiesRedirectedTest, RenameOntoItselfChangesNothing) {
     EXPECT_FALSE(pFile->IsClosed());
 }
 
-TEST_F(UtilitiesRedirectedTest, RenamedFileKeepsItsInfoFile) {
+/// What stands under the old path by then may be anybody's.
+TEST_F(UtilitiesRedirectedTest, InfoFileOfARenamedFileIsLookedForUnderTheNewPathOnly) {
     const std::string sPath = m_Folder / "disk";
+    const std::string sMoved = m_Folder / "moved";
+    const std::string sSource = m_Folder / "source";
+    WriteWholeFile(sSource, "0123456789");
+    const auto add = [&](long long iOffset) {
+        return m_Utilities.AddRedirectedFileSegment(&m_Param, sMoved.c_str(), sSource.c_str(), 0, iOffset, 10,
+                                                    m_vcReason);
+    };
     WriteWholeFile(sPath, "");
-    Open(sPath, 100, true);
-    m_Utilities.RenameRedirectedFile(&m_Param, sPath.c_str(), "/e/moved");
-    EXPECT_TRUE(m_Utilities.AddRedirectedFileSegment(&m_Param, "/e/moved", nullptr, 0, 0, 10, m_vcReason));
-    EXPECT_EQ(ReadWholeFile(sPath).size(), 32U);
+    const auto pFile = Open(sPath, 100, true);
+    ASSERT_EQ(::rename(sPath.c_str(), sMoved.c_str()), 0);
+    m_Utilities.RenameRedirectedFile(&m_Param, sPath.c_str(), sMoved.c_str());
+    EXPECT_TRUE(add(0));
+    EXPECT_EQ(ReadWholeFile(sMoved).size(), 32U);
+    // A client makes a file under the old path, and the info file goes away.
+    const std::string sForeign(32, 'x');
+    WriteWholeFile(sPath, sForeign);
+    ASSERT_EQ(::unlink(sMoved.c_str()), 0);
+    m_Utilities.CloseCachedFileHandle(&m_Param, &m_LogArgu, sMoved.c_str());
+    EXPECT_TRUE(add(10)) << "kept in memory";
+    EXPECT_EQ(ReadWholeFile(sPath), sForeign);
+    char vcBuffer[20] = "";
+    bool bEof = false;
+    EXPECT_EQ(pFile->Read(&m_Param, 10, vcBuffer, 10, &bEof), 10);
+    EXPECT_EQ(std::string(vcBuffer, 10), "0123456789");
+    WriteWholeFile(sMoved, "");
+    m_Utilities.ExportRedirectedFile(&m_Param, sMoved.c_str(), sPath.c_str());
+    EXPECT_FALSE(m_Log.Has("[RedirectedFile.Export] Content to file error: " + sPath)) << "not its own file any more";
 }
 
 TEST_F(UtilitiesRedirectedTest, InfoFileThatWasRenamedAlongIsNeverOverwritten) {
@@ -344,8 +442,9 @@ TEST_F(UtilitiesRedirectedTest, RenameMovesFileAndRegistryEntryThenAsksTheHost) 
             return iAnswer;
         });
         EXPECT_EQ(m_Utilities.RenameFile(&m_Param, &m_LogArgu, sFrom.c_str(), sTo.c_str()), iAnswer == 0);
-        EXPECT_EQ(m_Utilities.GetRedirectedFile(sTo.c_str()), pFile);
-        EXPECT_EQ(ReadWholeFile(sTo), "on disk");
+        const std::string& sNow = iAnswer == 0 ? sTo : sFrom;
+        EXPECT_EQ(m_Utilities.GetRedirectedFile(sNow.c_str()), pFile);
+        EXPECT_EQ(ReadWholeFile(sNow), "on disk");
     }
 }
 

@@ -171,7 +171,7 @@ TEST_F(RedirectedHostTest, RenamesArriveAndTheAnswerDecides) {
     Answer("renameRedirectedFile", "1");
     EXPECT_EQ(m_pClient->Rename(m_sRoot, "renamed", m_sRoot, "again"), kNfs3ErrIo);
     Answer("renameRedirectedFile", "-1");
-    EXPECT_EQ(m_pClient->Rename(m_sRoot, "again", m_sRoot, "renamed"), kNfs3ErrIo);
+    EXPECT_EQ(m_pClient->Rename(m_sRoot, "renamed", m_sRoot, "again"), kNfs3ErrIo) << "it kept its name";
 }
 
 TEST_F(RedirectedHostTest, RemovalsArriveAndTheAnswerDecides) {
@@ -195,7 +195,7 @@ TEST_F(RedirectedHostTest, AHostThatThrowsHasAnsweredMinusOne) {
         EXPECT_EQ(m_pClient->Setattr(m_sFile, size), kNfs3ErrInval);
     }
     EXPECT_EQ(m_pClient->Rename(m_sRoot, "disk", m_sRoot, "renamed"), kNfs3ErrIo);
-    EXPECT_EQ(m_pClient->Remove(m_sRoot, "renamed"), kNfs3ErrIo);
+    EXPECT_EQ(m_pClient->Remove(m_sRoot, "disk"), kNfs3ErrIo);
     EXPECT_EQ(Notifications().size(), 6U);
     Answer("writeRedirectedFile", "length");
     OpenRedirected("disk", "disk");

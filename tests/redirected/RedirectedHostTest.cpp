@@ -152,7 +152,12 @@ TEST_F(RedirectedHostTest, RenameMovesTheFileAndTheHostDecidesTheReply) {
 
     m_Log.SetHost([](const Notification&) { return 1; });
     EXPECT_EQ(m_pClient->Rename(m_sRoot, "moved", m_sRoot, "again"), kNfsIo);
-    EXPECT_NE(Utilities().GetRedirectedFile((Folder() / "again").c_str()), nullptr) << "moved all the same";
+    EXPECT_NE(Utilities().GetRedirectedFile((Folder() / "moved").c_str()), nullptr) << "back where it was";
+    std::string sHandle;
+    EXPECT_EQ(m_pClient->Lookup(m_sRoot, "moved", sHandle), kNfsOk);
+    EXPECT_EQ(sHandle, m_sDisk);
+    ASSERT_EQ(m_pClient->Read(m_sDisk, 0, 10, sData, bEof), kNfsOk);
+    EXPECT_EQ(sData, m_sContent.substr(1000, 10));
 }
 
 TEST_F(RedirectedHostTest, RenamedFileIsStillReadThroughItsInfoFile) {

@@ -117,7 +117,7 @@ protected:
         }
     }
 
-    /// Two files on one info file, one of them with check points, and the same map in memory.
+    /// Two files on one info file (under two names), one of them with check points, and the same map in memory.
     void OpenSteady() {
         Open("steady-info", true, m_pSteady->GetSize());
         Open("steady-memory", false, m_pSteady->GetSize());
@@ -126,6 +126,8 @@ protected:
             Add("steady-info", piece);
             Add("steady-memory", piece);
         }
+        EXPECT_EQ(::unlink(Path("twin").c_str()), 0);
+        EXPECT_EQ(::link(Path("steady-info").c_str(), Path("twin").c_str()), 0);
         Utilities().RenameRedirectedFile(Server().GetRuntimeParam(), Path("steady-info").c_str(), Path("twin").c_str());
         Open("steady-info", true, m_pSteady->GetSize());
         NumberSources("steady-info", m_pSteady->GetSize());
