@@ -7,11 +7,15 @@ source tools/packages.sh
 usage() {
     cat <<'USAGE'
 usage: ./test.sh [--sanitizers | --lint | --package] [CTEST_OPTION...]
+       ./test.sh --kernel-client [--short] [WORD]
   (no option)    formatting, then the plain build (build/) and every test
   --sanitizers   every test but those in a Java virtual machine with AddressSanitizer and
                  UndefinedBehaviorSanitizer (build-asan/), then with ThreadSanitizer (build-tsan/)
   --lint         formatting, clang's thread-safety analysis, clang-tidy (takes long)
   --package      builds the Debian package, and tries it in a throw-away copy of this root (as root)
+  --kernel-client
+                 the Linux kernel's own client, in a virtual machine, against the built console: at most 10 minutes;
+                 with --short at most 3; with a WORD only the scenarios whose description holds it
 CTEST_OPTIONs go to ctest: ./test.sh -R NfsMain runs the tests whose names hold "NfsMain".
 USAGE
 }
@@ -19,6 +23,8 @@ USAGE
 BUILD_PACKAGES=(cmake g++ ninja-build pkg-config libtirpc-dev libnfs-dev)
 TEST_PACKAGES=(libgtest-dev libgmock-dev libbenchmark-dev rpcbind iproute2 e2fsprogs binutils util-linux
     default-jdk-headless systemd groff-base)
+PLAIN_OPTIONS=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DNFSLIB_TOOLS=ON -DNFSLIB_BENCH=ON)
+KERNEL_CLIENT_PACKAGES=(libgtest-dev libgmock-dev iproute2 util-linux qemu-system-x86 busybox-static cpio)
 jobs=$(nproc)
 
 sources() {
@@ -50,10 +56,10 @@ configure() {
     rm -f "$folder.log"
 }
 
-# build FOLDER: says nothing unless it fails.
+# build FOLDER [CMAKE_OPTION...]: says nothing unless it fails.
 build() {
     local start=$SECONDS
-    if ! cmake --build "$1" -j "$jobs" >"$1/build.log" 2>&1; then
+    if ! cmake --build "$@" -j "$jobs" >"$1/build.log" 2>&1; then
         grep -E 'FAILED|error|Error|undefined reference' -A 5 "$1/build.log" | head -100 >&2
         echo "test.sh: the build failed; all of it: $1/build.log" >&2
         return 1
@@ -83,7 +89,7 @@ run() {
 plain() {
     need_packages "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}" clang-format
     check_format
-    configure build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DNFSLIB_TOOLS=ON -DNFSLIB_BENCH=ON
+    configure build "${PLAIN_OPTIONS[@]}"
     build build
     run build -- "$@"
 }
@@ -104,6 +110,13 @@ sanitizers() {
     run build-tsan "${fixed[@]}" -- "$@"
 }
 
+kernel_client() {
+    need_packages "${BUILD_PACKAGES[@]}" "${KERNEL_CLIENT_PACKAGES[@]}"
+    configure build "${PLAIN_OPTIONS[@]}"
+    build build --target nfsconsole nfsget kernel_probe redirected_host
+    tests/kernel/run.sh build "$@"
+}
+
 lint() {
     need_packages "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}" clang clang-format clang-tidy
     check_format
@@ -116,7 +129,7 @@ lint() {
 
 package() {
     need_packages "${BUILD_PACKAGES[@]}" dpkg-dev iproute2 util-linux
-    configure build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DNFSLIB_TOOLS=ON -DNFSLIB_BENCH=ON
+    configure build "${PLAIN_OPTIONS[@]}"
     build build
     (cd build && rm -f nfslib_*.deb && cpack -G DEB) >build/package.log 2>&1 || {
         cat build/package.log >&2
@@ -130,6 +143,7 @@ case "${1:-}" in
     --sanitizers) mode=sanitizers && shift ;;
     --lint) mode=lint && shift ;;
     --package) mode=package && shift ;;
+    --kernel-client) mode=kernel_client && shift ;;
     -h | --help) usage && exit 0 ;;
 esac
 "$mode" "$@"
