@@ -258,10 +258,13 @@ bool CNfs3Prog::GetCanonicalHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogAr
 
 bool CNfs3Prog::GetNfsFileAttributes(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
                                      fattr3* pAttributes, const FoundStatus* pFound) {
-    struct stat status {};
+    FoundStatus found;
+    struct stat& status = found.status;
     if (m_pUtilities->OS_GetFileStat(pRuntimeParam, pLogArgu, pcPath, &status, nullptr, pFound) != 0) {
         return false;
     }
+    found.bKnown = true;
+    found.bLinks = pFound == nullptr || !pFound->bKnown;
     const ftype3 iType = GetFileType(status.st_mode);
     unsigned long long iSize = static_cast<unsigned long long>(status.st_size);
     fattr3& attributes = *pAttributes;
@@ -271,7 +274,7 @@ bool CNfs3Prog::GetNfsFileAttributes(CRuntimeParam* pRuntimeParam, LogArgu* pLog
     attributes.nlink = static_cast<unsigned int>(status.st_nlink);
     attributes.fsid = GetFileSystemID(pcPath, status);
     if (iType == NF3REG) {
-        iSize = m_pUtilities->GetFileSize(pRuntimeParam, pLogArgu, pcPath, iSize);
+        iSize = m_pUtilities->GetFileSize(pRuntimeParam, pLogArgu, pcPath, iSize, &found);
     }
     attributes.size = iSize;
     attributes.used = iSize;

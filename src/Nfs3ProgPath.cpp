@@ -201,7 +201,7 @@ nfsstat3 CNfs3Prog::CheckProcessParam(ProcessParam* pParam, LogArgu* pLogArgu, c
     return NFS3ERR_IO;
 }
 
-nfsstat3 CNfs3Prog::CheckPath(CRuntimeParam* /*pRuntimeParam*/, LogArgu* pLogArgu, const char* pcPath, bool bMustExist,
+nfsstat3 CNfs3Prog::CheckPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, bool bMustExist,
                               FoundStatus* pStatus) {
     if (pcPath == nullptr) {
         return NFS3ERR_STALE;
@@ -213,11 +213,13 @@ nfsstat3 CNfs3Prog::CheckPath(CRuntimeParam* /*pRuntimeParam*/, LogArgu* pLogArg
         case Finding::kFound:
             return NFS3_OK;
         case Finding::kMissing:
+            m_pUtilities->DropMissingFile(pRuntimeParam, pLogArgu, pcPath);
             return NFS3ERR_IO;
         case Finding::kUnknown:
             break;
     }
     if (!m_pUtilities->OS_IsFileExists(pcPath, nullptr)) {
+        m_pUtilities->DropMissingFile(pRuntimeParam, pLogArgu, pcPath);
         return NFS3ERR_IO;
     }
     std::string sResolved;

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <ctime>
 
 #include <unistd.h>
 
@@ -12,6 +13,7 @@
 #include "InputStream.h"
 #include "Nfs3Prog.h"
 #include "OutputStream.h"
+#include "PathProbe.h"
 #include "RedirectedFile.h"
 #include "Utilities.h"
 
@@ -72,6 +74,25 @@ void NeedRecord(const ProcessParam& param, const CInputStream& input, const opaq
     }
 }
 
+/// The largest file of the file system that a path lies on. WRITEs mostly stay on one, so the last answer holds for the
+/// next one on the same device within the second.
+unsigned long long GetMaxFileSize(const char* pcPath, const FoundStatus& found) {
+    struct Answer {
+        std::time_t iTime = 0;
+        dev_t iDevice = 0;
+        unsigned long long lMaxSize = 0;
+    };
+    thread_local Answer last;
+    if (!found.bKnown) {
+        return CUtilities::GetMaxFileSize(pcPath);
+    }
+    const std::time_t iNow = std::time(nullptr);
+    if (last.iTime != iNow || last.iDevice != found.status.st_dev) {
+        last = {iNow, found.status.st_dev, CUtilities::GetMaxFileSize(pcPath)};
+    }
+    return last.lMaxSize;
+}
+
 }  // namespace
 
 /// The arguments of a READ and what it read.
@@ -79,6 +100,7 @@ struct CNfs3Prog::ReadCall {
     std::string sPath;
     unsigned long lOffset = 0;
     unsigned int iCount = 0;
+    FoundStatus found;  ///< what the look at the path saw
     unsigned int iRead = 0;
     bool bEof = true;
 };
@@ -90,6 +112,7 @@ struct CNfs3Prog::WriteCall {
     unsigned int iCount = 0;
     unsigned int iStable = 0;  ///< read and ignored: every WRITE is FILE_SYNC
     opaque data;
+    FoundStatus found;  ///< what the look at the path saw
     unsigned int iWritten = 0;
 };
 
@@ -103,7 +126,7 @@ int CNfs3Prog::ProcedureREAD(CInputStream* pInput, COutputStream* pOutput, Proce
     Read(pInput, &call.lOffset);
     Read(pInput, &call.iCount);
 
-    nfsstat3 iStatus = CheckExisting(pParam, &logArgu, call.sPath);
+    nfsstat3 iStatus = CheckExisting(pParam, &logArgu, call.sPath, false, &call.found);
     if (iStatus == NFS3_OK) {
         iStatus = ReadIntoReply(pParam, &logArgu, pOutput, &call);
     }
@@ -152,8 +175,9 @@ nfsstat3 CNfs3Prog::ReadIntoReply(ProcessParam* pParam, LogArgu* pLogArgu, COutp
     }
     const unsigned int nMost = std::min(nRoom, GetDataLimit(*pParam, pOutput->GetBufferIndex()));
     const unsigned int iLength = std::min({pCall->iCount, kMaxReadSize, nRoom / kReadRoomFactor, nMost});
-    const int iRead = m_pUtilities->ReadFile(pRuntimeParam, pLogArgu, pcPath, pCall->lOffset, SEEK_SET,
-                                             pOutput->GetCurrentBuffer() + kReadHeadSize, iLength, &pCall->bEof);
+    const int iRead =
+        m_pUtilities->ReadFile(pRuntimeParam, pLogArgu, pcPath, pCall->lOffset, SEEK_SET,
+                               pOutput->GetCurrentBuffer() + kReadHeadSize, iLength, &pCall->bEof, &pCall->found);
     if (iRead < 0) {
         if (pRuntimeParam->IsLogError()) {
             m_pUtilities->LogError(pRuntimeParam, "[%s] Read return -1 (path=%s, offset=%llu length=%u)",
@@ -180,7 +204,7 @@ int CNfs3Prog::ProcedureWRITE(CInputStream* pInput, COutputStream* pOutput, Proc
     Read(pInput, &call.data);
     NeedRecord(*pParam, *pInput, call.data, call.iCount);
 
-    nfsstat3 iStatus = CheckExisting(pParam, &logArgu, call.sPath);
+    nfsstat3 iStatus = CheckExisting(pParam, &logArgu, call.sPath, false, &call.found);
     if (m_bReadOnly) {
         iStatus = NFS3ERR_ACCES;
     }
@@ -212,7 +236,7 @@ nfsstat3 CNfs3Prog::WriteFromCall(ProcessParam* pParam, LogArgu* pLogArgu, CInpu
         m_pUtilities->LogInfo(pRuntimeParam, "[%s] Offset=%llu, length=%u, count=%u", pLogArgu->pcName,
                               static_cast<unsigned long long>(pCall->lOffset), pCall->data.iBufLen, pCall->iCount);
     }
-    const unsigned long long lMaxSize = CUtilities::GetMaxFileSize(pcPath);
+    const unsigned long long lMaxSize = GetMaxFileSize(pcPath, pCall->found);
     if (pCall->lOffset > lMaxSize || pCall->iCount > lMaxSize - pCall->lOffset) {
         return NFS3ERR_FBIG;
     }
@@ -221,8 +245,8 @@ nfsstat3 CNfs3Prog::WriteFromCall(ProcessParam* pParam, LogArgu* pLogArgu, CInpu
     }
     const unsigned int iLength = std::min(pCall->iCount, kMaxWriteSize);
     const WriteData data(pCall->data, *pInput, iLength);
-    const int iWritten =
-        m_pUtilities->WriteFile(pRuntimeParam, pLogArgu, pcPath, pCall->lOffset, SEEK_SET, data.Get(), iLength);
+    const int iWritten = m_pUtilities->WriteFile(pRuntimeParam, pLogArgu, pcPath, pCall->lOffset, SEEK_SET, data.Get(),
+                                                 iLength, &pCall->found);
     if (iWritten < 0) {
         return NFS3ERR_INVAL;
     }

@@ -7,6 +7,7 @@
 struct FoundStatus {
     bool bKnown = false;
     struct stat status {};
+    bool bLinks = false;  ///< links in the path may have been followed
 };
 
 enum class Finding {

@@ -13,7 +13,7 @@ CUtilities::CUtilities()
 CUtilities::~CUtilities() = default;
 
 void CUtilities::Reset(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu) {
-    RemoveAllMountInfo();
+    RemoveAllMountInfo(pRuntimeParam, pLogArgu);
     RemoveAllSessionInfo();
     CloseAllCachedFileHandles(pRuntimeParam, pLogArgu);
     CloseAllRedirectedFiles(pRuntimeParam);

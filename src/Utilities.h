@@ -17,6 +17,8 @@
 
 #include "CachedFile.h"
 #include "Limits.h"
+#include "PathProbe.h"
+#include "RegularFile.h"
 #include "RuntimeParam.h"
 #include "ThreadAnnotations.h"
 
@@ -25,7 +27,6 @@ class CFileLogger;
 class CFileTable;
 class CRedirectedFile;
 class CRedirectedRename;
-struct FoundStatus;
 class CVSphereWebController;
 
 /// One export: a local directory and the name under which clients mount it.
@@ -64,7 +65,10 @@ struct OpenedFileInfo {
     CCachedFile iFile;
     std::string sTimeKey;  ///< the entry's key in the last-access index
     std::string sPath;
-    std::time_t iLastAccess = 0;  ///< the time in that key
+    std::time_t iLastAccess = 0;  ///< the time in that key; in each second the first use looks at the path
+    FileIdentity identity;        ///< the file that is open
+    bool bReadOnly = false;       ///< opened for reading alone
+    bool bHost = false;           ///< used as a source or info file
 };
 
 /// The registries, logging and file operations of one server instance.
@@ -178,9 +182,11 @@ public:
     bool IsMountInfoExists(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcLocalMountPath,
                            const char* pcExportName, char* pcStatus);
     /// Removing the last export, by whatever key, empties the file handle table.
+    /// The cached descriptors of an export that goes are closed, without log lines where no parameter is given.
     void RemoveMountInfoByLocalMountPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcLocalMountPath);
     void RemoveMountInfoByExportName(const char* pcExportName);
     void RemoveAllMountInfo();
+    void RemoveAllMountInfo(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu);
     /// Binds an export to a client address, or releases it (null address, always allowed). Refused with a reason
     /// when the export is unknown or bound, even to the same client. The export is copied to pMountInfo if given.
     bool UpdateMountClientIpAddrByExportName(const char* pcExportName, const char* pcClientAddr, MountInfo* pMountInfo,
@@ -218,10 +224,15 @@ public:
 
     // ==== Descriptor cache (UtilitiesDescriptorCache.cpp) =======================================================
 
-    /// The descriptor of a path, opened if need be: read/write when wanted or when the path lies in an export, else
-    /// read only. Empty (-1) for an empty path or a failed open.
+    /// The descriptor of a file of the host's choice, opened if need be: read/write when wanted or when the path lies
+    /// in an export, else read only. What refuses writers (EROFS, EACCES, EPERM, ETXTBSY) is opened read only, unless
+    /// read/write was wanted. Empty (-1) for an empty path or a failed open. Within a second the descriptor may still
+    /// be that of a file that was replaced under its path.
     CCachedFile GetCachedFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
                                     bool bReadWrite);
+    /// A client was told that there is no such path: no descriptor of a removed file stays behind. One that serves the
+    /// host's redirected files stays.
+    void DropMissingFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath);
     void CloseCachedFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath);
     /// Closes what lies at or below a path.
     void CloseAllCachedFileHandles(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath);
@@ -250,6 +261,8 @@ public:
                     char* pcStatus);
     int OS_FileWrite(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, const void* pvBuffer,
                      unsigned int iLen, char* pcStatus);
+    /// Waits until the file's data is with its storage (fdatasync). 0 or -1.
+    int OS_FileSync(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, char* pcStatus);
     long long OS_FileSeek(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, long long iOffset, int iWhence,
                           char* pcStatus);
     long long OS_FileTell(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, char* pcStatus);
@@ -264,6 +277,7 @@ public:
     int OS_FolderRemove(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, char* pcStatus);
     int OS_SetFileMode(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, unsigned int iMode,
                        char* pcStatus);
+    /// Makes the file if it is missing. What is not a regular file is not opened.
     bool OS_SetFileSize(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, unsigned long long iSize,
                         char* pcStatus);
     /// Links are not followed. With the status that was just found for the path, if there is one, nothing is asked.
@@ -273,9 +287,15 @@ public:
     int OS_FileForceOpen(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, char* pcStatus);
 
     // ==== File operations of the NFS procedures (UtilitiesFile.cpp, UtilitiesRename.cpp) =========================
+    // Only regular files are opened; what else a path names fails as a file that cannot be opened. Where a call has
+    // looked at the path it hands on what it found (pFound, of which nothing need be known): a cached descriptor of
+    // another file is not used.
 
+    /// The size of a regular file. An ordinary one is opened for it only where file access is logged, or nothing was
+    /// found yet; the default is for one that cannot be opened.
     unsigned long long GetFileSize(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
-                                   unsigned long long iDefaultSize);
+                                   unsigned long long iDefaultSize, const FoundStatus* pFound = nullptr);
+    /// Makes a file; one that is there stays as it is.
     bool NewFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath);
     /// Pairs of (set it, value); times in seconds and nanoseconds since 1970. Ordinary files take mode and size;
     /// owner and times are accepted and ignored. A redirected file's size and times are the host's to grant.
@@ -290,10 +310,14 @@ public:
     /// Reads up to iLen bytes; the result is their number, or -1. A redirected file may deliver more than iLen when
     /// zeros stand for a gap (up to GetReadRoom(iLen)); the buffer has that room.
     int ReadFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, unsigned long long iSeek,
-                 int iSeekType, void* pvBuffer, unsigned int iLen, bool* pbEof);
-    /// Writes with one call; the result is the byte count, or -1; for a redirected file the host's answer.
+                 int iSeekType, void* pvBuffer, unsigned int iLen, bool* pbEof, const FoundStatus* pFound = nullptr);
+    /// Writes with one call; the result is the byte count, or -1; for a redirected file the host's answer. While writes
+    /// are synchronous, the bytes are with the storage then, or the write failed.
     int WriteFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, unsigned long long iSeek,
-                  int iSeekType, const void* pvData, unsigned int iLen);
+                  int iSeekType, const void* pvData, unsigned int iLen, const FoundStatus* pFound = nullptr);
+    /// Off at first. Concerns ordinary files; takes effect with the next write.
+    void SetSyncWrites(bool bSyncWrites) { m_bSyncWrites = bSyncWrites; }
+    bool IsSyncWrites() const { return m_bSyncWrites; }
 
     // ==== File-system figures (UtilitiesFileSystem.cpp) =========================================================
     // Bytes or counts; all ones when the figure cannot be had.
@@ -387,6 +411,18 @@ protected:
 private:
     using OpenedFiles = std::map<std::string, OpenedFileInfo, std::less<>>;
 
+    /// What is wanted of the descriptor cache.
+    struct FileWish {
+        bool bReadWrite = false;  ///< to be opened for reading and writing, whatever the path
+        bool bClient = false;     ///< for a client: a regular file or none
+        bool bWrite = false;      ///< for a WRITE, which does not put up with a descriptor opened for reading alone
+        bool bCalled = false;     ///< by a call that found the path in an export
+        FoundStatus status;       ///< what a look at the path found, if there was one
+
+        /// The look of one who has none from elsewhere, links followed.
+        void LookAt(const char* pcPath);
+    };
+
     bool ScanMountInfos(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPathToCompare, bool bReachable,
                         MountInfo* pMountInfo);
 
@@ -398,10 +434,12 @@ private:
     bool FindMountInfoClash(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcLocalMountPath,
                             const char* pcExportName, char* pcStatus) REQUIRES(m_hMutexMountInfos);
     void ResetFileTableWithoutExports() REQUIRES(m_hMutexMountInfos);
-    CCachedFile OpenCachedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, bool bReadWrite)
-        REQUIRES(m_hMutexOpenedFileHandles);
-    int OpenForCache(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, int iFlags)
-        REQUIRES(m_hMutexOpenedFileHandles);
+    CCachedFile OpenCachedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                               const FileWish& wish) REQUIRES(m_hMutexOpenedFileHandles);
+    int OpenInMode(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, const FileWish& wish,
+                   bool bWrite, bool* pbReadOnly) REQUIRES(m_hMutexOpenedFileHandles);
+    int OpenForCache(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, int iFlags,
+                     const FileWish& wish, int* piError) REQUIRES(m_hMutexOpenedFileHandles);
     void StampLastAccess(OpenedFileInfo& info) REQUIRES(m_hMutexOpenedFileHandles);
     void CloseCachedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, OpenedFileInfo& info)
         REQUIRES(m_hMutexOpenedFileHandles);
@@ -409,6 +447,21 @@ private:
                                           OpenedFiles::iterator itOpened) REQUIRES(m_hMutexOpenedFileHandles);
     void ClearCachedFiles(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu) REQUIRES(m_hMutexOpenedFileHandles);
 
+    bool InsertMountInfo(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, MountInfo mountInfo, char* pcStatus);
+
+    // Ways into the descriptor cache.
+    CCachedFile GetClientFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, bool bWrite,
+                              const FoundStatus* pFound);
+    CCachedFile TakeCachedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                               const FileWish& wish);
+    bool IsLookDue(const char* pcPath);
+    static bool IsOtherFile(const OpenedFileInfo& info, const FoundStatus& found);
+    /// Closes the descriptor of a path that is found to name another file.
+    void DropReplacedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                          const FoundStatus& found);
+    /// Closes what lies at or below a folder; if asked for, only what was opened for reading alone.
+    void CloseCachedFilesWithin(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const std::string& sFolder,
+                                bool bReadOnlyOnes);
     /// Closes what lies below a path that was renamed.
     void CloseCachedFileHandlesBelow(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath);
 
@@ -416,7 +469,7 @@ private:
     bool ReadAt(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const CCachedFile& file, long long iOffset,
                 void* pvBuffer, unsigned int iLen, char* pcStatus, int* piRead);
     int ReadOpenedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const CCachedFile& file, long long iOffset,
-                       void* pvBuffer, unsigned int iLen, bool* pbEof);
+                       void* pvBuffer, unsigned int iLen, bool* pbEof, const FoundStatus* pFound);
     int WriteOpenedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const CCachedFile& file, long long iOffset,
                         const void* pvData, unsigned int iLen);
     long long SeekToEnd(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const CCachedFile& file);
@@ -434,8 +487,15 @@ private:
 
     /// Opens; running out of descriptors evicts from the cache and tries once more.
     int OpenWithRetry(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, int iFlags, mode_t iMode);
+    int CreateRegularWithRetry(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, mode_t iMode);
+    /// OS_FileCreate for a client: a regular file or none.
+    int CreateRegular(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath);
 
     // Log lines of system calls that are made in more than one place.
+    int ReportCreate(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, int iFile, int iError,
+                     char* pcStatus);
+    void ReportOpenMode(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, bool bWrite);
+    void ReportNotRegular(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, int iError);
     int ReportOpen(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, int iFile, int iError,
                    char* pcStatus);
     void ReportClose(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath);
@@ -465,6 +525,9 @@ private:
     Mutex m_hMutexOpenedFileHandles;
     OpenedFiles m_OpenedFileHandles GUARDED_BY(m_hMutexOpenedFileHandles);
     std::map<std::string, std::string, std::less<>> m_OpenedFileLastAccessList GUARDED_BY(m_hMutexOpenedFileHandles);
+
+    /// Each write to an ordinary file is flushed before it is answered.
+    std::atomic<bool> m_bSyncWrites{false};
 
     /// Exports by name.
     Mutex m_hMutexMountInfos;

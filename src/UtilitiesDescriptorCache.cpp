@@ -3,13 +3,21 @@
 // Entries share their descriptors with the operations that use them: dropping an entry never closes a descriptor
 // under somebody's hands. A path that could not be opened leaves an entry without descriptor, tried again at the next
 // request. The last-access index orders the entries by the second of their last use.
+//
+// A descriptor serves only while it is the file that its path names. A client's call has looked at its path and brings
+// what it found. The host's own files (sources and info files, whose paths no call looks at) are looked at here, once
+// in each second of their use, and stay in use while their path names nothing: what is open is better than nothing.
+#include <cerrno>
 #include <cstdio>
 #include <ctime>
+#include <iterator>
 #include <string_view>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 
 #include "DeferredLog.h"
+#include "PathProbe.h"
 #include "Utilities.h"
 
 namespace {
@@ -27,6 +35,12 @@ std::string MakeTimeKey(std::time_t iTime, int iFile) {
     return vcKey;
 }
 
+/// Failures to open for reading and writing that leave reading to try: a read-only file system, no right to write, a
+/// file marked as unchangeable, a program that is running.
+bool IsRefusedToWriters(int iError) {
+    return iError == EROFS || iError == EACCES || iError == EPERM || iError == ETXTBSY;
+}
+
 }  // namespace
 
 CCachedFile CUtilities::GetCachedFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
@@ -34,18 +48,113 @@ CCachedFile CUtilities::GetCachedFileHandle(CRuntimeParam* pRuntimeParam, LogArg
     if (pcPath == nullptr || pcPath[0] == '\0') {
         return {};
     }
+    FileWish wish;
+    wish.bReadWrite = bReadWrite;
+    if (IsLookDue(pcPath)) {
+        wish.LookAt(pcPath);
+    }
+    return TakeCachedFile(pRuntimeParam, pLogArgu, pcPath, wish);
+}
+
+CCachedFile CUtilities::GetClientFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, bool bWrite,
+                                      const FoundStatus* pFound) {
+    if (pcPath == nullptr || pcPath[0] == '\0') {
+        return {};
+    }
+    FileWish wish;
+    wish.bClient = true;
+    wish.bWrite = bWrite;
+    wish.bCalled = pFound != nullptr;
+    if (pFound != nullptr && pFound->bKnown) {
+        wish.status = *pFound;
+    } else if (pFound != nullptr || IsLookDue(pcPath)) {
+        wish.LookAt(pcPath);
+    }
+    return TakeCachedFile(pRuntimeParam, pLogArgu, pcPath, wish);
+}
+
+/// Made without the lock: a file system may take its time.
+void CUtilities::FileWish::LookAt(const char* pcPath) {
+    status.bKnown = ::stat(pcPath, &status.status) == 0;
+    status.bLinks = true;
+}
+
+/// Whether a second has begun since an open entry's path was looked at.
+bool CUtilities::IsLookDue(const char* pcPath) {
+    MutexLock lock(m_hMutexOpenedFileHandles);
+    const auto itOpened = m_OpenedFileHandles.find(std::string_view(pcPath));
+    return itOpened != m_OpenedFileHandles.end() && itOpened->second.iFile.IsOpen() &&
+           itOpened->second.iLastAccess != std::time(nullptr);
+}
+
+CCachedFile CUtilities::TakeCachedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                                       const FileWish& wish) {
+    const CDeferredLog deferred;
+    MutexLock lock(m_hMutexOpenedFileHandles);
+    auto itOpened = m_OpenedFileHandles.find(std::string_view(pcPath));
+    if (itOpened != m_OpenedFileHandles.end() && itOpened->second.iFile.IsOpen() &&
+        IsOtherFile(itOpened->second, wish.status)) {
+        EraseCachedFile(pRuntimeParam, pLogArgu, itOpened);
+        itOpened = m_OpenedFileHandles.end();
+    }
+    if (wish.bClient && wish.status.bKnown && !IsRegularFile(wish.status.status)) {
+        ReportNotRegular(pRuntimeParam, pLogArgu, pcPath, errno);
+        return {};
+    }
+    if (itOpened == m_OpenedFileHandles.end() || !itOpened->second.iFile.IsOpen()) {
+        return OpenCachedFile(pRuntimeParam, pLogArgu, pcPath, wish);
+    }
+    if (wish.bWrite && itOpened->second.bReadOnly) {
+        // It may be written to by now.
+        EraseCachedFile(pRuntimeParam, pLogArgu, itOpened);
+        return OpenCachedFile(pRuntimeParam, pLogArgu, pcPath, wish);
+    }
+    OpenedFileInfo& info = itOpened->second;
+    info.bHost = info.bHost || !wish.bClient;
+    StampLastAccess(info);
+    return info.iFile;
+}
+
+/// Is the file that a look found not the one that an entry has open? An unknown look says nothing.
+bool CUtilities::IsOtherFile(const OpenedFileInfo& info, const FoundStatus& found) {
+    return found.bKnown && info.identity != FileIdentity(found.status);
+}
+
+void CUtilities::DropReplacedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                                  const FoundStatus& found) {
     const CDeferredLog deferred;
     MutexLock lock(m_hMutexOpenedFileHandles);
     const auto itOpened = m_OpenedFileHandles.find(std::string_view(pcPath));
-    if (itOpened == m_OpenedFileHandles.end() || !itOpened->second.iFile.IsOpen()) {
-        return OpenCachedFile(pRuntimeParam, pLogArgu, pcPath, bReadWrite);
+    if (itOpened != m_OpenedFileHandles.end() && itOpened->second.iFile.IsOpen() &&
+        IsOtherFile(itOpened->second, found)) {
+        EraseCachedFile(pRuntimeParam, pLogArgu, itOpened);
     }
-    StampLastAccess(itOpened->second);
-    return itOpened->second.iFile;
+}
+
+void CUtilities::DropMissingFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath) {
+    const CDeferredLog deferred;
+    MutexLock lock(m_hMutexOpenedFileHandles);
+    const auto itOpened = m_OpenedFileHandles.find(std::string_view(pcPath));
+    if (itOpened != m_OpenedFileHandles.end() && itOpened->second.iFile.IsOpen() && !itOpened->second.bHost) {
+        EraseCachedFile(pRuntimeParam, pLogArgu, itOpened);
+    }
+}
+
+/// What is not to be opened for a client fails as if it could not be.
+void CUtilities::ReportNotRegular(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, int iError) {
+    const bool bWrite = GetMountInfoByPath(pRuntimeParam, pLogArgu, pcPath, nullptr);
+    ReportOpenMode(pRuntimeParam, pLogArgu, pcPath, bWrite);
+    ReportOpen(pRuntimeParam, pLogArgu, pcPath, -1, iError, nullptr);
+}
+
+void CUtilities::ReportOpenMode(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, bool bWrite) {
+    if (pRuntimeParam->IsLogFileAccess()) {
+        LogInfo(pRuntimeParam, "[%s] open %s mode %s", pLogArgu->pcName, bWrite ? "read/write" : "read only", pcPath);
+    }
 }
 
 CCachedFile CUtilities::OpenCachedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
-                                       bool bReadWrite) {
+                                       const FileWish& wish) {
     OpenedFileInfo info;
     const auto itFailed = m_OpenedFileHandles.find(std::string_view(pcPath));
     if (itFailed != m_OpenedFileHandles.end()) {
@@ -54,17 +163,38 @@ CCachedFile CUtilities::OpenCachedFile(CRuntimeParam* pRuntimeParam, LogArgu* pL
     if (m_OpenedFileHandles.size() >= kMaxCachedFiles) {
         CloseExceededCachedFileHandle(pRuntimeParam, pLogArgu);
     }
-    const bool bWrite = bReadWrite || GetMountInfoByPath(pRuntimeParam, pLogArgu, pcPath, nullptr);
-    if (pRuntimeParam->IsLogFileAccess()) {
-        LogInfo(pRuntimeParam, "[%s] open %s mode %s", pLogArgu->pcName, bWrite ? "read/write" : "read only", pcPath);
+    const bool bWrite = wish.bReadWrite || GetMountInfoByPath(pRuntimeParam, pLogArgu, pcPath, nullptr);
+    const int iFile = OpenInMode(pRuntimeParam, pLogArgu, pcPath, wish, bWrite, &info.bReadOnly);
+    if (wish.bCalled && !bWrite) {
+        return CCachedFile(iFile);  // its export was removed during the call: nothing stays open below it
     }
-    info.iFile = CCachedFile(OpenForCache(pRuntimeParam, pLogArgu, pcPath, bWrite ? O_RDWR : O_RDONLY));
+    struct stat status {};
+    if (iFile != -1 && ::fstat(iFile, &status) == 0) {
+        info.identity = FileIdentity(status);
+    }
+    info.iFile = CCachedFile(iFile);
     info.sPath = pcPath;
     info.iLastAccess = 0;
+    info.bHost = !wish.bClient;
     StampLastAccess(info);
     CCachedFile file = info.iFile;
     m_OpenedFileHandles.insert_or_assign(pcPath, std::move(info));
     return file;
+}
+
+/// Opens for reading and writing, and what refuses that for reading alone unless writing was asked for.
+int CUtilities::OpenInMode(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, const FileWish& wish,
+                           bool bWrite, bool* pbReadOnly) {
+    *pbReadOnly = !bWrite;
+    ReportOpenMode(pRuntimeParam, pLogArgu, pcPath, bWrite);
+    int iError = 0;
+    const int iFile = OpenForCache(pRuntimeParam, pLogArgu, pcPath, bWrite ? O_RDWR : O_RDONLY, wish, &iError);
+    if (iFile != -1 || !bWrite || wish.bReadWrite || !IsRefusedToWriters(iError)) {
+        return iFile;
+    }
+    *pbReadOnly = true;
+    ReportOpenMode(pRuntimeParam, pLogArgu, pcPath, false);
+    return OpenForCache(pRuntimeParam, pLogArgu, pcPath, O_RDONLY, wish, &iError);
 }
 
 /// Moves an entry to the end of the last-access index. Within one second its key stays the same.
@@ -134,6 +264,28 @@ void CUtilities::CloseAllCachedFileHandles(CRuntimeParam* pRuntimeParam, LogArgu
         if (bLog) {
             itOpened = m_OpenedFileHandles.begin();  // the walk restarts; without a log nobody can tell
         }
+    }
+}
+
+void CUtilities::CloseCachedFilesWithin(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const std::string& sFolder,
+                                        bool bReadOnlyOnes) {
+    if (sFolder.empty()) {
+        return;  // nothing lies in a folder without a name
+    }
+    std::string sPrefix = sFolder;
+    SetPathToCompare(sPrefix);
+    const CDeferredLog deferred;
+    MutexLock lock(m_hMutexOpenedFileHandles);
+    const auto isMeant = [bReadOnlyOnes](const OpenedFileInfo& info) {
+        return !bReadOnlyOnes || (info.iFile.IsOpen() && info.bReadOnly);
+    };
+    const auto itItself = m_OpenedFileHandles.find(sFolder);
+    if (itItself != m_OpenedFileHandles.end() && isMeant(itItself->second)) {
+        EraseCachedFile(pRuntimeParam, pLogArgu, itItself);
+    }
+    auto itOpened = m_OpenedFileHandles.lower_bound(sPrefix);
+    while (itOpened != m_OpenedFileHandles.end() && itOpened->first.starts_with(sPrefix)) {
+        itOpened = isMeant(itOpened->second) ? EraseCachedFile(pRuntimeParam, pLogArgu, itOpened) : std::next(itOpened);
     }
 }
 

@@ -9,6 +9,7 @@
 
 #include "DeferredLog.h"
 #include "FileOwner.h"
+#include "PathProbe.h"
 #include "RedirectedFile.h"
 #include "Utilities.h"
 
@@ -27,11 +28,15 @@ long long SeekRelatively(const CCachedFile& file, unsigned long long iSeek, int 
 }  // namespace
 
 unsigned long long CUtilities::GetFileSize(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
-                                           unsigned long long iDefaultSize) {
+                                           unsigned long long iDefaultSize, const FoundStatus* pFound) {
     if (const auto pRedirected = GetRedirectedFile(pcPath)) {
         return static_cast<unsigned long long>(pRedirected->GetFileSize());
     }
-    const CCachedFile file = GetCachedFileHandle(pRuntimeParam, pLogArgu, pcPath, false);
+    if (pFound != nullptr && pFound->bKnown && !pRuntimeParam->IsLogFileAccess()) {
+        DropReplacedFile(pRuntimeParam, pLogArgu, pcPath, *pFound);
+        return static_cast<unsigned long long>(pFound->status.st_size);
+    }
+    const CCachedFile file = GetClientFile(pRuntimeParam, pLogArgu, pcPath, false, pFound);
     if (!file.IsOpen()) {
         return iDefaultSize;
     }
@@ -40,7 +45,7 @@ unsigned long long CUtilities::GetFileSize(CRuntimeParam* pRuntimeParam, LogArgu
 }
 
 bool CUtilities::NewFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath) {
-    const int iFile = OS_FileCreate(pRuntimeParam, pLogArgu, pcPath, nullptr);
+    const int iFile = CreateRegular(pRuntimeParam, pLogArgu, pcPath);
     if (iFile == -1) {
         return false;
     }
@@ -92,7 +97,7 @@ bool CUtilities::UpdateFileAttributes(CRuntimeParam* pRuntimeParam, LogArgu* pLo
 }
 
 int CUtilities::ReadFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, unsigned long long iSeek,
-                         int iSeekType, void* pvBuffer, unsigned int iLen, bool* pbEof) {
+                         int iSeekType, void* pvBuffer, unsigned int iLen, bool* pbEof, const FoundStatus* pFound) {
     if (pRuntimeParam->IsLogFileAccess()) {
         LogInfo(pRuntimeParam, "[%s] Read file, path=%s, iSeek=%llu, iSeekType=%d, length=%u", pLogArgu->pcName, pcPath,
                 iSeek, iSeekType, iLen);
@@ -101,17 +106,18 @@ int CUtilities::ReadFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const 
     if (auto pRedirected = GetRedirectedFile(pcPath)) {
         return ReadRedirectedFile(pRuntimeParam, pcPath, std::move(pRedirected), iSeek, pvBuffer, iLen, pbEof);
     }
-    const CCachedFile file = GetCachedFileHandle(pRuntimeParam, pLogArgu, pcPath, false);
+    const CCachedFile file = GetClientFile(pRuntimeParam, pLogArgu, pcPath, false, pFound);
     if (!file.IsOpen()) {
         return -1;
     }
     if (iSeekType == SEEK_SET) {
-        return ReadOpenedFile(pRuntimeParam, pLogArgu, file, static_cast<long long>(iSeek), pvBuffer, iLen, pbEof);
+        return ReadOpenedFile(pRuntimeParam, pLogArgu, file, static_cast<long long>(iSeek), pvBuffer, iLen, pbEof,
+                              pFound);
     }
     const CDeferredLog deferred;
     MutexLock lock(file.GetPositionMutex());
     const long long iOffset = SeekRelatively(file, iSeek, iSeekType);
-    return ReadOpenedFile(pRuntimeParam, pLogArgu, file, iOffset, pvBuffer, iLen, pbEof);
+    return ReadOpenedFile(pRuntimeParam, pLogArgu, file, iOffset, pvBuffer, iLen, pbEof, pFound);
 }
 
 /// Closing cuts a read short. Where another file has taken this one's place, that one answers; the disk never does.
@@ -131,19 +137,27 @@ int CUtilities::ReadRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcP
 }
 
 int CUtilities::ReadOpenedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const CCachedFile& file,
-                               long long iOffset, void* pvBuffer, unsigned int iLen, bool* pbEof) {
+                               long long iOffset, void* pvBuffer, unsigned int iLen, bool* pbEof,
+                               const FoundStatus* pFound) {
     int iRead = -1;
     if (!ReadAt(pRuntimeParam, pLogArgu, file, iOffset, pvBuffer, iLen, nullptr, &iRead)) {
         return -1;
     }
     ReportTell(pRuntimeParam, pLogArgu, file.Get());
     const long long iPosition = iRead == -1 ? iOffset : iOffset + iRead;
+    // A whole read that ends before the size just found need not ask for the end; the position counts as left there.
+    if (pFound != nullptr && pFound->bKnown && iRead == static_cast<int>(iLen) && iPosition < pFound->status.st_size &&
+        !pRuntimeParam->IsLogFileAccess()) {
+        file.LeavePosition(pFound->status.st_size);
+        *pbEof = false;
+        return iRead;
+    }
     *pbEof = iPosition >= SeekToEnd(pRuntimeParam, pLogArgu, file);
     return iRead;
 }
 
 int CUtilities::WriteFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, unsigned long long iSeek,
-                          int iSeekType, const void* pvData, unsigned int iLen) {
+                          int iSeekType, const void* pvData, unsigned int iLen, const FoundStatus* pFound) {
     if (pRuntimeParam->IsLogFileAccess()) {
         LogInfo(pRuntimeParam, "[%s] Write file, path=%s, iSeek=%llu, iSeekType=%d, length=%u", pLogArgu->pcName,
                 pcPath, iSeek, iSeekType, iLen);
@@ -152,7 +166,7 @@ int CUtilities::WriteFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const
         CFileOwner owner(this, pRuntimeParam, pcPath);
         return LogWriteRedirectedFile(owner.GetParam(), pcPath, iSeek, iSeekType, iLen);
     }
-    const CCachedFile file = GetCachedFileHandle(pRuntimeParam, pLogArgu, pcPath, false);
+    const CCachedFile file = GetClientFile(pRuntimeParam, pLogArgu, pcPath, true, pFound);
     if (!file.IsOpen()) {
         return -1;
     }
@@ -168,8 +182,12 @@ int CUtilities::WriteFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const
 int CUtilities::WriteOpenedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const CCachedFile& file,
                                 long long iOffset, const void* pvData, unsigned int iLen) {
     const int iWritten = OS_FileWriteAt(pRuntimeParam, pLogArgu, file, iOffset, pvData, iLen, nullptr);
-    if (iWritten != -1) {
-        file.LeavePosition(iOffset + iWritten);
+    if (iWritten == -1) {
+        return -1;
+    }
+    file.LeavePosition(iOffset + iWritten);
+    if (m_bSyncWrites && OS_FileSync(pRuntimeParam, pLogArgu, file.Get(), nullptr) == -1) {
+        return -1;
     }
     return iWritten;
 }

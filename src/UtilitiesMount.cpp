@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 #include <string_view>
+#include <utility>
 
 #include "DeferredLog.h"
 #include "Reason.h"
@@ -56,8 +57,19 @@ bool CUtilities::AddMountInfo(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, c
     const std::string sExportName = pcExportName != nullptr ? pcExportName : "";
 
     const CDeferredLog deferred;
+    if (!InsertMountInfo(pRuntimeParam, pLogArgu,
+                         {sCanonical, sExportName, pcIpcID != nullptr ? pcIpcID : "", std::string()}, pcStatus)) {
+        return false;
+    }
+    // What was opened before as the source of a redirected file could not be written to.
+    CloseCachedFilesWithin(pRuntimeParam, pLogArgu, sCanonical, true);
+    return true;
+}
+
+bool CUtilities::InsertMountInfo(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, MountInfo mountInfo, char* pcStatus) {
+    const std::string& sExportName = mountInfo.sExportName;
     MutexLock lock(m_hMutexMountInfos);
-    if (FindMountInfoClash(pRuntimeParam, pLogArgu, sCanonical.c_str(), sExportName.c_str(), pcStatus)) {
+    if (FindMountInfoClash(pRuntimeParam, pLogArgu, mountInfo.sLocalMountPath.c_str(), sExportName.c_str(), pcStatus)) {
         return false;
     }
     const std::size_t iInvalid = sExportName.find_first_of("/ ");
@@ -65,8 +77,8 @@ bool CUtilities::AddMountInfo(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, c
         WriteReason(pcStatus, "Invalid char \"%c\" inside export name", sExportName[iInvalid]);
         return false;
     }
-    m_MountInfos.insert_or_assign(sExportName,
-                                  MountInfo{sCanonical, sExportName, pcIpcID != nullptr ? pcIpcID : "", std::string()});
+    const std::string sKey = sExportName;
+    m_MountInfos.insert_or_assign(sKey, std::move(mountInfo));
     return true;
 }
 
@@ -98,28 +110,54 @@ bool CUtilities::FindMountInfoClash(CRuntimeParam* pRuntimeParam, LogArgu* pLogA
 void CUtilities::RemoveMountInfoByLocalMountPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
                                                  const char* pcLocalMountPath) {
     const std::string sCanonical = GetCanonicalText(pRuntimeParam, pLogArgu, pcLocalMountPath);
-    MutexLock lock(m_hMutexMountInfos);
-    const auto itMount = std::ranges::find_if(
-        m_MountInfos, [&sCanonical](const auto& mount) { return mount.second.sLocalMountPath == sCanonical; });
-    if (itMount != m_MountInfos.end()) {
+    {
+        MutexLock lock(m_hMutexMountInfos);
+        const auto itMount = std::ranges::find_if(
+            m_MountInfos, [&sCanonical](const auto& mount) { return mount.second.sLocalMountPath == sCanonical; });
+        if (itMount == m_MountInfos.end()) {
+            ResetFileTableWithoutExports();
+            return;
+        }
         m_MountInfos.erase(itMount);
+        ResetFileTableWithoutExports();
     }
-    ResetFileTableWithoutExports();
+    CloseCachedFilesWithin(pRuntimeParam, pLogArgu, sCanonical, false);
 }
 
 void CUtilities::RemoveMountInfoByExportName(const char* pcExportName) {
-    MutexLock lock(m_hMutexMountInfos);
-    const auto itMount = m_MountInfos.find(pcExportName != nullptr ? pcExportName : "");
-    if (itMount != m_MountInfos.end()) {
+    std::string sLocalMountPath;
+    {
+        MutexLock lock(m_hMutexMountInfos);
+        const auto itMount = m_MountInfos.find(pcExportName != nullptr ? pcExportName : "");
+        if (itMount == m_MountInfos.end()) {
+            ResetFileTableWithoutExports();
+            return;
+        }
+        sLocalMountPath = itMount->second.sLocalMountPath;
         m_MountInfos.erase(itMount);
+        ResetFileTableWithoutExports();
     }
-    ResetFileTableWithoutExports();
+    CRuntimeParam silent("", 0);
+    LogArgu logArgu{"RemoveMountInfoByExportName"};
+    CloseCachedFilesWithin(&silent, &logArgu, sLocalMountPath, false);
 }
 
 void CUtilities::RemoveAllMountInfo() {
-    MutexLock lock(m_hMutexMountInfos);
-    m_MountInfos.clear();
-    ResetFileTableWithoutExports();
+    CRuntimeParam silent("", 0);
+    LogArgu logArgu{"RemoveAllMountInfo"};
+    RemoveAllMountInfo(&silent, &logArgu);
+}
+
+void CUtilities::RemoveAllMountInfo(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu) {
+    decltype(m_MountInfos) mountInfos;
+    {
+        MutexLock lock(m_hMutexMountInfos);
+        mountInfos.swap(m_MountInfos);
+        ResetFileTableWithoutExports();
+    }
+    for (const auto& [sName, mount] : mountInfos) {
+        CloseCachedFilesWithin(pRuntimeParam, pLogArgu, mount.sLocalMountPath, false);
+    }
 }
 
 /// With the last export go the handles that clients hold.

@@ -8,6 +8,7 @@
 
 #include "PathProbe.h"
 #include "Reason.h"
+#include "RegularFile.h"
 #include "Utilities.h"
 
 namespace {
@@ -16,10 +17,6 @@ namespace {
 constexpr mode_t kNewFileMode = 0666;
 constexpr mode_t kResizedFileMode = 0755;
 constexpr unsigned int kNewFolderMode = 0755;
-
-/// On every open: no child inherits the descriptor, nothing waits for the other end of a pipe or a line, and no
-/// terminal becomes the process's own. Regular files do not care.
-constexpr int kOpenFlags = O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
 
 /// The text of a failure, written to the caller's reason buffer too.
 class ErrorText {
@@ -50,8 +47,29 @@ private:
 
 int CUtilities::OS_FileCreate(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, char* pcStatus) {
     const int iFile = OpenWithRetry(pRuntimeParam, pLogArgu, pcPath, O_RDWR | O_CREAT, kNewFileMode);
+    return ReportCreate(pRuntimeParam, pLogArgu, pcPath, iFile, errno, pcStatus);
+}
+
+int CUtilities::CreateRegular(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath) {
+    const int iFile = CreateRegularWithRetry(pRuntimeParam, pLogArgu, pcPath, kNewFileMode);
+    return ReportCreate(pRuntimeParam, pLogArgu, pcPath, iFile, errno, nullptr);
+}
+
+int CUtilities::CreateRegularWithRetry(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                                       mode_t iMode) {
+    const int iFile = CreateRegularFile(pcPath, iMode);
+    if (iFile != -1 || errno != EMFILE) {
+        return iFile;
+    }
+    FreeCachedFileHandles(pRuntimeParam, pLogArgu);
+    return CreateRegularFile(pcPath, iMode);
+}
+
+/// Logs how the making of a file went; returns its descriptor.
+int CUtilities::ReportCreate(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, int iFile, int iError,
+                             char* pcStatus) {
     if (iFile == -1) {
-        const ErrorText error(errno, pcStatus);
+        const ErrorText error(iError, pcStatus);
         if (pRuntimeParam->IsLogError()) {
             LogError(pRuntimeParam, "[%s] OS create file \"%s\". Error=%s", pLogArgu->pcName, pcPath, error.Get());
         }
@@ -118,13 +136,20 @@ int CUtilities::OpenWithRetry(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, c
     return ::open(pcPath, iFlags | kOpenFlags, iMode);
 }
 
-int CUtilities::OpenForCache(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, int iFlags) {
-    int iFile = ::open(pcPath, iFlags | kOpenFlags);
+int CUtilities::OpenForCache(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, int iFlags,
+                             const FileWish& wish, int* piError) {
+    const auto open = [pcPath, iFlags, &wish] {
+        // Where the look met no link, there is to be none now.
+        const PathLinks links = wish.status.bKnown && !wish.status.bLinks ? PathLinks::kRefused : PathLinks::kFollowed;
+        return wish.bClient ? OpenRegularFile(pcPath, iFlags, links) : ::open(pcPath, iFlags | kOpenFlags);
+    };
+    int iFile = open();
     if (iFile == -1 && errno == EMFILE) {
         CloseExceededCachedFileHandle(pRuntimeParam, pLogArgu);
-        iFile = ::open(pcPath, iFlags | kOpenFlags);
+        iFile = open();
     }
-    return ReportOpen(pRuntimeParam, pLogArgu, pcPath, iFile, errno, nullptr);
+    *piError = errno;
+    return ReportOpen(pRuntimeParam, pLogArgu, pcPath, iFile, *piError, nullptr);
 }
 
 /// Logs how an open went; returns its descriptor.
@@ -197,7 +222,7 @@ int CUtilities::OS_SetFileMode(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, 
 
 bool CUtilities::OS_SetFileSize(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
                                 unsigned long long iSize, char* pcStatus) {
-    const int iFile = OpenWithRetry(pRuntimeParam, pLogArgu, pcPath, O_RDWR | O_CREAT, kResizedFileMode);
+    const int iFile = CreateRegularWithRetry(pRuntimeParam, pLogArgu, pcPath, kResizedFileMode);
     struct stat attributes {};
     bool bSuccess = iFile != -1 && ::fstat(iFile, &attributes) == 0;
     const bool bDiffers = bSuccess && static_cast<unsigned long long>(attributes.st_size) != iSize;
@@ -327,6 +352,24 @@ void CUtilities::ReportWrite(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, in
     } else if (pRuntimeParam->IsLogFileAccess()) {
         LogInfo(pRuntimeParam, "[%s] OS write file (%d)", pLogArgu->pcName, iFile);
     }
+}
+
+int CUtilities::OS_FileSync(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, char* pcStatus) {
+    int iResult = -1;
+    if (iFile != -1) {
+        do {
+            iResult = ::fdatasync(iFile);
+        } while (iResult == -1 && errno == EINTR);
+    }
+    if (iResult == -1) {
+        const DescriptorErrorText error(iFile, errno, pcStatus);
+        if (pRuntimeParam->IsLogError()) {
+            LogError(pRuntimeParam, "[%s] OS sync file (%d). Error=%s", pLogArgu->pcName, iFile, error.Get());
+        }
+    } else if (pRuntimeParam->IsLogFileAccess()) {
+        LogInfo(pRuntimeParam, "[%s] OS sync file (%d)", pLogArgu->pcName, iFile);
+    }
+    return iResult;
 }
 
 long long CUtilities::OS_FileSeek(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, long long iOffset,

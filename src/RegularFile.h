@@ -1,0 +1,35 @@
+// Opening regular files, and nothing else, by path.
+#pragma once
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+
+/// On every open: no child inherits the descriptor, nothing waits for the other end of a pipe or a line, and no
+/// terminal becomes the process's own. Regular files do not care.
+inline constexpr int kOpenFlags = O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+
+/// Which file a look at a path, or an open descriptor, found. While the file is open no other one has the same
+/// identity.
+struct FileIdentity {
+    FileIdentity() = default;
+    explicit FileIdentity(const struct stat& status) : iDevice(status.st_dev), iInode(status.st_ino) {}
+    bool operator==(const FileIdentity&) const = default;
+
+    dev_t iDevice = 0;
+    ino_t iInode = 0;
+};
+
+/// What symbolic links in a path are to an open: followed, or a reason to fail (ELOOP).
+enum class PathLinks { kFollowed, kRefused };
+
+/// Is what the status tells of a regular file? Otherwise errno says why it is not opened: EISDIR for a folder,
+/// EOPNOTSUPP for a device, a FIFO or a socket.
+bool IsRegularFile(const struct stat& status);
+
+/// Opens an existing regular file. What else a path names is never opened, whoever puts it there and when: opening a
+/// device or a FIFO may already have an effect. The descriptor, or -1 with errno set.
+int OpenRegularFile(const char* pcPath, int iFlags, PathLinks links);
+
+/// Makes a regular file, or opens the one that is there, for reading and writing. The descriptor, or -1 with errno set.
+int CreateRegularFile(const char* pcPath, mode_t iMode);
