@@ -49,6 +49,9 @@ std::unique_ptr<CNfsMain> CreateController(const ConsoleOptions& options) {
             return nullptr;
     }
     pNfsMain->EnableAutoShutdown(true);
+    if (options.bSync) {
+        pNfsMain->SetSyncWrites(true);
+    }
     return pNfsMain;
 }
 

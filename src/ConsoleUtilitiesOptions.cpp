@@ -23,6 +23,8 @@ std::optional<int> ConsoleOptions::Parse(CConsoleUtilities& console, const char*
             bShutdownMode = true;
         } else if (sOption == kOptionQuery) {
             bQueryMode = true;
+        } else if (sOption == kOptionSync) {
+            bSync = true;
         } else if (++i < vTokens.size() && !SetValue(console, sOption, vTokens[i])) {
             return 1;
         }

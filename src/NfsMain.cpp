@@ -3,6 +3,8 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <utility>
 
 #include "Callback.h"
@@ -27,6 +29,14 @@ constexpr int kStatusReachable = 1;
 constexpr int kStatusRunning = 2;
 constexpr int kStatusDebugAction = 4;
 
+/// The variable by which a host, which has no command line, asks for synchronous writes: "1"; all else means no.
+constexpr const char* kSyncVariable = "NFSLIB_SYNC";
+
+bool IsSyncAskedFor() {
+    const char* pcValue = std::getenv(kSyncVariable);
+    return pcValue != nullptr && std::strcmp(pcValue, "1") == 0;
+}
+
 }  // namespace
 
 // ==== Construction ===================================================================================================
@@ -40,6 +50,7 @@ CNfsMain::CNfsMain(const char* pcLogID, int iLogControl) {
 void CNfsMain::InitMemberVaribles(const char* pcLogID, int iLogControl) {
     m_pRuntimeParam = std::make_unique<CRuntimeParam>(pcLogID, iLogControl);
     m_pUtilities = CreateUtilities();  // NOLINT(clang-analyzer-optin.cplusplus.VirtualCall): each class its own
+    m_pUtilities->SetSyncWrites(IsSyncAskedFor());
     m_bNetworkInitialized = false;
     m_bServerRunning = false;
     m_bAutoShutdownEnabled = false;
@@ -240,6 +251,10 @@ std::shared_ptr<CCallback> CNfsMain::GetCallback() {
 
 void CNfsMain::SetFileLogger(CFileLogger* pFileLogger) {
     m_pUtilities->SetFileLogger(pFileLogger);
+}
+
+void CNfsMain::SetSyncWrites(bool bSyncWrites) {
+    m_pUtilities->SetSyncWrites(bSyncWrites);
 }
 
 void CNfsMain::EnableAutoShutdown(bool bEnable) {

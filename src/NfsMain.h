@@ -167,6 +167,10 @@ public:
     /// Not owned; it outlives the controller, or null is set before it goes.
     void SetFileLogger(CFileLogger* pFileLogger);
 
+    /// Each WRITE to an ordinary file is flushed before its reply. Off at first, unless the environment of the process
+    /// has NFSLIB_SYNC=1 when the controller is made.
+    void SetSyncWrites(bool bSyncWrites);
+
     /// The registries and the runtime parameter; both live as long as the controller.
     CUtilities* GetUtilities() { return m_pUtilities.get(); }
     CRuntimeParam* GetRuntimeParam() { return m_pRuntimeParam.get(); }

@@ -252,6 +252,13 @@ TEST_F(UtilitiesDescriptorLooksTest, RemovedExportLeavesNothingOpenByWhateverKey
     EXPECT_EQ(Get(sBeside).Get(), iBeside);
 }
 
+TEST_F(UtilitiesDescriptorLooksTest, ExportOfAnEmptyPathClosesNothingWhenItGoes) {
+    const int iFile = Get(MakeFile("f", "data")).Get();
+    ASSERT_TRUE(m_Utilities.AddMountInfo(&m_Param, &m_Tag, "", "nothing", "", nullptr));
+    m_Utilities.RemoveMountInfoByExportName("nothing");
+    EXPECT_EQ(Get(m_Folder / "f").Get(), iFile);
+}
+
 // The export may go between a call's check and its open: what the call opens then does not stay behind.
 TEST_F(UtilitiesDescriptorLooksTest, CallThatOutlivesItsExportLeavesNothingOpen) {
     if (!MountAt("fs")) {
