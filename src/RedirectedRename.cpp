@@ -2,7 +2,6 @@
 #include "RedirectedRename.h"
 
 #include <algorithm>
-#include <ranges>
 
 #include "FileOwner.h"
 #include "RedirectedFile.h"
@@ -68,7 +67,8 @@ void CRedirectedRename::MoveBack() {
     for (const Renamed& file : m_vFiles) {
         m_pUtilities->RenameRedirectedFile(m_pCaller, file.sTo.c_str(), file.sFrom.c_str());
     }
-    for (const Question& question : m_vQuestions | std::views::take(m_nAsked) | std::views::reverse) {
+    for (std::size_t i = m_nAsked; i > 0; --i) {
+        const Question& question = m_vQuestions[i - 1];
         if (question.bAgreed) {
             const Renamed& file = m_vFiles[question.iFile];
             CFileOwner owner(m_pUtilities, m_pCaller, (question.bNewOwner ? file.sTo : file.sFrom).c_str());
