@@ -17,6 +17,8 @@
 #include "RuntimeParam.h"
 
 struct FoundStatus;
+struct MountInfo;
+enum class MountAccess;
 
 /// Answers calls on the files below the exports. A client reaches only what lies in an export once links are resolved.
 ///
@@ -94,8 +96,9 @@ public:
     static void Read(CInputStream* pInput, unsigned long* plValue);
     static void Read(CInputStream* pInput, nfstime3* pTime);
     static void Read(CInputStream* pInput, opaque* pOpaque);
-    /// A text of kPathBufferSize bytes or more is consumed and taken as empty.
-    static void Read(CInputStream* pInput, COpaquePath* pPath, bool bSkip);
+    /// A text of kPathBufferSize bytes or more is consumed and taken as empty, one with a NUL inside ends there: false
+    /// for these two.
+    static bool Read(CInputStream* pInput, COpaquePath* pPath, bool bSkip);
     static void Read(CInputStream* pInput, sattr3* pAttributes, bool bSkip);
     static void Read(CInputStream* pInput, sattrguard3* pGuard);
     static void Read(CInputStream* pInput, createhow3* pHow);
@@ -123,15 +126,22 @@ public:
     /// Reads a directory handle and a name, and finds the entry's path: links resolved as far as it exists. False,
     /// with the path left empty, if the handle names nothing or the path does not fit kPathBufferSize. *pbResolved, if
     /// given, tells whether the entry exists; its path holds no link then. *pStatus, if given, may be filled.
+    /// *pbEntryName, if given, tells whether the name is one that an entry can have.
     bool ReadPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CInputStream* pInput, diropargs3* pDirOp,
-                  std::string* psPath, bool* pbResolved = nullptr, FoundStatus* pStatus = nullptr);
+                  std::string* psPath, bool* pbResolved = nullptr, FoundStatus* pStatus = nullptr,
+                  bool* pbEntryName = nullptr);
+    /// The same for the entry itself, to be made, removed or renamed: its folder's links are resolved, and it may be a
+    /// link, which is not followed. The path is empty for a name that no entry can have (too long, or with a NUL
+    /// inside), and one of no entry (IsFolderItself) for a name that stands for a folder: none, "." or "..".
+    bool ReadEntryPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CInputStream* pInput, diropargs3* pDirOp,
+                       std::string* psPath, bool* pbExists);
 
     /// Finds the export of a path and makes the call's runtime parameter carry its name and IPC ID. NFS3ERR_IO for a
-    /// path in no export.
+    /// path in no export, or in one that another client has mounted.
     nfsstat3 CheckProcessParam(ProcessParam* pParam, LogArgu* pLogArgu, const char* pcPath);
     /// NFS3ERR_STALE for a null path. If it must exist: NFS3ERR_IO for one that does not (its last link followed), or
-    /// that links lead out of the exports.
-    nfsstat3 CheckPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, bool bMustExist,
+    /// that links lead out of the exports that serve the client.
+    nfsstat3 CheckPath(ProcessParam* pParam, LogArgu* pLogArgu, const char* pcPath, bool bMustExist,
                        FoundStatus* pStatus = nullptr);
 
     /// Joins directory and name with "/" into a buffer of kPathBufferSize. False if one is null or they do not fit.
@@ -164,10 +174,15 @@ private:
     nfsstat3 CheckExisting(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sPath, bool bResolved = false,
                            FoundStatus* pStatus = nullptr);
     nfsstat3 CheckUnresolved(ProcessParam* pParam, LogArgu* pLogArgu);
-    bool IsInExport(LogArgu* pLogArgu, const char* pcPath);
-    bool ResolveWithinExports(LogArgu* pLogArgu, const char* pcPath, std::string* psResolved);
-    bool IsExportRoot(LogArgu* pLogArgu, const char* pcPath);
-    std::string FindMissingEntry(LogArgu* pLogArgu, const char* pcJoined);
+    MountAccess FindExport(CRuntimeParam* pScanParam, ProcessParam* pParam, LogArgu* pLogArgu, const char* pcPath,
+                           MountInfo* pMountInfo);
+    MountAccess FindExportQuietly(ProcessParam* pParam, LogArgu* pLogArgu, const char* pcPath);
+    void ReportNoExport(ProcessParam* pParam, LogArgu* pLogArgu);
+    bool ReadJoinedPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CInputStream* pInput, diropargs3* pDirOp,
+                        char* pcJoined, bool* pbWhole);
+    void LogPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const std::string& sPath);
+    static bool IsFolderItself(const std::string& sPath);
+    bool ResolveWithinExports(ProcessParam* pParam, LogArgu* pLogArgu, const char* pcPath, std::string* psResolved);
 
     // ---- Attributes (Nfs3ProgAttributes.cpp)
     bool GetCanonicalHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, nfs_fh3* pHandle);
@@ -204,7 +219,8 @@ private:
 
     // ---- Namespace (Nfs3ProgNamespace.cpp)
     nfsstat3 CheckNewEntry(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sPath);
-    nfsstat3 CheckOldEntry(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sPath, bool bResolved);
+    nfsstat3 CheckOldEntry(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sPath, bool bExists);
+    nfsstat3 CheckRemoval(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sPath, bool bExists);
     nfsstat3 CreateFile(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sPath, const createhow3& how);
     nfsstat3 RenameEntry(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sFrom, const std::string& sTo);
     void WriteNewEntry(COutputStream* pOutput, ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sPath,

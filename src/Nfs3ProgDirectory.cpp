@@ -189,7 +189,7 @@ nfsstat3 CNfs3Prog::FindEntries(ProcessParam* pParam, LogArgu* pLogArgu, const F
     FoundStatus resolved = found;
     pCall->sCanonicalPath = pCall->sPath;
     if (!found.bKnown || !IsPlainPath(pCall->sPath.c_str())) {
-        if (!ResolveWithinExports(pLogArgu, pCall->sPath.c_str(), &pCall->sCanonicalPath) ||
+        if (!ResolveWithinExports(pParam, pLogArgu, pCall->sPath.c_str(), &pCall->sCanonicalPath) ||
             stat(pCall->sCanonicalPath.c_str(), &resolved.status) != 0) {
             return NFS3ERR_IO;  // gone since it was checked
         }
@@ -281,7 +281,7 @@ void CNfs3Prog::WriteEntryTarget(COutputStream* pOutput, ProcessParam* pParam, L
     if (pcPath != nullptr) {
         const bool bLink = entry.found.bKnown && S_ISLNK(entry.found.status.st_mode);
         std::string sTarget;
-        const bool bShown = !bLink || ResolveWithinExports(pLogArgu, pcPath, &sTarget);
+        const bool bShown = !bLink || ResolveWithinExports(pParam, pLogArgu, pcPath, &sTarget);
         if (bShown) {
             // What was found holds for a path without links.
             const FoundStatus* pFound = !bLink && call.sCanonicalPath == call.sPath ? &entry.found : nullptr;

@@ -20,8 +20,12 @@ int CNfs3Prog::ProcedureCREATE(CInputStream* pInput, COutputStream* pOutput, Pro
     diropargs3 dirOp;
     createhow3 how;
     std::string sPath;
-    ReadPath(pParam->pRuntimeParam, &logArgu, pInput, &dirOp, &sPath);
+    bool bEntryName = false;
+    ReadPath(pParam->pRuntimeParam, &logArgu, pInput, &dirOp, &sPath, nullptr, nullptr, &bEntryName);
     Read(pInput, &how);
+    if (!bEntryName) {
+        sPath.clear();  // nothing is made under a name that is not wholly used
+    }
 
     nfsstat3 iStatus = CheckNewEntry(pParam, &logArgu, sPath);
     if (iStatus == NFS3_OK) {
@@ -63,7 +67,8 @@ int CNfs3Prog::ProcedureMKDIR(CInputStream* pInput, COutputStream* pOutput, Proc
     diropargs3 dirOp;
     sattr3 attributes;
     std::string sPath;
-    ReadPath(pRuntimeParam, &logArgu, pInput, &dirOp, &sPath);
+    bool bExists = false;
+    ReadEntryPath(pRuntimeParam, &logArgu, pInput, &dirOp, &sPath, &bExists);
     Read(pInput, &attributes, false);
 
     nfsstat3 iStatus = CheckNewEntry(pParam, &logArgu, sPath);
@@ -78,11 +83,11 @@ int CNfs3Prog::ProcedureMKDIR(CInputStream* pInput, COutputStream* pOutput, Proc
     return EndProcedure(pParam, logArgu, iStatus);
 }
 
-/// The checks of CREATE and MKDIR: the entry's path lies in an export, and the server may be written to.
+/// The checks of CREATE and MKDIR: the path is one of an entry in an export, and the server may be written to.
 nfsstat3 CNfs3Prog::CheckNewEntry(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sPath) {
     nfsstat3 iStatus = CheckProcessParam(pParam, pLogArgu, sPath.c_str());
     if (iStatus == NFS3_OK) {
-        iStatus = CheckPath(pParam->pRuntimeParam, pLogArgu, sPath.c_str(), false);
+        iStatus = IsFolderItself(sPath) ? NFS3ERR_IO : CheckPath(pParam, pLogArgu, sPath.c_str(), false);
     }
     return m_bReadOnly ? NFS3ERR_ACCES : iStatus;
 }
@@ -109,10 +114,10 @@ int CNfs3Prog::ProcedureREMOVE(CInputStream* pInput, COutputStream* pOutput, Pro
     CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
     diropargs3 dirOp;
     std::string sPath;
-    bool bResolved = false;
-    ReadPath(pRuntimeParam, &logArgu, pInput, &dirOp, &sPath, &bResolved);
+    bool bExists = false;
+    ReadEntryPath(pRuntimeParam, &logArgu, pInput, &dirOp, &sPath, &bExists);
 
-    nfsstat3 iStatus = CheckOldEntry(pParam, &logArgu, sPath, bResolved);
+    nfsstat3 iStatus = CheckRemoval(pParam, &logArgu, sPath, bExists);
     if (iStatus == NFS3_OK && !m_pUtilities->RemoveFile(pRuntimeParam, &logArgu, sPath.c_str())) {
         iStatus = NFS3ERR_IO;
     }
@@ -126,10 +131,10 @@ int CNfs3Prog::ProcedureRMDIR(CInputStream* pInput, COutputStream* pOutput, Proc
     CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
     diropargs3 dirOp;
     std::string sPath;
-    bool bResolved = false;
-    ReadPath(pRuntimeParam, &logArgu, pInput, &dirOp, &sPath, &bResolved);
+    bool bExists = false;
+    ReadEntryPath(pRuntimeParam, &logArgu, pInput, &dirOp, &sPath, &bExists);
 
-    nfsstat3 iStatus = CheckOldEntry(pParam, &logArgu, sPath, bResolved);
+    nfsstat3 iStatus = CheckRemoval(pParam, &logArgu, sPath, bExists);
     if (iStatus == NFS3_OK && m_pUtilities->OS_FolderRemove(pRuntimeParam, &logArgu, sPath.c_str(), nullptr) == -1) {
         iStatus = NFS3ERR_IO;
     }
@@ -145,11 +150,12 @@ int CNfs3Prog::ProcedureRENAME(CInputStream* pInput, COutputStream* pOutput, Pro
     diropargs3 to;
     std::string sFrom;
     std::string sTo;
-    bool bFromResolved = false;
-    ReadPath(pRuntimeParam, &logArgu, pInput, &from, &sFrom, &bFromResolved);
-    ReadPath(pRuntimeParam, &logArgu, pInput, &to, &sTo);
+    bool bFromExists = false;
+    bool bToExists = false;  // the host's business
+    ReadEntryPath(pRuntimeParam, &logArgu, pInput, &from, &sFrom, &bFromExists);
+    ReadEntryPath(pRuntimeParam, &logArgu, pInput, &to, &sTo, &bToExists);
 
-    nfsstat3 iStatus = CheckOldEntry(pParam, &logArgu, sFrom, bFromResolved);
+    nfsstat3 iStatus = CheckOldEntry(pParam, &logArgu, sFrom, bFromExists);
     if (iStatus == NFS3_OK) {
         iStatus = RenameEntry(pParam, &logArgu, sFrom, sTo);
     }
@@ -159,43 +165,48 @@ int CNfs3Prog::ProcedureRENAME(CInputStream* pInput, COutputStream* pOutput, Pro
     return EndProcedure(pParam, logArgu, iStatus);
 }
 
-/// Renames an existing entry to a path that lies in an export too.
+/// Renames an existing entry to a path that lies in an export too. An export's directory stays where it is, and so does
+/// every folder on the way to it: the export would come to be something else, or nothing.
 nfsstat3 CNfs3Prog::RenameEntry(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sFrom,
                                 const std::string& sTo) {
     CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
-    const nfsstat3 iStatus = CheckPath(pRuntimeParam, pLogArgu, sTo.c_str(), false);
+    const nfsstat3 iStatus = CheckPath(pParam, pLogArgu, sTo.c_str(), false);
     if (iStatus != NFS3_OK) {
         return iStatus;
     }
-    if (!IsInExport(pLogArgu, sTo.c_str())) {
-        if (pRuntimeParam->IsLogError()) {
-            m_pUtilities->LogError(pRuntimeParam, "[%s] Path record not found", pLogArgu->pcName);
-        }
-        return NFS3ERR_IO;
+    const MountAccess access = FindExportQuietly(pParam, pLogArgu, sTo.c_str());
+    if (access == MountAccess::kNone) {
+        ReportNoExport(pParam, pLogArgu);
     }
-    if (IsExportRoot(pLogArgu, sTo.c_str())) {
+    if (access != MountAccess::kServed || IsFolderItself(sTo)) {
         return NFS3ERR_IO;
     }
     if (sFrom == sTo) {
         return NFS3_OK;
     }
+    if (m_pUtilities->HoldsMountPoint(sFrom.c_str()) || m_pUtilities->HoldsMountPoint(sTo.c_str())) {
+        return NFS3ERR_IO;
+    }
     return m_pUtilities->RenameFile(pRuntimeParam, pLogArgu, sFrom.c_str(), sTo.c_str()) ? NFS3_OK : NFS3ERR_IO;
 }
 
+/// The checks of REMOVE and RMDIR: an entry that is no export's directory and not on the way to one.
+nfsstat3 CNfs3Prog::CheckRemoval(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sPath, bool bExists) {
+    const nfsstat3 iStatus = CheckOldEntry(pParam, pLogArgu, sPath, bExists);
+    return iStatus == NFS3_OK && m_pUtilities->HoldsMountPoint(sPath.c_str()) ? NFS3ERR_IO : iStatus;
+}
+
 /// The checks of REMOVE, RMDIR and of what RENAME renames: it exists in an export, the server may be written to, and it
-/// is not an export itself. A missing object on a read-only server is missing all the same.
-nfsstat3 CNfs3Prog::CheckOldEntry(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sPath, bool bResolved) {
-    const nfsstat3 iStatus = CheckExisting(pParam, pLogArgu, sPath, bResolved);
+/// is an entry. A missing object on a read-only server is missing all the same.
+nfsstat3 CNfs3Prog::CheckOldEntry(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sPath, bool bExists) {
+    const nfsstat3 iStatus = CheckExisting(pParam, pLogArgu, sPath, bExists);
     if (iStatus == NFS3ERR_IO) {
         return NFS3ERR_NOENT;
     }
     if (m_bReadOnly) {
         return NFS3ERR_ACCES;
     }
-    if (iStatus == NFS3_OK && IsExportRoot(pLogArgu, sPath.c_str())) {
-        return NFS3ERR_IO;
-    }
-    return iStatus;
+    return iStatus == NFS3_OK && IsFolderItself(sPath) ? NFS3ERR_IO : iStatus;
 }
 
 // ---- Not served: the handles and names are passed over, and so no path is found

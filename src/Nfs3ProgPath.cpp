@@ -1,14 +1,17 @@
 // NFS version 3: from handles and names to host paths, and what of the host they may reach.
 //
 // Every path of a call lies in an export by its text (CheckProcessParam). That its links do not lead elsewhere is seen
-// to in two places: an entry's path is made with all links resolved (ReadPath), and a path that has to exist holds no
-// link, or only such as stay within an export (CheckPath).
+// to in three places: a path is made with all links resolved (ReadPath), or all but a link that is the entry itself and
+// is not followed either when it is acted on (ReadEntryPath), and a path that has to exist holds no link, or only such
+// as stay within the exports that serve the client (CheckPath).
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <optional>
+#include <string_view>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "InputStream.h"
@@ -92,6 +95,48 @@ std::optional<std::string> FollowDanglingLinks(std::string sPath) {
     return std::nullopt;
 }
 
+/// The path of a file that does not exist (yet): its parent's links resolved, or where the dangling link that stands
+/// there points. Empty for one that cannot be judged.
+std::string FindMissingFile(const char* pcJoined) {
+    const std::optional<std::string> sEntry = ResolveParent(pcJoined);
+    if (!sEntry) {
+        // Nothing can be made below a folder that is not there.
+        return errno == ENOENT || errno == ENOTDIR ? pcJoined : "";
+    }
+    const std::string sBare = WithoutTrailingSlashes(*sEntry);
+    const std::optional<std::string> sTarget = FollowDanglingLinks(sBare);
+    return sTarget ? *sTarget + sEntry->substr(sBare.size()) : "";
+}
+
+/// The path of an entry as it stands in its folder, whose links are resolved. Empty for one that cannot be judged; what
+/// is followed by a slash is a folder and no link.
+std::string FindEntry(const char* pcJoined, bool* pbExists) {
+    const std::optional<std::string> sEntry = ResolveParent(pcJoined);
+    if (!sEntry) {
+        return errno == ENOENT || errno == ENOTDIR ? pcJoined : "";
+    }
+    std::string sBare = WithoutTrailingSlashes(*sEntry);
+    struct stat status {};
+    *pbExists = lstat(sBare.c_str(), &status) == 0;
+    if (!*pbExists || sBare == *sEntry) {
+        return *sEntry;
+    }
+    *pbExists = S_ISDIR(status.st_mode);
+    return *pbExists ? sBare : "";
+}
+
+/// What stands behind the path of a folder that a name of its own stood for: no path of an entry ends so.
+constexpr std::string_view kFolderItself = "/.";
+
+/// Can it be the name of an entry, of one in another folder perhaps? Not if there is no name, or it is "." or "..".
+bool IsEntryName(std::string_view sName) {
+    while (sName.ends_with('/')) {
+        sName.remove_suffix(1);
+    }
+    const std::string_view sLast = sName.substr(sName.rfind('/') + 1);
+    return !sLast.empty() && sLast != "." && sLast != "..";
+}
+
 }  // namespace
 
 // ---- Handles and names to paths
@@ -106,62 +151,85 @@ bool CNfs3Prog::ReadPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CInput
         return false;
     }
     *psPath = vcPath;
-    if (pRuntimeParam->IsLogProcFuncArgu()) {
-        m_pUtilities->LogInfo(pRuntimeParam, "[%s] Path = %s", pLogArgu->pcName, psPath->c_str());
-    }
+    LogPath(pRuntimeParam, pLogArgu, *psPath);
     return true;
 }
 
-// The name is read even if the handle names nothing: the next call begins behind it.
 bool CNfs3Prog::ReadPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CInputStream* pInput, diropargs3* pDirOp,
-                         std::string* psPath, bool* pbResolved, FoundStatus* pStatus) {
+                         std::string* psPath, bool* pbResolved, FoundStatus* pStatus, bool* pbEntryName) {
     psPath->clear();
-    if (pbResolved != nullptr) {
-        *pbResolved = false;
+    char vcJoined[kPathBufferSize];
+    bool bWhole = false;
+    const bool bJoined = ReadJoinedPath(pRuntimeParam, pLogArgu, pInput, pDirOp, vcJoined, &bWhole);
+    bool bResolved = false;
+    if (bJoined) {
+        char vcPath[kPathBufferSize];
+        bResolved = m_pUtilities->GetCanonicalPath(pRuntimeParam, pLogArgu, vcPath, vcJoined, pStatus);
+        *psPath = bResolved ? vcPath : FindMissingFile(vcJoined);
+        LogPath(pRuntimeParam, pLogArgu, *psPath);
     }
-    opaque handle;
-    Read(pInput, &handle);
-    Read(pInput, &pDirOp->name, false);
-    char vcPath[kPathBufferSize];
-    if (handle.iBufLen < kFileIdSize ||
-        !m_pUtilities->GetFilePath(pRuntimeParam, handle.pBuf, vcPath, sizeof(vcPath))) {
+    if (pbResolved != nullptr) {
+        *pbResolved = bResolved;
+    }
+    if (pbEntryName != nullptr) {
+        *pbEntryName = bWhole && IsEntryName(pDirOp->name.sPath);
+    }
+    return bJoined;
+}
+
+bool CNfs3Prog::ReadEntryPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CInputStream* pInput, diropargs3* pDirOp,
+                              std::string* psPath, bool* pbExists) {
+    psPath->clear();
+    *pbExists = false;
+    char vcJoined[kPathBufferSize];
+    bool bWhole = false;
+    if (!ReadJoinedPath(pRuntimeParam, pLogArgu, pInput, pDirOp, vcJoined, &bWhole) || !bWhole) {
         return false;
     }
-    pDirOp->dir.sPath = vcPath;
+    char vcPath[kPathBufferSize];
+    const bool bResolved = m_pUtilities->GetCanonicalPath(pRuntimeParam, pLogArgu, vcPath, vcJoined);
+    if (!IsEntryName(pDirOp->name.sPath)) {
+        *pbExists = bResolved;
+        psPath->append(vcPath).append(kFolderItself);
+    } else if (bResolved && std::strcmp(vcPath, vcJoined) == 0) {
+        *pbExists = true;  // nothing of it is a link
+        *psPath = vcJoined;
+    } else {
+        *psPath = FindEntry(vcJoined, pbExists);
+    }
+    LogPath(pRuntimeParam, pLogArgu, *psPath);
+    return true;
+}
+
+/// Reads a directory handle and a name and joins the paths; *pbWhole tells whether the name is as it was sent. The name
+/// is read even if the handle names nothing: the next call begins behind it.
+bool CNfs3Prog::ReadJoinedPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CInputStream* pInput,
+                               diropargs3* pDirOp, char* pcJoined, bool* pbWhole) {
+    opaque handle;
+    Read(pInput, &handle);
+    *pbWhole = Read(pInput, &pDirOp->name, false);
+    char vcFolder[kPathBufferSize];
+    if (handle.iBufLen < kFileIdSize ||
+        !m_pUtilities->GetFilePath(pRuntimeParam, handle.pBuf, vcFolder, sizeof(vcFolder))) {
+        return false;
+    }
+    pDirOp->dir.sPath = vcFolder;
     if (pRuntimeParam->IsLogProcFuncArgu()) {
         m_pUtilities->LogInfo(pRuntimeParam, "[%s] Read path=%s, name=%s", pLogArgu->pcName, pDirOp->dir.sPath.c_str(),
                               pDirOp->name.sPath.c_str());
     }
-    char vcJoined[kPathBufferSize];
-    if (!AppendFilePath(pDirOp->dir.sPath.c_str(), pDirOp->name.sPath.c_str(), vcJoined)) {
-        return false;
-    }
-    const bool bResolved = m_pUtilities->GetCanonicalPath(pRuntimeParam, pLogArgu, vcPath, vcJoined, pStatus);
-    *psPath = bResolved ? vcPath : FindMissingEntry(pLogArgu, vcJoined);
-    if (pbResolved != nullptr) {
-        *pbResolved = bResolved;
-    }
-    if (pRuntimeParam->IsLogProcFuncArgu()) {
-        m_pUtilities->LogInfo(pRuntimeParam, "[%s] Path = %s", pLogArgu->pcName, psPath->c_str());
-    }
-    return true;
+    return AppendFilePath(vcFolder, pDirOp->name.sPath.c_str(), pcJoined);
 }
 
-/// The path of an entry that does not exist (yet): its parent's links resolved. An entry that is a dangling link out of
-/// the exports goes by where it leads, and so belongs to none of them; one that cannot be judged has no path.
-std::string CNfs3Prog::FindMissingEntry(LogArgu* pLogArgu, const char* pcJoined) {
-    const std::optional<std::string> sEntry = ResolveParent(pcJoined);
-    if (!sEntry) {
-        // Nothing can be made below a folder that is not there.
-        return errno == ENOENT || errno == ENOTDIR ? pcJoined : "";
+void CNfs3Prog::LogPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const std::string& sPath) {
+    if (pRuntimeParam->IsLogProcFuncArgu()) {
+        m_pUtilities->LogInfo(pRuntimeParam, "[%s] Path = %s", pLogArgu->pcName, sPath.c_str());
     }
-    const std::string sBare = WithoutTrailingSlashes(*sEntry);
-    const std::optional<std::string> sTarget = FollowDanglingLinks(sBare);
-    if (!sTarget) {
-        return "";
-    }
-    const bool bStays = *sTarget == sBare || IsInExport(pLogArgu, sTarget->c_str());
-    return bStays ? *sEntry : *sTarget;
+}
+
+/// Did a name stand for a folder itself? Then the path that ReadEntryPath made of it is none of an entry.
+bool CNfs3Prog::IsFolderItself(const std::string& sPath) {
+    return sPath.ends_with(kFolderItself);
 }
 
 bool CNfs3Prog::AppendFilePath(const char* pcDir, const char* pcName, char* pcOut) {
@@ -190,18 +258,45 @@ nfsstat3 CNfs3Prog::CheckProcessParam(ProcessParam* pParam, LogArgu* pLogArgu, c
     // Kept from call to call for the room of its texts only.
     thread_local MountInfo mountInfo;
     CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
-    if (pcPath != nullptr && m_pUtilities->GetMountInfoByPath(pRuntimeParam, pLogArgu, pcPath, &mountInfo)) {
+    const MountAccess access =
+        pcPath == nullptr ? MountAccess::kNone : FindExport(pRuntimeParam, pParam, pLogArgu, pcPath, &mountInfo);
+    if (access == MountAccess::kServed) {
         pRuntimeParam->SetID(mountInfo.sExportName.c_str());
         pRuntimeParam->SetIpcID(mountInfo.sIcpID.c_str());
         return NFS3_OK;
     }
-    if (pRuntimeParam->IsLogError()) {
-        m_pUtilities->LogError(pRuntimeParam, "[%s] Path record not found", pLogArgu->pcName);
+    if (access == MountAccess::kNone) {
+        ReportNoExport(pParam, pLogArgu);
     }
     return NFS3ERR_IO;
 }
 
-nfsstat3 CNfs3Prog::CheckPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, bool bMustExist,
+/// Finds the export that holds a path, and says who has it mounted if that is another client.
+MountAccess CNfs3Prog::FindExport(CRuntimeParam* pScanParam, ProcessParam* pParam, LogArgu* pLogArgu,
+                                  const char* pcPath, MountInfo* pMountInfo) {
+    const MountAccess access =
+        m_pUtilities->GetMountAccess(pScanParam, pLogArgu, pcPath, pParam->sRemoteAddr.c_str(), pMountInfo);
+    if (access == MountAccess::kHeld && pParam->pRuntimeParam->IsLogError()) {
+        m_pUtilities->LogError(pParam->pRuntimeParam, "[%s] Export \"%s\" is mounted by %s", pLogArgu->pcName,
+                               pMountInfo->sExportName.c_str(), pMountInfo->sRemoteIpAddr.c_str());
+    }
+    return access;
+}
+
+/// The same for a second path of a call: the log tells of a search once, in CheckProcessParam.
+MountAccess CNfs3Prog::FindExportQuietly(ProcessParam* pParam, LogArgu* pLogArgu, const char* pcPath) {
+    CRuntimeParam silent("", 0);
+    MountInfo mountInfo;
+    return FindExport(&silent, pParam, pLogArgu, pcPath, &mountInfo);
+}
+
+void CNfs3Prog::ReportNoExport(ProcessParam* pParam, LogArgu* pLogArgu) {
+    if (pParam->pRuntimeParam->IsLogError()) {
+        m_pUtilities->LogError(pParam->pRuntimeParam, "[%s] Path record not found", pLogArgu->pcName);
+    }
+}
+
+nfsstat3 CNfs3Prog::CheckPath(ProcessParam* pParam, LogArgu* pLogArgu, const char* pcPath, bool bMustExist,
                               FoundStatus* pStatus) {
     if (pcPath == nullptr) {
         return NFS3ERR_STALE;
@@ -213,17 +308,18 @@ nfsstat3 CNfs3Prog::CheckPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, c
         case Finding::kFound:
             return NFS3_OK;
         case Finding::kMissing:
-            m_pUtilities->DropMissingFile(pRuntimeParam, pLogArgu, pcPath);
+            m_pUtilities->DropMissingFile(pParam->pRuntimeParam, pLogArgu, pcPath);
             return NFS3ERR_IO;
         case Finding::kUnknown:
             break;
     }
     if (!m_pUtilities->OS_IsFileExists(pcPath, nullptr)) {
-        m_pUtilities->DropMissingFile(pRuntimeParam, pLogArgu, pcPath);
+        m_pUtilities->DropMissingFile(pParam->pRuntimeParam, pLogArgu, pcPath);
         return NFS3ERR_IO;
     }
-    std::string sResolved;
-    return ResolveWithinExports(pLogArgu, pcPath, &sResolved) ? NFS3_OK : NFS3ERR_IO;
+    const std::optional<std::string> sResolved = Resolve(pcPath);
+    return sResolved && FindExportQuietly(pParam, pLogArgu, sResolved->c_str()) == MountAccess::kServed ? NFS3_OK
+                                                                                                        : NFS3ERR_IO;
 }
 
 /// The first two checks of most procedures: the path lies in an export, and it exists, which need not be asked again of
@@ -231,8 +327,7 @@ nfsstat3 CNfs3Prog::CheckPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, c
 nfsstat3 CNfs3Prog::CheckExisting(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sPath, bool bResolved,
                                   FoundStatus* pStatus) {
     const nfsstat3 iStatus = CheckProcessParam(pParam, pLogArgu, sPath.c_str());
-    return iStatus == NFS3_OK ? CheckPath(pParam->pRuntimeParam, pLogArgu, sPath.c_str(), !bResolved, pStatus)
-                              : iStatus;
+    return iStatus == NFS3_OK ? CheckPath(pParam, pLogArgu, sPath.c_str(), !bResolved, pStatus) : iStatus;
 }
 
 /// The check of the procedures that are not served and do not resolve their handles.
@@ -240,26 +335,16 @@ nfsstat3 CNfs3Prog::CheckUnresolved(ProcessParam* pParam, LogArgu* pLogArgu) {
     return CheckProcessParam(pParam, pLogArgu, "");
 }
 
-// Both ask quietly: the log tells of a call's path once, in CheckProcessParam.
-
-/// Does a path with resolved links lie in an export?
-bool CNfs3Prog::IsInExport(LogArgu* pLogArgu, const char* pcPath) {
-    CRuntimeParam silent("", 0);
-    return m_pUtilities->GetMountInfoByPath(&silent, pLogArgu, pcPath, nullptr);
-}
-
-/// Resolves all links of a path. False if they lead nowhere, or out of the exports.
-bool CNfs3Prog::ResolveWithinExports(LogArgu* pLogArgu, const char* pcPath, std::string* psResolved) {
+/// Resolves all links of a path, and says nothing of it. False if they lead nowhere, or out of the exports that serve
+/// the client.
+bool CNfs3Prog::ResolveWithinExports(ProcessParam* pParam, LogArgu* pLogArgu, const char* pcPath,
+                                     std::string* psResolved) {
     const std::optional<std::string> sResolved = Resolve(pcPath);
-    if (!sResolved || !IsInExport(pLogArgu, sResolved->c_str())) {
+    CRuntimeParam silent("", 0);
+    if (!sResolved || m_pUtilities->GetMountAccess(&silent, pLogArgu, sResolved->c_str(), pParam->sRemoteAddr.c_str(),
+                                                   nullptr) != MountAccess::kServed) {
         return false;
     }
     *psResolved = *sResolved;
     return true;
-}
-
-/// Clients neither remove nor rename the root directory of an export.
-bool CNfs3Prog::IsExportRoot(LogArgu* pLogArgu, const char* pcPath) {
-    CRuntimeParam silent("", 0);
-    return m_pUtilities->IsMountInfoExists(&silent, pLogArgu, pcPath, nullptr, nullptr);
 }

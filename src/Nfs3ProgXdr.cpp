@@ -33,16 +33,17 @@ void CNfs3Prog::Read(CInputStream* pInput, opaque* pOpaque) {
     pInput->SkipRemainOpaque(pOpaque->iBufLen);
 }
 
-void CNfs3Prog::Read(CInputStream* pInput, COpaquePath* pPath, bool bSkip) {
+bool CNfs3Prog::Read(CInputStream* pInput, COpaquePath* pPath, bool bSkip) {
     opaque text;
     Read(pInput, &text);
     if (bSkip) {
-        return;
+        return true;
     }
     pPath->sPath.clear();
     if (text.iBufLen < kPathBufferSize) {
         pPath->sPath.assign(text.pBuf, strnlen(text.pBuf, text.iBufLen));
     }
+    return pPath->sPath.size() == text.iBufLen;
 }
 
 namespace {

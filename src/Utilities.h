@@ -37,6 +37,13 @@ struct MountInfo {
     std::string sRemoteIpAddr;    ///< dotted address of the client that has it mounted; empty while nobody has
 };
 
+/// What the exports say to a client's call on a path.
+enum class MountAccess {
+    kNone,    ///< no export holds the path
+    kServed,  ///< one does, and nobody or this client has it mounted
+    kHeld     ///< another client has it mounted, and this client none that holds the path
+};
+
 /// One session of the host.
 struct SessionInfo {
     std::string sSessionID;  ///< the key
@@ -194,6 +201,13 @@ public:
     /// Finds the first export, in name order, that holds the path (at a component boundary). A path that still
     /// holds a ".." component belongs to no export.
     bool GetMountInfoByPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, MountInfo* pMountInfo);
+    /// The same search for a call from an address (null: anybody's). An export that is mounted serves its client alone;
+    /// where exports are nested, a client is served that has mounted any of those that hold the path. If kHeld, the
+    /// export copied is the one that is in the way, with its client.
+    MountAccess GetMountAccess(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                               const char* pcClientAddr, MountInfo* pMountInfo);
+    /// Is a path, compared as it is, that of an export's directory, or does such a directory lie below it?
+    bool HoldsMountPoint(const char* pcCanonicalPath);
     bool IsRemoteAddrExists(const char* pcClientAddr);
     /// Counts the exports (only the mounted ones if asked) and prints each as a raw line if asked.
     int GetMountInfo(CRuntimeParam* pRuntimeParam, bool bClientMountedOnly, bool bPrintDetails);
@@ -423,8 +437,8 @@ private:
         void LookAt(const char* pcPath);
     };
 
-    bool ScanMountInfos(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPathToCompare, bool bReachable,
-                        MountInfo* pMountInfo);
+    MountAccess ScanMountInfos(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPathToCompare,
+                               bool bReachable, const char* pcClientAddr, MountInfo* pMountInfo);
 
     // Steps of the clean-up.
     bool GetFirstVSphereInfo(VSphereInfo* pInfo);

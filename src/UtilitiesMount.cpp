@@ -49,6 +49,31 @@ bool IsInside(std::string_view sPathToCompare, std::string_view sFolder) {
            (sFolder.ends_with('/') || sPathToCompare.substr(sFolder.size()).starts_with('/'));
 }
 
+/// Judges a path that an export holds, the first one in name order: of all that hold it, the client's own serves it,
+/// and where there is none, one that another client has mounted keeps it from the call.
+template <class Mounts>
+MountAccess JudgeAccess(const Mounts& mounts, typename Mounts::const_iterator itFirst, const char* pcPathToCompare,
+                        const char* pcClientAddr, MountInfo* pMountInfo) {
+    const MountInfo* pHeld = nullptr;
+    for (auto it = itFirst; pcClientAddr != nullptr && it != mounts.end(); ++it) {
+        const MountInfo& mount = it->second;
+        if (mount.sRemoteIpAddr.empty() || (it != itFirst && !IsInside(pcPathToCompare, mount.sLocalMountPath))) {
+            continue;
+        }
+        if (mount.sRemoteIpAddr == pcClientAddr) {
+            pHeld = nullptr;
+            break;
+        }
+        if (pHeld == nullptr) {
+            pHeld = &mount;
+        }
+    }
+    if (pMountInfo != nullptr) {
+        *pMountInfo = pHeld != nullptr ? *pHeld : itFirst->second;
+    }
+    return pHeld != nullptr ? MountAccess::kHeld : MountAccess::kServed;
+}
+
 }  // namespace
 
 bool CUtilities::AddMountInfo(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcLocalMountPath,
@@ -192,38 +217,38 @@ bool CUtilities::UpdateMountClientIpAddrByExportName(const char* pcExportName, c
 
 bool CUtilities::GetMountInfoByPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
                                     MountInfo* pMountInfo) {
+    return GetMountAccess(pRuntimeParam, pLogArgu, pcPath, nullptr, pMountInfo) != MountAccess::kNone;
+}
+
+MountAccess CUtilities::GetMountAccess(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+                                       const char* pcClientAddr, MountInfo* pMountInfo) {
     const char* pcGiven = pcPath != nullptr ? pcPath : "";
     const PathToCompare path(pcGiven);
     // ".." could lead out of any export; a path that does not fit belongs to none.
     const bool bReachable = (path.Get()[0] != '\0' || pcGiven[0] == '\0') && !HasParentComponent(pcGiven);
     if (pRuntimeParam->IsLogGeneralInfo()) {
-        return ScanMountInfos(pRuntimeParam, pLogArgu, path.Get(), bReachable, pMountInfo);
+        return ScanMountInfos(pRuntimeParam, pLogArgu, path.Get(), bReachable, pcClientAddr, pMountInfo);
     }
     if (!bReachable) {
-        return false;
+        return MountAccess::kNone;
     }
     MutexLock lock(m_hMutexMountInfos);
     const auto itMount = std::ranges::find_if(
         m_MountInfos, [&path](const auto& mount) { return IsInside(path.Get(), mount.second.sLocalMountPath); });
-    if (itMount == m_MountInfos.end()) {
-        return false;
-    }
-    if (pMountInfo != nullptr) {
-        *pMountInfo = itMount->second;
-    }
-    return true;
+    return itMount == m_MountInfos.end() ? MountAccess::kNone
+                                         : JudgeAccess(m_MountInfos, itMount, path.Get(), pcClientAddr, pMountInfo);
 }
 
 /// The search that says what it compares. It walks a copy, so that its lines go out without the lock.
-bool CUtilities::ScanMountInfos(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPathToCompare,
-                                bool bReachable, MountInfo* pMountInfo) {
+MountAccess CUtilities::ScanMountInfos(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPathToCompare,
+                                       bool bReachable, const char* pcClientAddr, MountInfo* pMountInfo) {
     decltype(m_MountInfos) mountInfos;
     {
         MutexLock lock(m_hMutexMountInfos);
         mountInfos = m_MountInfos;
     }
-    for (const auto& [sName, mount] : mountInfos) {
-        const std::string& sLocal = mount.sLocalMountPath;
+    for (auto it = mountInfos.cbegin(); it != mountInfos.cend(); ++it) {
+        const std::string& sLocal = it->second.sLocalMountPath;
         LogInfo(pRuntimeParam, "[%s] Path scan: \"%s\" vs \"%s\"", pLogArgu->pcName, pcPathToCompare, sLocal.c_str());
         if (std::string_view(pcPathToCompare).starts_with(sLocal)) {
             LogInfo(pRuntimeParam, "[%s] Path compare: \"%s\" vs \"%s\"", pLogArgu->pcName, pcPathToCompare,
@@ -231,13 +256,22 @@ bool CUtilities::ScanMountInfos(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
         }
         if (bReachable && IsInside(pcPathToCompare, sLocal)) {
             LogInfo(pRuntimeParam, "[%s] Path match", pLogArgu->pcName);
-            if (pMountInfo != nullptr) {
-                *pMountInfo = mount;
-            }
-            return true;
+            return JudgeAccess(mountInfos, it, pcPathToCompare, pcClientAddr, pMountInfo);
         }
     }
-    return false;
+    return MountAccess::kNone;
+}
+
+bool CUtilities::HoldsMountPoint(const char* pcCanonicalPath) {
+    std::string_view sPath = pcCanonicalPath != nullptr ? pcCanonicalPath : "";
+    while (sPath.size() > 1 && sPath.ends_with('/')) {
+        sPath.remove_suffix(1);
+    }
+    MutexLock lock(m_hMutexMountInfos);
+    return std::ranges::any_of(m_MountInfos, [sPath](const auto& mount) {
+        const std::string_view sLocal = mount.second.sLocalMountPath;
+        return sLocal == sPath || IsInside(sLocal, sPath);
+    });
 }
 
 bool CUtilities::IsRemoteAddrExists(const char* pcClientAddr) {

@@ -215,11 +215,13 @@ TEST_F(Nfs3ProgTest, CallOnNoExportKeepsItsClientAndSaysSo) {
 }
 
 TEST_F(Nfs3ProgTest, CheckPathOfNoPathIsStale) {
-    EXPECT_EQ(m_Prog.CheckPath(&m_RuntimeParam, &m_LogArgu, nullptr, false), 70U);
-    EXPECT_EQ(m_Prog.CheckPath(&m_RuntimeParam, &m_LogArgu, nullptr, true), 70U);
-    EXPECT_EQ(m_Prog.CheckPath(&m_RuntimeParam, &m_LogArgu, "/no/such/path", false), 0U);
-    EXPECT_EQ(m_Prog.CheckPath(&m_RuntimeParam, &m_LogArgu, "/no/such/path", true), 5U);
-    EXPECT_EQ(m_Prog.CheckPath(&m_RuntimeParam, &m_LogArgu, m_Folder.Path().c_str(), true), 0U);
+    ProcessParam param;
+    param.pRuntimeParam = &m_RuntimeParam;
+    EXPECT_EQ(m_Prog.CheckPath(&param, &m_LogArgu, nullptr, false), 70U);
+    EXPECT_EQ(m_Prog.CheckPath(&param, &m_LogArgu, nullptr, true), 70U);
+    EXPECT_EQ(m_Prog.CheckPath(&param, &m_LogArgu, "/no/such/path", false), 0U);
+    EXPECT_EQ(m_Prog.CheckPath(&param, &m_LogArgu, "/no/such/path", true), 5U);
+    EXPECT_EQ(m_Prog.CheckPath(&param, &m_LogArgu, m_Folder.Path().c_str(), true), 0U);
 }
 
 // ==== The choice of the program by version ===========================================================================

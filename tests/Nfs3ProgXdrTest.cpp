@@ -158,6 +158,23 @@ TEST(Nfs3ProgXdrTest, TextEndsAtItsFirstZeroByte) {
     EXPECT_EQ(path.sPath, "ab");
 }
 
+TEST(Nfs3ProgXdrTest, TextThatIsNotTakenAsSentIsTold) {
+    const auto Read = [](const std::string& sText) {
+        const std::string sBytes = XdrBuilder().Opaque(sText).Bytes();
+        CInputStream input;
+        std::memcpy(input.GetFreeBuffer(), sBytes.data(), sBytes.size());
+        input.AddFilledBufferSize(static_cast<unsigned int>(sBytes.size()));
+        COpaquePath path;
+        return CNfs3Prog::Read(&input, &path, false);
+    };
+    EXPECT_TRUE(Read(""));
+    EXPECT_TRUE(Read("name"));
+    EXPECT_TRUE(Read(std::string(4095, 'x')));
+    EXPECT_FALSE(Read(std::string(4096, 'x')));
+    EXPECT_FALSE(Read(std::string("\0", 1)));
+    EXPECT_FALSE(Read(std::string("name\0", 5)));
+}
+
 TEST(Nfs3ProgXdrTest, SetAttributesReadsOnlyWhatIsSet) {
     sattr3 attributes;
     attributes.mode.mode = 99;

@@ -30,6 +30,19 @@ protected:
         MountInfo info;
         return m_Utilities.GetMountInfoByPath(&m_Param, &m_Tag, sPath.c_str(), &info) ? info.sExportName : "-";
     }
+    /// The same for a client's call: "NAME held by ADDRESS" if another client has it mounted.
+    std::string Access(const std::string& sPath, const char* pcClient) {
+        MountInfo info;
+        switch (m_Utilities.GetMountAccess(&m_Param, &m_Tag, sPath.c_str(), pcClient, &info)) {
+            case MountAccess::kServed:
+                return info.sExportName;
+            case MountAccess::kHeld:
+                return info.sExportName + " held by " + info.sRemoteIpAddr;
+            case MountAccess::kNone:
+                break;
+        }
+        return "-";
+    }
     std::string MakeFolder(const std::string& sName) {
         EXPECT_EQ(::mkdir((m_Folder / sName).c_str(), 0755), 0) << sName;
         return m_Folder / sName;
@@ -324,6 +337,68 @@ TEST_F(UtilitiesMountTest, ListingCountsAndNumbersWhatItPrints) {
     EXPECT_EQ(TakeLog('r'), std::vector<std::string>{" Mount 1 - " + sA + " : z (10.0.0.5) []"});
     EXPECT_EQ(m_Utilities.GetMountInfo(&m_Param, true, false), 1);
     EXPECT_EQ(TakeLog(), std::vector<std::string>());
+}
+
+// ==== Whose calls an export serves ==================================================================================
+
+TEST_F(UtilitiesMountTest, MountedExportServesItsClientAlone) {
+    ASSERT_TRUE(Add(m_Folder.Path(), "x"));
+    EXPECT_EQ(Access(m_Folder / "f", "10.0.0.5"), "x") << "nobody has it mounted";
+    ASSERT_TRUE(Mount("x", "10.0.0.5"));
+    EXPECT_EQ(Access(m_Folder / "f", "10.0.0.5"), "x");
+    EXPECT_EQ(Access(m_Folder / "f", "10.0.0.50"), "x held by 10.0.0.5");
+    EXPECT_EQ(Access(m_Folder / "f", ""), "x held by 10.0.0.5");
+    EXPECT_EQ(Access(m_Folder / "f", nullptr), "x") << "asked for nobody in particular";
+    EXPECT_EQ(Access("/elsewhere", "10.0.0.50"), "-");
+    ASSERT_TRUE(Mount("x", nullptr));
+    EXPECT_EQ(Access(m_Folder / "f", "10.0.0.50"), "x");
+}
+
+TEST_F(UtilitiesMountTest, OfNestedExportsTheClientsOwnServesIt) {
+    const std::string sOuter = MakeFolder("outer");
+    const std::string sInner = MakeFolder("outer/inner");
+    ASSERT_TRUE(Add(sOuter, "m"));
+    ASSERT_TRUE(Add(sInner, "n"));
+    ASSERT_TRUE(Mount("n", "10.0.0.5"));
+    EXPECT_EQ(Access(sInner, "10.0.0.5"), "m") << "the first in name order, as ever";
+    EXPECT_EQ(Access(sInner, "10.0.0.6"), "n held by 10.0.0.5") << "though nobody has the outer one";
+    EXPECT_EQ(Access(sOuter, "10.0.0.6"), "m");
+    ASSERT_TRUE(Mount("m", "10.0.0.6"));
+    EXPECT_EQ(Access(sInner, "10.0.0.5"), "m");
+    EXPECT_EQ(Access(sInner, "10.0.0.6"), "m");
+    EXPECT_EQ(Access(sInner, "10.0.0.7"), "m held by 10.0.0.6");
+    EXPECT_EQ(Access(sOuter, "10.0.0.5"), "m held by 10.0.0.6");
+}
+
+TEST_F(UtilitiesMountTest, SearchThatIsLoggedFindsTheSameClient) {
+    const std::string sOuter = MakeFolder("outer");
+    const std::string sInner = MakeFolder("outer/inner");
+    ASSERT_TRUE(Add(sOuter, "m"));
+    ASSERT_TRUE(Add(sInner, "n"));
+    ASSERT_TRUE(Mount("n", "10.0.0.5"));
+    m_Param.SetLogControl(CRuntimeParam::kLogGeneralInfo);
+    EXPECT_EQ(Access(sInner, "10.0.0.6"), "n held by 10.0.0.5");
+    EXPECT_EQ(TakeLog(),
+              (std::vector<std::string>{
+                  "[" + std::string(m_Tag.pcName) + "] Path scan: \"" + sInner + "/\" vs \"" + sOuter + "\"",
+                  "[" + std::string(m_Tag.pcName) + "] Path compare: \"" + sInner + "/\" vs \"" + sOuter + "/\"",
+                  "[" + std::string(m_Tag.pcName) + "] Path match"}))
+        << "the search ends with the first export that holds the path";
+}
+
+TEST_F(UtilitiesMountTest, FoldersOnTheWayToAnExportAreKnown) {
+    const std::string sOuter = MakeFolder("outer");
+    const std::string sInner = MakeFolder("outer/inner");
+    ASSERT_TRUE(Add(sInner, "n"));
+    EXPECT_TRUE(m_Utilities.HoldsMountPoint(sInner.c_str()));
+    EXPECT_TRUE(m_Utilities.HoldsMountPoint((sInner + "//").c_str()));
+    EXPECT_TRUE(m_Utilities.HoldsMountPoint(sOuter.c_str()));
+    EXPECT_TRUE(m_Utilities.HoldsMountPoint(m_Folder.Path().c_str()));
+    EXPECT_FALSE(m_Utilities.HoldsMountPoint((sInner + "/below").c_str()));
+    EXPECT_FALSE(m_Utilities.HoldsMountPoint((sOuter + "/inn").c_str()));
+    EXPECT_FALSE(m_Utilities.HoldsMountPoint((sOuter + "/innermost").c_str()));
+    EXPECT_FALSE(m_Utilities.HoldsMountPoint(""));
+    EXPECT_FALSE(m_Utilities.HoldsMountPoint(nullptr));
 }
 
 TEST_F(UtilitiesMountTest, ClientAddressIsComparedExactly) {

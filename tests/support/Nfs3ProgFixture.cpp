@@ -34,7 +34,7 @@ std::string Nfs3ProgFixture::CallWithMoreBehind(unsigned int iProc, const std::s
     param.iProc = iProc;
     param.sRemoteAddr = m_sRemoteAddr;
     param.pRuntimeParam = &m_RuntimeParam;
-    m_RuntimeParam.SetID(kClientID);
+    m_RuntimeParam.SetID(m_sRemoteAddr.c_str());
     m_RuntimeParam.SetIpcID("");
     m_iResult = m_pProg->Process(&m_Input, &m_Output, &param);
     EXPECT_EQ(m_Output.GetBufferIndex(), m_Output.GetBufferSize()) << "bytes behind the reply, procedure " << iProc;
