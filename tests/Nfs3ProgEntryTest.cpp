@@ -372,6 +372,27 @@ TEST_F(Nfs3ProgClientTest, LinkIntoTheExportOfAnotherClientLeadsNowhere) {
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(m_Other.Path()), {}), 1);
 }
 
+TEST_F(Nfs3ProgClientTest, ListingShowsNothingOfTheExportOfAnotherClient) {
+    unlink(Path("file").c_str());
+    Link(m_Other / "file", "link");
+    const auto ShowsTarget = [this] {
+        XdrReader reader(Call(kNfsReaddirplus, XdrBuilder().Opaque(Handle()).U64(0).U64(0).U32(100).U32(100)));
+        EXPECT_EQ(reader.U32(), 0U);
+        ReadPostOpAttr(reader);
+        reader.U64();                 // the verifier
+        EXPECT_EQ(reader.U32(), 1U);  // the one entry
+        reader.U64();
+        EXPECT_EQ(reader.Opaque(), "link");
+        reader.U64();
+        const bool bAttributes = ReadPostOpAttr(reader).has_value();
+        EXPECT_EQ(ReadPostOpHandle(reader).has_value(), bAttributes);
+        return bAttributes;
+    };
+    EXPECT_FALSE(ShowsTarget());
+    Mount("other", nullptr);
+    EXPECT_TRUE(ShowsTarget());
+}
+
 TEST_F(Nfs3ProgClientTest, HandleWhoseFolderBecameALinkIntoTheExportOfAnotherClientIsRefused) {
     MakeFolder("dir");
     WriteWholeFile(Path("dir/file"), "mine");
