@@ -2,6 +2,7 @@
 #include "Listing.h"
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 CListing::CListing(CNameList names, std::size_t nHandedOut)
@@ -71,9 +72,11 @@ std::size_t CListing::GetMemory() const {
 // ---- Where walks stand
 
 void CListing::NoteReply(std::size_t iFrom, std::optional<std::size_t> iTo, Time now) {
-    const auto itWalk = std::ranges::find(m_vWalks, iFrom, &WaitingWalk::iPosition);
-    if (itWalk != m_vWalks.end()) {
-        m_vWalks.erase(itWalk);
+    // Of several, the one that came last: one that nobody goes on with is not to stay young through those that pass.
+    const auto itWalk = std::find_if(m_vWalks.rbegin(), m_vWalks.rend(),
+                                     [iFrom](const WaitingWalk& walk) { return walk.iPosition == iFrom; });
+    if (itWalk != m_vWalks.rend()) {
+        m_vWalks.erase(std::next(itWalk).base());
     }
     if (!iTo) {
         return;

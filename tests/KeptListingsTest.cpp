@@ -254,6 +254,20 @@ TEST_F(KeptListingsTest, AbandonedWalkHoldsPositionsForItsTimeOnly) {
     EXPECT_EQ(Call(0).front().lCookie, 1U);
 }
 
+// Whoever lists a folder again and again does not keep alive what another walk left behind: each change would make the
+// listing longer, for good.
+TEST_F(KeptListingsTest, AbandonedWalkIsForgottenAlsoWhereOthersPassItsPosition) {
+    Call(0);
+    for (int i = 34; i < 74; ++i) {
+        m_Folder.Remove("n" + std::to_string(i));
+        m_Folder.Insert("n" + std::to_string(i + 1), m_Folder.GetNames().size());
+        m_Now += CKeptListings::kWalkIdle / 10;
+        CallToTheEnd(0);
+    }
+    Call(30);
+    EXPECT_EQ(Call(30).back().lCookie, 35U);
+}
+
 // Ten clients list more than there is memory for: some are kept, the others read the directory for every reply, and
 // all see everything.
 TEST_F(KeptListingsTest, EverythingIsListedAlsoWhenMemoryRunsOut) {
