@@ -179,6 +179,11 @@ int CRedirectedFile::ReadInner(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, 
 void CRedirectedFile::ReadSegments(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, RedirectedRead& read,
                                    std::int64_t iLastPos) {
     while (read.iDone < read.iLen) {
+        if (read.cursor.index < 0 && read.pInfo != nullptr) {
+            // The records end here; what could not be recorded goes on in the list.
+            read.pInfo = nullptr;
+            FindInList(read.iPos, &read.cursor);
+        }
         if (read.cursor.index < 0) {
             // A closed file's map is empty, which says nothing about its bytes.
             if (iLastPos < m_iSize && !m_bClosed) {

@@ -408,6 +408,19 @@ TEST_F(RedirectedFileReadTest, SegmentAddedWhileTheInfoFileWasMissingIsFoundLate
     EXPECT_EQ(Read(150, 10).sData, SourceBytes('B', 50, 10));
 }
 
+TEST_F(RedirectedFileReadTest, ReadGoesOnFromTheInfoFileIntoWhatWasAddedWhileItWasMissing) {
+    OpenWithInfoFile(100);
+    Add(A(), 0, 0, 40);
+    const std::string sAside = m_Folder / "aside";
+    ASSERT_EQ(std::rename(Info().c_str(), sAside.c_str()), 0);
+    LogArgu logArgu{"test"};
+    m_Utilities.CloseCachedFileHandle(&m_Param, &logArgu, Info().c_str());
+    Add(B(), 0, 40, 40);
+    Add(A(), 500, 80, 20);
+    ASSERT_EQ(std::rename(sAside.c_str(), Info().c_str()), 0);
+    EXPECT_EQ(Read(30, 60).sData, SourceBytes('A', 30, 10) + SourceBytes('B', 0, 40) + SourceBytes('A', 500, 10));
+}
+
 TEST_F(RedirectedFileReadTest, InfoFileThatWasReadFirstIsWrittenAllTheSame) {
     OpenWithInfoFile(200);
     EXPECT_EQ(Read(0, 10).sData, Zeros(10));  // outside every export this opens it read only
