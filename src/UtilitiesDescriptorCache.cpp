@@ -97,12 +97,12 @@ CCachedFile CUtilities::TakeCachedFile(CRuntimeParam* pRuntimeParam, LogArgu* pL
         EraseCachedFile(pRuntimeParam, pLogArgu, itOpened);
         itOpened = m_OpenedFileHandles.end();
     }
+    if (itOpened == m_OpenedFileHandles.end() || !itOpened->second.iFile.IsOpen()) {
+        return OpenCachedFile(pRuntimeParam, pLogArgu, pcPath, wish);
+    }
     if (wish.bClient && wish.status.bKnown && !IsRegularFile(wish.status.status)) {
         ReportNotRegular(pRuntimeParam, pLogArgu, pcPath, errno);
         return {};
-    }
-    if (itOpened == m_OpenedFileHandles.end() || !itOpened->second.iFile.IsOpen()) {
-        return OpenCachedFile(pRuntimeParam, pLogArgu, pcPath, wish);
     }
     if (wish.bWrite && itOpened->second.bReadOnly) {
         // It may be written to by now.
@@ -140,7 +140,7 @@ void CUtilities::DropMissingFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu
     }
 }
 
-/// What is not to be opened for a client fails as if it could not be.
+/// What the host alone may have open fails for a client as if it could not be opened.
 void CUtilities::ReportNotRegular(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, int iError) {
     const bool bWrite = GetMountInfoByPath(pRuntimeParam, pLogArgu, pcPath, nullptr);
     ReportOpenMode(pRuntimeParam, pLogArgu, pcPath, bWrite);

@@ -279,6 +279,28 @@ TEST_F(UtilitiesDescriptorLooksTest, HostsDescriptorOfADeviceIsNotLentToClients)
     EXPECT_EQ(Get("/dev/zero").Get(), iZero) << "the host keeps it";
 }
 
+// Like every failed open: the next request tries anew, and the closing tells.
+TEST_F(UtilitiesDescriptorLooksTest, WhatIsNotOpenedForAClientLeavesAnEntryWithoutDescriptor) {
+    ExportFolder();
+    const std::string sFolder = m_Folder / "folder";
+    const std::string sPipe = m_Folder / "pipe";
+    ASSERT_EQ(::mkdir(sFolder.c_str(), 0755), 0);
+    ASSERT_EQ(::mkfifo(sPipe.c_str(), 0644), 0);
+    for (const std::string& sPath : {sFolder, sPipe}) {
+        for (int i = 0; i < 2; ++i) {
+            m_Log.Clear();
+            EXPECT_EQ(Read(sPath), "-");
+            const std::string sError = sPath == sFolder ? "Is a directory (21)" : "Operation not supported (95)";
+            const Lines vLines = m_Log.Texts();
+            EXPECT_THAT(vLines, Contains("[Test] open read/write mode " + sPath));
+            EXPECT_EQ(vLines.back(), "[Test] OS open file \"" + sPath + "\". Error=" + sError);
+        }
+        m_Log.Clear();
+        m_Utilities.CloseCachedFileHandle(&m_Param, &m_Tag, sPath.c_str());
+        EXPECT_EQ(Lines(m_Log.Texts()), Lines{"[Test] OS close file \"" + sPath + "\". Error=Bad file descriptor"});
+    }
+}
+
 TEST_F(UtilitiesDescriptorLooksTest, SynchronousWritesAreFlushed) {
     ExportFolder();
     const std::string sFile = MakeFile("f", "");
