@@ -174,6 +174,7 @@ private:
     nfsstat3 CheckExisting(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sPath, bool bResolved = false,
                            FoundStatus* pStatus = nullptr);
     nfsstat3 CheckUnresolved(ProcessParam* pParam, LogArgu* pLogArgu);
+    static nfsstat3 TellMissing(const ProcessParam& param, nfsstat3 iStatus);
     MountAccess FindExport(CRuntimeParam* pScanParam, ProcessParam* pParam, LogArgu* pLogArgu, const char* pcPath,
                            MountInfo* pMountInfo);
     MountAccess FindExportQuietly(ProcessParam* pParam, LogArgu* pLogArgu, const char* pcPath);

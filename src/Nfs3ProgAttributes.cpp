@@ -178,10 +178,7 @@ int CNfs3Prog::ProcedureLOOKUP(CInputStream* pInput, COutputStream* pOutput, Pro
     FoundStatus found;
     ReadPath(pRuntimeParam, &logArgu, pInput, &dirOp, &sPath, &bResolved, &found);
 
-    nfsstat3 iStatus = CheckExisting(pParam, &logArgu, sPath, bResolved);
-    if (iStatus == NFS3ERR_IO) {
-        iStatus = NFS3ERR_NOENT;
-    }
+    const nfsstat3 iStatus = TellMissing(*pParam, CheckExisting(pParam, &logArgu, sPath, bResolved));
     if (iStatus != NFS3_OK) {
         WriteStatusAndAttributes(pOutput, iStatus);
         return EndProcedure(pParam, logArgu, iStatus);

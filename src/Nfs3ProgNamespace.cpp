@@ -201,7 +201,7 @@ nfsstat3 CNfs3Prog::CheckRemoval(ProcessParam* pParam, LogArgu* pLogArgu, const 
 nfsstat3 CNfs3Prog::CheckOldEntry(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sPath, bool bExists) {
     const nfsstat3 iStatus = CheckExisting(pParam, pLogArgu, sPath, bExists);
     if (iStatus == NFS3ERR_IO) {
-        return NFS3ERR_NOENT;
+        return TellMissing(*pParam, iStatus);
     }
     if (m_bReadOnly) {
         return NFS3ERR_ACCES;

@@ -276,6 +276,7 @@ MountAccess CNfs3Prog::FindExport(CRuntimeParam* pScanParam, ProcessParam* pPara
                                   const char* pcPath, MountInfo* pMountInfo) {
     const MountAccess access =
         m_pUtilities->GetMountAccess(pScanParam, pLogArgu, pcPath, pParam->sRemoteAddr.c_str(), pMountInfo);
+    pParam->bHeldByAnother = pParam->bHeldByAnother || access == MountAccess::kHeld;
     if (access == MountAccess::kHeld && pParam->pRuntimeParam->IsLogError()) {
         m_pUtilities->LogError(pParam->pRuntimeParam, "[%s] Export \"%s\" is mounted by %s", pLogArgu->pcName,
                                pMountInfo->sExportName.c_str(), pMountInfo->sRemoteIpAddr.c_str());
@@ -328,6 +329,12 @@ nfsstat3 CNfs3Prog::CheckExisting(ProcessParam* pParam, LogArgu* pLogArgu, const
                                   FoundStatus* pStatus) {
     const nfsstat3 iStatus = CheckProcessParam(pParam, pLogArgu, sPath.c_str());
     return iStatus == NFS3_OK ? CheckPath(pParam, pLogArgu, sPath.c_str(), !bResolved, pStatus) : iStatus;
+}
+
+/// The status of a check as the procedures tell it that go by an existing name: what cannot be reached is missing. Not
+/// so in an export of another client, where a tool that heard so would believe the file gone.
+nfsstat3 CNfs3Prog::TellMissing(const ProcessParam& param, nfsstat3 iStatus) {
+    return iStatus == NFS3ERR_IO && !param.bHeldByAnother ? NFS3ERR_NOENT : iStatus;
 }
 
 /// The check of the procedures that are not served and do not resolve their handles.

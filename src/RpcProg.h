@@ -18,6 +18,7 @@ struct ProcessParam {
     unsigned int nStillToCome = 0;           ///< bytes of the call's record that, by its mark, have not come yet
     unsigned int nReplyLimit = 0xFFFFFFFFU;  ///< the most bytes, head included, that the reply may have
     bool bArgumentsLeft = false;  ///< set by a program that leaves arguments unread: nothing in them is a call
+    bool bHeldByAnother = false;  ///< set by a program that refuses the call as another client has mounted the export
 };
 
 /// What a program answers to the RPC server.
