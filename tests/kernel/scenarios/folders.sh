@@ -139,6 +139,13 @@ no_name_twice() {
     ! uniq -d "$work/$1" | grep .
 }
 
+# changed_visibly FOLDER: gives the exported folder a time of change that the client has not seen. Its cache goes by that
+# time, which NFS clients are told in whole seconds: what changes twice within one may stay unseen.
+changed_visibly() {
+    while [ "$(date +%s)" -le "$(stat -c %Y "$work/data/$1")" ]; do sleep 0.05; done
+    touch "$work/data/$1"
+}
+
 scenario_list() {
     local before stays goes comes
     stays=$(by_size 4000 1600) goes=$(by_size 1000 400) comes=$(by_size 500 200)
@@ -152,6 +159,7 @@ scenario_list() {
         expect "and then the rest" rest_of_list list || return
         expect "what was there all the time is listed once" each_once stays "$stays" list
         expect "no name is listed twice" no_name_twice list
+        changed_visibly many
         expect_text "a new listing has what is there now" $((stays + comes)) guest 'ls /mnt/a/many | wc -l'
         rm -rf "$work/data/many"
     done
