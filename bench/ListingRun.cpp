@@ -1,10 +1,6 @@
 // Listing one large folder from beginning to end.
 #include "ListingRun.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -13,6 +9,10 @@
 #include <stdexcept>
 #include <utility>
 #include <vector>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "LoadConnection.h"
 #include "NfsMessages.h"
@@ -45,15 +45,15 @@ bool ReadReply(std::string_view sReply, std::uint64_t* piCookie, std::vector<std
 }  // namespace
 
 LargeFolder::LargeFolder(std::string sPath, std::size_t nFiles) : m_sPath(std::move(sPath)), m_nFiles(nFiles) {
-    mkdir(m_sPath.c_str(), 0755);
+    ::mkdir(m_sPath.c_str(), 0755);
     for (std::size_t i = 0; i < m_nFiles; ++i) {
-        const int iFile = open(GetFilePath(i).c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644);
+        const int iFile = ::open(GetFilePath(i).c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644);
         if (iFile < 0) {
             const int iError = errno;
             RemoveFiles();
             throw std::runtime_error("no file in " + m_sPath + ": " + std::strerror(iError));
         }
-        close(iFile);
+        ::close(iFile);
     }
 }
 
@@ -63,9 +63,9 @@ LargeFolder::~LargeFolder() {
 
 void LargeFolder::RemoveFiles() const {
     for (std::size_t i = 0; i < m_nFiles; ++i) {
-        unlink(GetFilePath(i).c_str());
+        ::unlink(GetFilePath(i).c_str());
     }
-    rmdir(m_sPath.c_str());
+    ::rmdir(m_sPath.c_str());
 }
 
 std::string LargeFolder::GetFilePath(std::size_t i) const {
@@ -87,7 +87,7 @@ double ListFolder(int iNfsPort, const std::string& sHandle, std::size_t nFiles) 
         bEof = ReadReply(Exchange(iSocket, sCall), &iCookie, &vsNames);
     }
     const double dSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    close(iSocket);
+    ::close(iSocket);
     std::sort(vsNames.begin(), vsNames.end());
     if (vsNames.size() != nFiles || std::adjacent_find(vsNames.begin(), vsNames.end()) != vsNames.end()) {
         throw WrongReply(std::to_string(vsNames.size()) + " names of " + std::to_string(nFiles) + " files");

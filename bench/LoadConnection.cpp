@@ -1,17 +1,17 @@
 // Sending calls and judging replies.
 #include "LoadConnection.h"
 
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 #include <unistd.h>
-
-#include <algorithm>
-#include <cerrno>
-#include <cstring>
-#include <stdexcept>
 
 #include "NfsMessages.h"
 
@@ -26,22 +26,22 @@ constexpr std::size_t kReceiveSize = 1U << 20U;
 }  // namespace
 
 int ConnectTo(int iPort) {
-    const int iSocket = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int iSocket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     address.sin_port = htons(static_cast<in_port_t>(iPort));
-    if (iSocket < 0 || connect(iSocket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+    if (iSocket < 0 || ::connect(iSocket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
         Fail("no connection to port " + std::to_string(iPort));
     }
     const int iOn = 1;
-    setsockopt(iSocket, IPPROTO_TCP, TCP_NODELAY, &iOn, sizeof(iOn));
+    ::setsockopt(iSocket, IPPROTO_TCP, TCP_NODELAY, &iOn, sizeof(iOn));
     return iSocket;
 }
 
 void SendAll(int iSocket, std::string_view sBytes) {
     while (!sBytes.empty()) {
-        const ssize_t nSent = send(iSocket, sBytes.data(), sBytes.size(), MSG_NOSIGNAL);
+        const ssize_t nSent = ::send(iSocket, sBytes.data(), sBytes.size(), MSG_NOSIGNAL);
         if (nSent <= 0) {
             Fail("send");
         }
@@ -51,7 +51,7 @@ void SendAll(int iSocket, std::string_view sBytes) {
 
 std::string ReceiveRecord(int iSocket) {
     std::string sRecord(4, '\0');
-    if (recv(iSocket, sRecord.data(), 4, MSG_WAITALL) != 4) {
+    if (::recv(iSocket, sRecord.data(), 4, MSG_WAITALL) != 4) {
         Fail("no reply");
     }
     const std::size_t nBytes = WordAt(sRecord.data()) & ~kLastFragment;
@@ -59,7 +59,7 @@ std::string ReceiveRecord(int iSocket) {
         throw WrongReply("a record of " + std::to_string(nBytes) + " bytes");
     }
     sRecord.resize(4 + nBytes);
-    if (recv(iSocket, sRecord.data() + 4, nBytes, MSG_WAITALL) != static_cast<ssize_t>(nBytes)) {
+    if (::recv(iSocket, sRecord.data() + 4, nBytes, MSG_WAITALL) != static_cast<ssize_t>(nBytes)) {
         Fail("half a reply");
     }
     return sRecord;
@@ -80,7 +80,7 @@ LoadConnection::LoadConnection(int iSocket, const Row& row, const LoadFolder& fo
       m_vcReceived(kReceiveSize) {}
 
 LoadConnection::~LoadConnection() {
-    close(m_iSocket);
+    ::close(m_iSocket);
 }
 
 std::uint64_t LoadConnection::NextOffset() {
@@ -115,7 +115,7 @@ void LoadConnection::SendCall() {
     msghdr message{};
     message.msg_iov = parts;
     message.msg_iovlen = 2;
-    const ssize_t nSent = sendmsg(m_iSocket, &message, MSG_NOSIGNAL);
+    const ssize_t nSent = ::sendmsg(m_iSocket, &message, MSG_NOSIGNAL);
     if (nSent != static_cast<ssize_t>(m_sCall.size() + m_Row.nData)) {
         Fail("send");
     }
@@ -132,7 +132,7 @@ std::deque<LoadConnection::Pending>::iterator LoadConnection::FindCall(std::stri
 }
 
 std::size_t LoadConnection::ReceiveReplies(std::vector<std::uint32_t>* pvLatencies) {
-    const ssize_t nMore = recv(m_iSocket, m_vcReceived.data() + m_nReceived, m_vcReceived.size() - m_nReceived, 0);
+    const ssize_t nMore = ::recv(m_iSocket, m_vcReceived.data() + m_nReceived, m_vcReceived.size() - m_nReceived, 0);
     if (nMore <= 0) {
         Fail("the server closed the connection");
     }

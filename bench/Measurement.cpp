@@ -1,11 +1,11 @@
 // Running one row.
 #include "Measurement.h"
 
-#include <poll.h>
-
 #include <algorithm>
 #include <chrono>
 #include <memory>
+
+#include <poll.h>
 
 #include "LoadConnection.h"
 
@@ -59,7 +59,7 @@ Measurement RunRow(int iPort, const Row& row, const LoadFolder& folder, const Lo
     }
     while (measurement.vLatencies.size() < shape.nOperations) {
         if (vpConnections.size() > 1) {
-            poll(vWaiting.data(), vWaiting.size(), -1);
+            ::poll(vWaiting.data(), vWaiting.size(), -1);
         }
         for (std::size_t i = 0; i < vpConnections.size(); ++i) {
             if (vpConnections.size() > 1 && vWaiting[i].revents == 0) {

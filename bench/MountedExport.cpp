@@ -1,11 +1,11 @@
 // MNT, UMNT and LOOKUP (RFC 1813, appendix I and 3.3.3).
 #include "MountedExport.h"
 
-#include <unistd.h>
-
 #include <cstdint>
 #include <cstdio>
 #include <exception>
+
+#include <unistd.h>
 
 #include "LoadConnection.h"
 #include "NfsMessages.h"
@@ -33,14 +33,14 @@ MountedExport::~MountedExport() {
     } catch (const std::exception& error) {
         std::fprintf(stderr, "unmounting %s: %s\n", m_sExport.c_str(), error.what());
     }
-    close(m_iMountSocket);
+    ::close(m_iMountSocket);
 }
 
 std::string MountedExport::Lookup(const std::string& sName) const {
     const int iSocket = ConnectTo(m_iNfsPort);
     const std::string sReply =
         Exchange(iSocket, CallBuilder(kNfsProgram, kProcLookup).Opaque(m_sRootHandle).Opaque(sName).Finish());
-    close(iSocket);
+    ::close(iSocket);
     ReplyReader reader(sReply);
     reader.ExpectHead(0);
     reader.Expect("status of LOOKUP", 0);

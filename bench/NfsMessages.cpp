@@ -1,9 +1,9 @@
 // XDR for the load program (RFC 4506).
 #include "NfsMessages.h"
 
-#include <endian.h>
-
 #include <cstring>
+
+#include <endian.h>
 
 namespace {
 
@@ -29,7 +29,7 @@ void PutLong(char* pcBytes, std::uint64_t iValue) {
     std::memcpy(pcBytes, &iValue, sizeof(iValue));
 }
 
-// ==== Calls ======================================================================================================
+// ---- Calls
 
 CallBuilder::CallBuilder(std::uint32_t iProgram, std::uint32_t iProcedure) {
     U32(0).U32(0).U32(kCall).U32(kRpcVersion).U32(iProgram).U32(kVersion).U32(iProcedure);
@@ -62,7 +62,7 @@ std::string CallBuilder::Finish() {
     return m_sBytes;
 }
 
-// ==== Replies ====================================================================================================
+// ---- Replies
 
 std::string_view ReplyReader::Take(std::size_t nBytes) {
     if (nBytes > m_sReply.size() - m_iPosition) {

@@ -1,8 +1,6 @@
 // The rows of the measurement: what is called, and what each reply must say.
 #pragma once
 
-#include <unistd.h>
-
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -10,15 +8,17 @@
 #include <string_view>
 #include <vector>
 
+#include <unistd.h>
+
 #include "BareProtocol.h"
 
 /// The exported folder that the load works on.
 struct LoadFolder {
     std::string sPath;  ///< on this machine
     // Names that no earlier run used: the server keeps descriptors of files that were removed behind its back.
-    std::string sReadName = "nfsload-read-" + std::to_string(getpid());
-    std::string sWriteName = "nfsload-write-" + std::to_string(getpid());
-    std::string sListName = "nfsload-list-" + std::to_string(getpid());
+    std::string sReadName = "nfsload-read-" + std::to_string(::getpid());
+    std::string sWriteName = "nfsload-write-" + std::to_string(::getpid());
+    std::string sListName = "nfsload-list-" + std::to_string(::getpid());
     std::string sRootHandle;  ///< of the folder, from MOUNT
     std::string sReadHandle;
     std::string sWriteHandle;

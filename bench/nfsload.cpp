@@ -1,10 +1,5 @@
 // nfsload: loads a running NFS server over loopback, checks every reply, and prints speed and latencies; beside a
 // bareserver also the ratio between the two. See Usage.
-#include <getopt.h>
-#include <sched.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -13,6 +8,11 @@
 #include <set>
 #include <sstream>
 #include <stdexcept>
+
+#include <getopt.h>
+#include <sched.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "ListingRun.h"
 #include "LoadConnection.h"
@@ -56,7 +56,7 @@ void Usage() {
         "rows: NULL GETATTR LOOKUP READ4K READ64K WRITE16K READDIRPLUS (all)\n");
 }
 
-// ==== Options ====================================================================================================
+// ---- Options
 
 Options ParseOptions(int argc, char** argv) {
     enum {
@@ -155,12 +155,12 @@ void StayOnProcessor(int iProcessor) {
     cpu_set_t set;
     CPU_ZERO(&set);
     CPU_SET(static_cast<std::size_t>(iProcessor), &set);
-    if (sched_setaffinity(0, sizeof(set), &set) != 0) {
+    if (::sched_setaffinity(0, sizeof(set), &set) != 0) {
         throw std::runtime_error("processor " + std::to_string(iProcessor) + " is not to be had");
     }
 }
 
-// ==== Test files and handles =====================================================================================
+// ---- Test files and handles
 
 /// Content that differs from block to block, so that data from a wrong offset is noticed.
 std::string MakeContent() {
@@ -178,20 +178,20 @@ void MakeFiles(const LoadFolder& folder) {
     // Written once beforehand: the rows measure the servers, not the file system's allocation.
     std::ofstream(folder.sPath + "/" + folder.sWriteName, std::ios::binary) << std::string(kLoadSize, '\0');
     const std::string sList = folder.sPath + "/" + folder.sListName;
-    mkdir(sList.c_str(), 0755);
+    ::mkdir(sList.c_str(), 0755);
     for (int i = 0; i < kListEntries; ++i) {
         std::ofstream(sList + "/entry-" + std::to_string(i)) << i;
     }
 }
 
 void RemoveFiles(const LoadFolder& folder) {
-    unlink((folder.sPath + "/" + folder.sReadName).c_str());
-    unlink((folder.sPath + "/" + folder.sWriteName).c_str());
+    ::unlink((folder.sPath + "/" + folder.sReadName).c_str());
+    ::unlink((folder.sPath + "/" + folder.sWriteName).c_str());
     const std::string sList = folder.sPath + "/" + folder.sListName;
     for (int i = 0; i < kListEntries; ++i) {
-        unlink((sList + "/entry-" + std::to_string(i)).c_str());
+        ::unlink((sList + "/entry-" + std::to_string(i)).c_str());
     }
-    rmdir(sList.c_str());
+    ::rmdir(sList.c_str());
 }
 
 /// What was written through the server must be what the file holds now.
@@ -212,7 +212,7 @@ void FindHandles(const MountedExport& mounted, LoadFolder* pFolder) {
     pFolder->sListHandle = mounted.Lookup(pFolder->sListName);
 }
 
-// ==== Measuring ==================================================================================================
+// ---- Measuring
 
 /// The server's resident memory in KiB.
 long ReadMemory(int iPid) {
@@ -233,7 +233,7 @@ std::string RecordReply(const Options& options, const Row& row, const LoadFolder
         sCall += folder.sContent.substr(0, row.nData);
     }
     std::string sReply = Exchange(iSocket, sCall);
-    close(iSocket);
+    ::close(iSocket);
     const std::uint32_t iDataInReply = row.Check(sReply, 0, 0);
     pSetup->work = row.work;
     pSetup->iCallSize = row.CallSize();

@@ -3,11 +3,6 @@
 //
 // The server runs in this process, because only its host can open redirected files. It takes the default ports, so the
 // program wants a network of its own: run.sh gives it one.
-#include <fcntl.h>
-#include <getopt.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -18,6 +13,11 @@
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+#include <fcntl.h>
+#include <getopt.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "LoadConnection.h"
 #include "MountedExport.h"
@@ -77,13 +77,13 @@ Options ParseOptions(int argc, char** argv) {
     return parsed;
 }
 
-// ==== The files ==================================================================================================
+// ---- The files
 
 /// A folder with the source and an empty info file for each map, gone at the end.
 class Scratch {
 public:
     explicit Scratch(const std::string& sParent) : m_sFolder(sParent + "/redirectedload-XXXXXX") {
-        if (mkdtemp(m_sFolder.data()) == nullptr) {
+        if (::mkdtemp(m_sFolder.data()) == nullptr) {
             throw std::runtime_error("no scratch folder below " + sParent);
         }
         m_sContent.resize(static_cast<std::size_t>(kSegment));
@@ -96,9 +96,9 @@ public:
     }
     ~Scratch() {
         for (const std::string& sName : m_vsNames) {
-            unlink(PathOf(sName).c_str());
+            ::unlink(PathOf(sName).c_str());
         }
-        rmdir(m_sFolder.c_str());
+        ::rmdir(m_sFolder.c_str());
     }
     Scratch(const Scratch&) = delete;
     Scratch& operator=(const Scratch&) = delete;
@@ -108,10 +108,10 @@ public:
     std::string PathOf(const std::string& sName) const { return m_sFolder + "/" + sName; }
     void Make(const std::string& sName, const std::string& sContent) {
         m_vsNames.push_back(sName);
-        const int iFile = open(PathOf(sName).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+        const int iFile = ::open(PathOf(sName).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
         const bool bOk =
-            iFile != -1 && write(iFile, sContent.data(), sContent.size()) == static_cast<ssize_t>(sContent.size());
-        if (iFile == -1 || close(iFile) != 0 || !bOk) {
+            iFile != -1 && ::write(iFile, sContent.data(), sContent.size()) == static_cast<ssize_t>(sContent.size());
+        if (iFile == -1 || ::close(iFile) != 0 || !bOk) {
             throw std::runtime_error("cannot write " + PathOf(sName));
         }
     }
@@ -122,7 +122,7 @@ private:
     std::vector<std::string> m_vsNames;
 };
 
-// ==== The server and its client ==================================================================================
+// ---- The server and its client
 
 /// A server that exports the scratch folder; stopped at the end.
 class Server {
@@ -159,7 +159,7 @@ private:
 class Client {
 public:
     Client() : m_iSocket(ConnectTo(CNfsMain::kDefaultNfsPort)) {}
-    ~Client() { close(m_iSocket); }
+    ~Client() { ::close(m_iSocket); }
     Client(const Client&) = delete;
     Client& operator=(const Client&) = delete;
 
@@ -184,7 +184,7 @@ private:
     int m_iSocket;
 };
 
-// ==== Measuring ==================================================================================================
+// ---- Measuring
 
 constexpr double kNever = 1e9;
 

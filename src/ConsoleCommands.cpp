@@ -30,7 +30,7 @@ std::vector<std::string> SplitAtBlanks(const char* pcArgument) {
     return vPieces;
 }
 
-// ---- Basic commands -------------------------------------------------------------------------------------------
+// ---- Basic commands
 
 ConsoleNext Help(ConsoleSession& session, const char* /*pcArgument*/) {
     session.pConsole->PrintCommandHelp(session.bDebugMode);
@@ -58,7 +58,7 @@ ConsoleNext Debug(ConsoleSession& session, const char* /*pcArgument*/) {
     return ConsoleNext::kPrompt;
 }
 
-// ---- Server and exports ---------------------------------------------------------------------------------------
+// ---- Server and exports
 
 ConsoleNext StartOnPorts(ConsoleSession& session, int iMountPort, int iNfsPort) {
     if (session.pNfsMain->IsServerRunning()) {
@@ -105,7 +105,7 @@ ConsoleNext Umount(ConsoleSession& session, const char* pcArgument) {
     return ConsoleNext::kPrompt;
 }
 
-// ---- Tests and logging ----------------------------------------------------------------------------------------
+// ---- Tests and logging
 
 ConsoleNext Test(ConsoleSession& session, const char* pcArgument) {
     Pair test;
@@ -162,7 +162,7 @@ ConsoleNext Exec(ConsoleSession& session, const char* pcArgument) {
     return ConsoleNext::kPrompt;
 }
 
-// ---- Datastores and network devices ---------------------------------------------------------------------------
+// ---- Datastores and network devices
 
 ConsoleNext AddVSphereInfo(ConsoleSession& session, const char* pcArgument) {
     const std::vector<std::string> vPieces = SplitAtBlanks(pcArgument);
@@ -197,7 +197,7 @@ ConsoleNext RemoveNet(ConsoleSession& session, const char* pcArgument) {
     return ConsoleNext::kPrompt;
 }
 
-// ---- The table ------------------------------------------------------------------------------------------------
+// ---- The table
 
 constexpr ConsoleCommand kCommands[] = {
     // keyword, line in the help, debug mode only, argument, operation

@@ -1,16 +1,16 @@
 // Polled line input.
 #include "ConsoleInput.h"
 
+#include <algorithm>
+
 #include <poll.h>
 #include <unistd.h>
-
-#include <algorithm>
 
 namespace {
 
 /// True while a terminal belongs to another job of its shell: reading it would stop this program.
 bool IsTerminalOfAnotherJob(int iFile) {
-    const pid_t iForeground = tcgetpgrp(iFile);
+    const pid_t iForeground = ::tcgetpgrp(iFile);
     return iForeground > 0 && iForeground != getpgrp();
 }
 
@@ -48,7 +48,7 @@ bool CConsoleInput::ReadAvailable() {
         return false;
     }
     char vcBuffer[kMaxLine + 1];
-    const ssize_t iRead = read(m_iFile, vcBuffer, sizeof(vcBuffer));
+    const ssize_t iRead = ::read(m_iFile, vcBuffer, sizeof(vcBuffer));
     m_bAtEnd = iRead == 0;
     if (iRead <= 0) {
         return false;
@@ -59,5 +59,5 @@ bool CConsoleInput::ReadAvailable() {
 
 bool CConsoleInput::IsReadable() const {
     pollfd input{m_iFile, POLLIN, 0};
-    return poll(&input, 1, 0) == 1 && (input.revents & (POLLIN | POLLHUP)) != 0 && !IsTerminalOfAnotherJob(m_iFile);
+    return ::poll(&input, 1, 0) == 1 && (input.revents & (POLLIN | POLLHUP)) != 0 && !IsTerminalOfAnotherJob(m_iFile);
 }

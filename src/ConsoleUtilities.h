@@ -21,20 +21,20 @@ public:
     /// One whole run; the result is the exit status, 0 or 1. The command line holds one argument a line.
     int Run(const char* pcProgramName, const char* pcCommandLine);
 
-    // ==== Options (ConsoleUtilitiesOptions.cpp) ==================================================================
+    // ---- Options (ConsoleUtilitiesOptions.cpp)
 
     void PrintUsage(const char* pcProgramName);
     /// Splits "left=right" into two buffers of kPathBufferSize; text behind a second "=" is dropped. False, and the
     /// buffers untouched, unless there is an "=" with something behind it.
     bool SplitValue(CUtilities* pUtilities, const char* pcText, char* pcLeft, char* pcRight);
 
-    // ==== Status (ConsoleUtilitiesStatus.cpp) ====================================================================
+    // ---- Status (ConsoleUtilitiesStatus.cpp)
 
     void PrintBanner(const char* pcVersion, const char* pcDescription);
     void PrintNotAccessible();
     void PrintStatus(CNfsMain* pNfsMain);
 
-    // ==== Command loop (ConsoleUtilitiesLoop.cpp) ================================================================
+    // ---- Command loop (ConsoleUtilitiesLoop.cpp)
 
     /// Serves commands until "quit", a shutdown request, or a signal. The end of the input is no reason to end.
     void ProcessCommand(CNfsMain* pNfsMain);
@@ -44,7 +44,7 @@ public:
     /// Sleeps; a signal that asks for the end of the program wakes it.
     void MsSleep(int iMilliseconds);
 
-    // ==== Pid file (ConsoleUtilitiesPidFile.cpp) =================================================================
+    // ---- Pid file (ConsoleUtilitiesPidFile.cpp)
 
     /// Writes the process ID to a file, replacing one that names no living process. False with a reason when another
     /// console lives by that file or the file cannot be written. Nothing to do for an empty path. Of consoles that

@@ -1,10 +1,11 @@
 // The console's command loop.
+#include "ConsoleUtilities.h"
+
 #include <cstdio>
 
 #include "ConsoleCommands.h"
 #include "ConsoleInput.h"
 #include "ConsoleProcess.h"
-#include "ConsoleUtilities.h"
 #include "NfsMain.h"
 
 namespace {

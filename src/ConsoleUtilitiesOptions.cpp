@@ -1,4 +1,6 @@
 // The console's command line: options, their defaults, the usage text.
+#include "ConsoleUtilities.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -6,7 +8,6 @@
 
 #include "ConsoleNumbers.h"
 #include "ConsoleOptions.h"
-#include "ConsoleUtilities.h"
 #include "Utilities.h"
 
 std::optional<int> ConsoleOptions::Parse(CConsoleUtilities& console, const char* pcProgramName,

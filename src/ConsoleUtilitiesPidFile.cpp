@@ -2,10 +2,7 @@
 //
 // Checking, removing and writing happen under a lock of the file itself, and only while the path still names the
 // locked file. So of consoles that start together one writes its process ID and the others find it there.
-#include <fcntl.h>
-#include <sys/file.h>
-#include <sys/stat.h>
-#include <unistd.h>
+#include "ConsoleUtilities.h"
 
 #include <cerrno>
 #include <csignal>
@@ -14,7 +11,11 @@
 #include <limits>
 #include <string>
 
-#include "ConsoleUtilities.h"
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include "Descriptor.h"
 #include "Utilities.h"
 
@@ -83,8 +84,8 @@ private:
 
 /// Takes the file's lock. A file system without locks leaves the check as it is.
 void PidFile::Lock(int iFile) {
-    for (int i = 0; i < kLockAttempts && flock(iFile, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK; ++i) {
-        usleep(kLockPause);
+    for (int i = 0; i < kLockAttempts && ::flock(iFile, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK; ++i) {
+        ::usleep(kLockPause);
     }
 }
 
@@ -92,7 +93,7 @@ void PidFile::Lock(int iFile) {
 bool PidFile::IsStillNamed(int iFile) const {
     struct stat opened {};
     struct stat named {};
-    return fstat(iFile, &opened) == 0 && stat(m_pcPath, &named) == 0 && opened.st_dev == named.st_dev &&
+    return ::fstat(iFile, &opened) == 0 && ::stat(m_pcPath, &named) == 0 && opened.st_dev == named.st_dev &&
            opened.st_ino == named.st_ino;
 }
 
@@ -107,7 +108,7 @@ bool PidFile::IsHeldByLivingProcess(const std::string& sText) {
     if (iPid <= 0 || iPid > std::numeric_limits<pid_t>::max()) {
         return false;
     }
-    if (kill(static_cast<pid_t>(iPid), 0) != 0 && errno != EPERM) {
+    if (::kill(static_cast<pid_t>(iPid), 0) != 0 && errno != EPERM) {
         return false;
     }
     std::snprintf(m_pcStatus, kReasonBufferSize, "Process ID \"%d\" is still running", static_cast<int>(iPid));
@@ -133,7 +134,7 @@ bool PidFile::ReadText(int iFile, std::string& sText) {
 
 Verdict PidFile::Free() {
     struct stat named {};
-    if (stat(m_pcPath, &named) == 0 && !S_ISREG(named.st_mode)) {
+    if (::stat(m_pcPath, &named) == 0 && !S_ISREG(named.st_mode)) {
         Fail("Not a regular file");  // neither wait on a pipe nor remove a device
         return Verdict::kTaken;
     }
@@ -144,7 +145,7 @@ Verdict PidFile::Free() {
         if (file.Get() < 0) {
             return Exists() ? Verdict::kTaken : Verdict::kAgain;
         }
-        lock = CDescriptor(fcntl(file.Get(), F_DUPFD_CLOEXEC, 0));
+        lock = CDescriptor(::fcntl(file.Get(), F_DUPFD_CLOEXEC, 0));
         if (!lock.IsOpen()) {
             CUtilities::GetLastErrorText(m_pcStatus, errno);
             return Verdict::kTaken;
@@ -170,10 +171,10 @@ Verdict PidFile::Write() {
     }
     Lock(file.Get());
     struct stat opened {};
-    if (!IsStillNamed(file.Get()) || fstat(file.Get(), &opened) != 0 || opened.st_size != 0) {
+    if (!IsStillNamed(file.Get()) || ::fstat(file.Get(), &opened) != 0 || opened.st_size != 0) {
         return Verdict::kAgain;  // another console was faster
     }
-    const std::string sText = std::to_string(getpid()) + "\n";
+    const std::string sText = std::to_string(::getpid()) + "\n";
     const int nWritten = m_Utilities.OS_FileWrite(&m_Param, &m_Tag, file.Get(), sText.data(),
                                                   static_cast<unsigned int>(sText.size()), m_pcStatus);
     if (nWritten == static_cast<int>(sText.size())) {

@@ -1,7 +1,8 @@
 // The console's banner and status report.
+#include "ConsoleUtilities.h"
+
 #include <cstdio>
 
-#include "ConsoleUtilities.h"
 #include "NfsMain.h"
 
 namespace {

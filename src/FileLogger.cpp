@@ -22,7 +22,7 @@ constexpr std::size_t kTimeBufferSize = 80;
 void FormatLocalTime(char (&vcOut)[kTimeBufferSize]) {
     const std::time_t iNow = std::time(nullptr);
     std::tm local{};
-    localtime_r(&iNow, &local);
+    ::localtime_r(&iNow, &local);
     if (std::strftime(vcOut, sizeof(vcOut), "%Y/%m/%d %H:%M:%S", &local) == 0) {
         vcOut[0] = '\0';
     }
@@ -56,7 +56,7 @@ CFileLogger::~CFileLogger() {
 
 bool CFileLogger::Open(int iLogControl) {
     LogArgu logArgu{"CFileLogger.Open"};
-    MutexLock lock(m_hMutex);
+    const MutexLock lock(m_hMutex);
     if (m_iLogFile != -1) {
         return true;
     }
@@ -74,7 +74,7 @@ bool CFileLogger::Open(int iLogControl) {
 
 void CFileLogger::Close() {
     LogArgu logArgu{"CFileLogger.Close"};
-    MutexLock lock(m_hMutex);
+    const MutexLock lock(m_hMutex);
     if (m_iLogFile != -1) {
         m_pUtilities->OS_FileClose(m_pRuntimeParam.get(), &logArgu, m_iLogFile, m_LogFile.c_str(), nullptr);
         m_iLogFile = -1;
@@ -101,7 +101,7 @@ void CFileLogger::SetMaxLogSize(long long iSize) {
 
 bool CFileLogger::LogMessage(const char* pcType, const char* pcMsg) {
     LogArgu logArgu{"CFileLogger.LogMessage"};
-    MutexLock lock(m_hMutex);
+    const MutexLock lock(m_hMutex);
     if (m_iLogFile == -1) {
         return false;
     }
@@ -116,7 +116,7 @@ bool CFileLogger::LogMessage(const char* pcType, const char* pcMsg) {
 }
 
 /// Moves the file aside and begins a new one. When that fails the logger stays closed.
-bool CFileLogger::Rotate(LogArgu* pLogArgu) {
+bool CFileLogger::Rotate(const LogArgu* pLogArgu) {
     CRuntimeParam* pParam = m_pRuntimeParam.get();
     if (m_pUtilities->OS_FileClose(pParam, pLogArgu, m_iLogFile, m_LogFile.c_str(), nullptr) == -1) {
         return false;

@@ -43,7 +43,7 @@ public:
 
 private:
     bool LogMessage(const char* pcType, const char* pcMsg);
-    bool Rotate(LogArgu* pLogArgu) REQUIRES(m_hMutex);
+    bool Rotate(const LogArgu* pLogArgu) REQUIRES(m_hMutex);
 
     const std::string m_LogFile;
     std::atomic<long long> m_iMaxLogSize{kDefaultMaxLogSize};

@@ -1,12 +1,12 @@
 // Walks the segment records of an info file.
 #include "InfoFileReader.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <cstring>
 
-void CInfoFileReader::Seek(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, std::int64_t iPosition) {
+#include <sys/stat.h>
+
+void CInfoFileReader::Seek(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, std::int64_t iPosition) {
     m_File.Seek(pRuntimeParam, pLogArgu, iPosition);
     m_iPosition = iPosition;
     m_nFetch = kFirstRecords;
@@ -14,7 +14,7 @@ void CInfoFileReader::Seek(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, std:
     m_nRecords = 0;
 }
 
-bool CInfoFileReader::Next(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, Segment* pSegment) {
+bool CInfoFileReader::Next(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, Segment* pSegment) {
     if (m_iRecord == m_nRecords && !Fill(pRuntimeParam, pLogArgu)) {
         return false;
     }
@@ -24,7 +24,7 @@ bool CInfoFileReader::Next(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, Segm
     return true;
 }
 
-bool CInfoFileReader::Fill(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu) {
+bool CInfoFileReader::Fill(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu) {
     if (m_nFetch != kFirstRecords && !HasEnd()) {
         return false;
     }

@@ -18,14 +18,14 @@ public:
     /// Whether there is a file to walk; all else wants one.
     bool IsOpen() const { return m_File.Get() != -1; }
     /// Goes to a record's place.
-    void Seek(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, std::int64_t iPosition);
+    void Seek(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, std::int64_t iPosition);
     /// The next record; false where fewer than 32 bytes are left or can be read.
-    bool Next(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, Segment* pSegment);
+    bool Next(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, Segment* pSegment);
     /// The place behind the record that Next returned last.
     std::int64_t GetPosition() const { return m_iPosition; }
 
 private:
-    bool Fill(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu);
+    bool Fill(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu);
     /// Only a regular file is searched beyond the first records: some devices never end.
     bool HasEnd();
 

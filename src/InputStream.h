@@ -7,7 +7,7 @@
 /// bytes are left than it needs.
 class CInputStream : public CSocketStream {
 public:
-    // ---- Buffer management, for the socket's thread ----
+    // ---- Buffer management, for the socket's thread
 
     /// The first unfilled byte; GetFreeBufferSize() bytes may be written there.
     char* GetFreeBuffer() { return m_pcBuffer.get() + m_iSize; }
@@ -32,7 +32,7 @@ public:
     unsigned int HideBehind(unsigned int iPosition);
     void Unhide(unsigned int nHidden) { m_iSize += nHidden; }
 
-    // ---- Searching ----
+    // ---- Searching
     // Bytes that stay in the buffer are searched once, however often more bytes arrive behind them.
 
     /// Remembers that nothing was found at the buffer positions from iFrom up to, not including, iTo.
@@ -40,7 +40,7 @@ public:
     /// Where a search from buffer position iFrom has to begin: behind what was searched before, if iFrom lies in it.
     unsigned int GetSearchStart(unsigned int iFrom) const;
 
-    // ---- Decoding ----
+    // ---- Decoding
 
     /// Copies raw bytes; returns their number.
     unsigned int Read(void* pvData, unsigned int iSize);

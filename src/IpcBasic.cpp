@@ -34,7 +34,7 @@ void CIpcBasic::InitialCallbackData(IpcDataBuf* pData, int iType) {
     InitialData(pData, kIpcGroupCallback, iType);
 }
 
-void CIpcBasic::PrintData(LogArgu* pLogArgu, const IpcDataBuf* pData) {
+void CIpcBasic::PrintData(const LogArgu* pLogArgu, const IpcDataBuf* pData) {
     if (!m_pRuntimeParam->IsLogIpc()) {
         return;
     }

@@ -54,7 +54,7 @@ public:
     static void InitialCallbackData(IpcDataBuf* pData, int iType);
 
     /// Logs group, type, version and length, when IPC messages are logged.
-    void PrintData(LogArgu* pLogArgu, const IpcDataBuf* pData);
+    void PrintData(const LogArgu* pLogArgu, const IpcDataBuf* pData);
 
     void LogInfo(const char* pcMessage);
     void LogError(const char* pcMessage);

@@ -35,12 +35,12 @@ bool CIpcClient::SendRequest(const char* pcChannel) {
 }
 
 bool CIpcClient::SendRequestLogged(const char* pcChannel, char* pcReason) {
-    char cReason[kReasonBufferSize] = "";
-    if (SendRequest(pcChannel, cReason)) {
+    char vcReason[kReasonBufferSize] = "";
+    if (SendRequest(pcChannel, vcReason)) {
         return true;
     }
-    CopyIpcText(pcReason, kReasonBufferSize, cReason);
-    LogFailure({"IpcClient.SendRequest"}, cReason);
+    CopyIpcText(pcReason, kReasonBufferSize, vcReason);
+    LogFailure({"IpcClient.SendRequest"}, vcReason);
     return false;
 }
 

@@ -1,13 +1,13 @@
 // A listening local socket and its file.
 #include "IpcListener.h"
 
+#include <cerrno>
+
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
-
-#include <cerrno>
 
 #include "Reason.h"
 
@@ -19,7 +19,7 @@ constexpr mode_t kSocketFileMode = 0777;
 }  // namespace
 
 bool CIpcListener::Open(const char* pcPath, char* pcReason) {
-    m_Wake = CDescriptor::AboveStandard(CDescriptor(eventfd(0, EFD_CLOEXEC)));
+    m_Wake = CDescriptor::AboveStandard(CDescriptor(::eventfd(0, EFD_CLOEXEC)));
     int iError = m_Wake.IsOpen() ? m_Socket.Create() : errno;
     if (iError != 0) {
         WriteReason(pcReason, "Fail to open ipc server socket. %s", CSystemErrorText(iError).Get());
@@ -34,21 +34,21 @@ bool CIpcListener::Open(const char* pcPath, char* pcReason) {
 }
 
 bool CIpcListener::Bind(char* pcReason) {
-    unlink(m_Address.sun_path);  // a file that stays makes the bind fail
+    ::unlink(m_Address.sun_path);  // a file that stays makes the bind fail
     // Non-blocking, so that a connection that vanishes between poll and accept blocks nobody.
-    if (fcntl(m_Socket.Get(), F_SETFL, O_NONBLOCK) != 0 ||
-        bind(m_Socket.Get(), reinterpret_cast<const sockaddr*>(&m_Address), sizeof(m_Address)) != 0) {
+    if (::fcntl(m_Socket.Get(), F_SETFL, O_NONBLOCK) != 0 ||
+        ::bind(m_Socket.Get(), reinterpret_cast<const sockaddr*>(&m_Address), sizeof(m_Address)) != 0) {
         WriteReason(pcReason, "Fail to bind ipc server socket. %s", CSystemErrorText(errno).Get());
         return false;
     }
     m_bBound = true;
     // After the bind, because the umask narrows the mode that bind gives.
-    if (chmod(m_Address.sun_path, kSocketFileMode) != 0 || lstat(m_Address.sun_path, &m_File) != 0) {
+    if (::chmod(m_Address.sun_path, kSocketFileMode) != 0 || ::lstat(m_Address.sun_path, &m_File) != 0) {
         WriteReason(pcReason, "Fail to bind ipc server socket. %s", CSystemErrorText(errno).Get());
         Close();
         return false;
     }
-    if (listen(m_Socket.Get(), kBacklog) != 0) {
+    if (::listen(m_Socket.Get(), kBacklog) != 0) {
         WriteReason(pcReason, "Fail to listen ipc server socket. %s", CSystemErrorText(errno).Get());
         Close();
         return false;
@@ -62,7 +62,7 @@ int CIpcListener::Accept(CIpcSocket* pConnection) {
             return iError;
         }
         *pConnection = CIpcSocket(
-            CDescriptor::AboveStandard(CDescriptor(accept4(m_Socket.Get(), nullptr, nullptr, SOCK_CLOEXEC))));
+            CDescriptor::AboveStandard(CDescriptor(::accept4(m_Socket.Get(), nullptr, nullptr, SOCK_CLOEXEC))));
         if (pConnection->IsOpen()) {
             return 0;
         }
@@ -93,6 +93,6 @@ void CIpcListener::Close() {
 void CIpcListener::RemoveFile() {
     struct stat now {};
     const bool bOwn =
-        lstat(m_Address.sun_path, &now) == 0 && now.st_dev == m_File.st_dev && now.st_ino == m_File.st_ino;
-    m_bFileLeft = bOwn && unlink(m_Address.sun_path) != 0;
+        ::lstat(m_Address.sun_path, &now) == 0 && now.st_dev == m_File.st_dev && now.st_ino == m_File.st_ino;
+    m_bFileLeft = bOwn && ::unlink(m_Address.sun_path) != 0;
 }

@@ -1,10 +1,10 @@
 // CIpcListener: a listening local socket and the file by which it is found.
 #pragma once
 
+#include <chrono>
+
 #include <sys/stat.h>
 #include <sys/un.h>
-
-#include <chrono>
 
 #include "IpcSocket.h"
 

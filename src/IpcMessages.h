@@ -103,7 +103,7 @@ struct Ipc_Header {
     char cVersion[8];
 };
 
-// ---- Replies ---------------------------------------------------------------------------------------------------
+// ---- Replies
 
 struct IpcReply_Bool {
     Ipc_Header header;
@@ -126,7 +126,7 @@ struct IpcReply_Message {
     char cMsg[kIpcMessageSize];
 };
 
-// ---- Requests --------------------------------------------------------------------------------------------------
+// ---- Requests
 
 struct IpcRequest_Start {
     Ipc_Header header;
@@ -271,7 +271,7 @@ struct IpcRequest_AddNetDeviceCredential {
     char cPwd[kIpcCredentialSize];  ///< at the odd offset 1295
 };
 
-// ---- Callbacks -------------------------------------------------------------------------------------------------
+// ---- Callbacks
 // cID is the ID of the runtime parameter under which the event happened.
 
 struct IpcCb_LogMessage {
@@ -315,7 +315,7 @@ struct IpcCb_WriteRedirectedFile {
     std::uint32_t iLen;
 };
 
-// ---- The layouts are part of the format ------------------------------------------------------------------------
+// ---- The layouts are part of the format
 
 // NOLINTBEGIN(cppcoreguidelines-macro-usage)
 #define IPC_ASSERT_FIELD(record, field, place) static_assert(offsetof(record, field) == (place))

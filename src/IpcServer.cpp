@@ -38,11 +38,11 @@ bool CIpcServer::Open(const char* pcChannel, char* pcReason) {
 }
 
 bool CIpcServer::Open(const char* pcChannel) {
-    char cReason[kReasonBufferSize] = "";
-    if (Open(pcChannel, cReason)) {
+    char vcReason[kReasonBufferSize] = "";
+    if (Open(pcChannel, vcReason)) {
         return true;
     }
-    LogFailure({"IpcServer.Open"}, cReason);
+    LogFailure({"IpcServer.Open"}, vcReason);
     return false;
 }
 
@@ -93,10 +93,10 @@ bool CIpcServer::ReadRequest() {
         LogState(logArgu, "Waiting to auto shutdown");
         return false;
     }
-    char cReason[kReasonBufferSize] = "";
-    const bool bServed = ReadRequest(cReason);
+    char vcReason[kReasonBufferSize] = "";
+    const bool bServed = ReadRequest(vcReason);
     if (!bServed && !m_bClosed) {
-        LogFailure(logArgu, cReason);
+        LogFailure(logArgu, vcReason);
     }
     if (m_bAutoShutdownRequested) {
         m_pNfsHandle->RequestAutoShutdown();
@@ -139,7 +139,7 @@ bool CIpcServer::AcceptConnection(const LogArgu& logArgu, CIpcListener* pListene
     return false;
 }
 
-bool CIpcServer::ServeConnection(LogArgu* pLogArgu, const CIpcListener& listener, CIpcSocket* pConnection,
+bool CIpcServer::ServeConnection(const LogArgu* pLogArgu, const CIpcListener& listener, CIpcSocket* pConnection,
                                  char* pcReason) {
     LogState(*pLogArgu, "Read ipc request");
     IpcDataInst& data = m_IpcServerInst.data;
@@ -178,10 +178,10 @@ bool CIpcServer::SendReply(const LogArgu& logArgu, CIpcSocket* pConnection, char
     return true;
 }
 
-void CIpcServer::ParseData(LogArgu* pLogArgu, IpcDataInst* pInst) {
+void CIpcServer::ParseData(const LogArgu* pLogArgu, IpcDataInst* pInst) {
     PrintData(pLogArgu, &pInst->request);
     const auto header = GetIpcRecord<Ipc_Header>(pInst->request);
-    char cReason[kReasonBufferSize];
+    char vcReason[kReasonBufferSize];
     switch (header.iGroup) {
         case kIpcGroupRequest:
             ProcessRequest(pInst, header.iType);
@@ -190,12 +190,12 @@ void CIpcServer::ParseData(LogArgu* pLogArgu, IpcDataInst* pInst) {
             ProcessCallback(pInst, header.iType);
             break;
         case kIpcGroupReply:
-            WriteReason(cReason, "Reply action group is not support (%d)", header.iType);
-            ReplyText(pInst, kIpcReplyException, cReason);
+            WriteReason(vcReason, "Reply action group is not support (%d)", header.iType);
+            ReplyText(pInst, kIpcReplyException, vcReason);
             break;
         default:
-            WriteReason(cReason, "Unknown action group: %d (%d)", header.iGroup, header.iType);
-            ReplyText(pInst, kIpcReplyException, cReason);
+            WriteReason(vcReason, "Unknown action group: %d (%d)", header.iGroup, header.iType);
+            ReplyText(pInst, kIpcReplyException, vcReason);
             break;
     }
     PrintData(pLogArgu, &pInst->reply);

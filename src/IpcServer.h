@@ -1,11 +1,11 @@
 // CIpcServer: the listening end: carries out requests on the controller and callbacks on its registries.
 #pragma once
 
-#include <sys/un.h>
-
 #include <atomic>
 #include <chrono>
 #include <memory>
+
+#include <sys/un.h>
 
 #include "IpcBasic.h"
 #include "IpcListener.h"
@@ -57,7 +57,7 @@ public:
     void WaitForClose();
 
     /// Carries out the message of an exchange and makes its reply.
-    void ParseData(LogArgu* pLogArgu, IpcDataInst* pInst);
+    void ParseData(const LogArgu* pLogArgu, IpcDataInst* pInst);
     void ProcessRequest(IpcDataInst* pInst, int iType);   // IpcServerRequest.cpp
     void ProcessCallback(IpcDataInst* pInst, int iType);  // IpcServerCallback.cpp
 
@@ -70,7 +70,8 @@ public:
 private:
     std::shared_ptr<CIpcListener> GetListener();
     bool AcceptConnection(const LogArgu& logArgu, CIpcListener* pListener, CIpcSocket* pConnection, char* pcReason);
-    bool ServeConnection(LogArgu* pLogArgu, const CIpcListener& listener, CIpcSocket* pConnection, char* pcReason);
+    bool ServeConnection(const LogArgu* pLogArgu, const CIpcListener& listener, CIpcSocket* pConnection,
+                         char* pcReason);
     bool SendReply(const LogArgu& logArgu, CIpcSocket* pConnection, char* pcReason);
 
     CNfsMain* m_pNfsHandle;

@@ -1,5 +1,6 @@
 // CIpcServer: handing callbacks to the registries of the process that receives them.
 #include "IpcServer.h"
+
 #include "Reason.h"
 #include "Utilities.h"
 
@@ -50,7 +51,7 @@ int WriteRedirectedFile(CUtilities& utilities, const IpcDataBuf& request) {
 }  // namespace
 
 void CIpcServer::ProcessCallback(IpcDataInst* pInst, int iType) {
-    char cReason[kReasonBufferSize];
+    char vcReason[kReasonBufferSize];
     switch (iType) {
         case kIpcCbLogMessage:
             LogMessage(*m_pUtilities, pInst);
@@ -68,8 +69,8 @@ void CIpcServer::ProcessCallback(IpcDataInst* pInst, int iType) {
             ReplyInt(pInst, WriteRedirectedFile(*m_pUtilities, pInst->request));
             break;
         default:
-            WriteReason(cReason, "Unknown callback type (%d)", iType);
-            ReplyText(pInst, kIpcReplyException, cReason);
+            WriteReason(vcReason, "Unknown callback type (%d)", iType);
+            ReplyText(pInst, kIpcReplyException, vcReason);
             break;
     }
 }

@@ -1,8 +1,9 @@
 // CIpcServer: carrying out requests on the controller.
+#include "IpcServer.h"
+
 #include <array>
 #include <string>
 
-#include "IpcServer.h"
 #include "NfsMain.h"
 #include "Reason.h"
 
@@ -41,7 +42,7 @@ public:
     }
 };
 
-// ---- The server ------------------------------------------------------------------------------------------------
+// ---- The server
 
 void GetVersion(const Call& call) {
     char cText[kIpcMessageSize] = "";
@@ -61,10 +62,10 @@ void IsServerRunning(const Call& call) {
 
 void StartServer(const Call& call) {
     const auto record = call.Get<IpcRequest_Start>();
-    char cReason[kReasonBufferSize] = "";
+    char vcReason[kReasonBufferSize] = "";
     const bool bDone = call.controller.StartServer(record.iMountPort, record.iNfsPort, record.iUId, record.iGId,
-                                                   record.bReadOnly != 0, cReason);
-    call.Reply(bDone, cReason);
+                                                   record.bReadOnly != 0, vcReason);
+    call.Reply(bDone, vcReason);
 }
 
 void SetLogControl(const Call& call) {
@@ -89,15 +90,15 @@ void SetDebugActionEnabled(const Call& call) {
     call.Reply(true);
 }
 
-// ---- Exports and sessions --------------------------------------------------------------------------------------
+// ---- Exports and sessions
 
 void AddMountPoint(const Call& call) {
     const auto record = call.Get<IpcRequest_AddMountPoint>();
-    char cReason[kReasonBufferSize] = "";
+    char vcReason[kReasonBufferSize] = "";
     const bool bDone = call.controller.AddMountPoint(GetIpcText(record.cLocalMountFolder).c_str(),
                                                      GetIpcText(record.cExportName).c_str(),
-                                                     GetIpcText(record.cIpcID).c_str(), cReason);
-    call.Reply(bDone, cReason);
+                                                     GetIpcText(record.cIpcID).c_str(), vcReason);
+    call.Reply(bDone, vcReason);
 }
 
 void RemoveMountPoint(const Call& call) {
@@ -121,7 +122,7 @@ void IsSessionExists(const Call& call) {
     call.Reply(call.controller.IsSessionExists(GetIpcText(record.cSessionID).c_str()));
 }
 
-// ---- Redirected files and cached descriptors -------------------------------------------------------------------
+// ---- Redirected files and cached descriptors
 
 void OpenRedirectedFile(const Call& call) {
     const auto record = call.Get<IpcRequest_OpenRedirectedFile>();
@@ -139,11 +140,11 @@ void DoWithPath(const Call& call) {
 
 void AddRedirectedFileSegment(const Call& call) {
     const auto record = call.Get<IpcRequest_AddRedirectedFileSegment>();
-    char cReason[kReasonBufferSize] = "";
+    char vcReason[kReasonBufferSize] = "";
     const bool bDone =
         call.controller.AddRedirectedFileSegment(GetIpcText(record.cPath).c_str(), GetIpcText(record.cSrcPath).c_str(),
-                                                 record.iSrcFileOffset, record.iOffset, record.iLength, cReason);
-    call.Reply(bDone, cReason);
+                                                 record.iSrcFileOffset, record.iOffset, record.iLength, vcReason);
+    call.Reply(bDone, vcReason);
 }
 
 void ExportRedirectedFile(const Call& call) {
@@ -159,7 +160,7 @@ void ExportRedirectedFileInfo(const Call& call) {
     call.Reply(true);
 }
 
-// ---- Listings --------------------------------------------------------------------------------------------------
+// ---- Listings
 
 void GetMountInfo(const Call& call) {
     const auto record = call.Get<IpcRequest_GetMountInfo>();
@@ -174,7 +175,7 @@ void List(const Call& call) {
     call.Reply((call.controller.*operation)(&param, record.bPrintDetails != 0));
 }
 
-// ---- Tests and administration ----------------------------------------------------------------------------------
+// ---- Tests and administration
 
 void RunTestMode(const Call& call) {
     const auto record = call.Get<IpcRequest_RunTestMode>();
@@ -199,10 +200,10 @@ void RemoveVSphereInfo(const Call& call) {
 void RunQuickTestMode(const Call& call) {
     const auto record = call.Get<IpcRequest_RunQuickTestMode>();
     CRequesterParam param(call, GetIpcText(record.cIpcID));
-    char cReason[kReasonBufferSize] = "";
+    char vcReason[kReasonBufferSize] = "";
     const bool bDone =
-        call.controller.RunQuickTestMode(&param, GetIpcText(record.cPath).c_str(), record.iMode, cReason);
-    call.Reply(bDone, cReason);
+        call.controller.RunQuickTestMode(&param, GetIpcText(record.cPath).c_str(), record.iMode, vcReason);
+    call.Reply(bDone, vcReason);
 }
 
 void ExecuteSystemCmd(const Call& call) {
@@ -266,9 +267,9 @@ static_assert(kHandlers.size() == kIpcRemoveNetDeviceCredential + 1);
 void CIpcServer::ProcessRequest(IpcDataInst* pInst, int iType) {
     const int iKnown = GetKnownIpcType(kIpcGroupRequest, iType);
     if (iKnown == 0) {
-        char cReason[kReasonBufferSize];
-        WriteReason(cReason, "Unknown request type (%d)", iType);
-        ReplyText(pInst, kIpcReplyException, cReason);
+        char vcReason[kReasonBufferSize];
+        WriteReason(vcReason, "Unknown request type (%d)", iType);
+        ReplyText(pInst, kIpcReplyException, vcReason);
         return;
     }
     kHandlers[static_cast<std::size_t>(iKnown)]({*m_pNfsHandle, *m_pRuntimeParam, *pInst, m_bAutoShutdownRequested});

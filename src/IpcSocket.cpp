@@ -1,14 +1,14 @@
 // One end of a local stream socket.
 #include "IpcSocket.h"
 
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/time.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstring>
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/time.h>
 
 #include "IpcMessages.h"
 
@@ -61,7 +61,7 @@ int CIpcSocket::MakeAddress(const char* pcPath, sockaddr_un* pAddress) {
 int CIpcSocket::WaitReadable(int iSocket, int iWake, const Deadline& deadline) {
     for (;;) {
         pollfd polled[2] = {{iSocket, POLLIN, 0}, {iWake, POLLIN, 0}};  // poll passes over negative descriptors
-        const int iReady = poll(polled, 2, RemainingMs(deadline));
+        const int iReady = ::poll(polled, 2, RemainingMs(deadline));
         if (iReady < 0 && errno != EINTR) {
             return errno;
         }
@@ -75,7 +75,7 @@ int CIpcSocket::WaitReadable(int iSocket, int iWake, const Deadline& deadline) {
 }
 
 int CIpcSocket::Create() {
-    m_Descriptor = CDescriptor::AboveStandard(CDescriptor(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)));
+    m_Descriptor = CDescriptor::AboveStandard(CDescriptor(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)));
     return IsOpen() ? 0 : errno;
 }
 
@@ -89,11 +89,11 @@ int CIpcSocket::Connect(const char* pcPath, const Deadline& deadline) {
             // The only bound that a connect waiting in a full queue knows. Zero would mean none.
             const int iLeft = std::max(RemainingMs(deadline), 1);
             const timeval limit{iLeft / 1000, (iLeft % 1000) * 1000L};
-            if (setsockopt(Get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit)) != 0) {
+            if (::setsockopt(Get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit)) != 0) {
                 return errno;
             }
         }
-        if (connect(Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
+        if (::connect(Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
             return 0;
         }
         if (errno != EINTR) {
@@ -105,7 +105,7 @@ int CIpcSocket::Connect(const char* pcPath, const Deadline& deadline) {
 int CIpcSocket::Send(const IpcDataBuf& data, long* piSent) {
     ssize_t iSent;
     do {
-        iSent = send(Get(), data.cBuf, static_cast<std::size_t>(data.lDataLen), MSG_NOSIGNAL);
+        iSent = ::send(Get(), data.cBuf, static_cast<std::size_t>(data.lDataLen), MSG_NOSIGNAL);
     } while (iSent < 0 && errno == EINTR);
     *piSent = iSent;
     return iSent < 0 ? errno : 0;
@@ -146,7 +146,7 @@ void CIpcSocket::DiscardInput() {
     constexpr int kMaxReads = 256;  // a megabyte; who sends more than that wants no reply
     char cBuf[kIpcDataBufSize];
     for (int i = 0; i < kMaxReads; ++i) {
-        if (recv(Get(), cBuf, sizeof(cBuf), MSG_DONTWAIT) <= 0) {
+        if (::recv(Get(), cBuf, sizeof(cBuf), MSG_DONTWAIT) <= 0) {
             return;
         }
     }
@@ -154,6 +154,6 @@ void CIpcSocket::DiscardInput() {
 
 void CIpcSocket::Shutdown() {
     if (IsOpen()) {
-        shutdown(Get(), SHUT_RDWR);  // fails only where the peer is gone already
+        ::shutdown(Get(), SHUT_RDWR);  // fails only where the peer is gone already
     }
 }

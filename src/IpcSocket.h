@@ -1,11 +1,11 @@
 // CIpcSocket: one end of a local stream socket that carries one record each way.
 #pragma once
 
-#include <sys/un.h>
-
 #include <chrono>
 #include <optional>
 #include <utility>
+
+#include <sys/un.h>
 
 #include "Descriptor.h"
 

@@ -70,21 +70,21 @@ std::uint32_t TakeCharacter(std::string_view& sText) {
 }
 
 void AppendUtf8(std::string& sOut, std::uint32_t iCharacter) {
-    const auto Append = [&sOut](std::uint32_t iByte) { sOut.push_back(static_cast<char>(iByte)); };
+    const auto append = [&sOut](std::uint32_t iByte) { sOut.push_back(static_cast<char>(iByte)); };
     if (iCharacter >= 1 && iCharacter < 0x80) {
-        Append(iCharacter);
+        append(iCharacter);
     } else if (iCharacter < 0x800) {
-        Append(0xC0U | iCharacter >> 6);
-        Append(0x80U | (iCharacter & 0x3FU));
+        append(0xC0U | iCharacter >> 6);
+        append(0x80U | (iCharacter & 0x3FU));
     } else if (iCharacter < kFirstSupplementary) {
-        Append(0xE0U | iCharacter >> 12);
-        Append(0x80U | (iCharacter >> 6 & 0x3FU));
-        Append(0x80U | (iCharacter & 0x3FU));
+        append(0xE0U | iCharacter >> 12);
+        append(0x80U | (iCharacter >> 6 & 0x3FU));
+        append(0x80U | (iCharacter & 0x3FU));
     } else {
-        Append(0xF0U | iCharacter >> 18);
-        Append(0x80U | (iCharacter >> 12 & 0x3FU));
-        Append(0x80U | (iCharacter >> 6 & 0x3FU));
-        Append(0x80U | (iCharacter & 0x3FU));
+        append(0xF0U | iCharacter >> 18);
+        append(0x80U | (iCharacter >> 12 & 0x3FU));
+        append(0x80U | (iCharacter >> 6 & 0x3FU));
+        append(0x80U | (iCharacter & 0x3FU));
     }
 }
 

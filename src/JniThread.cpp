@@ -1,9 +1,9 @@
 // Attaching, detaching, and exceptions.
 #include "JniThread.h"
 
-#include <pthread.h>
-
 #include <cstdio>
+
+#include <pthread.h>
 
 namespace {
 
@@ -19,7 +19,7 @@ CJniThread::CJniThread(JavaVM* pVM) : m_pVM(pVM) {
         iResult = pVM->AttachCurrentThread(&pvEnv, nullptr);
         m_bAttached = iResult == JNI_OK;
         if (!m_bAttached) {
-            std::printf("GetEnv: fail to attach thread (%lu)\n", static_cast<unsigned long>(pthread_self()));
+            std::printf("GetEnv: fail to attach thread (%lu)\n", static_cast<unsigned long>(::pthread_self()));
         }
     }
     m_pEnv = iResult == JNI_OK ? static_cast<JNIEnv*>(pvEnv) : nullptr;

@@ -120,7 +120,8 @@ int CMountProg::ProcedureMNT(CInputStream* pInput, COutputStream* pOutput, Proce
 }
 
 /// Binds the export to the caller and makes its root's handle in a buffer that takes a reason too.
-bool CMountProg::BindExport(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sExportName, char* pcHandle) {
+bool CMountProg::BindExport(ProcessParam* pParam, const LogArgu* pLogArgu, const std::string& sExportName,
+                            char* pcHandle) {
     MountInfo mountInfo;
     if (!m_pUtilities->UpdateMountClientIpAddrByExportName(sExportName.c_str(), pParam->sRemoteAddr.c_str(), &mountInfo,
                                                            pcHandle)) {
@@ -156,7 +157,8 @@ int CMountProg::ProcedureUMNT(CInputStream* pInput, COutputStream* /*pOutput*/, 
     return kProgHandled;
 }
 
-bool CMountProg::ReadPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CInputStream* pInput, COpaquePath* pPath) {
+bool CMountProg::ReadPath(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, CInputStream* pInput,
+                          COpaquePath* pPath) {
     if (pPath == nullptr) {
         return false;
     }

@@ -30,8 +30,8 @@ public:
 
     /// Reads an export name. False, with its bytes left unread, for one of kPathBufferSize bytes or more; the caller
     /// says so in the call's parameters.
-    bool ReadPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CInputStream* pInput, COpaquePath* pPath);
+    bool ReadPath(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, CInputStream* pInput, COpaquePath* pPath);
 
 private:
-    bool BindExport(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sExportName, char* pcHandle);
+    bool BindExport(ProcessParam* pParam, const LogArgu* pLogArgu, const std::string& sExportName, char* pcHandle);
 };

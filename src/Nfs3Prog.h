@@ -52,7 +52,7 @@ public:
     /// Refuses the modifying procedures, and says so in ACCESS.
     void SetReadOnly(bool bEnable);
 
-    // ==== Procedures =============================================================================================
+    // ---- Procedures
     // Each decodes its arguments, checks, acts and encodes; the NFS status is part of the result written. The return
     // value is a ProgramStatus. Short arguments throw CDataTruncatedExpt before anything is changed.
 
@@ -88,7 +88,7 @@ public:
     static constexpr unsigned int kProcedureCount = 22;
     static const std::array<Procedure, kProcedureCount>& GetProcedures();
 
-    // ==== Types on the wire (Nfs3ProgXdr.cpp) ====================================================================
+    // ---- Types on the wire (Nfs3ProgXdr.cpp)
     // Decoders throw CDataTruncatedExpt where the input runs short. "Skip" consumes a value and leaves it unset.
 
     static void Read(CInputStream* pInput, bool* pbValue);  ///< true only for 1
@@ -119,29 +119,29 @@ public:
     static void Write(COutputStream* pOutput, const wcc_data& data);
     static void Write(COutputStream* pOutput, const post_op_fh3& handle);
 
-    // ==== Handles, names and paths (Nfs3ProgPath.cpp) ============================================================
+    // ---- Handles, names and paths (Nfs3ProgPath.cpp)
 
     /// Reads a file handle. False, with the path left empty, if it names nothing.
-    bool ReadPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CInputStream* pInput, std::string* psPath);
+    bool ReadPath(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, CInputStream* pInput, std::string* psPath);
     /// Reads a directory handle and a name, and finds the entry's path: links resolved as far as it exists. False,
     /// with the path left empty, if the handle names nothing or the path does not fit kPathBufferSize. *pbResolved, if
     /// given, tells whether the entry exists; its path holds no link then. *pStatus, if given, may be filled.
     /// *pbEntryName, if given, tells whether the name is one that an entry can have.
-    bool ReadPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CInputStream* pInput, diropargs3* pDirOp,
+    bool ReadPath(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, CInputStream* pInput, diropargs3* pDirOp,
                   std::string* psPath, bool* pbResolved = nullptr, FoundStatus* pStatus = nullptr,
                   bool* pbEntryName = nullptr);
     /// The same for the entry itself, to be made, removed or renamed: its folder's links are resolved, and it may be a
     /// link, which is not followed. The path is empty for a name that no entry can have (too long, or with a NUL
     /// inside), and one of no entry (IsFolderItself) for a name that stands for a folder: none, "." or "..".
-    bool ReadEntryPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CInputStream* pInput, diropargs3* pDirOp,
+    bool ReadEntryPath(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, CInputStream* pInput, diropargs3* pDirOp,
                        std::string* psPath, bool* pbExists);
 
     /// Finds the export of a path and makes the call's runtime parameter carry its name and IPC ID. NFS3ERR_IO for a
     /// path in no export, or in one that another client has mounted.
-    nfsstat3 CheckProcessParam(ProcessParam* pParam, LogArgu* pLogArgu, const char* pcPath);
+    nfsstat3 CheckProcessParam(ProcessParam* pParam, const LogArgu* pLogArgu, const char* pcPath);
     /// NFS3ERR_STALE for a null path. If it must exist: NFS3ERR_IO for one that does not (its last link followed), or
     /// that links lead out of the exports that serve the client.
-    nfsstat3 CheckPath(ProcessParam* pParam, LogArgu* pLogArgu, const char* pcPath, bool bMustExist,
+    nfsstat3 CheckPath(ProcessParam* pParam, const LogArgu* pLogArgu, const char* pcPath, bool bMustExist,
                        FoundStatus* pStatus = nullptr);
 
     /// Joins directory and name with "/" into a buffer of kPathBufferSize. False if one is null or they do not fit.
@@ -149,12 +149,12 @@ public:
     /// True for names that are never listed: none, "." and "..".
     static bool IsInVaildDirName(const char* pcName);
 
-    // ==== Attributes (Nfs3ProgAttributes.cpp) ====================================================================
+    // ---- Attributes (Nfs3ProgAttributes.cpp)
 
-    bool GetNfsFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, nfs_fh3* pHandle);
+    bool GetNfsFileHandle(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, nfs_fh3* pHandle);
     /// Attributes of the path itself (a link is not followed). False if they cannot be had.
-    bool GetNfsFileAttributes(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, fattr3* pAttributes,
-                              const FoundStatus* pFound = nullptr);
+    bool GetNfsFileAttributes(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
+                              fattr3* pAttributes, const FoundStatus* pFound = nullptr);
     /// Attributes before an operation are never given: false, and nothing is filled.
     static bool GetNfsFileAttributes(const char* pcPath, wcc_attr* pAttributes);
     /// Both keep the permission bits and the set-ID bits and drop the rest.
@@ -171,60 +171,64 @@ private:
     static void WriteStatusAndWcc(COutputStream* pOutput, nfsstat3 iStatus);
 
     // ---- Paths (Nfs3ProgPath.cpp)
-    nfsstat3 CheckExisting(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sPath, bool bResolved = false,
-                           FoundStatus* pStatus = nullptr);
-    nfsstat3 CheckUnresolved(ProcessParam* pParam, LogArgu* pLogArgu);
+    nfsstat3 CheckExisting(ProcessParam* pParam, const LogArgu* pLogArgu, const std::string& sPath,
+                           bool bResolved = false, FoundStatus* pStatus = nullptr);
+    nfsstat3 CheckUnresolved(ProcessParam* pParam, const LogArgu* pLogArgu);
     static nfsstat3 TellMissing(const ProcessParam& param, nfsstat3 iStatus);
-    MountAccess FindExport(CRuntimeParam* pScanParam, ProcessParam* pParam, LogArgu* pLogArgu, const char* pcPath,
+    MountAccess FindExport(CRuntimeParam* pScanParam, ProcessParam* pParam, const LogArgu* pLogArgu, const char* pcPath,
                            MountInfo* pMountInfo);
-    MountAccess FindExportQuietly(ProcessParam* pParam, LogArgu* pLogArgu, const char* pcPath);
-    void ReportNoExport(ProcessParam* pParam, LogArgu* pLogArgu);
-    bool ReadJoinedPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CInputStream* pInput, diropargs3* pDirOp,
+    MountAccess FindExportQuietly(ProcessParam* pParam, const LogArgu* pLogArgu, const char* pcPath);
+    void ReportNoExport(ProcessParam* pParam, const LogArgu* pLogArgu);
+    bool ReadJoinedPath(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, CInputStream* pInput, diropargs3* pDirOp,
                         char* pcJoined, bool* pbWhole);
-    void LogPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const std::string& sPath);
+    void LogPath(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const std::string& sPath);
     static bool IsFolderItself(const std::string& sPath);
-    bool ResolveWithinExports(ProcessParam* pParam, LogArgu* pLogArgu, const char* pcPath, std::string* psResolved);
+    bool ResolveWithinExports(ProcessParam* pParam, const LogArgu* pLogArgu, const char* pcPath,
+                              std::string* psResolved);
 
     // ---- Attributes (Nfs3ProgAttributes.cpp)
-    bool GetCanonicalHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, nfs_fh3* pHandle);
-    post_op_attr GetPostOpAttributes(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+    bool GetCanonicalHandle(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
+                            nfs_fh3* pHandle);
+    post_op_attr GetPostOpAttributes(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
                                      const FoundStatus* pFound = nullptr);
-    nfsstat3 CheckGuard(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sPath, const sattrguard3& guard);
-    nfsstat3 ApplyAttributes(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sPath,
+    nfsstat3 CheckGuard(ProcessParam* pParam, const LogArgu* pLogArgu, const std::string& sPath,
+                        const sattrguard3& guard);
+    nfsstat3 ApplyAttributes(ProcessParam* pParam, const LogArgu* pLogArgu, const std::string& sPath,
                              const sattr3& attributes);
-    bool UpdateFileAttributes(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const std::string& sPath,
+    bool UpdateFileAttributes(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const std::string& sPath,
                               const sattr3& attributes);
 
     // ---- File system (Nfs3ProgFileSystem.cpp)
-    nfsstat3 CheckFileSystem(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sPath,
+    nfsstat3 CheckFileSystem(ProcessParam* pParam, const LogArgu* pLogArgu, const std::string& sPath,
                              post_op_attr* pAttributes);
 
     // ---- READ and WRITE (Nfs3ProgReadWrite.cpp)
     struct ReadCall;
     struct WriteCall;
-    nfsstat3 ReadIntoReply(ProcessParam* pParam, LogArgu* pLogArgu, COutputStream* pOutput, ReadCall* pCall);
-    nfsstat3 WriteFromCall(ProcessParam* pParam, LogArgu* pLogArgu, CInputStream* pInput, WriteCall* pCall);
+    nfsstat3 ReadIntoReply(ProcessParam* pParam, const LogArgu* pLogArgu, COutputStream* pOutput, ReadCall* pCall);
+    nfsstat3 WriteFromCall(ProcessParam* pParam, const LogArgu* pLogArgu, CInputStream* pInput, WriteCall* pCall);
 
     // ---- Directories (Nfs3ProgDirectory.cpp)
     struct ListCall;
     int ListDirectory(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam, unsigned int iProc);
-    void ReadListCall(CInputStream* pInput, ProcessParam* pParam, LogArgu* pLogArgu, ListCall* pCall);
-    nfsstat3 FindEntries(ProcessParam* pParam, LogArgu* pLogArgu, const FoundStatus& found, ListCall* pCall);
-    nfsstat3 ReadEntries(ProcessParam* pParam, LogArgu* pLogArgu, const CKeptListings::Key& key, ListCall* pCall);
-    unsigned int GetEntryID(ProcessParam* pParam, LogArgu* pLogArgu, const ListCall& call, const ListedEntry& entry,
-                            const char* pcPath);
-    void WriteEntry(COutputStream* pOutput, ProcessParam* pParam, LogArgu* pLogArgu, const ListCall& call,
+    void ReadListCall(CInputStream* pInput, ProcessParam* pParam, const LogArgu* pLogArgu, ListCall* pCall);
+    nfsstat3 FindEntries(ProcessParam* pParam, const LogArgu* pLogArgu, const FoundStatus& found, ListCall* pCall);
+    nfsstat3 ReadEntries(ProcessParam* pParam, const LogArgu* pLogArgu, const CKeptListings::Key& key, ListCall* pCall);
+    unsigned int GetEntryID(ProcessParam* pParam, const LogArgu* pLogArgu, const ListCall& call,
+                            const ListedEntry& entry, const char* pcPath);
+    void WriteEntry(COutputStream* pOutput, ProcessParam* pParam, const LogArgu* pLogArgu, const ListCall& call,
                     const ListedEntry& entry);
-    void WriteEntryTarget(COutputStream* pOutput, ProcessParam* pParam, LogArgu* pLogArgu, const ListCall& call,
+    void WriteEntryTarget(COutputStream* pOutput, ProcessParam* pParam, const LogArgu* pLogArgu, const ListCall& call,
                           const ListedEntry& entry, const char* pcPath, unsigned int iFileID);
 
     // ---- Namespace (Nfs3ProgNamespace.cpp)
-    nfsstat3 CheckNewEntry(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sPath);
-    nfsstat3 CheckOldEntry(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sPath, bool bExists);
-    nfsstat3 CheckRemoval(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sPath, bool bExists);
-    nfsstat3 CreateFile(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sPath, const createhow3& how);
-    nfsstat3 RenameEntry(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sFrom, const std::string& sTo);
-    void WriteNewEntry(COutputStream* pOutput, ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sPath,
+    nfsstat3 CheckNewEntry(ProcessParam* pParam, const LogArgu* pLogArgu, const std::string& sPath);
+    nfsstat3 CheckOldEntry(ProcessParam* pParam, const LogArgu* pLogArgu, const std::string& sPath, bool bExists);
+    nfsstat3 CheckRemoval(ProcessParam* pParam, const LogArgu* pLogArgu, const std::string& sPath, bool bExists);
+    nfsstat3 CreateFile(ProcessParam* pParam, const LogArgu* pLogArgu, const std::string& sPath, const createhow3& how);
+    nfsstat3 RenameEntry(ProcessParam* pParam, const LogArgu* pLogArgu, const std::string& sFrom,
+                         const std::string& sTo);
+    void WriteNewEntry(COutputStream* pOutput, ProcessParam* pParam, const LogArgu* pLogArgu, const std::string& sPath,
                        nfsstat3 iStatus);
 
     std::atomic<unsigned int> m_iUId{0};

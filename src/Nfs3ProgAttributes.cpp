@@ -1,12 +1,13 @@
 // NFS version 3: GETATTR, SETATTR, LOOKUP, ACCESS, READLINK (RFC 1813, 3.3.1 to 3.3.5), and attributes of host files.
-#include <sys/stat.h>
-#include <sys/sysmacros.h>
+#include "Nfs3Prog.h"
 
 #include <ctime>
 
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+
 #include "FileSystemID.h"
 #include "InputStream.h"
-#include "Nfs3Prog.h"
 #include "OutputStream.h"
 #include "PathProbe.h"
 #include "Utilities.h"
@@ -134,7 +135,7 @@ int CNfs3Prog::ProcedureSETATTR(CInputStream* pInput, COutputStream* pOutput, Pr
 
 /// The server's time is that of attributes which are never had, 0: only a guard of 0 seconds holds. The log line gives
 /// the server's time first.
-nfsstat3 CNfs3Prog::CheckGuard(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sPath,
+nfsstat3 CNfs3Prog::CheckGuard(ProcessParam* pParam, const LogArgu* pLogArgu, const std::string& sPath,
                                const sattrguard3& guard) {
     wcc_attr before;
     GetNfsFileAttributes(sPath.c_str(), &before);
@@ -149,7 +150,7 @@ nfsstat3 CNfs3Prog::CheckGuard(ProcessParam* pParam, LogArgu* pLogArgu, const st
     return NFS3ERR_NOT_SYNC;
 }
 
-nfsstat3 CNfs3Prog::ApplyAttributes(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sPath,
+nfsstat3 CNfs3Prog::ApplyAttributes(ProcessParam* pParam, const LogArgu* pLogArgu, const std::string& sPath,
                                     const sattr3& attributes) {
     CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
     const bool bTimes = attributes.atime.set_it != DONT_CHANGE || attributes.mtime.set_it != DONT_CHANGE;
@@ -238,14 +239,14 @@ int CNfs3Prog::ProcedureREADLINK(CInputStream* pInput, COutputStream* pOutput, P
 
 // ---- Handles and attributes
 
-bool CNfs3Prog::GetNfsFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+bool CNfs3Prog::GetNfsFileHandle(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
                                  nfs_fh3* pHandle) {
     return pHandle != nullptr &&
            m_pUtilities->GetFileHandle(pRuntimeParam, pLogArgu, pcPath, pHandle->cHandle, kNfs3HandleSize);
 }
 
 /// The handle of a path that was resolved for this call, and is resolved once more only where that is to be logged.
-bool CNfs3Prog::GetCanonicalHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+bool CNfs3Prog::GetCanonicalHandle(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
                                    nfs_fh3* pHandle) {
     if (pRuntimeParam->IsLogGeneralInfo()) {
         return GetNfsFileHandle(pRuntimeParam, pLogArgu, pcPath, pHandle);
@@ -253,7 +254,7 @@ bool CNfs3Prog::GetCanonicalHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogAr
     return CUtilities::MakeFileHandle(m_pUtilities->GetCanonicalFileID(pcPath), pHandle->cHandle, kNfs3HandleSize);
 }
 
-bool CNfs3Prog::GetNfsFileAttributes(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+bool CNfs3Prog::GetNfsFileAttributes(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
                                      fattr3* pAttributes, const FoundStatus* pFound) {
     FoundStatus found;
     struct stat& status = found.status;
@@ -300,7 +301,7 @@ bool CNfs3Prog::GetNfsFileAttributes(const char* /*pcPath*/, wcc_attr* /*pAttrib
 }
 
 /// Attributes that follow if they could be had.
-post_op_attr CNfs3Prog::GetPostOpAttributes(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+post_op_attr CNfs3Prog::GetPostOpAttributes(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
                                             const FoundStatus* pFound) {
     post_op_attr attributes;
     attributes.attributes_follow =
@@ -309,7 +310,7 @@ post_op_attr CNfs3Prog::GetPostOpAttributes(CRuntimeParam* pRuntimeParam, LogArg
 }
 
 /// Hands what a client set on to the files. The server's time goes as 0 seconds.
-bool CNfs3Prog::UpdateFileAttributes(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const std::string& sPath,
+bool CNfs3Prog::UpdateFileAttributes(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const std::string& sPath,
                                      const sattr3& attributes) {
     return m_pUtilities->UpdateFileAttributes(
         pRuntimeParam, pLogArgu, sPath.c_str(), attributes.mode.set_it,

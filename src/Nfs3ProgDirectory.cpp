@@ -3,6 +3,8 @@
 // A cookie is the number of entries handed out so far. The names that a listing began with are kept from call to call
 // (CKeptListings), so that what is made or removed meanwhile shifts nothing. What each entry is, and whether it is
 // still there, is looked at as its reply is made.
+#include "Nfs3Prog.h"
+
 #include <cerrno>
 #include <cstring>
 #include <memory>
@@ -12,7 +14,6 @@
 #include <sys/stat.h>
 
 #include "InputStream.h"
-#include "Nfs3Prog.h"
 #include "OutputStream.h"
 #include "PathProbe.h"
 #include "Utilities.h"
@@ -27,7 +28,7 @@ class Directory {
 public:
     /// False with errno.
     bool Open(const char* pcPath) {
-        m_pDir.reset(opendir(pcPath));
+        m_pDir.reset(::opendir(pcPath));
         return m_pDir != nullptr;
     }
     /// The next entry's name, valid until the next call; null at the end, or if the directory cannot be read on.
@@ -58,7 +59,7 @@ public:
 
 private:
     struct Close {
-        void operator()(DIR* pDir) const { closedir(pDir); }  // read only: nothing to lose
+        void operator()(DIR* pDir) const { ::closedir(pDir); }  // read only: nothing to lose
     };
     std::unique_ptr<DIR, Close> m_pDir;
     bool m_bFailed = false;
@@ -74,7 +75,7 @@ public:
         if (!CNfs3Prog::AppendFilePath(m_sDirectory.c_str(), pcName, vcPath)) {
             return true;
         }
-        pStatus->bKnown = lstat(vcPath, &pStatus->status) == 0;
+        pStatus->bKnown = ::lstat(vcPath, &pStatus->status) == 0;
         return pStatus->bKnown || (errno != ENOENT && errno != ENOTDIR);
     }
 
@@ -160,7 +161,7 @@ int CNfs3Prog::ListDirectory(CInputStream* pInput, COutputStream* pOutput, Proce
     return EndProcedure(pParam, logArgu, iStatus);
 }
 
-void CNfs3Prog::ReadListCall(CInputStream* pInput, ProcessParam* pParam, LogArgu* pLogArgu, ListCall* pCall) {
+void CNfs3Prog::ReadListCall(CInputStream* pInput, ProcessParam* pParam, const LogArgu* pLogArgu, ListCall* pCall) {
     CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
     ReadPath(pRuntimeParam, pLogArgu, pInput, &pCall->sPath);
     Read(pInput, &pCall->lCookie);
@@ -185,12 +186,13 @@ void CNfs3Prog::ReadListCall(CInputStream* pInput, ProcessParam* pParam, LogArgu
 
 /// Finds the entries behind the cookie, from what is kept or from the directory, whose status may be known. A directory
 /// that cannot be read to its end gives NFS3ERR_IO.
-nfsstat3 CNfs3Prog::FindEntries(ProcessParam* pParam, LogArgu* pLogArgu, const FoundStatus& found, ListCall* pCall) {
+nfsstat3 CNfs3Prog::FindEntries(ProcessParam* pParam, const LogArgu* pLogArgu, const FoundStatus& found,
+                                ListCall* pCall) {
     FoundStatus resolved = found;
     pCall->sCanonicalPath = pCall->sPath;
     if (!found.bKnown || !IsPlainPath(pCall->sPath.c_str())) {
         if (!ResolveWithinExports(pParam, pLogArgu, pCall->sPath.c_str(), &pCall->sCanonicalPath) ||
-            stat(pCall->sCanonicalPath.c_str(), &resolved.status) != 0) {
+            ::stat(pCall->sCanonicalPath.c_str(), &resolved.status) != 0) {
             return NFS3ERR_IO;  // gone since it was checked
         }
     }
@@ -207,7 +209,7 @@ nfsstat3 CNfs3Prog::FindEntries(ProcessParam* pParam, LogArgu* pLogArgu, const F
 
 /// Reads the directory and finds the entries behind the cookie. A directory that cannot be opened has none, or no more
 /// than were found already.
-nfsstat3 CNfs3Prog::ReadEntries(ProcessParam* pParam, LogArgu* pLogArgu, const CKeptListings::Key& key,
+nfsstat3 CNfs3Prog::ReadEntries(ProcessParam* pParam, const LogArgu* pLogArgu, const CKeptListings::Key& key,
                                 ListCall* pCall) {
     const char* pcPath = pCall->sPath.c_str();
     Directory directory;
@@ -238,7 +240,7 @@ nfsstat3 CNfs3Prog::ReadEntries(ProcessParam* pParam, LogArgu* pLogArgu, const C
 
 /// The ID of the path that an entry's path resolves to: without asking the host again, unless the entry is a link. The
 /// line that tells of the resolving goes out as ever.
-unsigned int CNfs3Prog::GetEntryID(ProcessParam* pParam, LogArgu* pLogArgu, const ListCall& call,
+unsigned int CNfs3Prog::GetEntryID(ProcessParam* pParam, const LogArgu* pLogArgu, const ListCall& call,
                                    const ListedEntry& entry, const char* pcPath) {
     char vcCanonical[kPathBufferSize];
     const bool bPlain = entry.found.bKnown && !S_ISLNK(entry.found.status.st_mode);
@@ -251,7 +253,7 @@ unsigned int CNfs3Prog::GetEntryID(ProcessParam* pParam, LogArgu* pLogArgu, cons
 }
 
 // The fileid is the file table's ID, not the inode number that the attributes carry.
-void CNfs3Prog::WriteEntry(COutputStream* pOutput, ProcessParam* pParam, LogArgu* pLogArgu, const ListCall& call,
+void CNfs3Prog::WriteEntry(COutputStream* pOutput, ProcessParam* pParam, const LogArgu* pLogArgu, const ListCall& call,
                            const ListedEntry& entry) {
     char vcPath[kPathBufferSize];
     // A path that does not fit names nothing: no ID, no attributes, no handle.
@@ -273,8 +275,9 @@ void CNfs3Prog::WriteEntry(COutputStream* pOutput, ProcessParam* pParam, LogArgu
 
 /// Writes what an entry of READDIRPLUS has besides: the attributes and the handle of what it leads to. Clients never
 /// see a link: one that leads nowhere, or out of the exports, has neither.
-void CNfs3Prog::WriteEntryTarget(COutputStream* pOutput, ProcessParam* pParam, LogArgu* pLogArgu, const ListCall& call,
-                                 const ListedEntry& entry, const char* pcPath, unsigned int iFileID) {
+void CNfs3Prog::WriteEntryTarget(COutputStream* pOutput, ProcessParam* pParam, const LogArgu* pLogArgu,
+                                 const ListCall& call, const ListedEntry& entry, const char* pcPath,
+                                 unsigned int iFileID) {
     CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
     post_op_attr attributes;
     post_op_fh3 handle;

@@ -1,6 +1,7 @@
 // NFS version 3: FSSTAT, FSINFO, PATHCONF (RFC 1813, 3.3.18 to 3.3.20).
-#include "InputStream.h"
 #include "Nfs3Prog.h"
+
+#include "InputStream.h"
 #include "OutputStream.h"
 #include "Utilities.h"
 
@@ -70,7 +71,7 @@ int CNfs3Prog::ProcedureFSINFO(CInputStream* pInput, COutputStream* pOutput, Pro
 }
 
 /// The checks of FSSTAT and FSINFO: a path in an export that exists and has attributes.
-nfsstat3 CNfs3Prog::CheckFileSystem(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sPath,
+nfsstat3 CNfs3Prog::CheckFileSystem(ProcessParam* pParam, const LogArgu* pLogArgu, const std::string& sPath,
                                     post_op_attr* pAttributes) {
     const nfsstat3 iStatus = CheckExisting(pParam, pLogArgu, sPath);
     if (iStatus != NFS3_OK) {

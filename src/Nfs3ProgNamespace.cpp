@@ -1,8 +1,9 @@
 // NFS version 3: CREATE, MKDIR, SYMLINK, MKNOD, REMOVE, RMDIR, RENAME, LINK (RFC 1813, 3.3.8 to 3.3.15).
 //
 // Regular files and directories only; links and special files are refused.
-#include "InputStream.h"
 #include "Nfs3Prog.h"
+
+#include "InputStream.h"
 #include "OutputStream.h"
 #include "Utilities.h"
 
@@ -37,7 +38,7 @@ int CNfs3Prog::ProcedureCREATE(CInputStream* pInput, COutputStream* pOutput, Pro
 }
 
 /// Makes the file, or opens the one that is there; then sets the attributes asked for.
-nfsstat3 CNfs3Prog::CreateFile(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sPath,
+nfsstat3 CNfs3Prog::CreateFile(ProcessParam* pParam, const LogArgu* pLogArgu, const std::string& sPath,
                                const createhow3& how) {
     CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
     const char* pcPath = sPath.c_str();
@@ -84,7 +85,7 @@ int CNfs3Prog::ProcedureMKDIR(CInputStream* pInput, COutputStream* pOutput, Proc
 }
 
 /// The checks of CREATE and MKDIR: the path is one of an entry in an export, and the server may be written to.
-nfsstat3 CNfs3Prog::CheckNewEntry(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sPath) {
+nfsstat3 CNfs3Prog::CheckNewEntry(ProcessParam* pParam, const LogArgu* pLogArgu, const std::string& sPath) {
     nfsstat3 iStatus = CheckProcessParam(pParam, pLogArgu, sPath.c_str());
     if (iStatus == NFS3_OK) {
         iStatus = IsFolderItself(sPath) ? NFS3ERR_IO : CheckPath(pParam, pLogArgu, sPath.c_str(), false);
@@ -93,8 +94,8 @@ nfsstat3 CNfs3Prog::CheckNewEntry(ProcessParam* pParam, LogArgu* pLogArgu, const
 }
 
 /// The reply of CREATE and MKDIR: handle and attributes of what was made, nothing of the directory.
-void CNfs3Prog::WriteNewEntry(COutputStream* pOutput, ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sPath,
-                              nfsstat3 iStatus) {
+void CNfs3Prog::WriteNewEntry(COutputStream* pOutput, ProcessParam* pParam, const LogArgu* pLogArgu,
+                              const std::string& sPath, nfsstat3 iStatus) {
     if (iStatus != NFS3_OK) {
         WriteStatusAndWcc(pOutput, iStatus);
         return;
@@ -167,7 +168,7 @@ int CNfs3Prog::ProcedureRENAME(CInputStream* pInput, COutputStream* pOutput, Pro
 
 /// Renames an existing entry to a path that lies in an export too. An export's directory stays where it is, and so does
 /// every folder on the way to it: the export would come to be something else, or nothing.
-nfsstat3 CNfs3Prog::RenameEntry(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sFrom,
+nfsstat3 CNfs3Prog::RenameEntry(ProcessParam* pParam, const LogArgu* pLogArgu, const std::string& sFrom,
                                 const std::string& sTo) {
     CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
     const nfsstat3 iStatus = CheckPath(pParam, pLogArgu, sTo.c_str(), false);
@@ -191,14 +192,16 @@ nfsstat3 CNfs3Prog::RenameEntry(ProcessParam* pParam, LogArgu* pLogArgu, const s
 }
 
 /// The checks of REMOVE and RMDIR: an entry that is no export's directory and not on the way to one.
-nfsstat3 CNfs3Prog::CheckRemoval(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sPath, bool bExists) {
+nfsstat3 CNfs3Prog::CheckRemoval(ProcessParam* pParam, const LogArgu* pLogArgu, const std::string& sPath,
+                                 bool bExists) {
     const nfsstat3 iStatus = CheckOldEntry(pParam, pLogArgu, sPath, bExists);
     return iStatus == NFS3_OK && m_pUtilities->HoldsMountPoint(sPath.c_str()) ? NFS3ERR_IO : iStatus;
 }
 
 /// The checks of REMOVE, RMDIR and of what RENAME renames: it exists in an export, the server may be written to, and it
 /// is an entry. A missing object on a read-only server is missing all the same.
-nfsstat3 CNfs3Prog::CheckOldEntry(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sPath, bool bExists) {
+nfsstat3 CNfs3Prog::CheckOldEntry(ProcessParam* pParam, const LogArgu* pLogArgu, const std::string& sPath,
+                                  bool bExists) {
     const nfsstat3 iStatus = CheckExisting(pParam, pLogArgu, sPath, bExists);
     if (iStatus == NFS3ERR_IO) {
         return TellMissing(*pParam, iStatus);

@@ -4,6 +4,8 @@
 // to in three places: a path is made with all links resolved (ReadPath), or all but a link that is the entry itself and
 // is not followed either when it is acted on (ReadEntryPath), and a path that has to exist holds no link, or only such
 // as stay within the exports that serve the client (CheckPath).
+#include "Nfs3Prog.h"
+
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -15,7 +17,6 @@
 #include <unistd.h>
 
 #include "InputStream.h"
-#include "Nfs3Prog.h"
 #include "PathProbe.h"
 #include "Utilities.h"
 
@@ -29,7 +30,7 @@ constexpr int kMaxLinks = 40;
 
 std::optional<std::string> Resolve(const std::string& sPath) {
     char vcResolved[PATH_MAX];
-    if (realpath(sPath.c_str(), vcResolved) == nullptr) {
+    if (::realpath(sPath.c_str(), vcResolved) == nullptr) {
         return std::nullopt;
     }
     return vcResolved;
@@ -60,7 +61,7 @@ std::optional<std::string> ResolveParent(const std::string& sPath) {
 /// What a link holds; nothing for what is no link.
 std::optional<std::string> ReadLink(const std::string& sPath) {
     char vcLink[PATH_MAX];
-    const ssize_t nLink = readlink(sPath.c_str(), vcLink, sizeof(vcLink));
+    const ssize_t nLink = ::readlink(sPath.c_str(), vcLink, sizeof(vcLink));
     if (nLink < 0) {
         return std::nullopt;
     }
@@ -141,7 +142,8 @@ bool IsEntryName(std::string_view sName) {
 
 // ---- Handles and names to paths
 
-bool CNfs3Prog::ReadPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CInputStream* pInput, std::string* psPath) {
+bool CNfs3Prog::ReadPath(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, CInputStream* pInput,
+                         std::string* psPath) {
     psPath->clear();
     opaque handle;
     Read(pInput, &handle);
@@ -155,8 +157,9 @@ bool CNfs3Prog::ReadPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CInput
     return true;
 }
 
-bool CNfs3Prog::ReadPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CInputStream* pInput, diropargs3* pDirOp,
-                         std::string* psPath, bool* pbResolved, FoundStatus* pStatus, bool* pbEntryName) {
+bool CNfs3Prog::ReadPath(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, CInputStream* pInput,
+                         diropargs3* pDirOp, std::string* psPath, bool* pbResolved, FoundStatus* pStatus,
+                         bool* pbEntryName) {
     psPath->clear();
     char vcJoined[kPathBufferSize];
     bool bWhole = false;
@@ -177,8 +180,8 @@ bool CNfs3Prog::ReadPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CInput
     return bJoined;
 }
 
-bool CNfs3Prog::ReadEntryPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CInputStream* pInput, diropargs3* pDirOp,
-                              std::string* psPath, bool* pbExists) {
+bool CNfs3Prog::ReadEntryPath(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, CInputStream* pInput,
+                              diropargs3* pDirOp, std::string* psPath, bool* pbExists) {
     psPath->clear();
     *pbExists = false;
     char vcJoined[kPathBufferSize];
@@ -203,7 +206,7 @@ bool CNfs3Prog::ReadEntryPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, C
 
 /// Reads a directory handle and a name and joins the paths; *pbWhole tells whether the name is as it was sent. The name
 /// is read even if the handle names nothing: the next call begins behind it.
-bool CNfs3Prog::ReadJoinedPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CInputStream* pInput,
+bool CNfs3Prog::ReadJoinedPath(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, CInputStream* pInput,
                                diropargs3* pDirOp, char* pcJoined, bool* pbWhole) {
     opaque handle;
     Read(pInput, &handle);
@@ -221,7 +224,7 @@ bool CNfs3Prog::ReadJoinedPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, 
     return AppendFilePath(vcFolder, pDirOp->name.sPath.c_str(), pcJoined);
 }
 
-void CNfs3Prog::LogPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const std::string& sPath) {
+void CNfs3Prog::LogPath(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const std::string& sPath) {
     if (pRuntimeParam->IsLogProcFuncArgu()) {
         m_pUtilities->LogInfo(pRuntimeParam, "[%s] Path = %s", pLogArgu->pcName, sPath.c_str());
     }
@@ -254,7 +257,7 @@ bool CNfs3Prog::IsInVaildDirName(const char* pcName) {
 
 // ---- Checks
 
-nfsstat3 CNfs3Prog::CheckProcessParam(ProcessParam* pParam, LogArgu* pLogArgu, const char* pcPath) {
+nfsstat3 CNfs3Prog::CheckProcessParam(ProcessParam* pParam, const LogArgu* pLogArgu, const char* pcPath) {
     // Kept from call to call for the room of its texts only.
     thread_local MountInfo mountInfo;
     CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
@@ -272,7 +275,7 @@ nfsstat3 CNfs3Prog::CheckProcessParam(ProcessParam* pParam, LogArgu* pLogArgu, c
 }
 
 /// Finds the export that holds a path, and says who has it mounted if that is another client.
-MountAccess CNfs3Prog::FindExport(CRuntimeParam* pScanParam, ProcessParam* pParam, LogArgu* pLogArgu,
+MountAccess CNfs3Prog::FindExport(CRuntimeParam* pScanParam, ProcessParam* pParam, const LogArgu* pLogArgu,
                                   const char* pcPath, MountInfo* pMountInfo) {
     const MountAccess access =
         m_pUtilities->GetMountAccess(pScanParam, pLogArgu, pcPath, pParam->sRemoteAddr.c_str(), pMountInfo);
@@ -285,19 +288,19 @@ MountAccess CNfs3Prog::FindExport(CRuntimeParam* pScanParam, ProcessParam* pPara
 }
 
 /// The same for a second path of a call: the log tells of a search once, in CheckProcessParam.
-MountAccess CNfs3Prog::FindExportQuietly(ProcessParam* pParam, LogArgu* pLogArgu, const char* pcPath) {
+MountAccess CNfs3Prog::FindExportQuietly(ProcessParam* pParam, const LogArgu* pLogArgu, const char* pcPath) {
     CRuntimeParam silent("", 0);
     MountInfo mountInfo;
     return FindExport(&silent, pParam, pLogArgu, pcPath, &mountInfo);
 }
 
-void CNfs3Prog::ReportNoExport(ProcessParam* pParam, LogArgu* pLogArgu) {
+void CNfs3Prog::ReportNoExport(ProcessParam* pParam, const LogArgu* pLogArgu) {
     if (pParam->pRuntimeParam->IsLogError()) {
         m_pUtilities->LogError(pParam->pRuntimeParam, "[%s] Path record not found", pLogArgu->pcName);
     }
 }
 
-nfsstat3 CNfs3Prog::CheckPath(ProcessParam* pParam, LogArgu* pLogArgu, const char* pcPath, bool bMustExist,
+nfsstat3 CNfs3Prog::CheckPath(ProcessParam* pParam, const LogArgu* pLogArgu, const char* pcPath, bool bMustExist,
                               FoundStatus* pStatus) {
     if (pcPath == nullptr) {
         return NFS3ERR_STALE;
@@ -325,8 +328,8 @@ nfsstat3 CNfs3Prog::CheckPath(ProcessParam* pParam, LogArgu* pLogArgu, const cha
 
 /// The first two checks of most procedures: the path lies in an export, and it exists, which need not be asked again of
 /// one that was resolved for this call.
-nfsstat3 CNfs3Prog::CheckExisting(ProcessParam* pParam, LogArgu* pLogArgu, const std::string& sPath, bool bResolved,
-                                  FoundStatus* pStatus) {
+nfsstat3 CNfs3Prog::CheckExisting(ProcessParam* pParam, const LogArgu* pLogArgu, const std::string& sPath,
+                                  bool bResolved, FoundStatus* pStatus) {
     const nfsstat3 iStatus = CheckProcessParam(pParam, pLogArgu, sPath.c_str());
     return iStatus == NFS3_OK ? CheckPath(pParam, pLogArgu, sPath.c_str(), !bResolved, pStatus) : iStatus;
 }
@@ -338,13 +341,13 @@ nfsstat3 CNfs3Prog::TellMissing(const ProcessParam& param, nfsstat3 iStatus) {
 }
 
 /// The check of the procedures that are not served and do not resolve their handles.
-nfsstat3 CNfs3Prog::CheckUnresolved(ProcessParam* pParam, LogArgu* pLogArgu) {
+nfsstat3 CNfs3Prog::CheckUnresolved(ProcessParam* pParam, const LogArgu* pLogArgu) {
     return CheckProcessParam(pParam, pLogArgu, "");
 }
 
 /// Resolves all links of a path, and says nothing of it. False if they lead nowhere, or out of the exports that serve
 /// the client.
-bool CNfs3Prog::ResolveWithinExports(ProcessParam* pParam, LogArgu* pLogArgu, const char* pcPath,
+bool CNfs3Prog::ResolveWithinExports(ProcessParam* pParam, const LogArgu* pLogArgu, const char* pcPath,
                                      std::string* psResolved) {
     const std::optional<std::string> sResolved = Resolve(pcPath);
     CRuntimeParam silent("", 0);

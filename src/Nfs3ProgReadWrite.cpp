@@ -2,6 +2,8 @@
 //
 // A READ's data goes from the file into the reply buffer, a WRITE's from the call's buffer into the file: neither is
 // copied on the way.
+#include "Nfs3Prog.h"
+
 #include <algorithm>
 #include <array>
 #include <cstring>
@@ -11,7 +13,6 @@
 
 #include "DataException.h"
 #include "InputStream.h"
-#include "Nfs3Prog.h"
 #include "OutputStream.h"
 #include "PathProbe.h"
 #include "RedirectedFile.h"
@@ -153,7 +154,8 @@ int CNfs3Prog::ProcedureREAD(CInputStream* pInput, COutputStream* pOutput, Proce
 }
 
 /// Reads to where the data will stand in the reply, without moving its write position.
-nfsstat3 CNfs3Prog::ReadIntoReply(ProcessParam* pParam, LogArgu* pLogArgu, COutputStream* pOutput, ReadCall* pCall) {
+nfsstat3 CNfs3Prog::ReadIntoReply(ProcessParam* pParam, const LogArgu* pLogArgu, COutputStream* pOutput,
+                                  ReadCall* pCall) {
     CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
     const char* pcPath = pCall->sPath.c_str();
     if (pRuntimeParam->IsLogProcFuncArgu()) {
@@ -229,7 +231,8 @@ int CNfs3Prog::ProcedureWRITE(CInputStream* pInput, COutputStream* pOutput, Proc
 }
 
 /// Stores as many bytes as the count says, up to the most of one WRITE.
-nfsstat3 CNfs3Prog::WriteFromCall(ProcessParam* pParam, LogArgu* pLogArgu, CInputStream* pInput, WriteCall* pCall) {
+nfsstat3 CNfs3Prog::WriteFromCall(ProcessParam* pParam, const LogArgu* pLogArgu, CInputStream* pInput,
+                                  WriteCall* pCall) {
     CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
     const char* pcPath = pCall->sPath.c_str();
     if (pRuntimeParam->IsLogProcFuncArgu()) {

@@ -1,8 +1,9 @@
 // NFS version 3 types on the wire (RFC 4506; RFC 1813, 2.5, 2.6 and section 3).
+#include "Nfs3Prog.h"
+
 #include <cstring>
 
 #include "InputStream.h"
-#include "Nfs3Prog.h"
 #include "OutputStream.h"
 
 // ---- Decoders

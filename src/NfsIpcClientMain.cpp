@@ -19,7 +19,7 @@ constexpr int kStatusRunning = 2;
 
 }  // namespace
 
-// ==== Construction ===================================================================================================
+// ---- Construction
 
 CNfsIpcClientMain::CNfsIpcClientMain(const char* pcLogID, int iLogControl) {
     CNfsIpcClientMain::InitMemberVaribles(pcLogID, iLogControl);
@@ -52,7 +52,7 @@ void CNfsIpcClientMain::GetIpcServerThreadChannel(char* pcChannel) {
     GetIpcChannel(m_pRuntimeParam->GetID(), pcChannel);
 }
 
-// ==== What stays local ===============================================================================================
+// ---- What stays local
 
 void CNfsIpcClientMain::StopServer() {
     if (m_pRuntimeParam->IsLogGeneralInfo()) {
@@ -69,7 +69,7 @@ void CNfsIpcClientMain::EnableAutoShutdown(bool /*bEnable*/) {
     CNfsMain::EnableAutoShutdown(false);
 }
 
-// ==== The ways of a request ==========================================================================================
+// ---- The ways of a request
 
 bool CNfsIpcClientMain::SendForStatus(CIpcClient& client, char* pcStatus) {
     if (!client.SendRequestLogged(m_cIpcChannel, pcStatus)) {
@@ -97,7 +97,7 @@ void CNfsIpcClientMain::SendForText(int iType, char* pcText) {
     CopyIpcText(pcText, kTextBufferSize, pcReply != nullptr ? pcReply : kUnknown);
 }
 
-// ==== The server =====================================================================================================
+// ---- The server
 
 bool CNfsIpcClientMain::StartServer(int iMountPort, int iNfsPort, unsigned int iUId, unsigned int iGId, bool bReadOnly,
                                     char* pcStatus) {
@@ -165,7 +165,7 @@ bool CNfsIpcClientMain::SetDebugActionEnabled(bool bEnabled) {
     return SendForBool(client);
 }
 
-// ==== Version gates ==================================================================================================
+// ---- Version gates
 
 bool CNfsIpcClientMain::IsNotConnectable(const char* pcVersion) {
     if (pcVersion != nullptr) {

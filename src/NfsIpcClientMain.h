@@ -20,7 +20,7 @@ public:
     CNfsIpcClientMain(const char* pcLogID, int iLogControl);
     ~CNfsIpcClientMain() override;
 
-    // ==== Forwarded operations, in the order of CNfsMain ========================================================
+    // ---- Forwarded operations, in the order of CNfsMain
 
     bool StartServer(int iMountPort, int iNfsPort, unsigned int iUId, unsigned int iGId, bool bReadOnly,
                      char* pcStatus) override;
@@ -84,7 +84,7 @@ public:
 
     void GetIpcServerThreadChannel(char* pcChannel) override;
 
-    // ==== Version gates =========================================================================================
+    // ---- Version gates
     // What a server of a given version does not know. Null asks the server, each time. Each gate includes the one
     // before it.
 

@@ -1,9 +1,10 @@
 // The client controller: listings, tests and administration.
-#include "IpcClient.h"
 #include "NfsIpcClientMain.h"
+
+#include "IpcClient.h"
 #include "Utilities.h"
 
-// ==== Listings =======================================================================================================
+// ---- Listings
 
 int CNfsIpcClientMain::GetMountInfo(CRuntimeParam* pRuntimeParam, bool bClientMountedOnly, bool bPrintDetails) {
     CIpcClient client(m_pUtilities.get(), m_pRuntimeParam.get());
@@ -38,7 +39,7 @@ int CNfsIpcClientMain::GetNetDeviceCredential(CRuntimeParam* pRuntimeParam, bool
                : SendForCount(kIpcGetNetDeviceCredential, pRuntimeParam, bPrintDetails);
 }
 
-// ==== Tests and shell commands =======================================================================================
+// ---- Tests and shell commands
 
 void CNfsIpcClientMain::RunTestMode(CRuntimeParam* pRuntimeParam, const char* pcDirPath, long long iFileSize) {
     CIpcClient client(m_pUtilities.get(), m_pRuntimeParam.get());
@@ -82,7 +83,7 @@ int CNfsIpcClientMain::ExecuteSystemCmd(CRuntimeParam* pRuntimeParam, const char
     return SendForInt(client, -1);
 }
 
-// ==== Datastores and network devices =================================================================================
+// ---- Datastores and network devices
 
 void CNfsIpcClientMain::AddVSphereInfo(const char* pcDatastoreMoid, const char* pcHost, const char* pcPort,
                                        const char* pcUser, const char* pcPwd) {

@@ -1,9 +1,10 @@
 // The client controller: exports, sessions and redirected files.
-#include "IpcClient.h"
 #include "NfsIpcClientMain.h"
+
+#include "IpcClient.h"
 #include "Utilities.h"
 
-// ==== Exports and sessions ===========================================================================================
+// ---- Exports and sessions
 
 bool CNfsIpcClientMain::AddMountPoint(const char* pcLocalMountPath, const char* pcExportName, const char* /*pcIpcID*/,
                                       char* pcStatus) {
@@ -49,7 +50,7 @@ bool CNfsIpcClientMain::IsSessionExists(const char* pcSessionID) {
     return SendForBool(client);
 }
 
-// ==== Redirected files and cached descriptors ========================================================================
+// ---- Redirected files and cached descriptors
 
 void CNfsIpcClientMain::SendPath(int iType, const char* pcPath) {
     CIpcClient client(m_pUtilities.get(), m_pRuntimeParam.get());

@@ -66,12 +66,12 @@ bool CNfsIpcServerMain::StartRemoteController(char* pcStatus) {
         return false;
     }
     auto pThread = std::make_unique<CIpcServerThread>();
-    char cReason[kReasonBufferSize] = "";
-    if (!pThread->Open(cChannel, this, cReason)) {
-        CopyIpcText(pcStatus, kReasonBufferSize, cReason);
+    char vcReason[kReasonBufferSize] = "";
+    if (!pThread->Open(cChannel, this, vcReason)) {
+        CopyIpcText(pcStatus, kReasonBufferSize, vcReason);
         if (m_pRuntimeParam->IsLogError()) {
             m_pUtilities->LogError(m_pRuntimeParam.get(), "[%s] Fail to start ipc server thread. Reason=%s",
-                                   "NfsIpcServerMain.StartRemoteController", cReason);
+                                   "NfsIpcServerMain.StartRemoteController", vcReason);
         }
         return false;
     }
@@ -83,8 +83,8 @@ bool CNfsIpcServerMain::IsChannelServed(const char* pcChannel) {
     CIpcClient client(m_pUtilities.get(), m_pRuntimeParam.get());
     client.SetRequest(kIpcGetVersion);
     client.SetTimeout(kProbeTimeout);
-    char cReason[kReasonBufferSize];  // that nobody listens is the ordinary case
-    if (client.SendRequest(pcChannel, cReason)) {
+    char vcReason[kReasonBufferSize];  // that nobody listens is the ordinary case
+    if (client.SendRequest(pcChannel, vcReason)) {
         return client.GetMsgReply() != nullptr;
     }
     return client.GetErrorNumber() == ETIMEDOUT;

@@ -12,7 +12,7 @@
 
 extern "C" {
 
-// ==== Life of a controller, start and stop, the waiting loop (NfsJNILifecycle.cpp) ========================
+// ---- Life of a controller, start and stop, the waiting loop (NfsJNILifecycle.cpp)
 
 /// 0, with an exception, if the controller cannot be made ready.
 JNIEXPORT jlong JNICALL NFSLIB_NATIVE(initial)(JNIEnv* pEnv, jobject jObj, jstring jLogID, jint iAccessMode,
@@ -30,7 +30,7 @@ JNIEXPORT void JNICALL NFSLIB_NATIVE(stopServer)(JNIEnv* pEnv, jobject jObj, jlo
 JNIEXPORT jboolean JNICALL NFSLIB_NATIVE(receiveCallbackLoop)(JNIEnv* pEnv, jobject jObj, jlong iHandle,
                                                               jint iLifeTimeInSec);
 
-// ==== Exports and sessions (NfsJNIExports.cpp) ============================================================
+// ---- Exports and sessions (NfsJNIExports.cpp)
 
 JNIEXPORT jboolean JNICALL NFSLIB_NATIVE(addMountPoint)(JNIEnv* pEnv, jobject jObj, jlong iHandle,
                                                         jstring jLocalMountPath, jstring jExportName);
@@ -48,7 +48,7 @@ JNIEXPORT jint JNICALL NFSLIB_NATIVE(getMountInfo)(JNIEnv* pEnv, jobject jObj, j
                                                    jboolean bClientMountedOnly, jboolean bPrintDetails);
 JNIEXPORT jint JNICALL NFSLIB_NATIVE(getSessionInfo)(JNIEnv* pEnv, jobject jObj, jlong iHandle, jboolean bPrintDetails);
 
-// ==== Redirected files and cached descriptors (NfsJNIRedirected.cpp) ======================================
+// ---- Redirected files and cached descriptors (NfsJNIRedirected.cpp)
 
 JNIEXPORT void JNICALL NFSLIB_NATIVE(openRedirectedFile)(JNIEnv* pEnv, jobject jObj, jlong iHandle, jstring jPath,
                                                          jlong iSize, jboolean bCreateInfoFile,
@@ -65,7 +65,7 @@ JNIEXPORT void JNICALL NFSLIB_NATIVE(exportRedirectedFileInfo)(JNIEnv* pEnv, job
 JNIEXPORT void JNICALL NFSLIB_NATIVE(closeOpenedFile)(JNIEnv* pEnv, jobject jObj, jlong iHandle, jstring jPath);
 JNIEXPORT void JNICALL NFSLIB_NATIVE(closeAllOpenedFiles)(JNIEnv* pEnv, jobject jObj, jlong iHandle, jstring jPath);
 
-// ==== Log control, identity, tests, datastores, network devices (NfsJNIAdmin.cpp) =========================
+// ---- Log control, identity, tests, datastores, network devices (NfsJNIAdmin.cpp)
 
 JNIEXPORT void JNICALL NFSLIB_NATIVE(setLogControl)(JNIEnv* pEnv, jobject jObj, jlong iHandle, jint iLogControl);
 /// "Not Defined" without a controller.

@@ -1,9 +1,10 @@
 // Native methods: log control, identity, tests, datastores, network devices.
+#include "NfsJNI.h"
+
 #include <array>
 
 #include "HostCall.h"
 #include "JniText.h"
-#include "NfsJNI.h"
 #include "NfsMain.h"
 
 namespace {

@@ -1,7 +1,8 @@
 // Native methods: exports and sessions.
+#include "NfsJNI.h"
+
 #include "HostCall.h"
 #include "JniText.h"
-#include "NfsJNI.h"
 #include "NfsMain.h"
 
 jboolean NFSLIB_NATIVE(addMountPoint)(JNIEnv* pEnv, jobject jObj, jlong iHandle, jstring jLocalMountPath,

@@ -1,4 +1,6 @@
 // Native methods: life of a controller, start and stop, the waiting loop.
+#include "NfsJNI.h"
+
 #include <algorithm>
 #include <array>
 #include <chrono>
@@ -14,7 +16,6 @@
 #include "Limits.h"
 #include "NfsIpcClientMain.h"
 #include "NfsIpcServerMain.h"
-#include "NfsJNI.h"
 #include "NfsMain.h"
 #include "Reason.h"
 

@@ -1,7 +1,8 @@
 // Native methods: redirected files and cached descriptors.
+#include "NfsJNI.h"
+
 #include "HostCall.h"
 #include "JniText.h"
-#include "NfsJNI.h"
 #include "NfsMain.h"
 
 void NFSLIB_NATIVE(openRedirectedFile)(JNIEnv* pEnv, jobject jObj, jlong iHandle, jstring jPath, jlong iSize,

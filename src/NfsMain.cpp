@@ -39,7 +39,7 @@ bool IsSyncAskedFor() {
 
 }  // namespace
 
-// ==== Construction ===================================================================================================
+// ---- Construction
 
 CNfsMain::CNfsMain() = default;
 
@@ -67,7 +67,7 @@ CNfsMain::~CNfsMain() {
     CloseServices();
 }
 
-// ==== Life ===========================================================================================================
+// ---- Life
 
 bool CNfsMain::Initial(char* pcStatus) {
     LogLifecycle("Initial NFS");
@@ -123,7 +123,7 @@ void CNfsMain::LogLifecycle(const char* pcFormat, ...) {
     m_pUtilities->LogInfo(m_pRuntimeParam.get(), "%s", vcMessage);
 }
 
-// ==== What the controller is =========================================================================================
+// ---- What the controller is
 
 int CNfsMain::GetAccessMode() {
     return 0;
@@ -141,7 +141,7 @@ bool CNfsMain::IsServerRunning() {
     return m_bServerRunning;
 }
 
-// ==== Exports and sessions ===========================================================================================
+// ---- Exports and sessions
 
 bool CNfsMain::AddMountPoint(const char* pcLocalMountPath, const char* pcExportName, const char* pcIpcID,
                              char* pcStatus) {
@@ -191,7 +191,7 @@ int CNfsMain::GetSessionInfo(bool bPrintDetails) {
     return GetSessionInfo(m_pRuntimeParam.get(), bPrintDetails);
 }
 
-// ==== Redirected files and cached descriptors ========================================================================
+// ---- Redirected files and cached descriptors
 
 void CNfsMain::OpenRedirectedFile(const char* pcPath, long long iSize, bool bCreateInfoFile, int iInfoFileSegmentSizeMB,
                                   int iInfoFileCheckPointSizeMB) {
@@ -231,7 +231,7 @@ void CNfsMain::CloseAllCachedFileHandles(const char* pcPath) {
     m_pUtilities->CloseAllCachedFileHandles(m_pRuntimeParam.get(), &logArgu, pcPath);
 }
 
-// ==== Logging, automatic shutdown, status ============================================================================
+// ---- Logging, automatic shutdown, status
 
 void CNfsMain::SetLogControl(int iLogControl) {
     m_pRuntimeParam->SetLogControl(iLogControl);
@@ -285,7 +285,7 @@ bool CNfsMain::SetDebugActionEnabled(bool bEnabled) {
     return true;
 }
 
-// ==== Tests, shell commands, datastores, network devices =============================================================
+// ---- Tests, shell commands, datastores, network devices
 
 void CNfsMain::RunTestMode(CRuntimeParam* pRuntimeParam, const char* pcDirPath, long long iFileSize) {
     m_pUtilities->RunTestMode(pRuntimeParam, pcDirPath, iFileSize);

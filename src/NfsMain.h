@@ -51,13 +51,13 @@ public:
     CNfsMain(const CNfsMain&) = delete;
     CNfsMain& operator=(const CNfsMain&) = delete;
 
-    // ==== Virtual operations, in this order (the derived controllers override them) ==============================
+    // ---- Virtual operations, in this order (the derived controllers override them)
 
     /// Closes the sockets, deletes programs, registration and RPC server, then the registries. Registries are not
     /// emptied first and datastores are not unmounted: that is StopServer's work.
     virtual ~CNfsMain();
 
-    // ---- Life of the controller (NfsMain.cpp) ----
+    // ---- Life of the controller (NfsMain.cpp)
 
     /// Makes the controller ready for use. Fails for an empty ID ("ID is not defined").
     virtual bool Initial(char* pcStatus);
@@ -66,7 +66,7 @@ public:
     virtual bool StartRemoteController(char* pcStatus);
     virtual void StopRemoteController();
 
-    // ---- Start and stop of the RPC services (NfsMainServer.cpp) ----
+    // ---- Start and stop of the RPC services (NfsMainServer.cpp)
 
     /// Opens the services and serves from then on. A port below 1 means the default port. The user and group ID are
     /// kept by the NFS programs; owners are reported as the files have them. Refused with "NFS already running" on a
@@ -77,7 +77,7 @@ public:
     /// Unmounts recorded vSphere datastores, ends all services and empties every registry. Safe on a stopped server.
     virtual void StopServer();
 
-    // ---- What the controller is ----
+    // ---- What the controller is
 
     /// 0 internal server, 1 external server, 2 client.
     virtual int GetAccessMode();
@@ -86,7 +86,7 @@ public:
     virtual void GetDescription(char* pcDescription);
     virtual bool IsServerRunning();
 
-    // ---- The registries (CUtilities' operations of the same names) ----
+    // ---- The registries (CUtilities' operations of the same names)
 
     /// Exports a directory under a name; the IPC ID names the remote party that asked and gets its notifications.
     virtual bool AddMountPoint(const char* pcLocalMountPath, const char* pcExportName, const char* pcIpcID,
@@ -113,7 +113,7 @@ public:
     virtual int GetSessionInfo(CRuntimeParam* pRuntimeParam, bool bPrintDetails);
     virtual void RunTestMode(CRuntimeParam* pRuntimeParam, const char* pcDirPath, long long iFileSize);
 
-    // ---- Automatic shutdown and status ----
+    // ---- Automatic shutdown and status
 
     /// The owner allows others to request the end of the program; a request stays until the program ends.
     virtual void EnableAutoShutdown(bool bEnable);
@@ -123,7 +123,7 @@ public:
     virtual int GetServerStatus();
     virtual bool SetDebugActionEnabled(bool bEnabled);
 
-    // ---- Datastores, quick test, shell commands, network devices (CUtilities' operations of the same names) ----
+    // ---- Datastores, quick test, shell commands, network devices (CUtilities' operations of the same names)
 
     virtual int GetVSphereInfo(CRuntimeParam* pRuntimeParam, bool bPrintDetails);
     virtual void AddVSphereInfo(const char* pcDatastoreMoid, const char* pcHost, const char* pcPort, const char* pcUser,
@@ -145,7 +145,7 @@ protected:
     virtual void TerminateNetwork();
 
 public:
-    // ==== Conveniences under the controller's own runtime parameter ==============================================
+    // ---- Conveniences under the controller's own runtime parameter
 
     int GetMountInfo(bool bClientMountedOnly, bool bPrintDetails);
     int GetSessionInfo(bool bPrintDetails);

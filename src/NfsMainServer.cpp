@@ -2,11 +2,12 @@
 //
 // Everything here runs under the lifecycle mutex. Sockets go first when services end: closing a listener joins its
 // threads, so that no call is in flight when a program is deleted.
+#include "NfsMain.h"
+
 #include <utility>
 
 #include "DatagramSocket.h"
 #include "MountProg.h"
-#include "NfsMain.h"
 #include "NfsProg.h"
 #include "Portmap.h"
 #include "PortmapProg.h"
@@ -26,7 +27,7 @@ constexpr unsigned long kRegisteredVersion = 3;
 
 }  // namespace
 
-// ==== Start ==========================================================================================================
+// ---- Start
 
 bool CNfsMain::StartServer(int iMountPort, int iNfsPort, unsigned int iUId, unsigned int iGId, bool bReadOnly,
                            char* pcStatus) {
@@ -160,7 +161,7 @@ bool CNfsMain::RegisterServices() {
     return bNfs && bMount;
 }
 
-// ==== Stop ===========================================================================================================
+// ---- Stop
 
 void CNfsMain::StopServer() {
     const MutexLock lock(m_hMutexLifecycle);

@@ -13,12 +13,12 @@ Finding FindWithoutLinks(const char* pcPath, FoundStatus* pStatus) {
     open_how how{};
     how.flags = O_PATH | O_CLOEXEC;
     how.resolve = RESOLVE_NO_SYMLINKS;
-    const long iFile = syscall(SYS_openat2, AT_FDCWD, pcPath, &how, sizeof(how));
+    const long iFile = ::syscall(SYS_openat2, AT_FDCWD, pcPath, &how, sizeof(how));
     if (iFile >= 0) {
         if (pStatus != nullptr) {
-            pStatus->bKnown = fstat(static_cast<int>(iFile), &pStatus->status) == 0;
+            pStatus->bKnown = ::fstat(static_cast<int>(iFile), &pStatus->status) == 0;
         }
-        close(static_cast<int>(iFile));  // a descriptor that only names a file: nothing to lose
+        ::close(static_cast<int>(iFile));  // a descriptor that only names a file: nothing to lose
         return Finding::kFound;
     }
     return errno == ENOENT || errno == ENOTDIR ? Finding::kMissing : Finding::kUnknown;

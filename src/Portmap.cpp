@@ -99,17 +99,17 @@ bool CPortmap::Register(unsigned long lProgNum, unsigned long lProgVer, int sock
         return false;
     }
     ::pmap_unset(lProgNum, lProgVer);  // a stale entry; there may be none
-    char cReason[kReasonBufferSize] = "";
+    char vcReason[kReasonBufferSize] = "";
     if (sock == 0) {
-        sock = CreateSocket(lPort, cReason);
+        sock = CreateSocket(lPort, vcReason);
         if (sock < 0) {
-            WriteReason(pcStatus, "Fail to opening register socket for port %lu. Reason=%s", lPort, cReason);
+            WriteReason(pcStatus, "Fail to opening register socket for port %lu. Reason=%s", lPort, vcReason);
             return false;
         }
         m_OwnSockets[{lProgNum, lProgVer}] = CDescriptor(sock);
     }
-    if (!RegisterSvc(static_cast<long>(lProgNum), static_cast<long>(lProgVer), sock, cReason)) {
-        WriteReason(pcStatus, "Fail to register socket for port %lu. Reason=%s", lPort, cReason);
+    if (!RegisterSvc(static_cast<long>(lProgNum), static_cast<long>(lProgVer), sock, vcReason)) {
+        WriteReason(pcStatus, "Fail to register socket for port %lu. Reason=%s", lPort, vcReason);
         return false;
     }
     return true;

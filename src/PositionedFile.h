@@ -23,11 +23,11 @@ public:
     std::int64_t GetPosition() const { return m_iPosition; }
 
     /// Moves to an offset from the start; it must not be negative.
-    void Seek(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, std::int64_t iOffset);
-    std::int64_t Tell(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu);
+    void Seek(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, std::int64_t iOffset);
+    std::int64_t Tell(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu);
     /// Bytes transferred, or -1; the position moves by what was transferred.
-    int Read(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, void* pvBuffer, unsigned int iLen);
-    int Write(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const void* pvBuffer, unsigned int iLen);
+    int Read(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, void* pvBuffer, unsigned int iLen);
+    int Write(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const void* pvBuffer, unsigned int iLen);
 
 private:
     CUtilities* m_pUtilities;

@@ -1,11 +1,11 @@
 // Redirected files: opening, building the map, closing.
 #include "RedirectedFile.h"
 
-#include <fcntl.h>
-
 #include <algorithm>
 #include <optional>
 #include <utility>
+
+#include <fcntl.h>
 
 #include "DeferredLog.h"
 #include "PositionedFile.h"
@@ -43,13 +43,13 @@ void CRedirectedFile::Prepare(long long iSize, int iId, const char* pcInfoFile, 
     if (iInfoFileCheckPointSizeMB > 0) {
         m_iInfoFileCheckPointSize = iInfoFileCheckPointSizeMB * kMiB;
     }
-    MutexLock lock(m_hMutexAppend);
+    const MutexLock lock(m_hMutexAppend);
     m_pEarlier = std::move(pEarlier);
 }
 
 void CRedirectedFile::CloseEarlier(CRuntimeParam* pRuntimeParam) {
     const CDeferredLog deferred;
-    MutexLock lock(m_hMutexAppend);
+    const MutexLock lock(m_hMutexAppend);
     CloseTakenOver(pRuntimeParam);
 }
 
@@ -79,7 +79,7 @@ bool CRedirectedFile::AddSegment(CRuntimeParam* pRuntimeParam, const char* pcSou
     if (std::min<std::int64_t>(iLength, m_iSize) / m_iInfoFileSegmentSize <= kMaxRecordsWithKeptLines) {
         deferred.emplace();
     }
-    MutexLock lock(m_hMutexAppend);
+    const MutexLock lock(m_hMutexAppend);
     CloseTakenOver(pRuntimeParam);
     if (m_bClosed) {
         return false;  // whoever knows the path says so
@@ -120,7 +120,7 @@ bool CRedirectedFile::IsSourceRedirected(const char* pcSource) const {
         return true;
     }
     {
-        MutexLock lock(m_hMutex);
+        const MutexLock lock(m_hMutex);
         if (m_vSource.Contains(pcSource)) {
             return false;
         }
@@ -128,7 +128,7 @@ bool CRedirectedFile::IsSourceRedirected(const char* pcSource) const {
     return m_pUtilities->IsRedirectedFile(pcSource);
 }
 
-std::int64_t CRedirectedFile::ReferSource(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcSource) {
+std::int64_t CRedirectedFile::ReferSource(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcSource) {
     if (pcSource == nullptr || *pcSource == '\0') {
         if (pRuntimeParam->IsLogRedirectFile()) {
             m_pUtilities->LogInfo(pRuntimeParam, "[%s] Reference src (%d): Null", pLogArgu->pcName, m_iId);
@@ -137,7 +137,7 @@ std::int64_t CRedirectedFile::ReferSource(CRuntimeParam* pRuntimeParam, LogArgu*
     }
     std::int64_t iSource = -1;
     {
-        MutexLock lock(m_hMutex);
+        const MutexLock lock(m_hMutex);
         iSource = m_vSource.Refer(pcSource);
     }
     if (pRuntimeParam->IsLogRedirectFile()) {
@@ -146,7 +146,7 @@ std::int64_t CRedirectedFile::ReferSource(CRuntimeParam* pRuntimeParam, LogArgu*
     return iSource;
 }
 
-CCachedFile CRedirectedFile::GetFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const std::string& sPath,
+CCachedFile CRedirectedFile::GetFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const std::string& sPath,
                                      bool bReadWrite) {
     if (sPath.empty() || m_bClosed) {
         return {};
@@ -160,7 +160,7 @@ CCachedFile CRedirectedFile::GetFile(CRuntimeParam* pRuntimeParam, LogArgu* pLog
     return file;
 }
 
-CCachedFile CRedirectedFile::GetInfoFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, bool bReadWrite) {
+CCachedFile CRedirectedFile::GetInfoFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, bool bReadWrite) {
     if (m_sInfoFile.empty()) {
         return {};
     }
@@ -168,7 +168,7 @@ CCachedFile CRedirectedFile::GetInfoFile(CRuntimeParam* pRuntimeParam, LogArgu* 
     return GetFile(pRuntimeParam, pLogArgu, psRenamed ? *psRenamed : m_sInfoFile, bReadWrite);
 }
 
-CCachedFile CRedirectedFile::GetWritableInfoFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu) {
+CCachedFile CRedirectedFile::GetWritableInfoFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu) {
     CCachedFile file = GetInfoFile(pRuntimeParam, pLogArgu, true);
     if (file.IsOpen() && (::fcntl(file, F_GETFL) & O_ACCMODE) == O_RDONLY) {
         // A read came first, and outside the exports that opens for reading only.
@@ -178,7 +178,7 @@ CCachedFile CRedirectedFile::GetWritableInfoFile(CRuntimeParam* pRuntimeParam, L
     return file;
 }
 
-void CRedirectedFile::CloseInfoFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu) {
+void CRedirectedFile::CloseInfoFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu) {
     m_pUtilities->CloseCachedFileHandle(pRuntimeParam, pLogArgu, GetInfoFilePath().c_str());
 }
 
@@ -186,7 +186,7 @@ std::shared_ptr<const std::string> CRedirectedFile::GetRenamedInfoFile() const {
     if (!m_bInfoFileRenamed) {
         return nullptr;
     }
-    MutexLock lock(m_hMutex);
+    const MutexLock lock(m_hMutex);
     return m_psRenamedInfoFile;
 }
 
@@ -200,22 +200,22 @@ void CRedirectedFile::SetRenamedInfoFile(const char* pcPath) {
         return;
     }
     auto psPath = std::make_shared<const std::string>(pcPath);
-    MutexLock lock(m_hMutex);
+    const MutexLock lock(m_hMutex);
     m_psRenamedInfoFile = std::move(psPath);
     m_bInfoFileRenamed = true;
 }
 
 void CRedirectedFile::AppendToList(const Segment& segment) {
-    MutexLock lock(m_hMutex);
+    const MutexLock lock(m_hMutex);
     if (!m_bClosed) {
         m_vAllCachedSegment.Add(segment);
     }
 }
 
-void CRedirectedFile::AppendToInfoFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const CCachedFile& file,
+void CRedirectedFile::AppendToInfoFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const CCachedFile& file,
                                        Segment segment) {
     // Another redirected file may append to the same info file; the descriptor they share tells them apart in time.
-    MutexLock lock(file.GetPositionMutex());
+    const MutexLock lock(file.GetPositionMutex());
     const long long iEnd = OS_FileSeek(pRuntimeParam, pLogArgu, file, 0, SEEK_END);
     if (iEnd < 0) {
         return;  // there is no place where the records could stand; the seek was logged
@@ -234,7 +234,7 @@ void CRedirectedFile::AppendToInfoFile(CRuntimeParam* pRuntimeParam, LogArgu* pL
     }
 }
 
-bool CRedirectedFile::WriteRecord(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CPositionedFile& output,
+bool CRedirectedFile::WriteRecord(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, CPositionedFile& output,
                                   Segment& segment, std::int64_t iLength) {
     Segment record = segment;
     record.iLength = iLength;
@@ -252,7 +252,7 @@ bool CRedirectedFile::WriteRecord(CRuntimeParam* pRuntimeParam, LogArgu* pLogArg
 void CRedirectedFile::CreateCheckPointSegment(CRuntimeParam* pRuntimeParam, const Segment& segment) {
     LogArgu logArgu{"RedirectedFile.CreateCheckPointSegment"};
     const CDeferredLog deferred;
-    MutexLock lock(m_hMutexAppend);
+    const MutexLock lock(m_hMutexAppend);
     const CCachedFile file = GetInfoFile(pRuntimeParam, &logArgu, false);
     if (file.IsOpen()) {
         CPositionedFile output(m_pUtilities, file, m_iInfoFilePos);
@@ -266,7 +266,7 @@ void CRedirectedFile::CreateCheckPoint(CRuntimeParam* pRuntimeParam, CPositioned
         return;
     }
     const CheckPointSegment checkPoint{output.Tell(pRuntimeParam, &logArgu), segment.iOffset};
-    MutexLock lock(m_hMutex);
+    const MutexLock lock(m_hMutex);
     if (!m_bClosed) {
         m_vInfoFileCheckPoint.Add(checkPoint);
     }
@@ -280,10 +280,10 @@ void CRedirectedFile::Close(CRuntimeParam* pRuntimeParam) {
     }
     const CDeferredLog deferred;
     // An adding of a segment under way ends at its next record, and no other begins.
-    MutexLock lockAppend(m_hMutexAppend);
+    const MutexLock lockAppend(m_hMutexAppend);
     CloseTakenOver(pRuntimeParam);
     {
-        MutexLock lock(m_hMutex);
+        const MutexLock lock(m_hMutex);
         m_vAllCachedSegment.Clear();
         m_vInfoFileCheckPoint.Clear();
     }
@@ -295,22 +295,22 @@ void CRedirectedFile::Close(CRuntimeParam* pRuntimeParam) {
 }
 
 const std::string* CRedirectedFile::GetSource(std::int64_t iSource) const {
-    MutexLock lock(m_hMutex);
+    const MutexLock lock(m_hMutex);
     return m_vSource.Get(iSource);
 }
 
 std::size_t CRedirectedFile::GetCheckPointCount() const {
-    MutexLock lock(m_hMutex);
+    const MutexLock lock(m_hMutex);
     return m_vInfoFileCheckPoint.GetAll().size();
 }
 
 std::size_t CRedirectedFile::GetMapMemory() const {
-    MutexLock lock(m_hMutex);
+    const MutexLock lock(m_hMutex);
     return m_vAllCachedSegment.GetCount() * sizeof(Segment) +
            m_vInfoFileCheckPoint.GetAll().capacity() * sizeof(CheckPointSegment);
 }
 
-int CRedirectedFile::OS_FileRead(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, void* pvBuffer,
+int CRedirectedFile::OS_FileRead(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, int iFile, void* pvBuffer,
                                  unsigned int iLen) {
     if (iFile == -1) {
         std::fill_n(static_cast<char*>(pvBuffer), iLen, '\0');
@@ -319,19 +319,19 @@ int CRedirectedFile::OS_FileRead(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu
     return m_pUtilities->OS_FileRead(pRuntimeParam, pLogArgu, iFile, pvBuffer, iLen, nullptr);
 }
 
-int CRedirectedFile::OS_FileWrite(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, const void* pvBuffer,
-                                  unsigned int iLen) {
+int CRedirectedFile::OS_FileWrite(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, int iFile,
+                                  const void* pvBuffer, unsigned int iLen) {
     return m_pUtilities->OS_FileWrite(pRuntimeParam, pLogArgu, iFile, pvBuffer, iLen, nullptr);
 }
 
-long long CRedirectedFile::OS_FileSeek(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, long long iOffset,
-                                       int iWhence) {
+long long CRedirectedFile::OS_FileSeek(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, int iFile,
+                                       long long iOffset, int iWhence) {
     if (iFile == -1) {
         return iOffset;
     }
     return m_pUtilities->OS_FileSeek(pRuntimeParam, pLogArgu, iFile, iOffset, iWhence, nullptr);
 }
 
-long long CRedirectedFile::OS_FileTell(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile) {
+long long CRedirectedFile::OS_FileTell(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, int iFile) {
     return m_pUtilities->OS_FileTell(pRuntimeParam, pLogArgu, iFile, nullptr);
 }

@@ -107,32 +107,35 @@ public:
 
     // The utilities' wrappers without the error text. A descriptor of -1 stands for a source that is not there:
     // reading it yields zeros, seeking it the offset asked for, both without a system call.
-    int OS_FileRead(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, void* pvBuffer, unsigned int iLen);
-    int OS_FileWrite(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, const void* pvBuffer,
+    int OS_FileRead(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, int iFile, void* pvBuffer,
+                    unsigned int iLen);
+    int OS_FileWrite(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, int iFile, const void* pvBuffer,
                      unsigned int iLen);
-    long long OS_FileSeek(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, long long iOffset, int iWhence);
-    long long OS_FileTell(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile);
+    long long OS_FileSeek(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, int iFile, long long iOffset,
+                          int iWhence);
+    long long OS_FileTell(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, int iFile);
 
 private:
     static constexpr std::int64_t kMiB = 1048576;
 
     // ---- Building the map (RedirectedFile.cpp)
     bool IsSourceRedirected(const char* pcSource) const;
-    std::int64_t ReferSource(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcSource);
+    std::int64_t ReferSource(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcSource);
     /// A descriptor from the cache; none for an empty path, a failed open, or once the file is closed.
-    CCachedFile GetFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const std::string& sPath, bool bReadWrite);
-    CCachedFile GetInfoFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, bool bReadWrite);
+    CCachedFile GetFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const std::string& sPath,
+                        bool bReadWrite);
+    CCachedFile GetInfoFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, bool bReadWrite);
     std::shared_ptr<const std::string> GetRenamedInfoFile() const;
     /// Where the info file is now; empty for none.
     std::string GetInfoFilePath() const;
-    CCachedFile GetWritableInfoFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu);
-    void CloseInfoFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu);
+    CCachedFile GetWritableInfoFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu);
+    void CloseInfoFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu);
     void CloseTakenOver(CRuntimeParam* pRuntimeParam) REQUIRES(m_hMutexAppend);
     void AppendToList(const Segment& segment);
-    void AppendToInfoFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const CCachedFile& file, Segment segment)
-        REQUIRES(m_hMutexAppend);
+    void AppendToInfoFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const CCachedFile& file,
+                          Segment segment) REQUIRES(m_hMutexAppend);
     /// Writes the segment's first iLength bytes as a record and takes them off it. False if it is no use to go on.
-    bool WriteRecord(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CPositionedFile& output, Segment& segment,
+    bool WriteRecord(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, CPositionedFile& output, Segment& segment,
                      std::int64_t iLength) REQUIRES(m_hMutexAppend);
     void CreateCheckPoint(CRuntimeParam* pRuntimeParam, CPositionedFile& output, const Segment& segment);
     /// The path of a source, or null; holds as long as the object.
@@ -147,22 +150,24 @@ private:
     std::int64_t EstimateRecord(std::int64_t iOffset) const;
     int ReadFrom(CRuntimeParam* pRuntimeParam, unsigned long long iOffset, void* pvBuffer, unsigned int iLen,
                  bool* pbEof, std::int64_t* piLastPos);
-    int ReadInner(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, unsigned long long iOffset, void* pvBuffer,
+    int ReadInner(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, unsigned long long iOffset, void* pvBuffer,
                   unsigned int iLen, std::int64_t iLastPos);
-    void ReadSegments(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, RedirectedRead& read, std::int64_t iLastPos);
+    void ReadSegments(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, RedirectedRead& read,
+                      std::int64_t iLastPos);
     void FillTail(RedirectedRead& read) const;
-    void SkipHole(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, RedirectedRead& read) const;
+    void SkipHole(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, RedirectedRead& read) const;
     void MoveOn(CRuntimeParam* pRuntimeParam, RedirectedRead& read);
-    bool ReadSource(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, RedirectedRead& read, const Segment& segment,
+    bool ReadSource(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, RedirectedRead& read, const Segment& segment,
                     unsigned int iCount);
 
     // ---- Copies for the host (RedirectedFileExport.cpp)
     bool IsOwnFile(int iFile) const;
-    void WriteContent(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CPositionedFile& output);
-    void WriteCheckPoints(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CPositionedFile& output) const;
-    void WriteSegments(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CPositionedFile& output, bool bMergeRange);
-    void WriteSegment(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CPositionedFile& output, const Segment& segment,
-                      bool bMerged) const;
+    void WriteContent(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, CPositionedFile& output);
+    void WriteCheckPoints(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, CPositionedFile& output) const;
+    void WriteSegments(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, CPositionedFile& output,
+                       bool bMergeRange);
+    void WriteSegment(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, CPositionedFile& output,
+                      const Segment& segment, bool bMerged) const;
 
     /// Adding a segment gives up after so many failed record writes in a row: the disk is full, and a segment of
     /// exabytes would fail for days.

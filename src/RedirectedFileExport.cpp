@@ -1,5 +1,5 @@
 // Redirected files: content and map written to files, for diagnosis and for other tools.
-#include <sys/stat.h>
+#include "RedirectedFile.h"
 
 #include <cstdarg>
 #include <cstdio>
@@ -8,9 +8,10 @@
 #include <string>
 #include <vector>
 
+#include <sys/stat.h>
+
 #include "InfoFileReader.h"
 #include "PositionedFile.h"
-#include "RedirectedFile.h"
 #include "Utilities.h"
 
 namespace {
@@ -24,7 +25,7 @@ constexpr std::int64_t kOutputStart = 0;
 /// The cached descriptor of an output file; its cached entry is closed at the end of the scope.
 class OutputHandle {
 public:
-    OutputHandle(CUtilities* pUtilities, CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath)
+    OutputHandle(CUtilities* pUtilities, CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath)
         : m_pUtilities(pUtilities),
           m_pRuntimeParam(pRuntimeParam),
           m_pLogArgu(pLogArgu),
@@ -44,13 +45,13 @@ public:
 private:
     CUtilities* m_pUtilities;
     CRuntimeParam* m_pRuntimeParam;
-    LogArgu* m_pLogArgu;
+    const LogArgu* m_pLogArgu;
     const char* m_pcPath;
     CCachedFile m_File;
 };
 
 /// One line, of whatever length, with one write.
-__attribute__((format(printf, 4, 5))) void WriteLine(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
+__attribute__((format(printf, 4, 5))) void WriteLine(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu,
                                                      CPositionedFile& output, const char* pcFormat, ...) {
     va_list arguments;
     va_start(arguments, pcFormat);
@@ -83,7 +84,7 @@ void CRedirectedFile::Export(CRuntimeParam* pRuntimeParam, const char* pcExportP
     WriteContent(pRuntimeParam, &logArgu, output);
 }
 
-void CRedirectedFile::WriteContent(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CPositionedFile& output) {
+void CRedirectedFile::WriteContent(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, CPositionedFile& output) {
     std::vector<char> vcBlock(GetReadRoom(kExportBlockSize));
     std::int64_t iLastPos = GetPos();  // as the next client's read would begin; from there on the export's own
     unsigned long long iOffset = 0;
@@ -127,10 +128,11 @@ void CRedirectedFile::ExportInfo(CRuntimeParam* pRuntimeParam, const char* pcExp
     WriteSegments(pRuntimeParam, &logArgu, output, bMergeRange);
 }
 
-void CRedirectedFile::WriteCheckPoints(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CPositionedFile& output) const {
+void CRedirectedFile::WriteCheckPoints(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu,
+                                       CPositionedFile& output) const {
     std::vector<CheckPointSegment> vCheckPoints;
     {
-        MutexLock lock(m_hMutex);
+        const MutexLock lock(m_hMutex);
         vCheckPoints = m_vInfoFileCheckPoint.GetAll();
     }
     if (vCheckPoints.empty()) {
@@ -144,7 +146,7 @@ void CRedirectedFile::WriteCheckPoints(CRuntimeParam* pRuntimeParam, LogArgu* pL
     WriteLine(pRuntimeParam, pLogArgu, output, "-------------------\n");
 }
 
-void CRedirectedFile::WriteSegments(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CPositionedFile& output,
+void CRedirectedFile::WriteSegments(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, CPositionedFile& output,
                                     bool bMergeRange) {
     ProcSegment cursor;
     Segment merged{0, 0, 0, 0};
@@ -167,7 +169,7 @@ void CRedirectedFile::WriteSegments(CRuntimeParam* pRuntimeParam, LogArgu* pLogA
     }
 }
 
-void CRedirectedFile::WriteSegment(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, CPositionedFile& output,
+void CRedirectedFile::WriteSegment(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, CPositionedFile& output,
                                    const Segment& segment, bool bMerged) const {
     const std::string* psSource = GetSource(segment.iSource);
     const char* pcSource = psSource != nullptr ? psSource->c_str() : "Null";

@@ -1,9 +1,10 @@
 // Redirected files: finding segments and reading their bytes.
+#include "RedirectedFile.h"
+
 #include <algorithm>
 #include <cstring>
 
 #include "InfoFileReader.h"
-#include "RedirectedFile.h"
 #include "Utilities.h"
 
 /// One read under way.
@@ -33,7 +34,7 @@ struct RedirectedRead {
     }
 };
 
-// ---- Lookup ------------------------------------------------------------------------------------------------------
+// ---- Lookup
 
 void CRedirectedFile::GetSegment(CRuntimeParam* pRuntimeParam, long long iOffset, ProcSegment* pProcSegment) {
     LogArgu logArgu{"RedirectedFile.GetSegment"};
@@ -70,14 +71,14 @@ void CRedirectedFile::GetNextSegment(CRuntimeParam* pRuntimeParam, ProcSegment* 
 /// In the list there is all of a map without an info file. With one there is what could not be recorded there because
 /// it could not be opened just then; that is looked up after the info file.
 void CRedirectedFile::FindInList(std::int64_t iOffset, ProcSegment* pProcSegment) const {
-    MutexLock lock(m_hMutex);
+    const MutexLock lock(m_hMutex);
     pProcSegment->index = m_vAllCachedSegment.Find(iOffset);
     pProcSegment->iNextRecord = -1;
     m_vAllCachedSegment.Get(pProcSegment->index, &pProcSegment->segment);
 }
 
 void CRedirectedFile::FindNextInList(ProcSegment* pProcSegment) const {
-    MutexLock lock(m_hMutex);
+    const MutexLock lock(m_hMutex);
     if (!m_vAllCachedSegment.Get(++pProcSegment->index, &pProcSegment->segment)) {
         pProcSegment->index = -1;
     }
@@ -116,13 +117,13 @@ void CRedirectedFile::FindNextInInfoFile(CRuntimeParam* pRuntimeParam, CInfoFile
 std::int64_t CRedirectedFile::EstimateRecord(std::int64_t iOffset) const {
     CheckPointSegment checkPoint;
     if (m_iInfoFileCheckPointSize <= iOffset) {
-        MutexLock lock(m_hMutex);
+        const MutexLock lock(m_hMutex);
         m_vInfoFileCheckPoint.FindLast(iOffset, &checkPoint);  // none: the start
     }
     return (iOffset - checkPoint.iOffset) / m_iInfoFileSegmentSize * kSegmentRecordSize + checkPoint.iFileOffset;
 }
 
-// ---- Reading -----------------------------------------------------------------------------------------------------
+// ---- Reading
 
 int CRedirectedFile::Read(CRuntimeParam* pRuntimeParam, unsigned long long iOffset, void* pvBuffer, unsigned int iLen,
                           bool* pbEof) {
@@ -155,7 +156,7 @@ int CRedirectedFile::ReadFrom(CRuntimeParam* pRuntimeParam, unsigned long long i
     return bEof && iRead < 0 ? 0 : iRead;
 }
 
-int CRedirectedFile::ReadInner(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, unsigned long long iOffset,
+int CRedirectedFile::ReadInner(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, unsigned long long iOffset,
                                void* pvBuffer, unsigned int iLen, std::int64_t iLastPos) {
     if (m_bClosed || m_iSize <= 0 || iOffset >= static_cast<std::uint64_t>(m_iSize)) {
         return -1;
@@ -176,7 +177,7 @@ int CRedirectedFile::ReadInner(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, 
     return m_bClosed && read.iDone == 0 && iLen > 0 ? -1 : static_cast<int>(read.iDone);
 }
 
-void CRedirectedFile::ReadSegments(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, RedirectedRead& read,
+void CRedirectedFile::ReadSegments(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, RedirectedRead& read,
                                    std::int64_t iLastPos) {
     while (read.iDone < read.iLen) {
         if (read.cursor.index < 0 && read.pInfo != nullptr) {
@@ -219,7 +220,7 @@ void CRedirectedFile::FillTail(RedirectedRead& read) const {
 
 /// Between two segments: the virtual offset moves over the hole, the place in the buffer does not, so the following
 /// segment's bytes come right behind those before the hole. Zeros are laid where they will come.
-void CRedirectedFile::SkipHole(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, RedirectedRead& read) const {
+void CRedirectedFile::SkipHole(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, RedirectedRead& read) const {
     const std::int64_t iHole = read.cursor.segment.iOffset - read.iPos;
     const std::int64_t iZeros = std::min<std::int64_t>(iHole, read.GetRemaining());
     std::memset(read.pcBuffer + read.iDone, 0, static_cast<std::size_t>(iZeros));
@@ -240,7 +241,7 @@ void CRedirectedFile::MoveOn(CRuntimeParam* pRuntimeParam, RedirectedRead& read)
 
 /// Delivers bytes of one segment at the virtual offset reached; a segment that lies before it, or is empty, has none
 /// and is passed over. False if the read ends here: the source failed, or ended before its segment did.
-bool CRedirectedFile::ReadSource(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, RedirectedRead& read,
+bool CRedirectedFile::ReadSource(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, RedirectedRead& read,
                                  const Segment& segment, unsigned int iCount) {
     const std::string* psSource = GetSource(segment.iSource);
     const std::int64_t iWithin = iCount > 0 ? read.iPos - segment.iOffset : 0;

@@ -113,7 +113,7 @@ void CRpcServer::SocketReceived(CSocket* pSocket) {
 }
 
 /// Answers the next call of the socket's input. False when there is nothing more to do before the next receive.
-bool CRpcServer::ProcessNext(LogArgu* pLogArgu, CSocket* pSocket) {
+bool CRpcServer::ProcessNext(const LogArgu* pLogArgu, CSocket* pSocket) {
     CRuntimeParam* pRuntimeParam = m_pRuntimeParam.get();
     CInputStream* pInput = pSocket->GetInputStream();
     if (pInput->GetFilledBufferSize() == 0) {
@@ -137,7 +137,7 @@ bool CRpcServer::ProcessNext(LogArgu* pLogArgu, CSocket* pSocket) {
 }
 
 /// Answers the call at the read position. False when there is nothing more to do before the next receive.
-bool CRpcServer::ProcessFound(LogArgu* pLogArgu, CSocket* pSocket) {
+bool CRpcServer::ProcessFound(const LogArgu* pLogArgu, CSocket* pSocket) {
     const bool bStream = pSocket->GetType() == CSocket::kStream;
     const int iStatus = bStream ? ProcessCurrent(pSocket) : AnswerDatagram(pSocket);
     bool bBroken = false;
@@ -177,7 +177,7 @@ int CRpcServer::ProcessCurrent(CSocket* pSocket) {
 /// For a call that ran short: drops what there is of its reply, and finds out whether its rest is still to come. If it
 /// is, or if no other call is to be seen behind it, the call begins again when more has come; else that other call
 /// does. False if the call cannot be completed at all.
-bool CRpcServer::WaitForRest(LogArgu* pLogArgu, CSocket* pSocket) {
+bool CRpcServer::WaitForRest(const LogArgu* pLogArgu, CSocket* pSocket) {
     CInputStream* pInput = pSocket->GetInputStream();
     pSocket->GetOutputStream()->ResetBuffer();
     const CRecordMark& mark = m_Current.mark;
@@ -254,7 +254,7 @@ CReplyCache* CRpcServer::FindReplyCache(CSocket* pSocket) {
 
 // ---- Calls
 
-bool CRpcServer::LookForValidHeader(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, unsigned long lProgId,
+bool CRpcServer::LookForValidHeader(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, unsigned long lProgId,
                                     int iSocketType, CInputStream* pInput, COutputStream* /*pOutput*/) {
     const HeaderLayout& layout = iSocketType == CSocket::kStream ? kStreamLayout : kDatagramLayout;
     const bool bLog = IsLogRpc();

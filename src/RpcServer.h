@@ -52,8 +52,8 @@ public:
 protected:
     /// Moves the read position to the next plausible start of a call for the program; false (nothing moved) if there
     /// is none in the unread bytes. The socket type is a CSocket::Type.
-    bool LookForValidHeader(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, unsigned long lProgId, int iSocketType,
-                            CInputStream* pInput, COutputStream* pOutput) REQUIRES(m_hMutex);
+    bool LookForValidHeader(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, unsigned long lProgId,
+                            int iSocketType, CInputStream* pInput, COutputStream* pOutput) REQUIRES(m_hMutex);
     /// Decodes one call and leaves its reply in the output. Returns a ProgramStatus.
     int Process(CRuntimeParam* pRuntimeParam, unsigned long lProgId, int iSocketType, CInputStream* pInput,
                 COutputStream* pOutput, const char* pcRemoteAddress) REQUIRES(m_hMutex);
@@ -68,13 +68,13 @@ private:
         unsigned int GetRecordEnd() const { return iStart + mark.GetSize(); }  ///< for a plausible mark
     };
 
-    bool ProcessNext(LogArgu* pLogArgu, CSocket* pSocket) REQUIRES(m_hMutex);
-    bool ProcessFound(LogArgu* pLogArgu, CSocket* pSocket) REQUIRES(m_hMutex);
+    bool ProcessNext(const LogArgu* pLogArgu, CSocket* pSocket) REQUIRES(m_hMutex);
+    bool ProcessFound(const LogArgu* pLogArgu, CSocket* pSocket) REQUIRES(m_hMutex);
     int ProcessCurrent(CSocket* pSocket) REQUIRES(m_hMutex);
     int AnswerDatagram(CSocket* pSocket) REQUIRES(m_hMutex);
     CReplyCache* FindReplyCache(CSocket* pSocket) REQUIRES(m_hMutex);
     unsigned int GetStillToCome(const CInputStream& input) const REQUIRES(m_hMutex);
-    bool WaitForRest(LogArgu* pLogArgu, CSocket* pSocket) REQUIRES(m_hMutex);
+    bool WaitForRest(const LogArgu* pLogArgu, CSocket* pSocket) REQUIRES(m_hMutex);
     bool PassUnread(CInputStream* pInput) REQUIRES(m_hMutex);
     int ReadHeader(CRuntimeParam* pRuntimeParam, int iSocketType, CInputStream* pInput, RPC_STM_HEADER* pHeader);
     int LogException(CRuntimeParam* pRuntimeParam);

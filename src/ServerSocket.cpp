@@ -135,7 +135,7 @@ void CServerSocket::Close() {
     m_Standard.Close();
 }
 
-// ==== The accept thread ==========================================================================================
+// ---- The accept thread
 
 void CServerSocket::Run() {
     while (!m_bClosed) {

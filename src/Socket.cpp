@@ -109,7 +109,7 @@ bool CSocket::IsPeerGone() const {
     return ::poll(&descriptor, 1, 0) > 0;
 }
 
-// ==== The socket's own thread ====================================================================================
+// ---- The socket's own thread
 
 void CSocket::Run() {
     while (!m_bStop) {

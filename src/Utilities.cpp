@@ -12,7 +12,7 @@ CUtilities::CUtilities()
 
 CUtilities::~CUtilities() = default;
 
-void CUtilities::Reset(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu) {
+void CUtilities::Reset(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu) {
     RemoveAllMountInfo(pRuntimeParam, pLogArgu);
     RemoveAllSessionInfo();
     CloseAllCachedFileHandles(pRuntimeParam, pLogArgu);

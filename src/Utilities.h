@@ -91,7 +91,7 @@ public:
     CUtilities(const CUtilities&) = delete;
     CUtilities& operator=(const CUtilities&) = delete;
 
-    // ==== Log routing and host notifications (UtilitiesLog.cpp) =================================================
+    // ---- Log routing and host notifications (UtilitiesLog.cpp)
 
     /// A runtime parameter, as the printf-style forms take it: the conversion lets a call without arguments choose
     /// the plain form, which prints its text as it is.
@@ -157,18 +157,18 @@ public:
     static void GetLastErrorText(char* pcOut, int iError);
 
     /// Empties every registry: exports, sessions, cached descriptors, redirected files, net-device credentials.
-    void Reset(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu);
+    void Reset(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu);
 
-    // ==== Paths and texts (UtilitiesText.cpp) ====================================================================
+    // ---- Paths and texts (UtilitiesText.cpp)
 
     /// Resolves a path with realpath into a buffer of kPathBufferSize (which may be the path itself). A path that
     /// does not exist is copied unchanged; one that does not fit leaves an empty text, which names nothing either.
     /// Never fails; false tells of these two. The status of what the path resolves to is filled, if one is given, where
     /// it comes at no cost.
-    bool GetCanonicalPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, char* pcOut, const char* pcPath,
+    bool GetCanonicalPath(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, char* pcOut, const char* pcPath,
                           FoundStatus* pStatus = nullptr);
     /// The same as a text of any length: what does not fit a buffer stays as it is given, and names nothing.
-    std::string GetCanonicalText(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath);
+    std::string GetCanonicalText(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath);
     /// Appends "/" in place unless the text is empty, already ends in "/", or a buffer of kPathBufferSize is full.
     static void SetPathToCompare(char* pcPath);
     static void SetPathToCompare(std::string& sPath);
@@ -179,32 +179,34 @@ public:
     static void GetPrintableFileSize(unsigned long long iBytes, char* pcOut);
     static unsigned long long GetCurrentSystemTimeInMilliseconds();
 
-    // ==== Exports (UtilitiesMount.cpp) ==========================================================================
+    // ---- Exports (UtilitiesMount.cpp)
 
     /// Exports a local directory under a name. False with a reason when name or path is taken, or the name holds
     /// "/" or a blank (judged in this order).
-    bool AddMountInfo(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcLocalMountPath,
+    bool AddMountInfo(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcLocalMountPath,
                       const char* pcExportName, const char* pcIpcID, char* pcStatus);
     /// True, with a reason, if the name or the path (either may be null) is exported already.
-    bool IsMountInfoExists(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcLocalMountPath,
+    bool IsMountInfoExists(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcLocalMountPath,
                            const char* pcExportName, char* pcStatus);
     /// Removing the last export, by whatever key, empties the file handle table.
     /// The cached descriptors of an export that goes are closed, without log lines where no parameter is given.
-    void RemoveMountInfoByLocalMountPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcLocalMountPath);
+    void RemoveMountInfoByLocalMountPath(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu,
+                                         const char* pcLocalMountPath);
     void RemoveMountInfoByExportName(const char* pcExportName);
     void RemoveAllMountInfo();
-    void RemoveAllMountInfo(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu);
+    void RemoveAllMountInfo(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu);
     /// Binds an export to a client address, or releases it (null address, always allowed). Refused with a reason
     /// when the export is unknown or bound, even to the same client. The export is copied to pMountInfo if given.
     bool UpdateMountClientIpAddrByExportName(const char* pcExportName, const char* pcClientAddr, MountInfo* pMountInfo,
                                              char* pcStatus);
     /// Finds the first export, in name order, that holds the path (at a component boundary). A path that still
     /// holds a ".." component belongs to no export.
-    bool GetMountInfoByPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, MountInfo* pMountInfo);
+    bool GetMountInfoByPath(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
+                            MountInfo* pMountInfo);
     /// The same search for a call from an address (null: anybody's). An export that is mounted serves its client alone;
     /// where exports are nested, a client is served that has mounted any of those that hold the path. If kHeld, the
     /// export copied is the one that is in the way, with its client.
-    MountAccess GetMountAccess(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+    MountAccess GetMountAccess(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
                                const char* pcClientAddr, MountInfo* pMountInfo);
     /// Is a path, compared as it is, that of an export's directory, or does such a directory lie below it?
     bool HoldsMountPoint(const char* pcCanonicalPath);
@@ -212,7 +214,7 @@ public:
     /// Counts the exports (only the mounted ones if asked) and prints each as a raw line if asked.
     int GetMountInfo(CRuntimeParam* pRuntimeParam, bool bClientMountedOnly, bool bPrintDetails);
 
-    // ==== Sessions (UtilitiesSession.cpp) =======================================================================
+    // ---- Sessions (UtilitiesSession.cpp)
 
     void AddSessionInfo(const char* pcSessionID, const char* pcLocalMountPath);
     void RemoveSessionInfo(const char* pcSessionID);
@@ -221,14 +223,14 @@ public:
     bool IsSessionExists(const char* pcSessionID);
     int GetSessionInfo(CRuntimeParam* pRuntimeParam, bool bPrintDetails);
 
-    // ==== File handles (UtilitiesFileHandle.cpp) ================================================================
+    // ---- File handles (UtilitiesFileHandle.cpp)
 
     /// The ID of a path's canonical form, given out now if it is new; kNoFileID for a null path.
-    unsigned int GetFileID(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath);
+    unsigned int GetFileID(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath);
     /// The same for a path that was made canonical already and need not be resolved again.
     unsigned int GetCanonicalFileID(const char* pcCanonicalPath);
     /// Makes a file handle: the ID in the first four bytes (little-endian), zeros to iLen (at least 5).
-    bool GetFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, char* pcHandle,
+    bool GetFileHandle(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, char* pcHandle,
                        unsigned int iLen);
     /// Makes the handle of an ID; false for kNoFileID.
     static bool MakeFileHandle(unsigned int iID, char* pcHandle, unsigned int iLen);
@@ -236,104 +238,106 @@ public:
     bool GetFilePath(CRuntimeParam* pRuntimeParam, const char* pcHandle, char* pcPath, unsigned int iSize);
     void ResetFileTable();
 
-    // ==== Descriptor cache (UtilitiesDescriptorCache.cpp) =======================================================
+    // ---- Descriptor cache (UtilitiesDescriptorCache.cpp)
 
     /// The descriptor of a file of the host's choice, opened if need be: read/write when wanted or when the path lies
     /// in an export, else read only. What refuses writers (EROFS, EACCES, EPERM, ETXTBSY) is opened read only, unless
     /// read/write was wanted. Empty (-1) for an empty path or a failed open. Within a second the descriptor may still
     /// be that of a file that was replaced under its path.
-    CCachedFile GetCachedFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+    CCachedFile GetCachedFileHandle(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
                                     bool bReadWrite);
     /// A client was told that there is no such path: no descriptor of a removed file stays behind. One that serves the
     /// host's redirected files stays.
-    void DropMissingFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath);
-    void CloseCachedFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath);
+    void DropMissingFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath);
+    void CloseCachedFileHandle(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath);
     /// Closes what lies at or below a path.
-    void CloseAllCachedFileHandles(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath);
-    void CloseAllCachedFileHandles(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu);
+    void CloseAllCachedFileHandles(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath);
+    void CloseAllCachedFileHandles(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu);
     /// Closes the least recently used tenth, or all of fewer than ten.
-    void CloseExceededCachedFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu)
+    void CloseExceededCachedFileHandle(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu)
         REQUIRES(m_hMutexOpenedFileHandles);
     /// For a thread outside the cache that ran out of descriptors: as above, taking the lock.
-    void FreeCachedFileHandles(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu);
+    void FreeCachedFileHandles(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu);
 
-    // ==== System calls on files and folders (UtilitiesOs.cpp) ===================================================
+    // ---- System calls on files and folders (UtilitiesOs.cpp)
     // Each logs its success at file-access level and its failure at error level, and leaves the error text in the
     // reason buffer. A descriptor of -1 is refused without a system call ("Bad file descriptor").
     // Every descriptor is close-on-exec. Where a file is created, running out of descriptors evicts from the cache and
     // tries once more.
 
-    int OS_FileCreate(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, char* pcStatus);
-    int OS_FileRemove(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, char* pcStatus);
-    int OS_FileRename(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPathFrom, const char* pcPathTo,
-                      char* pcStatus);
+    int OS_FileCreate(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, char* pcStatus);
+    int OS_FileRemove(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, char* pcStatus);
+    int OS_FileRename(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPathFrom,
+                      const char* pcPathTo, char* pcStatus);
     /// With bRetry, running out of descriptors evicts from the cache and tries once more.
-    int OS_FileOpen(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, int iFlags, bool bRetry,
+    int OS_FileOpen(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, int iFlags, bool bRetry,
                     char* pcStatus);
-    int OS_FileClose(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, const char* pcPath, char* pcStatus);
-    int OS_FileRead(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, void* pvBuffer, unsigned int iLen,
+    int OS_FileClose(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, int iFile, const char* pcPath,
+                     char* pcStatus);
+    int OS_FileRead(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, int iFile, void* pvBuffer, unsigned int iLen,
                     char* pcStatus);
-    int OS_FileWrite(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, const void* pvBuffer,
+    int OS_FileWrite(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, int iFile, const void* pvBuffer,
                      unsigned int iLen, char* pcStatus);
     /// Waits until the file's data is with its storage (fdatasync). 0 or -1.
-    int OS_FileSync(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, char* pcStatus);
-    long long OS_FileSeek(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, long long iOffset, int iWhence,
-                          char* pcStatus);
-    long long OS_FileTell(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, char* pcStatus);
+    int OS_FileSync(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, int iFile, char* pcStatus);
+    long long OS_FileSeek(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, int iFile, long long iOffset,
+                          int iWhence, char* pcStatus);
+    long long OS_FileTell(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, int iFile, char* pcStatus);
     /// A seek and the transfer behind it as one step (positioned), with the log lines of both. -1 if either fails.
-    int OS_FileReadAt(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const CCachedFile& file, long long iOffset,
+    int OS_FileReadAt(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const CCachedFile& file, long long iOffset,
                       void* pvBuffer, unsigned int iLen, char* pcStatus);
-    int OS_FileWriteAt(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const CCachedFile& file, long long iOffset,
-                       const void* pvBuffer, unsigned int iLen, char* pcStatus);
+    int OS_FileWriteAt(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const CCachedFile& file,
+                       long long iOffset, const void* pvBuffer, unsigned int iLen, char* pcStatus);
     bool OS_IsFileExists(const char* pcPath, char* pcStatus);
-    int OS_FolderCreate(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, unsigned int iMode,
+    int OS_FolderCreate(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, unsigned int iMode,
                         char* pcStatus);
-    int OS_FolderRemove(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, char* pcStatus);
-    int OS_SetFileMode(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, unsigned int iMode,
+    int OS_FolderRemove(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, char* pcStatus);
+    int OS_SetFileMode(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, unsigned int iMode,
                        char* pcStatus);
     /// Makes the file if it is missing. What is not a regular file is not opened.
-    bool OS_SetFileSize(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, unsigned long long iSize,
-                        char* pcStatus);
+    bool OS_SetFileSize(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
+                        unsigned long long iSize, char* pcStatus);
     /// Links are not followed. With the status that was just found for the path, if there is one, nothing is asked.
-    int OS_GetFileStat(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, struct stat* pStat,
+    int OS_GetFileStat(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, struct stat* pStat,
                        char* pcStatus, const FoundStatus* pFound = nullptr);
     /// Opens for appending; creates the file and the folders above it where they are missing.
-    int OS_FileForceOpen(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, char* pcStatus);
+    int OS_FileForceOpen(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, char* pcStatus);
 
-    // ==== File operations of the NFS procedures (UtilitiesFile.cpp, UtilitiesRename.cpp) =========================
+    // ---- File operations of the NFS procedures (UtilitiesFile.cpp, UtilitiesRename.cpp)
     // Only regular files are opened; what else a path names fails as a file that cannot be opened. Where a call has
     // looked at the path it hands on what it found (pFound, of which nothing need be known): a cached descriptor of
     // another file is not used.
 
     /// The size of a regular file. An ordinary one is opened for it only where file access is logged, or nothing was
     /// found yet; the default is for one that cannot be opened.
-    unsigned long long GetFileSize(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+    unsigned long long GetFileSize(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
                                    unsigned long long iDefaultSize, const FoundStatus* pFound = nullptr);
     /// Makes a file; one that is there stays as it is.
-    bool NewFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath);
+    bool NewFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath);
     /// Pairs of (set it, value); times in seconds and nanoseconds since 1970. Ordinary files take mode and size;
     /// owner and times are accepted and ignored. A redirected file's size and times are the host's to grant.
-    bool UpdateFileAttributes(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, bool bMode,
+    bool UpdateFileAttributes(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, bool bMode,
                               unsigned int iMode, bool bUid, unsigned int iUid, bool bGid, unsigned int iGid,
                               bool bSize, unsigned long long iSize, bool bAtime, unsigned int iAtimeSec,
                               unsigned int iAtimeNsec, bool bMtime, unsigned int iMtimeSec, unsigned int iMtimeNsec);
     /// Takes the place of what stands under the new path, and its handle along (UtilitiesRename.cpp). False also when
     /// the path never had a handle, though it is renamed. Onto itself: true, and nothing changes.
-    bool RenameFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPathFrom, const char* pcPathTo);
-    bool RemoveFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath);
+    bool RenameFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPathFrom,
+                    const char* pcPathTo);
+    bool RemoveFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath);
     /// Reads up to iLen bytes; the result is their number, or -1. A redirected file may deliver more than iLen when
     /// zeros stand for a gap (up to GetReadRoom(iLen)); the buffer has that room.
-    int ReadFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, unsigned long long iSeek,
+    int ReadFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, unsigned long long iSeek,
                  int iSeekType, void* pvBuffer, unsigned int iLen, bool* pbEof, const FoundStatus* pFound = nullptr);
     /// Writes with one call; the result is the byte count, or -1; for a redirected file the host's answer. While writes
     /// are synchronous, the bytes are with the storage then, or the write failed.
-    int WriteFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, unsigned long long iSeek,
+    int WriteFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, unsigned long long iSeek,
                   int iSeekType, const void* pvData, unsigned int iLen, const FoundStatus* pFound = nullptr);
     /// Off at first. Concerns ordinary files; takes effect with the next write.
     void SetSyncWrites(bool bSyncWrites) { m_bSyncWrites = bSyncWrites; }
     bool IsSyncWrites() const { return m_bSyncWrites; }
 
-    // ==== File-system figures (UtilitiesFileSystem.cpp) =========================================================
+    // ---- File-system figures (UtilitiesFileSystem.cpp)
     // Bytes or counts; all ones when the figure cannot be had.
 
     static unsigned long long GetTotalDiskSpace(const char* pcPath);
@@ -347,7 +351,7 @@ public:
     /// By file-system type; 2^41 when in doubt.
     static unsigned long long GetMaxFileSize(const char* pcPath);
 
-    // ==== Redirected files (UtilitiesRedirected.cpp) ============================================================
+    // ---- Redirected files (UtilitiesRedirected.cpp)
     // The registry shares each object with the operations in flight: a file that is closed while it is read frees
     // itself when its last reader is done.
 
@@ -382,14 +386,14 @@ public:
     /// Is one open under the path, however either of the two is spelled?
     bool IsRedirectedFile(const char* pcPath);
 
-    // ==== Platform test (UtilitiesPlatformTest.cpp) =============================================================
+    // ---- Platform test (UtilitiesPlatformTest.cpp)
 
     /// Exercises on a directory every file operation that the server needs; reports each step as a log line.
     void RunTestMode(CRuntimeParam* pRuntimeParam, const char* pcDirPath, long long iFileSize);
     /// Mode 0: does the path exist? False with a reason otherwise.
     bool RunQuickTestMode(CRuntimeParam* pRuntimeParam, const char* pcPath, int iMode, char* pcStatus);
 
-    // ==== Shell command and network-device credentials (UtilitiesAdmin.cpp) =====================================
+    // ---- Shell command and network-device credentials (UtilitiesAdmin.cpp)
 
     /// Runs a shell command; its output goes to the log. The raw wait status, or -1.
     int ExecuteSystemCmd(CRuntimeParam* pRuntimeParam, const char* pcCmd, bool bLogResult);
@@ -399,7 +403,7 @@ public:
     bool RemoveNetDeviceCredential(CRuntimeParam* pRuntimeParam, const char* pcPath);
     void RemoveAllNetDeviceCredential(CRuntimeParam* pRuntimeParam);
 
-    // ==== vSphere datastores (UtilitiesVSphere.cpp) =============================================================
+    // ---- vSphere datastores (UtilitiesVSphere.cpp)
 
     int GetVSphereInfo(CRuntimeParam* pRuntimeParam, bool bPrintDetails);
     void AddVSphereInfo(const char* pcDatastoreMoid, const char* pcHost, const char* pcPort, const char* pcUser,
@@ -410,13 +414,13 @@ public:
 
 protected:
     // Steps of the platform test.
-    void RunTestFileSteps(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcTarget,
+    void RunTestFileSteps(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcTarget,
                           unsigned long long iFileSize);
-    bool RunTestUpdateFileSize(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+    bool RunTestUpdateFileSize(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
                                unsigned long long iNewSize, const char* pcDescription);
-    bool RunTestReadWriteFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, unsigned long long iPosition,
-                              unsigned long long iFileSize);
-    bool RunTestUpdateFileAttribute(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+    bool RunTestReadWriteFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, int iFile,
+                              unsigned long long iPosition, unsigned long long iFileSize);
+    bool RunTestUpdateFileAttribute(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
                                     unsigned int iMode);
     bool ExecuteAddNetDeviceCredentialCmd(CRuntimeParam* pRuntimeParam, const char* pcPath, const char* pcUser,
                                           const char* pcPwd);
@@ -437,7 +441,7 @@ private:
         void LookAt(const char* pcPath);
     };
 
-    MountAccess ScanMountInfos(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPathToCompare,
+    MountAccess ScanMountInfos(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPathToCompare,
                                bool bReachable, const char* pcClientAddr, MountInfo* pMountInfo);
 
     // Steps of the clean-up.
@@ -445,83 +449,88 @@ private:
     void UnmountWithWebCtrl(const VSphereInfo& info);
 
     // Steps that hold a lock of their callers.
-    bool FindMountInfoClash(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcLocalMountPath,
+    bool FindMountInfoClash(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcLocalMountPath,
                             const char* pcExportName, char* pcStatus) REQUIRES(m_hMutexMountInfos);
     void ResetFileTableWithoutExports() REQUIRES(m_hMutexMountInfos);
-    CCachedFile OpenCachedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+    CCachedFile OpenCachedFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
                                const FileWish& wish) REQUIRES(m_hMutexOpenedFileHandles);
-    int OpenInMode(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, const FileWish& wish,
+    int OpenInMode(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, const FileWish& wish,
                    bool bWrite, bool* pbReadOnly) REQUIRES(m_hMutexOpenedFileHandles);
-    int OpenForCache(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, int iFlags,
+    int OpenForCache(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, int iFlags,
                      const FileWish& wish, int* piError) REQUIRES(m_hMutexOpenedFileHandles);
     void StampLastAccess(OpenedFileInfo& info) REQUIRES(m_hMutexOpenedFileHandles);
-    void CloseCachedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, OpenedFileInfo& info)
+    void CloseCachedFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, OpenedFileInfo& info)
         REQUIRES(m_hMutexOpenedFileHandles);
-    OpenedFiles::iterator EraseCachedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
+    OpenedFiles::iterator EraseCachedFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu,
                                           OpenedFiles::iterator itOpened) REQUIRES(m_hMutexOpenedFileHandles);
-    void ClearCachedFiles(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu) REQUIRES(m_hMutexOpenedFileHandles);
+    void ClearCachedFiles(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu) REQUIRES(m_hMutexOpenedFileHandles);
 
-    bool InsertMountInfo(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, MountInfo mountInfo, char* pcStatus);
+    bool InsertMountInfo(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, MountInfo mountInfo, char* pcStatus);
 
     // Ways into the descriptor cache.
-    CCachedFile GetClientFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, bool bWrite,
+    CCachedFile GetClientFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, bool bWrite,
                               const FoundStatus* pFound);
-    CCachedFile TakeCachedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+    CCachedFile TakeCachedFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
                                const FileWish& wish);
     bool IsLookDue(const char* pcPath);
     static bool IsOtherFile(const OpenedFileInfo& info, const FoundStatus& found);
     /// Closes the descriptor of a path that is found to name another file.
-    void DropReplacedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+    void DropReplacedFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
                           const FoundStatus& found);
     /// Closes what lies at or below a folder; if asked for, only what was opened for reading alone.
-    void CloseCachedFilesWithin(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const std::string& sFolder,
+    void CloseCachedFilesWithin(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const std::string& sFolder,
                                 bool bReadOnlyOnes);
     /// Closes what lies below a path that was renamed.
-    void CloseCachedFileHandlesBelow(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath);
+    void CloseCachedFileHandlesBelow(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath);
 
     // Steps of the file operations.
-    bool ReadAt(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const CCachedFile& file, long long iOffset,
+    bool ReadAt(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const CCachedFile& file, long long iOffset,
                 void* pvBuffer, unsigned int iLen, char* pcStatus, int* piRead);
-    int ReadOpenedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const CCachedFile& file, long long iOffset,
-                       void* pvBuffer, unsigned int iLen, bool* pbEof, const FoundStatus* pFound);
-    int WriteOpenedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const CCachedFile& file, long long iOffset,
-                        const void* pvData, unsigned int iLen);
-    long long SeekToEnd(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const CCachedFile& file);
+    int ReadOpenedFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const CCachedFile& file,
+                       long long iOffset, void* pvBuffer, unsigned int iLen, bool* pbEof, const FoundStatus* pFound);
+    int WriteOpenedFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const CCachedFile& file,
+                        long long iOffset, const void* pvData, unsigned int iLen);
+    long long SeekToEnd(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const CCachedFile& file);
     int ReadRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath, std::shared_ptr<CRedirectedFile> pFile,
                            unsigned long long iSeek, void* pvBuffer, unsigned int iLen, bool* pbEof);
     std::shared_ptr<CRedirectedFile> TakeRedirectedFile(const char* pcPath);
     std::string GetCanonicalKey(const char* pcPath);
-    bool RenameOnDisk(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPathFrom, const char* pcPathTo);
-    bool ReplaceFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPathFrom, const char* pcPathTo);
-    bool RemoveTarget(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPathFrom, const char* pcPathTo);
-    bool UndoRename(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPathFrom, const char* pcPathTo,
+    bool RenameOnDisk(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPathFrom,
+                      const char* pcPathTo);
+    bool ReplaceFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPathFrom,
+                     const char* pcPathTo);
+    bool RemoveTarget(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPathFrom,
+                      const char* pcPathTo);
+    bool UndoRename(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPathFrom, const char* pcPathTo,
                     bool bOnDisk, CRedirectedRename& redirected);
-    void CloseRenamedFileHandles(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPathFrom,
+    void CloseRenamedFileHandles(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPathFrom,
                                  const char* pcPathTo, bool bFolder);
 
     /// Opens; running out of descriptors evicts from the cache and tries once more.
-    int OpenWithRetry(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, int iFlags, mode_t iMode);
-    int CreateRegularWithRetry(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, mode_t iMode);
+    int OpenWithRetry(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, int iFlags,
+                      mode_t iMode);
+    int CreateRegularWithRetry(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, mode_t iMode);
     /// OS_FileCreate for a client: a regular file or none.
-    int CreateRegular(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath);
+    int CreateRegular(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath);
 
     // Log lines of system calls that are made in more than one place.
-    int ReportCreate(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, int iFile, int iError,
+    int ReportCreate(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, int iFile, int iError,
                      char* pcStatus);
-    void ReportOpenMode(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, bool bWrite);
-    void ReportNotRegular(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, int iError);
-    int ReportOpen(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, int iFile, int iError,
+    void ReportOpenMode(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, bool bWrite);
+    void ReportNotRegular(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, int iError);
+    int ReportOpen(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, int iFile, int iError,
                    char* pcStatus);
-    void ReportClose(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath);
-    void ReportRead(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, long long iRead, int iError,
+    void ReportClose(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath);
+    void ReportRead(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, int iFile, long long iRead, int iError,
                     char* pcStatus);
-    void ReportWrite(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, long long iWritten, int iError,
+    void ReportWrite(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, int iFile, long long iWritten, int iError,
                      char* pcStatus);
-    void ReportSeek(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, long long iPosition, int iError,
+    void ReportSeek(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, int iFile, long long iPosition, int iError,
                     char* pcStatus);
-    void ReportTell(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile);
-    void ReportRename(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPathFrom, const char* pcPathTo);
-    void ReportRenameFailure(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPathFrom,
+    void ReportTell(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, int iFile);
+    void ReportRename(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPathFrom,
+                      const char* pcPathTo);
+    void ReportRenameFailure(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPathFrom,
                              const char* pcPathTo, int iError, char* pcStatus);
 
     // The host and the log file.

@@ -1,10 +1,11 @@
 // CUtilities: shell commands given by the administrator, and the credentials of network devices.
+#include "Utilities.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
 
 #include "DeferredLog.h"
-#include "Utilities.h"
 
 namespace {
 
@@ -35,7 +36,7 @@ int CUtilities::ExecuteSystemCmd(CRuntimeParam* pRuntimeParam, const char* pcCmd
         LogInfo(pRuntimeParam, "%s", pcCommandLine);
     }
     // "e": no other child inherits the pipe
-    FILE* pPipe = popen(pcCommandLine, "re");  // NOLINT(bugprone-command-processor): running commands is its purpose
+    FILE* pPipe = ::popen(pcCommandLine, "re");  // NOLINT(bugprone-command-processor): running commands is its purpose
     if (pPipe == nullptr) {
         if (bLog) {
             LogInfo(pRuntimeParam, "%s", "Fail to execute cmd (popen() failed)");
@@ -52,7 +53,7 @@ int CUtilities::ExecuteSystemCmd(CRuntimeParam* pRuntimeParam, const char* pcCmd
         }
     }
     const bool bComplete = std::feof(pPipe) != 0;
-    const int iStatus = pclose(pPipe);
+    const int iStatus = ::pclose(pPipe);
     const int iResult = bComplete ? iStatus : -1;
     if (bLog) {
         LogRaw(pRuntimeParam, "%s", "\n------\n");
@@ -69,7 +70,7 @@ int CUtilities::GetNetDeviceCredential(CRuntimeParam* pRuntimeParam, bool bPrint
     // Printed from a copy: the lines may go to a client that takes its time, or to a host that asks back.
     decltype(m_NetDeviceCredential) vsPaths;
     {
-        MutexLock lock(m_hMutexNetDeviceCredential);
+        const MutexLock lock(m_hMutexNetDeviceCredential);
         vsPaths = m_NetDeviceCredential;
     }
     int nPaths = 0;
@@ -86,7 +87,7 @@ bool CUtilities::AddNetDeviceCredential(CRuntimeParam* pRuntimeParam, const char
                                         const char* pcPwd) {
     const std::string sPath = pcPath == nullptr ? "" : pcPath;
     const CDeferredLog deferred;
-    MutexLock lock(m_hMutexNetDeviceCredential);
+    const MutexLock lock(m_hMutexNetDeviceCredential);
     if (!ExecuteAddNetDeviceCredentialCmd(pRuntimeParam, sPath.c_str(), pcUser, pcPwd)) {
         return false;
     }
@@ -99,7 +100,7 @@ bool CUtilities::AddNetDeviceCredential(CRuntimeParam* pRuntimeParam, const char
 bool CUtilities::RemoveNetDeviceCredential(CRuntimeParam* pRuntimeParam, const char* pcPath) {
     const std::string sPath = pcPath == nullptr ? "" : pcPath;
     const CDeferredLog deferred;
-    MutexLock lock(m_hMutexNetDeviceCredential);
+    const MutexLock lock(m_hMutexNetDeviceCredential);
     if (!ExecuteRemoveNetDeviceCredentialCmd(pRuntimeParam, sPath.c_str())) {
         return false;
     }
@@ -108,7 +109,7 @@ bool CUtilities::RemoveNetDeviceCredential(CRuntimeParam* pRuntimeParam, const c
 }
 
 void CUtilities::RemoveAllNetDeviceCredential(CRuntimeParam* /*pRuntimeParam*/) {
-    MutexLock lock(m_hMutexNetDeviceCredential);
+    const MutexLock lock(m_hMutexNetDeviceCredential);
     m_NetDeviceCredential.clear();
 }
 

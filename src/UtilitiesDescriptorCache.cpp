@@ -7,6 +7,8 @@
 // A descriptor serves only while it is the file that its path names. A client's call has looked at its path and brings
 // what it found. The host's own files (sources and info files, whose paths no call looks at) are looked at here, once
 // in each second of their use, and stay in use while their path names nothing: what is open is better than nothing.
+#include "Utilities.h"
+
 #include <cerrno>
 #include <cstdio>
 #include <ctime>
@@ -18,7 +20,6 @@
 
 #include "DeferredLog.h"
 #include "PathProbe.h"
-#include "Utilities.h"
 
 namespace {
 
@@ -43,7 +44,7 @@ bool IsRefusedToWriters(int iError) {
 
 }  // namespace
 
-CCachedFile CUtilities::GetCachedFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+CCachedFile CUtilities::GetCachedFileHandle(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
                                             bool bReadWrite) {
     if (pcPath == nullptr || pcPath[0] == '\0') {
         return {};
@@ -56,8 +57,8 @@ CCachedFile CUtilities::GetCachedFileHandle(CRuntimeParam* pRuntimeParam, LogArg
     return TakeCachedFile(pRuntimeParam, pLogArgu, pcPath, wish);
 }
 
-CCachedFile CUtilities::GetClientFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, bool bWrite,
-                                      const FoundStatus* pFound) {
+CCachedFile CUtilities::GetClientFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
+                                      bool bWrite, const FoundStatus* pFound) {
     if (pcPath == nullptr || pcPath[0] == '\0') {
         return {};
     }
@@ -81,16 +82,16 @@ void CUtilities::FileWish::LookAt(const char* pcPath) {
 
 /// Whether a second has begun since an open entry's path was looked at.
 bool CUtilities::IsLookDue(const char* pcPath) {
-    MutexLock lock(m_hMutexOpenedFileHandles);
+    const MutexLock lock(m_hMutexOpenedFileHandles);
     const auto itOpened = m_OpenedFileHandles.find(std::string_view(pcPath));
     return itOpened != m_OpenedFileHandles.end() && itOpened->second.iFile.IsOpen() &&
            itOpened->second.iLastAccess != std::time(nullptr);
 }
 
-CCachedFile CUtilities::TakeCachedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+CCachedFile CUtilities::TakeCachedFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
                                        const FileWish& wish) {
     const CDeferredLog deferred;
-    MutexLock lock(m_hMutexOpenedFileHandles);
+    const MutexLock lock(m_hMutexOpenedFileHandles);
     auto itOpened = m_OpenedFileHandles.find(std::string_view(pcPath));
     if (itOpened != m_OpenedFileHandles.end() && itOpened->second.iFile.IsOpen() &&
         IsOtherFile(itOpened->second, wish.status)) {
@@ -120,10 +121,10 @@ bool CUtilities::IsOtherFile(const OpenedFileInfo& info, const FoundStatus& foun
     return found.bKnown && info.identity != FileIdentity(found.status);
 }
 
-void CUtilities::DropReplacedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+void CUtilities::DropReplacedFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
                                   const FoundStatus& found) {
     const CDeferredLog deferred;
-    MutexLock lock(m_hMutexOpenedFileHandles);
+    const MutexLock lock(m_hMutexOpenedFileHandles);
     const auto itOpened = m_OpenedFileHandles.find(std::string_view(pcPath));
     if (itOpened != m_OpenedFileHandles.end() && itOpened->second.iFile.IsOpen() &&
         IsOtherFile(itOpened->second, found)) {
@@ -131,9 +132,9 @@ void CUtilities::DropReplacedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArg
     }
 }
 
-void CUtilities::DropMissingFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath) {
+void CUtilities::DropMissingFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath) {
     const CDeferredLog deferred;
-    MutexLock lock(m_hMutexOpenedFileHandles);
+    const MutexLock lock(m_hMutexOpenedFileHandles);
     const auto itOpened = m_OpenedFileHandles.find(std::string_view(pcPath));
     if (itOpened != m_OpenedFileHandles.end() && itOpened->second.iFile.IsOpen() && !itOpened->second.bHost) {
         EraseCachedFile(pRuntimeParam, pLogArgu, itOpened);
@@ -141,19 +142,21 @@ void CUtilities::DropMissingFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu
 }
 
 /// What the host alone may have open fails for a client as if it could not be opened.
-void CUtilities::ReportNotRegular(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, int iError) {
+void CUtilities::ReportNotRegular(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
+                                  int iError) {
     const bool bWrite = GetMountInfoByPath(pRuntimeParam, pLogArgu, pcPath, nullptr);
     ReportOpenMode(pRuntimeParam, pLogArgu, pcPath, bWrite);
     ReportOpen(pRuntimeParam, pLogArgu, pcPath, -1, iError, nullptr);
 }
 
-void CUtilities::ReportOpenMode(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, bool bWrite) {
+void CUtilities::ReportOpenMode(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
+                                bool bWrite) {
     if (pRuntimeParam->IsLogFileAccess()) {
         LogInfo(pRuntimeParam, "[%s] open %s mode %s", pLogArgu->pcName, bWrite ? "read/write" : "read only", pcPath);
     }
 }
 
-CCachedFile CUtilities::OpenCachedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+CCachedFile CUtilities::OpenCachedFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
                                        const FileWish& wish) {
     OpenedFileInfo info;
     const auto itFailed = m_OpenedFileHandles.find(std::string_view(pcPath));
@@ -183,8 +186,8 @@ CCachedFile CUtilities::OpenCachedFile(CRuntimeParam* pRuntimeParam, LogArgu* pL
 }
 
 /// Opens for reading and writing, and what refuses that for reading alone unless writing was asked for.
-int CUtilities::OpenInMode(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, const FileWish& wish,
-                           bool bWrite, bool* pbReadOnly) {
+int CUtilities::OpenInMode(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
+                           const FileWish& wish, bool bWrite, bool* pbReadOnly) {
     *pbReadOnly = !bWrite;
     ReportOpenMode(pRuntimeParam, pLogArgu, pcPath, bWrite);
     int iError = 0;
@@ -210,7 +213,7 @@ void CUtilities::StampLastAccess(OpenedFileInfo& info) {
 }
 
 /// Gives the cache's share of a descriptor up. Another user of it closes it later, which nobody is told any more.
-void CUtilities::CloseCachedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, OpenedFileInfo& info) {
+void CUtilities::CloseCachedFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, OpenedFileInfo& info) {
     const bool bOpen = info.iFile.IsOpen();
     const int iFile = info.iFile.ReleaseIfLast();
     if (bOpen && iFile == -1) {
@@ -220,26 +223,26 @@ void CUtilities::CloseCachedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu
     }
 }
 
-void CUtilities::CloseCachedFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath) {
+void CUtilities::CloseCachedFileHandle(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath) {
     if (pcPath == nullptr || pcPath[0] == '\0') {
         return;
     }
     const CDeferredLog deferred;
-    MutexLock lock(m_hMutexOpenedFileHandles);
+    const MutexLock lock(m_hMutexOpenedFileHandles);
     const auto itOpened = m_OpenedFileHandles.find(std::string_view(pcPath));
     if (itOpened != m_OpenedFileHandles.end()) {
         EraseCachedFile(pRuntimeParam, pLogArgu, itOpened);
     }
 }
 
-CUtilities::OpenedFiles::iterator CUtilities::EraseCachedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
+CUtilities::OpenedFiles::iterator CUtilities::EraseCachedFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu,
                                                               OpenedFiles::iterator itOpened) {
     m_OpenedFileLastAccessList.erase(itOpened->second.sTimeKey);
     CloseCachedFile(pRuntimeParam, pLogArgu, itOpened->second);
     return m_OpenedFileHandles.erase(itOpened);
 }
 
-void CUtilities::CloseAllCachedFileHandles(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath) {
+void CUtilities::CloseAllCachedFileHandles(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath) {
     if (pcPath == nullptr || pcPath[0] == '\0') {
         return;
     }
@@ -247,7 +250,7 @@ void CUtilities::CloseAllCachedFileHandles(CRuntimeParam* pRuntimeParam, LogArgu
     SetPathToCompare(sPrefix);
     const bool bLog = pRuntimeParam->IsLogGeneralInfo();
     const CDeferredLog deferred;
-    MutexLock lock(m_hMutexOpenedFileHandles);
+    const MutexLock lock(m_hMutexOpenedFileHandles);
     auto itOpened = m_OpenedFileHandles.begin();
     while (itOpened != m_OpenedFileHandles.end()) {
         std::string sEntry = itOpened->first;
@@ -267,15 +270,15 @@ void CUtilities::CloseAllCachedFileHandles(CRuntimeParam* pRuntimeParam, LogArgu
     }
 }
 
-void CUtilities::CloseCachedFilesWithin(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const std::string& sFolder,
-                                        bool bReadOnlyOnes) {
+void CUtilities::CloseCachedFilesWithin(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu,
+                                        const std::string& sFolder, bool bReadOnlyOnes) {
     if (sFolder.empty()) {
         return;  // nothing lies in a folder without a name
     }
     std::string sPrefix = sFolder;
     SetPathToCompare(sPrefix);
     const CDeferredLog deferred;
-    MutexLock lock(m_hMutexOpenedFileHandles);
+    const MutexLock lock(m_hMutexOpenedFileHandles);
     const auto isMeant = [bReadOnlyOnes](const OpenedFileInfo& info) {
         return !bReadOnlyOnes || (info.iFile.IsOpen() && info.bReadOnly);
     };
@@ -289,24 +292,25 @@ void CUtilities::CloseCachedFilesWithin(CRuntimeParam* pRuntimeParam, LogArgu* p
     }
 }
 
-void CUtilities::CloseCachedFileHandlesBelow(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath) {
+void CUtilities::CloseCachedFileHandlesBelow(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu,
+                                             const char* pcPath) {
     std::string sPrefix = pcPath;
     SetPathToCompare(sPrefix);
     const CDeferredLog deferred;
-    MutexLock lock(m_hMutexOpenedFileHandles);
+    const MutexLock lock(m_hMutexOpenedFileHandles);
     auto itOpened = m_OpenedFileHandles.lower_bound(sPrefix);
     while (itOpened != m_OpenedFileHandles.end() && itOpened->first.starts_with(sPrefix)) {
         itOpened = EraseCachedFile(pRuntimeParam, pLogArgu, itOpened);
     }
 }
 
-void CUtilities::CloseAllCachedFileHandles(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu) {
+void CUtilities::CloseAllCachedFileHandles(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu) {
     const CDeferredLog deferred;
-    MutexLock lock(m_hMutexOpenedFileHandles);
+    const MutexLock lock(m_hMutexOpenedFileHandles);
     ClearCachedFiles(pRuntimeParam, pLogArgu);
 }
 
-void CUtilities::ClearCachedFiles(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu) {
+void CUtilities::ClearCachedFiles(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu) {
     for (auto& [sPath, info] : m_OpenedFileHandles) {
         CloseCachedFile(pRuntimeParam, pLogArgu, info);
     }
@@ -314,7 +318,7 @@ void CUtilities::ClearCachedFiles(CRuntimeParam* pRuntimeParam, LogArgu* pLogArg
     m_OpenedFileLastAccessList.clear();
 }
 
-void CUtilities::CloseExceededCachedFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu) {
+void CUtilities::CloseExceededCachedFileHandle(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu) {
     std::size_t nExceeding = m_OpenedFileHandles.size() / kEvictedPart;
     if (nExceeding == 0) {
         if (pRuntimeParam->IsLogFileAccess()) {
@@ -344,8 +348,8 @@ void CUtilities::CloseExceededCachedFileHandle(CRuntimeParam* pRuntimeParam, Log
     }
 }
 
-void CUtilities::FreeCachedFileHandles(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu) {
+void CUtilities::FreeCachedFileHandles(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu) {
     const CDeferredLog deferred;
-    MutexLock lock(m_hMutexOpenedFileHandles);
+    const MutexLock lock(m_hMutexOpenedFileHandles);
     CloseExceededCachedFileHandle(pRuntimeParam, pLogArgu);
 }

@@ -3,6 +3,8 @@
 // Paths of redirected files are diverted: reads come from the segment map, changes become notifications to the host.
 // Renaming is told in UtilitiesRename.cpp.
 
+#include "Utilities.h"
+
 #include <utility>
 
 #include <unistd.h>
@@ -11,7 +13,6 @@
 #include "FileOwner.h"
 #include "PathProbe.h"
 #include "RedirectedFile.h"
-#include "Utilities.h"
 
 namespace {
 
@@ -27,7 +28,7 @@ long long SeekRelatively(const CCachedFile& file, unsigned long long iSeek, int 
 
 }  // namespace
 
-unsigned long long CUtilities::GetFileSize(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+unsigned long long CUtilities::GetFileSize(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
                                            unsigned long long iDefaultSize, const FoundStatus* pFound) {
     if (const auto pRedirected = GetRedirectedFile(pcPath)) {
         return static_cast<unsigned long long>(pRedirected->GetFileSize());
@@ -44,7 +45,7 @@ unsigned long long CUtilities::GetFileSize(CRuntimeParam* pRuntimeParam, LogArgu
     return iEnd == -1 ? iDefaultSize : static_cast<unsigned long long>(iEnd);
 }
 
-bool CUtilities::NewFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath) {
+bool CUtilities::NewFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath) {
     const int iFile = CreateRegular(pRuntimeParam, pLogArgu, pcPath);
     if (iFile == -1) {
         return false;
@@ -53,7 +54,7 @@ bool CUtilities::NewFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const 
     return true;
 }
 
-bool CUtilities::RemoveFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath) {
+bool CUtilities::RemoveFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath) {
     if (pRuntimeParam->IsLogFileAccess()) {
         LogInfo(pRuntimeParam, "[%s] Remove file, path=%s", pLogArgu->pcName, pcPath);
     }
@@ -66,11 +67,11 @@ bool CUtilities::RemoveFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, con
     return RemoveRedirectedFile(pRuntimeParam, pcPath);
 }
 
-bool CUtilities::UpdateFileAttributes(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, bool bMode,
-                                      unsigned int iMode, bool bUid, unsigned int iUid, bool bGid, unsigned int iGid,
-                                      bool bSize, unsigned long long iSize, bool bAtime, unsigned int iAtimeSec,
-                                      unsigned int iAtimeNsec, bool bMtime, unsigned int iMtimeSec,
-                                      unsigned int iMtimeNsec) {
+bool CUtilities::UpdateFileAttributes(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
+                                      bool bMode, unsigned int iMode, bool bUid, unsigned int iUid, bool bGid,
+                                      unsigned int iGid, bool bSize, unsigned long long iSize, bool bAtime,
+                                      unsigned int iAtimeSec, unsigned int iAtimeNsec, bool bMtime,
+                                      unsigned int iMtimeSec, unsigned int iMtimeNsec) {
     if (pRuntimeParam->IsLogFileAccess()) {
         LogInfo(pRuntimeParam,
                 "[%s] Update file attributes, path=%s, set_mode=%d, mode=%u, set_uid=%d, uid=%u, set_gid=%d, gid=%u, "
@@ -96,8 +97,9 @@ bool CUtilities::UpdateFileAttributes(CRuntimeParam* pRuntimeParam, LogArgu* pLo
     return !bSize || OS_SetFileSize(pRuntimeParam, pLogArgu, pcPath, iSize, nullptr);
 }
 
-int CUtilities::ReadFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, unsigned long long iSeek,
-                         int iSeekType, void* pvBuffer, unsigned int iLen, bool* pbEof, const FoundStatus* pFound) {
+int CUtilities::ReadFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
+                         unsigned long long iSeek, int iSeekType, void* pvBuffer, unsigned int iLen, bool* pbEof,
+                         const FoundStatus* pFound) {
     if (pRuntimeParam->IsLogFileAccess()) {
         LogInfo(pRuntimeParam, "[%s] Read file, path=%s, iSeek=%llu, iSeekType=%d, length=%u", pLogArgu->pcName, pcPath,
                 iSeek, iSeekType, iLen);
@@ -115,7 +117,7 @@ int CUtilities::ReadFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const 
                               pFound);
     }
     const CDeferredLog deferred;
-    MutexLock lock(file.GetPositionMutex());
+    const MutexLock lock(file.GetPositionMutex());
     const long long iOffset = SeekRelatively(file, iSeek, iSeekType);
     return ReadOpenedFile(pRuntimeParam, pLogArgu, file, iOffset, pvBuffer, iLen, pbEof, pFound);
 }
@@ -136,7 +138,7 @@ int CUtilities::ReadRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcP
     return iRead;
 }
 
-int CUtilities::ReadOpenedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const CCachedFile& file,
+int CUtilities::ReadOpenedFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const CCachedFile& file,
                                long long iOffset, void* pvBuffer, unsigned int iLen, bool* pbEof,
                                const FoundStatus* pFound) {
     int iRead = -1;
@@ -156,8 +158,9 @@ int CUtilities::ReadOpenedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, 
     return iRead;
 }
 
-int CUtilities::WriteFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, unsigned long long iSeek,
-                          int iSeekType, const void* pvData, unsigned int iLen, const FoundStatus* pFound) {
+int CUtilities::WriteFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
+                          unsigned long long iSeek, int iSeekType, const void* pvData, unsigned int iLen,
+                          const FoundStatus* pFound) {
     if (pRuntimeParam->IsLogFileAccess()) {
         LogInfo(pRuntimeParam, "[%s] Write file, path=%s, iSeek=%llu, iSeekType=%d, length=%u", pLogArgu->pcName,
                 pcPath, iSeek, iSeekType, iLen);
@@ -174,12 +177,12 @@ int CUtilities::WriteFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const
         return WriteOpenedFile(pRuntimeParam, pLogArgu, file, static_cast<long long>(iSeek), pvData, iLen);
     }
     const CDeferredLog deferred;
-    MutexLock lock(file.GetPositionMutex());
+    const MutexLock lock(file.GetPositionMutex());
     const long long iOffset = SeekRelatively(file, iSeek, iSeekType);
     return WriteOpenedFile(pRuntimeParam, pLogArgu, file, iOffset, pvData, iLen);
 }
 
-int CUtilities::WriteOpenedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const CCachedFile& file,
+int CUtilities::WriteOpenedFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const CCachedFile& file,
                                 long long iOffset, const void* pvData, unsigned int iLen) {
     const int iWritten = OS_FileWriteAt(pRuntimeParam, pLogArgu, file, iOffset, pvData, iLen, nullptr);
     if (iWritten == -1) {
@@ -192,7 +195,7 @@ int CUtilities::WriteOpenedFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
     return iWritten;
 }
 
-long long CUtilities::SeekToEnd(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const CCachedFile& file) {
+long long CUtilities::SeekToEnd(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const CCachedFile& file) {
     file.TakePosition();
     return OS_FileSeek(pRuntimeParam, pLogArgu, file.Get(), 0, SEEK_END, nullptr);
 }

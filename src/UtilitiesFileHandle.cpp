@@ -1,10 +1,11 @@
 // CUtilities: file handles, made from and resolved to the paths of files.
 //
 // A handle's first four bytes hold the file ID in the server's own byte order (little-endian), the rest is zero.
+#include "Utilities.h"
+
 #include <cstring>
 
 #include "FileTable.h"
-#include "Utilities.h"
 
 namespace {
 
@@ -13,7 +14,7 @@ constexpr unsigned int kMinHandleSize = sizeof(unsigned int) + 1;
 
 }  // namespace
 
-unsigned int CUtilities::GetFileID(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath) {
+unsigned int CUtilities::GetFileID(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath) {
     if (pcPath == nullptr) {
         return kNoFileID;
     }
@@ -24,12 +25,12 @@ unsigned int CUtilities::GetFileID(CRuntimeParam* pRuntimeParam, LogArgu* pLogAr
 }
 
 unsigned int CUtilities::GetCanonicalFileID(const char* pcCanonicalPath) {
-    MutexLock lock(m_hMutexFileTable);
+    const MutexLock lock(m_hMutexFileTable);
     return m_pFileTable->GetIDByPath(pcCanonicalPath);
 }
 
-bool CUtilities::GetFileHandle(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, char* pcHandle,
-                               unsigned int iLen) {
+bool CUtilities::GetFileHandle(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
+                               char* pcHandle, unsigned int iLen) {
     // A path gets no ID that no handle could carry.
     const bool bRoom = pcHandle != nullptr && iLen >= kMinHandleSize;
     return MakeFileHandle(bRoom ? GetFileID(pRuntimeParam, pLogArgu, pcPath) : kNoFileID, pcHandle, iLen);
@@ -56,11 +57,11 @@ bool CUtilities::GetFilePath(CRuntimeParam* /*pRuntimeParam*/, const char* pcHan
     if (iID == kNoFileID) {
         return false;
     }
-    MutexLock lock(m_hMutexFileTable);
+    const MutexLock lock(m_hMutexFileTable);
     return m_pFileTable->GetPathByID(iID, pcPath, iSize);
 }
 
 void CUtilities::ResetFileTable() {
-    MutexLock lock(m_hMutexFileTable);
+    const MutexLock lock(m_hMutexFileTable);
     m_pFileTable->Clear();
 }

@@ -1,4 +1,6 @@
 // CUtilities: the figures of the file system that holds a path.
+#include "Utilities.h"
+
 #include <cstdint>
 
 #include <sys/statfs.h>
@@ -6,7 +8,6 @@
 
 #include "FileSystemID.h"
 #include "MaxFileSize.h"
-#include "Utilities.h"
 
 namespace {
 
@@ -16,7 +17,7 @@ constexpr unsigned long long kUnknownFigure = ~0ULL;
 /// The figures of the file system that holds a path, if they can be had.
 class VfsFigures {
 public:
-    explicit VfsFigures(const char* pcPath) : m_bValid(statvfs(pcPath, &m_Figures) == 0) {}
+    explicit VfsFigures(const char* pcPath) : m_bValid(::statvfs(pcPath, &m_Figures) == 0) {}
     bool IsValid() const { return m_bValid; }
     const struct statvfs& Get() const { return m_Figures; }
 
@@ -63,5 +64,5 @@ unsigned long long CUtilities::GetFileSystemID(const char* pcPath) {
 
 unsigned long long CUtilities::GetMaxFileSize(const char* pcPath) {
     struct statfs figures {};
-    return GetMaxFileSizeOfType(statfs(pcPath, &figures) == 0 ? static_cast<std::uint64_t>(figures.f_type) : 0);
+    return GetMaxFileSizeOfType(::statfs(pcPath, &figures) == 0 ? static_cast<std::uint64_t>(figures.f_type) : 0);
 }

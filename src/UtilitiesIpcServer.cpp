@@ -29,7 +29,7 @@ bool CUtilitiesIpcServer::GetIpcCallbackChannel(const char* pcIpcID, char* pcCha
     return true;
 }
 
-// ==== Log lines ======================================================================================================
+// ---- Log lines
 
 void CUtilitiesIpcServer::LogInfo(CRuntimeParam* pRuntimeParam, const char* pcMessage) {
     CUtilities::LogInfo(pRuntimeParam->GetID(), pcMessage);
@@ -64,7 +64,7 @@ void CUtilitiesIpcServer::SendLogMessage(CRuntimeParam* pRuntimeParam, const cha
     SendCallback(sIpcID, client);
 }
 
-// ==== Notifications ==================================================================================================
+// ---- Notifications
 
 bool CUtilitiesIpcServer::CanTellOf(CRuntimeParam* pRuntimeParam, const char* pcPath) {
     return !HasReceiver(pRuntimeParam) ||
@@ -153,7 +153,7 @@ int CUtilitiesIpcServer::LogWriteRedirectedFile(CRuntimeParam* pRuntimeParam, co
     return SendNotification(pRuntimeParam, kIpcCbWriteRedirectedFile, record, texts);
 }
 
-// ==== Sending ========================================================================================================
+// ---- Sending
 
 bool CUtilitiesIpcServer::SendCallback(const std::string& sIpcID, CIpcClient& client) {
     char cChannel[kIpcChannelBufferSize];

@@ -1,4 +1,6 @@
 // CUtilities: the way of a log line, and of a notification about a redirected file, out of the library.
+#include "Utilities.h"
+
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -8,7 +10,6 @@
 #include "Callback.h"
 #include "DeferredLog.h"
 #include "FileLogger.h"
-#include "Utilities.h"
 
 namespace {
 
@@ -175,14 +176,14 @@ int CUtilities::LogWriteRedirectedFile(const char* pcID, const char* pcPath, uns
 
 void CUtilities::SetCallback(std::shared_ptr<CCallback> pCallback) {
     {
-        MutexLock lock(m_hMutexCallback);
+        const MutexLock lock(m_hMutexCallback);
         m_pCallback.swap(pCallback);
     }
     // The replaced one is released here, outside the lock: freeing it may call into the virtual machine.
 }
 
 std::shared_ptr<CCallback> CUtilities::GetCallback() const {
-    MutexLock lock(m_hMutexCallback);
+    const MutexLock lock(m_hMutexCallback);
     return m_pCallback;
 }
 
@@ -191,7 +192,7 @@ void CUtilities::GetLastErrorText(char* pcOut, int iError) {
         return;
     }
     char vcScratch[128];  // for numbers without a text of their own
-    const char* pcText = strerror_r(iError, vcScratch, sizeof(vcScratch));
+    const char* pcText = ::strerror_r(iError, vcScratch, sizeof(vcScratch));
     if (pcText != nullptr) {
         std::snprintf(pcOut, kReasonBufferSize, "%s (%d)", pcText, iError);
     }

@@ -2,6 +2,8 @@
 //
 // The file system is asked before the lock is taken, except where an export is added: the test whether name and path
 // are free and the adding are one step.
+#include "Utilities.h"
+
 #include <algorithm>
 #include <cstring>
 #include <string_view>
@@ -9,7 +11,6 @@
 
 #include "DeferredLog.h"
 #include "Reason.h"
-#include "Utilities.h"
 
 namespace {
 
@@ -76,7 +77,7 @@ MountAccess JudgeAccess(const Mounts& mounts, typename Mounts::const_iterator it
 
 }  // namespace
 
-bool CUtilities::AddMountInfo(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcLocalMountPath,
+bool CUtilities::AddMountInfo(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcLocalMountPath,
                               const char* pcExportName, const char* pcIpcID, char* pcStatus) {
     const std::string sCanonical = GetCanonicalText(pRuntimeParam, pLogArgu, pcLocalMountPath);
     const std::string sExportName = pcExportName != nullptr ? pcExportName : "";
@@ -91,9 +92,10 @@ bool CUtilities::AddMountInfo(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, c
     return true;
 }
 
-bool CUtilities::InsertMountInfo(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, MountInfo mountInfo, char* pcStatus) {
+bool CUtilities::InsertMountInfo(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, MountInfo mountInfo,
+                                 char* pcStatus) {
     const std::string& sExportName = mountInfo.sExportName;
-    MutexLock lock(m_hMutexMountInfos);
+    const MutexLock lock(m_hMutexMountInfos);
     if (FindMountInfoClash(pRuntimeParam, pLogArgu, mountInfo.sLocalMountPath.c_str(), sExportName.c_str(), pcStatus)) {
         return false;
     }
@@ -107,14 +109,14 @@ bool CUtilities::InsertMountInfo(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu
     return true;
 }
 
-bool CUtilities::IsMountInfoExists(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcLocalMountPath,
+bool CUtilities::IsMountInfoExists(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcLocalMountPath,
                                    const char* pcExportName, char* pcStatus) {
     const CDeferredLog deferred;
-    MutexLock lock(m_hMutexMountInfos);
+    const MutexLock lock(m_hMutexMountInfos);
     return FindMountInfoClash(pRuntimeParam, pLogArgu, pcLocalMountPath, pcExportName, pcStatus);
 }
 
-bool CUtilities::FindMountInfoClash(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcLocalMountPath,
+bool CUtilities::FindMountInfoClash(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcLocalMountPath,
                                     const char* pcExportName, char* pcStatus) {
     if (pcExportName != nullptr && m_MountInfos.contains(pcExportName)) {
         WriteReason(pcStatus, "Export name \"%s\" already defined", pcExportName);
@@ -132,11 +134,11 @@ bool CUtilities::FindMountInfoClash(CRuntimeParam* pRuntimeParam, LogArgu* pLogA
     return true;
 }
 
-void CUtilities::RemoveMountInfoByLocalMountPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
+void CUtilities::RemoveMountInfoByLocalMountPath(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu,
                                                  const char* pcLocalMountPath) {
     const std::string sCanonical = GetCanonicalText(pRuntimeParam, pLogArgu, pcLocalMountPath);
     {
-        MutexLock lock(m_hMutexMountInfos);
+        const MutexLock lock(m_hMutexMountInfos);
         const auto itMount = std::ranges::find_if(
             m_MountInfos, [&sCanonical](const auto& mount) { return mount.second.sLocalMountPath == sCanonical; });
         if (itMount == m_MountInfos.end()) {
@@ -152,7 +154,7 @@ void CUtilities::RemoveMountInfoByLocalMountPath(CRuntimeParam* pRuntimeParam, L
 void CUtilities::RemoveMountInfoByExportName(const char* pcExportName) {
     std::string sLocalMountPath;
     {
-        MutexLock lock(m_hMutexMountInfos);
+        const MutexLock lock(m_hMutexMountInfos);
         const auto itMount = m_MountInfos.find(pcExportName != nullptr ? pcExportName : "");
         if (itMount == m_MountInfos.end()) {
             ResetFileTableWithoutExports();
@@ -173,10 +175,10 @@ void CUtilities::RemoveAllMountInfo() {
     RemoveAllMountInfo(&silent, &logArgu);
 }
 
-void CUtilities::RemoveAllMountInfo(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu) {
+void CUtilities::RemoveAllMountInfo(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu) {
     decltype(m_MountInfos) mountInfos;
     {
-        MutexLock lock(m_hMutexMountInfos);
+        const MutexLock lock(m_hMutexMountInfos);
         mountInfos.swap(m_MountInfos);
         ResetFileTableWithoutExports();
     }
@@ -195,7 +197,7 @@ void CUtilities::ResetFileTableWithoutExports() {
 bool CUtilities::UpdateMountClientIpAddrByExportName(const char* pcExportName, const char* pcClientAddr,
                                                      MountInfo* pMountInfo, char* pcStatus) {
     const char* pcName = pcExportName != nullptr ? pcExportName : "";
-    MutexLock lock(m_hMutexMountInfos);
+    const MutexLock lock(m_hMutexMountInfos);
     const auto itMount = m_MountInfos.find(pcName);
     if (itMount == m_MountInfos.end()) {
         WriteReason(pcStatus, "Undefined export name \"%s\"", pcName);
@@ -215,12 +217,12 @@ bool CUtilities::UpdateMountClientIpAddrByExportName(const char* pcExportName, c
     return true;
 }
 
-bool CUtilities::GetMountInfoByPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+bool CUtilities::GetMountInfoByPath(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
                                     MountInfo* pMountInfo) {
     return GetMountAccess(pRuntimeParam, pLogArgu, pcPath, nullptr, pMountInfo) != MountAccess::kNone;
 }
 
-MountAccess CUtilities::GetMountAccess(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+MountAccess CUtilities::GetMountAccess(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
                                        const char* pcClientAddr, MountInfo* pMountInfo) {
     const char* pcGiven = pcPath != nullptr ? pcPath : "";
     const PathToCompare path(pcGiven);
@@ -232,7 +234,7 @@ MountAccess CUtilities::GetMountAccess(CRuntimeParam* pRuntimeParam, LogArgu* pL
     if (!bReachable) {
         return MountAccess::kNone;
     }
-    MutexLock lock(m_hMutexMountInfos);
+    const MutexLock lock(m_hMutexMountInfos);
     const auto itMount = std::ranges::find_if(
         m_MountInfos, [&path](const auto& mount) { return IsInside(path.Get(), mount.second.sLocalMountPath); });
     return itMount == m_MountInfos.end() ? MountAccess::kNone
@@ -240,11 +242,12 @@ MountAccess CUtilities::GetMountAccess(CRuntimeParam* pRuntimeParam, LogArgu* pL
 }
 
 /// The search that says what it compares. It walks a copy, so that its lines go out without the lock.
-MountAccess CUtilities::ScanMountInfos(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPathToCompare,
-                                       bool bReachable, const char* pcClientAddr, MountInfo* pMountInfo) {
+MountAccess CUtilities::ScanMountInfos(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu,
+                                       const char* pcPathToCompare, bool bReachable, const char* pcClientAddr,
+                                       MountInfo* pMountInfo) {
     decltype(m_MountInfos) mountInfos;
     {
-        MutexLock lock(m_hMutexMountInfos);
+        const MutexLock lock(m_hMutexMountInfos);
         mountInfos = m_MountInfos;
     }
     for (auto it = mountInfos.cbegin(); it != mountInfos.cend(); ++it) {
@@ -267,7 +270,7 @@ bool CUtilities::HoldsMountPoint(const char* pcCanonicalPath) {
     while (sPath.size() > 1 && sPath.ends_with('/')) {
         sPath.remove_suffix(1);
     }
-    MutexLock lock(m_hMutexMountInfos);
+    const MutexLock lock(m_hMutexMountInfos);
     return std::ranges::any_of(m_MountInfos, [sPath](const auto& mount) {
         const std::string_view sLocal = mount.second.sLocalMountPath;
         return sLocal == sPath || IsInside(sLocal, sPath);
@@ -276,7 +279,7 @@ bool CUtilities::HoldsMountPoint(const char* pcCanonicalPath) {
 
 bool CUtilities::IsRemoteAddrExists(const char* pcClientAddr) {
     const std::string_view sClientAddr = pcClientAddr != nullptr ? pcClientAddr : "";
-    MutexLock lock(m_hMutexMountInfos);
+    const MutexLock lock(m_hMutexMountInfos);
     return std::ranges::any_of(m_MountInfos,
                                [sClientAddr](const auto& mount) { return mount.second.sRemoteIpAddr == sClientAddr; });
 }
@@ -285,7 +288,7 @@ int CUtilities::GetMountInfo(CRuntimeParam* pRuntimeParam, bool bClientMountedOn
     // Printed from a copy: the lines may go to a client that takes its time, or to a host that asks back.
     decltype(m_MountInfos) mountInfos;
     {
-        MutexLock lock(m_hMutexMountInfos);
+        const MutexLock lock(m_hMutexMountInfos);
         mountInfos = m_MountInfos;
     }
     int nMounts = 0;

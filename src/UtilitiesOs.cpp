@@ -1,4 +1,6 @@
 // CUtilities: system calls on files and folders, with their log lines and error texts.
+#include "Utilities.h"
+
 #include <cerrno>
 #include <cstdio>
 
@@ -9,7 +11,6 @@
 #include "PathProbe.h"
 #include "Reason.h"
 #include "RegularFile.h"
-#include "Utilities.h"
 
 namespace {
 
@@ -45,17 +46,18 @@ private:
 
 // ---- Files by path
 
-int CUtilities::OS_FileCreate(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, char* pcStatus) {
+int CUtilities::OS_FileCreate(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
+                              char* pcStatus) {
     const int iFile = OpenWithRetry(pRuntimeParam, pLogArgu, pcPath, O_RDWR | O_CREAT, kNewFileMode);
     return ReportCreate(pRuntimeParam, pLogArgu, pcPath, iFile, errno, pcStatus);
 }
 
-int CUtilities::CreateRegular(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath) {
+int CUtilities::CreateRegular(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath) {
     const int iFile = CreateRegularWithRetry(pRuntimeParam, pLogArgu, pcPath, kNewFileMode);
     return ReportCreate(pRuntimeParam, pLogArgu, pcPath, iFile, errno, nullptr);
 }
 
-int CUtilities::CreateRegularWithRetry(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+int CUtilities::CreateRegularWithRetry(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
                                        mode_t iMode) {
     const int iFile = CreateRegularFile(pcPath, iMode);
     if (iFile != -1 || errno != EMFILE) {
@@ -66,8 +68,8 @@ int CUtilities::CreateRegularWithRetry(CRuntimeParam* pRuntimeParam, LogArgu* pL
 }
 
 /// Logs how the making of a file went; returns its descriptor.
-int CUtilities::ReportCreate(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, int iFile, int iError,
-                             char* pcStatus) {
+int CUtilities::ReportCreate(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, int iFile,
+                             int iError, char* pcStatus) {
     if (iFile == -1) {
         const ErrorText error(iError, pcStatus);
         if (pRuntimeParam->IsLogError()) {
@@ -79,7 +81,8 @@ int CUtilities::ReportCreate(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, co
     return iFile;
 }
 
-int CUtilities::OS_FileRemove(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, char* pcStatus) {
+int CUtilities::OS_FileRemove(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
+                              char* pcStatus) {
     const int iResult = std::remove(pcPath);
     if (iResult == -1) {
         const ErrorText error(errno, pcStatus);
@@ -92,7 +95,7 @@ int CUtilities::OS_FileRemove(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, c
     return iResult;
 }
 
-int CUtilities::OS_FileRename(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPathFrom,
+int CUtilities::OS_FileRename(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPathFrom,
                               const char* pcPathTo, char* pcStatus) {
     const int iResult = std::rename(pcPathFrom, pcPathTo);
     if (iResult == -1) {
@@ -103,14 +106,14 @@ int CUtilities::OS_FileRename(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, c
     return iResult;
 }
 
-void CUtilities::ReportRename(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPathFrom,
+void CUtilities::ReportRename(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPathFrom,
                               const char* pcPathTo) {
     if (pRuntimeParam->IsLogFileAccess()) {
         LogInfo(pRuntimeParam, "[%s] OS rename file from \"%s\" to \"%s\"", pLogArgu->pcName, pcPathFrom, pcPathTo);
     }
 }
 
-void CUtilities::ReportRenameFailure(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPathFrom,
+void CUtilities::ReportRenameFailure(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPathFrom,
                                      const char* pcPathTo, int iError, char* pcStatus) {
     const ErrorText error(iError, pcStatus);
     if (pRuntimeParam->IsLogError()) {
@@ -119,14 +122,14 @@ void CUtilities::ReportRenameFailure(CRuntimeParam* pRuntimeParam, LogArgu* pLog
     }
 }
 
-int CUtilities::OS_FileOpen(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, int iFlags,
+int CUtilities::OS_FileOpen(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, int iFlags,
                             bool bRetry, char* pcStatus) {
     const int iFile =
         bRetry ? OpenWithRetry(pRuntimeParam, pLogArgu, pcPath, iFlags, 0) : ::open(pcPath, iFlags | kOpenFlags);
     return ReportOpen(pRuntimeParam, pLogArgu, pcPath, iFile, errno, pcStatus);
 }
 
-int CUtilities::OpenWithRetry(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, int iFlags,
+int CUtilities::OpenWithRetry(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, int iFlags,
                               mode_t iMode) {
     const int iFile = ::open(pcPath, iFlags | kOpenFlags, iMode);
     if (iFile != -1 || errno != EMFILE) {
@@ -136,7 +139,7 @@ int CUtilities::OpenWithRetry(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, c
     return ::open(pcPath, iFlags | kOpenFlags, iMode);
 }
 
-int CUtilities::OpenForCache(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, int iFlags,
+int CUtilities::OpenForCache(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, int iFlags,
                              const FileWish& wish, int* piError) {
     const auto open = [pcPath, iFlags, &wish] {
         // Where the look met no link, there is to be none now.
@@ -153,8 +156,8 @@ int CUtilities::OpenForCache(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, co
 }
 
 /// Logs how an open went; returns its descriptor.
-int CUtilities::ReportOpen(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, int iFile, int iError,
-                           char* pcStatus) {
+int CUtilities::ReportOpen(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, int iFile,
+                           int iError, char* pcStatus) {
     if (iFile == -1) {
         const ErrorText error(iError, pcStatus);
         if (pRuntimeParam->IsLogError()) {
@@ -175,8 +178,8 @@ bool CUtilities::OS_IsFileExists(const char* pcPath, char* pcStatus) {
     return false;
 }
 
-int CUtilities::OS_FolderCreate(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, unsigned int iMode,
-                                char* pcStatus) {
+int CUtilities::OS_FolderCreate(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
+                                unsigned int iMode, char* pcStatus) {
     const int iResult = ::mkdir(pcPath, iMode);
     if (iResult == -1) {
         const ErrorText error(errno, pcStatus);
@@ -191,7 +194,8 @@ int CUtilities::OS_FolderCreate(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
     return iResult;
 }
 
-int CUtilities::OS_FolderRemove(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, char* pcStatus) {
+int CUtilities::OS_FolderRemove(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
+                                char* pcStatus) {
     const int iResult = ::rmdir(pcPath);
     if (iResult == -1) {
         const ErrorText error(errno, pcStatus);
@@ -204,8 +208,8 @@ int CUtilities::OS_FolderRemove(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
     return iResult;
 }
 
-int CUtilities::OS_SetFileMode(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, unsigned int iMode,
-                               char* pcStatus) {
+int CUtilities::OS_SetFileMode(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
+                               unsigned int iMode, char* pcStatus) {
     const int iResult = ::chmod(pcPath, iMode);
     if (iResult == -1) {
         const ErrorText error(errno, pcStatus);
@@ -220,7 +224,7 @@ int CUtilities::OS_SetFileMode(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, 
     return iResult;
 }
 
-bool CUtilities::OS_SetFileSize(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+bool CUtilities::OS_SetFileSize(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
                                 unsigned long long iSize, char* pcStatus) {
     const int iFile = CreateRegularWithRetry(pRuntimeParam, pLogArgu, pcPath, kResizedFileMode);
     struct stat attributes {};
@@ -243,8 +247,8 @@ bool CUtilities::OS_SetFileSize(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu,
     return bSuccess;
 }
 
-int CUtilities::OS_GetFileStat(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, struct stat* pStat,
-                               char* pcStatus, const FoundStatus* pFound) {
+int CUtilities::OS_GetFileStat(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
+                               struct stat* pStat, char* pcStatus, const FoundStatus* pFound) {
     int iResult = 0;
     if (pFound != nullptr && pFound->bKnown) {
         *pStat = pFound->status;
@@ -262,7 +266,8 @@ int CUtilities::OS_GetFileStat(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, 
     return iResult;
 }
 
-int CUtilities::OS_FileForceOpen(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath, char* pcStatus) {
+int CUtilities::OS_FileForceOpen(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
+                                 char* pcStatus) {
     std::vector<std::string> vElements;
     SplitIntoVector(pcPath, '/', vElements);
     const bool bLog = pRuntimeParam->IsLogFileAccess();
@@ -296,7 +301,7 @@ int CUtilities::OS_FileForceOpen(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu
 
 // ---- Files by descriptor
 
-int CUtilities::OS_FileClose(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, const char* pcPath,
+int CUtilities::OS_FileClose(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, int iFile, const char* pcPath,
                              char* pcStatus) {
     const int iResult = iFile == -1 ? -1 : ::close(iFile);
     if (iResult == -1) {
@@ -310,21 +315,21 @@ int CUtilities::OS_FileClose(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, in
     return iResult;
 }
 
-void CUtilities::ReportClose(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath) {
+void CUtilities::ReportClose(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath) {
     if (pRuntimeParam->IsLogFileAccess()) {
         LogInfo(pRuntimeParam, "[%s] OS close file \"%s\"", pLogArgu->pcName, pcPath);
     }
 }
 
-int CUtilities::OS_FileRead(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, void* pvBuffer,
+int CUtilities::OS_FileRead(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, int iFile, void* pvBuffer,
                             unsigned int iLen, char* pcStatus) {
     const ssize_t iRead = iFile == -1 ? -1 : ::read(iFile, pvBuffer, iLen);
     ReportRead(pRuntimeParam, pLogArgu, iFile, iRead, errno, pcStatus);
     return static_cast<int>(iRead);  // a call transfers less than 2 GiB
 }
 
-void CUtilities::ReportRead(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, long long iRead, int iError,
-                            char* pcStatus) {
+void CUtilities::ReportRead(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, int iFile, long long iRead,
+                            int iError, char* pcStatus) {
     if (iRead == -1) {
         const DescriptorErrorText error(iFile, iError, pcStatus);
         if (pRuntimeParam->IsLogError()) {
@@ -335,15 +340,15 @@ void CUtilities::ReportRead(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int
     }
 }
 
-int CUtilities::OS_FileWrite(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, const void* pvBuffer,
+int CUtilities::OS_FileWrite(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, int iFile, const void* pvBuffer,
                              unsigned int iLen, char* pcStatus) {
     const ssize_t iWritten = iFile == -1 ? -1 : ::write(iFile, pvBuffer, iLen);
     ReportWrite(pRuntimeParam, pLogArgu, iFile, iWritten, errno, pcStatus);
     return static_cast<int>(iWritten);  // a call transfers less than 2 GiB
 }
 
-void CUtilities::ReportWrite(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, long long iWritten, int iError,
-                             char* pcStatus) {
+void CUtilities::ReportWrite(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, int iFile, long long iWritten,
+                             int iError, char* pcStatus) {
     if (iWritten == -1) {
         const DescriptorErrorText error(iFile, iError, pcStatus);
         if (pRuntimeParam->IsLogError()) {
@@ -354,7 +359,7 @@ void CUtilities::ReportWrite(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, in
     }
 }
 
-int CUtilities::OS_FileSync(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, char* pcStatus) {
+int CUtilities::OS_FileSync(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, int iFile, char* pcStatus) {
     int iResult = -1;
     if (iFile != -1) {
         do {
@@ -372,15 +377,15 @@ int CUtilities::OS_FileSync(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int
     return iResult;
 }
 
-long long CUtilities::OS_FileSeek(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, long long iOffset,
+long long CUtilities::OS_FileSeek(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, int iFile, long long iOffset,
                                   int iWhence, char* pcStatus) {
     const off_t iPosition = iFile == -1 ? -1 : ::lseek(iFile, iOffset, iWhence);
     ReportSeek(pRuntimeParam, pLogArgu, iFile, iPosition, errno, pcStatus);
     return iPosition;
 }
 
-void CUtilities::ReportSeek(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, long long iPosition, int iError,
-                            char* pcStatus) {
+void CUtilities::ReportSeek(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, int iFile, long long iPosition,
+                            int iError, char* pcStatus) {
     if (iPosition == -1) {
         const DescriptorErrorText error(iFile, iError, pcStatus);
         if (pRuntimeParam->IsLogError()) {
@@ -391,7 +396,7 @@ void CUtilities::ReportSeek(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int
     }
 }
 
-long long CUtilities::OS_FileTell(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile, char* pcStatus) {
+long long CUtilities::OS_FileTell(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, int iFile, char* pcStatus) {
     const off_t iPosition = iFile == -1 ? -1 : ::lseek(iFile, 0, SEEK_CUR);
     if (iPosition == -1) {
         const DescriptorErrorText error(iFile, errno, pcStatus);
@@ -404,7 +409,7 @@ long long CUtilities::OS_FileTell(CRuntimeParam* pRuntimeParam, LogArgu* pLogArg
     return iPosition;
 }
 
-void CUtilities::ReportTell(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile) {
+void CUtilities::ReportTell(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, int iFile) {
     if (pRuntimeParam->IsLogFileAccess()) {
         LogInfo(pRuntimeParam, "[%s] OS tell file (%d)", pLogArgu->pcName, iFile);
     }
@@ -415,15 +420,15 @@ void CUtilities::ReportTell(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int
 // The positioned call does both. Only if it fails, or finds nothing, is the seek made for itself, to learn which of
 // the two failed: a pipe cannot be sought, and some offsets are more than the file system can address.
 
-int CUtilities::OS_FileReadAt(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const CCachedFile& file,
+int CUtilities::OS_FileReadAt(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const CCachedFile& file,
                               long long iOffset, void* pvBuffer, unsigned int iLen, char* pcStatus) {
     int iRead = -1;
     ReadAt(pRuntimeParam, pLogArgu, file, iOffset, pvBuffer, iLen, pcStatus, &iRead);
     return iRead;
 }
 
-bool CUtilities::ReadAt(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const CCachedFile& file, long long iOffset,
-                        void* pvBuffer, unsigned int iLen, char* pcStatus, int* piRead) {
+bool CUtilities::ReadAt(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const CCachedFile& file,
+                        long long iOffset, void* pvBuffer, unsigned int iLen, char* pcStatus, int* piRead) {
     const int iFile = file.Get();
     const ssize_t iRead = iFile == -1 ? -1 : ::pread(iFile, pvBuffer, iLen, iOffset);
     const int iError = errno;
@@ -437,7 +442,7 @@ bool CUtilities::ReadAt(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const C
     return true;
 }
 
-int CUtilities::OS_FileWriteAt(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const CCachedFile& file,
+int CUtilities::OS_FileWriteAt(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const CCachedFile& file,
                                long long iOffset, const void* pvBuffer, unsigned int iLen, char* pcStatus) {
     const int iFile = file.Get();
     const ssize_t iWritten = iFile == -1 ? -1 : ::pwrite(iFile, pvBuffer, iLen, iOffset);

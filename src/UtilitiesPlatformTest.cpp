@@ -2,8 +2,7 @@
 // test, which asks whether a path exists.
 //
 // Every step reports one line; a step that fails does not keep the following ones from being tried.
-#include <fcntl.h>
-#include <unistd.h>
+#include "Utilities.h"
 
 #include <algorithm>
 #include <array>
@@ -12,7 +11,8 @@
 #include <cstring>
 #include <string>
 
-#include "Utilities.h"
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace {
 
@@ -89,30 +89,30 @@ std::array<char, kChunkBufferSize> MakeTestData() {
 
 void LogAttributes(StepLog& log, const char* pcPath) {
     char vcSize[32];
-    const auto PrintableSize = [&vcSize](unsigned long long iBytes) {
+    const auto printableSize = [&vcSize](unsigned long long iBytes) {
         CUtilities::GetPrintableFileSize(iBytes, vcSize);
         return vcSize;
     };
     log.Line("------------------------ ATTRIBUTES of file system -----------------------");
     log.Line(Format("%-40s: %llu", "Current time (in milliseconds)", CUtilities::GetCurrentSystemTimeInMilliseconds()));
-    log.Line(Format("%-40s: %s", "Maximum File Size", PrintableSize(CUtilities::GetMaxFileSize(pcPath))));
-    log.Line(Format("%-40s: %s", "Total Disk Space", PrintableSize(CUtilities::GetTotalDiskSpace(pcPath))));
-    log.Line(Format("%-40s: %s", "Free Disk Space", PrintableSize(CUtilities::GetFreeDiskSpace(pcPath))));
+    log.Line(Format("%-40s: %s", "Maximum File Size", printableSize(CUtilities::GetMaxFileSize(pcPath))));
+    log.Line(Format("%-40s: %s", "Total Disk Space", printableSize(CUtilities::GetTotalDiskSpace(pcPath))));
+    log.Line(Format("%-40s: %s", "Free Disk Space", printableSize(CUtilities::GetFreeDiskSpace(pcPath))));
     log.Line(Format("%-40s: %s", "Free Disk Space To Caller",
-                    PrintableSize(CUtilities::GetFreeDiskSpaceAvailableToCaller(pcPath))));
-    const auto LogSlots = [&log](const char* pcTitle, unsigned long long nSlots) {
+                    printableSize(CUtilities::GetFreeDiskSpaceAvailableToCaller(pcPath))));
+    const auto logSlots = [&log](const char* pcTitle, unsigned long long nSlots) {
         log.Line(Format("%-40s: %llu(%llX)", pcTitle, nSlots, nSlots));
     };
-    LogSlots("Total File Slots", CUtilities::GetTotalFileSlots(pcPath));
-    LogSlots("Free File Slots", CUtilities::GetFreeFileSlots(pcPath));
-    LogSlots("Free File Slots To Caller", CUtilities::GetFreeFileSlotsAvailableToCaller(pcPath));
+    logSlots("Total File Slots", CUtilities::GetTotalFileSlots(pcPath));
+    logSlots("Free File Slots", CUtilities::GetFreeFileSlots(pcPath));
+    logSlots("Free File Slots To Caller", CUtilities::GetFreeFileSlotsAvailableToCaller(pcPath));
 }
 
 /// Removes what a failed step has left behind; a clean test leaves nothing.
 void CleanUp(const TestPaths& paths) {
-    unlink(paths.sFile.c_str());
-    unlink(paths.sSecondFile.c_str());
-    rmdir(paths.sFolder.c_str());
+    ::unlink(paths.sFile.c_str());
+    ::unlink(paths.sSecondFile.c_str());
+    ::rmdir(paths.sFolder.c_str());
 }
 
 /// What is wrong with a seek's result; nothing if it stands at the position.
@@ -127,7 +127,7 @@ std::string SeekError(long long iResult, unsigned long long iPosition) {
 /// The single steps that need nothing but the wrappers over system calls.
 class FileSteps {
 public:
-    FileSteps(CUtilities& utilities, CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu)
+    FileSteps(CUtilities& utilities, CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu)
         : m_Utilities(utilities), m_pParam(pRuntimeParam), m_pLogArgu(pLogArgu), m_Log(utilities, pRuntimeParam) {}
 
     void CreateFolder(const std::string& sPath) {
@@ -202,7 +202,7 @@ private:
 
     CUtilities& m_Utilities;
     CRuntimeParam* m_pParam;
-    LogArgu* m_pLogArgu;
+    const LogArgu* m_pLogArgu;
     StepLog m_Log;
 };
 
@@ -244,7 +244,7 @@ void CUtilities::RunTestMode(CRuntimeParam* pRuntimeParam, const char* pcDirPath
     log.Line("================================ END TEST ================================");
 }
 
-void CUtilities::RunTestFileSteps(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcTarget,
+void CUtilities::RunTestFileSteps(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcTarget,
                                   unsigned long long iFileSize) {
     const TestPaths paths(pcTarget);
     const char* pcFile = paths.sFile.c_str();
@@ -269,7 +269,7 @@ void CUtilities::RunTestFileSteps(CRuntimeParam* pRuntimeParam, LogArgu* pLogArg
     steps.RemoveFolder(paths.sFolder);
 }
 
-bool CUtilities::RunTestUpdateFileSize(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+bool CUtilities::RunTestUpdateFileSize(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
                                        unsigned long long iNewSize, const char* pcDescription) {
     StepLog log(*this, pRuntimeParam);
     FileSteps steps(*this, pRuntimeParam, pLogArgu);
@@ -292,43 +292,43 @@ bool CUtilities::RunTestUpdateFileSize(CRuntimeParam* pRuntimeParam, LogArgu* pL
     return steps.CloseFile(iFile, pcPath) && bSuccess;
 }
 
-bool CUtilities::RunTestReadWriteFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, int iFile,
+bool CUtilities::RunTestReadWriteFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, int iFile,
                                       unsigned long long iPosition, unsigned long long iFileSize) {
     StepLog log(*this, pRuntimeParam);
     const auto nChunk = static_cast<unsigned int>(std::min<unsigned long long>(kChunkBufferSize - 1, iFileSize));
     const unsigned long long iStart = std::min(iPosition, iFileSize - nChunk);  // the chunk ends inside the file
     const int iLen = static_cast<int>(nChunk);
-    const auto Seek = [&] {
+    const auto seek = [&] {
         return SeekError(OS_FileSeek(pRuntimeParam, pLogArgu, iFile, static_cast<long long>(iStart), SEEK_SET, nullptr),
                          iStart);
     };
-    const auto LengthError = [iLen](int iDone, const std::string& sFailed, const std::string& sOther) {
+    const auto lengthError = [iLen](int iDone, const std::string& sFailed, const std::string& sOther) {
         return iDone < 0 ? sFailed : iDone == iLen ? std::string() : sOther;
     };
 
-    bool bSuccess = log.Step(Format("File seek to position %llu", iStart), Seek());
+    bool bSuccess = log.Step(Format("File seek to position %llu", iStart), seek());
 
     const std::array<char, kChunkBufferSize> vcData = MakeTestData();
     const int iWritten = OS_FileWrite(pRuntimeParam, pLogArgu, iFile, vcData.data(), nChunk, nullptr);
     bSuccess = log.Step(Format("Write data with length %d", iLen),
-                        LengthError(iWritten, "File write failed",
+                        lengthError(iWritten, "File write failed",
                                     Format("Data lenght not match (write length = %d)", iWritten))) &&
                bSuccess;
 
-    bSuccess = log.Step(Format("Move pointer to position %llu", iStart), Seek()) && bSuccess;
+    bSuccess = log.Step(Format("Move pointer to position %llu", iStart), seek()) && bSuccess;
 
     std::array<char, kChunkBufferSize> vcRead{};
     const int iRead = OS_FileRead(pRuntimeParam, pLogArgu, iFile, vcRead.data(), nChunk, nullptr);
     bSuccess =
         log.Step(Format("Read data with length %d", iLen),
-                 LengthError(iRead, "File read failed", Format("Data lenght not match (read length = %d)", iRead))) &&
+                 lengthError(iRead, "File read failed", Format("Data lenght not match (read length = %d)", iRead))) &&
         bSuccess;
 
     const bool bSame = std::memcmp(vcData.data(), vcRead.data(), nChunk) == 0;
     return log.Step(Format("Verify data with size %d", iLen), bSame ? "" : "Data content not match") && bSuccess;
 }
 
-bool CUtilities::RunTestUpdateFileAttribute(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath,
+bool CUtilities::RunTestUpdateFileAttribute(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
                                             unsigned int iMode) {
     StepLog log(*this, pRuntimeParam);
     const bool bSet = OS_SetFileMode(pRuntimeParam, pLogArgu, pcPath, iMode, nullptr) == 0;
@@ -349,7 +349,7 @@ bool CUtilities::RunTestUpdateFileAttribute(CRuntimeParam* pRuntimeParam, LogArg
 
 bool CUtilities::RunQuickTestMode(CRuntimeParam* pRuntimeParam, const char* pcPath, int iMode, char* pcStatus) {
     LogArgu logArgu{"Utilities.RunQuickTestMode"};
-    const auto Fail = [pcStatus](const char* pcReason) {
+    const auto fail = [pcStatus](const char* pcReason) {
         if (pcStatus != nullptr) {
             std::snprintf(pcStatus, kReasonBufferSize, "%s", pcReason);
         }
@@ -360,10 +360,10 @@ bool CUtilities::RunQuickTestMode(CRuntimeParam* pRuntimeParam, const char* pcPa
         if (pRuntimeParam != nullptr && pRuntimeParam->IsLogGeneralInfo()) {
             LogInfo(pRuntimeParam, "Quick test failed. Error=\"%s\"", kInvalidArgument);
         }
-        return Fail(kInvalidArgument);
+        return fail(kInvalidArgument);
     }
     if (iMode != 0) {
-        return Fail(Format("Unknown mode (%d)", iMode).c_str());
+        return fail(Format("Unknown mode (%d)", iMode).c_str());
     }
     const std::string sPath = GetCanonicalText(pRuntimeParam, &logArgu, pcPath);
     Reason reason;
@@ -373,5 +373,5 @@ bool CUtilities::RunQuickTestMode(CRuntimeParam* pRuntimeParam, const char* pcPa
     if (pRuntimeParam->IsLogGeneralInfo()) {
         LogInfo(pRuntimeParam, "Quick exist test failed. Error=\"%s\"", sPath.c_str());  // the path, not the reason
     }
-    return Fail(reason.vcText);
+    return fail(reason.vcText);
 }

@@ -3,6 +3,8 @@
 // The registry's mutex is held for looking up and changing the registry only. What may take long (writing segment
 // records, an export of terabytes, closing) runs on a shared object without it, so that clients go on reading this
 // and all other files meanwhile.
+#include "Utilities.h"
+
 #include <algorithm>
 #include <string_view>
 #include <utility>
@@ -10,7 +12,6 @@
 #include "FileOwner.h"
 #include "Reason.h"
 #include "RedirectedFile.h"
-#include "Utilities.h"
 
 namespace {
 
@@ -30,7 +31,7 @@ std::shared_ptr<CRedirectedFile> CUtilities::OpenRedirectedFile(CRuntimeParam* p
     std::string sCanonicalPath = GetCanonicalKey(pcKey);
     {
         // One step: a client finds the earlier file or this one, never the file on disk.
-        MutexLock lock(m_hMutexRedirectedFiles);
+        const MutexLock lock(m_hMutexRedirectedFiles);
         RedirectedEntry& entry = m_mRedirectedFiles[pcKey];
         // The number of all others. IDs repeat after closes: they only tell files apart in the log.
         const int iId = static_cast<int>(m_mRedirectedFiles.size()) - 1;
@@ -45,7 +46,7 @@ std::shared_ptr<CRedirectedFile> CUtilities::OpenRedirectedFile(CRuntimeParam* p
 
 /// Takes a file out of the registry; the caller closes it. Null when none is open under the path.
 std::shared_ptr<CRedirectedFile> CUtilities::TakeRedirectedFile(const char* pcPath) {
-    MutexLock lock(m_hMutexRedirectedFiles);
+    const MutexLock lock(m_hMutexRedirectedFiles);
     const auto itFile = m_mRedirectedFiles.find(GetKey(pcPath));
     if (itFile == m_mRedirectedFiles.end()) {
         return nullptr;
@@ -70,7 +71,7 @@ void CUtilities::CloseAllRedirectedFiles(CRuntimeParam* pRuntimeParam, const cha
         pFile.reset();
         std::vector<std::string> vCompared;
         {
-            MutexLock lock(m_hMutexRedirectedFiles);
+            const MutexLock lock(m_hMutexRedirectedFiles);
             for (auto itFile = m_mRedirectedFiles.begin(); itFile != m_mRedirectedFiles.end(); ++itFile) {
                 std::string sEntry = itFile->first;
                 SetPathToCompare(sEntry);
@@ -98,7 +99,7 @@ void CUtilities::CloseAllRedirectedFiles(CRuntimeParam* pRuntimeParam, const cha
 void CUtilities::CloseAllRedirectedFiles(CRuntimeParam* pRuntimeParam) {
     decltype(m_mRedirectedFiles) mFiles;
     {
-        MutexLock lock(m_hMutexRedirectedFiles);
+        const MutexLock lock(m_hMutexRedirectedFiles);
         mFiles.swap(m_mRedirectedFiles);
     }
     for (const auto& [sPath, entry] : mFiles) {
@@ -142,7 +143,7 @@ bool CUtilities::RenameRedirectedFile(CRuntimeParam* pRuntimeParam, const char* 
     std::shared_ptr<CRedirectedFile> pDropped;
     bool bRenamed = false;
     {
-        MutexLock lock(m_hMutexRedirectedFiles);
+        const MutexLock lock(m_hMutexRedirectedFiles);
         const auto itTo = m_mRedirectedFiles.find(sTo);
         if (itTo != m_mRedirectedFiles.end()) {
             pDropped = std::move(itTo->second.pFile);
@@ -169,7 +170,7 @@ std::vector<std::pair<std::string, std::string>> CUtilities::GetRenamesBelow(con
     SetPathToCompare(sPrefixFrom);
     SetPathToCompare(sPrefixTo);
     std::vector<std::pair<std::string, std::string>> vsPaths;
-    MutexLock lock(m_hMutexRedirectedFiles);
+    const MutexLock lock(m_hMutexRedirectedFiles);
     for (auto itFile = m_mRedirectedFiles.lower_bound(sPrefixFrom);
          itFile != m_mRedirectedFiles.end() && itFile->first.starts_with(sPrefixFrom); ++itFile) {
         vsPaths.emplace_back(itFile->first, sPrefixTo + itFile->first.substr(sPrefixFrom.size()));
@@ -208,14 +209,14 @@ bool CUtilities::CanTellOfRename(CRuntimeParam* pRuntimeParam, const char* pcPat
 }
 
 std::shared_ptr<CRedirectedFile> CUtilities::GetRedirectedFile(const char* pcPath) {
-    MutexLock lock(m_hMutexRedirectedFiles);
+    const MutexLock lock(m_hMutexRedirectedFiles);
     const auto itFile = m_mRedirectedFiles.find(std::string_view(GetKey(pcPath)));
     return itFile == m_mRedirectedFiles.end() ? nullptr : itFile->second.pFile;
 }
 
 bool CUtilities::IsRedirectedFile(const char* pcPath) {
     const std::string sCanonicalPath = GetCanonicalKey(GetKey(pcPath));
-    MutexLock lock(m_hMutexRedirectedFiles);
+    const MutexLock lock(m_hMutexRedirectedFiles);
     return m_mRedirectedFiles.contains(sCanonicalPath) ||
            std::ranges::any_of(m_mRedirectedFiles, [&sCanonicalPath](const auto& opened) {
                return opened.second.sCanonicalPath == sCanonicalPath;

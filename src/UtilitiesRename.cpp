@@ -2,6 +2,8 @@
 //
 // Nothing is removed from the target's place before it is known that the rename can take place, and a file takes the
 // place of another in one step wherever the system can do so: a rename that fails leaves both as they were.
+#include "Utilities.h"
+
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -14,7 +16,6 @@
 #include "FileTable.h"
 #include "RedirectedFile.h"
 #include "RedirectedRename.h"
-#include "Utilities.h"
 
 namespace {
 
@@ -50,7 +51,7 @@ std::string ResolveEntry(const char* pcPath) {
                               : iSlash == std::string_view::npos ? std::string_view(".")
                                                                  : sPath.substr(0, iSlash + 1));
     char vcResolved[kPathBufferSize];
-    if (realpath(sFolder.c_str(), vcResolved) == nullptr) {
+    if (::realpath(sFolder.c_str(), vcResolved) == nullptr) {
         return pcPath;
     }
     std::string sEntry = vcResolved;
@@ -69,7 +70,7 @@ bool IsBelow(const std::string& sEntry, std::string sFolder) {
 
 }  // namespace
 
-bool CUtilities::RenameFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPathFrom,
+bool CUtilities::RenameFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPathFrom,
                             const char* pcPathTo) {
     if (pRuntimeParam->IsLogFileAccess()) {
         LogInfo(pRuntimeParam, "[%s] Rename file, pathFrom=%s, pathTo=%s", pLogArgu->pcName, pcPathFrom, pcPathTo);
@@ -108,7 +109,7 @@ bool CUtilities::RenameFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, con
     }
     redirected.AskRest();
     // The table knows canonical paths; what is not on disk it knows by the path as given.
-    MutexLock lock(m_hMutexFileTable);
+    const MutexLock lock(m_hMutexFileTable);
     const bool bUpdated =
         m_pFileTable->UpdateItemPath(pcPathFrom, sEntryTo.c_str()) ||
         (sEntryFrom != pcPathFrom && m_pFileTable->UpdateItemPath(sEntryFrom.c_str(), sEntryTo.c_str()));
@@ -116,7 +117,7 @@ bool CUtilities::RenameFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, con
     return bAgreed && (bUpdated || from.IsLink());
 }
 
-bool CUtilities::RenameOnDisk(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPathFrom,
+bool CUtilities::RenameOnDisk(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPathFrom,
                               const char* pcPathTo) {
     const DiskEntry from(pcPathFrom);
     const DiskEntry to(pcPathTo);
@@ -143,7 +144,7 @@ bool CUtilities::RenameOnDisk(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, c
 
 /// Takes away what a rename puts something else in the place of. Clients see no redirected file that is not on disk: to
 /// another one of its owner's it gives way without a word, when that one is filed under its path.
-bool CUtilities::RemoveTarget(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPathFrom,
+bool CUtilities::RemoveTarget(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPathFrom,
                               const char* pcPathTo) {
     if (DiskEntry(pcPathTo).Exists()) {
         return RemoveFile(pRuntimeParam, pLogArgu, pcPathTo);
@@ -157,7 +158,7 @@ bool CUtilities::RemoveTarget(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, c
 
 /// Puts a rename that was refused back to where it began, if nothing has come to stand there since and nothing was
 /// replaced: what is lost stays lost, and its name had better stand for what was to take its place than for nothing.
-bool CUtilities::UndoRename(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPathFrom,
+bool CUtilities::UndoRename(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPathFrom,
                             const char* pcPathTo, bool bOnDisk, CRedirectedRename& redirected) {
     if (!redirected.CanMoveBack()) {
         return false;
@@ -176,7 +177,7 @@ bool CUtilities::UndoRename(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, con
 }
 
 /// Descriptors that another thread opened meanwhile, or that were opened below a folder, go by the wrong path now.
-void CUtilities::CloseRenamedFileHandles(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPathFrom,
+void CUtilities::CloseRenamedFileHandles(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPathFrom,
                                          const char* pcPathTo, bool bFolder) {
     CloseCachedFileHandle(pRuntimeParam, pLogArgu, pcPathFrom);
     CloseCachedFileHandle(pRuntimeParam, pLogArgu, pcPathTo);
@@ -187,7 +188,7 @@ void CUtilities::CloseRenamedFileHandles(CRuntimeParam* pRuntimeParam, LogArgu* 
 }
 
 /// Removes the target and renames in one step, with the log lines of both.
-bool CUtilities::ReplaceFile(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPathFrom,
+bool CUtilities::ReplaceFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPathFrom,
                              const char* pcPathTo) {
     if (pRuntimeParam->IsLogFileAccess()) {
         LogInfo(pRuntimeParam, "[%s] Remove file, path=%s", pLogArgu->pcName, pcPathTo);

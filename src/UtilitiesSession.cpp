@@ -12,12 +12,12 @@ const char* GetKey(const char* pcText) {
 
 void CUtilities::AddSessionInfo(const char* pcSessionID, const char* pcLocalMountPath) {
     const std::string sSessionID = GetKey(pcSessionID);
-    MutexLock lock(m_hMutexSessionInfos);
+    const MutexLock lock(m_hMutexSessionInfos);
     m_SessionInfos.insert_or_assign(sSessionID, SessionInfo{sSessionID, GetKey(pcLocalMountPath)});
 }
 
 void CUtilities::RemoveSessionInfo(const char* pcSessionID) {
-    MutexLock lock(m_hMutexSessionInfos);
+    const MutexLock lock(m_hMutexSessionInfos);
     const auto itSession = m_SessionInfos.find(GetKey(pcSessionID));
     if (itSession != m_SessionInfos.end()) {
         m_SessionInfos.erase(itSession);
@@ -26,17 +26,17 @@ void CUtilities::RemoveSessionInfo(const char* pcSessionID) {
 
 void CUtilities::RemoveSessionInfoByLocalMountPath(const char* pcLocalMountPath) {
     const std::string sPath = GetKey(pcLocalMountPath);
-    MutexLock lock(m_hMutexSessionInfos);
+    const MutexLock lock(m_hMutexSessionInfos);
     std::erase_if(m_SessionInfos, [&sPath](const auto& session) { return session.second.sLocalMountPath == sPath; });
 }
 
 void CUtilities::RemoveAllSessionInfo() {
-    MutexLock lock(m_hMutexSessionInfos);
+    const MutexLock lock(m_hMutexSessionInfos);
     m_SessionInfos.clear();
 }
 
 bool CUtilities::IsSessionExists(const char* pcSessionID) {
-    MutexLock lock(m_hMutexSessionInfos);
+    const MutexLock lock(m_hMutexSessionInfos);
     return m_SessionInfos.contains(GetKey(pcSessionID));
 }
 
@@ -44,7 +44,7 @@ int CUtilities::GetSessionInfo(CRuntimeParam* pRuntimeParam, bool bPrintDetails)
     // Printed from a copy: the lines may go to a client that takes its time, or to a host that asks back.
     decltype(m_SessionInfos) sessionInfos;
     {
-        MutexLock lock(m_hMutexSessionInfos);
+        const MutexLock lock(m_hMutexSessionInfos);
         sessionInfos = m_SessionInfos;
     }
     int nSessions = 0;

@@ -1,4 +1,6 @@
 // CUtilities: paths and texts.
+#include "Utilities.h"
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -7,7 +9,6 @@
 #include <sys/time.h>
 
 #include "PathProbe.h"
-#include "Utilities.h"
 
 namespace {
 
@@ -29,13 +30,13 @@ bool Resolve(const char* pcPath, char (&vcResolved)[kPathBufferSize], FoundStatu
                 break;
         }
     }
-    return realpath(pcPath, vcResolved) != nullptr;
+    return ::realpath(pcPath, vcResolved) != nullptr;
 }
 
 }  // namespace
 
-bool CUtilities::GetCanonicalPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, char* pcOut, const char* pcPath,
-                                  FoundStatus* pStatus) {
+bool CUtilities::GetCanonicalPath(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, char* pcOut,
+                                  const char* pcPath, FoundStatus* pStatus) {
     const char* pcGiven = pcPath != nullptr ? pcPath : "";
     char vcResolved[kPathBufferSize];
     if (Resolve(pcGiven, vcResolved, pStatus)) {
@@ -55,7 +56,7 @@ bool CUtilities::GetCanonicalPath(CRuntimeParam* pRuntimeParam, LogArgu* pLogArg
     return false;
 }
 
-std::string CUtilities::GetCanonicalText(CRuntimeParam* pRuntimeParam, LogArgu* pLogArgu, const char* pcPath) {
+std::string CUtilities::GetCanonicalText(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath) {
     char vcCanonical[kPathBufferSize];
     GetCanonicalPath(pRuntimeParam, pLogArgu, vcCanonical, pcPath);
     return vcCanonical[0] != '\0' || pcPath == nullptr ? vcCanonical : pcPath;

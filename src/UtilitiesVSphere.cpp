@@ -1,7 +1,8 @@
 // CUtilities: the NFS datastores that the host mounted on vSphere hosts, and their clean-up when the server stops.
+#include "Utilities.h"
+
 #include <utility>
 
-#include "Utilities.h"
 #include "VSphereWebController.h"
 
 namespace {
@@ -16,7 +17,7 @@ int CUtilities::GetVSphereInfo(CRuntimeParam* pRuntimeParam, bool bPrintDetails)
     // Printed from a copy: the lines may go to a client that takes its time, or to a host that asks back.
     decltype(m_VSphereInfos) infos;
     {
-        MutexLock lock(m_hMutexVSphereInfos);
+        const MutexLock lock(m_hMutexVSphereInfos);
         infos = m_VSphereInfos;
     }
     int nInfos = 0;
@@ -33,12 +34,12 @@ int CUtilities::GetVSphereInfo(CRuntimeParam* pRuntimeParam, bool bPrintDetails)
 void CUtilities::AddVSphereInfo(const char* pcDatastoreMoid, const char* pcHost, const char* pcPort, const char* pcUser,
                                 const char* pcPwd) {
     VSphereInfo info{TextOf(pcDatastoreMoid), TextOf(pcHost), TextOf(pcPort), TextOf(pcUser), TextOf(pcPwd)};
-    MutexLock lock(m_hMutexVSphereInfos);
+    const MutexLock lock(m_hMutexVSphereInfos);
     m_VSphereInfos.insert_or_assign(info.sDatastoreMoid, info);
 }
 
 void CUtilities::RemoveVSphereInfo(const char* pcDatastoreMoid) {
-    MutexLock lock(m_hMutexVSphereInfos);
+    const MutexLock lock(m_hMutexVSphereInfos);
     m_VSphereInfos.erase(TextOf(pcDatastoreMoid));
 }
 
@@ -57,7 +58,7 @@ void CUtilities::RemoveAllVSphereInfoWithWebCtrl(CRuntimeParam* pRuntimeParam) {
 }
 
 bool CUtilities::GetFirstVSphereInfo(VSphereInfo* pInfo) {
-    MutexLock lock(m_hMutexVSphereInfos);
+    const MutexLock lock(m_hMutexVSphereInfos);
     if (m_VSphereInfos.empty()) {
         return false;
     }
@@ -67,7 +68,7 @@ bool CUtilities::GetFirstVSphereInfo(VSphereInfo* pInfo) {
 
 /// Unless another thread has removed or replaced the record meanwhile.
 void CUtilities::UnmountWithWebCtrl(const VSphereInfo& info) {
-    MutexLock lock(m_hMutexVSphereInfos);
+    const MutexLock lock(m_hMutexVSphereInfos);
     const auto itInfo = m_VSphereInfos.find(info.sDatastoreMoid);
     if (itInfo == m_VSphereInfos.end() || itInfo->second != info) {
         return;

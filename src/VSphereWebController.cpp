@@ -1,13 +1,13 @@
 // Running the datastore tool.
 #include "VSphereWebController.h"
 
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstdio>
 #include <string_view>
+
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "Limits.h"
 
@@ -23,9 +23,9 @@ bool IsPresent(const char* pcText) {
 /// that file cannot be told.
 std::string GetToolPath() {
     char vcLink[32];
-    std::snprintf(vcLink, sizeof(vcLink), "/proc/%d/exe", getpid());
+    std::snprintf(vcLink, sizeof(vcLink), "/proc/%d/exe", ::getpid());
     char vcProgram[kPathBufferSize];
-    const ssize_t iLen = readlink(vcLink, vcProgram, sizeof(vcProgram));
+    const ssize_t iLen = ::readlink(vcLink, vcProgram, sizeof(vcProgram));
     if (iLen <= 0) {
         return {};
     }
@@ -75,7 +75,7 @@ void RunShell(const std::string& sCommandLine) {
         return;
     }
     int iStatus = 0;
-    while (waitpid(iPid, &iStatus, 0) < 0 && errno == EINTR) {
+    while (::waitpid(iPid, &iStatus, 0) < 0 && errno == EINTR) {
     }
 }
 
@@ -87,7 +87,7 @@ void CVSphereWebController::RemoveSession(const char* pcDatastoreMoid, const cha
         !IsPresent(pcPwd)) {
         return;
     }
-    MutexLock lock(m_hMutexTool);
+    const MutexLock lock(m_hMutexTool);
     const std::string sTool = GetToolPath();
     if (sTool.empty()) {
         return;

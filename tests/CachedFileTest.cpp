@@ -1,13 +1,13 @@
 // Shared descriptors: open as long as anybody uses them.
 #include "CachedFile.h"
 
-#include <gtest/gtest.h>
+#include <thread>
+#include <vector>
 
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <thread>
-#include <vector>
+#include <gtest/gtest.h>
 
 namespace {
 

@@ -1,10 +1,6 @@
 // The calls into the host, on a virtual machine that can be made to fail wherever one can.
 #include "Callback.h"
 
-#include <gtest/gtest.h>
-
-#include <pthread.h>
-
 #include <array>
 #include <atomic>
 #include <bit>
@@ -15,6 +11,10 @@
 #include <thread>
 #include <type_traits>
 #include <vector>
+
+#include <pthread.h>
+
+#include <gtest/gtest.h>
 
 #include "FakeJvm.h"
 
@@ -251,7 +251,7 @@ TEST_F(CallbackTest, AFailedAttachmentIsPrintedAndFailsTheCall) {
     std::thread([&] {
         char vcText[80];
         std::snprintf(vcText, sizeof(vcText), "GetEnv: fail to attach thread (%lu)\n",
-                      static_cast<unsigned long>(pthread_self()));
+                      static_cast<unsigned long>(::pthread_self()));
         sExpected = vcText;
         EXPECT_EQ(pCallback->WriteRedirectedFile("id", "/x", 0, 0, 1), -1);
     }).join();

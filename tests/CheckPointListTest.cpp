@@ -1,9 +1,9 @@
 // The known places in an info file.
-#include <gtest/gtest.h>
+#include "CheckPointList.h"
 
 #include <cstdint>
 
-#include "CheckPointList.h"
+#include <gtest/gtest.h>
 
 namespace {
 

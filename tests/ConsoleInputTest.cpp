@@ -1,15 +1,16 @@
 // CConsoleInput: lines from whatever standard input is, without waiting.
 #include "ConsoleInput.h"
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <array>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
 
 #include "Descriptor.h"
 #include "TempFolder.h"
@@ -17,7 +18,7 @@
 namespace {
 
 void WriteAll(int iFile, std::string_view sText) {
-    ASSERT_EQ(write(iFile, sText.data(), sText.size()), static_cast<ssize_t>(sText.size()));
+    ASSERT_EQ(::write(iFile, sText.data(), sText.size()), static_cast<ssize_t>(sText.size()));
 }
 
 /// Takes every line that is ready.
@@ -35,7 +36,7 @@ class ConsoleInputPipe : public testing::Test {
 protected:
     void SetUp() override {
         std::array<int, 2> viEnds{};
-        ASSERT_EQ(pipe2(viEnds.data(), O_CLOEXEC), 0);
+        ASSERT_EQ(::pipe2(viEnds.data(), O_CLOEXEC), 0);
         m_Reader = CDescriptor(viEnds[0]);
         m_Writer = CDescriptor(viEnds[1]);
     }
@@ -117,14 +118,14 @@ TEST_F(ConsoleInputPipe, PieceOf4095IsHandedOutBeforeItsLineEnds) {
 
 TEST_F(ConsoleInputPipe, DescriptorFlagsStayAsTheyWere) {
     CConsoleInput input(m_Reader.Get());
-    const int iFlags = fcntl(m_Reader.Get(), F_GETFL);
+    const int iFlags = ::fcntl(m_Reader.Get(), F_GETFL);
     Send("x\n");
     EXPECT_EQ(TakeLines(input), Lines{"x"});
-    EXPECT_EQ(fcntl(m_Reader.Get(), F_GETFL), iFlags);
+    EXPECT_EQ(::fcntl(m_Reader.Get(), F_GETFL), iFlags);
 }
 
 TEST(ConsoleInput, NullDeviceNeverHasALine) {
-    const CDescriptor file(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    const CDescriptor file(::open("/dev/null", O_RDONLY | O_CLOEXEC));
     CConsoleInput input(file.Get());
     EXPECT_FALSE(input.IsLineReady());
     EXPECT_FALSE(input.IsLineReady());
@@ -140,10 +141,10 @@ TEST(ConsoleInput, FileIsReadToItsEndAndOn) {
     const TempFolder folder;
     const std::string sPath = folder / "commands";
     WriteWholeFile(sPath, "debug\nstart");
-    const CDescriptor file(open(sPath.c_str(), O_RDONLY | O_CLOEXEC));
+    const CDescriptor file(::open(sPath.c_str(), O_RDONLY | O_CLOEXEC));
     CConsoleInput input(file.Get());
     EXPECT_EQ(TakeLines(input), (Lines{"debug", "start"}));
-    const CDescriptor appender(open(sPath.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
+    const CDescriptor appender(::open(sPath.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
     WriteAll(appender.Get(), "quit\n");
     EXPECT_EQ(TakeLines(input), Lines{"quit"});
 }
@@ -151,12 +152,12 @@ TEST(ConsoleInput, FileIsReadToItsEndAndOn) {
 TEST(ConsoleInput, NamedPipeServesOneWriterAfterTheOther) {
     const TempFolder folder;
     const std::string sPath = folder / "fifo";
-    ASSERT_EQ(mkfifo(sPath.c_str(), 0600), 0);
-    const CDescriptor reader(open(sPath.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    ASSERT_EQ(::mkfifo(sPath.c_str(), 0600), 0);
+    const CDescriptor reader(::open(sPath.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     CConsoleInput input(reader.Get());
     EXPECT_FALSE(input.IsLineReady()) << "no writer yet";
     for (const char* pcLine : {"first", "second"}) {
-        const CDescriptor writer(open(sPath.c_str(), O_WRONLY | O_CLOEXEC));
+        const CDescriptor writer(::open(sPath.c_str(), O_WRONLY | O_CLOEXEC));
         WriteAll(writer.Get(), std::string(pcLine) + "\n");
         EXPECT_EQ(TakeLines(input), Lines{pcLine});
     }

@@ -1,16 +1,17 @@
 // The console's pieces that need no server: options, texts, pid file. Whole runs are tested in tests/console.
 #include "ConsoleUtilities.h"
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <functional>
 #include <sstream>
 #include <string>
 #include <vector>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
 
 #include "ConsoleOptions.h"
 #include "NfsMain.h"
@@ -55,7 +56,7 @@ constexpr const char* kUsage =
 
 }  // namespace
 
-// ==== Options =======================================================================================================
+// ---- Options
 
 TEST(ConsoleOptions, NoArgumentsMeanTheDefaults) {
     const Parsed parsed = Parse({});
@@ -183,7 +184,7 @@ TEST(ConsoleOptions, IDIsCutAt254) {
     EXPECT_EQ(Parse({"-id", std::string(255, 'a')}).options.sID, std::string(254, 'a'));
 }
 
-// ==== SplitValue ====================================================================================================
+// ---- SplitValue
 
 namespace {
 
@@ -219,7 +220,7 @@ TEST(SplitValue, CutsPiecesThatDoNotFit) {
               std::string(kPathBufferSize - 1, 'x') + "|" + std::string(kPathBufferSize - 1, 'x'));
 }
 
-// ==== Help ==========================================================================================================
+// ---- Help
 
 TEST(ConsoleHelp, ListsTheBasicCommands) {
     CConsoleUtilities console;
@@ -258,14 +259,14 @@ TEST(ConsoleHelp, ListsEverythingInDebugMode) {
               "==========================\n");
 }
 
-// ==== Status ========================================================================================================
+// ---- Status
 
 TEST(ConsoleStatus, EachListStandsBetweenItsCountAndAnEmptyLine) {
     const TempFolder folder;
     const PathGuard path(folder.Path());
     InstallCommand(folder / kAddCredentialCommand, "exit 0");
-    ASSERT_EQ(mkdir((folder / "a").c_str(), 0755), 0);
-    ASSERT_EQ(mkdir((folder / "b").c_str(), 0755), 0);
+    ASSERT_EQ(::mkdir((folder / "a").c_str(), 0755), 0);
+    ASSERT_EQ(::mkdir((folder / "b").c_str(), 0755), 0);
     CNfsMain nfsMain("op", 0);
     char vcReason[kReasonBufferSize] = "";
     ASSERT_TRUE(nfsMain.AddMountPoint((folder / "a").c_str(), "y", vcReason)) << vcReason;
@@ -283,7 +284,7 @@ TEST(ConsoleStatus, EachListStandsBetweenItsCountAndAnEmptyLine) {
                   "Number of Net Device info: 1\n[info] (op)  Net device path 1 - //nas/share\n\n" + sRule);
 }
 
-// ==== Pid file ======================================================================================================
+// ---- Pid file
 
 namespace {
 
@@ -294,14 +295,14 @@ protected:
         m_sPrinted = Printed([&] { m_bCreated = m_Console.CreatePidFile(sPath.c_str(), 0, m_vcReason); });
         return m_bCreated;
     }
-    static std::string OwnPid() { return std::to_string(getpid()) + "\n"; }
+    static std::string OwnPid() { return std::to_string(::getpid()) + "\n"; }
     /// A process ID that was somebody's and is nobody's.
     static std::string DeadPid() {
-        const pid_t iChild = fork();
+        const pid_t iChild = ::fork();
         if (iChild == 0) {
-            _exit(0);
+            ::_exit(0);
         }
-        waitpid(iChild, nullptr, 0);
+        ::waitpid(iChild, nullptr, 0);
         return std::to_string(iChild);
     }
 
@@ -332,7 +333,7 @@ TEST_F(PidFileTest, MissingFoldersAreMade) {
 }
 
 TEST_F(PidFileTest, LivingProcessStopsTheStartAndKeepsItsFile) {
-    const std::string sLiving = std::to_string(getppid());
+    const std::string sLiving = std::to_string(::getppid());
     for (const char* pcEnd : {"", "\n", "\r\n"}) {
         WriteWholeFile(m_Folder / "pid", sLiving + pcEnd);
         EXPECT_FALSE(Create(m_Folder / "pid"));
@@ -342,19 +343,19 @@ TEST_F(PidFileTest, LivingProcessStopsTheStartAndKeepsItsFile) {
 }
 
 TEST_F(PidFileTest, ProcessThatMayNotBeSignalledExists) {
-    if (geteuid() != 0) {
+    if (::geteuid() != 0) {
         GTEST_SKIP() << "needs root to give up its rights in a child";
     }
-    ASSERT_EQ(chmod(m_Folder.Path().c_str(), 0777), 0);
+    ASSERT_EQ(::chmod(m_Folder.Path().c_str(), 0777), 0);
     WriteWholeFile(m_Folder / "pid", "1\n");
-    const pid_t iChild = fork();
+    const pid_t iChild = ::fork();
     if (iChild == 0) {
         const bool bDropped = setgid(65534) == 0 && setuid(65534) == 0;
         const bool bCreated = m_Console.CreatePidFile((m_Folder / "pid").c_str(), 0, m_vcReason);
-        _exit(!bDropped ? 2 : !bCreated && std::string(m_vcReason) == "Process ID \"1\" is still running" ? 0 : 1);
+        ::_exit(!bDropped ? 2 : !bCreated && std::string(m_vcReason) == "Process ID \"1\" is still running" ? 0 : 1);
     }
     int iStatus = 0;
-    ASSERT_EQ(waitpid(iChild, &iStatus, 0), iChild);
+    ASSERT_EQ(::waitpid(iChild, &iStatus, 0), iChild);
     if (WEXITSTATUS(iStatus) == 2) {
         GTEST_SKIP() << "no second user to change to in this user namespace";
     }
@@ -382,7 +383,7 @@ TEST_F(PidFileTest, FileThatNamesNoLivingProcessIsReplaced) {
 TEST_F(PidFileTest, OwnProcessIDIsThatOfALivingProcessToo) {
     ASSERT_TRUE(Create(m_Folder / "pid")) << m_vcReason;
     EXPECT_FALSE(Create(m_Folder / "pid")) << "the one that has the file lives";
-    EXPECT_EQ(m_vcReason, "Process ID \"" + std::to_string(getpid()) + "\" is still running");
+    EXPECT_EQ(m_vcReason, "Process ID \"" + std::to_string(::getpid()) + "\" is still running");
     EXPECT_EQ(ReadWholeFile(m_Folder / "pid"), OwnPid());
 }
 
@@ -412,12 +413,12 @@ TEST_F(PidFileTest, FileAccessIsLoggedStepByStep) {
 }
 
 TEST_F(PidFileTest, WhatIsNoRegularFileIsLeftAlone) {
-    ASSERT_EQ(mkfifo((m_Folder / "fifo").c_str(), 0600), 0);
+    ASSERT_EQ(::mkfifo((m_Folder / "fifo").c_str(), 0600), 0);
     EXPECT_FALSE(Create(m_Folder / "fifo"));
     EXPECT_STREQ(m_vcReason, "Not a regular file");
     EXPECT_FALSE(Create(m_Folder.Path()));
     EXPECT_STREQ(m_vcReason, "Not a regular file");
-    EXPECT_EQ(access((m_Folder / "fifo").c_str(), F_OK), 0);
+    EXPECT_EQ(::access((m_Folder / "fifo").c_str(), F_OK), 0);
 }
 
 TEST_F(PidFileTest, FileThatCannotBeMadeIsReported) {
@@ -431,28 +432,28 @@ TEST_F(PidFileTest, FileThatCannotBeMadeIsReported) {
 }
 
 TEST_F(PidFileTest, FileThatMayNotBeReadOrRemovedIsReported) {
-    if (geteuid() != 0) {
+    if (::geteuid() != 0) {
         GTEST_SKIP() << "needs root to give up its rights in a child";
     }
-    ASSERT_EQ(chmod(m_Folder.Path().c_str(), 0755), 0);
+    ASSERT_EQ(::chmod(m_Folder.Path().c_str(), 0755), 0);
     WriteWholeFile(m_Folder / "unreadable", "");
-    ASSERT_EQ(chmod((m_Folder / "unreadable").c_str(), 0600), 0);
+    ASSERT_EQ(::chmod((m_Folder / "unreadable").c_str(), 0600), 0);
     WriteWholeFile(m_Folder / "unremovable", "");
-    ASSERT_EQ(chmod((m_Folder / "unremovable").c_str(), 0644), 0);
+    ASSERT_EQ(::chmod((m_Folder / "unremovable").c_str(), 0644), 0);
     for (const char* pcName : {"unreadable", "unremovable"}) {
-        const pid_t iChild = fork();
+        const pid_t iChild = ::fork();
         if (iChild == 0) {
             const bool bDropped = setgid(65534) == 0 && setuid(65534) == 0;
             const bool bCreated = m_Console.CreatePidFile((m_Folder / pcName).c_str(), 0, m_vcReason);
-            _exit(!bDropped ? 2 : !bCreated && std::string(m_vcReason) == "Permission denied (13)" ? 0 : 1);
+            ::_exit(!bDropped ? 2 : !bCreated && std::string(m_vcReason) == "Permission denied (13)" ? 0 : 1);
         }
         int iStatus = 0;
-        ASSERT_EQ(waitpid(iChild, &iStatus, 0), iChild);
+        ASSERT_EQ(::waitpid(iChild, &iStatus, 0), iChild);
         if (WEXITSTATUS(iStatus) == 2) {
             GTEST_SKIP() << "no second user to change to in this user namespace";
         }
         EXPECT_EQ(WEXITSTATUS(iStatus), 0) << pcName << ": another result or reason";
-        EXPECT_EQ(access((m_Folder / pcName).c_str(), F_OK), 0) << pcName;
+        EXPECT_EQ(::access((m_Folder / pcName).c_str(), F_OK), 0) << pcName;
     }
 }
 
@@ -463,45 +464,45 @@ TEST_F(PidFileTest, RemovalRemovesTheFileAndIsSilentWithoutOne) {
                   m_Console.RemovePidFile((m_Folder / "pid").c_str(), 0);
               }),
               "");
-    EXPECT_NE(access((m_Folder / "pid").c_str(), F_OK), 0);
+    EXPECT_NE(::access((m_Folder / "pid").c_str(), F_OK), 0);
 }
 
 TEST_F(PidFileTest, OfManyThatStartTogetherOneGetsTheFile) {
     constexpr int kConsoles = 16;
     for (const char* pcBefore : {static_cast<const char*>(nullptr), "", "99999999\n"}) {
-        unlink((m_Folder / "pid").c_str());
+        ::unlink((m_Folder / "pid").c_str());
         if (pcBefore != nullptr) {
             WriteWholeFile(m_Folder / "pid", pcBefore);
         }
         int viGo[2];
         int viStay[2];
-        ASSERT_EQ(pipe2(viGo, O_CLOEXEC), 0);
-        ASSERT_EQ(pipe2(viStay, O_CLOEXEC), 0);
+        ASSERT_EQ(::pipe2(viGo, O_CLOEXEC), 0);
+        ASSERT_EQ(::pipe2(viStay, O_CLOEXEC), 0);
         std::vector<pid_t> viChildren;
         for (int i = 0; i < kConsoles; ++i) {
-            const pid_t iChild = fork();
+            const pid_t iChild = ::fork();
             if (iChild == 0) {
                 char c = 0;
-                close(viGo[1]);
-                close(viStay[1]);
-                [[maybe_unused]] ssize_t iIgnored = read(viGo[0], &c, 1);
+                ::close(viGo[1]);
+                ::close(viStay[1]);
+                [[maybe_unused]] ssize_t iIgnored = ::read(viGo[0], &c, 1);
                 const bool bCreated = m_Console.CreatePidFile((m_Folder / "pid").c_str(), 0, m_vcReason);
                 if (bCreated) {
-                    iIgnored = read(viStay[0], &c, 1);  // lives until all have tried
+                    iIgnored = ::read(viStay[0], &c, 1);  // lives until all have tried
                 }
-                _exit(bCreated ? 0 : 1);
+                ::_exit(bCreated ? 0 : 1);
             }
             viChildren.push_back(iChild);
         }
-        close(viGo[0]);
-        close(viStay[0]);
-        close(viGo[1]);  // all at once
+        ::close(viGo[0]);
+        ::close(viStay[0]);
+        ::close(viGo[1]);  // all at once
         int nEnded = 0;
         int nCreated = 0;
         for (int iStatus = 0; nEnded < kConsoles - 1 && wait(&iStatus) > 0; ++nEnded) {
             nCreated += WEXITSTATUS(iStatus) == 0 ? 1 : 0;
         }
-        close(viStay[1]);
+        ::close(viStay[1]);
         int iStatus = 0;
         const pid_t iWinner = wait(&iStatus);
         EXPECT_EQ(nCreated, 0) << "more than one had the file";

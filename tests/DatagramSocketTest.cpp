@@ -1,12 +1,12 @@
 // The UDP port.
 #include "DatagramSocket.h"
 
-#include <gtest/gtest.h>
+#include <chrono>
+#include <string>
 
 #include <sys/resource.h>
 
-#include <chrono>
-#include <string>
+#include <gtest/gtest.h>
 
 #include "LeakGuard.h"
 #include "Limits.h"
@@ -149,11 +149,11 @@ TEST_F(DatagramSocketTest, APortInUseFailsWithTheSystemsReason) {
 
 TEST_F(DatagramSocketTest, WithoutDescriptorsOpeningFailsWithTheSystemsReason) {
     rlimit before{};
-    getrlimit(RLIMIT_NOFILE, &before);
+    ::getrlimit(RLIMIT_NOFILE, &before);
     const rlimit none{0, before.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &none);
+    ::setrlimit(RLIMIT_NOFILE, &none);
     const bool bOpen = m_Socket.Open(100003, 0, nullptr, m_cStatus);
-    setrlimit(RLIMIT_NOFILE, &before);
+    ::setrlimit(RLIMIT_NOFILE, &before);
     EXPECT_FALSE(bOpen);
     EXPECT_STREQ(m_cStatus, "Fail to create datagram socket. Too many open files (24)");
 }

@@ -1,8 +1,6 @@
 // Log lines that wait for a lock to be released, and that no line of the registries goes out under one of theirs.
 #include "DeferredLog.h"
 
-#include <gtest/gtest.h>
-
 #include <chrono>
 #include <functional>
 #include <future>
@@ -11,6 +9,8 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "RedirectedFile.h"
 #include "ThrowingUtilities.h"
@@ -92,7 +92,7 @@ TEST_F(DeferredLogTest, ALineThatCannotGoOutIsLost) {
     EXPECT_EQ(m_Log.Texts(), Lines{"two"});
 }
 
-// ==== The registries =================================================================================================
+// ---- The registries
 
 /// At every line another thread does something, which must be possible just then.
 class ProbingUtilities : public CaptureUtilities {

@@ -1,28 +1,28 @@
 // Ownership of descriptors and what becomes of the standard numbers.
 #include "Descriptor.h"
 
-#include <gtest/gtest.h>
+#include <cerrno>
+#include <utility>
 
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <utility>
+#include <gtest/gtest.h>
 
 #include "LeakGuard.h"
 
 namespace {
 
 bool IsOpen(int iDescriptor) {
-    return fcntl(iDescriptor, F_GETFD) != -1;
+    return ::fcntl(iDescriptor, F_GETFD) != -1;
 }
 
 /// Frees descriptor 0 for the scope.
 class WithoutStandardInput {
 public:
-    WithoutStandardInput() : m_Saved(fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 100)) { close(STDIN_FILENO); }
-    ~WithoutStandardInput() { dup2(m_Saved.Get(), STDIN_FILENO); }
+    WithoutStandardInput() : m_Saved(::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 100)) { ::close(STDIN_FILENO); }
+    ~WithoutStandardInput() { ::dup2(m_Saved.Get(), STDIN_FILENO); }
     WithoutStandardInput(const WithoutStandardInput&) = delete;
     WithoutStandardInput& operator=(const WithoutStandardInput&) = delete;
 
@@ -39,7 +39,7 @@ TEST(Descriptor, IsClosedWithItsOwner) {
         const CDescriptor descriptor = CDescriptor::OpenSocket(SOCK_STREAM);
         ASSERT_TRUE(descriptor.IsOpen());
         iDescriptor = descriptor.Get();
-        EXPECT_TRUE(fcntl(iDescriptor, F_GETFD) & FD_CLOEXEC);
+        EXPECT_TRUE(::fcntl(iDescriptor, F_GETFD) & FD_CLOEXEC);
     }
     EXPECT_FALSE(IsOpen(iDescriptor));
 }
@@ -63,7 +63,7 @@ TEST(Descriptor, ReleaseGivesTheDescriptorUp) {
     EXPECT_FALSE(descriptor.IsOpen());
     descriptor.Close();
     EXPECT_TRUE(IsOpen(iDescriptor));
-    close(iDescriptor);
+    ::close(iDescriptor);
 }
 
 TEST(Descriptor, SocketsNeverTakeAStandardNumber) {
@@ -72,7 +72,7 @@ TEST(Descriptor, SocketsNeverTakeAStandardNumber) {
     const CDescriptor descriptor = CDescriptor::OpenSocket(SOCK_STREAM);
     EXPECT_GE(descriptor.Get(), 3);
     EXPECT_FALSE(IsOpen(STDIN_FILENO));
-    EXPECT_TRUE(fcntl(descriptor.Get(), F_GETFD) & FD_CLOEXEC);
+    EXPECT_TRUE(::fcntl(descriptor.Get(), F_GETFD) & FD_CLOEXEC);
 }
 
 TEST(Descriptor, AFailureToOpenTellsTheSystemsError) {

@@ -1,13 +1,6 @@
 // The log file and its rotation.
 #include "FileLogger.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <sys/resource.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cstdlib>
 #include <ctime>
 #include <memory>
@@ -15,6 +8,13 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include "LeakGuard.h"
 #include "TempFolder.h"

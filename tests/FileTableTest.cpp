@@ -1,8 +1,6 @@
 // File IDs and paths, held against the walks that define them.
 #include "FileTable.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
@@ -12,6 +10,8 @@
 #include <string>
 #include <utility>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "Limits.h"
 

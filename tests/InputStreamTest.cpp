@@ -1,12 +1,12 @@
 // Decoding and buffer management of CInputStream.
 #include "InputStream.h"
 
-#include <gtest/gtest.h>
-
 #include <climits>
 #include <cstring>
 #include <string>
 #include <string_view>
+
+#include <gtest/gtest.h>
 
 #include "DataException.h"
 
@@ -176,7 +176,7 @@ TEST_F(InputStreamTest, ResetForgetsEverything) {
     EXPECT_EQ(m_Input.GetFilledBufferSize(), 0U);
 }
 
-// ---- What was searched in vain is not searched again ----
+// ---- What was searched in vain is not searched again
 
 TEST_F(InputStreamTest, ASearchGoesOnBehindWhatWasSearched) {
     EXPECT_EQ(m_Input.GetSearchStart(0), 0U);

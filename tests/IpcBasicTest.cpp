@@ -1,10 +1,10 @@
 // Headers and the log lines about records.
 #include "IpcBasic.h"
 
-#include <gtest/gtest.h>
-
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "IpcPeer.h"
 #include "LogCapture.h"

@@ -1,13 +1,6 @@
 // One request and its reply: what goes over the socket, what is logged, and what becomes of every failure.
 #include "IpcClient.h"
 
-#include <gtest/gtest.h>
-
-#include <fcntl.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -16,6 +9,13 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
 
 #include "IpcPeer.h"
 #include "Isolation.h"
@@ -49,22 +49,22 @@ protected:
 /// A listening socket that never accepts.
 class DeafListener {
 public:
-    explicit DeafListener(int iBacklog) : m_iSocket(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    explicit DeafListener(int iBacklog) : m_iSocket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
         std::snprintf(address.sun_path, sizeof(address.sun_path), "%s", kChannel);
-        EXPECT_EQ(bind(m_iSocket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
-        EXPECT_EQ(listen(m_iSocket, iBacklog), 0);
+        EXPECT_EQ(::bind(m_iSocket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+        EXPECT_EQ(::listen(m_iSocket, iBacklog), 0);
     }
     ~DeafListener() {
         Close();
-        unlink(kChannel);
+        ::unlink(kChannel);
     }
     DeafListener(const DeafListener&) = delete;
     DeafListener& operator=(const DeafListener&) = delete;
     void Close() {
         if (m_iSocket != -1) {
-            close(m_iSocket);
+            ::close(m_iSocket);
             m_iSocket = -1;
         }
     }
@@ -111,13 +111,13 @@ TEST_F(IpcClientTest, NobodyListensFailsAtConnectAndLeavesNoReply) {
 TEST_F(IpcClientTest, AStaleSocketFileRefusesTheConnection) {
     {
         DeafListener listener(1);
-        EXPECT_EQ(link(kChannel, "/tmp/nfs-stale"), 0);
+        EXPECT_EQ(::link(kChannel, "/tmp/nfs-stale"), 0);
     }
     CIpcClient client(&m_Utilities, &m_Param);
     client.SetRequest(kIpcGetVersion);
     EXPECT_FALSE(client.SendRequest("/tmp/nfs-stale", m_vcReason));
     EXPECT_STREQ(m_vcReason, "Fail to connect ipc client socket. Connection refused (111)");
-    unlink("/tmp/nfs-stale");
+    ::unlink("/tmp/nfs-stale");
 }
 
 TEST_F(IpcClientTest, AChannelThatDoesNotFitASocketAddressIsRefused) {
@@ -139,15 +139,15 @@ TEST_F(IpcClientTest, TheLongestChannelThatFitsWorks) {
 
 TEST_F(IpcClientTest, NoDescriptorLeftFailsAtOpeningTheSocket) {
     std::vector<int> viAll;
-    for (int iFile = open("/dev/null", O_RDONLY | O_CLOEXEC); iFile != -1;
-         iFile = open("/dev/null", O_RDONLY | O_CLOEXEC)) {
+    for (int iFile = ::open("/dev/null", O_RDONLY | O_CLOEXEC); iFile != -1;
+         iFile = ::open("/dev/null", O_RDONLY | O_CLOEXEC)) {
         viAll.push_back(iFile);
     }
     CIpcClient client(&m_Utilities, &m_Param);
     client.SetRequest(kIpcGetVersion);
     const bool bSent = client.SendRequest(kChannel, m_vcReason);
     for (const int iFile : viAll) {
-        close(iFile);
+        ::close(iFile);
     }
     EXPECT_FALSE(bSent);
     EXPECT_STREQ(m_vcReason, "Fail to open ipc client socket. Too many open files (24)");

@@ -1,10 +1,10 @@
 // Lengths and types of the records, and texts in their fields. (Their layouts are asserted at compile time.)
 #include "IpcMessages.h"
 
-#include <gtest/gtest.h>
-
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "IpcBasic.h"
 #include "IpcChannel.h"

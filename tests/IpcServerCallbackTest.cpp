@@ -1,12 +1,13 @@
 // Every callback: the record as bytes in, what the host of the receiving process is told, the reply as bytes out.
-#include <gtest/gtest.h>
+#include "IpcServer.h"
 
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "FakeHost.h"
 #include "IpcPeer.h"
-#include "IpcServer.h"
 #include "NfsIpcClientMain.h"
 
 namespace {

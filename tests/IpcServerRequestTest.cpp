@@ -1,12 +1,12 @@
 // Every request: the record as bytes in, the controller's operation with its arguments, the reply as bytes out.
 #include "IpcServer.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <random>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "IpcPeer.h"
 #include "RecordingNfsMain.h"

@@ -1,14 +1,6 @@
 // The listening end: opening, closing, and every way a connection can go.
 #include "IpcServer.h"
 
-#include <gtest/gtest.h>
-
-#include <fcntl.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
@@ -17,6 +9,14 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
 
 #include "IpcPeer.h"
 #include "IpcServerThread.h"
@@ -37,7 +37,7 @@ constexpr char kChannel[] = "/tmp/nfs-test";
 
 bool Exists(const char* pcPath) {
     struct stat info {};
-    return lstat(pcPath, &info) == 0;
+    return ::lstat(pcPath, &info) == 0;
 }
 
 class IpcServerTest : public testing::Test {
@@ -65,7 +65,7 @@ protected:
     char m_vcReason[kReasonBufferSize] = "";
 };
 
-// ==== Opening and closing ============================================================================================
+// ---- Opening and closing
 
 TEST_F(IpcServerTest, OpeningWithoutAChannelIsRefused) {
     CIpcServer server(&m_Controller);
@@ -99,13 +99,13 @@ TEST_F(IpcServerTest, TheSocketFileExistsExactlyWhileTheServerIsOpen) {
 }
 
 TEST_F(IpcServerTest, EveryUserMayConnectWhateverTheUmask) {
-    const mode_t iOld = umask(0077);
+    const mode_t iOld = ::umask(0077);
     CIpcServer server(&m_Controller);
     const bool bOpen = server.Open(kChannel, m_vcReason);
-    umask(iOld);
+    ::umask(iOld);
     ASSERT_TRUE(bOpen) << m_vcReason;
     struct stat info {};
-    ASSERT_EQ(stat(kChannel, &info), 0);
+    ASSERT_EQ(::stat(kChannel, &info), 0);
     EXPECT_TRUE(S_ISSOCK(info.st_mode));
     EXPECT_EQ(info.st_mode & 07777U, 0777U);
 }
@@ -118,13 +118,13 @@ TEST_F(IpcServerTest, AFileLeftAtTheChannelsPathIsReplaced) {
 }
 
 TEST_F(IpcServerTest, AFolderAtTheChannelsPathMakesTheBindFail) {
-    ASSERT_EQ(mkdir(kChannel, 0755), 0);
+    ASSERT_EQ(::mkdir(kChannel, 0755), 0);
     CIpcServer server(&m_Controller);
     EXPECT_FALSE(server.Open(kChannel, m_vcReason));
     EXPECT_STREQ(m_vcReason, "Fail to bind ipc server socket. Address already in use (98)");
     EXPECT_FALSE(server.IsOpened());
     EXPECT_TRUE(Exists(kChannel));
-    ASSERT_EQ(rmdir(kChannel), 0);
+    ASSERT_EQ(::rmdir(kChannel), 0);
     EXPECT_TRUE(server.Open(kChannel, m_vcReason)) << "a failed opening can be repeated: " << m_vcReason;
 }
 
@@ -190,7 +190,7 @@ TEST_F(IpcServerTest, AClosedServerTakesNoMoreConnections) {
     EXPECT_THROW(IpcConnection late(kChannel), std::runtime_error);
 }
 
-// ==== One message ====================================================================================================
+// ---- One message
 
 TEST_F(IpcServerTest, TheStepsOfAnExchangeAreLoggedInOrder) {
     m_Controller.CNfsMain::SetLogControl(kAllLogBits);
@@ -239,15 +239,15 @@ TEST_F(IpcServerTest, FiveConnectionsWaitInTheQueue) {
     std::vector<int> viSockets;
     int nConnected = 0;
     for (int i = 0; i < 20; ++i) {
-        viSockets.push_back(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-        if (connect(viSockets.back(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
+        viSockets.push_back(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+        if (::connect(viSockets.back(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
             ++nConnected;
         } else {
             EXPECT_EQ(errno, EAGAIN);
         }
     }
     for (const int iSocket : viSockets) {
-        close(iSocket);
+        ::close(iSocket);
     }
     EXPECT_EQ(nConnected, 6) << "the kernel lets one more in than the backlog says";
 }
@@ -411,7 +411,7 @@ TEST_F(IpcServerTest, AClientThatVanishesBeforeItsReplyIsAFailureAndNoMore) {
     EXPECT_EQ(ServeOne(server, RawRequest(3, 16).Bytes()), RawBoolReply(true)) << "the server goes on";
 }
 
-// ==== Odd groups and types ===========================================================================================
+// ---- Odd groups and types
 
 TEST_F(IpcServerTest, UnknownTypesAndGroupsAreAnsweredWithAnException) {
     CIpcServer server(&m_Controller);
@@ -439,7 +439,7 @@ TEST_F(IpcServerTest, TheVersionOfARequestIsNotCompared) {
     EXPECT_EQ(ServeOne(server, RawRequest(3, 16).Text(8, "9.9.9.9.").Bytes()), RawBoolReply(true));
 }
 
-// ==== Automatic shutdown =============================================================================================
+// ---- Automatic shutdown
 
 TEST_F(IpcServerTest, AutoShutdownIsRefusedUnlessItsOwnerEnabledIt) {
     CIpcServer server(&m_Controller);
@@ -487,7 +487,7 @@ TEST_F(IpcServerTest, AnAutoShutdownCountsAlsoWhenItsSenderIsGoneBeforeTheReply)
     EXPECT_TRUE(m_Controller.IsAutoShutdownRequested());
 }
 
-// ==== Lack of descriptors ============================================================================================
+// ---- Lack of descriptors
 
 TEST_F(IpcServerTest, AFailedAcceptPausesAndTheServerGoesOn) {
     CIpcServer server(&m_Controller);
@@ -495,15 +495,15 @@ TEST_F(IpcServerTest, AFailedAcceptPausesAndTheServerGoesOn) {
     IpcConnection connection(kChannel);
     EXPECT_TRUE(connection.Send(RawRequest(3, 16).Bytes()));
     std::vector<int> viAll;
-    for (int iFile = open("/dev/null", O_RDONLY | O_CLOEXEC); iFile != -1;
-         iFile = open("/dev/null", O_RDONLY | O_CLOEXEC)) {
+    for (int iFile = ::open("/dev/null", O_RDONLY | O_CLOEXEC); iFile != -1;
+         iFile = ::open("/dev/null", O_RDONLY | O_CLOEXEC)) {
         viAll.push_back(iFile);
     }
     const auto start = steady_clock::now();
     const bool bServed = server.ReadRequest();
     const auto waited = steady_clock::now() - start;
     for (const int iFile : viAll) {
-        close(iFile);
+        ::close(iFile);
     }
     EXPECT_FALSE(bServed);
     EXPECT_GE(waited, CIpcServer::kAcceptPause) << "no hot loop";
@@ -512,7 +512,7 @@ TEST_F(IpcServerTest, AFailedAcceptPausesAndTheServerGoesOn) {
     EXPECT_EQ(connection.ReceiveAll(), RawBoolReply(true));
 }
 
-// ==== The thread =====================================================================================================
+// ---- The thread
 
 class IpcServerThreadTest : public IpcServerTest {};
 

@@ -1,10 +1,10 @@
 // Texts between UTF-8 and UTF-16: exact where the text is well formed, harmless where it is not.
 #include "JniText.h"
 
-#include <gtest/gtest.h>
-
 #include <random>
 #include <string>
+
+#include <gtest/gtest.h>
 
 #include "FakeJvm.h"
 #include "Xdr.h"

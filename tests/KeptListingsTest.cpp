@@ -1,12 +1,13 @@
 // The listings in progress: who goes on where, for how long, and within which memory.
-#include <gmock/gmock.h>
+#include "KeptListings.h"
 
 #include <algorithm>
 #include <map>
 #include <random>
 #include <thread>
 
-#include "KeptListings.h"
+#include <gmock/gmock.h>
+
 #include "ListedFolder.h"
 
 namespace {

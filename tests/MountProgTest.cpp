@@ -1,10 +1,10 @@
 // MOUNT's replies byte by byte, and its log lines.
 #include "MountProg.h"
 
+#include <cstring>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-
-#include <cstring>
 
 #include "InputStream.h"
 #include "LogCapture.h"

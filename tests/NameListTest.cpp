@@ -1,9 +1,9 @@
 // The names of a directory: kept compactly, found by hash.
-#include <gtest/gtest.h>
+#include "NameList.h"
 
 #include <string>
 
-#include "NameList.h"
+#include <gtest/gtest.h>
 
 namespace {
 

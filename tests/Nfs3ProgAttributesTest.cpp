@@ -1,11 +1,11 @@
 // GETATTR, SETATTR, LOOKUP, ACCESS and READLINK: replies byte by byte, and log lines.
-#include <gmock/gmock.h>
-
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
+
+#include <gmock/gmock.h>
 
 #include "Nfs3ProgFixture.h"
 #include "PathProbe.h"
@@ -41,12 +41,12 @@ protected:
     }
     struct stat Stat(const std::string& sName) const {
         struct stat status {};
-        EXPECT_EQ(lstat(Path(sName).c_str(), &status), 0) << sName;
+        EXPECT_EQ(::lstat(Path(sName).c_str(), &status), 0) << sName;
         return status;
     }
 };
 
-// ==== File-system IDs ================================================================================================
+// ---- File-system IDs
 
 /// What statvfs says, whatever was asked before.
 TEST_F(Nfs3ProgAttributesTest, EachFileCarriesTheIdOfItsOwnFileSystem) {
@@ -56,7 +56,7 @@ TEST_F(Nfs3ProgAttributesTest, EachFileCarriesTheIdOfItsOwnFileSystem) {
             CRuntimeParam param("test", 0);
             struct statvfs figures {};
             fattr3 attributes;
-            ASSERT_EQ(statvfs(pcPath, &figures), 0);
+            ASSERT_EQ(::statvfs(pcPath, &figures), 0);
             ASSERT_TRUE(m_Prog.GetNfsFileAttributes(&param, &logArgu, pcPath, &attributes));
             EXPECT_EQ(attributes.fsid, figures.f_fsid) << pcPath;
         }
@@ -74,21 +74,21 @@ TEST_F(Nfs3ProgAttributesTest, FileThatVanishesMeanwhileDoesNotSpoilTheIdOfItsNe
     ASSERT_TRUE(m_Prog.GetNfsFileAttributes(&param, &logArgu, Path("gone").c_str(), &attributes, &found));
     EXPECT_EQ(attributes.fsid, 4U);
     struct statvfs figures {};
-    ASSERT_EQ(statvfs(Path("file").c_str(), &figures), 0);
+    ASSERT_EQ(::statvfs(Path("file").c_str(), &figures), 0);
     ASSERT_NE(figures.f_fsid, 4U);
     ASSERT_TRUE(m_Prog.GetNfsFileAttributes(&param, &logArgu, Path("file").c_str(), &attributes));
     EXPECT_EQ(attributes.fsid, figures.f_fsid);
 }
 
-// ==== GETATTR ========================================================================================================
+// ---- GETATTR
 
 TEST_F(Nfs3ProgAttributesTest, AttributesAreThoseOfTheHostFile) {
     WriteWholeFile(Path("file"), "12345");
-    ASSERT_EQ(chmod(Path("file").c_str(), 0640), 0);
+    ASSERT_EQ(::chmod(Path("file").c_str(), 0640), 0);
     const Fattr3 attributes = Getattr(Handle("file"));
     const struct stat status = Stat("file");
     struct statvfs figures {};
-    ASSERT_EQ(statvfs(Path("file").c_str(), &figures), 0);
+    ASSERT_EQ(::statvfs(Path("file").c_str(), &figures), 0);
     EXPECT_EQ(attributes.iType, 1U);
     EXPECT_EQ(attributes.iMode, 0640U);
     EXPECT_EQ(attributes.iNlink, 1U);
@@ -109,10 +109,10 @@ TEST_F(Nfs3ProgAttributesTest, AttributesAreThoseOfTheHostFile) {
 // Owner and group, and the three times, differ: a mix-up shows.
 TEST_F(Nfs3ProgAttributesTest, OwnersAndTimesAreNotMixedUp) {
     WriteWholeFile(Path("file"), "12345");
-    ASSERT_EQ(chown(Path("file").c_str(), 1011, 1022), 0);
-    ASSERT_EQ(link(Path("file").c_str(), Path("other name").c_str()), 0);
+    ASSERT_EQ(::chown(Path("file").c_str(), 1011, 1022), 0);
+    ASSERT_EQ(::link(Path("file").c_str(), Path("other name").c_str()), 0);
     const timespec times[2] = {{1000000001, 123456789}, {1100000002, 987654321}};
-    ASSERT_EQ(utimensat(AT_FDCWD, Path("file").c_str(), times, 0), 0);
+    ASSERT_EQ(::utimensat(AT_FDCWD, Path("file").c_str(), times, 0), 0);
     const struct stat status = Stat("file");
     const std::string sReply = Call(kNfsGetattr, XdrBuilder().Opaque(Handle("file")));
     ASSERT_EQ(sReply.size(), 88U);
@@ -131,9 +131,9 @@ TEST_F(Nfs3ProgAttributesTest, OwnersAndTimesAreNotMixedUp) {
 }
 
 TEST_F(Nfs3ProgAttributesTest, TypesOfAllKindsOfFiles) {
-    mkdir(Path("dir").c_str(), 0755);
-    ASSERT_EQ(mkfifo(Path("fifo").c_str(), 0600), 0);
-    ASSERT_EQ(mknod(Path("socket").c_str(), S_IFSOCK | 0600, 0), 0);
+    ::mkdir(Path("dir").c_str(), 0755);
+    ASSERT_EQ(::mkfifo(Path("fifo").c_str(), 0600), 0);
+    ASSERT_EQ(::mknod(Path("socket").c_str(), S_IFSOCK | 0600, 0), 0);
     EXPECT_EQ(Getattr(Handle("dir")).iType, 2U);
     EXPECT_EQ(Getattr(Handle("socket")).iType, 6U);
     EXPECT_EQ(Getattr(Handle("fifo")).iType, 7U);
@@ -149,7 +149,7 @@ TEST_F(Nfs3ProgAttributesTest, DevicesCarryTheirOwnNumbers) {
 }
 
 TEST_F(Nfs3ProgAttributesTest, BlockDevicesCarryTheirOwnNumbersToo) {
-    if (mknod(Path("disk").c_str(), S_IFBLK | 0600, makedev(7, 300)) != 0) {
+    if (::mknod(Path("disk").c_str(), S_IFBLK | 0600, makedev(7, 300)) != 0) {
         GTEST_SKIP() << "no right to make a device";
     }
     const Fattr3 attributes = Getattr(Handle("disk"));
@@ -160,9 +160,9 @@ TEST_F(Nfs3ProgAttributesTest, BlockDevicesCarryTheirOwnNumbersToo) {
 
 TEST_F(Nfs3ProgAttributesTest, StickyBitIsNotReportedAndSetIdBitsAre) {
     WriteWholeFile(Path("file"), "");
-    ASSERT_EQ(chmod(Path("file").c_str(), 01777), 0);
+    ASSERT_EQ(::chmod(Path("file").c_str(), 01777), 0);
     EXPECT_EQ(Getattr(Handle("file")).iMode, 0777U);
-    ASSERT_EQ(chmod(Path("file").c_str(), 06755), 0);
+    ASSERT_EQ(::chmod(Path("file").c_str(), 06755), 0);
     EXPECT_EQ(Getattr(Handle("file")).iMode, 06755U);
     EXPECT_EQ(CNfs3Prog::ConvertFileModeToNfsFileMode(S_IFREG | 07777), 06777U);
     EXPECT_EQ(CNfs3Prog::ConvertNfsFileModeToFileMode(0xFFFFFFFFU), 06777U);
@@ -184,13 +184,13 @@ TEST_F(Nfs3ProgAttributesTest, OnlyTheFirstFourBytesOfAHandleCount) {
 TEST_F(Nfs3ProgAttributesTest, MissingFileAnswers5) {
     WriteWholeFile(Path("file"), "");
     const std::string sHandle = Handle("file");
-    unlink(Path("file").c_str());
+    ::unlink(Path("file").c_str());
     ExpectBareFailure(Call(kNfsGetattr, XdrBuilder().Opaque(sHandle)), 5, 0);
 }
 
 TEST_F(Nfs3ProgAttributesTest, LinesOfGetattr) {
     WriteWholeFile(Path("file"), "12345");
-    ASSERT_EQ(chmod(Path("file").c_str(), 0640), 0);
+    ASSERT_EQ(::chmod(Path("file").c_str(), 0640), 0);
     const std::string sHandle = Handle("file");
     const struct stat status = Stat("file");
     SetLog(CRuntimeParam::kLogProcFuncArgu | CRuntimeParam::kLogProcFuncName);
@@ -217,7 +217,7 @@ TEST_F(Nfs3ProgAttributesTest, RedirectedFileHasItsVirtualSize) {
     EXPECT_EQ(attributes.iType, 1U);
 }
 
-// ==== SETATTR ========================================================================================================
+// ---- SETATTR
 
 TEST_F(Nfs3ProgAttributesTest, SetattrSetsModeAndSize) {
     WriteWholeFile(Path("file"), "12345");
@@ -230,7 +230,7 @@ TEST_F(Nfs3ProgAttributesTest, SetattrSetsModeAndSize) {
 }
 
 TEST_F(Nfs3ProgAttributesTest, SetattrDoesNotSetTheStickyBit) {
-    mkdir(Path("dir").c_str(), 0755);
+    ::mkdir(Path("dir").c_str(), 0755);
     ExpectBareFailure(Setattr(Handle("dir"), SetMode(01777), NoGuard()), 0, 2);
     EXPECT_EQ(Stat("dir").st_mode & 07777U, 0777U);
 }
@@ -365,7 +365,7 @@ TEST_F(Nfs3ProgAttributesTest, ChangesOfARedirectedFileAreTheHostsToGrant) {
     EXPECT_EQ(ReadWholeFile(Path("virtual")), "on disk");
 }
 
-// ==== LOOKUP =========================================================================================================
+// ---- LOOKUP
 
 TEST_F(Nfs3ProgAttributesTest, LookupAnswersHandleAttributesAndNothingOfTheDirectory) {
     WriteWholeFile(Path("file"), "12345");
@@ -387,7 +387,7 @@ TEST_F(Nfs3ProgAttributesTest, LookupOfAMissingNameAnswers2) {
 }
 
 TEST_F(Nfs3ProgAttributesTest, LookupOfDotsGoesByTheirMeaning) {
-    mkdir(Path("dir").c_str(), 0755);
+    ::mkdir(Path("dir").c_str(), 0755);
     EXPECT_EQ(LookupStatus("."), 0U);
     EXPECT_EQ(LookupStatus(".."), 2U) << "the parent of the export lies outside";
     XdrReader reader(Call(kNfsLookup, DirOp(Handle("dir"), "..")));
@@ -404,7 +404,7 @@ TEST_F(Nfs3ProgAttributesTest, LookupOfANameOf4096BytesAnswersTheDirectoryItself
 
 TEST_F(Nfs3ProgAttributesTest, LookupOfALinkAnswersItsTarget) {
     WriteWholeFile(Path("file"), "");
-    ASSERT_EQ(symlink("file", Path("link").c_str()), 0);
+    ASSERT_EQ(::symlink("file", Path("link").c_str()), 0);
     XdrReader reader(Call(kNfsLookup, DirOp("link")));
     EXPECT_EQ(reader.U32(), 0U);
     EXPECT_EQ(Hex(reader.Opaque()), Hex(Handle("file")));
@@ -446,7 +446,7 @@ TEST_F(Nfs3ProgAttributesTest, LinesOfAFailedLookup) {
     EXPECT_EQ(vsLog.back(), sTag + "End stat=2");
 }
 
-// ==== ACCESS =========================================================================================================
+// ---- ACCESS
 
 TEST_F(Nfs3ProgAttributesTest, AccessGrantsWhatIsAsked) {
     for (const unsigned int iMask : {0U, 1U, 0x3FU, 0xFFFFFFFFU}) {
@@ -480,7 +480,7 @@ TEST_F(Nfs3ProgAttributesTest, LinesOfAccess) {
     EXPECT_THAT(TakeLog(), Contains("[Nfs3Prog.ProcedureACCESS] Readonly: 1, access: 1"));
 }
 
-// ==== READLINK =======================================================================================================
+// ---- READLINK
 
 TEST_F(Nfs3ProgAttributesTest, ReadlinkAnswers5ForEveryHandle) {
     SetLog(CRuntimeParam::kLogError | CRuntimeParam::kLogProcFuncArgu);

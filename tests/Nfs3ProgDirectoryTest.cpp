@@ -1,5 +1,7 @@
 // READDIR and READDIRPLUS: replies byte by byte, cookies, and directories of many sizes.
-#include <gmock/gmock.h>
+#include <algorithm>
+#include <cstddef>
+#include <thread>
 
 #include <dirent.h>
 #include <linux/filter.h>
@@ -10,9 +12,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cstddef>
-#include <thread>
+#include <gmock/gmock.h>
 
 #include "Nfs3ProgFixture.h"
 
@@ -47,13 +47,13 @@ protected:
     /// The entries in the host's order.
     std::vector<std::string> HostNames() const {
         std::vector<std::string> vsNames;
-        DIR* pDir = opendir(m_Folder.Path().c_str());
-        while (const dirent* pEntry = readdir(pDir)) {
+        DIR* pDir = ::opendir(m_Folder.Path().c_str());
+        while (const dirent* pEntry = ::readdir(pDir)) {
             if (!CNfs3Prog::IsInVaildDirName(pEntry->d_name)) {
                 vsNames.emplace_back(pEntry->d_name);
             }
         }
-        closedir(pDir);
+        ::closedir(pDir);
         return vsNames;
     }
     std::string CallList(bool bPlus, const std::string& sHandle, std::uint64_t lCookie, std::uint64_t lVerf = 0) {
@@ -178,7 +178,7 @@ TEST_F(Nfs3ProgDirectoryTest, FileidIsTheTablesIdAndNotTheInode) {
     MakeFiles(5);
     for (const Entry& entry : List(true, 0).vEntries) {
         struct stat status {};
-        ASSERT_EQ(stat(Path(entry.sName).c_str(), &status), 0);
+        ASSERT_EQ(::stat(Path(entry.sName).c_str(), &status), 0);
         EXPECT_EQ(entry.lFileid, m_Utilities.GetFileID(&m_RuntimeParam, &m_LogArgu, Path(entry.sName).c_str()));
         ASSERT_TRUE(entry.attributes.has_value());
         EXPECT_EQ(entry.attributes->iFileid, status.st_ino);
@@ -189,16 +189,16 @@ TEST_F(Nfs3ProgDirectoryTest, FileidIsTheTablesIdAndNotTheInode) {
 
 // Clients never see a link: an entry that is one has what LOOKUP gives for it.
 TEST_F(Nfs3ProgDirectoryTest, LinkIsListedWithAttributesAndHandleOfWhatItLeadsTo) {
-    mkdir(Path("dir").c_str(), 0755);
+    ::mkdir(Path("dir").c_str(), 0755);
     WriteWholeFile(Path("dir/file"), "12345");
-    ASSERT_EQ(symlink("dir", Path("link-to-dir").c_str()), 0);
-    ASSERT_EQ(symlink("link-to-dir/file", Path("link-to-file").c_str()), 0);
+    ASSERT_EQ(::symlink("dir", Path("link-to-dir").c_str()), 0);
+    ASSERT_EQ(::symlink("link-to-dir/file", Path("link-to-file").c_str()), 0);
     for (const int iLog : {0, 0x3FF}) {
         SetLog(iLog);
         for (const Entry& entry : List(true, 0).vEntries) {
             const bool bFile = entry.sName == "link-to-file";
             struct stat status {};
-            ASSERT_EQ(stat(Path(entry.sName).c_str(), &status), 0);
+            ASSERT_EQ(::stat(Path(entry.sName).c_str(), &status), 0);
             ASSERT_TRUE(entry.attributes.has_value()) << entry.sName;
             EXPECT_EQ(entry.attributes->iType, bFile ? 1U : 2U) << entry.sName;
             EXPECT_EQ(entry.attributes->iFileid, status.st_ino) << entry.sName;
@@ -211,10 +211,10 @@ TEST_F(Nfs3ProgDirectoryTest, LinkIsListedWithAttributesAndHandleOfWhatItLeadsTo
 TEST_F(Nfs3ProgDirectoryTest, LinkThatLeadsNowhereOrOutHasNeitherAttributesNorHandle) {
     const TempFolder other;
     WriteWholeFile(other / "secret", "x");
-    ASSERT_EQ(symlink("nowhere", Path("dangling").c_str()), 0);
-    ASSERT_EQ(symlink("circle", Path("circle").c_str()), 0);
-    ASSERT_EQ(symlink(other.Path().c_str(), Path("out").c_str()), 0);
-    ASSERT_EQ(symlink((other / "secret").c_str(), Path("out-to-file").c_str()), 0);
+    ASSERT_EQ(::symlink("nowhere", Path("dangling").c_str()), 0);
+    ASSERT_EQ(::symlink("circle", Path("circle").c_str()), 0);
+    ASSERT_EQ(::symlink(other.Path().c_str(), Path("out").c_str()), 0);
+    ASSERT_EQ(::symlink((other / "secret").c_str(), Path("out-to-file").c_str()), 0);
     for (const int iLog : {0, 0x3FF}) {
         SetLog(iLog);
         const Listing listing = List(true, 0);
@@ -228,13 +228,13 @@ TEST_F(Nfs3ProgDirectoryTest, LinkThatLeadsNowhereOrOutHasNeitherAttributesNorHa
 }
 
 TEST_F(Nfs3ProgDirectoryTest, DirectoryReachedThroughALinkGivesTheIdsOfItsFiles) {
-    mkdir(Path("a").c_str(), 0755);
-    mkdir(Path("a/dir").c_str(), 0755);
+    ::mkdir(Path("a").c_str(), 0755);
+    ::mkdir(Path("a/dir").c_str(), 0755);
     WriteWholeFile(Path("a/dir/file"), "");
     const std::string sHandle = Handle("a/dir");
     // The host moves it and leaves a link: the handle's path is not the files' own any more.
     ASSERT_EQ(rename(Path("a").c_str(), Path("b").c_str()), 0);
-    ASSERT_EQ(symlink("b", Path("a").c_str()), 0);
+    ASSERT_EQ(::symlink("b", Path("a").c_str()), 0);
     XdrReader reader(CallList(false, sHandle, 0));
     ASSERT_EQ(reader.U32(), 0U);
     ReadPostOpAttr(reader);
@@ -255,16 +255,16 @@ TEST_F(Nfs3ProgDirectoryTest, NamesOfAnyBytesAreListed) {
 TEST_F(Nfs3ProgDirectoryTest, EntryWhosePathDoesNotFitHasNoHandle) {
     // A folder whose path is just short enough, made step by step.
     std::string sDeep = m_Folder.Path();
-    ASSERT_EQ(chdir(sDeep.c_str()), 0);
+    ASSERT_EQ(::chdir(sDeep.c_str()), 0);
     while (sDeep.size() < 4080) {
         const std::string sStep(std::min<std::size_t>(200, 4090 - sDeep.size() - 1), 'd');
-        ASSERT_EQ(mkdir(sStep.c_str(), 0755), 0);
-        ASSERT_EQ(chdir(sStep.c_str()), 0);
+        ASSERT_EQ(::mkdir(sStep.c_str(), 0755), 0);
+        ASSERT_EQ(::chdir(sStep.c_str()), 0);
         sDeep += "/" + sStep;
     }
     const std::string sName(20, 'n');
-    ASSERT_EQ(mkdir(sName.c_str(), 0755), 0);
-    ASSERT_EQ(chdir("/"), 0);
+    ASSERT_EQ(::mkdir(sName.c_str(), 0755), 0);
+    ASSERT_EQ(::chdir("/"), 0);
     const std::string sReply = CallList(true, HandleOfPath(sDeep), 0);
     EXPECT_EQ(Hex(sReply.substr(100)),
               Hex(XdrBuilder().U32(1).U64(0xFFFFFFFFU).Opaque(sName).U64(1).U32(0).U32(0).U32(0).U32(1).Bytes()));
@@ -277,14 +277,14 @@ TEST_F(Nfs3ProgDirectoryTest, ListIsNotEmptyForWantOfADescriptor) {
     // The cache holds the last descriptor there is, and gives it back.
     MakeFiles(3);
     rlimit limit{};
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
-    const int iNext = dup(0);
-    close(iNext);
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+    const int iNext = ::dup(0);
+    ::close(iNext);
     ASSERT_EQ(WordAt(Call(kNfsRead, XdrBuilder().Opaque(Handle("file1")).U64(0).U32(1)), 0), 0U);
     const rlimit lower{static_cast<rlim_t>(iNext) + 1, limit.rlim_max};
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &lower), 0);
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &lower), 0);
     const Listing listing = List(false, 0);
-    setrlimit(RLIMIT_NOFILE, &limit);
+    ::setrlimit(RLIMIT_NOFILE, &limit);
     EXPECT_EQ(listing.vEntries.size(), 3U);
 }
 
@@ -323,7 +323,7 @@ TEST_F(Nfs3ProgDirectoryTest, LinesOfReaddir) {
 
 // An entry's lines come in the order of its reply: ID, name, attributes, handle.
 TEST_F(Nfs3ProgDirectoryTest, LinesOfAnEntry) {
-    mkdir(Path("hello").c_str(), 0755);
+    ::mkdir(Path("hello").c_str(), 0755);
     const std::string sRoot = Handle();
     for (const bool bPlus : {false, true}) {
         const std::string sTag = bPlus ? "[Nfs3Prog.ProcedureREADDIRPLUS] " : "[Nfs3Prog.ProcedureREADDIR] ";
@@ -376,7 +376,7 @@ TEST_F(Nfs3ProgDirectoryTest, WhatStaysIsListedOnceWhileOthersGoAndCome) {
             vsSeen.push_back(entry.sName);
         }
         bEof = listing.bEof;
-        unlink(Path("file" + std::to_string(100 + iCall * 5)).c_str());
+        ::unlink(Path("file" + std::to_string(100 + iCall * 5)).c_str());
         WriteWholeFile(Path("new" + std::to_string(iCall)), "");
         if (iCall == 3) {
             ASSERT_EQ(rename(Path("file1").c_str(), Path("renamed").c_str()), 0);
@@ -397,9 +397,9 @@ TEST_F(Nfs3ProgDirectoryTest, WhatIsGoneWhenItsReplyIsMadeIsNotShown) {
     const Listing first = List(true, 0);
     std::vector<std::string> vsExpected = HostNames();
     vsExpected.erase(vsExpected.begin(), vsExpected.begin() + 10);
-    unlink(Path(vsExpected[3]).c_str());
+    ::unlink(Path(vsExpected[3]).c_str());
     vsExpected.erase(vsExpected.begin() + 3);
-    unlink(Path(first.vEntries[0].sName).c_str());
+    ::unlink(Path(first.vEntries[0].sName).c_str());
     const Listing second = List(true, 10);
     const Listing third = List(true, 20);
     std::vector<std::string> vsSeen;
@@ -441,8 +441,8 @@ TEST_F(Nfs3ProgDirectoryTest, WhatCameMeanwhileFollowsAtTheEnd) {
 TEST_F(Nfs3ProgDirectoryTest, NewListingAfterAnEndedOneIsInTheHostsOrder) {
     MakeFiles(25);
     ListAll(true);
-    unlink(Path("file3").c_str());
-    unlink(Path("file12").c_str());
+    ::unlink(Path("file3").c_str());
+    ::unlink(Path("file12").c_str());
     WriteWholeFile(Path("new"), "");
     EXPECT_EQ(ListAll(true), HostNames());
 }
@@ -458,8 +458,8 @@ TEST_F(Nfs3ProgDirectoryTest, ReplyThatWasLostCanBeHadAgain) {
 
 // A handle names a path; another directory in that place has other entries.
 TEST_F(Nfs3ProgDirectoryTest, DirectoryThatWasReplacedIsReadAnew) {
-    mkdir(Path("dir").c_str(), 0755);
-    mkdir(Path("other").c_str(), 0755);
+    ::mkdir(Path("dir").c_str(), 0755);
+    ::mkdir(Path("other").c_str(), 0755);
     for (int i = 0; i < 25; ++i) {
         WriteWholeFile(Path("dir/a" + std::to_string(i)), "");
         WriteWholeFile(Path("other/b" + std::to_string(i)), "");
@@ -484,7 +484,7 @@ TEST_F(Nfs3ProgDirectoryTest, EachClientGoesOnInItsOwnListing) {
     const std::vector<std::string> vsNames = HostNames();
     List(true, 0);
     for (int i = 0; i < 5; ++i) {
-        unlink(Path(vsNames[static_cast<std::size_t>(i)]).c_str());
+        ::unlink(Path(vsNames[static_cast<std::size_t>(i)]).c_str());
     }
     m_sRemoteAddr = "10.0.0.6";
     EXPECT_EQ(List(true, 10).vEntries.front().sName, vsNames[15])
@@ -508,7 +508,7 @@ TEST_F(Nfs3ProgDirectoryTest, TwoWalksOfOneClientListWhatStaysOnceEach) {
             walk.lCookie = entry.lCookie;
             walk.vsSeen.push_back(entry.sName);
             if (entry.sName.ends_with('7') || entry.sName.ends_with('3')) {
-                unlink(Path(entry.sName).c_str());
+                ::unlink(Path(entry.sName).c_str());
             }
         }
         walk.bEof = listing.bEof;
@@ -537,7 +537,7 @@ TEST_F(Nfs3ProgDirectoryTest, DirectoryWithMoreNamesThanAreKeptIsListedWhole) {
     EXPECT_EQ(ListAll(true), HostNames());
     List(true, 0);
     for (int i = 0; i < 300; ++i) {
-        unlink(Path("file" + std::to_string(i)).c_str());
+        ::unlink(Path("file" + std::to_string(i)).c_str());
     }
     EXPECT_TRUE(List(true, 10).bEof);
 }
@@ -554,7 +554,7 @@ bool FailReadingDirectories() {
         BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
     };
     const sock_fprog program{std::size(vFilter), vFilter};
-    return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
+    return ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
 }
 
 TEST_F(Nfs3ProgDirectoryTest, ReadErrorAnswers5AndNoEntries) {

@@ -16,7 +16,7 @@ protected:
     }
 };
 
-// ==== Links ==========================================================================================================
+// ---- Links
 
 TEST_F(Nfs3ProgEntryTest, RemovalOfALinkLeavesWhatItLeadsTo) {
     WriteWholeFile(Path("file"), "content");
@@ -136,7 +136,7 @@ TEST_F(Nfs3ProgEntryTest, PathInTheLogIsThatOfTheEntry) {
                                        sTag + "Path = " + Path("dir/link"), sTag + "End stat=0"));
 }
 
-// ==== Names of no entry ==============================================================================================
+// ---- Names of no entry
 
 TEST_F(Nfs3ProgEntryTest, NameThatStandsForTheFolderChangesNothing) {
     MakeFolder("sub");
@@ -221,7 +221,7 @@ TEST_F(Nfs3ProgEntryTest, ReadOnlyServerTellsMissingNamesFromOthers) {
     EXPECT_EQ(Create(std::string("new\0", 4)), 13U);
 }
 
-// ==== Folders that hold an export ====================================================================================
+// ---- Folders that hold an export
 
 TEST_F(Nfs3ProgEntryTest, FolderThatHoldsAnExportIsNotRenamed) {
     std::filesystem::create_directories(Path("a/b/export"));
@@ -267,7 +267,7 @@ TEST_F(Nfs3ProgEntryTest, LinkOnTheWayToAnExportIsNotRemoved) {
     EXPECT_TRUE(IsLink("a"));
 }
 
-// ==== The export of another client ===================================================================================
+// ---- The export of another client
 
 /// The fixture's export "data" and a second one, "other", each mounted by a client of its own.
 class Nfs3ProgClientTest : public Nfs3NamesFixture {
@@ -373,7 +373,7 @@ TEST_F(Nfs3ProgClientTest, LinkIntoTheExportOfAnotherClientLeadsNowhere) {
 }
 
 TEST_F(Nfs3ProgClientTest, ListingShowsNothingOfTheExportOfAnotherClient) {
-    unlink(Path("file").c_str());
+    ::unlink(Path("file").c_str());
     Link(m_Other / "file", "link");
     const auto ShowsTarget = [this] {
         XdrReader reader(Call(kNfsReaddirplus, XdrBuilder().Opaque(Handle()).U64(0).U64(0).U32(100).U32(100)));

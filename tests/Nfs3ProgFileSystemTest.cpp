@@ -1,7 +1,7 @@
 // FSSTAT, FSINFO and PATHCONF: replies byte by byte.
-#include <gmock/gmock.h>
-
 #include <sys/statvfs.h>
+
+#include <gmock/gmock.h>
 
 #include "Nfs3ProgFixture.h"
 
@@ -14,7 +14,7 @@ using Nfs3ProgFileSystemTest = Nfs3ProgFixture;
 TEST_F(Nfs3ProgFileSystemTest, FsstatAnswersTheFiguresOfTheHost) {
     const std::string sReply = Call(kNfsFsstat, XdrBuilder().Opaque(Handle()));
     struct statvfs figures {};
-    ASSERT_EQ(statvfs(m_Folder.Path().c_str(), &figures), 0);
+    ASSERT_EQ(::statvfs(m_Folder.Path().c_str(), &figures), 0);
     ASSERT_EQ(sReply.size(), 4U + 88 + 6 * 8 + 4);
     XdrReader reader(sReply);
     EXPECT_EQ(reader.U32(), 0U);
@@ -42,7 +42,7 @@ TEST_F(Nfs3ProgFileSystemTest, FsstatKeepsTheOrderOfItsFigures) {
     std::string sSeen;
     for (int i = 0; i < 100 && (i == 0 || sSeen != sExpected); ++i) {  // others write to that file system meanwhile
         struct statvfs figures {};
-        ASSERT_EQ(statvfs("/usr", &figures), 0);
+        ASSERT_EQ(::statvfs("/usr", &figures), 0);
         sExpected = XdrBuilder()
                         .U64(figures.f_frsize * figures.f_blocks)
                         .U64(figures.f_frsize * figures.f_bfree)

@@ -1,11 +1,11 @@
 // CREATE, MKDIR, REMOVE, RMDIR, RENAME and the refused SYMLINK, MKNOD, LINK: replies byte by byte, and log lines.
-#include <gmock/gmock.h>
+#include <algorithm>
+#include <iterator>
 
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <iterator>
+#include <gmock/gmock.h>
 
 #include "Nfs3ProgFixture.h"
 
@@ -44,15 +44,15 @@ protected:
         EXPECT_EQ(attributes->iType, iType);
         EXPECT_EQ(reader.U64(), 0U) << "nothing of the directory";
     }
-    bool Exists(const std::string& sName) const { return access(Path(sName).c_str(), F_OK) == 0; }
+    bool Exists(const std::string& sName) const { return ::access(Path(sName).c_str(), F_OK) == 0; }
     unsigned int ModeOf(const std::string& sName) const {
         struct stat status {};
-        EXPECT_EQ(stat(Path(sName).c_str(), &status), 0) << sName;
+        EXPECT_EQ(::stat(Path(sName).c_str(), &status), 0) << sName;
         return status.st_mode & 07777U;
     }
 };
 
-// ==== CREATE =========================================================================================================
+// ---- CREATE
 
 TEST_F(Nfs3ProgNamespaceTest, CreateMakesAFileInEveryMode) {
     ExpectMade(Create("unchecked", kUnchecked), "unchecked", 1);
@@ -67,7 +67,7 @@ TEST_F(Nfs3ProgNamespaceTest, GuardedCreateOfAnExistingFileAnswers17) {
     ExpectMade(Create("file", kUnchecked), "file", 1);
     ExpectMade(Create("file", kExclusive), "file", 1);
     EXPECT_EQ(ReadWholeFile(Path("file")), "content");
-    mkdir(Path("dir").c_str(), 0755);
+    ::mkdir(Path("dir").c_str(), 0755);
     ExpectBareFailure(Create("dir", kGuarded), 17, 2);
 }
 
@@ -86,7 +86,7 @@ TEST_F(Nfs3ProgNamespaceTest, CreateInAnyOtherModeAnswers5) {
 }
 
 TEST_F(Nfs3ProgNamespaceTest, CreateThatTheHostRefusesAnswers5) {
-    mkdir(Path("dir").c_str(), 0755);
+    ::mkdir(Path("dir").c_str(), 0755);
     ExpectBareFailure(Create("dir", kUnchecked), 5, 2);
     ExpectBareFailure(Create(std::string(256, 'n'), kUnchecked), 5, 2);
     ExpectBareFailure(Create("missing/file", kUnchecked), 5, 2);
@@ -151,22 +151,22 @@ TEST_F(Nfs3ProgNamespaceTest, AttributesOfCreateAreHandedOn) {
                                     "set_atime=0, atime.sec=0, atime.nsec=0, set_mtime=0, mtime.sec=0, mtime.nsec=0"));
 }
 
-// ==== MKDIR ==========================================================================================================
+// ---- MKDIR
 
 TEST_F(Nfs3ProgNamespaceTest, MkdirWithoutAModeMakes0755) {
-    const mode_t iMask = umask(0);
+    const mode_t iMask = ::umask(0);
     ExpectMade(Mkdir("dir"), "dir", 2);
     ExpectMade(Call(kNfsMkdir, DirOp("other").U32(1).U32(0700).Raw(std::string(20, '\0'))), "other", 2);
-    umask(iMask);
+    ::umask(iMask);
     EXPECT_EQ(ModeOf("dir"), 0755U);
     EXPECT_EQ(ModeOf("other"), 0700U);
 }
 
 // The mode of MKDIR goes to the host as it was sent, unlike that of SETATTR and CREATE.
 TEST_F(Nfs3ProgNamespaceTest, MkdirHandsTheModeOnAsSent) {
-    const mode_t iMask = umask(0);
+    const mode_t iMask = ::umask(0);
     ExpectMade(Call(kNfsMkdir, DirOp("sticky").U32(1).U32(01777).Raw(std::string(20, '\0'))), "sticky", 2);
-    umask(iMask);
+    ::umask(iMask);
     EXPECT_EQ(ModeOf("sticky"), 01777U);
 }
 
@@ -178,7 +178,7 @@ TEST_F(Nfs3ProgNamespaceTest, MkdirOfWhatExistsAnswers5) {
     EXPECT_EQ(ReadWholeFile(Path("file")), "content");
 }
 
-// ==== REMOVE and RMDIR ===============================================================================================
+// ---- REMOVE and RMDIR
 
 TEST_F(Nfs3ProgNamespaceTest, RemoveRemoves) {
     WriteWholeFile(Path("file"), "");
@@ -188,12 +188,12 @@ TEST_F(Nfs3ProgNamespaceTest, RemoveRemoves) {
 }
 
 TEST_F(Nfs3ProgNamespaceTest, RmdirRemovesEmptyDirectories) {
-    mkdir(Path("dir").c_str(), 0755);
+    ::mkdir(Path("dir").c_str(), 0755);
     WriteWholeFile(Path("dir/file"), "");
     ExpectBareFailure(Call(kNfsRmdir, DirOp("dir")), 5, 2);
     ExpectBareFailure(Call(kNfsRemove, DirOp("dir")), 5, 2);
     ExpectBareFailure(Call(kNfsRmdir, DirOp("dir/file")), 5, 2);
-    unlink(Path("dir/file").c_str());
+    ::unlink(Path("dir/file").c_str());
     ExpectBareFailure(Call(kNfsRmdir, DirOp("dir")), 0, 2);
     EXPECT_FALSE(Exists("dir"));
     ExpectBareFailure(Call(kNfsRmdir, DirOp("dir")), 2, 2);
@@ -214,7 +214,7 @@ TEST_F(Nfs3ProgNamespaceTest, RemovalOfARedirectedFileIsToldToTheHost) {
     EXPECT_EQ(m_Log.Notifications()[0].sPath, Path("virtual"));
 }
 
-// ==== RENAME =========================================================================================================
+// ---- RENAME
 
 TEST_F(Nfs3ProgNamespaceTest, RenameKeepsTheHandle) {
     WriteWholeFile(Path("old"), "content");
@@ -239,7 +239,7 @@ TEST_F(Nfs3ProgNamespaceTest, RenameOntoAnExistingFileReplacesIt) {
 
 TEST_F(Nfs3ProgNamespaceTest, RenameOntoItselfSucceedsAndChangesNothing) {
     WriteWholeFile(Path("file"), "content");
-    mkdir(Path("dir").c_str(), 0755);
+    ::mkdir(Path("dir").c_str(), 0755);
     ExpectBareFailure(Rename("file", "file"), 0, 4);
     ExpectBareFailure(Rename("file", "dir/../file"), 0, 4);
     ExpectBareFailure(Rename("dir", "dir"), 0, 4);
@@ -270,11 +270,11 @@ TEST_F(Nfs3ProgNamespaceTest, RenameBetweenExportsCarriesTheSourcesIdentity) {
     EXPECT_STREQ(m_RuntimeParam.GetID(), kExportName);
 }
 
-// ==== Read only ======================================================================================================
+// ---- Read only
 
 TEST_F(Nfs3ProgNamespaceTest, ReadOnlyServerChangesNothing) {
     WriteWholeFile(Path("file"), "content");
-    mkdir(Path("dir").c_str(), 0755);
+    ::mkdir(Path("dir").c_str(), 0755);
     m_Prog.SetReadOnly(true);
     ExpectBareFailure(Create("new", kUnchecked), 13, 2);
     ExpectBareFailure(Create("file", kGuarded), 13, 2);
@@ -291,7 +291,7 @@ TEST_F(Nfs3ProgNamespaceTest, ReadOnlyServerChangesNothing) {
     EXPECT_TRUE(Exists("file") && Exists("dir") && !Exists("new"));
 }
 
-// ==== Log lines of the other procedures ==============================================================================
+// ---- Log lines of the other procedures
 
 TEST_F(Nfs3ProgNamespaceTest, LinesOfMkdir) {
     const std::string sRoot = Handle();
@@ -358,7 +358,7 @@ TEST_F(Nfs3ProgNamespaceTest, ThePathOfACallIsLookedUpInTheLogOnce) {
     EXPECT_EQ(TakeLog(), vsExpected);
 }
 
-// ==== Not served =====================================================================================================
+// ---- Not served
 
 TEST_F(Nfs3ProgNamespaceTest, SymlinkAnswers5) {
     SetLog(CRuntimeParam::kLogError);

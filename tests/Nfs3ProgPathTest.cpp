@@ -1,12 +1,12 @@
 // What of the host a client can reach: nothing outside the exports, whatever names, links and handles it uses.
-#include <gmock/gmock.h>
+#include <filesystem>
 
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <filesystem>
+#include <gmock/gmock.h>
 
 #include "Nfs3NamesFixture.h"
 
@@ -51,7 +51,7 @@ protected:
         EXPECT_EQ(Rename("mine", sName), 0U) << sName;
         EXPECT_EQ(ReadWholeFile(Path(sName)), "mine");
         EXPECT_TRUE(std::filesystem::is_regular_file(std::filesystem::symlink_status(Path(sName)))) << sName;
-        unlink(Path(sName).c_str());
+        ::unlink(Path(sName).c_str());
         Link(sTarget, sName);
     }
 };
@@ -91,7 +91,7 @@ TEST_F(Nfs3ProgPathTest, WhatDanglingLinksLeadToOutsideIsOutOfReach) {
     Link("absolute", "chain");
     Link("../" + std::filesystem::path(m_Outside.Path()).filename().string() + "/./new", "dotted");
     MakeFolder("sub");
-    ASSERT_EQ(symlink(("../" + m_sUp + "/new").c_str(), Path("sub/link").c_str()), 0);
+    ASSERT_EQ(::symlink(("../" + m_sUp + "/new").c_str(), Path("sub/link").c_str()), 0);
     for (const char* pcName : {"absolute/", "absolute/new", "sub/link/", "./chain/"}) {
         ExpectOutOfReach(pcName);
     }
@@ -132,7 +132,7 @@ TEST_F(Nfs3ProgPathTest, DanglingLinkIntoAnotherExportIsFollowed) {
 }
 
 TEST_F(Nfs3ProgPathTest, SlashesWithinTheExportAreAllowed) {
-    mkdir(Path("sub").c_str(), 0755);
+    ::mkdir(Path("sub").c_str(), 0755);
     Link("sub", "link");
     EXPECT_EQ(Create("sub/file"), 0U);
     EXPECT_EQ(Create("link/second"), 0U);
@@ -147,16 +147,16 @@ TEST_F(Nfs3ProgPathTest, SlashesWithinTheExportAreAllowed) {
 }
 
 TEST_F(Nfs3ProgPathTest, RootOfAnExportIsNeitherRemovedNorRenamed) {
-    mkdir(Path("sub").c_str(), 0755);
-    mkdir(Path("inner").c_str(), 0755);
+    ::mkdir(Path("sub").c_str(), 0755);
+    ::mkdir(Path("inner").c_str(), 0755);
     ASSERT_TRUE(m_Utilities.AddMountInfo(&m_RuntimeParam, &m_LogArgu, Path("inner").c_str(), "inner", "", nullptr));
     EXPECT_EQ(Rmdir("inner"), 5U);
     EXPECT_EQ(Remove("inner"), 5U);
     EXPECT_EQ(Rename("inner", "other"), 5U);
     EXPECT_EQ(Rename("sub", "inner"), 5U);
     EXPECT_TRUE(Exists("inner") && Exists("sub"));
-    rmdir(Path("sub").c_str());
-    rmdir(Path("inner").c_str());
+    ::rmdir(Path("sub").c_str());
+    ::rmdir(Path("inner").c_str());
     for (const char* pcName : {".", "", "./."}) {
         EXPECT_EQ(Rmdir(pcName), 5U);
         EXPECT_EQ(Remove(pcName), 5U);
@@ -165,10 +165,10 @@ TEST_F(Nfs3ProgPathTest, RootOfAnExportIsNeitherRemovedNorRenamed) {
     EXPECT_TRUE(std::filesystem::is_directory(m_Folder.Path()));
 }
 
-// ==== Handles ========================================================================================================
+// ---- Handles
 
 TEST_F(Nfs3ProgPathTest, HandleWhoseFolderBecameALinkOutIsOutOfReach) {
-    mkdir(Path("dir").c_str(), 0755);
+    ::mkdir(Path("dir").c_str(), 0755);
     WriteWholeFile(Path("dir/secret"), "inside");
     const std::string sDir = Handle("dir");
     const std::string sFile = Handle("dir/secret");
@@ -195,11 +195,11 @@ TEST_F(Nfs3ProgPathTest, HandleOfALinkThatDangledIsOutOfReachOnceItLeadsOut) {
     WriteWholeFile(sTarget, "secret");
     EXPECT_EQ(Status(kNfsGetattr, XdrBuilder().Opaque(sHandle)), 5U);
     EXPECT_EQ(Status(kNfsRead, XdrBuilder().Opaque(sHandle).U64(0).U32(10)), 5U);
-    unlink(sTarget.c_str());
+    ::unlink(sTarget.c_str());
 }
 
 TEST_F(Nfs3ProgPathTest, HandleThroughALinkWithinTheExportIsServed) {
-    mkdir(Path("dir").c_str(), 0755);
+    ::mkdir(Path("dir").c_str(), 0755);
     WriteWholeFile(Path("dir/file"), "inside");
     const std::string sFile = Handle("dir/file");
     std::filesystem::rename(Path("dir"), Path("moved"));
@@ -227,13 +227,13 @@ TEST_F(Nfs3ProgPathTest, FilesAreFoundWithoutADescriptorToSpare) {
     WriteWholeFile(Path("file"), "content");
     const std::string sHandle = Handle("file");
     rlimit limit{};
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
-    const int iNext = dup(0);
-    close(iNext);
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+    const int iNext = ::dup(0);
+    ::close(iNext);
     const rlimit lower{static_cast<rlim_t>(iNext), limit.rlim_max};
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &lower), 0);
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &lower), 0);
     const unsigned int iStatus = Status(kNfsAccess, XdrBuilder().Opaque(sHandle).U32(1));
-    setrlimit(RLIMIT_NOFILE, &limit);
+    ::setrlimit(RLIMIT_NOFILE, &limit);
     EXPECT_EQ(iStatus, 0U);
 }
 

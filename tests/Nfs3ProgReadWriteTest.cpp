@@ -1,10 +1,10 @@
 // READ, WRITE and COMMIT: replies byte by byte, log lines, and that no byte of another call shows.
-#include <gmock/gmock.h>
+#include <algorithm>
+#include <utility>
 
 #include <unistd.h>
 
-#include <algorithm>
-#include <utility>
+#include <gmock/gmock.h>
 
 #include "Nfs3ProgFixture.h"
 
@@ -54,7 +54,7 @@ protected:
     }
 };
 
-// ==== READ ===========================================================================================================
+// ---- READ
 
 TEST_F(Nfs3ProgReadWriteTest, ReadAnswersTheBytesAndTheirPadding) {
     const std::string sContent = MakeContent(100);
@@ -104,7 +104,7 @@ TEST_F(Nfs3ProgReadWriteTest, CountUpToTheFreeReplyIsTakenAndBeyondItIsRefused) 
 }
 
 TEST_F(Nfs3ProgReadWriteTest, FailedReadAnswers22AndNoByteBehindIt) {
-    mkdir(Path("dir").c_str(), 0755);
+    ::mkdir(Path("dir").c_str(), 0755);
     const std::string sHandle = Handle("dir");
     SetLog(CRuntimeParam::kLogError);
     ExpectBareFailure(Read(sHandle, 5, 10), 22, 1);
@@ -117,7 +117,7 @@ TEST_F(Nfs3ProgReadWriteTest, FailedReadAnswers22AndNoByteBehindIt) {
 
 // What is told is what was asked of the file, not what the client asked for.
 TEST_F(Nfs3ProgReadWriteTest, FailedReadTellsTheLengthItTried) {
-    mkdir(Path("dir").c_str(), 0755);
+    ::mkdir(Path("dir").c_str(), 0755);
     const std::string sHandle = Handle("dir");
     const std::string sTag = "[Nfs3Prog.ProcedureREAD] ";
     for (const auto& [iCount, pcTried] : {std::pair{65535U, "65535"}, {65536U, "65536"}, {100000U, "65536"}}) {
@@ -176,7 +176,7 @@ TEST_F(Nfs3ProgReadWriteTest, RedirectedFileMayAnswerMoreThanAsked) {
     EXPECT_EQ(WordAt(Read(Handle("virtual"), 300000, 1), 0), 0U) << "at its end there is nothing more to fail";
 }
 
-// ==== WRITE ==========================================================================================================
+// ---- WRITE
 
 TEST_F(Nfs3ProgReadWriteTest, WriteStoresAndAnswersFileSync) {
     WriteWholeFile(Path("file"), "0123456789");
@@ -255,7 +255,7 @@ TEST_F(Nfs3ProgReadWriteTest, WriteToNothingKnownAnswers5) {
 }
 
 TEST_F(Nfs3ProgReadWriteTest, FailedWriteAnswers22) {
-    mkdir(Path("dir").c_str(), 0755);
+    ::mkdir(Path("dir").c_str(), 0755);
     const std::string sHandle = Handle("dir");
     SetLog(CRuntimeParam::kLogError);
     ExpectBareFailure(Write(sHandle, 0, 1, "x"), 22, 2);
@@ -291,7 +291,7 @@ TEST_F(Nfs3ProgReadWriteTest, WriteToARedirectedFileIsTheHostsToAnswer) {
 }
 
 TEST_F(Nfs3ProgReadWriteTest, LinesOfFailuresInTheirOrder) {
-    mkdir(Path("dir").c_str(), 0755);
+    ::mkdir(Path("dir").c_str(), 0755);
     const std::string sDir = Handle("dir");
     const std::string sMissing = Handle("missing");
     const std::string sRead = "[Nfs3Prog.ProcedureREAD] ";
@@ -321,7 +321,7 @@ TEST_F(Nfs3ProgReadWriteTest, LinesOfFailuresInTheirOrder) {
                 ElementsAre(sWrite + "Path = " + Path("dir"), sWrite + "Write fail", sWrite + "End stat=13"));
 }
 
-// ==== COMMIT =========================================================================================================
+// ---- COMMIT
 
 TEST_F(Nfs3ProgReadWriteTest, CommitAnswers5) {
     SetLog(CRuntimeParam::kLogError);

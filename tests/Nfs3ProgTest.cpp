@@ -117,7 +117,7 @@ TEST_F(Nfs3ProgTest, CallCutAnywhereIsTruncatedAndChangesNothing) {
     }
     EXPECT_EQ(WordAt(Call(kNfsReaddir, WholeArguments(kNfsReaddir, Handle())), 100), 0U) << "the folder is empty";
     struct stat status {};
-    ASSERT_EQ(stat(m_Folder.Path().c_str(), &status), 0);
+    ASSERT_EQ(::stat(m_Folder.Path().c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777U, 0700U) << "as it was made";
 }
 
@@ -198,7 +198,7 @@ TEST_F(Nfs3ProgTest, WithoutUtilitiesNothingIsAvailable) {
     EXPECT_EQ(prog.Process(&m_Input, &m_Output, &param), kProgNotImplemented);
 }
 
-// ==== Who a call is done for =========================================================================================
+// ---- Who a call is done for
 
 TEST_F(Nfs3ProgTest, CallCarriesTheNameAndIpcIdOfItsExport) {
     Call(kNfsGetattr, XdrBuilder().Opaque(Handle()));
@@ -224,7 +224,7 @@ TEST_F(Nfs3ProgTest, CheckPathOfNoPathIsStale) {
     EXPECT_EQ(m_Prog.CheckPath(&param, &m_LogArgu, m_Folder.Path().c_str(), true), 0U);
 }
 
-// ==== The choice of the program by version ===========================================================================
+// ---- The choice of the program by version
 
 class NfsProgTest : public Nfs3ProgFixture {
 protected:

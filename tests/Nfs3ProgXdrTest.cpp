@@ -1,11 +1,12 @@
 // NFS version 3 types on the wire: every type at its exact size.
-#include <gtest/gtest.h>
+#include "Nfs3Prog.h"
 
 #include <cstring>
 
+#include <gtest/gtest.h>
+
 #include "DataException.h"
 #include "InputStream.h"
-#include "Nfs3Prog.h"
 #include "OutputStream.h"
 #include "Xdr.h"
 

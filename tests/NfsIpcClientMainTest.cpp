@@ -1,12 +1,12 @@
 // The client controller: every operation as a request's bytes, every reply as its result, and the version gates.
 #include "NfsIpcClientMain.h"
 
-#include <gtest/gtest.h>
-
 #include <functional>
 #include <memory>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "IpcPeer.h"
 #include "Isolation.h"
@@ -75,7 +75,7 @@ protected:
     char m_vcReason[kReasonBufferSize] = "";
 };
 
-// ==== Requests as bytes ==============================================================================================
+// ---- Requests as bytes
 
 TEST_F(NfsIpcClientMainTest, RequestsAboutTheServer) {
     Serve("1.4", RawBoolReply(true));
@@ -173,7 +173,7 @@ TEST_F(NfsIpcClientMainTest, NullTextsAreEmpty) {
     ExpectRequest(RawRequest(7, 1296), [&] { m_Client.AddSessionInfo(nullptr, nullptr); });
 }
 
-// ==== Texts at the limits of their fields ============================================================================
+// ---- Texts at the limits of their fields
 
 /// One text of one request: what the field is called, where it is, how long its text may be, and the operation.
 struct TextField {
@@ -303,7 +303,7 @@ TEST_F(NfsIpcClientMainTest, AnIDThatDoesNotFitIsNoOtherPartysID) {
     ExpectRefused([&] { EXPECT_FALSE(m_Client.AddMountPoint("/f", "n", m_vcReason)); });
 }
 
-// ==== Replies as results =============================================================================================
+// ---- Replies as results
 
 TEST_F(NfsIpcClientMainTest, AnExceptionIsAFailureWithItsText) {
     Serve("1.4", RawTextReply(4, "because"));
@@ -357,7 +357,7 @@ TEST_F(NfsIpcClientMainTest, ATextOfTheServerNeverOverrunsTheCallersBuffer) {
     EXPECT_EQ(buffer.cGuard, 'g');
 }
 
-// ==== No server ======================================================================================================
+// ---- No server
 
 TEST_F(NfsIpcClientMainTest, WithoutAServerEveryOperationGivesItsFailureValue) {
     constexpr char kReason[] = "Fail to connect ipc client socket. No such file or directory (2)";
@@ -410,7 +410,7 @@ TEST_F(NfsIpcClientMainTest, AServerThatDiesBetweenRequestAndReplyIsASendFailure
     EXPECT_STREQ(m_vcReason, "Fail to read ipc server reply. Connection reset by peer (104)");
 }
 
-// ==== Version gates ==================================================================================================
+// ---- Version gates
 
 TEST_F(NfsIpcClientMainTest, GatesCompareTheVersionExactly) {
     struct Case {
@@ -534,7 +534,7 @@ TEST_F(NfsIpcClientMainTest, TheStatusOfANewerServerIsItsOwnWord) {
     ExpectRequest(RawRequest(23, 16), [&] { EXPECT_EQ(m_Client.GetServerStatus(), 7); });
 }
 
-// ==== What stays local ===============================================================================================
+// ---- What stays local
 
 TEST_F(NfsIpcClientMainTest, StoppingTheServerSendsNothing) {
     Serve("1.4", RawBoolReply(true));

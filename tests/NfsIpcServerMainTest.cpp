@@ -1,16 +1,16 @@
 // The external server's channel: who may open it, what is said about it, and client and server together.
 #include "NfsIpcServerMain.h"
 
-#include <gtest/gtest.h>
-
-#include <sys/stat.h>
-
 #include <atomic>
 #include <memory>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <sys/stat.h>
+
+#include <gtest/gtest.h>
 
 #include "FakeHost.h"
 #include "FileLogger.h"
@@ -30,7 +30,7 @@ constexpr char kServerChannel[] = "/tmp/nfs-server";
 
 bool Exists(const std::string& sPath) {
     struct stat info {};
-    return lstat(sPath.c_str(), &info) == 0;
+    return ::lstat(sPath.c_str(), &info) == 0;
 }
 
 class NfsIpcServerMainTest : public testing::Test {
@@ -45,7 +45,7 @@ protected:
     char m_vcReason[kReasonBufferSize] = "";
 };
 
-// ==== IDs ============================================================================================================
+// ---- IDs
 
 template <typename Controller>
 std::string InitialReason(const char* pcID) {
@@ -76,7 +76,7 @@ TEST_F(NfsIpcServerMainTest, IDsThatCannotNameAChannelAreRefusedByBothController
     }
 }
 
-// ==== The channel ====================================================================================================
+// ---- The channel
 
 TEST_F(NfsIpcServerMainTest, TellsWhatItIs) {
     CNfsIpcServerMain server("srv", 0);
@@ -159,7 +159,7 @@ TEST_F(NfsIpcServerMainTest, OnlyAMessageReplyTellsThatTheChannelIsHeld) {
 }
 
 TEST_F(NfsIpcServerMainTest, AFailedOpeningIsReportedAndLogged) {
-    ASSERT_EQ(mkdir(kServerChannel, 0755), 0);
+    ASSERT_EQ(::mkdir(kServerChannel, 0755), 0);
     CNfsIpcServerMain server("srv", CRuntimeParam::kLogError);
     testing::internal::CaptureStdout();
     EXPECT_FALSE(server.StartRemoteController(m_vcReason));
@@ -167,7 +167,7 @@ TEST_F(NfsIpcServerMainTest, AFailedOpeningIsReportedAndLogged) {
               "[erro] (srv) [NfsIpcServerMain.StartRemoteController] Fail to start ipc server thread. Reason=Fail to "
               "bind ipc server socket. Address already in use (98)\n");
     EXPECT_STREQ(m_vcReason, "Fail to bind ipc server socket. Address already in use (98)");
-    ASSERT_EQ(rmdir(kServerChannel), 0);
+    ASSERT_EQ(::rmdir(kServerChannel), 0);
 }
 
 TEST_F(NfsIpcServerMainTest, AnIDThatIsTooLongForAChannelFailsCleanly) {
@@ -214,7 +214,7 @@ TEST_F(NfsIpcServerMainTest, ARefusedIDIsRefusedBeforeAnythingIsInitialised) {
     EXPECT_EQ(ReadWholeFile(sLog), "");
 }
 
-// ==== Client and server together =====================================================================================
+// ---- Client and server together
 
 class IpcPairTest : public NfsIpcServerMainTest {
 protected:

@@ -1,5 +1,5 @@
 // What each native method hands to its controller, and what it makes of the answer.
-#include <gtest/gtest.h>
+#include "NfsJNI.h"
 
 #include <chrono>
 #include <cstdint>
@@ -11,10 +11,11 @@
 #include <utility>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "Callback.h"
 #include "FakeJvm.h"
 #include "HostController.h"
-#include "NfsJNI.h"
 #include "NfsMain.h"
 
 namespace {

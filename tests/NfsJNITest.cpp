@@ -1,8 +1,6 @@
 // The native methods on a virtual machine that watches every rule, so that sanitizers can watch the methods.
 #include "NfsJNI.h"
 
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <chrono>
 #include <cstddef>
@@ -13,6 +11,8 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "FakeJvm.h"
 #include "Isolation.h"

@@ -1,13 +1,13 @@
 // CNfsMain: what it hands on to the registries, and under which ID and tag that is logged.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <unistd.h>
-
 #include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
+
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include "Isolation.h"
 #include "RuntimeParam.h"

@@ -1,5 +1,5 @@
 // The order of CNfsMain's virtual operations: hosts built against it call them by their place in the table.
-#include <gtest/gtest.h>
+#include "NfsMain.h"
 
 #include <array>
 #include <bit>
@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "NfsMain.h"
+#include <gtest/gtest.h>
 
 namespace {
 

@@ -1,15 +1,6 @@
 // CNfsMain: the whole server started, driven and stopped through its controller.
 #include "NfsMain.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/resource.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -17,6 +8,15 @@
 #include <functional>
 #include <thread>
 #include <utility>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include "FileLogger.h"
 #include "Isolation.h"
@@ -36,21 +36,22 @@ constexpr int kMountPort = 1058;
 /// Holds a port as another program would, without answering on it.
 class PortHolder {
 public:
-    PortHolder(int iType, int iPort) : m_iSocket(socket(AF_INET, iType | SOCK_CLOEXEC, 0)) {
+    PortHolder(int iType, int iPort) : m_iSocket(::socket(AF_INET, iType | SOCK_CLOEXEC, 0)) {
         const int iOn = 1;
         if (iType == SOCK_STREAM) {
-            setsockopt(m_iSocket, SOL_SOCKET, SO_REUSEADDR, &iOn, sizeof(iOn));  // connections that ended do not count
+            ::setsockopt(m_iSocket, SOL_SOCKET, SO_REUSEADDR, &iOn,
+                         sizeof(iOn));  // connections that ended do not count
         }
         sockaddr_in address{};
         address.sin_family = AF_INET;
         address.sin_port = htons(static_cast<std::uint16_t>(iPort));
         address.sin_addr.s_addr = htonl(INADDR_ANY);
-        EXPECT_EQ(bind(m_iSocket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0) << iPort;
+        EXPECT_EQ(::bind(m_iSocket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0) << iPort;
         if (iType == SOCK_STREAM) {
-            EXPECT_EQ(listen(m_iSocket, 1), 0);
+            EXPECT_EQ(::listen(m_iSocket, 1), 0);
         }
     }
-    ~PortHolder() { close(m_iSocket); }
+    ~PortHolder() { ::close(m_iSocket); }
     PortHolder(const PortHolder&) = delete;
     PortHolder& operator=(const PortHolder&) = delete;
 
@@ -60,16 +61,16 @@ private:
 
 /// True if nobody listens on the TCP port or has bound the UDP port.
 bool IsPortFree(int iType, int iPort) {
-    const int iSocket = socket(AF_INET, iType | SOCK_CLOEXEC, 0);
+    const int iSocket = ::socket(AF_INET, iType | SOCK_CLOEXEC, 0);
     const int iOn = 1;
     if (iType == SOCK_STREAM) {
-        setsockopt(iSocket, SOL_SOCKET, SO_REUSEADDR, &iOn, sizeof(iOn));  // connections that ended do not count
+        ::setsockopt(iSocket, SOL_SOCKET, SO_REUSEADDR, &iOn, sizeof(iOn));  // connections that ended do not count
     }
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<std::uint16_t>(iPort));
-    const bool bFree = bind(iSocket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
-    close(iSocket);
+    const bool bFree = ::bind(iSocket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+    ::close(iSocket);
     return bFree;
 }
 
@@ -131,7 +132,7 @@ protected:
     std::unique_ptr<CNfsMain> m_pMain;
 };
 
-// ==== Life and status ================================================================================================
+// ---- Life and status
 
 TEST_F(NfsMainTest, DescribesItselfAsTheInternalServer) {
     char vcText[256] = "";
@@ -190,7 +191,7 @@ TEST_F(NfsMainTest, RemoteControllerOnlySaysThatThereIsNone) {
                             "internal server mode."));
 }
 
-// ==== Start and stop =================================================================================================
+// ---- Start and stop
 
 TEST_F(NfsMainTest, DefaultPortsAreServedByTcpAndUdpAndNamedByThePortmapper) {
     ASSERT_TRUE(Start()) << m_vcReason << m_Log.Dump();
@@ -392,7 +393,7 @@ TEST_F(NfsMainTest, DestructionUnmountsNoDatastores) {
     EXPECT_THAT(m_Log.Texts(), IsEmpty());
 }
 
-// ==== Connection limits ==============================================================================================
+// ---- Connection limits
 
 struct Limit {
     int iPort;
@@ -418,7 +419,7 @@ protected:
     /// In a process of its own.
     void ConnectOnceTooOften() {
         const rlimit noCore{0, 0};
-        setrlimit(RLIMIT_CORE, &noCore);
+        ::setrlimit(RLIMIT_CORE, &noCore);
         EXPECT_TRUE(Start()) << m_vcReason;
         const auto vpClients = Connect(GetParam().nConnections);
         const RpcClient oneMore(Transport::kTcp, GetParam().iPort);
@@ -449,7 +450,7 @@ const auto kLimitName = [](const testing::TestParamInfo<Limit>& param) {
 INSTANTIATE_TEST_SUITE_P(Ports, NfsMainLimitTest, kLimits, kLimitName);
 INSTANTIATE_TEST_SUITE_P(Ports, NfsMainLimitDeathTest, kLimits, kLimitName);
 
-// ==== Failing starts =================================================================================================
+// ---- Failing starts
 
 struct TakenPort {
     const char* pcName;
@@ -558,7 +559,7 @@ TEST_F(NfsMainTest, FailedStartEmptiesTheRegistriesAsAStopDoes) {
     EXPECT_EQ(m_pMain->GetMountInfo(false, false), 0);
 }
 
-// ==== Log lines ======================================================================================================
+// ---- Log lines
 
 TEST_F(NfsMainTest, LifecycleLinesGoOutInOrderWithAFileLoggerWhateverTheLogBits) {
     const TempFolder folder;
@@ -654,7 +655,7 @@ TEST_F(NfsMainTest, MountPointAddedByARemotePartyCarriesItsIpcId) {
     EXPECT_EQ(info.sIcpID, "");
 }
 
-// ==== Several threads ================================================================================================
+// ---- Several threads
 
 TEST_F(NfsMainTest, StartAndStopFromManyThreadsNeverOverlap) {
     std::vector<std::thread> vThreads;
@@ -718,7 +719,7 @@ TEST_F(NfsMainTest, LogControlDoesNotWaitForAStopThatWaitsForTheHost) {
     EXPECT_EQ(m_Log.Notifications().size(), 1U);
 }
 
-// ==== The fixture that others use ====================================================================================
+// ---- The fixture that others use
 
 using ServerFixtureTest = ServerFixture;
 

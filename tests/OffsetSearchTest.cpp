@@ -1,13 +1,13 @@
 // Finding a place among offsets: the result is that of counting, however the offsets lie.
 #include "OffsetSearch.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <random>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "Segment.h"
 

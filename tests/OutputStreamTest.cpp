@@ -1,11 +1,11 @@
 // Encoding and buffer management of COutputStream.
 #include "OutputStream.h"
 
-#include <gtest/gtest.h>
-
 #include <climits>
 #include <string>
 #include <string_view>
+
+#include <gtest/gtest.h>
 
 namespace {
 

@@ -1,11 +1,12 @@
 // Looking for paths without following links: the answer is what resolving them says.
 #include "PathProbe.h"
 
-#include <gtest/gtest.h>
+#include <string>
+
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <string>
+#include <gtest/gtest.h>
 
 #include "TempFolder.h"
 
@@ -14,10 +15,10 @@ namespace {
 class PathProbeTest : public testing::Test {
 protected:
     void SetUp() override {
-        ASSERT_EQ(mkdir((m_Folder / "d").c_str(), 0755), 0);
+        ASSERT_EQ(::mkdir((m_Folder / "d").c_str(), 0755), 0);
         WriteWholeFile(m_Folder / "d/f", "");
-        ASSERT_EQ(symlink("d", (m_Folder / "link").c_str()), 0);
-        ASSERT_EQ(symlink("nowhere", (m_Folder / "dangling").c_str()), 0);
+        ASSERT_EQ(::symlink("d", (m_Folder / "link").c_str()), 0);
+        ASSERT_EQ(::symlink("nowhere", (m_Folder / "dangling").c_str()), 0);
     }
     Finding Find(const std::string& sPath) const { return FindWithoutLinks((m_Folder / sPath).c_str()); }
 
@@ -44,7 +45,7 @@ TEST_F(PathProbeTest, StatusIsThatOfLstatWhereThePathIsFound) {
         FoundStatus found;
         struct stat expected {};
         EXPECT_EQ(FindWithoutLinks((m_Folder / pcPath).c_str(), &found), Finding::kFound);
-        ASSERT_EQ(lstat((m_Folder / pcPath).c_str(), &expected), 0);
+        ASSERT_EQ(::lstat((m_Folder / pcPath).c_str(), &expected), 0);
         EXPECT_TRUE(found.bKnown);
         EXPECT_EQ(found.status.st_ino, expected.st_ino);
         EXPECT_EQ(found.status.st_dev, expected.st_dev);
@@ -60,11 +61,11 @@ TEST_F(PathProbeTest, StatusIsThatOfLstatWhereThePathIsFound) {
 }
 
 TEST_F(PathProbeTest, NoDescriptorIsLeft) {
-    const int iBefore = dup(0);
-    close(iBefore);
+    const int iBefore = ::dup(0);
+    ::close(iBefore);
     Find("d/f");
-    const int iAfter = dup(0);
-    close(iAfter);
+    const int iAfter = ::dup(0);
+    ::close(iAfter);
     EXPECT_EQ(iAfter, iBefore);
 }
 

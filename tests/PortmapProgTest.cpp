@@ -1,10 +1,10 @@
 // The internal portmapper's answers.
 #include "PortmapProg.h"
 
-#include <gtest/gtest.h>
-
 #include <cstring>
 #include <string>
+
+#include <gtest/gtest.h>
 
 #include "InputStream.h"
 #include "LogCapture.h"

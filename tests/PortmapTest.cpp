@@ -1,14 +1,6 @@
 // Registration with a real portmapper, started for the test in the test's own network.
 #include "Portmap.h"
 
-#include <gtest/gtest.h>
-
-#include <netinet/in.h>
-#include <sys/resource.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
@@ -17,6 +9,14 @@
 #include <sstream>
 #include <string>
 #include <vector>
+
+#include <netinet/in.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
 
 #include "ChildProcess.h"
 #include "Descriptor.h"
@@ -85,24 +85,24 @@ protected:
         if (IsSkipped()) {
             return;
         }
-        if (access(kRpcbind, X_OK) != 0 || access(kRpcinfo, X_OK) != 0) {
+        if (::access(kRpcbind, X_OK) != 0 || ::access(kRpcinfo, X_OK) != 0) {
             GTEST_SKIP() << "needs the package rpcbind";
         }
         if (!HasEveryUser()) {
             GTEST_SKIP() << "needs root: rpcbind changes to a user of its own";
         }
-        mkdir("/run/rpcbind", 0755);
+        ::mkdir("/run/rpcbind", 0755);
         m_pRpcbind = std::make_unique<ChildProcess>(std::vector<std::string>{kRpcbind, "-f"});
         ASSERT_TRUE(WaitUntil([] { return !Rpcinfo().empty(); })) << m_pRpcbind->Output();
     }
 
     void TearDown() override {
         m_pRpcbind.reset();
-        unlink("/run/rpcbind.sock");
-        unlink("/run/rpcbind.lock");
-        unlink("/run/rpcbind/rpcbind.xdr");
-        unlink("/run/rpcbind/portmap.xdr");
-        rmdir("/run/rpcbind");
+        ::unlink("/run/rpcbind.sock");
+        ::unlink("/run/rpcbind.lock");
+        ::unlink("/run/rpcbind/rpcbind.xdr");
+        ::unlink("/run/rpcbind/portmap.xdr");
+        ::rmdir("/run/rpcbind");
     }
 
 private:
@@ -120,7 +120,7 @@ private:
 
 }  // namespace
 
-// ---- Without a portmapper ----
+// ---- Without a portmapper
 
 TEST_F(PortmapTest, WithPort111FreeNoneRunsAndNothingIsLeftOpen) {
     CPortmap portmap(&m_Utilities, &m_RuntimeParam);
@@ -185,11 +185,11 @@ TEST_F(PortmapTest, WithoutDescriptorsNoneCountsAsRunning) {
     int iPort = 111;
     ASSERT_TRUE(holder.BindToPort(&iPort));
     rlimit before{};
-    getrlimit(RLIMIT_NOFILE, &before);
+    ::getrlimit(RLIMIT_NOFILE, &before);
     const rlimit none{0, before.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &none);
+    ::setrlimit(RLIMIT_NOFILE, &none);
     CPortmap portmap(&m_Utilities, &m_RuntimeParam);
-    setrlimit(RLIMIT_NOFILE, &before);
+    ::setrlimit(RLIMIT_NOFILE, &before);
     EXPECT_FALSE(portmap.IsRunning()) << "the port could not be tried";
     EXPECT_TRUE(m_Log.Lines().empty()) << m_Log.Dump();
 }
@@ -200,16 +200,16 @@ TEST_F(PortmapTest, WithSocketZeroAndNoDescriptorTheRegistrationFailsWithItsReas
     ASSERT_TRUE(holder.BindToPort(&iPort));
     CPortmap portmap(&m_Utilities, &m_RuntimeParam);
     rlimit before{};
-    getrlimit(RLIMIT_NOFILE, &before);
+    ::getrlimit(RLIMIT_NOFILE, &before);
     const rlimit none{0, before.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &none);
+    ::setrlimit(RLIMIT_NOFILE, &none);
     const bool bRegistered = portmap.Register(100003, 3, 0, 2050, m_cStatus);
-    setrlimit(RLIMIT_NOFILE, &before);
+    ::setrlimit(RLIMIT_NOFILE, &before);
     EXPECT_FALSE(bRegistered);
     EXPECT_STREQ(m_cStatus, "Fail to opening register socket for port 2050. Reason=Error opening socket for port 2050");
 }
 
-// ---- With the system's portmapper ----
+// ---- With the system's portmapper
 
 TEST_F(PortmapAndRpcbindTest, ProgramsAreListedForTcpAndUdpUntilTheyAreUnregistered) {
     CPortmap portmap(&m_Utilities, &m_RuntimeParam);

@@ -1,11 +1,11 @@
 // Reasons in the buffers of callers.
 #include "Reason.h"
 
-#include <gtest/gtest.h>
-
 #include <cerrno>
 #include <cstring>
 #include <string>
+
+#include <gtest/gtest.h>
 
 TEST(Reason, IsFormattedIntoTheBuffer) {
     char cStatus[kReasonBufferSize] = "";

@@ -1,8 +1,6 @@
 // CRedirectedFile: closing, also while reads are under way.
 #include "RedirectedFile.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <atomic>
 #include <string>
@@ -10,13 +8,15 @@
 #include <utility>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "RedirectedFileFixture.h"
 
 namespace {
 
 class RedirectedFileCloseTest : public RedirectedFileFixture {};
 
-// ---- Closing -----------------------------------------------------------------------------------------------------
+// ---- Closing
 
 TEST_F(RedirectedFileCloseTest, CloseClosesInfoFileAndSourcesOnce) {
     OpenWithInfoFile(200);

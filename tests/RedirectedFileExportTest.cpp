@@ -1,11 +1,13 @@
 // CRedirectedFile: content and map written to files.
-#include <gtest/gtest.h>
-#include <unistd.h>
+#include "RedirectedFile.h"
 
 #include <string>
 
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
 #include "LogCapture.h"
-#include "RedirectedFile.h"
 #include "TempFolder.h"
 
 namespace {
@@ -207,7 +209,7 @@ TEST_F(RedirectedFileExportTest, OwnSourceAndOwnInfoFileAreNeverOverwritten) {
     EXPECT_TRUE(ReadWholeFile(Source()) == m_sContent);
 }
 
-// ---- The map -----------------------------------------------------------------------------------------------------
+// ---- The map
 
 TEST_F(RedirectedFileExportTest, DumpWithoutCheckPointsBeginsWithTheSegments) {
     m_File.Open(&m_Param, 1000, 2, nullptr, 0, 0);

@@ -1,13 +1,14 @@
 // CRedirectedFile: lookups and reads, of a map in memory and through an info file.
 #include "RedirectedFile.h"
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <unistd.h>
-
 #include <climits>
 #include <string>
 #include <vector>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
 
 #include "RedirectedFileFixture.h"
 
@@ -15,7 +16,7 @@ namespace {
 
 class RedirectedFileReadTest : public RedirectedFileFixture {};
 
-// ---- Reading -----------------------------------------------------------------------------------------------------
+// ---- Reading
 
 TEST_F(RedirectedFileReadTest, FileWithoutSegmentsReadsAsZerosUntilAReadReachedTheEnd) {
     OpenInMemory(100);
@@ -229,7 +230,7 @@ TEST_F(RedirectedFileReadTest, EmptySegmentsCoverNothingAndArePassedOver) {
     EXPECT_EQ(Read(100, 10).sData, SourceBytes('B', 500, 10));
 }
 
-// ---- Reading through an info file --------------------------------------------------------------------------------
+// ---- Reading through an info file
 
 TEST_F(RedirectedFileReadTest, InfoFileReadsAsTheMapInMemoryDoes) {
     OpenWithInfoFile(400);

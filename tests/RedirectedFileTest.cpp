@@ -1,12 +1,13 @@
 // CRedirectedFile: opening, adding segments, odd values, the wrappers.
 #include "RedirectedFile.h"
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <unistd.h>
-
 #include <climits>
 #include <string>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
 
 #include "RedirectedFileFixture.h"
 
@@ -14,7 +15,7 @@ namespace {
 
 class RedirectedFileTest : public RedirectedFileFixture {};
 
-// ---- Opening and adding ------------------------------------------------------------------------------------------
+// ---- Opening and adding
 
 TEST_F(RedirectedFileTest, OpenLogsIdSizeAndInfoFile) {
     OpenWithInfoFile(4711);
@@ -156,7 +157,7 @@ TEST_F(RedirectedFileTest, CheckPointMemoryOfATebibyteStaysFarBelowAMebibyte) {
     EXPECT_LT(m_File.GetMapMemory(), 64U * 1024);
 }
 
-// ---- Odd values --------------------------------------------------------------------------------------------------
+// ---- Odd values
 
 TEST_F(RedirectedFileTest, NegativeAndZeroSizesRefuseSegmentsAndReads) {
     for (const long long iSize : {0LL, -1LL, LLONG_MIN}) {
@@ -219,7 +220,7 @@ TEST_F(RedirectedFileTest, HugePieceSizesDoNotOverflow) {
     EXPECT_EQ(Read(100, 10).sData, SourceBytes('A', 100, 10));
 }
 
-// ---- The wrappers ------------------------------------------------------------------------------------------------
+// ---- The wrappers
 
 TEST_F(RedirectedFileTest, WrappersTakeTheMissingDescriptorForASourceOfZeros) {
     LogArgu logArgu{"test"};

@@ -1,5 +1,10 @@
 // Opening regular files, and nothing else, by path.
-#include <gtest/gtest.h>
+#include "RegularFile.h"
+
+#include <atomic>
+#include <cerrno>
+#include <string>
+#include <thread>
 
 #include <fcntl.h>
 #include <sys/inotify.h>
@@ -8,14 +13,10 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <cerrno>
-#include <string>
-#include <thread>
+#include <gtest/gtest.h>
 
 #include "Descriptor.h"
 #include "LeakGuard.h"
-#include "RegularFile.h"
 #include "TempFolder.h"
 
 namespace {

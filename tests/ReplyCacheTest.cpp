@@ -1,9 +1,9 @@
 // Replies to repeated datagrams: what is found again, how long, and how much is kept.
 #include "ReplyCache.h"
 
-#include <gtest/gtest.h>
-
 #include <string>
+
+#include <gtest/gtest.h>
 
 namespace {
 

@@ -1,10 +1,10 @@
 // Calls that come in pieces, what stands in their data, records and fragments, and heads that lie.
-#include <gtest/gtest.h>
-
 #include <chrono>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "RpcServerFixture.h"
 #include "SocketDoubles.h"
@@ -200,7 +200,7 @@ TEST_F(RpcServerRecordTest, ACallOfAMegabyteInSmallPiecesCostsNoMoreThanInOne) {
     EXPECT_LT(std::chrono::steady_clock::now() - start, 20s);
 }
 
-// ==== Hostile headers ============================================================================================
+// ---- Hostile headers
 
 // Who is called with what is known when the credential and the verifier have come to their ends.
 TEST_F(RpcServerRecordTest, ACallReachesItsProgramWhenAllOfItsHeadHasComeAndNotBefore) {

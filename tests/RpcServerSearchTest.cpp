@@ -1,8 +1,8 @@
 // Where a call begins among bytes that are none.
-#include <gtest/gtest.h>
-
 #include <chrono>
 #include <string>
+
+#include <gtest/gtest.h>
 
 #include "RpcServerFixture.h"
 
@@ -12,7 +12,7 @@ using namespace std::chrono_literals;
 
 class RpcServerSearchTest : public RpcServerFixture {};
 
-// ==== The scanner ================================================================================================
+// ---- The scanner
 
 TEST_F(RpcServerSearchTest, GarbageInFrontOfACallIsSkipped) {
     Open();

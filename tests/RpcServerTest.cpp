@@ -1,10 +1,10 @@
 // Calls in, replies out: byte for byte through real sockets.
-#include <gtest/gtest.h>
-
 #include <chrono>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "RpcServerFixture.h"
 
@@ -14,7 +14,7 @@ using namespace std::chrono_literals;
 
 class RpcServerTest : public RpcServerFixture {};
 
-// ==== Replies ====================================================================================================
+// ---- Replies
 
 TEST_F(RpcServerTest, AReplyCarriesXidVerifierAndStatusAndInAStreamItsMark) {
     Open();
@@ -175,7 +175,7 @@ TEST_F(RpcServerTest, ProgramsOutsideTheTableAreNotRegistered) {
     EXPECT_EQ(other.nCalls.load(), 0);
 }
 
-// ==== Calls in pieces and calls together =========================================================================
+// ---- Calls in pieces and calls together
 
 TEST_F(RpcServerTest, TwoCallsInOneReceiveGetTwoRepliesInOrder) {
     Open();
@@ -301,7 +301,7 @@ TEST_F(RpcServerTest, ATruncatedDatagramIsNeverAnsweredAndHarmsNothing) {
     EXPECT_TRUE(m_pUdp->StaysSilent(kSilence));
 }
 
-// ==== Repeated datagrams =========================================================================================
+// ---- Repeated datagrams
 
 TEST_F(RpcServerTest, ARepeatedDatagramOfAModifyingProcedureGetsTheEarlierReplyAgain) {
     Open();
@@ -345,7 +345,7 @@ TEST_F(RpcServerTest, ATruncatedDatagramLeavesNoReplyToRepeat) {
     EXPECT_EQ(Hex(m_pUdp->Receive()), Hex(Reply(0, XdrBuilder().Opaque("abcd").U32(3).Bytes(), 1)));
 }
 
-// ==== Logging ====================================================================================================
+// ---- Logging
 
 TEST_F(RpcServerTest, RpcLoggingTellsBufferHeaderAndReply) {
     Open();
@@ -457,7 +457,7 @@ TEST_F(RpcServerTest, TheLogControlIsTakenFromTheController) {
     m_Udp.Close();
 }
 
-// ==== Several clients ============================================================================================
+// ---- Several clients
 
 TEST_F(RpcServerTest, CallsOfAllClientsRunOneAtATime) {
     std::atomic<int> nRunning{0};

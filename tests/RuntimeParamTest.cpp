@@ -1,10 +1,10 @@
 // The requester's identity and log categories.
 #include "RuntimeParam.h"
 
-#include <gtest/gtest.h>
-
 #include <climits>
 #include <string>
+
+#include <gtest/gtest.h>
 
 namespace {
 

@@ -1,11 +1,11 @@
 // The in-memory list of a redirected file's segments.
-#include <gtest/gtest.h>
+#include "SegmentList.h"
 
 #include <cstdint>
 #include <random>
 #include <vector>
 
-#include "SegmentList.h"
+#include <gtest/gtest.h>
 
 namespace {
 

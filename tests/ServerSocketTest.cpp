@@ -1,15 +1,6 @@
 // The TCP listener: accepting, the connection limit, closing.
 #include "ServerSocket.h"
 
-#include <gtest/gtest.h>
-
-#include <fcntl.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <sys/resource.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <array>
 #include <chrono>
 #include <cstring>
@@ -19,6 +10,15 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
 
 #include "Descriptor.h"
 #include "LeakGuard.h"
@@ -50,15 +50,15 @@ protected:
         server.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         server.sin_port = htons(static_cast<in_port_t>(m_Server.GetPort()));
         char cBytes[5];
-        return connect(iSocket, reinterpret_cast<sockaddr*>(&server), sizeof(server)) == 0 &&
-               send(iSocket, "hello", 5, MSG_NOSIGNAL) == 5 && recv(iSocket, cBytes, 5, MSG_WAITALL) == 5 &&
+        return ::connect(iSocket, reinterpret_cast<sockaddr*>(&server), sizeof(server)) == 0 &&
+               ::send(iSocket, "hello", 5, MSG_NOSIGNAL) == 5 && ::recv(iSocket, cBytes, 5, MSG_WAITALL) == 5 &&
                std::memcmp(cBytes, "hello", 5) == 0;
     }
 
     /// In a process of its own: two connections are allowed, a third follows.
     void ConnectOnceTooOften() {
         const rlimit noCore{0, 0};
-        setrlimit(RLIMIT_CORE, &noCore);
+        ::setrlimit(RLIMIT_CORE, &noCore);
         Open(2);
         const auto pFirst = Connect();
         const auto pSecond = Connect();
@@ -72,12 +72,12 @@ protected:
     static int FindServerEnd(const RpcClient& client) {
         sockaddr_in own{};
         socklen_t nLength = sizeof(own);
-        getsockname(client.GetSocket(), reinterpret_cast<sockaddr*>(&own), &nLength);
+        ::getsockname(client.GetSocket(), reinterpret_cast<sockaddr*>(&own), &nLength);
         for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
             const int iSocket = std::stoi(entry.path().filename().string());
             sockaddr_in peer{};
             nLength = sizeof(peer);
-            if (getpeername(iSocket, reinterpret_cast<sockaddr*>(&peer), &nLength) == 0 &&
+            if (::getpeername(iSocket, reinterpret_cast<sockaddr*>(&peer), &nLength) == 0 &&
                 peer.sin_port == own.sin_port && iSocket != client.GetSocket()) {
                 return iSocket;
             }
@@ -88,7 +88,7 @@ protected:
     static int Option(int iSocket, int iLevel, int iOption) {
         int iValue = -1;
         socklen_t nLength = sizeof(iValue);
-        getsockopt(iSocket, iLevel, iOption, &iValue, &nLength);
+        ::getsockopt(iSocket, iLevel, iOption, &iValue, &nLength);
         return iValue;
     }
 
@@ -197,11 +197,11 @@ TEST_F(ServerSocketTest, APortInUseFailsWithTheSystemsReason) {
 
 TEST_F(ServerSocketTest, WithoutDescriptorsOpeningFailsWithTheSystemsReason) {
     rlimit before{};
-    getrlimit(RLIMIT_NOFILE, &before);
+    ::getrlimit(RLIMIT_NOFILE, &before);
     const rlimit none{0, before.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &none);
+    ::setrlimit(RLIMIT_NOFILE, &none);
     const bool bOpen = m_Server.Open(100003, 0, 1, nullptr, m_cStatus);
-    setrlimit(RLIMIT_NOFILE, &before);
+    ::setrlimit(RLIMIT_NOFILE, &before);
     EXPECT_FALSE(bOpen);
     EXPECT_STREQ(m_cStatus, "Fail to create server socket. Too many open files (24)");
 }
@@ -237,8 +237,8 @@ TEST_F(ServerSocketTest, ConnectionsSendAtOnceAndNoticeAVanishedPeer) {
     EXPECT_EQ(Option(iSocket, IPPROTO_TCP, TCP_KEEPIDLE), 60);
     EXPECT_EQ(Option(iSocket, IPPROTO_TCP, TCP_KEEPCNT), 5);
     EXPECT_EQ(Option(iSocket, IPPROTO_TCP, TCP_KEEPINTVL), 10);
-    EXPECT_TRUE(fcntl(iSocket, F_GETFD) & FD_CLOEXEC);
-    EXPECT_TRUE(fcntl(m_Server.GetSocket(), F_GETFD) & FD_CLOEXEC);
+    EXPECT_TRUE(::fcntl(iSocket, F_GETFD) & FD_CLOEXEC);
+    EXPECT_TRUE(::fcntl(m_Server.GetSocket(), F_GETFD) & FD_CLOEXEC);
 }
 
 TEST_F(ServerSocketTest, TheListenerIsToldThePeerAndTheProgram) {
@@ -255,17 +255,17 @@ TEST_F(ServerSocketTest, TheListenerIsToldThePeerAndTheProgram) {
     RpcClient client(Transport::kTcp, m_Server.GetPort(), "127.0.0.7");
     sockaddr_in own{};
     socklen_t nLength = sizeof(own);
-    getsockname(client.GetSocket(), reinterpret_cast<sockaddr*>(&own), &nLength);
+    ::getsockname(client.GetSocket(), reinterpret_cast<sockaddr*>(&own), &nLength);
     client.Send("x");
     const std::string sExpected = "127.0.0.7 " + std::to_string(ntohs(own.sin_port)) + " 100003 1";
     EXPECT_EQ(client.ReceiveBytes(sExpected.size()), sExpected);
 }
 
-// ---- A process without standard input ----
+// ---- A process without standard input
 
 TEST_F(ServerSocketTest, WithStandardInputClosedBeforeOpeningEveryConnectionIsServed) {
-    const CDescriptor saved(fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 100));
-    close(STDIN_FILENO);
+    const CDescriptor saved(::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 100));
+    ::close(STDIN_FILENO);
     Open(1);
     EXPECT_GE(m_Server.GetSocket(), 3);
     {
@@ -273,8 +273,8 @@ TEST_F(ServerSocketTest, WithStandardInputClosedBeforeOpeningEveryConnectionIsSe
         ExpectServed(client);
     }
     m_Server.Close();
-    EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1) << "the number is given back";
-    dup2(saved.Get(), STDIN_FILENO);
+    EXPECT_EQ(::fcntl(STDIN_FILENO, F_GETFD), -1) << "the number is given back";
+    ::dup2(saved.Get(), STDIN_FILENO);
 }
 
 TEST_F(ServerSocketTest, AConnectionAcceptedAsDescriptorZeroIsNoneAndTheNextOneIsServed) {
@@ -283,36 +283,36 @@ TEST_F(ServerSocketTest, AConnectionAcceptedAsDescriptorZeroIsNoneAndTheNextOneI
     const CDescriptor before = CDescriptor::OpenSocket(SOCK_STREAM);
     const CDescriptor zero = CDescriptor::OpenSocket(SOCK_STREAM);
     const CDescriptor next = CDescriptor::OpenSocket(SOCK_STREAM);
-    const CDescriptor saved(fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 100));
-    close(STDIN_FILENO);
+    const CDescriptor saved(::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 100));
+    ::close(STDIN_FILENO);
     // The system may have given the waiting accept its number already; then the one after it gets 0.
     const bool bFirst = IsServed(before.Get());
     const bool bSecond = IsServed(zero.Get());
     EXPECT_NE(bFirst, bSecond) << "one of them is not served and learns it";
-    EXPECT_NE(fcntl(STDIN_FILENO, F_GETFD), -1) << "the descriptor is not closed meanwhile";
+    EXPECT_NE(::fcntl(STDIN_FILENO, F_GETFD), -1) << "the descriptor is not closed meanwhile";
     EXPECT_TRUE(IsServed(next.Get()));
     m_Server.Close();
-    EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1) << "and does not leak";
-    dup2(saved.Get(), STDIN_FILENO);
+    EXPECT_EQ(::fcntl(STDIN_FILENO, F_GETFD), -1) << "and does not leak";
+    ::dup2(saved.Get(), STDIN_FILENO);
 }
 
 TEST_F(ServerSocketTest, ConnectionsNeverTakeStandardOutputsNumber) {
     Open(2);
     const CDescriptor before = CDescriptor::OpenSocket(SOCK_STREAM);
     const CDescriptor client = CDescriptor::OpenSocket(SOCK_STREAM);
-    const CDescriptor saved(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 100));
-    close(STDOUT_FILENO);
+    const CDescriptor saved(::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 100));
+    ::close(STDOUT_FILENO);
     const bool bFirst = IsServed(before.Get());
     const bool bSecond = IsServed(client.Get());
     m_Server.Close();
-    const bool bFree = fcntl(STDOUT_FILENO, F_GETFD) == -1;
-    dup2(saved.Get(), STDOUT_FILENO);
+    const bool bFree = ::fcntl(STDOUT_FILENO, F_GETFD) == -1;
+    ::dup2(saved.Get(), STDOUT_FILENO);
     EXPECT_TRUE(bFirst);
     EXPECT_TRUE(bSecond);
     EXPECT_TRUE(bFree);
 }
 
-// ---- A process without descriptors ----
+// ---- A process without descriptors
 
 TEST_F(ServerSocketTest, AcceptingOutOfDescriptorsFreesCachedFiles) {
     TempFolder folder;
@@ -328,14 +328,14 @@ TEST_F(ServerSocketTest, AcceptingOutOfDescriptorsFreesCachedFiles) {
         WriteWholeFile(sPath, "x");
         ASSERT_TRUE(utilities.GetCachedFileHandle(&runtimeParam, &logArgu, sPath.c_str(), false).IsOpen());
     }
-    const CDescriptor next(fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3));  // the lowest free number
+    const CDescriptor next(::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3));  // the lowest free number
     rlimit before{};
-    getrlimit(RLIMIT_NOFILE, &before);
+    ::getrlimit(RLIMIT_NOFILE, &before);
     const rlimit exhausted{static_cast<rlim_t>(next.Get()) + 1, before.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &exhausted);
+    ::setrlimit(RLIMIT_NOFILE, &exhausted);
     const bool bFirst = IsServed(client.Get());  // the system gave the waiting accept its number before
     const bool bSecond = IsServed(second.Get());
-    setrlimit(RLIMIT_NOFILE, &before);
+    ::setrlimit(RLIMIT_NOFILE, &before);
     EXPECT_TRUE(bFirst);
     EXPECT_TRUE(bSecond);
     m_Server.Close();
@@ -346,16 +346,16 @@ TEST_F(ServerSocketTest, AcceptingOutOfDescriptorsCostsNoProcessor) {
     const CDescriptor first = CDescriptor::OpenSocket(SOCK_STREAM);
     const CDescriptor second = CDescriptor::OpenSocket(SOCK_STREAM);
     rlimit before{};
-    getrlimit(RLIMIT_NOFILE, &before);
+    ::getrlimit(RLIMIT_NOFILE, &before);
     const rlimit none{0, before.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &none);
+    ::setrlimit(RLIMIT_NOFILE, &none);
     // The system may have given the waiting accept its number already: one of the two has to wait.
     std::thread client([&] { EXPECT_TRUE(IsServed(first.Get())); });
     std::thread other([&] { EXPECT_TRUE(IsServed(second.Get())); });
     const std::clock_t iUsedBefore = std::clock();
     std::this_thread::sleep_for(1s);  // the time that is measured
     const double fUsed = static_cast<double>(std::clock() - iUsedBefore) / CLOCKS_PER_SEC;
-    setrlimit(RLIMIT_NOFILE, &before);
+    ::setrlimit(RLIMIT_NOFILE, &before);
     client.join();
     other.join();
     EXPECT_LT(fUsed, 0.1) << "seconds of processor time in one second";

@@ -1,9 +1,9 @@
 // What both XDR streams share.
 #include "SocketStream.h"
 
-#include <gtest/gtest.h>
-
 #include <cstring>
+
+#include <gtest/gtest.h>
 
 #include "InputStream.h"
 #include "OutputStream.h"

@@ -1,13 +1,6 @@
 // One socket: receiving, sending, closing.
 #include "Socket.h"
 
-#include <gtest/gtest.h>
-
-#include <fcntl.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -15,6 +8,12 @@
 #include <thread>
 
 #include <arpa/inet.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
 
 #include "Descriptor.h"
 #include "LeakGuard.h"
@@ -33,7 +32,7 @@ protected:
 
     void MakePair() {
         int iEnds[2] = {-1, -1};
-        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, iEnds), 0);
+        EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, iEnds), 0);
         m_iNear = iEnds[0];
         m_Peer = CDescriptor(iEnds[1]);
     }
@@ -41,7 +40,7 @@ protected:
     void SendFromPeer(const std::string& sBytes) {
         std::size_t nSent = 0;
         while (nSent < sBytes.size()) {
-            const ssize_t n = send(m_Peer.Get(), sBytes.data() + nSent, sBytes.size() - nSent, MSG_NOSIGNAL);
+            const ssize_t n = ::send(m_Peer.Get(), sBytes.data() + nSent, sBytes.size() - nSent, MSG_NOSIGNAL);
             if (n <= 0) {
                 return;  // the other end has had enough
             }
@@ -54,8 +53,8 @@ protected:
         std::string sBytes(nBytes, '\0');
         std::size_t nReceived = 0;
         pollfd entry{m_Peer.Get(), POLLIN, 0};
-        while (nReceived < nBytes && poll(&entry, 1, 20000) > 0) {
-            const ssize_t n = recv(m_Peer.Get(), sBytes.data() + nReceived, nBytes - nReceived, 0);
+        while (nReceived<nBytes&& ::poll(&entry, 1, 20000)> 0) {
+            const ssize_t n = ::recv(m_Peer.Get(), sBytes.data() + nReceived, nBytes - nReceived, 0);
             if (n <= 0) {
                 break;
             }
@@ -68,7 +67,7 @@ protected:
     bool IsEndAtPeer() {
         pollfd entry{m_Peer.Get(), POLLIN, 0};
         char cByte = 0;
-        return poll(&entry, 1, 20000) > 0 && recv(m_Peer.Get(), &cByte, 1, 0) <= 0;
+        return ::poll(&entry, 1, 20000) > 0 && ::recv(m_Peer.Get(), &cByte, 1, 0) <= 0;
     }
 
     LeakGuard m_Leaks;
@@ -108,7 +107,7 @@ TEST_F(SocketTest, ThePeerIsGivenAsDottedTextAndHostOrderPort) {
     sockaddr_in peer{};
     peer.sin_family = AF_INET;
     peer.sin_port = htons(1023);
-    inet_pton(AF_INET, "192.168.100.200", &peer.sin_addr);
+    ::inet_pton(AF_INET, "192.168.100.200", &peer.sin_addr);
     CSocket socket(CSocket::kStream, 100003);
     socket.Open(m_iNear, &m_Echo, &peer);
     EXPECT_STREQ(socket.GetRemoteAddress(), "192.168.100.200");
@@ -157,16 +156,16 @@ TEST_F(SocketTest, TheEndOfThePeerEndsTheLoopAndKeepsTheDescriptor) {
     socket.Open(m_iNear, &m_Echo, nullptr);
     m_Peer.Close();
     EXPECT_TRUE(WaitUntil([&] { return !socket.IsActive(); }));
-    EXPECT_NE(fcntl(m_iNear, F_GETFD), -1);
+    EXPECT_NE(::fcntl(m_iNear, F_GETFD), -1);
     socket.Close();
-    EXPECT_EQ(fcntl(m_iNear, F_GETFD), -1);
+    EXPECT_EQ(::fcntl(m_iNear, F_GETFD), -1);
 }
 
 TEST_F(SocketTest, AHalfClosedPeerGetsItsRepliesAndThenTheEnd) {
     CSocket socket(CSocket::kStream, 100003);
     socket.Open(m_iNear, &m_Echo, nullptr);
     SendFromPeer("last");
-    shutdown(m_Peer.Get(), SHUT_WR);
+    ::shutdown(m_Peer.Get(), SHUT_WR);
     EXPECT_EQ(ReceiveAtPeer(4), "last");
     EXPECT_TRUE(IsEndAtPeer());
 }
@@ -277,13 +276,13 @@ TEST_F(SocketTest, CloseWakesABlockedReceiveAndClosesTheDescriptorOnce) {
     socket.Open(m_iNear, &m_Echo, nullptr);
     socket.Close();
     EXPECT_FALSE(socket.IsActive());
-    EXPECT_EQ(fcntl(m_iNear, F_GETFD), -1);
+    EXPECT_EQ(::fcntl(m_iNear, F_GETFD), -1);
     EXPECT_EQ(errno, EBADF);
     // The number is free for others now; closing again must not touch it.
-    const CDescriptor other(fcntl(m_Peer.Get(), F_DUPFD_CLOEXEC, m_iNear));
+    const CDescriptor other(::fcntl(m_Peer.Get(), F_DUPFD_CLOEXEC, m_iNear));
     ASSERT_EQ(other.Get(), m_iNear);
     socket.Close();
-    EXPECT_NE(fcntl(other.Get(), F_GETFD), -1);
+    EXPECT_NE(::fcntl(other.Get(), F_GETFD), -1);
 }
 
 TEST_F(SocketTest, NothingOfAnEarlierConnectionReachesTheNextOne) {
@@ -297,7 +296,7 @@ TEST_F(SocketTest, NothingOfAnEarlierConnectionReachesTheNextOne) {
     socket.Open(m_iNear, &m_Echo, nullptr);
     SendFromPeer("new");
     EXPECT_EQ(ReceiveAtPeer(3), "new");
-    shutdown(m_Peer.Get(), SHUT_WR);
+    ::shutdown(m_Peer.Get(), SHUT_WR);
     EXPECT_TRUE(IsEndAtPeer());
 }
 

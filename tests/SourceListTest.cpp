@@ -1,9 +1,9 @@
 // The numbered source paths of a redirected file.
-#include <gtest/gtest.h>
+#include "SourceList.h"
 
 #include <string>
 
-#include "SourceList.h"
+#include <gtest/gtest.h>
 
 namespace {
 

@@ -1,9 +1,5 @@
 // Shell commands and network-device credentials.
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sys/resource.h>
-#include <sys/stat.h>
-#include <unistd.h>
+#include "Utilities.h"
 
 #include <filesystem>
 #include <set>
@@ -11,11 +7,17 @@
 #include <thread>
 #include <vector>
 
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
 #include "Descriptor.h"
 #include "LogCapture.h"
 #include "PathGuard.h"
 #include "TempFolder.h"
-#include "Utilities.h"
 
 namespace {
 
@@ -53,7 +55,7 @@ public:
         }
         for (const int iPipe : OpenPipes()) {
             if (!m_viBefore.contains(iPipe)) {
-                const CDescriptor folder(open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+                const CDescriptor folder(::open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
                 EXPECT_EQ(dup3(folder.Get(), iPipe, O_CLOEXEC), iPipe);
                 ++m_nBroken;
             }
@@ -114,14 +116,14 @@ TEST_F(ShellCommand, EmptyCommandDoesNothing) {
 
 TEST_F(ShellCommand, ShellThatCannotBeStartedIsReportedWithoutRules) {
     rlimit before{};
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
     const rlimit none{0, before.rlim_max};  // no pipe can be made
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
     const int iShown = m_Utilities.ExecuteSystemCmd(&m_Param, "echo one", true);
     const std::vector<LogLine> vShown = m_Capture.Lines();
     m_Capture.Clear();
     const int iSilent = m_Utilities.ExecuteSystemCmd(&m_Param, "echo one", false);
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
     EXPECT_EQ(iShown, -1);
     EXPECT_EQ(vShown, (std::vector<LogLine>{{'i', "tester", "echo one"},
                                             {'i', "tester", "Fail to execute cmd (popen() failed)"}}));
@@ -145,7 +147,7 @@ TEST_F(ShellCommand, OutputThatCannotBeReadToItsEndIsReported) {
                                     {'r', "tester", "Error: Failed to read the pipe to the end\n"}}));
 }
 
-// ==== Network-device credentials ====================================================================================
+// ---- Network-device credentials
 
 namespace {
 
@@ -202,7 +204,7 @@ TEST_F(NetDeviceCredential, RemoveAllEmptiesTheListWithoutRunningACommand) {
     m_Utilities.RemoveAllNetDeviceCredential(&m_Param);
     EXPECT_EQ(m_Utilities.GetNetDeviceCredential(&m_Param, false), 0);
     struct stat info {};
-    EXPECT_NE(stat((folder / "ran").c_str(), &info), 0);
+    EXPECT_NE(::stat((folder / "ran").c_str(), &info), 0);
 }
 
 // Two at a time would record their begins before their ends.

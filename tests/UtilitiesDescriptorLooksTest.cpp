@@ -1,15 +1,15 @@
 // The cache of open descriptors: which file a descriptor is, how it was opened, and when it has to go.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include <ctime>
+#include <string>
+#include <vector>
 
 #include <fcntl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <ctime>
-#include <string>
-#include <vector>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include "Isolation.h"
 #include "PathProbe.h"

@@ -1,13 +1,13 @@
 // File handles.
-#include <gtest/gtest.h>
-
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <unistd.h>
+
+#include <gtest/gtest.h>
 
 #include "UtilitiesFixture.h"
 

@@ -1,12 +1,13 @@
 // The figures of file systems.
-#include <gtest/gtest.h>
-
-#include <sys/statvfs.h>
+#include "Utilities.h"
 
 #include <climits>
 
+#include <sys/statvfs.h>
+
+#include <gtest/gtest.h>
+
 #include "MaxFileSize.h"
-#include "Utilities.h"
 
 namespace {
 

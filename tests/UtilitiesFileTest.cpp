@@ -1,15 +1,15 @@
 // Reading, writing, creating, removing and changing files, ordinary and redirected ones.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstring>
-#include <string>
-#include <thread>
-#include <vector>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include "RedirectedFile.h"
 #include "UtilitiesFixture.h"

@@ -1,17 +1,17 @@
 // Reports to the process that the work is done for: the callbacks as bytes, and what becomes of them.
 #include "UtilitiesIpcServer.h"
 
-#include <gtest/gtest.h>
-
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <chrono>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
 
 #include "FakeHost.h"
 #include "IpcChannel.h"
@@ -53,7 +53,7 @@ protected:
     CRuntimeParam m_Param{"exp", 0};
 };
 
-// ==== Channels =======================================================================================================
+// ---- Channels
 
 TEST_F(UtilitiesIpcServerTest, TheCallbackChannelIsTheClientsOwn) {
     char cChannel[kIpcChannelBufferSize];
@@ -70,17 +70,17 @@ TEST_F(UtilitiesIpcServerTest, IDsThatNoClientCanHaveHaveNoChannel) {
 }
 
 TEST_F(UtilitiesIpcServerTest, AnIDThatLeadsElsewhereIsNotFollowed) {
-    ASSERT_EQ(mkdir("/tmp/nfs-x", 0755), 0);
+    ASSERT_EQ(::mkdir("/tmp/nfs-x", 0755), 0);
     {
         FakeIpcServer elsewhere("/tmp/elsewhere", [](const std::string&) { return RawIntReply(3); });
         m_Param.SetIpcID("x/../elsewhere");
         EXPECT_EQ(Write(), -1);
         EXPECT_TRUE(elsewhere.Messages().empty());
     }
-    ASSERT_EQ(rmdir("/tmp/nfs-x"), 0);
+    ASSERT_EQ(::rmdir("/tmp/nfs-x"), 0);
 }
 
-// ==== Log lines ======================================================================================================
+// ---- Log lines
 
 TEST_F(UtilitiesIpcServerTest, LogLinesGoToTheirRoutesHereAndToTheClient) {
     FakeIpcServer client(kChannel, [](const std::string&) { return RawBoolReply(true); });
@@ -151,7 +151,7 @@ TEST_F(UtilitiesIpcServerTest, AClientThatIsGoneCostsOneErrorLine) {
     EXPECT_EQ(Printed([&] { m_Utilities.LogInfo(&m_Param, "%s", "hello"); }), "[info] (exp) hello\n");
 }
 
-// ==== Notifications ==================================================================================================
+// ---- Notifications
 
 TEST_F(UtilitiesIpcServerTest, NotificationsCarryTheirFields) {
     FakeIpcServer client(kChannel, [](const std::string&) { return RawIntReply(12); });
@@ -249,13 +249,13 @@ TEST_F(UtilitiesIpcServerTest, ANotificationTakesItsDescriptorFromTheCacheWhenNo
         ASSERT_TRUE(m_Utilities.GetCachedFileHandle(&m_Param, &logArgu, sPath.c_str(), false).IsOpen());
     }
     std::vector<int> viAll;
-    for (int iFile = open("/dev/null", O_RDONLY | O_CLOEXEC); iFile != -1;
-         iFile = open("/dev/null", O_RDONLY | O_CLOEXEC)) {
+    for (int iFile = ::open("/dev/null", O_RDONLY | O_CLOEXEC); iFile != -1;
+         iFile = ::open("/dev/null", O_RDONLY | O_CLOEXEC)) {
         viAll.push_back(iFile);
     }
     const int iAnswer = m_Utilities.LogRemoveRedirectedFile(&m_Param, "/f");
     for (const int iFile : viAll) {
-        close(iFile);
+        ::close(iFile);
     }
     EXPECT_EQ(iAnswer, 12);
     m_Utilities.CloseAllCachedFileHandles(&m_Param, &logArgu);
@@ -297,7 +297,7 @@ TEST_F(UtilitiesIpcServerTest, LogLinesAreTheLocalHostsToo) {
     EXPECT_EQ(client.Messages().size(), 3U);
 }
 
-// ==== Receivers that hang ============================================================================================
+// ---- Receivers that hang
 
 TEST_F(UtilitiesIpcServerTest, TheStatedLimitIsThirtySeconds) {
     EXPECT_EQ(CUtilitiesIpcServer::kCallbackTimeout, std::chrono::seconds(30));
@@ -373,7 +373,7 @@ TEST_F(UtilitiesIpcServerTest, AReceiverThatHangsHoldsNoLockOfARegistry) {
     testing::internal::GetCapturedStdout();
 }
 
-// ==== Threads ========================================================================================================
+// ---- Threads
 
 TEST_F(UtilitiesIpcServerTest, CallbacksFromManyThreadsReachTheirOwnClients) {
     constexpr int kThreads = 8;

@@ -1,10 +1,5 @@
 // Log lines and notifications on their way out: host callback, file logger, standard output.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <fcntl.h>
-#include <poll.h>
-#include <unistd.h>
+#include "Utilities.h"
 
 #include <cerrno>
 #include <climits>
@@ -16,11 +11,17 @@
 #include <thread>
 #include <vector>
 
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
 #include "Callback.h"
 #include "FakeJvm.h"
 #include "FileLogger.h"
 #include "TempFolder.h"
-#include "Utilities.h"
 #include "UtilitiesFixture.h"
 
 namespace {

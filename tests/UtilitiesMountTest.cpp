@@ -1,13 +1,13 @@
 // The registry of exports.
-#include <gtest/gtest.h>
-
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <atomic>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
 
 #include "UtilitiesFixture.h"
 
@@ -339,7 +339,7 @@ TEST_F(UtilitiesMountTest, ListingCountsAndNumbersWhatItPrints) {
     EXPECT_EQ(TakeLog(), std::vector<std::string>());
 }
 
-// ==== Whose calls an export serves ==================================================================================
+// ---- Whose calls an export serves
 
 TEST_F(UtilitiesMountTest, MountedExportServesItsClientAlone) {
     ASSERT_TRUE(Add(m_Folder.Path(), "x"));

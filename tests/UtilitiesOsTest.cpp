@@ -1,15 +1,15 @@
 // The wrappers of system calls: results, log lines, error texts.
-#include <gtest/gtest.h>
+#include <cerrno>
+#include <cstring>
+#include <string>
+#include <vector>
 
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstring>
-#include <string>
-#include <vector>
+#include <gtest/gtest.h>
 
 #include "UtilitiesFixture.h"
 

@@ -1,11 +1,5 @@
 // The platform test and the quick test: every line, in order.
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sys/mount.h>
-#include <sys/resource.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include "Utilities.h"
 
 #include <functional>
 #include <sstream>
@@ -13,11 +7,19 @@
 #include <utility>
 #include <vector>
 
+#include <fcntl.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
 #include "Descriptor.h"
 #include "Isolation.h"
 #include "LogCapture.h"
 #include "TempFolder.h"
-#include "Utilities.h"
 
 namespace {
 
@@ -91,8 +93,8 @@ Lines From(const Lines& vsLines, std::size_t iFirst) {
 
 class UmaskGuard {
 public:
-    UmaskGuard() : m_iOld(umask(022)) {}
-    ~UmaskGuard() { umask(m_iOld); }
+    UmaskGuard() : m_iOld(::umask(022)) {}
+    ~UmaskGuard() { ::umask(m_iOld); }
     UmaskGuard(const UmaskGuard&) = delete;
     UmaskGuard& operator=(const UmaskGuard&) = delete;
 
@@ -112,7 +114,7 @@ TEST_F(PlatformTest, GoodRunPrintsTheseLinesAndLeavesNothing) {
                      " >> Directory : \"" + sFolder + "\"", " >> File      : \"" + sFolder + "/test.bak\"", ""}));
     EXPECT_EQ(From(vsLines, kHeadLines + kFigureLines),
               GoodFileSteps(m_Folder.Path(), 5000, ChunkLines("0", "2047"), ChunkLines("2953", "2047")));
-    EXPECT_NE(access(sFolder.c_str(), F_OK), 0) << "the test directory is gone";
+    EXPECT_NE(::access(sFolder.c_str(), F_OK), 0) << "the test directory is gone";
 }
 
 TEST_F(PlatformTest, FileSystemFiguresStandInForty) {
@@ -148,8 +150,8 @@ TEST_F(PlatformTest, FiguresAreThoseOfTheTarget) {
         GTEST_SKIP() << "this process has no mounts of its own";
     }
     const std::string sSmall = m_Folder / "small";
-    ASSERT_EQ(mkdir(sSmall.c_str(), 0755), 0);
-    ASSERT_EQ(mount("none", sSmall.c_str(), "tmpfs", 0, "size=1m,nr_inodes=100"), 0);
+    ASSERT_EQ(::mkdir(sSmall.c_str(), 0755), 0);
+    ASSERT_EQ(::mount("none", sSmall.c_str(), "tmpfs", 0, "size=1m,nr_inodes=100"), 0);
     WriteWholeFile(sSmall + "/filler", std::string(400000, 'x'));
     const char* pcPath = sSmall.c_str();
     const auto Size = [](const char* pcTitle, unsigned long long iBytes) {
@@ -173,7 +175,7 @@ TEST_F(PlatformTest, FiguresAreThoseOfTheTarget) {
     const unsigned long long iBefore = CUtilities::GetCurrentSystemTimeInMilliseconds();
     const Lines vsLines = Run(sSmall, 10);
     const unsigned long long iAfter = CUtilities::GetCurrentSystemTimeInMilliseconds();
-    EXPECT_EQ(umount2(pcPath, MNT_DETACH), 0);
+    EXPECT_EQ(::umount2(pcPath, MNT_DETACH), 0);
     ASSERT_GT(vsLines.size(), 13U);
     const std::string sTime = "Current time (in milliseconds)          : ";
     ASSERT_TRUE(vsLines[5].starts_with(sTime)) << vsLines[5];
@@ -199,8 +201,8 @@ TEST_F(PlatformTest, FileOfOneByteWorks) {
 TEST_F(PlatformTest, TrailingSlashAndLinksAreResolved) {
     const std::string sLink = m_Folder / "link";
     const std::string sReal = m_Folder / "real";
-    ASSERT_EQ(mkdir(sReal.c_str(), 0755), 0);
-    ASSERT_EQ(symlink(sReal.c_str(), sLink.c_str()), 0);
+    ASSERT_EQ(::mkdir(sReal.c_str(), 0755), 0);
+    ASSERT_EQ(::symlink(sReal.c_str(), sLink.c_str()), 0);
     const Lines vsLines = Run(sLink + "/", 100);
     ASSERT_GT(vsLines.size(), 2U);
     EXPECT_EQ(vsLines[1], " >> Directory : \"" + sReal + "/_test\"");
@@ -237,7 +239,7 @@ TEST_F(PlatformTest, MissingTargetIsRefused) {
 
 TEST_F(PlatformTest, ExistingTestDirectoryIsRefusedAndLeftAlone) {
     const std::string sTest = m_Folder / "_test";
-    ASSERT_EQ(mkdir(sTest.c_str(), 0755), 0);
+    ASSERT_EQ(::mkdir(sTest.c_str(), 0755), 0);
     WriteWholeFile(sTest + "/test.bak", "precious");
     EXPECT_EQ(Run(m_Folder.Path(), 10),
               Lines{"Cannot start platrorm test. Error=Test directory \"" + sTest + "\" already exist"});
@@ -311,23 +313,23 @@ TEST_F(PlatformTest, FailedCallsAreLoggedBeforeTheirStepsWithTheErrorBit) {
 }
 
 TEST_F(PlatformTest, MissingRightsShowInTheFirstStep) {
-    if (geteuid() != 0) {
+    if (::geteuid() != 0) {
         GTEST_SKIP() << "needs root to give up its rights in a child";
     }
     const std::string sTarget = m_Folder / "others";
-    ASSERT_EQ(mkdir(sTarget.c_str(), 0755), 0);
-    ASSERT_EQ(chmod(m_Folder.Path().c_str(), 0755), 0);
-    const pid_t iChild = fork();
+    ASSERT_EQ(::mkdir(sTarget.c_str(), 0755), 0);
+    ASSERT_EQ(::chmod(m_Folder.Path().c_str(), 0755), 0);
+    const pid_t iChild = ::fork();
     if (iChild == 0) {
         if (setgid(65534) != 0 || setuid(65534) != 0) {
-            _exit(2);
+            ::_exit(2);
         }
         const std::string sLine = "[FAIL] Create directory \"" + sTarget + "/_test\". Error=Permission denied (13)";
         m_Utilities.RunTestMode(&m_Param, sTarget.c_str(), 10);
-        _exit(m_Capture.Has(sLine, 'i') ? 0 : 1);
+        ::_exit(m_Capture.Has(sLine, 'i') ? 0 : 1);
     }
     int iStatus = 0;
-    ASSERT_EQ(waitpid(iChild, &iStatus, 0), iChild);
+    ASSERT_EQ(::waitpid(iChild, &iStatus, 0), iChild);
     if (WEXITSTATUS(iStatus) == 2) {
         GTEST_SKIP() << "no second user to change to in this user namespace";
     }
@@ -341,18 +343,18 @@ TEST_F(PlatformTest, FileSizeBeyondWhatTheFileSystemTakesFailsItsStepsOnly) {
         "[FAIL] Enlarge file " + sFile + " size to -9223372036854774785. Error=Set file size failed", 'i'))
         << m_Capture.Dump();
     EXPECT_EQ(vsLines.back(), "================================ END TEST ================================");
-    EXPECT_NE(access((m_Folder / "_test").c_str(), F_OK), 0) << "the test directory is gone";
+    EXPECT_NE(::access((m_Folder / "_test").c_str(), F_OK), 0) << "the test directory is gone";
 }
 
 TEST_F(PlatformTest, NamesWithFormatCharactersAreShownAsTheyAre) {
     const std::string sTarget = m_Folder / "%s%n%d";
-    ASSERT_EQ(mkdir(sTarget.c_str(), 0755), 0);
+    ASSERT_EQ(::mkdir(sTarget.c_str(), 0755), 0);
     const Lines vsLines = Run(sTarget, 10);
     ASSERT_GT(vsLines.size(), 2U);
     EXPECT_EQ(vsLines[1], " >> Directory : \"" + sTarget + "/_test\"");
 }
 
-// ==== Single steps ==============================================================================================
+// ---- Single steps
 
 namespace {
 
@@ -389,7 +391,7 @@ protected:
         CRuntimeParam param{"tester", CRuntimeParam::kLogFileAccess};
         m_Meddling.RunTestMode(&param, m_Folder.Path().c_str(), 10);
         EXPECT_FALSE(m_Meddling.IsWaiting()) << "never logged: " << sTrigger << "\n" << m_Capture.Dump();
-        EXPECT_NE(access(m_sTest.c_str(), F_OK), 0) << "the test directory is gone";
+        EXPECT_NE(::access(m_sTest.c_str(), F_OK), 0) << "the test directory is gone";
         return m_Capture.Texts('i');
     }
     bool Has(const std::string& sLine) const { return m_Capture.Has(sLine, 'i'); }
@@ -401,7 +403,7 @@ protected:
         m_Meddling.RunTestReadWriteFile(&m_Param, &tag, iFile, iPosition, iSize);
         return m_Capture.Texts('i');
     }
-    CDescriptor Open(const std::string& sPath) { return CDescriptor(open(sPath.c_str(), O_RDWR | O_CLOEXEC)); }
+    CDescriptor Open(const std::string& sPath) { return CDescriptor(::open(sPath.c_str(), O_RDWR | O_CLOEXEC)); }
 
     MeddlingUtilities m_Meddling{&m_Capture};
     std::string m_sTest = m_Folder / "_test";
@@ -412,27 +414,27 @@ protected:
 }  // namespace
 
 TEST_F(PlatformTestSteps, WhatWasMadeMustExist) {
-    Meddle(Tagged("OS create folder \"" + m_sTest + "\" (mode = 493)"), [&] { rmdir(m_sTest.c_str()); });
+    Meddle(Tagged("OS create folder \"" + m_sTest + "\" (mode = 493)"), [&] { ::rmdir(m_sTest.c_str()); });
     EXPECT_TRUE(Has("[FAIL] Create directory \"" + m_sTest + "\". Error=Directory not exist")) << m_Capture.Dump();
-    Meddle(Tagged("OS create file " + m_sQuoted), [&] { unlink(m_sFile.c_str()); });
+    Meddle(Tagged("OS create file " + m_sQuoted), [&] { ::unlink(m_sFile.c_str()); });
     EXPECT_TRUE(Has("[FAIL] Create file " + m_sQuoted + ". Error=File not exist")) << m_Capture.Dump();
     EXPECT_TRUE(Has("[ OK ] Close file " + m_sQuoted + ".")) << m_Capture.Dump();
 }
 
 TEST_F(PlatformTestSteps, WhatWasRemovedMustBeGone) {
-    Meddle(Tagged("OS remove folder \"" + m_sTest + "\""), [&] { mkdir(m_sTest.c_str(), 0755); });
+    Meddle(Tagged("OS remove folder \"" + m_sTest + "\""), [&] { ::mkdir(m_sTest.c_str(), 0755); });
     EXPECT_TRUE(Has("[FAIL] Remove directory \"" + m_sTest + "\". Error=Directory still exist")) << m_Capture.Dump();
 }
 
 TEST_F(PlatformTestSteps, SizeThatWasSetMustBeThere) {
-    Meddle(Tagged("OS set file file " + m_sQuoted), [&] { EXPECT_EQ(truncate(m_sFile.c_str(), 7), 0); });
+    Meddle(Tagged("OS set file file " + m_sQuoted), [&] { EXPECT_EQ(::truncate(m_sFile.c_str(), 7), 0); });
     EXPECT_TRUE(Has("[ OK ] Enlarge file " + m_sQuoted + " size to 1034.")) << m_Capture.Dump();
     EXPECT_TRUE(Has("[FAIL] Verify file size. Error=Size not match (current size = 7)")) << m_Capture.Dump();
 }
 
 TEST_F(PlatformTestSteps, ModeThatWasSetMustBeThere) {
     Meddle(Tagged("OS set file mode " + m_sQuoted + " (mode = 33060)"),
-           [&] { EXPECT_EQ(chmod(m_sFile.c_str(), 0600), 0); });
+           [&] { EXPECT_EQ(::chmod(m_sFile.c_str(), 0600), 0); });
     EXPECT_TRUE(Has("[ OK ] Set file mode 8124 to file " + m_sQuoted + ".")) << m_Capture.Dump();
     EXPECT_TRUE(Has("[FAIL] Verify file mode 8124 from file " + m_sQuoted +
                     ". Error=File mode not match (current file mode = 8180)"))
@@ -482,11 +484,11 @@ TEST_F(PlatformTestSteps, ShortWriteIsTold) {
     WriteWholeFile(sPath, "");
     const CDescriptor file = Open(sPath);
     rlimit before{};
-    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
+    ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &before), 0);
     const rlimit five{5, before.rlim_max};
-    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &five), 0);
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &five), 0);
     const Lines vsLines = ReadWrite(file.Get(), 0, 10);
-    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &before), 0);
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &before), 0);
     EXPECT_EQ(vsLines, (Lines{"[ OK ] File seek to position 0.",
                               "[FAIL] Write data with length 10. Error=Data lenght not match (write length = 5)",
                               "[ OK ] Move pointer to position 0.",
@@ -494,7 +496,7 @@ TEST_F(PlatformTestSteps, ShortWriteIsTold) {
                               "[FAIL] Verify data with size 10. Error=Data content not match"}));
 }
 
-// ==== Quick test ================================================================================================
+// ---- Quick test
 
 namespace {
 

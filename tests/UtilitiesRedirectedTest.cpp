@@ -1,13 +1,14 @@
 // The registry of redirected files, and what the file operations do with a redirected path.
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <atomic>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
 
 #include "LogCapture.h"
 #include "RedirectedFile.h"
@@ -333,7 +334,7 @@ TEST_F(UtilitiesRedirectedTest, OpeningOnePathFromManyThreadsLeavesOneOpenFile) 
     EXPECT_EQ(nOpen, 1) << "the replaced ones are all closed";
 }
 
-// ---- File operations on a redirected path ------------------------------------------------------------------------
+// ---- File operations on a redirected path
 
 TEST_F(UtilitiesRedirectedTest, SizeAndReadComeFromTheMap) {
     const std::string sPath = m_Folder / "disk";

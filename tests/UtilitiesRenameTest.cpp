@@ -1,15 +1,14 @@
 // Renaming, and what must never be lost by it.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
+#include <cstring>
 #include <filesystem>
+#include <string>
+#include <vector>
 
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstring>
-#include <string>
-#include <vector>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include "RedirectedFile.h"
 #include "UtilitiesFixture.h"

@@ -1,8 +1,8 @@
 // The registry of sessions, and starting over.
-#include <gtest/gtest.h>
-
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "PathGuard.h"
 #include "UtilitiesFixture.h"

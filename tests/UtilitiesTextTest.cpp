@@ -1,13 +1,13 @@
 // Paths and texts.
-#include <gtest/gtest.h>
-
-#include <unistd.h>
-
 #include <climits>
 #include <cstdio>
 #include <ctime>
 #include <string>
 #include <vector>
+
+#include <unistd.h>
+
+#include <gtest/gtest.h>
 
 #include "UtilitiesFixture.h"
 

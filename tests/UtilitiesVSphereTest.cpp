@@ -1,12 +1,13 @@
 // Records of datastores on vSphere hosts and their clean-up. What the clean-up tool is told is tested with the console
 // (tests/console), beside which a tool can stand.
-#include <gtest/gtest.h>
+#include "Utilities.h"
 
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "LogCapture.h"
-#include "Utilities.h"
 
 namespace {
 

@@ -1,16 +1,16 @@
 // What nfsget does on request.
 #include "Commands.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "LocalFile.h"
 #include "NfsError.h"
@@ -75,7 +75,7 @@ void GetFile(NfsSession& session, const std::string& sPath, const std::string& s
         if (bResume) {
             throw NfsError(std::string(error.what()) + "; what has come is kept for the next get --resume");
         }
-        unlink(sPart.c_str());
+        ::unlink(sPart.c_str());
         throw;
     }
 }
@@ -117,7 +117,7 @@ void Stat(const Place& place, int iInterrupt) {
     std::array<char, 32> vcTime{};
     const std::time_t iTime = entry.iModified;
     std::tm local{};
-    std::strftime(vcTime.data(), vcTime.size(), "%Y-%m-%d %H:%M:%S", localtime_r(&iTime, &local));
+    std::strftime(vcTime.data(), vcTime.size(), "%Y-%m-%d %H:%M:%S", ::localtime_r(&iTime, &local));
     constexpr unsigned int kPermissions = 07777;
     std::printf("%c%04o %12llu  %s  /%s\n", S_ISDIR(entry.iMode) ? 'd' : '-', entry.iMode & kPermissions,
                 static_cast<unsigned long long>(entry.iSize), vcTime.data(), place.sPath.c_str());
@@ -128,7 +128,7 @@ void Get(const Place& place, const std::string& sLocal, bool bResume, int iInter
     if (sLocal == "-") {
         RemoteFile remote(session, place.sPath, O_RDONLY, "open");
         const LocalFile output(sLocal, O_WRONLY, STDOUT_FILENO);
-        Progress progress(remote.Size(), isatty(STDOUT_FILENO) == 1);
+        Progress progress(remote.Size(), ::isatty(STDOUT_FILENO) == 1);
         Download(remote, output, progress).Run(0);
         remote.Close();
     } else {

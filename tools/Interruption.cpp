@@ -1,24 +1,24 @@
 // The user's wish that the program ends, as a descriptor.
 #include "Interruption.h"
 
-#include <sys/signalfd.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <string>
 
+#include <sys/signalfd.h>
+#include <unistd.h>
+
 #include "NfsError.h"
 
 Interruption::Interruption() {
     sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    sigaddset(&signals, SIGHUP);
-    sigprocmask(SIG_BLOCK, &signals, nullptr);
-    m_iSignals = signalfd(-1, &signals, SFD_CLOEXEC);
+    ::sigemptyset(&signals);
+    ::sigaddset(&signals, SIGINT);
+    ::sigaddset(&signals, SIGTERM);
+    ::sigaddset(&signals, SIGHUP);
+    ::sigprocmask(SIG_BLOCK, &signals, nullptr);
+    m_iSignals = ::signalfd(-1, &signals, SFD_CLOEXEC);
     if (m_iSignals < 0) {
         throw NfsError(std::string("signalfd: ") + std::strerror(errno));
     }
@@ -26,5 +26,5 @@ Interruption::Interruption() {
 }
 
 Interruption::~Interruption() {
-    close(m_iSignals);
+    ::close(m_iSignals);
 }

@@ -1,14 +1,14 @@
 // Files and pipes of this machine.
 #include "LocalFile.h"
 
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <algorithm>
-#include <cerrno>
-#include <cstring>
 
 #include "NfsError.h"
 #include "Wait.h"
@@ -22,7 +22,7 @@ constexpr std::size_t kFirstPiece = 65536;
 
 LocalFile::LocalFile(const std::string& sPath, int iFlags, int iStandard)
     : m_sPath(sPath),
-      m_iFile(sPath == "-" ? iStandard : open(sPath.c_str(), iFlags | O_CLOEXEC, kLocalFileMode)),
+      m_iFile(sPath == "-" ? iStandard : ::open(sPath.c_str(), iFlags | O_CLOEXEC, kLocalFileMode)),
       m_bOwned(sPath != "-") {
     if (m_iFile < 0) {
         Fail();
@@ -31,7 +31,7 @@ LocalFile::LocalFile(const std::string& sPath, int iFlags, int iStandard)
 
 LocalFile::~LocalFile() {
     if (m_bOwned && m_iFile >= 0) {
-        close(m_iFile);  // closed already, and checked, where it was written to
+        ::close(m_iFile);  // closed already, and checked, where it was written to
     }
 }
 
@@ -41,25 +41,25 @@ void LocalFile::Fail() const {
 
 bool LocalFile::IsPlain() const {
     struct stat state {};
-    return fstat(m_iFile, &state) == 0 && S_ISREG(state.st_mode);
+    return ::fstat(m_iFile, &state) == 0 && S_ISREG(state.st_mode);
 }
 
 std::uint64_t LocalFile::Size() const {
     struct stat state {};
-    if (fstat(m_iFile, &state) != 0) {
+    if (::fstat(m_iFile, &state) != 0) {
         Fail();
     }
     return static_cast<std::uint64_t>(state.st_size);
 }
 
 void LocalFile::Seek(std::uint64_t iOffset) {
-    if (lseek(m_iFile, static_cast<off_t>(iOffset), SEEK_SET) < 0) {
+    if (::lseek(m_iFile, static_cast<off_t>(iOffset), SEEK_SET) < 0) {
         Fail();
     }
 }
 
 void LocalFile::Truncate(std::uint64_t iSize) {
-    if (ftruncate(m_iFile, static_cast<off_t>(iSize)) != 0) {
+    if (::ftruncate(m_iFile, static_cast<off_t>(iSize)) != 0) {
         Fail();
     }
 }
@@ -68,7 +68,8 @@ std::vector<char> LocalFile::ReadAt(std::uint64_t iOffset, std::size_t nSize) co
     std::vector<char> vcData(nSize);
     std::size_t nRead = 0;
     while (nRead < nSize) {
-        const ssize_t nGot = pread(m_iFile, vcData.data() + nRead, nSize - nRead, static_cast<off_t>(iOffset + nRead));
+        const ssize_t nGot =
+            ::pread(m_iFile, vcData.data() + nRead, nSize - nRead, static_cast<off_t>(iOffset + nRead));
         if (nGot < 0) {
             Fail();
         }
@@ -84,7 +85,7 @@ std::vector<char> LocalFile::ReadAt(std::uint64_t iOffset, std::size_t nSize) co
 void LocalFile::Close() {
     const int iFile = m_iFile;
     m_iFile = -1;
-    if (m_bOwned && close(iFile) != 0) {
+    if (m_bOwned && ::close(iFile) != 0) {
         Fail();
     }
 }
@@ -115,7 +116,7 @@ std::vector<char> LocalSource::Read(std::size_t nLargest) {
         m_vcFirst.erase(m_vcFirst.begin(), m_vcFirst.begin() + nTaken);
     } else if (!m_bEnd) {
         vcData.resize(nLargest);
-        const ssize_t nRead = read(m_File.Get(), vcData.data(), vcData.size());
+        const ssize_t nRead = ::read(m_File.Get(), vcData.data(), vcData.size());
         if (nRead < 0) {
             throw NfsError("\"" + m_File.Path() + "\": local read: " + std::strerror(errno));
         }

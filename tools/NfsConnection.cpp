@@ -1,15 +1,15 @@
 // A connection to one export through libnfs, with any number of calls under way.
 #include "NfsConnection.h"
 
-#include <sys/stat.h>
-#include <sys/time.h>
-
-#include <nfsc/libnfs.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <utility>
+
+#include <sys/stat.h>
+#include <sys/time.h>
+
+#include <nfsc/libnfs.h>
 
 #include "NfsError.h"
 

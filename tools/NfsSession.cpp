@@ -8,13 +8,13 @@
 #include <nfsc/libnfs.h>
 
 // These want what libnfs.h defines.
-#include <nfsc/libnfs-raw-mount.h>
-#include <nfsc/libnfs-raw.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <memory>
+
+#include <nfsc/libnfs-raw-mount.h>
+#include <nfsc/libnfs-raw.h>
 
 #include "NfsError.h"
 
@@ -175,7 +175,7 @@ void NfsSession::Release(const NfsTarget& target, int iInterrupt) {
     ReleaseWithin(WithPorts(target, iInterrupt), iInterrupt, NfsConnection::kTimeoutMilliseconds);
 }
 
-// ==== Directories ====================================================================================================
+// ---- Directories
 
 std::vector<NfsEntry> NfsSession::List(const std::string& sPath) {
     nfsdir* pFolder = nullptr;

@@ -1,6 +1,13 @@
 // Where an export is found: host names, the portmapper's GETPORT (RFC 1833, 3), and what hinders a connection.
 #include "NfsTarget.h"
 
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <cstring>
+#include <optional>
+
 #include <arpa/inet.h>
 #include <netdb.h>
 #include <netinet/in.h>
@@ -8,13 +15,6 @@
 #include <sys/random.h>
 #include <sys/socket.h>
 #include <unistd.h>
-
-#include <array>
-#include <cerrno>
-#include <chrono>
-#include <cstdint>
-#include <cstring>
-#include <optional>
 
 #include "NfsError.h"
 #include "Wait.h"
@@ -42,12 +42,12 @@ constexpr std::size_t kLargestReply = 512;
 /// A socket, closed at the end of the scope.
 class Socket {
 public:
-    explicit Socket(int iType) : m_iSocket(socket(AF_INET, iType | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
+    explicit Socket(int iType) : m_iSocket(::socket(AF_INET, iType | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
         if (m_iSocket < 0) {
             throw NfsError(std::string("socket: ") + std::strerror(errno));
         }
     }
-    ~Socket() { close(m_iSocket); }
+    ~Socket() { ::close(m_iSocket); }
     Socket(const Socket&) = delete;
     Socket& operator=(const Socket&) = delete;
     int Get() const { return m_iSocket; }
@@ -74,32 +74,32 @@ sockaddr_in Resolve(const std::string& sHost, std::uint16_t iPort) {
 }
 
 int Connect(const Socket& socket, const sockaddr_in& address) {
-    return connect(socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+    return ::connect(socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address));
 }
 
 /// The port in a reply to the request of this ID; nothing if it is no such reply.
 std::optional<std::uint32_t> ParseReply(const unsigned char* pcReply, std::size_t nSize, std::uint32_t iId) {
-    const auto Word = [&](std::size_t iAt) {
+    const auto word = [&](std::size_t iAt) {
         std::uint32_t iWord = 0;
         std::memcpy(&iWord, pcReply + iAt, sizeof(iWord));
         return ntohl(iWord);
     };
     constexpr std::size_t kToVerifier = 20;  // ID, "reply", "accepted", the verifier's flavour and length
     constexpr std::size_t kBehindVerifier = 8;
-    if (nSize < kToVerifier || Word(0) != iId || Word(4) != 1 || Word(8) != 0) {
+    if (nSize < kToVerifier || word(0) != iId || word(4) != 1 || word(8) != 0) {
         return std::nullopt;
     }
-    const std::size_t nVerifier = Word(16);
+    const std::size_t nVerifier = word(16);
     if (nVerifier > kLargestReply || nSize < kToVerifier + nVerifier + kBehindVerifier ||
-        Word(kToVerifier + nVerifier) != 0) {
+        word(kToVerifier + nVerifier) != 0) {
         return std::nullopt;
     }
-    return Word(kToVerifier + nVerifier + 4);
+    return word(kToVerifier + nVerifier + 4);
 }
 
 /// Asks once; nothing when no portmapper answered in time, or (bRefused) when none is there.
 std::optional<std::uint32_t> AskOnce(const Socket& socket, const Request& request, int iInterrupt, bool& bRefused) {
-    bRefused = send(socket.Get(), request.data(), sizeof(request), 0) != static_cast<ssize_t>(sizeof(request));
+    bRefused = ::send(socket.Get(), request.data(), sizeof(request), 0) != static_cast<ssize_t>(sizeof(request));
     if (bRefused) {
         return std::nullopt;
     }
@@ -115,7 +115,7 @@ std::optional<std::uint32_t> AskOnce(const Socket& socket, const Request& reques
             throw Interrupted();
         }
         std::array<unsigned char, kLargestReply> vcReply{};
-        const ssize_t nReceived = recv(socket.Get(), vcReply.data(), vcReply.size(), 0);
+        const ssize_t nReceived = ::recv(socket.Get(), vcReply.data(), vcReply.size(), 0);
         bRefused = nReceived < 0 && errno != EAGAIN;
         if (bRefused) {
             return std::nullopt;
@@ -133,7 +133,7 @@ std::optional<std::uint32_t> AskOnce(const Socket& socket, const Request& reques
 std::optional<std::uint32_t> AskPort(const Socket& socket, std::uint32_t iProgram, int iInterrupt) {
     std::uint32_t iId = 0;
     if (getrandom(&iId, sizeof(iId), 0) != static_cast<ssize_t>(sizeof(iId))) {
-        iId = static_cast<std::uint32_t>(getpid());  // anything but the last request's will do
+        iId = static_cast<std::uint32_t>(::getpid());  // anything but the last request's will do
     }
     Request request{iId, 0, 2, kPortmapperProgram, kPortmapperVersion, kProcedureGetPort, 0,
                     0,   0, 0, iProgram,           kVersion,           IPPROTO_TCP,       0};
@@ -155,7 +155,7 @@ NfsTarget WithPorts(NfsTarget target, int iInterrupt) {
     if (target.iNfsPort == 0 || target.iMountPort == 0) {
         const Socket socket(SOCK_DGRAM);
         bool bAnswers = Connect(socket, address) == 0;
-        const auto Fill = [&](int& iPort, std::uint32_t iProgram, int iDefault) {
+        const auto fill = [&](int& iPort, std::uint32_t iProgram, int iDefault) {
             if (iPort != 0) {
                 return;
             }
@@ -164,8 +164,8 @@ NfsTarget WithPorts(NfsTarget target, int iInterrupt) {
             const bool bKnown = bAnswers && *oiPort >= 1 && *oiPort <= kLargestPort;
             iPort = bKnown ? static_cast<int>(*oiPort) : iDefault;
         };
-        Fill(target.iNfsPort, kNfsProgram, kDefaultNfsPort);
-        Fill(target.iMountPort, kMountProgram, kDefaultMountPort);
+        fill(target.iNfsPort, kNfsProgram, kDefaultNfsPort);
+        fill(target.iMountPort, kMountProgram, kDefaultMountPort);
     }
     return target;
 }
@@ -180,7 +180,7 @@ std::string WhyUnreachable(const std::string& sHost, int iPort, int iInterrupt) 
         }
         socklen_t iSize = sizeof(iError);
         iError = ETIMEDOUT;
-        if (ready.iFirst != 0 && getsockopt(socket.Get(), SOL_SOCKET, SO_ERROR, &iError, &iSize) != 0) {
+        if (ready.iFirst != 0 && ::getsockopt(socket.Get(), SOL_SOCKET, SO_ERROR, &iError, &iSize) != 0) {
             iError = errno;
         }
     }

@@ -1,11 +1,11 @@
 // A line on the terminal that tells how far a transfer is.
 #include "Progress.h"
 
-#include <unistd.h>
-
 #include <array>
 #include <cinttypes>
 #include <cstdio>
+
+#include <unistd.h>
 
 namespace {
 
@@ -45,7 +45,7 @@ std::string Duration(double dSeconds) {
 }  // namespace
 
 Progress::Progress(std::optional<std::uint64_t> oiTotal, bool bQuiet)
-    : m_oiTotal(oiTotal), m_bShown(!bQuiet && isatty(STDERR_FILENO) == 1) {}
+    : m_oiTotal(oiTotal), m_bShown(!bQuiet && ::isatty(STDERR_FILENO) == 1) {}
 
 Progress::~Progress() {
     if (m_bLine) {

@@ -1,15 +1,15 @@
 // A file of a mounted export: OPEN is LOOKUP, CREATE and SETATTR; READ, WRITE (RFC 1813, 3.3.6, 3.3.7).
 #include "RemoteFile.h"
 
-#include <sys/stat.h>
-#include <sys/time.h>
-
-#include <nfsc/libnfs.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <utility>
+
+#include <sys/stat.h>
+#include <sys/time.h>
+
+#include <nfsc/libnfs.h>
 
 #include "NfsError.h"
 

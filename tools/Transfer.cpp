@@ -1,14 +1,14 @@
 // Copying between a local descriptor and a remote file, with many calls under way.
 #include "Transfer.h"
 
-#include <poll.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstring>
 #include <string>
+
+#include <poll.h>
+#include <unistd.h>
 
 #include "NfsError.h"
 #include "Wait.h"
@@ -21,7 +21,7 @@ constexpr std::size_t kWritesUnderWay = 32;
 
 }  // namespace
 
-// ==== Download =======================================================================================================
+// ---- Download
 
 Download::Download(RemoteFile& remote, const LocalFile& local, Progress& progress)
     : m_Remote(remote), m_Local(local), m_bPlain(local.IsPlain()), m_Progress(progress) {}
@@ -84,7 +84,7 @@ void Download::WriteLocal(const char* pcData, std::size_t nSize) {
         if (!m_bPlain) {
             WaitForReader();
         }
-        const ssize_t nWritten = write(m_Local.Get(), pcData, std::min(nSize, nLargest));
+        const ssize_t nWritten = ::write(m_Local.Get(), pcData, std::min(nSize, nLargest));
         if (nWritten <= 0) {
             throw NfsError("\"" + m_Local.Path() + "\": local write: " + std::strerror(errno));
         }
@@ -104,7 +104,7 @@ void Download::WaitForReader() {
     }
 }
 
-// ==== Upload =========================================================================================================
+// ---- Upload
 
 Upload::Upload(RemoteFile& remote, LocalSource& source, Progress& progress)
     : m_Remote(remote), m_Source(source), m_Progress(progress) {}

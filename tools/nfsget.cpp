@@ -47,7 +47,7 @@ public:
     using std::runtime_error::runtime_error;
 };
 
-// ==== The command line ===============================================================================================
+// ---- The command line
 
 struct CommandLine {
     NfsTarget ports;
@@ -133,7 +133,7 @@ Place ParseEntry(const std::string& sText, const NfsTarget& ports) {
     return place;
 }
 
-// ==== Running it =====================================================================================================
+// ---- Running it
 
 void RunGet(const CommandLine& line, int iInterrupt) {
     const Place place = ParseEntry(line.vsWords[1], line.ports);
@@ -150,26 +150,26 @@ void Run(const CommandLine& line) {
     const int iInterrupt = interruption.Get();
     const std::string& sCommand = line.vsWords.front();
     const std::size_t nArguments = line.vsWords.size() - 1;
-    const auto Argument = [&](std::size_t iAt) { return line.vsWords[iAt]; };
+    const auto argument = [&](std::size_t iAt) { return line.vsWords[iAt]; };
     if (line.bResume && sCommand != "get" && sCommand != "put") {
         throw UsageError("--resume goes with get and put");
     }
     if (sCommand == "list" && nArguments == 1) {
-        List(ParsePlace(Argument(1), line.ports), iInterrupt);
+        List(ParsePlace(argument(1), line.ports), iInterrupt);
     } else if (sCommand == "stat" && nArguments == 1) {
-        Stat(ParsePlace(Argument(1), line.ports), iInterrupt);
+        Stat(ParsePlace(argument(1), line.ports), iInterrupt);
     } else if (sCommand == "get" && (nArguments == 1 || nArguments == 2)) {
         RunGet(line, iInterrupt);
     } else if (sCommand == "put" && nArguments == 2) {
-        Put(Argument(1), ParseEntry(Argument(2), line.ports), line.bResume, iInterrupt);
+        Put(argument(1), ParseEntry(argument(2), line.ports), line.bResume, iInterrupt);
     } else if (sCommand == "write" && nArguments == 3) {
-        Write(Argument(1), ParseEntry(Argument(2), line.ports), ParseOffset(Argument(3)), iInterrupt);
+        Write(argument(1), ParseEntry(argument(2), line.ports), ParseOffset(argument(3)), iInterrupt);
     } else if (sCommand == "mkdir" && nArguments == 1) {
-        MakeDirectory(ParseEntry(Argument(1), line.ports), iInterrupt);
+        MakeDirectory(ParseEntry(argument(1), line.ports), iInterrupt);
     } else if (sCommand == "remove" && nArguments == 1) {
-        Remove(ParseEntry(Argument(1), line.ports), iInterrupt);
+        Remove(ParseEntry(argument(1), line.ports), iInterrupt);
     } else if (sCommand == "release" && nArguments == 1) {
-        NfsSession::Release(ParsePlace(Argument(1), line.ports).target, iInterrupt);
+        NfsSession::Release(ParsePlace(argument(1), line.ports).target, iInterrupt);
     } else {
         throw UsageError("not a command, or not its arguments: " + sCommand);
     }

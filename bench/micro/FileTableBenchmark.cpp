@@ -1,10 +1,10 @@
 // Path to handle and back: the time must not depend on the number of known paths.
-#include <benchmark/benchmark.h>
+#include "FileTable.h"
 
 #include <string>
 #include <vector>
 
-#include "FileTable.h"
+#include <benchmark/benchmark.h>
 
 namespace {
 

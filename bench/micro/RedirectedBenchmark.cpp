@@ -1,17 +1,17 @@
 // Redirected files: random reads by the size of the map, beside reads of a plain file, and adding segments.
 //
 // All segments stand for the same 32 MiB, so that the map is the only thing that differs.
-#include <benchmark/benchmark.h>
-
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cstdint>
 #include <cstdlib>
 #include <random>
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <benchmark/benchmark.h>
 
 #include "RedirectedFile.h"
 #include "Utilities.h"
@@ -39,7 +39,7 @@ class Scratch {
 public:
     Scratch() {
         char vcFolder[] = "/tmp/nfslib-bench-XXXXXX";
-        if (mkdtemp(vcFolder) == nullptr) {
+        if (::mkdtemp(vcFolder) == nullptr) {
             throw std::runtime_error("no scratch folder below /tmp");
         }
         m_sFolder = vcFolder;
@@ -52,9 +52,9 @@ public:
         Write(Info(), "");
     }
     ~Scratch() {
-        unlink(Source().c_str());
-        unlink(Info().c_str());
-        rmdir(m_sFolder.c_str());
+        ::unlink(Source().c_str());
+        ::unlink(Info().c_str());
+        ::rmdir(m_sFolder.c_str());
     }
     Scratch(const Scratch&) = delete;
     Scratch& operator=(const Scratch&) = delete;
@@ -65,11 +65,11 @@ public:
 
 private:
     static void Write(const std::string& sPath, const std::string& sContent) {
-        const int iFile = open(sPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-        if (iFile == -1 || write(iFile, sContent.data(), sContent.size()) != static_cast<ssize_t>(sContent.size())) {
+        const int iFile = ::open(sPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+        if (iFile == -1 || ::write(iFile, sContent.data(), sContent.size()) != static_cast<ssize_t>(sContent.size())) {
             throw std::runtime_error("cannot write " + sPath);
         }
-        close(iFile);
+        ::close(iFile);
     }
 
     std::string m_sFolder;

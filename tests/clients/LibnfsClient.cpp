@@ -9,15 +9,15 @@
 #include <nfsc/libnfs.h>
 
 // These want what libnfs.h defines.
-#include <nfsc/libnfs-raw-mount.h>
-#include <nfsc/libnfs-raw-nfs.h>
-#include <nfsc/libnfs-raw.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <functional>
 #include <stdexcept>
+
+#include <nfsc/libnfs-raw-mount.h>
+#include <nfsc/libnfs-raw-nfs.h>
+#include <nfsc/libnfs-raw.h>
 
 namespace {
 
@@ -131,7 +131,7 @@ int LibnfsClient::ReadFile(const std::string& sPath, std::string& sContent, std:
     return iResult != 0 ? iResult : iClosed;
 }
 
-// ==== Listings =======================================================================================================
+// ---- Listings
 
 int LibnfsClient::ListPlus(const std::string& sPath, std::multiset<std::string>& names) {
     names.clear();
@@ -179,7 +179,7 @@ public:
         }
         while (!call.bDone) {
             pollfd entry{rpc_get_fd(m_pRpc), static_cast<short>(rpc_which_events(m_pRpc)), 0};
-            if (poll(&entry, 1, kTimeoutMilliseconds) <= 0 || rpc_service(m_pRpc, entry.revents) < 0) {
+            if (::poll(&entry, 1, kTimeoutMilliseconds) <= 0 || rpc_service(m_pRpc, entry.revents) < 0) {
                 return -EIO;
             }
         }

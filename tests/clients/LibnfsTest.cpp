@@ -1,19 +1,18 @@
 // A real client, libnfs, against a whole server.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <random>
+#include <thread>
 
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <nfsc/libnfs.h>
-
-#include <cerrno>
-#include <cstring>
-#include <filesystem>
-#include <random>
-#include <thread>
 
 #include "LibnfsClient.h"
 #include "ServerFixture.h"
@@ -57,7 +56,7 @@ testing::AssertionResult Same(const std::string& sExpected, const std::string& s
                                        << ", first difference at " << i;
 }
 
-// ==== Mounting =======================================================================================================
+// ---- Mounting
 
 TEST_F(LibnfsTest, UnmountFreesTheExportForTheNextClient) {
     LibnfsClient second;
@@ -98,7 +97,7 @@ TEST_F(LibnfsTest, TwoClientsWorkOnTwoExportsAtTheSameTime) {
     EXPECT_EQ(Server().GetMountInfo(true, false), 2);
 }
 
-// ==== Files ==========================================================================================================
+// ---- Files
 
 class LibnfsFileSizeTest : public LibnfsTest, public testing::WithParamInterface<std::size_t> {};
 
@@ -180,7 +179,7 @@ TEST_F(LibnfsTest, StatvfsTellsTheFileSystemsFigures) {
     struct statvfs seen {};
     struct statvfs expected {};
     ASSERT_EQ(m_Client.Statvfs("/", seen), 0) << m_Client.Error();
-    ASSERT_EQ(statvfs(Folder().Path().c_str(), &expected), 0);
+    ASSERT_EQ(::statvfs(Folder().Path().c_str(), &expected), 0);
     EXPECT_EQ(static_cast<unsigned long long>(seen.f_blocks) * seen.f_frsize,
               static_cast<unsigned long long>(expected.f_blocks) * expected.f_frsize / seen.f_frsize * seen.f_frsize);
     EXPECT_EQ(seen.f_files, expected.f_files);
@@ -188,7 +187,7 @@ TEST_F(LibnfsTest, StatvfsTellsTheFileSystemsFigures) {
     EXPECT_LE(seen.f_bfree, seen.f_blocks);
 }
 
-// ==== Directories ====================================================================================================
+// ---- Directories
 
 class LibnfsDirectoryTest : public LibnfsTest, public testing::WithParamInterface<int> {};
 
@@ -220,7 +219,7 @@ TEST_F(LibnfsTest, DirectoryBelowTheRootIsListedToo) {
     EXPECT_EQ(seen, (std::multiset<std::string>{"a file with blanks"}));
 }
 
-// ==== A read-only server =============================================================================================
+// ---- A read-only server
 
 TEST_F(LibnfsTest, ReadOnlyServerGivesContentAndTakesNone) {
     WriteWholeFile(Folder() / "file", "content");

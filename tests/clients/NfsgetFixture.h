@@ -1,14 +1,15 @@
 // What the tests of nfsget share.
 #pragma once
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <filesystem>
 #include <string>
 #include <vector>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include "ChildProcess.h"
 #include "ServerFixture.h"
@@ -27,7 +28,7 @@ protected:
     void AwaitContent(const std::string& sName, const std::string& sContent, ChildProcess& client) {
         while (client.IsRunning() &&
                !(std::filesystem::exists(Folder() / sName) && ReadWholeFile(Folder() / sName) == sContent)) {
-            usleep(1000);
+            ::usleep(1000);
         }
         ASSERT_TRUE(client.IsRunning()) << client.Output();
     }
@@ -41,7 +42,7 @@ protected:
     }
     static ino_t Identity(const std::string& sPath) {
         struct stat state {};
-        EXPECT_EQ(stat(sPath.c_str(), &state), 0);
+        EXPECT_EQ(::stat(sPath.c_str(), &state), 0);
         return state.st_ino;
     }
 

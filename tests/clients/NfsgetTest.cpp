@@ -1,10 +1,10 @@
 // nfsget, the small client, as a user runs it.
+#include <csignal>
+
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
-
-#include <csignal>
 
 #include "Descriptor.h"
 #include "NfsgetFixture.h"
@@ -108,7 +108,7 @@ TEST_F(NfsgetTest, KilledClientLeavesTheExportBoundUntilItIsReleased) {
     ChildProcess put({Program(), "put", "-", "127.0.0.1:data/file"});
     put.Send("x");
     while (Server().GetMountInfo(true, false) == 0 && put.IsRunning()) {
-        usleep(1000);
+        ::usleep(1000);
     }
     ASSERT_EQ(Server().GetMountInfo(true, false), 1);
     put.Signal(SIGKILL);
@@ -135,7 +135,7 @@ TEST_F(NfsgetTest, InterruptedPutUnmountsAndSaysWhatItLeaves) {
 TEST_F(NfsgetTest, PutWaitsForItsInputBeforeItTouchesAnything) {
     WriteWholeFile(Folder() / "file", "what was there");
     ChildProcess put({Program(), "put", "-", "127.0.0.1:data/file"});
-    usleep(100000);  // a put that does not wait needs a fraction of it
+    ::usleep(100000);  // a put that does not wait needs a fraction of it
     put.Signal(SIGINT);
     EXPECT_EQ(put.Wait(), 1);
     EXPECT_EQ(put.Output(), "nfsget: interrupted\n");
@@ -185,7 +185,7 @@ TEST_F(NfsgetTest, SlowReaderOfAGetGetsEverything) {
     WriteWholeFile(Folder() / "file", sContent);
     ChildProcess get({Program(), "get", "127.0.0.1:data/file", "-"});
     ASSERT_TRUE(get.WaitFor("0\n"));
-    usleep(200000);
+    ::usleep(200000);
     EXPECT_EQ(get.Wait(), 0);
     EXPECT_TRUE(get.Output() == sContent);
     ExpectUnmounted();
@@ -193,7 +193,7 @@ TEST_F(NfsgetTest, SlowReaderOfAGetGetsEverything) {
 
 TEST_F(NfsgetTest, FullLocalDiskLeavesNothingBehind) {
     const TempFolder local;
-    if (mount("none", local.Path().c_str(), "tmpfs", 0, "size=256k") != 0) {
+    if (::mount("none", local.Path().c_str(), "tmpfs", 0, "size=256k") != 0) {
         GTEST_SKIP() << "no file system of a given size can be mounted here";
     }
     WriteWholeFile(Folder() / "file", std::string(std::size_t{1} << 20, 'x'));
@@ -207,7 +207,7 @@ TEST_F(NfsgetTest, FullLocalDiskLeavesNothingBehind) {
     ExpectUnmounted();
 }
 
-// ==== Mounts and ports ===============================================================================================
+// ---- Mounts and ports
 
 TEST_F(NfsgetTest, MountThatFailsBehindMntIsTakenBack) {
     const std::string sGone = Folder() / "gone";
@@ -240,9 +240,9 @@ TEST_F(NfsgetTest, ClientInterruptedAtAnyMomentOfItsWorkUnmounts) {
     for (int iMicroseconds = 0; iMicroseconds < 40000; iMicroseconds += 1000) {
         ChildProcess get({Program(), "get", "127.0.0.1:data/file", "-"});
         while (Server().GetMountInfo(true, false) == 0 && get.IsRunning()) {
-            usleep(100);
+            ::usleep(100);
         }
-        usleep(static_cast<useconds_t>(iMicroseconds));
+        ::usleep(static_cast<useconds_t>(iMicroseconds));
         get.Signal(SIGTERM);
         const std::optional<int> iStatus = get.Wait();
         ASSERT_TRUE(iStatus == 0 || iStatus == 1) << iStatus.value_or(-1) << " after " << iMicroseconds << " us";
@@ -262,9 +262,9 @@ TEST_F(NfsgetTest, PutInterruptedAtAnyMomentOfItsWorkUnmounts) {
     for (int iMicroseconds = 0; iMicroseconds < 40000; iMicroseconds += 2000) {
         ChildProcess put({Program(), "put", local / "file", "127.0.0.1:data/file"});
         while (Server().GetMountInfo(true, false) == 0 && put.IsRunning()) {
-            usleep(100);
+            ::usleep(100);
         }
-        usleep(static_cast<useconds_t>(iMicroseconds));
+        ::usleep(static_cast<useconds_t>(iMicroseconds));
         put.Signal(SIGINT);
         const std::optional<int> iStatus = put.Wait();
         ASSERT_TRUE(iStatus == 0 || iStatus == 1) << iStatus.value_or(-1) << " after " << iMicroseconds << " us";
@@ -281,15 +281,15 @@ TEST_F(NfsgetTest, PutInterruptedAtAnyMomentOfItsWorkUnmounts) {
 
 /// A mount is given some seconds to come to its end, so that it can be taken back; a dead server cannot hold it longer.
 TEST_F(NfsgetTest, InterruptEndsTheWaitForAServerThatNeverAnswers) {
-    const CDescriptor listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const CDescriptor listener(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(4058);
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(bind(listener.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
-    ASSERT_EQ(listen(listener.Get(), 1), 0);
+    ASSERT_EQ(::bind(listener.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+    ASSERT_EQ(::listen(listener.Get(), 1), 0);
     ChildProcess list({Program(), "-m", "4058", "list", "127.0.0.1:data"});
-    const CDescriptor peer(accept4(listener.Get(), nullptr, nullptr, SOCK_CLOEXEC));
+    const CDescriptor peer(::accept4(listener.Get(), nullptr, nullptr, SOCK_CLOEXEC));
     ASSERT_GE(peer.Get(), 0);
     list.Signal(SIGINT);
     EXPECT_EQ(list.Wait(std::chrono::seconds(15)), 1);
@@ -321,12 +321,12 @@ TEST_F(NfsgetTest, WithoutAPortmapperTheDefaultPortsAreTried) {
               "other ports than 2049 and 1058; beside a system portmapper it takes 2050 and 1059)\n");
     EXPECT_EQ(Run({"release", "127.0.0.1:data"}).sOutput, result.sOutput);
     // One that takes datagrams and says nothing costs moments.
-    const CDescriptor silent(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const CDescriptor silent(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(111);
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(bind(silent.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+    ASSERT_EQ(::bind(silent.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
     EXPECT_THAT(Run({"list", "127.0.0.1:data"}).sOutput, HasSubstr("port 1058 (MOUNT): connection refused"));
     result = Run({"list", "no-such-host.invalid:data"});
     EXPECT_EQ(result.iStatus, 1);

@@ -1,10 +1,4 @@
 // nfsget changing places in files, going on with what was cut short, and what it shows and sends meanwhile.
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/mount.h>
-#include <sys/socket.h>
-
 #include <algorithm>
 #include <array>
 #include <atomic>
@@ -12,12 +6,18 @@
 #include <set>
 #include <thread>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+
 #include "Descriptor.h"
 #include "NfsgetFixture.h"
 
 namespace {
 
-// ==== Places in files ================================================================================================
+// ---- Places in files
 
 TEST_F(NfsgetTest, WriteChangesAPlaceAndNothingElse) {
     const TempFolder local;
@@ -120,7 +120,7 @@ TEST_F(NfsgetTest, CutShortGetIsResumed) {
 
 TEST_F(NfsgetTest, GetThatIsToBeResumedKeepsWhatHasCome) {
     const TempFolder local;
-    if (mount("none", local.Path().c_str(), "tmpfs", 0, "size=2m") != 0) {
+    if (::mount("none", local.Path().c_str(), "tmpfs", 0, "size=2m") != 0) {
         GTEST_SKIP() << "no file system of a given size can be mounted here";
     }
     const std::string sContent = Numbers(3 << 20);
@@ -129,7 +129,7 @@ TEST_F(NfsgetTest, GetThatIsToBeResumedKeepsWhatHasCome) {
     EXPECT_EQ(result.iStatus, 1);
     EXPECT_THAT(result.sOutput, testing::EndsWith("; what has come is kept for the next get --resume\n"));
     EXPECT_GT(std::filesystem::file_size(local / "file.nfsget-part"), 1U << 20);
-    EXPECT_EQ(mount("none", local.Path().c_str(), "tmpfs", MS_REMOUNT, "size=8m"), 0);
+    EXPECT_EQ(::mount("none", local.Path().c_str(), "tmpfs", MS_REMOUNT, "size=8m"), 0);
     result = Run({"get", "--resume", "127.0.0.1:data/file", local / "file"});
     EXPECT_EQ(result.iStatus, 0) << result.sOutput;
     EXPECT_TRUE(ReadWholeFile(local / "file") == sContent);
@@ -146,7 +146,7 @@ TEST_F(NfsgetTest, PipesAreNotResumed) {
     EXPECT_EQ(Run({"list", "--resume", "127.0.0.1:data"}).iStatus, 2);
 }
 
-// ==== The terminal and the wire ======================================================================================
+// ---- The terminal and the wire
 
 TEST_F(NfsgetTest, LongTransferTellsItsProgressOnATerminalOnly) {
     WriteWholeFile(Folder() / "file", std::string(std::size_t{8} << 20, 'x'));
@@ -174,10 +174,10 @@ public:
 
 private:
     static CDescriptor Listen(std::uint16_t iPort) {
-        CDescriptor listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        CDescriptor listener(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
         const sockaddr_in address = Loopback(iPort);
-        EXPECT_EQ(bind(listener.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
-        EXPECT_EQ(listen(listener.Get(), 1), 0);
+        EXPECT_EQ(::bind(listener.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+        EXPECT_EQ(::listen(listener.Get(), 1), 0);
         return listener;
     }
     static sockaddr_in Loopback(std::uint16_t iPort) {
@@ -194,27 +194,27 @@ private:
         }
     }
     void Forward() {
-        const CDescriptor client(accept4(m_Listener.Get(), nullptr, nullptr, SOCK_CLOEXEC));
-        const CDescriptor server(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        const CDescriptor client(::accept4(m_Listener.Get(), nullptr, nullptr, SOCK_CLOEXEC));
+        const CDescriptor server(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
         const sockaddr_in address = Loopback(2049);
-        ASSERT_EQ(connect(server.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+        ASSERT_EQ(::connect(server.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
         const auto tEnd = std::chrono::steady_clock::now() + std::chrono::seconds(10);
         std::string sHeld;
         for (bool bOpen = true; bOpen;) {
             const bool bHold = m_nReads > 0 && m_nReads < m_nWanted && std::chrono::steady_clock::now() < tEnd;
             std::array<pollfd, 2> entries{pollfd{client.Get(), POLLIN, 0},
                                           pollfd{bHold ? -1 : server.Get(), POLLIN, 0}};
-            poll(entries.data(), entries.size(), 100);
+            ::poll(entries.data(), entries.size(), 100);
             std::array<char, 65536> vcBytes{};
             if (entries[0].revents != 0) {
-                const ssize_t nGot = recv(client.Get(), vcBytes.data(), vcBytes.size(), 0);
-                bOpen = nGot > 0 && send(server.Get(), vcBytes.data(), static_cast<std::size_t>(nGot), 0) == nGot;
+                const ssize_t nGot = ::recv(client.Get(), vcBytes.data(), vcBytes.size(), 0);
+                bOpen = nGot > 0 && ::send(server.Get(), vcBytes.data(), static_cast<std::size_t>(nGot), 0) == nGot;
                 CountReads(std::string(vcBytes.data(), static_cast<std::size_t>(std::max<ssize_t>(nGot, 0))));
             }
             if (entries[1].revents != 0) {
-                const ssize_t nGot = recv(server.Get(), vcBytes.data(), vcBytes.size(), 0);
+                const ssize_t nGot = ::recv(server.Get(), vcBytes.data(), vcBytes.size(), 0);
                 bOpen = bOpen && nGot > 0 &&
-                        send(client.Get(), vcBytes.data(), static_cast<std::size_t>(nGot), MSG_NOSIGNAL) == nGot;
+                        ::send(client.Get(), vcBytes.data(), static_cast<std::size_t>(nGot), MSG_NOSIGNAL) == nGot;
             }
         }
     }

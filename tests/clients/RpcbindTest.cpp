@@ -1,11 +1,11 @@
 // Beside a real rpcbind the server takes the next ports and registers them; at its end nothing of them remains.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include <filesystem>
+#include <sstream>
 
 #include <unistd.h>
 
-#include <filesystem>
-#include <sstream>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include "ChildProcess.h"
 #include "Isolation.h"
@@ -22,7 +22,7 @@ using testing::Not;
 /// A program that Debian keeps outside an ordinary user's search path.
 std::string FindProgram(const std::string& sName) {
     for (const char* pcFolder : {"/usr/sbin/", "/usr/bin/", "/sbin/", "/bin/"}) {
-        if (access((pcFolder + sName).c_str(), X_OK) == 0) {
+        if (::access((pcFolder + sName).c_str(), X_OK) == 0) {
             return pcFolder + sName;
         }
     }
@@ -83,7 +83,7 @@ protected:
             if (Registrations().find("100000 2 tcp 111") != std::string::npos) {
                 return true;
             }
-            usleep(10000);
+            ::usleep(10000);
         }
         return false;
     }
@@ -146,7 +146,7 @@ TEST_F(RpcbindTest, RealClientFindsThePortsThroughRpcbind) {
 
 TEST_F(RpcbindTest, NfsgetFindsThePortsThroughRpcbind) {
     const std::string sProgram = BuildTree() + "/bin/nfsget";
-    if (access(sProgram.c_str(), X_OK) != 0) {
+    if (::access(sProgram.c_str(), X_OK) != 0) {
         GTEST_SKIP() << "nfsget is not built";
     }
     const TempFolder folder;

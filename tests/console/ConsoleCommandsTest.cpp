@@ -1,8 +1,8 @@
 // Every command of the loop: what it prints, and which ones print a new prompt.
+#include <optional>
+
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <optional>
 
 #include "ConsoleSupport.h"
 #include "NfsClient.h"
@@ -48,7 +48,7 @@ protected:
     }
     std::string MakeFolder(const std::string& sName) {
         std::string sPath = m_Folder / sName;
-        EXPECT_EQ(mkdir(sPath.c_str(), 0755), 0);
+        EXPECT_EQ(::mkdir(sPath.c_str(), 0755), 0);
         return sPath;
     }
 };
@@ -63,7 +63,7 @@ constexpr const char* kBasicHelp =
 
 }  // namespace
 
-// ==== Basic commands ================================================================================================
+// ---- Basic commands
 
 TEST_F(ConsoleCommands, HelpListsTheBasicCommands) {
     EXPECT_EQ(Command("help"), std::string(kBasicHelp) + "==========================\n");
@@ -120,7 +120,7 @@ TEST_F(ConsoleCommands, QuitEndsTheLoopAndWhatFollowsIsNotRead) {
     m_pConsole.reset();
 }
 
-// ==== Server and exports ============================================================================================
+// ---- Server and exports
 
 TEST_F(DebugCommands, HelpListsEverything) {
     EXPECT_EQ(Command("help"), std::string(kBasicHelp) +
@@ -243,7 +243,7 @@ TEST_F(DebugCommands, ClientWorksOnAnExportUntilQuit) {
     m_pConsole.reset();
 }
 
-// ==== Tests and logging =============================================================================================
+// ---- Tests and logging
 
 TEST_F(DebugCommands, TestRunsThePlatformTest) {
     const std::string sPath = MakeFolder("target");
@@ -317,7 +317,7 @@ TEST_F(DebugCommands, CommandsRunWithAWorkingSigpipe) {
     EXPECT_EQ(sPrinted.find("Broken pipe"), std::string::npos) << sPrinted;
 }
 
-// ==== Datastores and network devices ================================================================================
+// ---- Datastores and network devices
 
 TEST_F(DebugCommands, DatastoresAreListedInTheStatus) {
     EXPECT_EQ(Command("addvsphereinfo ds-1 esx1 443 root secret"), "");
@@ -369,7 +369,7 @@ TEST_F(NetDeviceCommands, TellThatTheyAreDoneWithoutALineEnd) {
     EXPECT_EQ(Command("removenet //nas/share"), "Failed");
 }
 
-// ==== With a log file ===============================================================================================
+// ---- With a log file
 
 namespace {
 

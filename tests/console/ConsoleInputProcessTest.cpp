@@ -1,12 +1,12 @@
 // The console's standard input: pipes, files, terminals, and none at all.
+#include <csignal>
+#include <fstream>
+#include <sstream>
+
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <csignal>
-#include <fstream>
-#include <sstream>
 
 #include "ConsoleSupport.h"
 
@@ -94,7 +94,7 @@ TEST_F(ConsoleInputProcess, EndOfInputIsNoEndOfTheProgram) {
         const auto pShell = Shell(std::string("exec \"$0\" -md svr -pidfile \"$1\" ") + pcInput);
         ASSERT_TRUE(WaitUntil([&] { return Exists("/tmp/nfs-server"); })) << pcInput;
         const long iTicks = TicksOf(pShell->GetPid());
-        poll(nullptr, 0, 1000);
+        ::poll(nullptr, 0, 1000);
         EXPECT_TRUE(pShell->IsRunning()) << pcInput;
         EXPECT_LT(TicksOf(pShell->GetPid()) - iTicks, 30) << pcInput << ": busy while idle (ticks in a second)";
         EXPECT_EQ(RunConsole({"-shutdown"}).iStatus, 0);
@@ -132,12 +132,12 @@ TEST_F(ConsoleInputProcess, ReaderThatGoesAwayEndsNothing) {
     ASSERT_TRUE(WaitUntil([&] { return Exists("/tmp/nfs-server"); }));
     const RunResult query = RunConsole({"-query"});
     EXPECT_EQ(query.sOutput, Banner("1.4", "External NFS Server") + EmptyStatus("Stopped"));
-    EXPECT_EQ(kill(std::stoi(ReadWholeFile(m_Folder / "pid")), SIGTERM), 0);
+    EXPECT_EQ(::kill(std::stoi(ReadWholeFile(m_Folder / "pid")), SIGTERM), 0);
     EXPECT_TRUE(pShell->Wait());
     EXPECT_TRUE(WaitUntil([&] { return !Exists(m_Folder / "pid"); }));
 }
 
-// ==== Terminals =====================================================================================================
+// ---- Terminals
 
 namespace {
 
@@ -192,7 +192,7 @@ TEST_F(ConsoleTerminal, AttributesAreNeverChanged) {
     const std::string sBefore = Describe(terminal.Get());
     for (int i = 0; i < 300; ++i) {
         ASSERT_EQ(Describe(terminal.Get()), sBefore);
-        poll(nullptr, 0, 1);
+        ::poll(nullptr, 0, 1);
     }
     m_pConsole->Send("quit\n");
     EXPECT_EQ(m_pConsole->Wait(), 0);
@@ -210,7 +210,7 @@ TEST_F(ConsoleTerminal, BackgroundJobServesOnAndLeavesTheKeyboardToTheShell) {
     const pid_t iConsole = std::stoi(ReadWholeFile(m_Folder / "pid"));
     shell.Send("echo typed-$((40+2))\n");
     EXPECT_TRUE(shell.WaitFor("typed-42")) << shell.Output();
-    poll(nullptr, 0, 300);
+    ::poll(nullptr, 0, 300);
     EXPECT_NE(StateOf(iConsole), 'T') << "stopped by reading or setting the terminal";
     EXPECT_EQ(RunConsole({"-shutdown"}).iStatus, 0);
     EXPECT_TRUE(shell.WaitFor("Exit by request")) << shell.Output();

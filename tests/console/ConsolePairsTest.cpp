@@ -1,8 +1,8 @@
 // A server process and the consoles that steer it.
 
-#include <sys/stat.h>
-
 #include <csignal>
+
+#include <sys/stat.h>
 
 #include "ConsoleSupport.h"
 #include "NfsClient.h"
@@ -118,7 +118,7 @@ TEST_F(ConsolePairs, WhatDoesNotFitARequestIsRefusedAndNothingOfItDone) {
     }
     sPath.resize(1023, '/');
     sPath += sTail;
-    ASSERT_EQ(mkdir((m_Folder / "private").c_str(), 0700), 0);
+    ASSERT_EQ(::mkdir((m_Folder / "private").c_str(), 0700), 0);
     EXPECT_TRUE(Exists(sPath)) << "the folder below it";
     EXPECT_EQ(client.Command("mount " + sPath + "=data"),
               sError + "Local mount path is too long for the remote control (1031 bytes, at most 1023)\n" +

@@ -1,13 +1,13 @@
 // Whole runs of the console: what each mode prints, in order, and its exit status.
-#include <sys/mount.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <csignal>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
 #include <utility>
+
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "ConsoleSupport.h"
 
@@ -31,13 +31,13 @@ protected:
 class FullFileSystem {
 public:
     explicit FullFileSystem(std::string sPath) : m_sPath(std::move(sPath)) {
-        if (mkdir(m_sPath.c_str(), 0755) != 0 || mount("none", m_sPath.c_str(), "tmpfs", 0, "size=16k") != 0) {
+        if (::mkdir(m_sPath.c_str(), 0755) != 0 || ::mount("none", m_sPath.c_str(), "tmpfs", 0, "size=16k") != 0) {
             throw std::runtime_error("no small file system");
         }
         std::ofstream filler(m_sPath + "/filler");
         filler << std::string(1 << 16, 'x') << std::flush;
     }
-    ~FullFileSystem() { umount2(m_sPath.c_str(), MNT_DETACH); }
+    ~FullFileSystem() { ::umount2(m_sPath.c_str(), MNT_DETACH); }
     FullFileSystem(const FullFileSystem&) = delete;
     FullFileSystem& operator=(const FullFileSystem&) = delete;
 
@@ -80,7 +80,7 @@ TEST_F(ConsoleRun, HelpPrintsTheUsageAndNothingElse) {
 
 TEST_F(ConsoleRun, ProgramNameIsWhatStandsBehindTheLastBackslash) {
     const std::string sLink = m_Folder / "C:\\dir\\prog.exe";
-    ASSERT_EQ(symlink(ConsoleProcess::ProgramPath().c_str(), sLink.c_str()), 0);
+    ASSERT_EQ(::symlink(ConsoleProcess::ProgramPath().c_str(), sLink.c_str()), 0);
     const RunResult result = RunProgram({sLink, "-help"});
     EXPECT_EQ(result.sOutput.substr(0, 25), "\nUsage: prog.exe [-help]\n");
 }

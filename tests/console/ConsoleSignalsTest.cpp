@@ -1,9 +1,9 @@
 // Signals end the console as "quit" does.
+#include <csignal>
+
 #include <pty.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <csignal>
 
 #include "ConsoleSupport.h"
 #include "NfsClient.h"
@@ -110,17 +110,17 @@ TEST_F(ConsoleSignal, ClosedTerminalEndsTheProgramInOrder) {
     const std::string sPid = m_Folder / "pid";
     const std::string sProgram = ConsoleProcess::ProgramPath();
     int iMaster = -1;
-    const pid_t iConsole = forkpty(&iMaster, nullptr, nullptr, nullptr);
+    const pid_t iConsole = ::forkpty(&iMaster, nullptr, nullptr, nullptr);
     if (iConsole == 0) {
-        execl(sProgram.c_str(), "nfsconsole", "-md", "svr", "-pidfile", sPid.c_str(), nullptr);
-        _exit(127);
+        ::execl(sProgram.c_str(), "nfsconsole", "-md", "svr", "-pidfile", sPid.c_str(), nullptr);
+        ::_exit(127);
     }
     ASSERT_GT(iConsole, 0);
     CDescriptor master(iMaster);
     EXPECT_TRUE(WaitUntil([] { return Exists("/tmp/nfs-server"); }));
     master.Close();
     int iStatus = 0;
-    EXPECT_EQ(waitpid(iConsole, &iStatus, 0), iConsole);
+    EXPECT_EQ(::waitpid(iConsole, &iStatus, 0), iConsole);
     EXPECT_EQ(iStatus, 0);
     EXPECT_FALSE(Exists(sPid));
     EXPECT_FALSE(Exists("/tmp/nfs-server"));

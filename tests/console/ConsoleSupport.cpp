@@ -1,14 +1,14 @@
 // What the tests of console processes share.
 #include "ConsoleSupport.h"
 
+#include <stdexcept>
+
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
-
-#include <stdexcept>
 
 std::string Banner(const std::string& sVersion, const std::string& sDescription) {
     return std::string(kRule) + "Execute Version: 1.4\nServer Version: " + sVersion +
@@ -21,7 +21,7 @@ std::string EmptyStatus(const std::string& sState) {
 }
 
 bool Exists(const std::string& sPath) {
-    return access(sPath.c_str(), F_OK) == 0;
+    return ::access(sPath.c_str(), F_OK) == 0;
 }
 
 bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds limit) {
@@ -30,7 +30,7 @@ bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds
         if (std::chrono::steady_clock::now() > end) {
             return false;
         }
-        poll(nullptr, 0, 5);
+        ::poll(nullptr, 0, 5);
     }
     return true;
 }
@@ -40,7 +40,7 @@ CDescriptor TakeUdpPort(std::uint16_t iPort) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(iPort);
-    if (bind(taken.Get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
+    if (::bind(taken.Get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
         throw std::runtime_error("the port cannot be taken");
     }
     return taken;
@@ -55,7 +55,7 @@ RunResult RunConsole(const std::vector<std::string>& vsOptions) {
 }
 
 TerminalOf::TerminalOf(pid_t iPid)
-    : m_Terminal(open(("/proc/" + std::to_string(iPid) + "/fd/0").c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC)) {
+    : m_Terminal(::open(("/proc/" + std::to_string(iPid) + "/fd/0").c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC)) {
     if (!m_Terminal.IsOpen()) {
         throw std::runtime_error("the process has no terminal as standard input");
     }
@@ -63,14 +63,14 @@ TerminalOf::TerminalOf(pid_t iPid)
 
 termios TerminalOf::Get() const {
     termios attributes{};
-    if (tcgetattr(m_Terminal.Get(), &attributes) != 0) {
+    if (::tcgetattr(m_Terminal.Get(), &attributes) != 0) {
         throw std::runtime_error("no terminal attributes");
     }
     return attributes;
 }
 
 void TerminalOf::Set(const termios& attributes) const {
-    if (tcsetattr(m_Terminal.Get(), TCSANOW, &attributes) != 0) {
+    if (::tcsetattr(m_Terminal.Get(), TCSANOW, &attributes) != 0) {
         throw std::runtime_error("terminal attributes cannot be set");
     }
 }

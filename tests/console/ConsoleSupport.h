@@ -1,15 +1,16 @@
 // What the tests of console processes share.
 #pragma once
 
-#include <gtest/gtest.h>
-#include <sys/types.h>
-#include <termios.h>
-
 #include <chrono>
 #include <cstdint>
 #include <functional>
 #include <string>
 #include <vector>
+
+#include <sys/types.h>
+#include <termios.h>
+
+#include <gtest/gtest.h>
 
 #include "ChildProcess.h"
 #include "Descriptor.h"

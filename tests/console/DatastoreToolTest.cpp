@@ -1,9 +1,9 @@
 // The clean-up of datastores at stop, with a tool beside the console that records how it is called.
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <csignal>
 #include <filesystem>
+
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "ConsoleSupport.h"
 #include "Trees.h"
@@ -31,7 +31,7 @@ protected:
     void InstallTool(const std::string& sEnd) {
         const std::string sTool = m_sBin + "/" + kToolName;
         WriteWholeFile(sTool, "#!/bin/sh\n{ printf '<%s>' \"$@\"; echo; } >> '" + Record() + "'\n" + sEnd + "\n");
-        ASSERT_EQ(chmod(sTool.c_str(), 0755), 0);
+        ASSERT_EQ(::chmod(sTool.c_str(), 0755), 0);
     }
     std::string Record() const { return m_Folder / "record"; }
     std::string Recorded() const { return Exists(Record()) ? ReadWholeFile(Record()) : ""; }
@@ -101,7 +101,7 @@ TEST_F(DatastoreTool, ValuesAreNeverRunAsCommands) {
                                              "#hash",
                                              "~"};
     for (const std::string& sValue : vsHostile) {
-        unlink(Record().c_str());
+        ::unlink(Record().c_str());
         Run({"ds-1 esx1 443 root " + sValue});
         EXPECT_EQ(Recorded(), Call("ds-1", "esx1", "443", "root", sValue));
         EXPECT_FALSE(Exists(sBait)) << sValue;
@@ -116,7 +116,7 @@ TEST_F(DatastoreTool, FailureOfTheToolIsIgnored) {
 }
 
 TEST_F(DatastoreTool, MissingToolKeepsNobodyFromEnding) {
-    ASSERT_EQ(unlink((m_sBin + "/" + kToolName).c_str()), 0);
+    ASSERT_EQ(::unlink((m_sBin + "/" + kToolName).c_str()), 0);
     Run({"ds-1 esx1 443 root secret"});
     EXPECT_EQ(Recorded(), "");
 }

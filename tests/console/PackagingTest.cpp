@@ -1,9 +1,9 @@
 // The service unit and the list of exports, with real processes.
-#include <sys/stat.h>
-
 #include <csignal>
 #include <filesystem>
 #include <sstream>
+
+#include <sys/stat.h>
 
 #include "ConsoleSupport.h"
 #include "NfsClient.h"
@@ -24,7 +24,7 @@ protected:
     }
     std::string MakeFolder(const std::string& sName) {
         std::string sPath = m_Folder / sName;
-        EXPECT_EQ(mkdir(sPath.c_str(), 0755), 0);
+        EXPECT_EQ(::mkdir(sPath.c_str(), 0755), 0);
         return sPath;
     }
     /// The exports that the status lists: "path : name" of each.
@@ -122,7 +122,7 @@ TEST_F(Packaging, ListIsAppliedAgainForWhatWasAdded) {
     ASSERT_TRUE(server.WaitForPrompt());
     const std::string sOne = MakeFolder("one");
     const std::string sTwo = MakeFolder("two");
-    ASSERT_EQ(symlink(sOne.c_str(), (m_Folder / "link").c_str()), 0);
+    ASSERT_EQ(::symlink(sOne.c_str(), (m_Folder / "link").c_str()), 0);
     EXPECT_EQ(Apply(sOne + "=first\n").iStatus, 0);
     RunResult result = Apply(sOne + "=first\n" + sTwo + " = second\n" + (m_Folder / "link") + "=first\n");
     EXPECT_EQ(result.iStatus, 0);

@@ -1,5 +1,5 @@
 // Mutated records, the same in every run, and the corpus of the fuzzer as an ordinary test.
-#include <gtest/gtest.h>
+#include "IpcFuzz.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -7,7 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "IpcFuzz.h"
+#include <gtest/gtest.h>
+
 #include "Isolation.h"
 #include "TempFolder.h"
 #include "Trees.h"

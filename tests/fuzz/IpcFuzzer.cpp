@@ -1,5 +1,5 @@
 // libFuzzer's entry (clang, -DNFSLIB_FUZZ=ON): ipc_fuzzer tests/fuzz/corpus-ipc
-#include <unistd.h>
+#include "IpcFuzz.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -8,7 +8,7 @@
 #include <memory>
 #include <string>
 
-#include "IpcFuzz.h"
+#include <unistd.h>
 
 namespace {
 
@@ -17,7 +17,7 @@ std::unique_ptr<IpcFuzzWorld> g_pWorld;
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    g_pWorld = std::make_unique<IpcFuzzWorld>("/tmp/nfs-fuzz-" + std::to_string(getpid()));
+    g_pWorld = std::make_unique<IpcFuzzWorld>("/tmp/nfs-fuzz-" + std::to_string(::getpid()));
     return 0;
 }
 

@@ -1,14 +1,14 @@
 // The world that fuzzed calls meet.
 #include "RpcFuzz.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
+
+#include <unistd.h>
 
 #include "Limits.h"
 #include "MountProg.h"
@@ -74,7 +74,7 @@ bool AreReplies(std::string_view sSent, bool bStream) {
 }  // namespace
 
 RpcFuzzWorld::RpcFuzzWorld(const std::string& sFolder)
-    : m_sOutside(sFolder + "/rpc-fuzz-" + std::to_string(getpid())),
+    : m_sOutside(sFolder + "/rpc-fuzz-" + std::to_string(::getpid())),
       m_sExport(m_sOutside + "/export"),
       m_pUtilities(std::make_unique<SilentUtilities>()),
       m_RuntimeParam("fuzz", ~0),
@@ -118,7 +118,7 @@ void RpcFuzzWorld::Restore() {
     std::error_code ignored;
     fs::create_directories(m_sExport + "/folder", ignored);
     for (const char* pcName : {"/file", "/folder/entry"}) {
-        if (access((m_sExport + pcName).c_str(), F_OK) != 0) {
+        if (::access((m_sExport + pcName).c_str(), F_OK) != 0) {
             WriteFile(m_sExport + pcName, "0123456789");
         }
     }

@@ -1,5 +1,5 @@
 // Mutated calls, the same in every run, and the corpus of the fuzzer as an ordinary test.
-#include <gtest/gtest.h>
+#include "RpcFuzz.h"
 
 #include <algorithm>
 #include <chrono>
@@ -9,7 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "RpcFuzz.h"
+#include <gtest/gtest.h>
+
 #include "TempFolder.h"
 #include "Trees.h"
 #include "Xdr.h"

@@ -1,4 +1,6 @@
 // libFuzzer's entry (clang, -DNFSLIB_FUZZ=ON): rpc_fuzzer tests/fuzz/corpus
+#include "RpcFuzz.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -7,7 +9,6 @@
 #include <string>
 
 #include "Isolation.h"
-#include "RpcFuzz.h"
 
 namespace {
 

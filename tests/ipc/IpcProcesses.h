@@ -1,10 +1,10 @@
 // An external server in a process of its own, steered by a client in this one.
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <memory>
 #include <string>
+
+#include <gtest/gtest.h>
 
 #include "ChildProcess.h"
 #include "FakeHost.h"

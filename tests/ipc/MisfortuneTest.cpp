@@ -1,14 +1,14 @@
 // Processes that die, hang or swarm: the server goes on, and a client's wait ends.
-#include <gtest/gtest.h>
-
-#include <signal.h>
-
 #include <atomic>
 #include <chrono>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <signal.h>
+
+#include <gtest/gtest.h>
 
 #include "IpcPeer.h"
 #include "IpcProcesses.h"
@@ -57,7 +57,7 @@ TEST_F(MisfortuneTest, AClientProcessThatIsKilledDuringItsRequestIsNobodysLoss) 
     }
     EXPECT_TRUE(ServerAnswers());
     EXPECT_EQ(m_pClient->GetMountInfo(false, false), 1);
-    unlink("/tmp/nfs-victim");  // what a killed process leaves
+    ::unlink("/tmp/nfs-victim");  // what a killed process leaves
 }
 
 TEST_F(MisfortuneTest, AHundredClientsAtOnceAllGetTheirLines) {

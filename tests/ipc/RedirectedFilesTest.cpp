@@ -1,10 +1,10 @@
 // What an NFS client does to a redirected file that a client process opened: that process is told, and its answers
 // decide what the NFS client sees.
-#include <gtest/gtest.h>
-
 #include <filesystem>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "IpcProcesses.h"
 #include "RuntimeParam.h"

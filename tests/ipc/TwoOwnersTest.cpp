@@ -1,9 +1,10 @@
 // Two client processes' exports on one server: each is told of what NFS clients do to the redirected files in its own.
-#include <gtest/gtest.h>
-#include <unistd.h>
-
 #include <string>
 #include <vector>
+
+#include <unistd.h>
+
+#include <gtest/gtest.h>
 
 #include "IpcProcesses.h"
 

@@ -1,9 +1,9 @@
 // The example host, run as its users run it.
-#include <gtest/gtest.h>
+#include <string>
 
 #include <signal.h>
 
-#include <string>
+#include <gtest/gtest.h>
 
 #include "ChildProcess.h"
 #include "JavaHost.h"

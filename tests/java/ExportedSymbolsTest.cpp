@@ -1,10 +1,10 @@
 // What the library shows to the outside.
-#include <gtest/gtest.h>
-
 #include <set>
 #include <sstream>
 #include <string>
 #include <string_view>
+
+#include <gtest/gtest.h>
 
 #include "ChildProcess.h"
 #include "TempFolder.h"

@@ -1,14 +1,14 @@
 // Every native method, in every mode, from a real virtual machine.
-#include <gtest/gtest.h>
+#include <chrono>
+#include <string>
+#include <vector>
 
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <string>
-#include <vector>
+#include <gtest/gtest.h>
 
 #include "HostMethods.h"
 #include "JavaHost.h"
@@ -22,16 +22,16 @@ constexpr const char* kIOException = "!java.io.IOException: ";
 /// A port that somebody else holds.
 class OccupiedPort {
 public:
-    OccupiedPort(int iPort, int iType) : m_iSocket(socket(AF_INET, iType | SOCK_CLOEXEC, 0)) {
+    OccupiedPort(int iPort, int iType) : m_iSocket(::socket(AF_INET, iType | SOCK_CLOEXEC, 0)) {
         const int iOn = 1;  // connections of earlier tests may linger
-        setsockopt(m_iSocket, SOL_SOCKET, SO_REUSEADDR, &iOn, sizeof(iOn));
+        ::setsockopt(m_iSocket, SOL_SOCKET, SO_REUSEADDR, &iOn, sizeof(iOn));
         sockaddr_in address{};
         address.sin_family = AF_INET;
         address.sin_port = htons(static_cast<std::uint16_t>(iPort));
-        EXPECT_EQ(bind(m_iSocket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
-        EXPECT_EQ(iType == SOCK_STREAM ? listen(m_iSocket, 1) : 0, 0);
+        EXPECT_EQ(::bind(m_iSocket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+        EXPECT_EQ(iType == SOCK_STREAM ? ::listen(m_iSocket, 1) : 0, 0);
     }
-    ~OccupiedPort() { close(m_iSocket); }
+    ~OccupiedPort() { ::close(m_iSocket); }
     OccupiedPort(const OccupiedPort&) = delete;
     OccupiedPort& operator=(const OccupiedPort&) = delete;
 
@@ -358,7 +358,7 @@ TEST_F(HostBindingTest, PathsKeepTheirCharactersInBothDirections) {
         {"\xF0\x9F\x98\x80", "\\uD83D\\uDE00"},
     };
     for (const auto& [pcOnDisk, pcInHost] : vNames) {
-        ASSERT_EQ(mkdir((folder / pcOnDisk).c_str(), 0755), 0);
+        ASSERT_EQ(::mkdir((folder / pcOnDisk).c_str(), 0755), 0);
         const std::string sPath = folder.Path() + "/" + pcInHost;
         EXPECT_EQ(host.Call("A", "runQuickTestMode", sHandle, sPath, 0), "true")
             << pcInHost << " names the folder on disk";

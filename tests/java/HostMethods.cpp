@@ -1,9 +1,9 @@
 // The native methods as a list.
 #include "HostMethods.h"
 
-#include <gtest/gtest.h>
-
 #include <set>
+
+#include <gtest/gtest.h>
 
 namespace {
 

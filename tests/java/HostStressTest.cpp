@@ -1,9 +1,9 @@
 // Many threads, many lives, many lines: and nothing that grows.
-#include <gtest/gtest.h>
+#include <string>
 
 #include <sys/stat.h>
 
-#include <string>
+#include <gtest/gtest.h>
 
 #include "JavaHost.h"
 #include "TempFolder.h"
@@ -31,7 +31,7 @@ protected:
     static void MakeFolders(const TempFolder& folder) {
         for (int i = 0; i < 8; ++i) {
             const std::string sPath = folder / std::to_string(i);
-            ASSERT_EQ(mkdir(sPath.c_str(), 0755), 0);
+            ASSERT_EQ(::mkdir(sPath.c_str(), 0755), 0);
             WriteWholeFile(sPath + "/source", std::string(1 << 19, 's'));
         }
     }
@@ -77,7 +77,7 @@ TEST_F(HostStressTest, AHundredThousandLinesLeaveNothingBehind) {
     const std::string sHandle = host.Initial("A", "host", 0, 1);
     for (int i = 0; i < 200; ++i) {
         const std::string sPath = folder / std::to_string(i);
-        ASSERT_EQ(mkdir(sPath.c_str(), 0755), 0);
+        ASSERT_EQ(::mkdir(sPath.c_str(), 0755), 0);
         ASSERT_EQ(host.Call("A", "addMountPoint", sHandle, sPath, "e" + std::to_string(i)), "true");
     }
     host.Do({"record", "A", "off"});

@@ -1,11 +1,11 @@
 // Driving HostShell.
 #include "JavaHost.h"
 
-#include <dirent.h>
-#include <signal.h>
-
 #include <fstream>
 #include <sstream>
+
+#include <dirent.h>
+#include <signal.h>
 
 #include "Isolation.h"
 
@@ -13,12 +13,12 @@ namespace {
 
 std::size_t CountEntries(const std::string& sFolder) {
     std::size_t nEntries = 0;
-    DIR* pFolder = opendir(sFolder.c_str());
-    while (pFolder != nullptr && readdir(pFolder) != nullptr) {
+    DIR* pFolder = ::opendir(sFolder.c_str());
+    while (pFolder != nullptr && ::readdir(pFolder) != nullptr) {
         ++nEntries;
     }
     if (pFolder != nullptr) {
-        closedir(pFolder);
+        ::closedir(pFolder);
     }
     return nEntries;
 }
@@ -151,7 +151,7 @@ bool JavaHost::WaitForEvent(const std::string& sHost, const std::string& sEvent)
             }
             sSeen += sSeenEvent + "\n";
         }
-        usleep(10000);
+        ::usleep(10000);
     }
     ADD_FAILURE() << "expected " << sEvent << " but saw\n" << sSeen;
     return false;

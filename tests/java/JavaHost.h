@@ -1,13 +1,13 @@
 // A Java virtual machine with the library in it, driven by a test.
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <chrono>
 #include <memory>
 #include <string>
 #include <type_traits>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "ChildProcess.h"
 

@@ -1,7 +1,7 @@
 // Our jni.h against the JDK's.
-#include <gtest/gtest.h>
-
 #include <set>
+
+#include <gtest/gtest.h>
 
 #include "JniLayout.h"
 

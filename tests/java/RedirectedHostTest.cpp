@@ -1,14 +1,14 @@
 // Redirected files: fed by a host in a real virtual machine, used by an NFS client, decided by the host.
-#include <gtest/gtest.h>
-
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+#include <sys/stat.h>
+
+#include <gtest/gtest.h>
 
 #include "JavaHost.h"
 #include "NfsClient.h"

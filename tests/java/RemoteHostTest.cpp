@@ -1,9 +1,9 @@
 // An external server and a client that steers it: in two virtual machines, and in one.
-#include <gtest/gtest.h>
-
 #include <memory>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "HostMethods.h"
 #include "JavaHost.h"

@@ -4,9 +4,6 @@
 //
 // redirected_host FOLDER EXPORT SIZE SEED: adds the folder as an export; "memory.img" keeps its map in memory,
 // "infofile.img" in an info file.
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <fstream>
@@ -14,6 +11,9 @@
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+#include <fcntl.h>
+#include <unistd.h>
 
 #include "FakeHost.h"
 #include "Limits.h"

@@ -1,10 +1,10 @@
 // Wherever the stream is cut, replies and effects are those of calls that come whole: through the RPC server's receive,
 // where every piece is known to have been worked on before the next one comes.
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <functional>
 #include <random>
+
+#include <gtest/gtest.h>
 
 #include "NfsClient.h"
 #include "PiecesCalls.h"
@@ -50,7 +50,7 @@ Pieces CutAnyhow(const std::string& sStream, std::size_t nMost, unsigned int iSe
 
 }  // namespace
 
-// ==== One call =======================================================================================================
+// ---- One call
 
 class PiecesCallTest : public testing::TestWithParam<std::string> {
 protected:
@@ -143,7 +143,7 @@ TEST_P(PiecesCallTest, IsAnsweredAlikeByteByByteWithAnyCredential) {
     }
 }
 
-// ==== Many calls =====================================================================================================
+// ---- Many calls
 
 class PiecesStreamTest : public testing::Test {
 protected:
@@ -228,7 +228,7 @@ TEST_F(PiecesStreamTest, NfsCallsInAnyPieces) {
     ExpectAlikeInAnyPieces(kNfsProgram);
 }
 
-// ==== Calls in the data of a WRITE ===================================================================================
+// ---- Calls in the data of a WRITE
 
 class PiecesDataTest : public testing::Test {
 protected:

@@ -1,8 +1,8 @@
 // Wherever the stream is cut, replies and effects are those of calls that come whole: over TCP, to a whole server.
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <functional>
+
+#include <gtest/gtest.h>
 
 #include "PiecesCalls.h"
 #include "PiecesWorld.h"

@@ -1,12 +1,12 @@
 // A server without a network, in a world that every run finds the same.
 #include "PiecesWorld.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <filesystem>
 #include <numeric>
 #include <stdexcept>
+
+#include <sys/stat.h>
 
 #include "Limits.h"
 #include "MountProg.h"
@@ -75,7 +75,7 @@ std::string FolderState(const std::string& sFolder) {
     std::vector<std::string> vsLines;
     for (const auto& entry : fs::recursive_directory_iterator(sFolder)) {
         struct stat status {};
-        if (lstat(entry.path().c_str(), &status) != 0) {
+        if (::lstat(entry.path().c_str(), &status) != 0) {
             throw std::runtime_error("an entry vanished");
         }
         std::string sLine = entry.path().string() + " mode " + std::to_string(status.st_mode);
@@ -104,7 +104,7 @@ std::vector<std::string> SplitRecords(std::string_view sStream) {
     return vsRecords;
 }
 
-// ==== What differs from run to run ===================================================================================
+// ---- What differs from run to run
 
 namespace {
 

@@ -1,12 +1,13 @@
 // What the build delivers: the library's symbols, what it needs, and the installed layout.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <filesystem>
 #include <set>
 #include <sstream>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include "ChildProcess.h"
 #include "TempFolder.h"
@@ -145,7 +146,7 @@ TEST(ProductTest, ManualPagesAreWellFormed) {
 
 // In a copy that belongs to somebody else.
 TEST(ProductTest, ServeScriptTellsAnOrdinaryUserInOneLineWhatIsLacking) {
-    if (geteuid() != 0) {
+    if (::geteuid() != 0) {
         GTEST_SKIP() << "needs root to give up its rights in a child";
     }
     const TempFolder folder;
@@ -159,7 +160,7 @@ TEST(ProductTest, ServeScriptTellsAnOrdinaryUserInOneLineWhatIsLacking) {
     std::filesystem::copy_file(SourceTree() + "/serve.sh", folder / "serve.sh");
     std::filesystem::copy_file(SourceTree() + "/tools/packages.sh", folder / "tools/packages.sh");
     for (const char* pcOpened : {"", "tools"}) {
-        ASSERT_EQ(chmod((folder / pcOpened).c_str(), 0755), 0);
+        ASSERT_EQ(::chmod((folder / pcOpened).c_str(), 0755), 0);
     }
     const auto Serve = [&](const std::vector<std::string>& vsOptions) {
         vsArguments = vsAsNobody;

@@ -1,14 +1,15 @@
 // serve.sh as a user meets it, on a build that a stand-in for cmake reports.
+#include <cstdlib>
+#include <filesystem>
+#include <vector>
+
 #include <arpa/inet.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 
-#include <cstdlib>
-#include <filesystem>
-#include <vector>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include "ChildProcess.h"
 #include "Descriptor.h"
@@ -50,7 +51,7 @@ protected:
     void MakeProgram(const std::string& sName, const std::string& sText) {
         const std::string sPath = m_Folder / ("bin/" + sName);
         WriteWholeFile(sPath, "#!/bin/sh\n" + sText + "\n");
-        ASSERT_EQ(chmod(sPath.c_str(), 0755), 0);
+        ASSERT_EQ(::chmod(sPath.c_str(), 0755), 0);
     }
     ChildOptions Options(bool bTerminal) {
         ChildOptions options;
@@ -94,8 +95,8 @@ TEST_F(ServeScriptTest, OneConnectionTooManyIsToldInASentence) {
     address.sin_port = htons(2049);
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     for (int i = 0; i < 11; ++i) {
-        vConnections.emplace_back(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        connect(vConnections.back().Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+        vConnections.emplace_back(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        ::connect(vConnections.back().Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address));
     }
     EXPECT_EQ(serve.Wait(), 1);
     EXPECT_THAT(serve.Output(), testing::EndsWith("serve.sh: the server ended itself: a client opened one connection "

@@ -1,9 +1,10 @@
 // What an NFS client sees of a redirected file, and what the host's answers do to the replies.
-#include <gtest/gtest.h>
+#include <string>
+
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <string>
+#include <gtest/gtest.h>
 
 #include "RedirectedFile.h"
 #include "ServerFixture.h"

@@ -1,17 +1,17 @@
 // A disk image, stored in pieces all over three files, read back whole by another program's client.
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <nfsc/libnfs.h>
-
 #include <algorithm>
 #include <cstring>
 #include <memory>
 #include <random>
 #include <string>
 #include <vector>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+#include <nfsc/libnfs.h>
 
 #include "ChildProcess.h"
 #include "RedirectedFile.h"
@@ -31,8 +31,8 @@ constexpr std::size_t kBlock = 65536;
 /// A descriptor that is closed at the end of the scope.
 class File {
 public:
-    File(const std::string& sPath, int iFlags) : m_iFile(open(sPath.c_str(), iFlags | O_CLOEXEC, 0644)) {}
-    ~File() { close(m_iFile); }
+    File(const std::string& sPath, int iFlags) : m_iFile(::open(sPath.c_str(), iFlags | O_CLOEXEC, 0644)) {}
+    ~File() { ::close(m_iFile); }
     File(const File&) = delete;
     File& operator=(const File&) = delete;
     operator int() const { return m_iFile; }  // NOLINT: reads like the descriptor it stands for
@@ -62,7 +62,7 @@ void WriteSparsely(int iFile, const char* pcData, std::size_t n, std::int64_t iO
     for (std::size_t i = 0; i < n; i += 4096) {
         const std::size_t iPart = std::min<std::size_t>(4096, n - i);
         if (std::any_of(pcData + i, pcData + i + iPart, [](char c) { return c != '\0'; })) {
-            ASSERT_EQ(pwrite(iFile, pcData + i, iPart, iOffset + static_cast<std::int64_t>(i)),
+            ASSERT_EQ(::pwrite(iFile, pcData + i, iPart, iOffset + static_cast<std::int64_t>(i)),
                       static_cast<ssize_t>(iPart));
         }
     }
@@ -86,7 +86,7 @@ protected:
 
     static std::string FindTool(const std::string& sName) {
         for (const char* pcFolder : {"/usr/sbin/", "/sbin/", "/usr/bin/"}) {
-            if (access((pcFolder + sName).c_str(), X_OK) == 0) {
+            if (::access((pcFolder + sName).c_str(), X_OK) == 0) {
                 return pcFolder + sName;
             }
         }
@@ -103,8 +103,8 @@ protected:
     /// An ext4 file system with some files of random bytes in two folders.
     void MakeImage(const std::string& sMke2fs) {
         const std::string sTree = m_Work / "tree";
-        ASSERT_EQ(mkdir(sTree.c_str(), 0755), 0);
-        ASSERT_EQ(mkdir((sTree + "/folder").c_str(), 0755), 0);
+        ASSERT_EQ(::mkdir(sTree.c_str(), 0755), 0);
+        ASSERT_EQ(::mkdir((sTree + "/folder").c_str(), 0755), 0);
         std::mt19937_64 random(4711);
         for (int i = 0; i < kFiles; ++i) {
             std::string sContent(random() % 1000000, '\0');
@@ -114,7 +114,7 @@ protected:
         ASSERT_NO_FATAL_FAILURE(
             Run({sMke2fs, "-q", "-F", "-t", "ext4", "-d", sTree, Image(), std::to_string(kImageSize / 1024) + "k"}));
         struct stat status {};
-        ASSERT_EQ(stat(Image().c_str(), &status), 0);
+        ASSERT_EQ(::stat(Image().c_str(), &status), 0);
         ASSERT_EQ(status.st_size, kImageSize);
     }
 
@@ -151,11 +151,11 @@ protected:
         std::vector<char> vcBlock(kBlock);
         for (std::size_t i = 0; i < 3; ++i) {
             const File source(Source(i), O_WRONLY | O_CREAT);
-            ASSERT_EQ(ftruncate(source, viEnds[i]), 0);
+            ASSERT_EQ(::ftruncate(source, viEnds[i]), 0);
             for (const Piece& piece : m_vPieces) {
                 for (std::int64_t iDone = 0; piece.iSource == i && iDone < piece.iLength;) {
                     const auto n = static_cast<std::size_t>(std::min<std::int64_t>(kBlock, piece.iLength - iDone));
-                    ASSERT_EQ(pread(image, vcBlock.data(), n, piece.iOffset + iDone), static_cast<ssize_t>(n));
+                    ASSERT_EQ(::pread(image, vcBlock.data(), n, piece.iOffset + iDone), static_cast<ssize_t>(n));
                     ASSERT_NO_FATAL_FAILURE(WriteSparsely(source, vcBlock.data(), n, piece.iFileOffset + iDone));
                     iDone += static_cast<std::int64_t>(n);
                 }
@@ -174,7 +174,7 @@ protected:
                 << vcReason;
         }
         struct stat status {};
-        ASSERT_EQ(stat(sDisk.c_str(), &status), 0);
+        ASSERT_EQ(::stat(sDisk.c_str(), &status), 0);
         ASSERT_EQ(status.st_size > 0, bInfoFile) << "the map is where it was asked for";
     }
 
@@ -188,7 +188,7 @@ protected:
         nfsfh* pFile = nullptr;
         ASSERT_EQ(nfs_open(pNfs, "/disk", O_RDONLY, &pFile), 0) << nfs_get_error(pNfs);
         const File copy(Copy(), O_WRONLY | O_CREAT | O_TRUNC);
-        ASSERT_EQ(ftruncate(copy, kImageSize), 0);
+        ASSERT_EQ(::ftruncate(copy, kImageSize), 0);
         std::vector<char> vcBlock(kBlock);
         Checksum checksum;
         std::int64_t iOffset = 0;
@@ -209,7 +209,7 @@ protected:
         const File image(Image(), O_RDONLY);
         std::vector<char> vcBlock(kBlock);
         Checksum checksum;
-        for (ssize_t iRead = 0; (iRead = read(image, vcBlock.data(), kBlock)) > 0;) {
+        for (ssize_t iRead = 0; (iRead = ::read(image, vcBlock.data(), kBlock)) > 0;) {
             checksum.Add(vcBlock.data(), static_cast<std::size_t>(iRead));
         }
         return checksum.Get();

@@ -1,10 +1,6 @@
 // Every log line of a redirected file, in its order, beside an emulation that goes through the same steps.
 //
 // The reads of RedirectedModelTest run without logs; with them an info file is walked record by record.
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
@@ -12,6 +8,11 @@
 #include <random>
 #include <string>
 #include <vector>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
 
 #include "LogCapture.h"
 #include "RedirectedFile.h"

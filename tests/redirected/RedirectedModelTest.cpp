@@ -1,13 +1,14 @@
 // Random maps and reads, compared with the reference model: count, every byte, end of file, position, records, dumps.
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <memory>
 #include <random>
 #include <string>
 #include <vector>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
 
 #include "LogCapture.h"
 #include "RedirectedFile.h"
@@ -175,11 +176,11 @@ private:
             for (char& c : sBytes) {
                 c = static_cast<char>(m_Random());
             }
-            const int iFile = open(extent.sSource.c_str(), O_WRONLY | O_CLOEXEC);
+            const int iFile = ::open(extent.sSource.c_str(), O_WRONLY | O_CLOEXEC);
             ASSERT_NE(iFile, -1);
-            ASSERT_EQ(pwrite(iFile, sBytes.data(), sBytes.size(), extent.iFileOffset),
+            ASSERT_EQ(::pwrite(iFile, sBytes.data(), sBytes.size(), extent.iFileOffset),
                       static_cast<ssize_t>(sBytes.size()));
-            close(iFile);
+            ::close(iFile);
         }
     }
 

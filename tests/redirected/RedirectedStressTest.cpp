@@ -1,7 +1,4 @@
 // Clients read while the host adds, exports, dumps, closes and reopens: every byte is checked.
-#include <gtest/gtest.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -14,6 +11,10 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <unistd.h>
+
+#include <gtest/gtest.h>
 
 #include "RedirectedFile.h"
 #include "ServerFixture.h"

@@ -1,24 +1,24 @@
 // A redirected file as its description has it: simple, slow, and sharing no code with the real one.
 #include "ReferenceModel.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstring>
+
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace {
 
 /// What a source delivers: nothing if it fails (bFailed), fewer bytes where it ends.
 std::string ReadFileAt(const std::string& sPath, std::int64_t iOffset, std::int64_t iLength, bool& bFailed) {
     bFailed = false;
-    const int iFile = open(sPath.c_str(), O_RDONLY | O_CLOEXEC);
+    const int iFile = ::open(sPath.c_str(), O_RDONLY | O_CLOEXEC);
     if (sPath.empty() || iFile < 0) {
         return std::string(static_cast<std::size_t>(iLength), '\0');
     }
     std::string sData(static_cast<std::size_t>(iLength), '\0');
-    const ssize_t iRead = pread(iFile, sData.data(), sData.size(), iOffset);
-    close(iFile);
+    const ssize_t iRead = ::pread(iFile, sData.data(), sData.size(), iOffset);
+    ::close(iFile);
     bFailed = iRead < 0;
     sData.resize(iRead < 0 ? 0 : static_cast<std::size_t>(iRead));
     return sData;

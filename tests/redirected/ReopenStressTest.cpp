@@ -1,7 +1,4 @@
 // A host that opens its redirected files anew while clients use them: no call falls through to the file on disk.
-#include <gtest/gtest.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -11,6 +8,10 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <unistd.h>
+
+#include <gtest/gtest.h>
 
 #include "RedirectedFile.h"
 #include "ServerFixture.h"

@@ -1,9 +1,9 @@
 // Clients that send too little, too much, or nothing that makes sense: each harms nobody but itself.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <filesystem>
 #include <random>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include "ServerFixture.h"
 

@@ -1,6 +1,6 @@
 // The console in surroundings that do not suit it: one line tells why, and nothing is left half open.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include <csignal>
+#include <filesystem>
 
 #include <arpa/inet.h>
 #include <linux/capability.h>
@@ -8,8 +8,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <csignal>
-#include <filesystem>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include "ChildProcess.h"
 #include "Isolation.h"
@@ -54,16 +54,16 @@ protected:
 /// Holds a TCP port.
 class Listener {
 public:
-    explicit Listener(int iPort) : m_iSocket(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    explicit Listener(int iPort) : m_iSocket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
         const int iOn = 1;
-        setsockopt(m_iSocket, SOL_SOCKET, SO_REUSEADDR, &iOn, sizeof(iOn));  // connections that ended do not count
+        ::setsockopt(m_iSocket, SOL_SOCKET, SO_REUSEADDR, &iOn, sizeof(iOn));  // connections that ended do not count
         sockaddr_in address{};
         address.sin_family = AF_INET;
         address.sin_port = htons(static_cast<std::uint16_t>(iPort));
-        EXPECT_EQ(bind(m_iSocket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
-        EXPECT_EQ(listen(m_iSocket, 1), 0);
+        EXPECT_EQ(::bind(m_iSocket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+        EXPECT_EQ(::listen(m_iSocket, 1), 0);
     }
-    ~Listener() { close(m_iSocket); }
+    ~Listener() { ::close(m_iSocket); }
     Listener(const Listener&) = delete;
     Listener& operator=(const Listener&) = delete;
 
@@ -87,7 +87,7 @@ TEST_F(BadSurroundingsTest, PortInUseIsNamedAndTheOthersAreClosedAgain) {
 }
 
 TEST_F(BadSurroundingsTest, WithoutTheRightToBindLowPortsTheStartFails) {
-    if (geteuid() != 0) {
+    if (::geteuid() != 0) {
         GTEST_SKIP() << "needs root, to give the right up";
     }
     WriteWholeFile("/proc/sys/net/ipv4/ip_unprivileged_port_start", "1024");

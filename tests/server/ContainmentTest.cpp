@@ -1,13 +1,13 @@
 // Clients that try to get out of their export, by every way that names, links and handles offer: over sockets, as root,
 // with the whole server in between. Whatever is answered, the trees that are not theirs stay as they were.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include <filesystem>
+#include <map>
 
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <filesystem>
-#include <map>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include "ServerFixture.h"
 
@@ -22,7 +22,7 @@ std::map<std::string, std::string> Picture(const std::string& sTree) {
     std::map<std::string, std::string> picture;
     const auto Add = [&picture](const std::string& sPath) {
         struct stat status {};
-        EXPECT_EQ(lstat(sPath.c_str(), &status), 0) << sPath;
+        EXPECT_EQ(::lstat(sPath.c_str(), &status), 0) << sPath;
         std::string sContent = S_ISREG(status.st_mode)   ? ReadWholeFile(sPath)
                                : S_ISLNK(status.st_mode) ? std::filesystem::read_symlink(sPath).string()
                                                          : "";
@@ -48,8 +48,8 @@ protected:
             return;
         }
         for (const std::string& sTree : {m_Outside.Path(), m_Other.Path()}) {
-            mkdir((sTree + "/dir").c_str(), 0755);
-            mkdir((sTree + "/empty").c_str(), 0755);
+            ::mkdir((sTree + "/dir").c_str(), 0755);
+            ::mkdir((sTree + "/empty").c_str(), 0755);
             WriteWholeFile(sTree + "/file", "not yours");
             WriteWholeFile(sTree + "/dir/file", "not yours either");
         }
@@ -74,7 +74,7 @@ protected:
     /// A file and an empty folder of the client's own, to be renamed to where they must not go. Known by handles.
     void MakeOwn() {
         WriteWholeFile(Folder() / "mine", "mine");
-        mkdir((Folder() / "myDir").c_str(), 0755);
+        ::mkdir((Folder() / "myDir").c_str(), 0755);
         std::string sHandle;
         EXPECT_EQ(m_pClient->Lookup(m_sRoot, "mine", sHandle), 0U);
         EXPECT_EQ(m_pClient->Lookup(m_sRoot, "myDir", sHandle), 0U);
@@ -115,7 +115,7 @@ protected:
         m_pClient->Setattr(sHandle, attributes);
     }
     void Link(const std::string& sTarget, const std::string& sName) {
-        ASSERT_EQ(symlink(sTarget.c_str(), (Folder() / sName).c_str()), 0) << sName;
+        ASSERT_EQ(::symlink(sTarget.c_str(), (Folder() / sName).c_str()), 0) << sName;
     }
     static std::string LastName(const TempFolder& folder) {
         return std::filesystem::path(folder.Path()).filename().string();

@@ -1,8 +1,8 @@
 // Clients on UDP: datagrams that come twice, and replies that have to fit into one.
+#include <filesystem>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-
-#include <filesystem>
 
 #include "ServerFixture.h"
 
@@ -61,7 +61,7 @@ protected:
     std::uint32_t m_iXid = 7000;
 };
 
-// ==== Repeated datagrams =============================================================================================
+// ---- Repeated datagrams
 
 TEST_F(DatagramTest, ARepeatedMountIsNotRefusedAsItsOwnRival) {
     const TempFolder folder;
@@ -151,7 +151,7 @@ TEST_F(DatagramTest, OverTcpNothingIsARepetition) {
     }
 }
 
-// ==== Replies that fit ===============================================================================================
+// ---- Replies that fit
 
 TEST_F(DatagramTest, AReadIsCutToWhatItsDatagramHolds) {
     std::string sContent(kLargestRead + 100, '\0');
@@ -219,7 +219,7 @@ TEST_F(DatagramTest, AReadOfARedirectedFileThatDeliversMoreThanAskedIsCutToo) {
     EXPECT_FALSE(bEof);
 }
 
-// ==== The identity that calls begin under ============================================================================
+// ---- The identity that calls begin under
 
 // Also for a call that comes together with one that does belong to an export.
 TEST_F(DatagramTest, LinesAboutACallInNoExportCarryTheClientsAddress) {

@@ -1,7 +1,11 @@
 // What the host does to its files while clients use them: replaces, removes, runs, write-protects and unmounts them,
 // and keeps things among them that are not to be opened.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include <array>
+#include <atomic>
+#include <csignal>
+#include <string>
+#include <thread>
+#include <vector>
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -12,12 +16,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
-#include <atomic>
-#include <csignal>
-#include <string>
-#include <thread>
-#include <vector>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include "ChildProcess.h"
 #include "Descriptor.h"
@@ -163,7 +163,7 @@ protected:
     std::string m_sRoot;
 };
 
-// ==== Replaced and removed files =====================================================================================
+// ---- Replaced and removed files
 
 TEST_F(HostFilesTest, FileThatTheHostReplacedIsReadAndWrittenAsWhatItIsNow) {
     WriteWholeFile(Path("f"), "the old content");
@@ -246,7 +246,7 @@ TEST_F(HostFilesTest, EachReadGivesOneWholeVersionAndTheLastWriteIsThere) {
     EXPECT_EQ(ReadWholeFile(Path("f")).substr(0, 6), "client");
 }
 
-// ==== Redirected files' sources ======================================================================================
+// ---- Redirected files' sources
 
 TEST_F(HostFilesTest, SourceThatTheHostReplacedIsReadAsWhatItIsNow) {
     WriteWholeFile(Path("virtual"), "");
@@ -270,7 +270,7 @@ TEST_F(HostFilesTest, SourceThatTheHostReplacedIsReadAsWhatItIsNow) {
     EXPECT_EQ(OpenBelow(sources.Path()), std::vector<std::string>{sources / "source"});
 }
 
-// ==== Exports that go ================================================================================================
+// ---- Exports that go
 
 TEST_F(HostFilesTest, FileSystemOfARemovedExportCanBeUnmounted) {
     for (int iKey = 0; iKey < 3; ++iKey) {
@@ -312,7 +312,7 @@ TEST_F(HostFilesTest, FolderThatBecomesAnExportCanBeWrittenThoughItsFileWasASour
     EXPECT_EQ(ReadWholeFile(sources / "source"), "client6789");
 }
 
-// ==== Files that refuse writers ======================================================================================
+// ---- Files that refuse writers
 
 TEST_F(HostFilesTest, ReadOnlyFileSystemIsReadAndWrittenAgainWhenItIsNoMore) {
     FileSystem fileSystem(Path("fs"));
@@ -402,7 +402,7 @@ TEST_F(HostFilesTest, ServiceUserReadsWhatItMayNotWrite) {
     EXPECT_EQ(ReadWholeFile(Path("f")), "content");
 }
 
-// ==== What is not to be opened =======================================================================================
+// ---- What is not to be opened
 
 TEST_F(HostFilesTest, FifosAndSocketsAreNotOpened) {
     ASSERT_EQ(::mkfifo(Path("fifo").c_str(), 0600), 0);

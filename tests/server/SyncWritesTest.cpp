@@ -1,6 +1,11 @@
 // -sync and NFSLIB_SYNC=1: a WRITE is answered when its bytes are with the storage, or fails.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
 
 #include <fcntl.h>
 #include <linux/loop.h>
@@ -9,13 +14,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstdlib>
-#include <cstring>
-#include <memory>
-#include <optional>
-#include <string>
-#include <vector>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include "ChildProcess.h"
 #include "Descriptor.h"
@@ -39,7 +39,7 @@ using testing::Not;
 constexpr std::uint32_t kInvalid = 22;
 constexpr std::size_t kPage = 4096;
 
-// ==== Asking for it ==================================================================================================
+// ---- Asking for it
 
 /// The environment as it was, at the end.
 class SyncVariable {
@@ -68,7 +68,7 @@ TEST(SyncVariableTest, OnlyOneMeansYes) {
     EXPECT_TRUE(IsSyncWhenMade<CNfsIpcServerMain>());
 }
 
-// ==== The console ====================================================================================================
+// ---- The console
 
 class SyncConsoleTest : public testing::Test {
 protected:
@@ -138,7 +138,7 @@ TEST_F(SyncConsoleTest, FailedFlushIsAFailedWrite) {
     EXPECT_EQ(Write({"-md", "int", "-log", "1", "-id", "test"}, FailingSync()), 0U) << "nobody asked for the flush";
 }
 
-// ==== A file system that runs full behind its back ===================================================================
+// ---- A file system that runs full behind its back
 
 /// A file system of 64 MB on a file that finds room for 8 MB only, by way of a loop device.
 class ThinFileSystem {

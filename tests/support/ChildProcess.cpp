@@ -1,6 +1,12 @@
 // A child process on pipes or on a terminal of its own.
 #include "ChildProcess.h"
-#include "Trees.h"
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <stdexcept>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -11,12 +17,7 @@
 #include <termios.h>
 #include <unistd.h>
 
-#include <array>
-#include <cerrno>
-#include <csignal>
-#include <cstdlib>
-#include <cstring>
-#include <stdexcept>
+#include "Trees.h"
 
 namespace {
 
@@ -48,20 +49,20 @@ Streams OpenTerminal() {
     attributes.c_lflag |= ICANON;
     attributes.c_cc[VMIN] = 1;
     attributes.c_cc[VEOF] = 4;
-    if (openpty(&streams.iParentOutput, &streams.iChildInput, nullptr, &attributes, nullptr) != 0) {
+    if (::openpty(&streams.iParentOutput, &streams.iChildInput, nullptr, &attributes, nullptr) != 0) {
         Fail("openpty");
     }
-    fcntl(streams.iParentOutput, F_SETFD, FD_CLOEXEC);
-    fcntl(streams.iChildInput, F_SETFD, FD_CLOEXEC);
-    streams.iParentInput = fcntl(streams.iParentOutput, F_DUPFD_CLOEXEC, 0);
-    streams.iChildOutput = fcntl(streams.iChildInput, F_DUPFD_CLOEXEC, 0);
+    ::fcntl(streams.iParentOutput, F_SETFD, FD_CLOEXEC);
+    ::fcntl(streams.iChildInput, F_SETFD, FD_CLOEXEC);
+    streams.iParentInput = ::fcntl(streams.iParentOutput, F_DUPFD_CLOEXEC, 0);
+    streams.iChildOutput = ::fcntl(streams.iChildInput, F_DUPFD_CLOEXEC, 0);
     return streams;
 }
 
 Streams OpenPipes() {
     std::array<int, 2> input{};
     std::array<int, 2> output{};
-    if (pipe2(input.data(), O_CLOEXEC) != 0 || pipe2(output.data(), O_CLOEXEC) != 0) {
+    if (::pipe2(input.data(), O_CLOEXEC) != 0 || ::pipe2(output.data(), O_CLOEXEC) != 0) {
         Fail("pipe");
     }
     return {input[1], output[0], input[0], output[1]};
@@ -70,28 +71,28 @@ Streams OpenPipes() {
 /// What the child does between fork and exec: async-signal-safe calls only.
 [[noreturn]] void RunChild(const Streams& streams, const ChildOptions& options, char* const* ppcArguments,
                            char* const* ppcEnvironment, pid_t iParent) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (getppid() != iParent) {
-        _exit(kExecFailed);
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (::getppid() != iParent) {
+        ::_exit(kExecFailed);
     }
-    setsid();
+    ::setsid();
     if (options.bTerminal) {
-        ioctl(streams.iChildInput, TIOCSCTTY, 0);
+        ::ioctl(streams.iChildInput, TIOCSCTTY, 0);
     }
-    dup2(streams.iChildInput, STDIN_FILENO);
-    dup2(streams.iChildOutput, STDOUT_FILENO);
-    dup2(streams.iChildOutput, STDERR_FILENO);
+    ::dup2(streams.iChildInput, STDIN_FILENO);
+    ::dup2(streams.iChildOutput, STDOUT_FILENO);
+    ::dup2(streams.iChildOutput, STDERR_FILENO);
     sigset_t none;
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
+    ::sigemptyset(&none);
+    ::sigprocmask(SIG_SETMASK, &none, nullptr);
     for (const int iCapability : options.viDroppedCapabilities) {
-        prctl(PR_CAPBSET_DROP, iCapability, 0, 0, 0);
+        ::prctl(PR_CAPBSET_DROP, iCapability, 0, 0, 0);
     }
-    if (!options.sFolder.empty() && chdir(options.sFolder.c_str()) != 0) {
-        _exit(kExecFailed);
+    if (!options.sFolder.empty() && ::chdir(options.sFolder.c_str()) != 0) {
+        ::_exit(kExecFailed);
     }
     execvpe(ppcArguments[0], ppcArguments, ppcEnvironment);
-    _exit(kExecFailed);
+    ::_exit(kExecFailed);
 }
 
 std::vector<char*> Pointers(std::vector<std::string>& vsTexts) {
@@ -123,7 +124,7 @@ std::vector<std::string> MakeEnvironment(const ChildOptions& options) {
 
 }  // namespace
 
-// ==== ChildProcess ===================================================================================================
+// ---- ChildProcess
 
 ChildProcess::ChildProcess(const std::vector<std::string>& vsArguments, const ChildOptions& options) {
     const Streams streams = options.bTerminal ? OpenTerminal() : OpenPipes();
@@ -131,21 +132,21 @@ ChildProcess::ChildProcess(const std::vector<std::string>& vsArguments, const Ch
     std::vector<std::string> vsEnvironment = MakeEnvironment(options);
     const std::vector<char*> vpArguments = Pointers(vsTexts);
     const std::vector<char*> vpEnvironment = Pointers(vsEnvironment);
-    const pid_t iParent = getpid();
-    m_iPid = fork();
+    const pid_t iParent = ::getpid();
+    m_iPid = ::fork();
     if (m_iPid == 0) {
         RunChild(streams, options, vpArguments.data(), vpEnvironment.data(), iParent);
     }
-    close(streams.iChildInput);
-    close(streams.iChildOutput);
+    ::close(streams.iChildInput);
+    ::close(streams.iChildOutput);
     m_iInput = streams.iParentInput;
     m_iOutput = streams.iParentOutput;
     if (m_iPid < 0) {
-        close(m_iInput);
-        close(m_iOutput);
+        ::close(m_iInput);
+        ::close(m_iOutput);
         Fail("fork");
     }
-    fcntl(m_iOutput, F_SETFL, fcntl(m_iOutput, F_GETFL) | O_NONBLOCK);
+    ::fcntl(m_iOutput, F_SETFL, ::fcntl(m_iOutput, F_GETFL) | O_NONBLOCK);
     if (options.bClosedInput) {
         CloseInput();
     }
@@ -153,16 +154,16 @@ ChildProcess::ChildProcess(const std::vector<std::string>& vsArguments, const Ch
 
 ChildProcess::~ChildProcess() {
     if (!Reap(false)) {
-        kill(m_iPid, SIGKILL);
+        ::kill(m_iPid, SIGKILL);
         Reap(true);
     }
     CloseInput();
-    close(m_iOutput);
+    ::close(m_iOutput);
 }
 
 void ChildProcess::CloseInput() {
     if (m_iInput >= 0) {
-        close(m_iInput);
+        ::close(m_iInput);
         m_iInput = -1;
     }
 }
@@ -170,7 +171,7 @@ void ChildProcess::CloseInput() {
 void ChildProcess::Send(std::string_view sText) {
     const auto end = Clock::now() + kLimit;
     while (!sText.empty()) {
-        const ssize_t iWritten = write(m_iInput, sText.data(), sText.size());
+        const ssize_t iWritten = ::write(m_iInput, sText.data(), sText.size());
         if (iWritten > 0) {
             sText.remove_prefix(static_cast<std::size_t>(iWritten));
         } else if (errno != EAGAIN || Clock::now() > end) {
@@ -181,11 +182,11 @@ void ChildProcess::Send(std::string_view sText) {
 
 bool ChildProcess::ReadMore(std::chrono::milliseconds limit) {
     pollfd entry{m_iOutput, POLLIN, 0};
-    if (poll(&entry, 1, static_cast<int>(limit.count())) <= 0) {
+    if (::poll(&entry, 1, static_cast<int>(limit.count())) <= 0) {
         return false;
     }
     std::array<char, 4096> vcPart{};
-    const ssize_t iGot = read(m_iOutput, vcPart.data(), vcPart.size());
+    const ssize_t iGot = ::read(m_iOutput, vcPart.data(), vcPart.size());
     if (iGot <= 0) {
         return false;  // the end of a pipe, or a terminal that nobody has open any more
     }
@@ -222,7 +223,7 @@ std::string ChildProcess::Unread() {
 
 void ChildProcess::Signal(int iSignal) {
     if (!Reap(false)) {
-        kill(m_iPid, iSignal);
+        ::kill(m_iPid, iSignal);
     }
 }
 
@@ -231,7 +232,7 @@ bool ChildProcess::Reap(bool bBlock) {
         return true;
     }
     int iStatus = 0;
-    if (waitpid(m_iPid, &iStatus, bBlock ? 0 : WNOHANG) != m_iPid) {
+    if (::waitpid(m_iPid, &iStatus, bBlock ? 0 : WNOHANG) != m_iPid) {
         return false;
     }
     m_iStatus = WIFSIGNALED(iStatus) ? 128 + WTERMSIG(iStatus) : WEXITSTATUS(iStatus);
@@ -250,7 +251,7 @@ std::optional<int> ChildProcess::Wait(std::chrono::milliseconds limit) {
         }
         // Keeps the child's pipe from filling; at the end of its output there is only its end to wait for.
         if (!ReadMore(kPoll)) {
-            poll(nullptr, 0, static_cast<int>(kPoll.count()));
+            ::poll(nullptr, 0, static_cast<int>(kPoll.count()));
         }
     }
     Output();
@@ -264,7 +265,7 @@ RunResult RunProgram(const std::vector<std::string>& vsArguments, const ChildOpt
     return {iStatus.value_or(-1), child.Output()};
 }
 
-// ==== ConsoleProcess =================================================================================================
+// ---- ConsoleProcess
 
 namespace {
 

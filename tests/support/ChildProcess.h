@@ -1,14 +1,14 @@
 // A child process on pipes or on a terminal of its own, and the console as one.
 #pragma once
 
-#include <sys/types.h>
-
 #include <chrono>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
+
+#include <sys/types.h>
 
 /// How a child is started.
 struct ChildOptions {

@@ -1,17 +1,17 @@
 // Raw records, a raw client and a fake server for the remote control.
 #include "IpcPeer.h"
 
-#include <poll.h>
-#include <sys/eventfd.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <sstream>
 #include <stdexcept>
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 namespace {
 
@@ -35,7 +35,7 @@ sockaddr_un MakeAddress(const std::string& sChannel) {
 
 }  // namespace
 
-// ==== Records ========================================================================================================
+// ---- Records
 
 RawRecord::RawRecord(std::int32_t iGroup, std::int32_t iType, std::size_t iLength) : m_sBytes(iLength, '\0') {
     I32(0, iGroup);
@@ -118,28 +118,29 @@ std::string Difference(std::string_view sExpected, std::string_view sSeen) {
     return text.str();
 }
 
-// ==== A raw client ===================================================================================================
+// ---- A raw client
 
-IpcConnection::IpcConnection(const std::string& sChannel) : m_iSocket(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+IpcConnection::IpcConnection(const std::string& sChannel)
+    : m_iSocket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
     const sockaddr_un address = MakeAddress(sChannel);
-    if (m_iSocket == -1 || connect(m_iSocket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+    if (m_iSocket == -1 || ::connect(m_iSocket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
         const int iError = errno;
-        close(m_iSocket);
+        ::close(m_iSocket);
         errno = iError;
         Throw("connect to " + sChannel);
     }
 }
 
 IpcConnection::~IpcConnection() {
-    close(m_iSocket);
+    ::close(m_iSocket);
 }
 
 bool IpcConnection::Send(std::string_view sBytes) {
-    return send(m_iSocket, sBytes.data(), sBytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(sBytes.size());
+    return ::send(m_iSocket, sBytes.data(), sBytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(sBytes.size());
 }
 
 void IpcConnection::ShutdownSend() {
-    shutdown(m_iSocket, SHUT_WR);
+    ::shutdown(m_iSocket, SHUT_WR);
 }
 
 std::optional<std::string> IpcConnection::ReceiveAll(std::chrono::milliseconds limit) {
@@ -148,11 +149,11 @@ std::optional<std::string> IpcConnection::ReceiveAll(std::chrono::milliseconds l
     for (;;) {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
         pollfd polled{m_iSocket, POLLIN, 0};
-        if (left.count() <= 0 || poll(&polled, 1, static_cast<int>(left.count())) == 0) {
+        if (left.count() <= 0 || ::poll(&polled, 1, static_cast<int>(left.count())) == 0) {
             return std::nullopt;
         }
         char vcBuffer[kBufferSize];
-        const ssize_t iReceived = recv(m_iSocket, vcBuffer, sizeof(vcBuffer), 0);
+        const ssize_t iReceived = ::recv(m_iSocket, vcBuffer, sizeof(vcBuffer), 0);
         if (iReceived <= 0) {
             return sAll;  // a reset ends it like a close
         }
@@ -172,16 +173,16 @@ std::string IpcExchange(const std::string& sChannel, std::string_view sBytes) {
     return *sReply;
 }
 
-// ==== A fake server ==================================================================================================
+// ---- A fake server
 
 FakeIpcServer::FakeIpcServer(const std::string& sChannel, Answer answer)
     : m_sChannel(sChannel), m_Answer(std::move(answer)) {
-    m_iWake = eventfd(0, EFD_CLOEXEC);
-    m_iSocket = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    m_iWake = ::eventfd(0, EFD_CLOEXEC);
+    m_iSocket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const sockaddr_un address = MakeAddress(sChannel);
     if (m_iWake == -1 || m_iSocket == -1 ||
-        bind(m_iSocket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
-        listen(m_iSocket, kBacklog) != 0) {
+        ::bind(m_iSocket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
+        ::listen(m_iSocket, kBacklog) != 0) {
         Throw("listen on " + sChannel);
     }
     m_Thread = std::thread([this] { Run(); });
@@ -190,20 +191,20 @@ FakeIpcServer::FakeIpcServer(const std::string& sChannel, Answer answer)
 FakeIpcServer::~FakeIpcServer() {
     eventfd_write(m_iWake, 1);
     m_Thread.join();
-    close(m_iSocket);
-    close(m_iWake);
-    unlink(m_sChannel.c_str());
+    ::close(m_iSocket);
+    ::close(m_iWake);
+    ::unlink(m_sChannel.c_str());
 }
 
 void FakeIpcServer::Run() {
     std::vector<int> viHanging;
     for (;;) {
         pollfd polled[2] = {{m_iSocket, POLLIN, 0}, {m_iWake, POLLIN, 0}};
-        poll(polled, 2, -1);
+        ::poll(polled, 2, -1);
         if (polled[1].revents != 0) {
             break;
         }
-        const int iConnection = accept4(m_iSocket, nullptr, nullptr, SOCK_CLOEXEC);
+        const int iConnection = ::accept4(m_iSocket, nullptr, nullptr, SOCK_CLOEXEC);
         if (iConnection == -1) {
             continue;
         }
@@ -211,17 +212,17 @@ void FakeIpcServer::Run() {
         if (m_bHang) {
             viHanging.push_back(iConnection);
         } else {
-            close(iConnection);
+            ::close(iConnection);
         }
     }
     for (const int iConnection : viHanging) {
-        close(iConnection);
+        ::close(iConnection);
     }
 }
 
 void FakeIpcServer::Serve(int iConnection) {
     char vcBuffer[kBufferSize];
-    const ssize_t iReceived = recv(iConnection, vcBuffer, sizeof(vcBuffer), 0);
+    const ssize_t iReceived = ::recv(iConnection, vcBuffer, sizeof(vcBuffer), 0);
     const std::string sMessage(vcBuffer, static_cast<std::size_t>(std::max<ssize_t>(iReceived, 0)));
     {
         const std::lock_guard lock(m_Mutex);
@@ -230,7 +231,7 @@ void FakeIpcServer::Serve(int iConnection) {
     m_Changed.notify_all();
     if (!m_bHang) {
         const std::string sReply = m_Answer(sMessage);
-        send(iConnection, sReply.data(), sReply.size(), MSG_NOSIGNAL);  // the peer may be gone: its own affair
+        ::send(iConnection, sReply.data(), sReply.size(), MSG_NOSIGNAL);  // the peer may be gone: its own affair
     }
 }
 

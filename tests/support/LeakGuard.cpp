@@ -1,11 +1,11 @@
 // Fails a test that leaves something behind.
 #include "LeakGuard.h"
 
-#include <gtest/gtest.h>
-
 #include <chrono>
 #include <filesystem>
 #include <thread>
+
+#include <gtest/gtest.h>
 
 #include "Isolation.h"
 

@@ -5,7 +5,7 @@
 
 #include "FileLogger.h"
 
-// ==== LogCapture =====================================================================================================
+// ---- LogCapture
 
 void LogCapture::Add(LogLine line) {
     const std::lock_guard lock(m_Mutex);
@@ -81,7 +81,7 @@ int LogCapture::Ask(const Notification& notification) {
     return host ? host(notification) : -1;
 }
 
-// ==== CaptureUtilities ===============================================================================================
+// ---- CaptureUtilities
 
 namespace {
 

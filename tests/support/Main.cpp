@@ -1,10 +1,11 @@
 // The main of every test program.
-#include <gtest/gtest.h>
-
-#include <unistd.h>
 #include <cstdio>
 #include <cstdlib>
 #include <thread>
+
+#include <unistd.h>
+
+#include <gtest/gtest.h>
 
 #include "Isolation.h"
 #include "Trees.h"
@@ -22,13 +23,13 @@ int main(int argc, char** argv) {
     if (!testing::GTEST_FLAG(list_tests)) {
         if (const char* pcWhy = IsolateProcess(); pcWhy != nullptr) {
             std::printf("Not isolated: %s\n", pcWhy);
-        } else if (chdir("/tmp") != 0) {
+        } else if (::chdir("/tmp") != 0) {
             std::perror("chdir");
             return 1;
         }
     }
     const std::string sSuppressions = SourceTree() + "/tests/support/leaks.supp";
-    setenv("LSAN_OPTIONS", ("suppressions=" + sSuppressions + ":print_suppressions=0").c_str(), 0);
+    ::setenv("LSAN_OPTIONS", ("suppressions=" + sSuppressions + ":print_suppressions=0").c_str(), 0);
     // A thread sanitizer starts a thread of its own beside the first one: before any test counts threads.
     std::thread([] {}).join();
     return RUN_ALL_TESTS();

@@ -1,10 +1,10 @@
 // Calls that name entries of the exported folder, beside a folder outside that nothing may reach.
 #pragma once
 
+#include <filesystem>
+
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <filesystem>
 
 #include "Nfs3ProgFixture.h"
 
@@ -36,16 +36,16 @@ protected:
 
     /// Made by the host: clients cannot make links.
     void Link(const std::string& sTarget, const std::string& sName) const {
-        ASSERT_EQ(symlink(sTarget.c_str(), Path(sName).c_str()), 0) << sName;
+        ASSERT_EQ(::symlink(sTarget.c_str(), Path(sName).c_str()), 0) << sName;
     }
-    void MakeFolder(const std::string& sName) const { ASSERT_EQ(mkdir(Path(sName).c_str(), 0755), 0) << sName; }
+    void MakeFolder(const std::string& sName) const { ASSERT_EQ(::mkdir(Path(sName).c_str(), 0755), 0) << sName; }
     void Export(const std::string& sPath, const char* pcName) {
         ASSERT_TRUE(m_Utilities.AddMountInfo(&m_RuntimeParam, &m_LogArgu, sPath.c_str(), pcName, "", nullptr));
     }
     /// A link counts, wherever it leads.
     bool Exists(const std::string& sName) const {
         struct stat status {};
-        return lstat(Path(sName).c_str(), &status) == 0;
+        return ::lstat(Path(sName).c_str(), &status) == 0;
     }
     bool IsLink(const std::string& sName) const { return std::filesystem::is_symlink(Path(sName)); }
     bool IsFolder(const std::string& sName) const {

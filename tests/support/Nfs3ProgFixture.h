@@ -1,10 +1,10 @@
 // The NFS version 3 program on streams, without sockets.
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "InputStream.h"
 #include "LogCapture.h"

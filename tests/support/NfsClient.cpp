@@ -111,7 +111,7 @@ void Sattr3::Write(XdrBuilder& builder) const {
     WriteTime(builder, mtime);
 }
 
-// ==== The client =====================================================================================================
+// ---- The client
 
 NfsClient::NfsClient(Transport transport, const std::string& sSourceAddress, int iNfsPort, int iMountPort)
     : m_Mount(transport, iMountPort, sSourceAddress), m_Nfs(transport, iNfsPort, sSourceAddress) {}

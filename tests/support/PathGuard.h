@@ -1,11 +1,12 @@
 // Commands that exist for the length of a test.
 #pragma once
 
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-
 #include <cstdlib>
 #include <string>
+
+#include <sys/stat.h>
+
+#include <gtest/gtest.h>
 
 #include "TempFolder.h"
 
@@ -13,9 +14,9 @@
 class PathGuard {
 public:
     explicit PathGuard(const std::string& sFolder) : m_sOld(Current()) {
-        setenv("PATH", (sFolder + ":" + m_sOld).c_str(), 1);
+        ::setenv("PATH", (sFolder + ":" + m_sOld).c_str(), 1);
     }
-    ~PathGuard() { setenv("PATH", m_sOld.c_str(), 1); }
+    ~PathGuard() { ::setenv("PATH", m_sOld.c_str(), 1); }
     PathGuard(const PathGuard&) = delete;
     PathGuard& operator=(const PathGuard&) = delete;
 
@@ -31,7 +32,7 @@ private:
 /// Makes a shell script.
 inline void InstallCommand(const std::string& sPath, const std::string& sBody) {
     WriteWholeFile(sPath, "#!/bin/sh\n" + sBody + "\n");
-    ASSERT_EQ(chmod(sPath.c_str(), 0755), 0);
+    ASSERT_EQ(::chmod(sPath.c_str(), 0755), 0);
 }
 
 /// The commands behind the credentials of network devices.

@@ -1,12 +1,12 @@
 // A redirected file with two sources and an empty info file.
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "LogCapture.h"
 #include "RedirectedFile.h"

@@ -1,19 +1,19 @@
 // A small ONC RPC client for tests.
 #include "RpcClient.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
 #include <vector>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 namespace {
 
@@ -29,7 +29,7 @@ sockaddr_in MakeAddress(const std::string& sAddress, int iPort) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<std::uint16_t>(iPort));
-    if (inet_pton(AF_INET, sAddress.c_str(), &address.sin_addr) != 1) {
+    if (::inet_pton(AF_INET, sAddress.c_str(), &address.sin_addr) != 1) {
         throw std::runtime_error("not an address: " + sAddress);
     }
     return address;
@@ -37,7 +37,7 @@ sockaddr_in MakeAddress(const std::string& sAddress, int iPort) {
 
 }  // namespace
 
-// ==== Calls and replies ==============================================================================================
+// ---- Calls and replies
 
 std::string RpcCall::Bytes(Transport transport) const {
     XdrBuilder body;
@@ -68,21 +68,21 @@ RpcReply RpcReply::Parse(Transport transport, const std::string& sRaw) {
     return reply;
 }
 
-// ==== The connection =================================================================================================
+// ---- The connection
 
 RpcClient::RpcClient(Transport transport, int iPort, const std::string& sSourceAddress,
                      const std::string& sServerAddress)
     : m_Transport(transport) {
-    m_iSocket = socket(AF_INET, (transport == Transport::kTcp ? SOCK_STREAM : SOCK_DGRAM) | SOCK_CLOEXEC, 0);
+    m_iSocket = ::socket(AF_INET, (transport == Transport::kTcp ? SOCK_STREAM : SOCK_DGRAM) | SOCK_CLOEXEC, 0);
     if (m_iSocket < 0) {
         Fail("socket");
     }
     const sockaddr_in source = MakeAddress(sSourceAddress, 0);
     const sockaddr_in server = MakeAddress(sServerAddress, iPort);
     const int iOn = 1;
-    setsockopt(m_iSocket, IPPROTO_TCP, TCP_NODELAY, &iOn, sizeof(iOn));  // fails for UDP, where it does not matter
-    if (bind(m_iSocket, reinterpret_cast<const sockaddr*>(&source), sizeof(source)) != 0 ||
-        connect(m_iSocket, reinterpret_cast<const sockaddr*>(&server), sizeof(server)) != 0) {
+    ::setsockopt(m_iSocket, IPPROTO_TCP, TCP_NODELAY, &iOn, sizeof(iOn));  // fails for UDP, where it does not matter
+    if (::bind(m_iSocket, reinterpret_cast<const sockaddr*>(&source), sizeof(source)) != 0 ||
+        ::connect(m_iSocket, reinterpret_cast<const sockaddr*>(&server), sizeof(server)) != 0) {
         const int iError = errno;
         Close();
         errno = iError;
@@ -96,24 +96,24 @@ RpcClient::~RpcClient() {
 
 void RpcClient::Close() {
     if (m_iSocket >= 0) {
-        close(m_iSocket);
+        ::close(m_iSocket);
         m_iSocket = -1;
     }
 }
 
 void RpcClient::ShutdownSend() {
-    shutdown(m_iSocket, SHUT_WR);
+    ::shutdown(m_iSocket, SHUT_WR);
 }
 
 void RpcClient::Send(std::string_view sBytes) {
     if (m_Transport == Transport::kUdp) {
-        if (send(m_iSocket, sBytes.data(), sBytes.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(sBytes.size())) {
+        if (::send(m_iSocket, sBytes.data(), sBytes.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(sBytes.size())) {
             Fail("send of a datagram");
         }
         return;
     }
     while (!sBytes.empty()) {
-        const ssize_t iSent = send(m_iSocket, sBytes.data(), sBytes.size(), MSG_NOSIGNAL);
+        const ssize_t iSent = ::send(m_iSocket, sBytes.data(), sBytes.size(), MSG_NOSIGNAL);
         if (iSent <= 0) {
             Fail("send");
         }
@@ -123,7 +123,7 @@ void RpcClient::Send(std::string_view sBytes) {
 
 bool RpcClient::WaitReadable(std::chrono::milliseconds limit) {
     pollfd entry{m_iSocket, POLLIN, 0};
-    return poll(&entry, 1, static_cast<int>(limit.count())) > 0;
+    return ::poll(&entry, 1, static_cast<int>(limit.count())) > 0;
 }
 
 std::string RpcClient::ReceiveBytes(std::size_t iSize, std::chrono::milliseconds limit) {
@@ -136,7 +136,7 @@ std::string RpcClient::ReceiveBytes(std::size_t iSize, std::chrono::milliseconds
             throw std::runtime_error("no reply in time: " + std::to_string(iFilled) + " of " + std::to_string(iSize) +
                                      " bytes came");
         }
-        const ssize_t iGot = recv(m_iSocket, sBytes.data() + iFilled, iSize - iFilled, 0);
+        const ssize_t iGot = ::recv(m_iSocket, sBytes.data() + iFilled, iSize - iFilled, 0);
         if (iGot <= 0) {
             throw std::runtime_error("connection ended after " + std::to_string(iFilled) + " of " +
                                      std::to_string(iSize) + " bytes");
@@ -159,7 +159,7 @@ std::string RpcClient::Receive(std::chrono::milliseconds limit) {
         throw std::runtime_error("no datagram in time");
     }
     std::string sBytes(kLargestDatagram, '\0');
-    const ssize_t iGot = recv(m_iSocket, sBytes.data(), sBytes.size(), 0);
+    const ssize_t iGot = ::recv(m_iSocket, sBytes.data(), sBytes.size(), 0);
     if (iGot < 0) {
         Fail("recv of a datagram");
     }
@@ -171,7 +171,7 @@ std::string RpcClient::ReceiveUntilQuiet(std::chrono::milliseconds quiet) {
     std::string sBytes;
     std::vector<char> vcPart(kLargestDatagram);
     while (WaitReadable(quiet)) {
-        const ssize_t iGot = recv(m_iSocket, vcPart.data(), vcPart.size(), 0);
+        const ssize_t iGot = ::recv(m_iSocket, vcPart.data(), vcPart.size(), 0);
         if (iGot <= 0) {
             break;
         }
@@ -192,7 +192,7 @@ bool RpcClient::IsClosedByPeer(std::chrono::milliseconds limit) {
         if (left.count() <= 0 || !WaitReadable(left)) {
             return false;
         }
-        if (recv(m_iSocket, vcDropped.data(), vcDropped.size(), 0) <= 0) {
+        if (::recv(m_iSocket, vcDropped.data(), vcDropped.size(), 0) <= 0) {
             return true;
         }
     }

@@ -1,8 +1,6 @@
 // An RPC server with one program for tests, on sockets and without.
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -11,6 +9,8 @@
 #include <string>
 #include <string_view>
 #include <utility>
+
+#include <gtest/gtest.h>
 
 #include "DatagramSocket.h"
 #include "InputStream.h"

@@ -1,10 +1,10 @@
 // A whole server inside the test process.
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <memory>
 #include <string>
+
+#include <gtest/gtest.h>
 
 #include "LeakGuard.h"
 #include "LogCapture.h"

@@ -9,7 +9,7 @@
 
 TempFolder::TempFolder() {
     char vcTemplate[] = "/tmp/nfslib-test-XXXXXX";
-    if (mkdtemp(vcTemplate) == nullptr) {
+    if (::mkdtemp(vcTemplate) == nullptr) {
         throw std::runtime_error("no scratch folder below /tmp");
     }
     m_sPath = std::filesystem::canonical(vcTemplate).string();

@@ -1,10 +1,10 @@
 // SegmentMap: the layout it makes is the one that reads find.
 #include "SegmentMap.h"
 
+#include <random>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-
-#include <random>
 
 #include "MapPicture.h"
 #include "RedirectedFileFixture.h"

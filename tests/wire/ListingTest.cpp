@@ -1,12 +1,12 @@
 // Listings of a whole server: they go on where they were, on whatever connection the next call comes.
-#include <gtest/gtest.h>
+#include <set>
+#include <string>
+#include <vector>
 
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <set>
-#include <string>
-#include <vector>
+#include <gtest/gtest.h>
 
 #include "ServerFixture.h"
 
@@ -54,8 +54,8 @@ TEST_P(ListingWireTest, RemovingWhatIsListedInOnePassLeavesNothing) {
         }
     }
     EXPECT_EQ(nRemoved, 3000);
-    EXPECT_EQ(rmdir(Folder().Path().c_str()), 0) << "something is left";
-    mkdir(Folder().Path().c_str(), 0755);
+    EXPECT_EQ(::rmdir(Folder().Path().c_str()), 0) << "something is left";
+    ::mkdir(Folder().Path().c_str(), 0755);
 }
 
 // Half of what is listed goes after each reply, by the host, and each call comes on a connection of its own.
@@ -72,7 +72,7 @@ TEST_P(ListingWireTest, ListingGoesOnAcrossConnections) {
         for (std::size_t i = 0; i < vsNames.size(); ++i) {
             EXPECT_TRUE(ssSeen.insert(vsNames[i]).second) << vsNames[i] << " twice";
             if (i % 2 == 0) {
-                unlink((Folder() / vsNames[i]).c_str());
+                ::unlink((Folder() / vsNames[i]).c_str());
             }
         }
     }

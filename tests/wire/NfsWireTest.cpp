@@ -1,8 +1,8 @@
 // Whole replies of a whole server, byte by byte: record mark, reply head, result, and not one byte more.
+#include <sys/stat.h>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-
-#include <sys/stat.h>
 
 #include "ServerFixture.h"
 
@@ -57,7 +57,7 @@ protected:
     /// fattr3 as the host's lstat has it.
     std::string Attributes(const std::string& sPath) {
         struct stat status {};
-        EXPECT_EQ(lstat(sPath.c_str(), &status), 0) << sPath;
+        EXPECT_EQ(::lstat(sPath.c_str(), &status), 0) << sPath;
         Fattr3 attributes;
         XdrReader reader(Nfs(kNfsGetattr, XdrBuilder().Opaque(Handle(0))));
         reader.Skip(GetParam() == Transport::kTcp ? 32 : 28);

@@ -1,13 +1,13 @@
 #include "Probe.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <utility>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -23,7 +23,7 @@ void FailWithErrno(const std::string& sWhat, const std::string& sPath) {
 }
 
 ProbeFile::ProbeFile(std::string sPath, int iFlags)
-    : m_sPath(std::move(sPath)), m_iNumber(open(m_sPath.c_str(), iFlags | O_CLOEXEC, kNewFileMode)) {
+    : m_sPath(std::move(sPath)), m_iNumber(::open(m_sPath.c_str(), iFlags | O_CLOEXEC, kNewFileMode)) {
     if (m_iNumber < 0) {
         FailWithErrno("open", m_sPath);
     }
@@ -31,27 +31,27 @@ ProbeFile::ProbeFile(std::string sPath, int iFlags)
 
 ProbeFile::~ProbeFile() {
     if (m_iNumber >= 0) {
-        close(m_iNumber);
+        ::close(m_iNumber);
     }
 }
 
 std::uint64_t ProbeFile::Size() const {
     struct stat status {};
-    if (fstat(m_iNumber, &status) != 0) {
+    if (::fstat(m_iNumber, &status) != 0) {
         FailWithErrno("stat", m_sPath);
     }
     return static_cast<std::uint64_t>(status.st_size);
 }
 
 void ProbeFile::Close() {
-    if (close(std::exchange(m_iNumber, -1)) != 0) {
+    if (::close(std::exchange(m_iNumber, -1)) != 0) {
         FailWithErrno("close", m_sPath);
     }
 }
 
 void WaitForFile(const std::string& sPath) {
-    while (access(sPath.c_str(), F_OK) != 0) {
-        usleep(kPause);
+    while (::access(sPath.c_str(), F_OK) != 0) {
+        ::usleep(kPause);
     }
 }
 

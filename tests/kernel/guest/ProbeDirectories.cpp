@@ -1,10 +1,6 @@
 // The probe's commands on directories: a tree to copy, and one pass of a listing with something happening in the middle
 // of it.
-#include <dirent.h>
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <sys/syscall.h>
-#include <unistd.h>
+#include "Probe.h"
 
 #include <cstddef>
 #include <cstdio>
@@ -13,8 +9,13 @@
 #include <string>
 #include <vector>
 
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include "Pattern.h"
-#include "Probe.h"
 
 namespace {
 
@@ -25,7 +26,7 @@ constexpr std::size_t kListBuffer = 2048;
 void List(const ProbeFile& folder, const std::function<void(const std::string&)>& take) {
     alignas(dirent64) char vcBuffer[kListBuffer];
     while (true) {
-        const long iRead = syscall(SYS_getdents64, folder.Number(), vcBuffer, sizeof(vcBuffer));
+        const long iRead = ::syscall(SYS_getdents64, folder.Number(), vcBuffer, sizeof(vcBuffer));
         if (iRead < 0) {
             FailWithErrno("list", folder.Path());
         }
@@ -51,7 +52,7 @@ constexpr int kFilesInFolder = 20;
 constexpr std::size_t kLongestFile = 40'000;
 
 void MakeFolder(const std::string& sPath) {
-    if (mkdir(sPath.c_str(), 0755) != 0) {
+    if (::mkdir(sPath.c_str(), 0755) != 0) {
         FailWithErrno("mkdir", sPath);
     }
 }
@@ -71,7 +72,7 @@ void MakeTree(Arguments arguments) {
             FillPattern(vBytes, static_cast<std::uint64_t>(iNumber), 0);
             const ProbeFile file(sFolder + (iFile % 2 == 0 ? "/" : "/inner/") + std::to_string(iFile),
                                  O_WRONLY | O_CREAT);
-            if (write(file.Number(), vBytes.data(), vBytes.size()) != static_cast<ssize_t>(vBytes.size())) {
+            if (::write(file.Number(), vBytes.data(), vBytes.size()) != static_cast<ssize_t>(vBytes.size())) {
                 FailWithErrno("write", file.Path());
             }
         }

@@ -1,7 +1,5 @@
 // The probe's commands on one file: content of a pattern, written and checked in all the ways a program has.
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <unistd.h>
+#include "Probe.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -11,8 +9,11 @@
 #include <span>
 #include <vector>
 
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include "Pattern.h"
-#include "Probe.h"
 
 namespace {
 
@@ -52,8 +53,8 @@ private:
 void WriteAll(const ProbeFile& file, std::span<const char> bytes, std::uint64_t iOffset, bool bAppend) {
     while (!bytes.empty()) {
         const ssize_t iWritten = bAppend
-                                     ? write(file.Number(), bytes.data(), bytes.size())
-                                     : pwrite(file.Number(), bytes.data(), bytes.size(), static_cast<off_t>(iOffset));
+                                     ? ::write(file.Number(), bytes.data(), bytes.size())
+                                     : ::pwrite(file.Number(), bytes.data(), bytes.size(), static_cast<off_t>(iOffset));
         if (iWritten <= 0) {
             FailWithErrno("write", file.Path());
         }
@@ -67,7 +68,7 @@ std::size_t ReadAll(const ProbeFile& file, std::span<char> memory, std::uint64_t
     std::size_t iRead = 0;
     while (iRead < memory.size()) {
         const ssize_t iPart =
-            pread(file.Number(), memory.data() + iRead, memory.size() - iRead, static_cast<off_t>(iOffset + iRead));
+            ::pread(file.Number(), memory.data() + iRead, memory.size() - iRead, static_cast<off_t>(iOffset + iRead));
         if (iPart < 0) {
             FailWithErrno("read", file.Path());
         }
@@ -97,13 +98,13 @@ void ExpectSize(const ProbeFile& file, std::uint64_t iSize) {
 class Mapping {
 public:
     Mapping(const ProbeFile& file, std::size_t iSize, int iProtection) : m_iSize(iSize) {
-        void* pvMemory = mmap(nullptr, iSize, iProtection, MAP_SHARED, file.Number(), 0);
+        void* pvMemory = ::mmap(nullptr, iSize, iProtection, MAP_SHARED, file.Number(), 0);
         if (pvMemory == MAP_FAILED) {
             FailWithErrno("mmap", file.Path());
         }
         m_pcMemory = static_cast<char*>(pvMemory);
     }
-    ~Mapping() { munmap(m_pcMemory, m_iSize); }
+    ~Mapping() { ::munmap(m_pcMemory, m_iSize); }
     Mapping(const Mapping&) = delete;
     Mapping& operator=(const Mapping&) = delete;
     std::span<char> All() const { return {m_pcMemory, m_iSize}; }
@@ -139,7 +140,7 @@ void AppendLater(Arguments arguments) {
     ProbeFile(arguments.Text(), O_WRONLY | O_CREAT).Close();
     WaitForFile(arguments.Text());
     WriteAll(file, sLine, 0, true);
-    if (fsync(file.Number()) != 0) {
+    if (::fsync(file.Number()) != 0) {
         FailWithErrno("fsync", file.Path());
     }
     file.Close();
@@ -192,7 +193,7 @@ void WriteMapped(Arguments arguments) {
     const std::size_t iSize = arguments.Number();
     const std::uint64_t iSeed = arguments.Number();
     ProbeFile file(sPath, O_RDWR | O_CREAT);
-    if (ftruncate(file.Number(), static_cast<off_t>(iSize)) != 0) {
+    if (::ftruncate(file.Number(), static_cast<off_t>(iSize)) != 0) {
         FailWithErrno("truncate", sPath);
     }
     {

@@ -1,11 +1,11 @@
 // The probe: what a shell cannot do to a mounted file system, or cannot tell about it. It runs in the guest, linked
 // statically, and on the host, where it makes and checks the same content.
+#include "Probe.h"
+
 #include <cstdio>
 #include <exception>
 #include <span>
 #include <string_view>
-
-#include "Probe.h"
 
 namespace {
 

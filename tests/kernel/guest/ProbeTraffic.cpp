@@ -1,13 +1,14 @@
 // The probe's command that makes a file as a capture of network traffic is one: calls of NFS version 3 as they stand on
 // the wire (RFC 5531, RFC 1813), at all alignments, between bytes that mean nothing. Whoever copies such a file copies
 // calls inside the data of a WRITE.
-#include <fcntl.h>
-#include <unistd.h>
+#include "Probe.h"
 
 #include <string>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include "Pattern.h"
-#include "Probe.h"
 
 namespace {
 
@@ -99,7 +100,7 @@ void WriteTraffic(Arguments arguments) {
         }
     }
     ProbeFile file(sPath, O_WRONLY | O_CREAT | O_TRUNC);
-    if (write(file.Number(), sBytes.data(), sBytes.size()) != static_cast<ssize_t>(sBytes.size())) {
+    if (::write(file.Number(), sBytes.data(), sBytes.size()) != static_cast<ssize_t>(sBytes.size())) {
         FailWithErrno("write", sPath);
     }
     file.Close();
