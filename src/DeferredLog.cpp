@@ -4,8 +4,8 @@
 #include <exception>
 #include <iterator>
 
+#include "Log.h"
 #include "RuntimeParam.h"
-#include "Utilities.h"
 
 thread_local CDeferredLog* CDeferredLog::t_pInnermost = nullptr;
 
@@ -28,12 +28,12 @@ CDeferredLog::~CDeferredLog() {
     }
 }
 
-bool CDeferredLog::Keep(CUtilities* pUtilities, Kind kind, const CRuntimeParam* pRuntimeParam, const char* pcMessage) {
+bool CDeferredLog::Keep(CLog* pLog, Kind kind, const CRuntimeParam* pRuntimeParam, const char* pcMessage) {
     if (t_pInnermost == nullptr) {
         return false;
     }
-    t_pInnermost->m_vLines.push_back({pUtilities, kind, pRuntimeParam->GetID(), pRuntimeParam->GetIpcID(),
-                                      pRuntimeParam->GetLogControl(), pcMessage});
+    t_pInnermost->m_vLines.push_back(
+        {pLog, kind, pRuntimeParam->GetID(), pRuntimeParam->GetIpcID(), pRuntimeParam->GetLogControl(), pcMessage});
     return true;
 }
 
@@ -42,13 +42,13 @@ void CDeferredLog::Emit(const Line& line) {
     param.SetIpcID(line.sIpcID.c_str());
     switch (line.kind) {
         case kInfo:
-            line.pUtilities->LogInfo(&param, line.sMessage.c_str());
+            line.pLog->LogInfo(&param, line.sMessage.c_str());
             break;
         case kError:
-            line.pUtilities->LogError(&param, line.sMessage.c_str());
+            line.pLog->LogError(&param, line.sMessage.c_str());
             break;
         case kRaw:
-            line.pUtilities->LogRaw(&param, line.sMessage.c_str());
+            line.pLog->LogRaw(&param, line.sMessage.c_str());
             break;
     }
 }

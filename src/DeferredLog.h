@@ -5,7 +5,7 @@
 #include <vector>
 
 class CRuntimeParam;
-class CUtilities;
+class CLog;
 
 /// Whoever takes a log line may be slow (a remote client that hangs) or call back into the registries (a host), so no
 /// line goes out under a lock of theirs: from an object's construction to its end the lines of its thread are kept,
@@ -23,11 +23,11 @@ public:
     CDeferredLog& operator=(const CDeferredLog&) = delete;
 
     /// Keeps a line if the calling thread keeps its lines back just now; false otherwise.
-    static bool Keep(CUtilities* pUtilities, Kind kind, const CRuntimeParam* pRuntimeParam, const char* pcMessage);
+    static bool Keep(CLog* pLog, Kind kind, const CRuntimeParam* pRuntimeParam, const char* pcMessage);
 
 private:
     struct Line {
-        CUtilities* pUtilities;
+        CLog* pLog;
         Kind kind;
         std::string sID;
         std::string sIpcID;

@@ -3,8 +3,7 @@
 
 #include <cstdarg>
 #include <cstdio>
-
-#include "Utilities.h"
+#include <cstring>
 
 void WriteReason(char* pcStatus, const char* pcFormat, ...) {
     if (pcStatus == nullptr) {
@@ -18,5 +17,9 @@ void WriteReason(char* pcStatus, const char* pcFormat, ...) {
 }
 
 CSystemErrorText::CSystemErrorText(int iError) : m_cText{} {
-    CUtilities::GetLastErrorText(m_cText, iError);
+    char vcScratch[128];  // for numbers without a text of their own
+    const char* pcText = ::strerror_r(iError, vcScratch, sizeof(vcScratch));
+    if (pcText != nullptr) {
+        WriteReason(m_cText, "%s (%d)", pcText, iError);
+    }
 }

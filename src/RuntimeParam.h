@@ -46,6 +46,7 @@ public:
     int GetLogControl() const { return m_iLogControl.load(std::memory_order_relaxed); }
     void SetLogControl(int iLogControl) { m_iLogControl.store(iLogControl, std::memory_order_relaxed); }
 
+    bool IsLogEnabled(LogBit bit) const { return (GetLogControl() & bit) > 0; }
     bool IsLogError() const { return IsLogEnabled(kLogError); }
     bool IsLogGeneralInfo() const { return IsLogEnabled(kLogGeneralInfo); }
     bool IsLogRpc() const { return IsLogEnabled(kLogRpc); }
@@ -58,8 +59,6 @@ public:
     bool IsLogPortmap() const { return IsLogEnabled(kLogPortmap); }
 
 private:
-    bool IsLogEnabled(int iBit) const { return (GetLogControl() & iBit) > 0; }
-
     std::string m_sID;
     std::string m_sIpcID;
     std::atomic<int> m_iLogControl;

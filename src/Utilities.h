@@ -1,4 +1,4 @@
-// CUtilities: every registry of the server, the logging, and the file operations under one roof.
+// CUtilities: every registry of the server and the file operations, over the log that they write to.
 //
 // The implementation is told in themed files, one for each banner below (UtilitiesLog.cpp, UtilitiesMount.cpp, ...).
 #pragma once
@@ -17,13 +17,12 @@
 
 #include "CachedFile.h"
 #include "Limits.h"
+#include "Log.h"
 #include "PathProbe.h"
 #include "RegularFile.h"
 #include "RuntimeParam.h"
 #include "ThreadAnnotations.h"
 
-class CCallback;
-class CFileLogger;
 class CFileTable;
 class CRedirectedFile;
 class CRedirectedRename;
@@ -78,80 +77,20 @@ struct OpenedFileInfo {
     bool bHost = false;           ///< used as a source or info file
 };
 
-/// The registries, logging and file operations of one server instance.
+/// The registries and file operations of one server instance.
 ///
 /// Any thread may call any operation. Each table has a mutex of its own; where locks nest the order is
 /// redirected files, descriptor cache, exports, file table (docs/architecture.md). No registry mutex is held while
 /// the host is notified or a log line goes out. A runtime parameter and a LogArgu serve logging only, unless said
 /// otherwise; neither is kept. Reason buffers hold kReasonBufferSize characters and may be null.
-class CUtilities {
+class CUtilities : public CLog {
 public:
     CUtilities();
-    virtual ~CUtilities();
+    ~CUtilities() override;
     CUtilities(const CUtilities&) = delete;
     CUtilities& operator=(const CUtilities&) = delete;
 
-    // ---- Log routing and host notifications (UtilitiesLog.cpp)
-
-    /// A runtime parameter, as the printf-style forms take it: the conversion lets a call without arguments choose
-    /// the plain form, which prints its text as it is.
-    struct Requester {
-        Requester(CRuntimeParam* pParam) : pRuntimeParam(pParam) {}  // NOLINT: it stands for the parameter
-        CRuntimeParam* pRuntimeParam;
-    };
-
-    // The virtual slots, in this order. The base forms route by the parameter's ID.
-
-    /// Emits a finished line: to the host callback, else the file logger, else standard output.
-    virtual void LogInfo(CRuntimeParam* pRuntimeParam, const char* pcMessage);
-    virtual void LogError(CRuntimeParam* pRuntimeParam, const char* pcMessage);
-    virtual void LogRaw(CRuntimeParam* pRuntimeParam, const char* pcMessage);
-
-    /// Tells the host that a client sets size or times (whole seconds since 1970) of a redirected file.
-    /// The host's answer; 0 grants. -1 without a host.
-    virtual int LogUpdateRedirectedFileAttributes(CRuntimeParam* pRuntimeParam, const char* pcPath, bool bSize,
-                                                  unsigned long long iSize, bool bAccessTime,
-                                                  unsigned long lAccessTimeSec, bool bLastModifiedTime,
-                                                  unsigned long lLastModifiedTimeSec);
-    /// Tells the host that a client removed a redirected file. 0 grants; -1 without a host.
-    virtual int LogRemoveRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath);
-    /// Tells the host that a client renamed a redirected file. 0 grants; -1 without a host.
-    virtual int LogRenameRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPathFrom, const char* pcPathTo);
-    /// Tells the host that a client wrote to a redirected file; the data is not kept. The answer is the byte count
-    /// that the client is told; -1 without a host.
-    virtual int LogWriteRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath, unsigned long long iSeek,
-                                       int iSeekType, unsigned int iLen);
-
-    /// Would a notification about a path reach its receiver whole? Asked before something that the receiver must be
-    /// told of is done to the disk. The base form has no limit. Stands behind the slots above.
-    virtual bool CanTellOf(CRuntimeParam* pRuntimeParam, const char* pcPath);
-
-    /// printf-style forms: what all code calls. Messages are cut at kMessageBufferSize - 1 characters.
-    void LogInfo(Requester requester, const char* pcFormat, ...) __attribute__((format(printf, 3, 4)));
-    void LogError(Requester requester, const char* pcFormat, ...) __attribute__((format(printf, 3, 4)));
-    void LogRaw(Requester requester, const char* pcFormat, ...) __attribute__((format(printf, 3, 4)));
-
-    /// The final router, by ID.
-    void LogInfo(const char* pcID, const char* pcMessage);
-    void LogError(const char* pcID, const char* pcMessage);
-    void LogRaw(const char* pcID, const char* pcMessage);
-
-    int LogUpdateRedirectedFileAttributes(const char* pcID, const char* pcPath, bool bSize, unsigned long long iSize,
-                                          bool bAccessTime, unsigned long lAccessTimeSec, bool bLastModifiedTime,
-                                          unsigned long lLastModifiedTimeSec);
-    int LogRemoveRedirectedFile(const char* pcID, const char* pcPath);
-    int LogRenameRedirectedFile(const char* pcID, const char* pcPathFrom, const char* pcPathTo);
-    int LogWriteRedirectedFile(const char* pcID, const char* pcPath, unsigned long long iSeek, int iSeekType,
-                               unsigned int iLen);
-
-    /// The host callback is shared with the calls in flight: replacing it while another thread is in a call into the
-    /// host is safe, and the replaced one lives until that call ends.
-    void SetCallback(std::shared_ptr<CCallback> pCallback);
-    std::shared_ptr<CCallback> GetCallback() const;
-
-    /// The file logger is not owned; it outlives its use here.
-    void SetFileLogger(CFileLogger* pFileLogger) { m_pFileLogger.store(pFileLogger); }
-    CFileLogger* GetFileLogger() const { return m_pFileLogger.load(); }
+    // ---- Errors and the end
 
     /// Writes "%s (%d)" of the system's message and the number into a reason buffer (ignored when null).
     static void GetLastErrorText(char* pcOut, int iError);
@@ -532,11 +471,6 @@ private:
                       const char* pcPathTo);
     void ReportRenameFailure(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPathFrom,
                              const char* pcPathTo, int iError, char* pcStatus);
-
-    // The host and the log file.
-    mutable Mutex m_hMutexCallback;
-    std::shared_ptr<CCallback> m_pCallback GUARDED_BY(m_hMutexCallback);
-    std::atomic<CFileLogger*> m_pFileLogger{nullptr};
 
     // Lock order from here down: redirected files, descriptor cache, exports, file table. The others never nest.
 

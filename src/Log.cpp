@@ -1,5 +1,5 @@
-// CUtilities: the way of a log line, and of a notification about a redirected file, out of the library.
-#include "Utilities.h"
+// Log lines and notifications, on their way to whoever takes them.
+#include "Log.h"
 
 #include <cerrno>
 #include <cstdarg>
@@ -10,6 +10,7 @@
 #include "Callback.h"
 #include "DeferredLog.h"
 #include "FileLogger.h"
+#include "Limits.h"
 
 namespace {
 
@@ -29,74 +30,89 @@ private:
 
 }  // namespace
 
+CLog::CLog() = default;
+
+CLog::~CLog() = default;
+
 // ---- Formatting
 
-void CUtilities::LogInfo(Requester requester, const char* pcFormat, ...) {
+void CLog::LogInfo(Requester requester, const char* pcFormat, ...) {
     va_list arguments;
     va_start(arguments, pcFormat);
-    const FormattedMessage message(pcFormat, arguments);
+    LogInfoList(requester.pRuntimeParam, pcFormat, arguments);
     va_end(arguments);
-    if (!CDeferredLog::Keep(this, CDeferredLog::kInfo, requester.pRuntimeParam, message.Get())) {
-        LogInfo(requester.pRuntimeParam, message.Get());
+}
+
+void CLog::LogInfoList(CRuntimeParam* pRuntimeParam, const char* pcFormat, va_list arguments) {
+    const FormattedMessage message(pcFormat, arguments);
+    if (!CDeferredLog::Keep(this, CDeferredLog::kInfo, pRuntimeParam, message.Get())) {
+        LogInfo(pRuntimeParam, message.Get());
     }
 }
 
-void CUtilities::LogError(Requester requester, const char* pcFormat, ...) {
+void CLog::LogError(Requester requester, const char* pcFormat, ...) {
     va_list arguments;
     va_start(arguments, pcFormat);
-    const FormattedMessage message(pcFormat, arguments);
+    LogErrorList(requester.pRuntimeParam, pcFormat, arguments);
     va_end(arguments);
-    if (!CDeferredLog::Keep(this, CDeferredLog::kError, requester.pRuntimeParam, message.Get())) {
-        LogError(requester.pRuntimeParam, message.Get());
+}
+
+void CLog::LogErrorList(CRuntimeParam* pRuntimeParam, const char* pcFormat, va_list arguments) {
+    const FormattedMessage message(pcFormat, arguments);
+    if (!CDeferredLog::Keep(this, CDeferredLog::kError, pRuntimeParam, message.Get())) {
+        LogError(pRuntimeParam, message.Get());
     }
 }
 
-void CUtilities::LogRaw(Requester requester, const char* pcFormat, ...) {
+void CLog::LogRaw(Requester requester, const char* pcFormat, ...) {
     va_list arguments;
     va_start(arguments, pcFormat);
-    const FormattedMessage message(pcFormat, arguments);
+    LogRawList(requester.pRuntimeParam, pcFormat, arguments);
     va_end(arguments);
-    if (!CDeferredLog::Keep(this, CDeferredLog::kRaw, requester.pRuntimeParam, message.Get())) {
-        LogRaw(requester.pRuntimeParam, message.Get());
+}
+
+void CLog::LogRawList(CRuntimeParam* pRuntimeParam, const char* pcFormat, va_list arguments) {
+    const FormattedMessage message(pcFormat, arguments);
+    if (!CDeferredLog::Keep(this, CDeferredLog::kRaw, pRuntimeParam, message.Get())) {
+        LogRaw(pRuntimeParam, message.Get());
     }
 }
 
 // ---- The virtual forms
 
-void CUtilities::LogInfo(CRuntimeParam* pRuntimeParam, const char* pcMessage) {
+void CLog::LogInfo(CRuntimeParam* pRuntimeParam, const char* pcMessage) {
     LogInfo(pRuntimeParam->GetID(), pcMessage);
 }
 
-void CUtilities::LogError(CRuntimeParam* pRuntimeParam, const char* pcMessage) {
+void CLog::LogError(CRuntimeParam* pRuntimeParam, const char* pcMessage) {
     LogError(pRuntimeParam->GetID(), pcMessage);
 }
 
-void CUtilities::LogRaw(CRuntimeParam* pRuntimeParam, const char* pcMessage) {
+void CLog::LogRaw(CRuntimeParam* pRuntimeParam, const char* pcMessage) {
     LogRaw(pRuntimeParam->GetID(), pcMessage);
 }
 
-int CUtilities::LogUpdateRedirectedFileAttributes(CRuntimeParam* pRuntimeParam, const char* pcPath, bool bSize,
-                                                  unsigned long long iSize, bool bAccessTime,
-                                                  unsigned long lAccessTimeSec, bool bLastModifiedTime,
-                                                  unsigned long lLastModifiedTimeSec) {
+int CLog::LogUpdateRedirectedFileAttributes(CRuntimeParam* pRuntimeParam, const char* pcPath, bool bSize,
+                                            unsigned long long iSize, bool bAccessTime, unsigned long lAccessTimeSec,
+                                            bool bLastModifiedTime, unsigned long lLastModifiedTimeSec) {
     return LogUpdateRedirectedFileAttributes(pRuntimeParam->GetID(), pcPath, bSize, iSize, bAccessTime, lAccessTimeSec,
                                              bLastModifiedTime, lLastModifiedTimeSec);
 }
 
-int CUtilities::LogRemoveRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath) {
+int CLog::LogRemoveRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath) {
     return LogRemoveRedirectedFile(pRuntimeParam->GetID(), pcPath);
 }
 
-int CUtilities::LogRenameRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPathFrom, const char* pcPathTo) {
+int CLog::LogRenameRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPathFrom, const char* pcPathTo) {
     return LogRenameRedirectedFile(pRuntimeParam->GetID(), pcPathFrom, pcPathTo);
 }
 
-int CUtilities::LogWriteRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath, unsigned long long iSeek,
-                                       int iSeekType, unsigned int iLen) {
+int CLog::LogWriteRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath, unsigned long long iSeek,
+                                 int iSeekType, unsigned int iLen) {
     return LogWriteRedirectedFile(pRuntimeParam->GetID(), pcPath, iSeek, iSeekType, iLen);
 }
 
-bool CUtilities::CanTellOf(CRuntimeParam* /*pRuntimeParam*/, const char* /*pcPath*/) {
+bool CLog::CanTellOf(CRuntimeParam* /*pRuntimeParam*/, const char* /*pcPath*/) {
     return true;
 }
 
@@ -104,7 +120,7 @@ bool CUtilities::CanTellOf(CRuntimeParam* /*pRuntimeParam*/, const char* /*pcPat
 // Each line goes to the stream in one call, which keeps lines of several threads apart, and is flushed at once for
 // whoever reads the other end. Nobody is left to be told when that fails.
 
-void CUtilities::LogInfo(const char* pcID, const char* pcMessage) {
+void CLog::LogInfo(const char* pcID, const char* pcMessage) {
     const auto pCallback = GetCallback();
     if (pCallback && pCallback->LogInfo(pcID, pcMessage)) {
         return;
@@ -117,7 +133,7 @@ void CUtilities::LogInfo(const char* pcID, const char* pcMessage) {
     std::fflush(stdout);
 }
 
-void CUtilities::LogError(const char* pcID, const char* pcMessage) {
+void CLog::LogError(const char* pcID, const char* pcMessage) {
     const auto pCallback = GetCallback();
     if (pCallback && pCallback->LogError(pcID, pcMessage)) {
         return;
@@ -130,7 +146,7 @@ void CUtilities::LogError(const char* pcID, const char* pcMessage) {
     std::fflush(stdout);
 }
 
-void CUtilities::LogRaw(const char* pcID, const char* pcMessage) {
+void CLog::LogRaw(const char* pcID, const char* pcMessage) {
     const auto pCallback = GetCallback();
     if (pCallback && pCallback->LogRaw(pcID, pcMessage)) {
         return;
@@ -145,10 +161,9 @@ void CUtilities::LogRaw(const char* pcID, const char* pcMessage) {
 
 // ---- Notifications about redirected files
 
-int CUtilities::LogUpdateRedirectedFileAttributes(const char* pcID, const char* pcPath, bool bSize,
-                                                  unsigned long long iSize, bool bAccessTime,
-                                                  unsigned long lAccessTimeSec, bool bLastModifiedTime,
-                                                  unsigned long lLastModifiedTimeSec) {
+int CLog::LogUpdateRedirectedFileAttributes(const char* pcID, const char* pcPath, bool bSize, unsigned long long iSize,
+                                            bool bAccessTime, unsigned long lAccessTimeSec, bool bLastModifiedTime,
+                                            unsigned long lLastModifiedTimeSec) {
     const auto pCallback = GetCallback();
     return pCallback
                ? pCallback->UpdateRedirectedFileAttributes(pcID, pcPath, bSize, iSize, bAccessTime, lAccessTimeSec,
@@ -156,25 +171,25 @@ int CUtilities::LogUpdateRedirectedFileAttributes(const char* pcID, const char* 
                : -1;
 }
 
-int CUtilities::LogRemoveRedirectedFile(const char* pcID, const char* pcPath) {
+int CLog::LogRemoveRedirectedFile(const char* pcID, const char* pcPath) {
     const auto pCallback = GetCallback();
     return pCallback ? pCallback->RemoveRedirectedFile(pcID, pcPath) : -1;
 }
 
-int CUtilities::LogRenameRedirectedFile(const char* pcID, const char* pcPathFrom, const char* pcPathTo) {
+int CLog::LogRenameRedirectedFile(const char* pcID, const char* pcPathFrom, const char* pcPathTo) {
     const auto pCallback = GetCallback();
     return pCallback ? pCallback->RenameRedirectedFile(pcID, pcPathFrom, pcPathTo) : -1;
 }
 
-int CUtilities::LogWriteRedirectedFile(const char* pcID, const char* pcPath, unsigned long long iSeek, int iSeekType,
-                                       unsigned int iLen) {
+int CLog::LogWriteRedirectedFile(const char* pcID, const char* pcPath, unsigned long long iSeek, int iSeekType,
+                                 unsigned int iLen) {
     const auto pCallback = GetCallback();
     return pCallback ? pCallback->WriteRedirectedFile(pcID, pcPath, iSeek, iSeekType, iLen) : -1;
 }
 
 // ---- The host callback
 
-void CUtilities::SetCallback(std::shared_ptr<CCallback> pCallback) {
+void CLog::SetCallback(std::shared_ptr<CCallback> pCallback) {
     {
         const MutexLock lock(m_hMutexCallback);
         m_pCallback.swap(pCallback);
@@ -182,18 +197,7 @@ void CUtilities::SetCallback(std::shared_ptr<CCallback> pCallback) {
     // The replaced one is released here, outside the lock: freeing it may call into the virtual machine.
 }
 
-std::shared_ptr<CCallback> CUtilities::GetCallback() const {
+std::shared_ptr<CCallback> CLog::GetCallback() const {
     const MutexLock lock(m_hMutexCallback);
     return m_pCallback;
-}
-
-void CUtilities::GetLastErrorText(char* pcOut, int iError) {
-    if (pcOut == nullptr) {
-        return;
-    }
-    char vcScratch[128];  // for numbers without a text of their own
-    const char* pcText = ::strerror_r(iError, vcScratch, sizeof(vcScratch));
-    if (pcText != nullptr) {
-        std::snprintf(pcOut, kReasonBufferSize, "%s (%d)", pcText, iError);
-    }
 }
