@@ -1,6 +1,6 @@
 // CUtilities: every registry of the server and the file operations, over the log that they write to.
 //
-// The implementation is told in themed files, one for each banner below (UtilitiesLog.cpp, UtilitiesMount.cpp, ...).
+// The implementation is told in themed files, one for each banner below (UtilitiesMount.cpp, UtilitiesFile.cpp, ...).
 #pragma once
 
 #include <atomic>
