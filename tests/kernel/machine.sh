@@ -32,7 +32,8 @@ kernel_package() {
     apt-cache depends linux-image-cloud-amd64 2>/dev/null | sed -n 's/^ *Depends: \(linux-image-[0-9].*\)/\1/p' | head -n 1
 }
 
-# make_initramfs FILE: busybox, the probe, the first process, and the modules of the network card and of NFS.
+# make_initramfs FILE: busybox, the probe, the first process, and the modules of the network card, of NFS, of disks in
+# files and of overlays.
 make_initramfs() {
     local root=$work/initramfs version modules module
     version=$(cd "$kernel/lib/modules" && echo *)
@@ -42,7 +43,7 @@ make_initramfs() {
     cp "$build/bin/kernel_probe" "$root/bin/probe"
     cp "$here/guest/init" "$root/init"
     cp "$kernel/lib/modules/$version"/modules.{dep,builtin} "$modules" 2>/dev/null || true
-    for module in virtio_pci virtio_net nfsv3; do
+    for module in virtio_pci virtio_net nfsv3 loop overlay; do
         add_module "$kernel/lib/modules/$version" "$modules" "$module"
     done
     (cd "$root" && find . | cpio -o -H newc --quiet -R 0:0 | gzip -1) >"$1"

@@ -47,6 +47,7 @@ scenarios=(
     ' 60 scenario_direct          O_DIRECT and mmap write and read the same bytes'
     '120 scenario_four            four processes work side by side'
     '120 scenario_redirected      a redirected file is read whole and at random'
+    '150 scenario_recovery        a disk lent by the instant-recovery example is used under an overlay, and written out whole'
     ' 90 scenario_restart         a client that lives through a restart harms nobody and goes on after a new mount'
 )
 
@@ -59,6 +60,14 @@ expect() {
     echo "    no: $what"
     [ -z "$printed" ] || tail -n 20 <<<"$printed" | cut -c 1-300 | sed 's/^/        /'
     return 1
+}
+
+# skip WHY: the scenario cannot be run here. In CI that is a failure.
+skip() {
+    skipped=$1
+    left_out+=("$1")
+    [ "${CI:-}" != true ] || expect "nothing is missing in CI" false
+    return 0
 }
 
 # expect_text WHAT TEXT COMMAND...: the command succeeds and prints exactly this.
@@ -94,7 +103,7 @@ seconds_since() {
 run_scenario() {
     local begin
     number=$((number + 1))
-    failed=
+    failed='' skipped=''
     fresh
     begin=$EPOCHREALTIME
     scenario_end=$((SECONDS + $1))
@@ -102,7 +111,7 @@ run_scenario() {
     expect "every call is answered in time" all_answered
     expect "the server still runs" server_runs
     if [ -z "$failed" ]; then
-        echo "ok $number - $3 ($(seconds_since "$begin") s)"
+        echo "ok $number - $3${skipped:+ # SKIPPED: $skipped} ($(seconds_since "$begin") s)"
         return 0
     fi
     echo "not ok $number - $3 ($(seconds_since "$begin") s)"
@@ -136,7 +145,7 @@ tell_last_words() {
 
 run_all() {
     local line limit function description start=$SECONDS
-    broken=() number=0
+    broken=() left_out=() number=0
     for line in "${scenarios[@]}"; do
         read -r limit function description <<<"$line"
         [[ $description == *"$word"* ]] || continue
@@ -150,7 +159,7 @@ run_all() {
         printf '  %s\n' "${broken[@]}"
         return 1
     fi
-    echo "kernel client: all $number scenarios held in $((SECONDS - start)) s"
+    echo "kernel client: all $number scenarios held in $((SECONDS - start)) s${left_out[*]:+, but for ${#left_out[@]} SKIPPED}"
 }
 
 # ---- The two halves of the script ------------------------------------------------------------------------------------

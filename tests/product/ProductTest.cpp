@@ -111,7 +111,8 @@ TEST(ProductTest, InstalledUnitRunsWhatWasInstalled) {
          {"libexec/nfslib/nfs-exports", "lib/sysusers.d/nfslib.conf", "share/man/man8/nfsconsole.8",
           "share/man/man5/nfslib-exports.5", "share/bash-completion/completions/nfsconsole", "share/doc/nfslib/LICENSE",
           "share/doc/nfslib/host-guide.md", "share/doc/nfslib/exports.example",
-          "share/doc/nfslib/examples/java-host/DiskHost.java"}) {
+          "share/doc/nfslib/examples/java-host/DiskHost.java",
+          "share/doc/nfslib/examples/instant-recovery/rules.txt"}) {
         EXPECT_TRUE(std::filesystem::exists(sPlace + "/" + pcFile)) << pcFile;
     }
 }
