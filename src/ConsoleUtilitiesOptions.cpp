@@ -8,6 +8,7 @@
 
 #include "ConsoleNumbers.h"
 #include "ConsoleOptions.h"
+#include "Texts.h"
 #include "Utilities.h"
 
 std::optional<int> ConsoleOptions::Parse(CConsoleUtilities& console, const char* pcProgramName,
@@ -116,7 +117,7 @@ bool CConsoleUtilities::SplitValue(CUtilities* /*pUtilities*/, const char* pcTex
     if (vPieces.size() < 2) {
         return false;
     }
-    std::snprintf(pcLeft, kPathBufferSize, "%s", vPieces[0].c_str());
-    std::snprintf(pcRight, kPathBufferSize, "%s", vPieces[1].c_str());
+    CopyText(pcLeft, kPathBufferSize, vPieces[0].c_str());
+    CopyText(pcRight, kPathBufferSize, vPieces[1].c_str());
     return true;
 }

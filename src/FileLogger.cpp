@@ -8,6 +8,7 @@
 #include <ctime>
 
 #include "Limits.h"
+#include "Texts.h"
 #include "Utilities.h"
 
 namespace {
@@ -46,7 +47,7 @@ std::size_t FormatLine(char (&vcOut)[kLineBufferSize], const char* pcType, const
 }  // namespace
 
 CFileLogger::CFileLogger(const char* pcPath)
-    : m_LogFile(pcPath != nullptr ? pcPath : ""),
+    : m_LogFile(OrEmpty(pcPath)),
       m_pUtilities(std::make_unique<CUtilities>()),
       m_pRuntimeParam(std::make_unique<CRuntimeParam>("", CRuntimeParam::kLogError)) {}
 

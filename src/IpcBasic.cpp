@@ -4,6 +4,7 @@
 #include <cstdarg>
 #include <cstdio>
 
+#include "Texts.h"
 #include "Utilities.h"
 
 namespace {
@@ -12,7 +13,7 @@ void InitialData(IpcDataBuf* pData, int iGroup, int iType) {
     Ipc_Header header{};
     header.iGroup = iGroup;
     header.iType = GetKnownIpcType(iGroup, iType);
-    SetIpcText(header.cVersion, kIpcVersion);
+    CopyText(header.cVersion, kIpcVersion);
     std::memcpy(pData->cBuf, &header, sizeof(header));
     pData->lDataLen = static_cast<std::int64_t>(GetIpcRecordLength(iGroup, iType));
 }

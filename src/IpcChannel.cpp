@@ -3,6 +3,8 @@
 
 #include <cstdio>
 
+#include "Texts.h"
+
 void GetIpcChannel(const char* pcID, char* pcChannel) {
-    std::snprintf(pcChannel, kIpcChannelBufferSize, "%s%s%s%s", "/tmp/", "nfs-", pcID != nullptr ? pcID : "", "");
+    std::snprintf(pcChannel, kIpcChannelBufferSize, "%s%s%s%s", "/tmp/", "nfs-", OrEmpty(pcID), "");
 }

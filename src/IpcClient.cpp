@@ -5,6 +5,7 @@
 
 #include "Limits.h"
 #include "Reason.h"
+#include "Texts.h"
 
 CIpcClient::CIpcClient(CUtilities* pUtilities, CRuntimeParam* pRuntimeParam) : CIpcBasic(pUtilities, pRuntimeParam) {}
 
@@ -39,7 +40,7 @@ bool CIpcClient::SendRequestLogged(const char* pcChannel, char* pcReason) {
     if (SendRequest(pcChannel, vcReason)) {
         return true;
     }
-    CopyIpcText(pcReason, kReasonBufferSize, vcReason);
+    CopyText(pcReason, kReasonBufferSize, vcReason);
     LogFailure({"IpcClient.SendRequest"}, vcReason);
     return false;
 }

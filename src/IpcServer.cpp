@@ -6,6 +6,7 @@
 
 #include "NfsMain.h"
 #include "Reason.h"
+#include "Texts.h"
 #include "Utilities.h"
 
 CIpcServer::CIpcServer(CNfsMain* pNfsHandle)
@@ -217,7 +218,7 @@ void CIpcServer::ReplyInt(IpcDataInst* pInst, int iVal) {
 
 void CIpcServer::ReplyText(IpcDataInst* pInst, IpcReplyType iReplyType, const char* pcText) {
     auto record = NewIpcRecord<IpcReply_Message>();
-    SetIpcText(record.cMsg, pcText);
+    CopyText(record.cMsg, pcText);
     InitialReplyData(&pInst->reply, iReplyType);
     SetIpcBody(&pInst->reply, record);
 }

@@ -1,23 +1,14 @@
-// Texts in fixed fields and caller's buffers, always bounded.
+// Texts in the fixed fields of records, always bounded.
 #include "IpcText.h"
 
 #include <cstring>
 
-void CopyIpcText(char* pcOut, std::size_t iSize, const char* pcText) {
-    if (pcOut == nullptr || iSize == 0) {
-        return;
-    }
-    const std::size_t iLength = pcText != nullptr ? strnlen(pcText, iSize - 1) : 0;
-    if (iLength > 0) {
-        std::memcpy(pcOut, pcText, iLength);
-    }
-    pcOut[iLength] = '\0';
-}
+#include "Texts.h"
 
 void CIpcTextFields::Set(char* pcField, std::size_t iSize, const char* pcName, const char* pcText) {
-    const std::size_t iLength = pcText != nullptr ? std::strlen(pcText) : 0;
+    const std::size_t iLength = std::strlen(OrEmpty(pcText));
     if (iLength < iSize) {
-        CopyIpcText(pcField, iSize, pcText);
+        CopyText(pcField, iSize, pcText);
         return;
     }
     pcField[0] = '\0';
@@ -28,5 +19,5 @@ void CIpcTextFields::Set(char* pcField, std::size_t iSize, const char* pcName, c
 }
 
 std::string GetIpcText(const char* pcField, std::size_t iSize) {
-    return std::string(pcField, strnlen(pcField, iSize));
+    return std::string(pcField, ::strnlen(pcField, iSize));
 }

@@ -1,4 +1,4 @@
-// Texts in fixed fields and caller's buffers, always bounded.
+// Texts in the fixed fields of records, always bounded.
 //
 // What is received is cut at its field's end. What is sent is sent whole or not at all, because the receiver acts on
 // it: the first part of a path is another path. Only log lines may lose their end.
@@ -6,15 +6,6 @@
 
 #include <cstddef>
 #include <string>
-
-/// Copies a text (null counts as empty) into a buffer; one that does not fit is cut. A null buffer is left alone.
-void CopyIpcText(char* pcOut, std::size_t iSize, const char* pcText);
-
-/// Fills a text field of a record with a text that nobody acts on; one that does not fit is cut.
-template <std::size_t n>
-void SetIpcText(char (&cField)[n], const char* pcText) {
-    CopyIpcText(cField, n, pcText);
-}
 
 /// Fills the text fields of a record that is to be sent. A text that does not fit leaves its field empty and a reason
 /// here, and the record must not be sent.

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "IpcClient.h"
+#include "Texts.h"
 #include "Utilities.h"
 
 namespace {
@@ -76,7 +77,7 @@ bool CNfsIpcClientMain::SendForStatus(CIpcClient& client, char* pcStatus) {
         return false;
     }
     if (const char* pcReason = client.GetExptReply(); pcReason != nullptr) {
-        CopyIpcText(pcStatus, kReasonBufferSize, pcReason);
+        CopyText(pcStatus, kReasonBufferSize, pcReason);
         return false;
     }
     return client.GetBoolReply();
@@ -94,7 +95,7 @@ void CNfsIpcClientMain::SendForText(int iType, char* pcText) {
     CIpcClient client(m_pUtilities.get(), m_pRuntimeParam.get());
     client.SetRequest(iType);
     const char* pcReply = client.SendRequest(m_cIpcChannel) ? client.GetMsgReply() : nullptr;
-    CopyIpcText(pcText, kTextBufferSize, pcReply != nullptr ? pcReply : kUnknown);
+    CopyText(pcText, kTextBufferSize, pcReply != nullptr ? pcReply : kUnknown);
 }
 
 // ---- The server

@@ -8,6 +8,7 @@
 #include "IpcClient.h"
 #include "IpcServerThread.h"
 #include "Reason.h"
+#include "Texts.h"
 #include "UtilitiesIpcServer.h"
 
 namespace {
@@ -68,7 +69,7 @@ bool CNfsIpcServerMain::StartRemoteController(char* pcStatus) {
     auto pThread = std::make_unique<CIpcServerThread>();
     char vcReason[kReasonBufferSize] = "";
     if (!pThread->Open(cChannel, this, vcReason)) {
-        CopyIpcText(pcStatus, kReasonBufferSize, vcReason);
+        CopyText(pcStatus, kReasonBufferSize, vcReason);
         if (m_pRuntimeParam->IsLogError()) {
             m_pUtilities->LogError(m_pRuntimeParam.get(), "[%s] Fail to start ipc server thread. Reason=%s",
                                    "NfsIpcServerMain.StartRemoteController", vcReason);
@@ -105,7 +106,7 @@ int CNfsIpcServerMain::GetAccessMode() {
 }
 
 void CNfsIpcServerMain::GetDescription(char* pcDescription) {
-    CopyIpcText(pcDescription, kTextBufferSize, "External NFS Server");
+    CopyText(pcDescription, kTextBufferSize, "External NFS Server");
 }
 
 void CNfsIpcServerMain::GetIpcServerThreadChannel(char* pcChannel) {

@@ -17,6 +17,7 @@
 #include "RpcServer.h"
 #include "RuntimeParam.h"
 #include "ServerSocket.h"
+#include "Texts.h"
 #include "Utilities.h"
 
 namespace {
@@ -130,11 +131,11 @@ int CNfsMain::GetAccessMode() {
 }
 
 void CNfsMain::GetVersion(char* pcVersion) {
-    std::snprintf(pcVersion, kTextBufferSize, "%s", kVersion);
+    CopyText(pcVersion, kTextBufferSize, kVersion);
 }
 
 void CNfsMain::GetDescription(char* pcDescription) {
-    std::snprintf(pcDescription, kTextBufferSize, "Internal NFS Server");
+    CopyText(pcDescription, kTextBufferSize, "Internal NFS Server");
 }
 
 bool CNfsMain::IsServerRunning() {

@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "DeferredLog.h"
+#include "Texts.h"
 
 namespace {
 
@@ -30,7 +31,7 @@ bool ReadPiece(FILE* pPipe, char (&vcPiece)[kOutputPieceSize]) {
 }  // namespace
 
 int CUtilities::ExecuteSystemCmd(CRuntimeParam* pRuntimeParam, const char* pcCmd, bool bLogResult) {
-    const char* pcCommandLine = pcCmd == nullptr ? "" : pcCmd;
+    const char* pcCommandLine = OrEmpty(pcCmd);
     const bool bLog = bLogResult || pRuntimeParam->IsLogGeneralInfo();
     if (bLog) {
         LogInfo(pRuntimeParam, "%s", pcCommandLine);
@@ -85,7 +86,7 @@ int CUtilities::GetNetDeviceCredential(CRuntimeParam* pRuntimeParam, bool bPrint
 
 bool CUtilities::AddNetDeviceCredential(CRuntimeParam* pRuntimeParam, const char* pcPath, const char* pcUser,
                                         const char* pcPwd) {
-    const std::string sPath = pcPath == nullptr ? "" : pcPath;
+    const std::string sPath = OrEmpty(pcPath);
     const CDeferredLog deferred;
     const MutexLock lock(m_hMutexNetDeviceCredential);
     if (!ExecuteAddNetDeviceCredentialCmd(pRuntimeParam, sPath.c_str(), pcUser, pcPwd)) {
@@ -98,7 +99,7 @@ bool CUtilities::AddNetDeviceCredential(CRuntimeParam* pRuntimeParam, const char
 }
 
 bool CUtilities::RemoveNetDeviceCredential(CRuntimeParam* pRuntimeParam, const char* pcPath) {
-    const std::string sPath = pcPath == nullptr ? "" : pcPath;
+    const std::string sPath = OrEmpty(pcPath);
     const CDeferredLog deferred;
     const MutexLock lock(m_hMutexNetDeviceCredential);
     if (!ExecuteRemoveNetDeviceCredentialCmd(pRuntimeParam, sPath.c_str())) {

@@ -6,6 +6,7 @@
 
 #include "IpcChannel.h"
 #include "IpcClient.h"
+#include "Texts.h"
 
 namespace {
 
@@ -55,8 +56,8 @@ void CUtilitiesIpcServer::SendLogMessage(CRuntimeParam* pRuntimeParam, const cha
         return;
     }
     auto record = NewIpcRecord<IpcCb_LogMessage>();
-    SetIpcText(record.cID, pRuntimeParam->GetID());
-    SetIpcText(record.cMsg, pcMessage);
+    CopyText(record.cID, pRuntimeParam->GetID());
+    CopyText(record.cMsg, pcMessage);
     record.iType = iType;
     CRuntimeParam own(pRuntimeParam->GetID(), pRuntimeParam->GetLogControl());
     CIpcClient client(this, &own);

@@ -11,6 +11,7 @@
 
 #include "DeferredLog.h"
 #include "Reason.h"
+#include "Texts.h"
 
 namespace {
 
@@ -80,11 +81,11 @@ MountAccess JudgeAccess(const Mounts& mounts, typename Mounts::const_iterator it
 bool CUtilities::AddMountInfo(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcLocalMountPath,
                               const char* pcExportName, const char* pcIpcID, char* pcStatus) {
     const std::string sCanonical = GetCanonicalText(pRuntimeParam, pLogArgu, pcLocalMountPath);
-    const std::string sExportName = pcExportName != nullptr ? pcExportName : "";
+    const std::string sExportName = OrEmpty(pcExportName);
 
     const CDeferredLog deferred;
-    if (!InsertMountInfo(pRuntimeParam, pLogArgu,
-                         {sCanonical, sExportName, pcIpcID != nullptr ? pcIpcID : "", std::string()}, pcStatus)) {
+    if (!InsertMountInfo(pRuntimeParam, pLogArgu, {sCanonical, sExportName, OrEmpty(pcIpcID), std::string()},
+                         pcStatus)) {
         return false;
     }
     // What was opened before as the source of a redirected file could not be written to.
@@ -155,7 +156,7 @@ void CUtilities::RemoveMountInfoByExportName(const char* pcExportName) {
     std::string sLocalMountPath;
     {
         const MutexLock lock(m_hMutexMountInfos);
-        const auto itMount = m_MountInfos.find(pcExportName != nullptr ? pcExportName : "");
+        const auto itMount = m_MountInfos.find(OrEmpty(pcExportName));
         if (itMount == m_MountInfos.end()) {
             ResetFileTableWithoutExports();
             return;
@@ -196,7 +197,7 @@ void CUtilities::ResetFileTableWithoutExports() {
 
 bool CUtilities::UpdateMountClientIpAddrByExportName(const char* pcExportName, const char* pcClientAddr,
                                                      MountInfo* pMountInfo, char* pcStatus) {
-    const char* pcName = pcExportName != nullptr ? pcExportName : "";
+    const char* pcName = OrEmpty(pcExportName);
     const MutexLock lock(m_hMutexMountInfos);
     const auto itMount = m_MountInfos.find(pcName);
     if (itMount == m_MountInfos.end()) {
@@ -210,7 +211,7 @@ bool CUtilities::UpdateMountClientIpAddrByExportName(const char* pcExportName, c
                     mount.sRemoteIpAddr.c_str());
         return false;
     }
-    mount.sRemoteIpAddr = pcClientAddr != nullptr ? pcClientAddr : "";
+    mount.sRemoteIpAddr = OrEmpty(pcClientAddr);
     if (pMountInfo != nullptr) {
         *pMountInfo = mount;
     }
@@ -224,7 +225,7 @@ bool CUtilities::GetMountInfoByPath(CRuntimeParam* pRuntimeParam, const LogArgu*
 
 MountAccess CUtilities::GetMountAccess(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
                                        const char* pcClientAddr, MountInfo* pMountInfo) {
-    const char* pcGiven = pcPath != nullptr ? pcPath : "";
+    const char* pcGiven = OrEmpty(pcPath);
     const PathToCompare path(pcGiven);
     // ".." could lead out of any export; a path that does not fit belongs to none.
     const bool bReachable = (path.Get()[0] != '\0' || pcGiven[0] == '\0') && !HasParentComponent(pcGiven);
@@ -266,7 +267,7 @@ MountAccess CUtilities::ScanMountInfos(CRuntimeParam* pRuntimeParam, const LogAr
 }
 
 bool CUtilities::HoldsMountPoint(const char* pcCanonicalPath) {
-    std::string_view sPath = pcCanonicalPath != nullptr ? pcCanonicalPath : "";
+    std::string_view sPath = OrEmpty(pcCanonicalPath);
     while (sPath.size() > 1 && sPath.ends_with('/')) {
         sPath.remove_suffix(1);
     }
@@ -278,7 +279,7 @@ bool CUtilities::HoldsMountPoint(const char* pcCanonicalPath) {
 }
 
 bool CUtilities::IsRemoteAddrExists(const char* pcClientAddr) {
-    const std::string_view sClientAddr = pcClientAddr != nullptr ? pcClientAddr : "";
+    const std::string_view sClientAddr = OrEmpty(pcClientAddr);
     const MutexLock lock(m_hMutexMountInfos);
     return std::ranges::any_of(m_MountInfos,
                                [sClientAddr](const auto& mount) { return mount.second.sRemoteIpAddr == sClientAddr; });

@@ -12,21 +12,13 @@
 #include "FileOwner.h"
 #include "Reason.h"
 #include "RedirectedFile.h"
-
-namespace {
-
-/// A path as a key; null counts as empty.
-const char* GetKey(const char* pcPath) {
-    return pcPath != nullptr ? pcPath : "";
-}
-
-}  // namespace
+#include "Texts.h"
 
 std::shared_ptr<CRedirectedFile> CUtilities::OpenRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath,
                                                                 long long iSize, bool bCreateInfoFile,
                                                                 int iInfoFileSegmentSizeMB,
                                                                 int iInfoFileCheckPointSizeMB) {
-    const char* pcKey = GetKey(pcPath);
+    const char* pcKey = OrEmpty(pcPath);
     auto pFile = std::make_shared<CRedirectedFile>(this);
     std::string sCanonicalPath = GetCanonicalKey(pcKey);
     {
@@ -47,7 +39,7 @@ std::shared_ptr<CRedirectedFile> CUtilities::OpenRedirectedFile(CRuntimeParam* p
 /// Takes a file out of the registry; the caller closes it. Null when none is open under the path.
 std::shared_ptr<CRedirectedFile> CUtilities::TakeRedirectedFile(const char* pcPath) {
     const MutexLock lock(m_hMutexRedirectedFiles);
-    const auto itFile = m_mRedirectedFiles.find(GetKey(pcPath));
+    const auto itFile = m_mRedirectedFiles.find(OrEmpty(pcPath));
     if (itFile == m_mRedirectedFiles.end()) {
         return nullptr;
     }
@@ -63,7 +55,7 @@ void CUtilities::CloseRedirectedFile(CRuntimeParam* pRuntimeParam, const char* p
 }
 
 void CUtilities::CloseAllRedirectedFiles(CRuntimeParam* pRuntimeParam, const char* pcPath) {
-    std::string sPrefix = GetKey(pcPath);
+    std::string sPrefix = OrEmpty(pcPath);
     SetPathToCompare(sPrefix);
     std::shared_ptr<CRedirectedFile> pFile;
     do {
@@ -115,27 +107,27 @@ bool CUtilities::AddRedirectedFileSegment(CRuntimeParam* pRuntimeParam, const ch
         return true;
     }
     if (!pFile || pFile->IsClosed()) {
-        WriteReason(pcStatus, "Redirected file \"%s\" is not open", GetKey(pcPath));
+        WriteReason(pcStatus, "Redirected file \"%s\" is not open", OrEmpty(pcPath));
     }
     return false;
 }
 
 void CUtilities::ExportRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath, const char* pcExportPath) {
     if (const auto pFile = GetRedirectedFile(pcPath)) {
-        pFile->Export(pRuntimeParam, GetKey(pcExportPath));
+        pFile->Export(pRuntimeParam, OrEmpty(pcExportPath));
     }
 }
 
 void CUtilities::ExportRedirectedFileInfo(CRuntimeParam* pRuntimeParam, const char* pcPath, const char* pcExportPath,
                                           bool bMergeRange) {
     if (const auto pFile = GetRedirectedFile(pcPath)) {
-        pFile->ExportInfo(pRuntimeParam, GetKey(pcExportPath), bMergeRange);
+        pFile->ExportInfo(pRuntimeParam, OrEmpty(pcExportPath), bMergeRange);
     }
 }
 
 bool CUtilities::RenameRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPathFrom, const char* pcPathTo) {
-    const std::string sFrom = GetKey(pcPathFrom);
-    const std::string sTo = GetKey(pcPathTo);
+    const std::string sFrom = OrEmpty(pcPathFrom);
+    const std::string sTo = OrEmpty(pcPathTo);
     if (sFrom == sTo) {
         return GetRedirectedFile(sFrom.c_str()) != nullptr;  // a rename onto itself changes nothing
     }
@@ -165,8 +157,8 @@ bool CUtilities::RenameRedirectedFile(CRuntimeParam* pRuntimeParam, const char* 
 
 std::vector<std::pair<std::string, std::string>> CUtilities::GetRenamesBelow(const char* pcFolderFrom,
                                                                              const char* pcFolderTo) {
-    std::string sPrefixFrom = GetKey(pcFolderFrom);
-    std::string sPrefixTo = GetKey(pcFolderTo);
+    std::string sPrefixFrom = OrEmpty(pcFolderFrom);
+    std::string sPrefixTo = OrEmpty(pcFolderTo);
     SetPathToCompare(sPrefixFrom);
     SetPathToCompare(sPrefixTo);
     std::vector<std::pair<std::string, std::string>> vsPaths;
@@ -190,14 +182,14 @@ bool CUtilities::RemoveRedirectedFile(CRuntimeParam* pRuntimeParam, const char* 
 
 bool CUtilities::CanTellOfRename(CRuntimeParam* pRuntimeParam, const char* pcPathFrom, const char* pcPathTo) {
     if (GetRedirectedFile(pcPathTo)) {
-        CFileOwner owner(this, pRuntimeParam, GetKey(pcPathTo));
-        if (!CanTellOf(owner.GetParam(), GetKey(pcPathTo))) {
+        CFileOwner owner(this, pRuntimeParam, OrEmpty(pcPathTo));
+        if (!CanTellOf(owner.GetParam(), OrEmpty(pcPathTo))) {
             return false;
         }
     }
     auto vRenames = GetRenamesBelow(pcPathFrom, pcPathTo);
     if (GetRedirectedFile(pcPathFrom)) {
-        vRenames.emplace_back(GetKey(pcPathFrom), GetKey(pcPathTo));
+        vRenames.emplace_back(OrEmpty(pcPathFrom), OrEmpty(pcPathTo));
     }
     return std::ranges::all_of(vRenames, [this, pRuntimeParam](const auto& rename) {
         const char* const vpcPaths[] = {rename.first.c_str(), rename.second.c_str()};
@@ -210,12 +202,12 @@ bool CUtilities::CanTellOfRename(CRuntimeParam* pRuntimeParam, const char* pcPat
 
 std::shared_ptr<CRedirectedFile> CUtilities::GetRedirectedFile(const char* pcPath) {
     const MutexLock lock(m_hMutexRedirectedFiles);
-    const auto itFile = m_mRedirectedFiles.find(std::string_view(GetKey(pcPath)));
+    const auto itFile = m_mRedirectedFiles.find(std::string_view(OrEmpty(pcPath)));
     return itFile == m_mRedirectedFiles.end() ? nullptr : itFile->second.pFile;
 }
 
 bool CUtilities::IsRedirectedFile(const char* pcPath) {
-    const std::string sCanonicalPath = GetCanonicalKey(GetKey(pcPath));
+    const std::string sCanonicalPath = GetCanonicalKey(OrEmpty(pcPath));
     const MutexLock lock(m_hMutexRedirectedFiles);
     return m_mRedirectedFiles.contains(sCanonicalPath) ||
            std::ranges::any_of(m_mRedirectedFiles, [&sCanonicalPath](const auto& opened) {

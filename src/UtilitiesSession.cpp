@@ -1,31 +1,24 @@
 // CUtilities: the sessions that the host registers.
 #include "Utilities.h"
 
-namespace {
-
-/// A text as a key; null counts as empty.
-const char* GetKey(const char* pcText) {
-    return pcText != nullptr ? pcText : "";
-}
-
-}  // namespace
+#include "Texts.h"
 
 void CUtilities::AddSessionInfo(const char* pcSessionID, const char* pcLocalMountPath) {
-    const std::string sSessionID = GetKey(pcSessionID);
+    const std::string sSessionID = OrEmpty(pcSessionID);
     const MutexLock lock(m_hMutexSessionInfos);
-    m_SessionInfos.insert_or_assign(sSessionID, SessionInfo{sSessionID, GetKey(pcLocalMountPath)});
+    m_SessionInfos.insert_or_assign(sSessionID, SessionInfo{sSessionID, OrEmpty(pcLocalMountPath)});
 }
 
 void CUtilities::RemoveSessionInfo(const char* pcSessionID) {
     const MutexLock lock(m_hMutexSessionInfos);
-    const auto itSession = m_SessionInfos.find(GetKey(pcSessionID));
+    const auto itSession = m_SessionInfos.find(OrEmpty(pcSessionID));
     if (itSession != m_SessionInfos.end()) {
         m_SessionInfos.erase(itSession);
     }
 }
 
 void CUtilities::RemoveSessionInfoByLocalMountPath(const char* pcLocalMountPath) {
-    const std::string sPath = GetKey(pcLocalMountPath);
+    const std::string sPath = OrEmpty(pcLocalMountPath);
     const MutexLock lock(m_hMutexSessionInfos);
     std::erase_if(m_SessionInfos, [&sPath](const auto& session) { return session.second.sLocalMountPath == sPath; });
 }
@@ -37,7 +30,7 @@ void CUtilities::RemoveAllSessionInfo() {
 
 bool CUtilities::IsSessionExists(const char* pcSessionID) {
     const MutexLock lock(m_hMutexSessionInfos);
-    return m_SessionInfos.contains(GetKey(pcSessionID));
+    return m_SessionInfos.contains(OrEmpty(pcSessionID));
 }
 
 int CUtilities::GetSessionInfo(CRuntimeParam* pRuntimeParam, bool bPrintDetails) {

@@ -9,6 +9,7 @@
 #include <sys/time.h>
 
 #include "PathProbe.h"
+#include "Texts.h"
 
 namespace {
 
@@ -37,7 +38,7 @@ bool Resolve(const char* pcPath, char (&vcResolved)[kPathBufferSize], FoundStatu
 
 bool CUtilities::GetCanonicalPath(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, char* pcOut,
                                   const char* pcPath, FoundStatus* pStatus) {
-    const char* pcGiven = pcPath != nullptr ? pcPath : "";
+    const char* pcGiven = OrEmpty(pcPath);
     char vcResolved[kPathBufferSize];
     if (Resolve(pcGiven, vcResolved, pStatus)) {
         std::memcpy(pcOut, vcResolved, std::strlen(vcResolved) + 1);
@@ -77,7 +78,7 @@ void CUtilities::SetPathToCompare(std::string& sPath) {
 }
 
 void CUtilities::SplitIntoVector(const char* pcText, char cSeparator, std::vector<std::string>& vOut) {
-    std::string_view sRest = pcText != nullptr ? pcText : "";
+    std::string_view sRest = OrEmpty(pcText);
     while (!sRest.empty()) {
         const std::size_t nPiece = sRest.find(cSeparator);
         vOut.emplace_back(sRest.substr(0, nPiece));

@@ -3,15 +3,8 @@
 
 #include <utility>
 
+#include "Texts.h"
 #include "VSphereWebController.h"
-
-namespace {
-
-std::string TextOf(const char* pcText) {
-    return pcText == nullptr ? "" : pcText;
-}
-
-}  // namespace
 
 int CUtilities::GetVSphereInfo(CRuntimeParam* pRuntimeParam, bool bPrintDetails) {
     // Printed from a copy: the lines may go to a client that takes its time, or to a host that asks back.
@@ -33,14 +26,14 @@ int CUtilities::GetVSphereInfo(CRuntimeParam* pRuntimeParam, bool bPrintDetails)
 
 void CUtilities::AddVSphereInfo(const char* pcDatastoreMoid, const char* pcHost, const char* pcPort, const char* pcUser,
                                 const char* pcPwd) {
-    VSphereInfo info{TextOf(pcDatastoreMoid), TextOf(pcHost), TextOf(pcPort), TextOf(pcUser), TextOf(pcPwd)};
+    VSphereInfo info{OrEmpty(pcDatastoreMoid), OrEmpty(pcHost), OrEmpty(pcPort), OrEmpty(pcUser), OrEmpty(pcPwd)};
     const MutexLock lock(m_hMutexVSphereInfos);
     m_VSphereInfos.insert_or_assign(info.sDatastoreMoid, info);
 }
 
 void CUtilities::RemoveVSphereInfo(const char* pcDatastoreMoid) {
     const MutexLock lock(m_hMutexVSphereInfos);
-    m_VSphereInfos.erase(TextOf(pcDatastoreMoid));
+    m_VSphereInfos.erase(OrEmpty(pcDatastoreMoid));
 }
 
 void CUtilities::RemoveAllVSphereInfoWithWebCtrl(CRuntimeParam* pRuntimeParam) {

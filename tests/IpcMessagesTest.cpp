@@ -9,6 +9,7 @@
 #include "IpcBasic.h"
 #include "IpcChannel.h"
 #include "IpcText.h"
+#include "Texts.h"
 
 namespace {
 
@@ -48,11 +49,11 @@ TEST(IpcMessagesTest, UnknownTypesAndGroupsAreAHeader) {
 
 TEST(IpcMessagesTest, TextsThatDoNotFitAreCutAtTheFieldsEnd) {
     char cField[8];
-    SetIpcText(cField, "1234567");
+    CopyText(cField, "1234567");
     EXPECT_STREQ(cField, "1234567");
-    SetIpcText(cField, "12345678");
+    CopyText(cField, "12345678");
     EXPECT_STREQ(cField, "1234567");
-    SetIpcText(cField, nullptr);
+    CopyText(cField, nullptr);
     EXPECT_STREQ(cField, "");
 }
 
