@@ -7,8 +7,6 @@
 #include "Nfs3Prog.h"
 
 #include <cerrno>
-#include <climits>
-#include <cstdlib>
 #include <cstring>
 #include <optional>
 #include <string_view>
@@ -18,6 +16,7 @@
 
 #include "InputStream.h"
 #include "PathProbe.h"
+#include "Paths.h"
 #include "Utilities.h"
 
 namespace {
@@ -28,51 +27,14 @@ constexpr unsigned int kFileIdSize = 4;
 /// As many links as the kernel follows before it gives up.
 constexpr int kMaxLinks = 40;
 
-std::optional<std::string> Resolve(const std::string& sPath) {
-    char vcResolved[PATH_MAX];
-    if (::realpath(sPath.c_str(), vcResolved) == nullptr) {
-        return std::nullopt;
-    }
-    return vcResolved;
-}
-
-/// The path with all links resolved but those of its last component; that keeps slashes behind it. errno tells why
-/// there is none.
-std::optional<std::string> ResolveParent(const std::string& sPath) {
-    const std::size_t iLast = sPath.find_last_not_of('/');
-    const std::size_t iSlash = iLast == std::string::npos ? iLast : sPath.rfind('/', iLast);
-    if (iSlash == std::string::npos) {
-        errno = EINVAL;
-        return std::nullopt;
-    }
-    std::optional<std::string> sResolved = Resolve(sPath.substr(0, iSlash + 1));
-    if (!sResolved) {
-        return std::nullopt;
-    }
-    CUtilities::SetPathToCompare(*sResolved);
-    *sResolved += sPath.substr(iSlash + 1);
-    if (sResolved->size() >= kPathBufferSize) {
-        errno = ENAMETOOLONG;
-        return std::nullopt;
-    }
-    return sResolved;
-}
-
 /// What a link holds; nothing for what is no link.
 std::optional<std::string> ReadLink(const std::string& sPath) {
-    char vcLink[PATH_MAX];
+    char vcLink[kPathBufferSize];
     const ssize_t nLink = ::readlink(sPath.c_str(), vcLink, sizeof(vcLink));
     if (nLink < 0) {
         return std::nullopt;
     }
     return std::string(vcLink, static_cast<std::size_t>(nLink));
-}
-
-std::string WithoutTrailingSlashes(std::string sPath) {
-    while (sPath.size() > 1 && sPath.ends_with('/')) {
-        sPath.pop_back();
-    }
-    return sPath;
 }
 
 /// Where a file would come to be that is created under a path: the path itself, or where the dangling link that
@@ -83,10 +45,10 @@ std::optional<std::string> FollowDanglingLinks(std::string sPath) {
         if (!sLink) {
             return sPath;
         }
-        const std::string sTarget = sLink->starts_with('/') ? *sLink : sPath.substr(0, sPath.rfind('/') + 1) + *sLink;
-        std::optional<std::string> sNext = Resolve(sTarget);
+        const std::string sTarget = sLink->starts_with('/') ? *sLink : std::string(GetFolderPart(sPath)) + *sLink;
+        std::optional<std::string> sNext = ResolveLinks(sTarget);
         if (!sNext) {
-            sNext = ResolveParent(sTarget);
+            sNext = ResolveFolderPart(sTarget);
         }
         if (!sNext) {
             return std::nullopt;
@@ -99,12 +61,12 @@ std::optional<std::string> FollowDanglingLinks(std::string sPath) {
 /// The path of a file that does not exist (yet): its parent's links resolved, or where the dangling link that stands
 /// there points. Empty for one that cannot be judged.
 std::string FindMissingFile(const char* pcJoined) {
-    const std::optional<std::string> sEntry = ResolveParent(pcJoined);
+    const std::optional<std::string> sEntry = ResolveFolderPart(pcJoined);
     if (!sEntry) {
         // Nothing can be made below a folder that is not there.
         return errno == ENOENT || errno == ENOTDIR ? pcJoined : "";
     }
-    const std::string sBare = WithoutTrailingSlashes(*sEntry);
+    const std::string sBare(WithoutTrailingSlashes(*sEntry));
     const std::optional<std::string> sTarget = FollowDanglingLinks(sBare);
     return sTarget ? *sTarget + sEntry->substr(sBare.size()) : "";
 }
@@ -112,11 +74,11 @@ std::string FindMissingFile(const char* pcJoined) {
 /// The path of an entry as it stands in its folder, whose links are resolved. Empty for one that cannot be judged; what
 /// is followed by a slash is a folder and no link.
 std::string FindEntry(const char* pcJoined, bool* pbExists) {
-    const std::optional<std::string> sEntry = ResolveParent(pcJoined);
+    const std::optional<std::string> sEntry = ResolveFolderPart(pcJoined);
     if (!sEntry) {
         return errno == ENOENT || errno == ENOTDIR ? pcJoined : "";
     }
-    std::string sBare = WithoutTrailingSlashes(*sEntry);
+    std::string sBare(WithoutTrailingSlashes(*sEntry));
     struct stat status {};
     *pbExists = lstat(sBare.c_str(), &status) == 0;
     if (!*pbExists || sBare == *sEntry) {
@@ -128,15 +90,6 @@ std::string FindEntry(const char* pcJoined, bool* pbExists) {
 
 /// What stands behind the path of a folder that a name of its own stood for: no path of an entry ends so.
 constexpr std::string_view kFolderItself = "/.";
-
-/// Can it be the name of an entry, of one in another folder perhaps? Not if there is no name, or it is "." or "..".
-bool IsEntryName(std::string_view sName) {
-    while (sName.ends_with('/')) {
-        sName.remove_suffix(1);
-    }
-    const std::string_view sLast = sName.substr(sName.rfind('/') + 1);
-    return !sLast.empty() && sLast != "." && sLast != "..";
-}
 
 }  // namespace
 
@@ -236,19 +189,7 @@ bool CNfs3Prog::IsFolderItself(const std::string& sPath) {
 }
 
 bool CNfs3Prog::AppendFilePath(const char* pcDir, const char* pcName, char* pcOut) {
-    if (pcDir == nullptr || pcName == nullptr || pcOut == nullptr) {
-        return false;
-    }
-    const std::size_t nDir = std::strlen(pcDir);
-    const std::size_t nName = std::strlen(pcName);
-    if (nDir + 1 + nName >= kPathBufferSize) {
-        return false;
-    }
-    std::memcpy(pcOut, pcDir, nDir);
-    pcOut[nDir] = '/';
-    std::memcpy(pcOut + nDir + 1, pcName, nName);
-    pcOut[nDir + 1 + nName] = '\0';
-    return true;
+    return JoinPath(pcDir, pcName, pcOut);
 }
 
 bool CNfs3Prog::IsInVaildDirName(const char* pcName) {
@@ -321,7 +262,7 @@ nfsstat3 CNfs3Prog::CheckPath(ProcessParam* pParam, const LogArgu* pLogArgu, con
         m_pUtilities->DropMissingFile(pParam->pRuntimeParam, pLogArgu, pcPath);
         return NFS3ERR_IO;
     }
-    const std::optional<std::string> sResolved = Resolve(pcPath);
+    const std::optional<std::string> sResolved = ResolveLinks(pcPath);
     return sResolved && FindExportQuietly(pParam, pLogArgu, sResolved->c_str()) == MountAccess::kServed ? NFS3_OK
                                                                                                         : NFS3ERR_IO;
 }
@@ -349,7 +290,7 @@ nfsstat3 CNfs3Prog::CheckUnresolved(ProcessParam* pParam, const LogArgu* pLogArg
 /// the client.
 bool CNfs3Prog::ResolveWithinExports(ProcessParam* pParam, const LogArgu* pLogArgu, const char* pcPath,
                                      std::string* psResolved) {
-    const std::optional<std::string> sResolved = Resolve(pcPath);
+    const std::optional<std::string> sResolved = ResolveLinks(pcPath);
     CRuntimeParam silent("", 0);
     if (!sResolved || m_pUtilities->GetMountAccess(&silent, pLogArgu, sResolved->c_str(), pParam->sRemoteAddr.c_str(),
                                                    nullptr) != MountAccess::kServed) {

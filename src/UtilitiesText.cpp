@@ -2,45 +2,19 @@
 #include "Utilities.h"
 
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <string_view>
 
 #include <sys/time.h>
 
-#include "PathProbe.h"
+#include "Paths.h"
 #include "Texts.h"
-
-namespace {
-
-/// realpath, which asks the kernel for each component; of most paths it can tell in one step that they resolve to
-/// themselves. A path that no buffer holds is none, as for the system's other calls; realpath may see that differently.
-bool Resolve(const char* pcPath, char (&vcResolved)[kPathBufferSize], FoundStatus* pStatus) {
-    const std::size_t nLength = strnlen(pcPath, kPathBufferSize);
-    if (nLength >= kPathBufferSize) {
-        return false;
-    }
-    if (IsPlainPath(pcPath)) {
-        switch (FindWithoutLinks(pcPath, pStatus)) {
-            case Finding::kFound:
-                std::memcpy(vcResolved, pcPath, nLength + 1);
-                return true;
-            case Finding::kMissing:
-                return false;
-            case Finding::kUnknown:
-                break;
-        }
-    }
-    return ::realpath(pcPath, vcResolved) != nullptr;
-}
-
-}  // namespace
 
 bool CUtilities::GetCanonicalPath(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, char* pcOut,
                                   const char* pcPath, FoundStatus* pStatus) {
     const char* pcGiven = OrEmpty(pcPath);
     char vcResolved[kPathBufferSize];
-    if (Resolve(pcGiven, vcResolved, pStatus)) {
+    if (FindCanonicalPath(pcGiven, vcResolved, pStatus)) {
         std::memcpy(pcOut, vcResolved, std::strlen(vcResolved) + 1);
         if (pRuntimeParam->IsLogGeneralInfo()) {
             LogInfo(pRuntimeParam, "[%s] Get canonical path successfully: %s", pLogArgu->pcName, pcOut);
@@ -64,17 +38,11 @@ std::string CUtilities::GetCanonicalText(CRuntimeParam* pRuntimeParam, const Log
 }
 
 void CUtilities::SetPathToCompare(char* pcPath) {
-    const std::size_t nLength = std::strlen(pcPath);
-    if (nLength > 0 && pcPath[nLength - 1] != '/' && nLength + 1 < kPathBufferSize) {
-        pcPath[nLength] = '/';
-        pcPath[nLength + 1] = '\0';
-    }
+    AppendSlash(pcPath);
 }
 
 void CUtilities::SetPathToCompare(std::string& sPath) {
-    if (!sPath.empty() && !sPath.ends_with('/')) {
-        sPath += '/';
-    }
+    AppendSlash(sPath);
 }
 
 void CUtilities::SplitIntoVector(const char* pcText, char cSeparator, std::vector<std::string>& vOut) {
