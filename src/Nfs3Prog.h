@@ -13,6 +13,7 @@
 
 #include "KeptListings.h"
 #include "Nfs3Types.h"
+#include "RpcNumbers.h"
 #include "RpcProg.h"
 #include "RuntimeParam.h"
 
@@ -26,7 +27,7 @@ enum class MountAccess;
 /// are in the middle of. The settings may be changed by another thread meanwhile.
 class CNfs3Prog : public CRpcProg {
 public:
-    static constexpr unsigned int kVersion = 3;
+    static constexpr unsigned int kVersion = kNfsVersion3;
 
     /// FSINFO properties (RFC 1813, 3.3.19): the file system is alike throughout, and times can be set. Neither hard
     /// nor symbolic links can be made.

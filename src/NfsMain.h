@@ -35,7 +35,6 @@ public:
     /// Ports used when the front end names none, without a system portmapper; with one, each is one higher.
     static constexpr int kDefaultMountPort = 1058;
     static constexpr int kDefaultNfsPort = 2049;  ///< IANA "nfs"
-    static constexpr int kPortmapPort = 111;      ///< IANA "sunrpc" (RFC 1833)
 
     /// Connections served at a time. A client's mount traffic is a handful of calls; each NFS client holds one
     /// connection, some a few.

@@ -12,20 +12,11 @@
 #include "Portmap.h"
 #include "PortmapProg.h"
 #include "Reason.h"
+#include "RpcNumbers.h"
 #include "RpcServer.h"
 #include "RuntimeParam.h"
 #include "ServerSocket.h"
 #include "Utilities.h"
-
-namespace {
-
-/// RPC program numbers (RFC 1833; RFC 1813, 2.1 and 5.0) and the version that is registered of both.
-constexpr int kPortmapProgramId = 100000;
-constexpr int kNfsProgramId = 100003;
-constexpr int kMountProgramId = 100005;
-constexpr unsigned long kRegisteredVersion = 3;
-
-}  // namespace
 
 // ---- Start
 
@@ -104,14 +95,14 @@ bool CNfsMain::OpenPort(SocketHandle& handle, unsigned long lProgId, int iPort, 
 bool CNfsMain::OpenPortmapService(char* pcStatus) {
     char vcReason[kReasonBufferSize] = "";
     if (!m_pPortmapProg ||
-        OpenPort(m_Sockets[kPortmapSockets], kPortmapProgramId, kPortmapPort, kMaxPortmapConnections, vcReason)) {
+        OpenPort(m_Sockets[kPortmapSockets], kPortmapProgramId, kPortmapperPort, kMaxPortmapConnections, vcReason)) {
         return true;
     }
     if (m_pRuntimeParam->IsLogError()) {
         m_pUtilities->LogError(m_pRuntimeParam.get(), "Fail to start PortMap daemon. Reason=%s", vcReason);
     }
-    LogLifecycle("Fail to start PortMap daemon on port %d. Reason=%s", kPortmapPort, vcReason);
-    WriteReason(pcStatus, "PortMap daemon failed to open port %d", kPortmapPort);
+    LogLifecycle("Fail to start PortMap daemon on port %d. Reason=%s", kPortmapperPort, vcReason);
+    WriteReason(pcStatus, "PortMap daemon failed to open port %d", kPortmapperPort);
     return false;
 }
 
@@ -149,12 +140,12 @@ bool CNfsMain::RegisterServices() {
     }
     char vcReason[kReasonBufferSize] = "";
     const bool bNfs =
-        m_pPortmap->Register(kNfsProgramId, kRegisteredVersion, m_Sockets[kNfsSockets].pServerSocket.get(), vcReason);
+        m_pPortmap->Register(kNfsProgramId, kNfsVersion3, m_Sockets[kNfsSockets].pServerSocket.get(), vcReason);
     if (!bNfs) {
         LogLifecycle("Fail to register NFS daemon to external portmapper. Reason=%s", vcReason);
     }
-    const bool bMount = m_pPortmap->Register(kMountProgramId, kRegisteredVersion,
-                                             m_Sockets[kMountSockets].pServerSocket.get(), vcReason);
+    const bool bMount =
+        m_pPortmap->Register(kMountProgramId, kNfsVersion3, m_Sockets[kMountSockets].pServerSocket.get(), vcReason);
     if (!bMount) {
         LogLifecycle("Fail to register Mount daemon to external portmapper. Reason=%s", vcReason);
     }
@@ -188,8 +179,8 @@ void CNfsMain::CloseServices() {
     m_pPortmapProg.reset();
     if (m_pPortmap && m_pPortmap->IsRunning()) {
         char vcReason[kReasonBufferSize] = "";
-        m_pPortmap->Unregister(kNfsProgramId, kRegisteredVersion, vcReason);
-        m_pPortmap->Unregister(kMountProgramId, kRegisteredVersion, vcReason);
+        m_pPortmap->Unregister(kNfsProgramId, kNfsVersion3, vcReason);
+        m_pPortmap->Unregister(kMountProgramId, kNfsVersion3, vcReason);
     }
     m_pPortmap.reset();
     m_pNfsProg.reset();

@@ -10,13 +10,12 @@
 #include <sys/socket.h>
 
 #include "Reason.h"
+#include "RpcNumbers.h"
 #include "RuntimeParam.h"
 #include "ServerSocket.h"
 #include "Utilities.h"
 
 namespace {
-
-constexpr unsigned long kPortmapPort = 111;
 
 /// The library wants a function to hand calls to; its transports are never serviced, so none arrives.
 void Dispatch(svc_req* /*pRequest*/, SVCXPRT* /*pTransport*/) {}
@@ -76,14 +75,14 @@ bool CPortmap::IsRunning(bool bForceCheck) {
         return bIsRunning;
     }
     const LogArgu logArgu{"Portmap.IsRunning"};
-    const int iSocket = CreateSocket(kPortmapPort, nullptr);
+    const int iSocket = CreateSocket(kPortmapperPort, nullptr);
     if (iSocket != kNotBound) {
         CDescriptor(iSocket).Close();
         return false;
     }
     if (IsLogPortmap()) {
         m_pUtilities->LogInfo(m_pRuntimeParam, "[%s] Port %ld is already in used", logArgu.pcName,
-                              static_cast<long>(kPortmapPort));
+                              static_cast<long>(kPortmapperPort));
     }
     return true;
 }

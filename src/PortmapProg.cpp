@@ -16,7 +16,7 @@ constexpr unsigned int kProcedures = 6;
 CPortmapProg::CPortmapProg(CUtilities* pUtilities) : CRpcProg(pUtilities) {}
 
 void CPortmapProg::Set(unsigned long lProg, unsigned long lPort) {
-    const unsigned long i = lProg - kFirstProgram;
+    const unsigned long i = lProg - kFirstProgramId;
     if (i < m_lPortTable.size()) {
         m_lPortTable[i] = lPort;
     }
@@ -56,7 +56,7 @@ int CPortmapProg::ProcedureGETPORT(CInputStream* pInput, COutputStream* pOutput,
     pInput->Read(&lProg);
     pInput->Skip(3 * sizeof(unsigned int));  // version, protocol, port
 
-    const unsigned long i = lProg - kFirstProgram;
+    const unsigned long i = lProg - kFirstProgramId;
     const unsigned long lPort = i < m_lPortTable.size() ? m_lPortTable[i] : 0;
     pOutput->Write(static_cast<unsigned int>(lPort));
     if (pParam->pRuntimeParam->IsLogProcFuncArgu()) {

@@ -3,6 +3,7 @@
 
 #include <array>
 
+#include "RpcNumbers.h"
 #include "RpcProg.h"
 
 /// Answers procedure 3 of program 100000 from a table of ports; the version asked for and the transport protocol do
@@ -11,7 +12,8 @@ class CPortmapProg : public CRpcProg {
 public:
     explicit CPortmapProg(CUtilities* pUtilities);
 
-    /// Stores the port of a program in 100000 to 100009; others are ignored. Called before the sockets are opened.
+    /// Stores the port of a program whose number can be registered (RpcNumbers.h); others are ignored. Called before
+    /// the sockets are opened.
     void Set(unsigned long lProg, unsigned long lPort);
 
     int Process(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam) override;
@@ -22,7 +24,5 @@ public:
     int ProcedureNOIMP(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam);
 
 private:
-    static constexpr unsigned long kFirstProgram = 100000;
-
-    std::array<unsigned long, 10> m_lPortTable{};  ///< by program number minus kFirstProgram; 0: not registered
+    std::array<unsigned long, kProgramIdCount> m_lPortTable{};  ///< from kFirstProgramId on; 0: not registered
 };

@@ -1,12 +1,14 @@
 // What a program that says nothing of versions and procedures accepts: any, and none changes anything.
 #include "RpcProg.h"
 
+#include "RpcNumbers.h"
+
 unsigned int CRpcProg::GetVersion() {
-    return 0xFFFFFFFFU;
+    return kAnyNumber;
 }
 
 unsigned int CRpcProg::GetMaxSupportProc() {
-    return 0xFFFFFFFFU;
+    return kAnyNumber;
 }
 
 bool CRpcProg::IsModifying(unsigned int /*iVersion*/, unsigned int /*iProc*/) {

@@ -41,9 +41,9 @@ public:
     /// Decodes the arguments from the input (just behind the call header) and writes the results to the output
     /// (just behind the accept status). Returns a ProgramStatus.
     virtual int Process(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam) = 0;
-    /// The only version accepted as the start of a call, or 0xFFFFFFFF for any.
+    /// The only version accepted as the start of a call, or kAnyNumber.
     virtual unsigned int GetVersion();
-    /// Procedure numbers below this are valid, 0xFFFFFFFF for no limit.
+    /// Procedure numbers below this are valid; kAnyNumber: all are.
     virtual unsigned int GetMaxSupportProc();
     /// True for a procedure that changes something: the repetition of a datagram is not executed again.
     virtual bool IsModifying(unsigned int iVersion, unsigned int iProc);

@@ -15,12 +15,9 @@
 
 namespace {
 
-/// The answer of programs that accept any version or procedure.
-constexpr unsigned int kAny = 0xFFFFFFFFU;
-
 /// Program numbers and procedures that the scanner reports when it passes over them: RFC 5531 gives numbers of this
 /// kind to the well-known programs, and none of those has procedures beyond.
-constexpr unsigned int kFirstPlausibleProgram = 100000;
+constexpr unsigned int kFirstPlausibleProgram = kFirstProgramId;
 constexpr unsigned int kLastPlausibleProgram = 199999;
 constexpr unsigned int kLastPlausibleProcedure = 99;
 
@@ -53,11 +50,11 @@ bool IsPlausible(CRpcProg* pProg, unsigned int iVersion, unsigned int iProcedure
         return true;
     }
     const unsigned int iOnlyVersion = pProg->GetVersion();
-    if (iOnlyVersion != kAny && iOnlyVersion != iVersion) {
+    if (iOnlyVersion != kAnyNumber && iOnlyVersion != iVersion) {
         return false;
     }
     const unsigned int nProcedures = pProg->GetMaxSupportProc();
-    return nProcedures == kAny || iProcedure < nProcedures;
+    return nProcedures == kAnyNumber || iProcedure < nProcedures;
 }
 
 /// The first offset, from iOffset on, at which the program's number stands where a call has it; behind the last
@@ -94,8 +91,8 @@ CRpcServer::CRpcServer(CUtilities* pUtilities, CRuntimeParam* pRuntimeParam)
 CRpcServer::~CRpcServer() = default;
 
 void CRpcServer::Set(int iProgId, CRpcProg* pProg) {
-    const unsigned int i = static_cast<unsigned int>(iProgId) - kFirstProgram;
-    if (i < kProgramCount) {
+    const unsigned int i = static_cast<unsigned int>(iProgId) - kFirstProgramId;
+    if (i < kProgramIdCount) {
         const MutexLock lock(m_hMutex);
         m_pProgTable[i] = pProg;
     }
@@ -249,7 +246,7 @@ CReplyCache* CRpcServer::FindReplyCache(CSocket* pSocket) {
         !pProg->IsModifying(WordAt(pcCall + kDatagramLayout.iVersion), WordAt(pcCall + kDatagramLayout.iProcedure))) {
         return nullptr;
     }
-    return &m_Replies[pSocket->GetProgId() - kFirstProgram];
+    return &m_Replies[pSocket->GetProgId() - kFirstProgramId];
 }
 
 // ---- Calls
@@ -421,8 +418,8 @@ int CRpcServer::Dispatch(CRuntimeParam* pRuntimeParam, int iStatus, const RPC_HE
 }
 
 CRpcProg* CRpcServer::FindProgram(unsigned long lProgId) const {
-    const unsigned long i = lProgId - kFirstProgram;
-    return i < kProgramCount ? m_pProgTable[i] : nullptr;
+    const unsigned long i = lProgId - kFirstProgramId;
+    return i < kProgramIdCount ? m_pProgTable[i] : nullptr;
 }
 
 bool CRpcServer::IsLogRpc() const {

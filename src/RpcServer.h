@@ -6,6 +6,7 @@
 
 #include "RecordMark.h"
 #include "ReplyCache.h"
+#include "RpcNumbers.h"
 #include "SocketListener.h"
 #include "ThreadAnnotations.h"
 
@@ -30,17 +31,14 @@ struct RPC_STM_HEADER;
 /// not put together: the connection ends at the first call that would need it.
 class CRpcServer : public ISocketListener {
 public:
-    /// Programs 100000 to 100009 can be registered.
-    static constexpr unsigned int kFirstProgram = 100000;
-    static constexpr unsigned int kProgramCount = 10;
-
     /// The utilities, used for logging, are not owned; of the runtime parameter only the log control is taken.
     CRpcServer(CUtilities* pUtilities, CRuntimeParam* pRuntimeParam);
     ~CRpcServer() override;
     CRpcServer(const CRpcServer&) = delete;
     CRpcServer& operator=(const CRpcServer&) = delete;
 
-    /// Registers a program (not owned; null removes it) before any socket is opened. Other numbers are ignored.
+    /// Registers a program (not owned; null removes it) before any socket is opened, if its number is one that can be
+    /// registered (RpcNumbers.h).
     void Set(int iProgId, CRpcProg* pProg);
     /// May be called at any time, by any thread.
     void SetLogControl(int iLogControl);
@@ -85,9 +83,9 @@ private:
     bool IsLogRpc() const;
 
     Mutex m_hMutex;  ///< held for the whole of each SocketReceived
-    std::array<CRpcProg*, kProgramCount> m_pProgTable GUARDED_BY(m_hMutex){};
+    std::array<CRpcProg*, kProgramIdCount> m_pProgTable GUARDED_BY(m_hMutex){};
     Current m_Current GUARDED_BY(m_hMutex);
-    std::array<CReplyCache, kProgramCount> m_Replies GUARDED_BY(m_hMutex);  ///< of the programs' UDP ports
+    std::array<CReplyCache, kProgramIdCount> m_Replies GUARDED_BY(m_hMutex);  ///< of the programs' UDP ports
     CUtilities* m_pUtilities;
     /// Its ID, the client's address, and its IPC ID change under the mutex only.
     std::unique_ptr<CRuntimeParam> m_pRuntimeParam;
