@@ -2,13 +2,15 @@
 #include "SegmentMap.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
 #include <limits>
-#include <regex>
+#include <optional>
 #include <set>
 #include <sstream>
+#include <string_view>
 #include <system_error>
 
 namespace {
@@ -22,6 +24,33 @@ constexpr const char* kNoSource = "Null";
 
 bool IsDump(const std::string& sContent) {
     return sContent.starts_with(kSegmentStart) || sContent.starts_with("--> ");
+}
+
+/// What a segment's line ends with: ", fox=1, ox=2, len=3".
+struct LineNumbers {
+    std::size_t iStart;
+    std::array<std::string, 3> vsDigits;
+};
+
+/// Nothing where the line ends otherwise.
+std::optional<LineNumbers> FindNumbers(const std::string& sLine) {
+    constexpr std::size_t kMostDigits = 20;
+    constexpr std::array<std::string_view, 3> kLabels{", fox=", ", ox=", ", len="};
+    LineNumbers numbers{sLine.rfind(kLabels[0]), {}};
+    std::size_t iNext = numbers.iStart;
+    for (std::size_t i = 0; i < kLabels.size(); ++i) {
+        if (iNext == std::string::npos || sLine.compare(iNext, kLabels[i].size(), kLabels[i]) != 0) {
+            return std::nullopt;
+        }
+        iNext += kLabels[i].size();
+        const std::size_t nDigits = std::min(sLine.find_first_not_of("0123456789", iNext), sLine.size()) - iNext;
+        if (nDigits == 0 || nDigits > kMostDigits) {
+            return std::nullopt;
+        }
+        numbers.vsDigits[i] = sLine.substr(iNext, nDigits);
+        iNext += nDigits;
+    }
+    return iNext == sLine.size() ? std::optional(numbers) : std::nullopt;
 }
 
 std::int64_t ToNumber(const std::string& sDigits) {
@@ -123,7 +152,6 @@ void SegmentMap::ParseInfoFile(const std::string& sContent) {
 
 // A path may hold anything, line ends too: a segment's line ends where its three numbers stand.
 void SegmentMap::ParseInfoDump(const std::string& sContent) {
-    static const std::regex kNumbers(", fox=[0-9]{1,20}, ox=[0-9]{1,20}, len=[0-9]{1,20}$");
     std::istringstream lines(sContent);
     std::string sLine;
     std::string sOpen;
@@ -135,9 +163,7 @@ void SegmentMap::ParseInfoDump(const std::string& sContent) {
         if (!sOpen.starts_with(kSegmentStart) && !sOpen.starts_with(kMergedStart)) {
             throw MapError("no info dump: line " + std::to_string(iLine) + " is none of its lines");
         }
-        const std::size_t iNumbers = sLine.rfind(", fox=");
-        if (iNumbers != std::string::npos && std::regex_match(sLine.substr(iNumbers), kNumbers)) {
-            AddDumpLine(sOpen);
+        if (AddDumpLine(sOpen)) {
             sOpen.clear();
         }
     }
@@ -146,20 +172,21 @@ void SegmentMap::ParseInfoDump(const std::string& sContent) {
     }
 }
 
-void SegmentMap::AddDumpLine(const std::string& sLine) {
-    static const std::regex kNumbers(", fox=([0-9]+), ox=([0-9]+), len=([0-9]+)");
-    const std::size_t iNumbers = sLine.rfind(", fox=");
+bool SegmentMap::AddDumpLine(const std::string& sLine) {
+    const std::optional<LineNumbers> numbers = FindNumbers(sLine);
+    if (!numbers) {
+        return false;
+    }
     const std::size_t nStart =
         sLine.starts_with(kSegmentStart) ? std::strlen(kSegmentStart) : std::strlen(kMergedStart);
-    const std::string sNumbers = sLine.substr(iNumbers);
-    std::smatch found;
-    std::regex_match(sNumbers, found, kNumbers);
+    const auto& [sSourceOffset, sOffset, sLength] = numbers->vsDigits;
     try {
-        m_vSegments.push_back({GetSourceNumber(sLine.substr(nStart, iNumbers - nStart)), ToNumber(found[1]),
-                               ToNumber(found[2]), ToNumber(found[3])});
+        m_vSegments.push_back({GetSourceNumber(sLine.substr(nStart, numbers->iStart - nStart)), ToNumber(sSourceOffset),
+                               ToNumber(sOffset), ToNumber(sLength)});
     } catch (const std::out_of_range&) {
         throw MapError("no info dump: a number is too great: " + sLine);
     }
+    return true;
 }
 
 std::int64_t SegmentMap::GetSourceNumber(const std::string& sName) {

@@ -71,7 +71,8 @@ public:
 private:
     void ParseInfoFile(const std::string& sContent);
     void ParseInfoDump(const std::string& sContent);
-    void AddDumpLine(const std::string& sLine);
+    /// False for a line that does not end with its numbers: a path with a line end in it goes on.
+    bool AddDumpLine(const std::string& sLine);
     std::int64_t GetSourceNumber(const std::string& sName);
 
     Form m_Form = Form::kInfoFile;
