@@ -121,7 +121,8 @@ kernel_client() {
 lint() {
     need_packages "${BUILD_PACKAGES[@]}" "${TEST_PACKAGES[@]}" clang clang-format clang-tidy
     check_format
-    configure build-lint -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=Debug -DNFSLIB_TOOLS=ON -DNFSLIB_BENCH=ON
+    configure build-lint -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=Debug -DNFSLIB_TOOLS=ON -DNFSLIB_BENCH=ON \
+        -DCMAKE_DISABLE_PRECOMPILE_HEADERS=ON
     build build-lint
     echo "Thread-safety analysis: OK"
     sources | grep '\.cpp$' | xargs -P "$jobs" -n 1 clang-tidy -p build-lint --quiet 2>/dev/null
