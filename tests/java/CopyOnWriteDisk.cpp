@@ -1,14 +1,13 @@
 // The base through libnfs's C API, the changes in a map.
 #include "CopyOnWriteDisk.h"
 
-#include <fcntl.h>
+#include <algorithm>
+#include <stdexcept>
 
+#include <fcntl.h>
 #include <sys/time.h>
 
 #include <nfsc/libnfs.h>
-
-#include <algorithm>
-#include <stdexcept>
 
 namespace {
 

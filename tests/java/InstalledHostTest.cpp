@@ -1,9 +1,9 @@
 // What an installation gives to a host's developer: the class in a jar, the library under its name, examples that run.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <filesystem>
 #include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include "ChildProcess.h"
 #include "JavaHost.h"

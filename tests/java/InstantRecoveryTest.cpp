@@ -1,15 +1,15 @@
 // The instant-recovery host, run as its users run it, with a client that keeps its changes on its own side.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <signal.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <filesystem>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include "ChildProcess.h"
 #include "CopyOnWriteDisk.h"

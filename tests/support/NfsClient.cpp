@@ -113,8 +113,10 @@ void Sattr3::Write(XdrBuilder& builder) const {
 
 // ---- The client
 
-NfsClient::NfsClient(Transport transport, const std::string& sSourceAddress, int iNfsPort, int iMountPort)
-    : m_Mount(transport, iMountPort, sSourceAddress), m_Nfs(transport, iNfsPort, sSourceAddress) {}
+NfsClient::NfsClient(Transport transport, const std::string& sSourceAddress, int iNfsPort, int iMountPort,
+                     const std::string& sServerAddress)
+    : m_Mount(transport, iMountPort, sSourceAddress, sServerAddress),
+      m_Nfs(transport, iNfsPort, sSourceAddress, sServerAddress) {}
 
 std::optional<std::string> NfsClient::Mnt(const std::string& sExportName) {
     const RpcReply reply = m_Mount.Call(kMountProgram, 3, kMountMnt, XdrBuilder().Opaque(sExportName).Bytes());

@@ -75,7 +75,7 @@ struct Sattr3 {
 class NfsClient {
 public:
     explicit NfsClient(Transport transport = Transport::kTcp, const std::string& sSourceAddress = "127.0.0.1",
-                       int iNfsPort = 2049, int iMountPort = 1058);
+                       int iNfsPort = 2049, int iMountPort = 1058, const std::string& sServerAddress = "127.0.0.1");
 
     RpcClient& Nfs() { return m_Nfs; }
     RpcClient& Mount() { return m_Mount; }

@@ -1,0 +1,79 @@
+// Namespaces by unshare and nsenter, interfaces by ip.
+#include "ServerNode.h"
+
+#include <stdexcept>
+#include <vector>
+
+#include <signal.h>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+void RunOrThrow(const std::vector<std::string>& vsArguments) {
+    const RunResult result = RunProgram(vsArguments);
+    if (result.iStatus != 0) {
+        throw std::runtime_error(vsArguments[0] + ": " + result.sOutput);
+    }
+}
+
+}  // namespace
+
+ServerNode::ServerNode(int iNumber) : m_iNumber(iNumber) {
+    // "ready" comes out of the new network, so the interface has where to go.
+    m_pConsole = std::make_unique<ChildProcess>(
+        std::vector<std::string>{"unshare", "--net", "sh", "-c", "ip link set lo up && echo ready && exec \"$@\"", "sh",
+                                 ConsoleProcess::ProgramPath(), "-md", "int", "-id", "node" + std::to_string(iNumber)});
+    if (!m_pConsole->WaitFor("ready\n")) {
+        throw std::runtime_error("unshare: " + m_pConsole->Output());
+    }
+    const std::string sPid = std::to_string(m_pConsole->GetPid());
+    RunOrThrow({"ip", "link", "add", Interface(), "type", "veth", "peer", "name", "eth0", "netns", sPid});
+    RunOrThrow({"ip", "address", "add", Address(1) + "/24", "dev", Interface()});
+    RunOrThrow({"ip", "address", "add", Address(3) + "/24", "dev", Interface()});
+    RunOrThrow({"ip", "link", "set", Interface(), "up"});
+    const std::vector<std::string> vsInside = {"nsenter", "--net=/proc/" + sPid + "/ns/net", "ip"};
+    const auto runInside = [&vsInside](std::vector<std::string> vsArguments) {
+        vsArguments.insert(vsArguments.begin(), vsInside.begin(), vsInside.end());
+        RunOrThrow(vsArguments);
+    };
+    runInside({"address", "add", Address(2) + "/24", "dev", "eth0"});
+    runInside({"link", "set", "eth0", "up"});
+    m_pConsole->Send("debug\n");
+    EXPECT_NE(Type("start").find("Start NFS success"), std::string::npos) << m_pConsole->Output();
+}
+
+ServerNode::~ServerNode() {
+    // The kernel takes its time with a network that is left; the name is free at once this way.
+    RunProgram({"ip", "link", "delete", Interface()});
+}
+
+void ServerNode::Export(const std::string& sFolder, const std::string& sName) {
+    EXPECT_EQ(Type("mount " + sFolder + "=" + sName).find("Fail"), std::string::npos) << m_pConsole->Output();
+}
+
+void ServerNode::Withdraw(const std::string& sFolder) {
+    Type("umount " + sFolder);
+}
+
+void ServerNode::Fail() {
+    m_pConsole->Signal(SIGKILL);
+    EXPECT_EQ(m_pConsole->Wait(), 128 + SIGKILL);
+    RunProgram({"ip", "link", "delete", Interface()});
+}
+
+NfsClient ServerNode::ClientAt(int iHost) const {
+    return NfsClient(Transport::kTcp, Address(iHost), 2049, 1058, Address(2));
+}
+
+std::string ServerNode::Address(int iHost) const {
+    return "10.99." + std::to_string(m_iNumber) + "." + std::to_string(iHost);
+}
+
+std::string ServerNode::Type(const std::string& sLine) {
+    const std::size_t iBefore = m_pConsole->Output().size();
+    const std::string sMark = "line " + std::to_string(++m_nLines) + " carried out";
+    m_pConsole->Send(sLine + "\nprint " + sMark + "\n");
+    EXPECT_TRUE(m_pConsole->WaitFor(sMark)) << m_pConsole->Output();
+    return m_pConsole->Output().substr(iBefore);
+}
