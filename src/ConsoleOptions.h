@@ -23,20 +23,16 @@ inline constexpr const char* kModeInternal = "int";
 inline constexpr const char* kModeServer = "svr";
 inline constexpr const char* kModeClient = "cli";
 
-/// Access modes, numbered as CNfsMain::GetAccessMode reports them.
-inline constexpr int kAccessModeInternal = 0;
-inline constexpr int kAccessModeServer = 1;
-inline constexpr int kAccessModeClient = 2;
-
 /// The joined arguments, each followed by a line feed, are cut at this length.
 inline constexpr std::size_t kMaxCommandLine = 4095;
 /// The longest ID; it is part of a socket's path.
 inline constexpr std::size_t kMaxID = 254;
 
+/// What the command line asks for; what it leaves out, as it is settled then.
 struct ConsoleOptions {
     std::string sID = "cRun";
     int iLogControl = 0;
-    int iAccessMode = -1;
+    int iAccessMode = -1;  ///< one of AccessMode (ServerIdentity.h) once the command line is read
     std::string sLogFile;
     std::string sPidFile;
     std::string sTestPath;

@@ -6,19 +6,14 @@
 #include <memory>
 
 #include "ConsoleOptions.h"
+#include "ControllerFactory.h"
 #include "FileLogger.h"
-#include "NfsIpcClientMain.h"
-#include "NfsIpcServerMain.h"
 #include "NfsMain.h"
+#include "Reason.h"
+#include "ServerIdentity.h"
 #include "Utilities.h"
 
 namespace {
-
-/// Version and description texts of a controller.
-constexpr std::size_t kVersionBufferSize = 256;
-
-/// What a client says of a server that it cannot reach.
-constexpr const char* kUnknownVersion = "Unknown";
 
 /// Removes the pid file at the end of the scope.
 class PidFileGuard {
@@ -34,23 +29,14 @@ private:
 };
 
 /// The controller of an access mode; null for none. The programs that run a server allow others to end them.
-std::unique_ptr<CNfsMain> CreateController(const ConsoleOptions& options) {
-    std::unique_ptr<CNfsMain> pNfsMain;
-    switch (options.iAccessMode) {
-        case kAccessModeInternal:
-            pNfsMain = std::make_unique<CNfsMain>(options.sID.c_str(), options.iLogControl);
-            break;
-        case kAccessModeServer:
-            pNfsMain = std::make_unique<CNfsIpcServerMain>(options.sID.c_str(), options.iLogControl);
-            break;
-        case kAccessModeClient:
-            return std::make_unique<CNfsIpcClientMain>(options.sID.c_str(), options.iLogControl);
-        default:
-            return nullptr;
-    }
-    pNfsMain->EnableAutoShutdown(true);
-    if (options.bSync) {
-        pNfsMain->SetSyncWrites(true);
+std::unique_ptr<CNfsMain> MakeController(const ConsoleOptions& options) {
+    std::unique_ptr<CNfsMain> pNfsMain =
+        CreateController(options.iAccessMode, options.sID.c_str(), options.iLogControl);
+    if (pNfsMain && options.iAccessMode != kAccessModeClient) {
+        pNfsMain->EnableAutoShutdown(true);
+        if (options.bSync) {
+            pNfsMain->SetSyncWrites(true);
+        }
     }
     return pNfsMain;
 }
@@ -108,7 +94,7 @@ int CConsoleUtilities::RunController(const ConsoleOptions& options) {
         return 0;
     }
     LoggerPtr pLogger;  // outlives the controller that writes to it
-    const std::unique_ptr<CNfsMain> pNfsMain = CreateController(options);
+    const std::unique_ptr<CNfsMain> pNfsMain = MakeController(options);
     if (!pNfsMain) {
         std::printf("Un-supported access mode: %d\n", options.iAccessMode);
         return 1;
@@ -127,17 +113,17 @@ int CConsoleUtilities::RunController(const ConsoleOptions& options) {
 }
 
 int CConsoleUtilities::DriveController(const ConsoleOptions& options, CNfsMain* pNfsMain, char* pcStatus) {
-    char vcVersion[kVersionBufferSize] = "";
-    char vcDescription[kVersionBufferSize] = "";
+    char vcVersion[kIdentityBufferSize] = "";
+    char vcDescription[kIdentityBufferSize] = "";
     pNfsMain->GetVersion(vcVersion);
     pNfsMain->GetDescription(vcDescription);
     PrintBanner(vcVersion, vcDescription);
-    if (std::strcmp(vcVersion, kUnknownVersion) == 0) {
+    if (std::strcmp(vcVersion, kUnknownServer) == 0) {
         if (options.bQueryMode) {
             PrintNotAccessible();
             return 0;
         }
-        std::snprintf(pcStatus, kReasonBufferSize, "Fail to get server version");
+        WriteReason(pcStatus, "Fail to get server version");
         return 1;
     }
     if (!pNfsMain->Initial(pcStatus)) {

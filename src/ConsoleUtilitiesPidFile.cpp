@@ -6,7 +6,6 @@
 
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
 #include <limits>
 #include <string>
@@ -17,6 +16,7 @@
 #include <unistd.h>
 
 #include "Descriptor.h"
+#include "Reason.h"
 #include "Utilities.h"
 
 namespace {
@@ -98,7 +98,7 @@ bool PidFile::IsStillNamed(int iFile) const {
 }
 
 bool PidFile::Fail(const char* pcReason) {
-    std::snprintf(m_pcStatus, kReasonBufferSize, "%s", pcReason);
+    WriteReason(m_pcStatus, "%s", pcReason);
     return false;
 }
 
@@ -111,7 +111,7 @@ bool PidFile::IsHeldByLivingProcess(const std::string& sText) {
     if (::kill(static_cast<pid_t>(iPid), 0) != 0 && errno != EPERM) {
         return false;
     }
-    std::snprintf(m_pcStatus, kReasonBufferSize, "Process ID \"%d\" is still running", static_cast<int>(iPid));
+    WriteReason(m_pcStatus, "Process ID \"%d\" is still running", static_cast<int>(iPid));
     return true;
 }
 
@@ -213,7 +213,7 @@ bool CConsoleUtilities::CreatePidFile(const char* pcPath, int iLogControl, char*
             return false;
         }
     }
-    std::snprintf(pcStatus, kReasonBufferSize, "Others keep changing the file");
+    WriteReason(pcStatus, "Others keep changing the file");
     pidFile.LogFailure();
     return false;
 }

@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "NfsMain.h"
+#include "ServerIdentity.h"
 
 namespace {
 
@@ -25,7 +26,7 @@ void PrintList(const char* pcTitle, List list) {
 
 void CConsoleUtilities::PrintBanner(const char* pcVersion, const char* pcDescription) {
     std::printf("%s\n", kRule);
-    std::printf("%s %s\n", "Execute Version:", CNfsMain::kVersion);
+    std::printf("%s %s\n", "Execute Version:", kServerVersion);
     std::printf("%s %s\n", "Server Version:", pcVersion);
     std::printf("%s %s\n", "Server Description:", pcDescription);
     std::printf("%s\n", kRule);

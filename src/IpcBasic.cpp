@@ -4,6 +4,7 @@
 #include <cstdarg>
 #include <cstdio>
 
+#include "ServerIdentity.h"
 #include "Texts.h"
 #include "Utilities.h"
 
@@ -13,7 +14,7 @@ void InitialData(IpcDataBuf* pData, int iGroup, int iType) {
     Ipc_Header header{};
     header.iGroup = iGroup;
     header.iType = GetKnownIpcType(iGroup, iType);
-    CopyText(header.cVersion, kIpcVersion);
+    CopyText(header.cVersion, kServerVersion);
     std::memcpy(pData->cBuf, &header, sizeof(header));
     pData->lDataLen = static_cast<std::int64_t>(GetIpcRecordLength(iGroup, iType));
 }

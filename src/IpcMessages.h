@@ -11,9 +11,6 @@
 /// Room for one record; the longest is 3352 bytes.
 inline constexpr std::size_t kIpcDataBufSize = 4096;
 
-/// The version every record carries.
-inline constexpr char kIpcVersion[] = "1.4";
-
 /// Text fields, terminator included.
 inline constexpr std::size_t kIpcNameSize = 256;        ///< IDs, export names, users
 inline constexpr std::size_t kIpcPathSize = 1024;       ///< paths, shell commands

@@ -4,21 +4,9 @@
 #include <cstring>
 
 #include "IpcClient.h"
+#include "ServerIdentity.h"
 #include "Texts.h"
 #include "Utilities.h"
-
-namespace {
-
-/// The buffers of GetVersion and GetDescription.
-constexpr std::size_t kTextBufferSize = 256;
-
-/// What GetVersion and GetDescription say when no server answers.
-constexpr char kUnknown[] = "Unknown";
-
-constexpr int kStatusReachable = 1;
-constexpr int kStatusRunning = 2;
-
-}  // namespace
 
 // ---- Construction
 
@@ -46,7 +34,7 @@ bool CNfsIpcClientMain::InitialNetwork(char* /*pcStatus*/) {
 void CNfsIpcClientMain::TerminateNetwork() {}
 
 int CNfsIpcClientMain::GetAccessMode() {
-    return 2;
+    return kAccessModeClient;
 }
 
 void CNfsIpcClientMain::GetIpcServerThreadChannel(char* pcChannel) {
@@ -95,7 +83,7 @@ void CNfsIpcClientMain::SendForText(int iType, char* pcText) {
     CIpcClient client(m_pUtilities.get(), m_pRuntimeParam.get());
     client.SetRequest(iType);
     const char* pcReply = client.SendRequest(m_cIpcChannel) ? client.GetMsgReply() : nullptr;
-    CopyText(pcText, kTextBufferSize, pcReply != nullptr ? pcReply : kUnknown);
+    CopyText(pcText, kIdentityBufferSize, pcReply != nullptr ? pcReply : kUnknownServer);
 }
 
 // ---- The server
@@ -142,7 +130,7 @@ bool CNfsIpcClientMain::RequestAutoShutdown() {
 }
 
 int CNfsIpcClientMain::GetServerStatus() {
-    char cVersion[kTextBufferSize];
+    char cVersion[kIdentityBufferSize];
     GetVersion(cVersion);
     if (IsNotConnectable(cVersion)) {
         return 0;
@@ -170,9 +158,9 @@ bool CNfsIpcClientMain::SetDebugActionEnabled(bool bEnabled) {
 
 bool CNfsIpcClientMain::IsNotConnectable(const char* pcVersion) {
     if (pcVersion != nullptr) {
-        return std::strcmp(pcVersion, kUnknown) == 0;
+        return std::strcmp(pcVersion, kUnknownServer) == 0;
     }
-    char cVersion[kTextBufferSize];
+    char cVersion[kIdentityBufferSize];
     GetVersion(cVersion);
     return IsNotConnectable(cVersion);
 }
@@ -181,7 +169,7 @@ bool CNfsIpcClientMain::IsNotSupportGetServerStatus(const char* pcVersion) {
     if (pcVersion != nullptr) {
         return IsNotConnectable(pcVersion) || std::strcmp(pcVersion, "1.0") == 0;
     }
-    char cVersion[kTextBufferSize];
+    char cVersion[kIdentityBufferSize];
     GetVersion(cVersion);
     return IsNotSupportGetServerStatus(cVersion);
 }
@@ -190,7 +178,7 @@ bool CNfsIpcClientMain::IsNotSupportSetVSphereInfo(const char* pcVersion) {
     if (pcVersion != nullptr) {
         return IsNotSupportGetServerStatus(pcVersion) || std::strcmp(pcVersion, "1.1") == 0;
     }
-    char cVersion[kTextBufferSize];
+    char cVersion[kIdentityBufferSize];
     GetVersion(cVersion);
     return IsNotSupportSetVSphereInfo(cVersion);
 }
@@ -199,7 +187,7 @@ bool CNfsIpcClientMain::IsNotSupportNetDeviceAccess(const char* pcVersion) {
     if (pcVersion != nullptr) {
         return IsNotSupportSetVSphereInfo(pcVersion) || std::strcmp(pcVersion, "1.2") == 0;
     }
-    char cVersion[kTextBufferSize];
+    char cVersion[kIdentityBufferSize];
     GetVersion(cVersion);
     return IsNotSupportNetDeviceAccess(cVersion);
 }

@@ -27,7 +27,7 @@ public:
     /// Stays local: a client cannot stop the server.
     void StopServer() override;
     int GetAccessMode() override;
-    /// "Unknown" when no server answers. The buffers hold 256 characters.
+    /// "Unknown" when no server answers. The buffers hold kIdentityBufferSize characters.
     void GetVersion(char* pcVersion) override;
     void GetDescription(char* pcDescription) override;
     bool IsServerRunning() override;

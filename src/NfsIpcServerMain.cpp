@@ -8,13 +8,11 @@
 #include "IpcClient.h"
 #include "IpcServerThread.h"
 #include "Reason.h"
+#include "ServerIdentity.h"
 #include "Texts.h"
 #include "UtilitiesIpcServer.h"
 
 namespace {
-
-/// The buffer of GetDescription.
-constexpr std::size_t kTextBufferSize = 256;
 
 /// Who does not answer the probe by then hangs, but holds the channel all the same.
 constexpr std::chrono::seconds kProbeTimeout{30};
@@ -102,11 +100,11 @@ void CNfsIpcServerMain::CloseIpcServerThread() {
 }
 
 int CNfsIpcServerMain::GetAccessMode() {
-    return 1;
+    return kAccessModeServer;
 }
 
 void CNfsIpcServerMain::GetDescription(char* pcDescription) {
-    CopyText(pcDescription, kTextBufferSize, "External NFS Server");
+    CopyText(pcDescription, kIdentityBufferSize, "External NFS Server");
 }
 
 void CNfsIpcServerMain::GetIpcServerThreadChannel(char* pcChannel) {

@@ -6,12 +6,13 @@
 #include "HostCall.h"
 #include "JniText.h"
 #include "NfsMain.h"
+#include "ServerIdentity.h"
 
 namespace {
 
-/// A text that the controller writes into a buffer. The longest is what a remote server's reply holds.
+/// A text that the controller says of itself.
 jstring AskForText(JNIEnv* pEnv, jobject jObj, jlong iHandle, const char* pcNone, void (CNfsMain::*pGet)(char*)) {
-    std::array<char, kReasonBufferSize> vcText{};
+    std::array<char, kIdentityBufferSize> vcText{};
     RunHostCall(pEnv, jObj, iHandle, [&](CHostCall&, CNfsMain& main) {
         (main.*pGet)(vcText.data());
         pcNone = nullptr;

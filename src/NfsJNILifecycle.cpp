@@ -9,30 +9,22 @@
 #include <utility>
 
 #include "Callback.h"
+#include "ControllerFactory.h"
 #include "HostCall.h"
 #include "HostController.h"
 #include "JniText.h"
 #include "JniThread.h"
 #include "Limits.h"
-#include "NfsIpcClientMain.h"
-#include "NfsIpcServerMain.h"
 #include "NfsMain.h"
 #include "Reason.h"
+#include "ServerIdentity.h"
 
 namespace {
 
-/// As the host numbers them; any other number means the internal server.
-enum AccessMode : jint { kExternalServer = 1, kClient = 2 };
-
-std::unique_ptr<CNfsMain> CreateController(const char* pcLogID, jint iAccessMode, jint iLogControl) {
-    switch (iAccessMode) {
-        case kExternalServer:
-            return std::make_unique<CNfsIpcServerMain>(pcLogID, iLogControl);
-        case kClient:
-            return std::make_unique<CNfsIpcClientMain>(pcLogID, iLogControl);
-        default:
-            return std::make_unique<CNfsMain>(pcLogID, iLogControl);
-    }
+/// The controller that a host asks for; a number that is no access mode means the internal server.
+std::unique_ptr<CNfsMain> MakeController(const char* pcLogID, jint iAccessMode, jint iLogControl) {
+    std::unique_ptr<CNfsMain> pMain = CreateController(iAccessMode, pcLogID, iLogControl);
+    return pMain ? std::move(pMain) : CreateController(kAccessModeInternal, pcLogID, iLogControl);
 }
 
 /// Set while this thread starts or stops a server: a log line may call the host, and the host call back.
@@ -73,7 +65,7 @@ void StopNowOrAside(CHostCall& call, void (CNfsMain::*pStop)()) {
 jlong NFSLIB_NATIVE(initial)(JNIEnv* pEnv, jobject jObj, jstring jLogID, jint iAccessMode, jint iLogControl) {
     try {
         const CJniText logID(pEnv, jLogID);
-        std::unique_ptr<CNfsMain> pMain = CreateController(logID.Get(), iAccessMode, iLogControl);
+        std::unique_ptr<CNfsMain> pMain = MakeController(logID.Get(), iAccessMode, iLogControl);
         std::array<char, kReasonBufferSize> vcReason{};
         if (!pMain->Initial(vcReason.data())) {
             CCallback(pEnv, jObj).ThrowIOException(vcReason.data());

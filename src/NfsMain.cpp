@@ -16,19 +16,12 @@
 #include "Reason.h"
 #include "RpcServer.h"
 #include "RuntimeParam.h"
+#include "ServerIdentity.h"
 #include "ServerSocket.h"
 #include "Texts.h"
 #include "Utilities.h"
 
 namespace {
-
-/// The buffers of GetVersion and GetDescription.
-constexpr std::size_t kTextBufferSize = 256;
-
-/// Bits of GetServerStatus.
-constexpr int kStatusReachable = 1;
-constexpr int kStatusRunning = 2;
-constexpr int kStatusDebugAction = 4;
 
 /// The variable by which a host, which has no command line, asks for synchronous writes: "1"; all else means no.
 constexpr const char* kSyncVariable = "NFSLIB_SYNC";
@@ -127,15 +120,15 @@ void CNfsMain::LogLifecycle(const char* pcFormat, ...) {
 // ---- What the controller is
 
 int CNfsMain::GetAccessMode() {
-    return 0;
+    return kAccessModeInternal;
 }
 
 void CNfsMain::GetVersion(char* pcVersion) {
-    CopyText(pcVersion, kTextBufferSize, kVersion);
+    CopyText(pcVersion, kIdentityBufferSize, kServerVersion);
 }
 
 void CNfsMain::GetDescription(char* pcDescription) {
-    CopyText(pcDescription, kTextBufferSize, "Internal NFS Server");
+    CopyText(pcDescription, kIdentityBufferSize, "Internal NFS Server");
 }
 
 bool CNfsMain::IsServerRunning() {

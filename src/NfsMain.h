@@ -42,9 +42,6 @@ public:
     static constexpr int kMaxNfsConnections = 10;
     static constexpr int kMaxMountConnections = 3;
 
-    /// The version of the server and of the remote-control protocol.
-    static constexpr const char* kVersion = "1.4";
-
     /// The ID stands in every log line of this controller; the log control is a bit set of CRuntimeParam::LogBit.
     CNfsMain(const char* pcLogID, int iLogControl);
     CNfsMain(const CNfsMain&) = delete;
@@ -78,9 +75,9 @@ public:
 
     // ---- What the controller is
 
-    /// 0 internal server, 1 external server, 2 client.
+    /// One of AccessMode (ServerIdentity.h).
     virtual int GetAccessMode();
-    /// The text buffers hold 256 characters.
+    /// The text buffers hold kIdentityBufferSize characters.
     virtual void GetVersion(char* pcVersion);
     virtual void GetDescription(char* pcDescription);
     virtual bool IsServerRunning();
@@ -118,7 +115,7 @@ public:
     virtual void EnableAutoShutdown(bool bEnable);
     /// False while it is not enabled.
     virtual bool RequestAutoShutdown();
-    /// Bit 1 always, bit 2 while the server runs, bit 4 while debug actions are enabled.
+    /// Bits of ServerStatus: reachable always, running, debug action while debug actions are enabled.
     virtual int GetServerStatus();
     virtual bool SetDebugActionEnabled(bool bEnabled);
 
