@@ -69,8 +69,8 @@ TEST_F(InstalledHostTest, InstalledExampleRunsWithTheInstalledLibrary) {
     Install(m_Folder / "place");
     ChildOptions options;
     options.bClosedInput = true;
-    const RunResult result =
-        RunProgram({m_Folder / "place/share/doc/nfslib/examples/instant-recovery/run.sh"}, options);
+    const RunResult result = RunProgram({m_Folder / "place/share/doc/nfslib/examples/instant-recovery/run.sh"}, options,
+                                        2 * ChildProcess::kLimit);
     EXPECT_EQ(result.iStatus, 0) << result.sOutput;
     EXPECT_THAT(result.sOutput, HasSubstr("Original: equal, byte for byte\n"));
 }

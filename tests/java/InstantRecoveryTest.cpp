@@ -26,6 +26,8 @@ using testing::Not;
 constexpr std::uint32_t kNfs3Ok = 0;
 constexpr std::uint32_t kNfs3ErrIo = 5;
 constexpr std::uint32_t kNfs3ErrInval = 22;
+/// A compiler and two virtual machines run before the host is ready, perhaps beside many other tests.
+constexpr auto kStart = 2 * ChildProcess::kLimit;
 constexpr const char* kDisk = "disk.img";
 
 /// Administrators' tools, which an ordinary user's PATH lacks.
@@ -85,7 +87,7 @@ protected:
 // layer over the lent disk.
 TEST_F(InstantRecoveryTest, ClientChangesTheDiskInALayerOfItsOwnAndTheImageIsWrittenOutWhole) {
     ChildProcess host(Command(), m_Options);
-    ASSERT_TRUE(host.WaitFor("Ready: 4194304 bytes in ")) << host.Output();
+    ASSERT_TRUE(host.WaitFor("Ready: 4194304 bytes in ", kStart)) << host.Output();
     const std::string sOriginal = ReadWholeFile(m_sImage);
     {
         CopyOnWriteDisk disk("recovery", std::string("/") + kDisk);
@@ -124,7 +126,7 @@ TEST_F(InstantRecoveryTest, ClientChangesTheDiskInALayerOfItsOwnAndTheImageIsWri
 
 TEST_F(InstantRecoveryTest, ChangesOfTheDiskItselfAreRecordedAndGrantedOrRefusedByTheRules) {
     ChildProcess host(Command(), m_Options);
-    ASSERT_TRUE(host.WaitFor("Ready: ")) << host.Output();
+    ASSERT_TRUE(host.WaitFor("Ready: ", kStart)) << host.Output();
     const std::string sLent = m_sWork + "/lent/";
     {
         NfsClient client;
@@ -172,7 +174,7 @@ TEST_F(InstantRecoveryTest, ChangesOfTheDiskItselfAreRecordedAndGrantedOrRefused
 
 TEST_F(InstantRecoveryTest, ImageWithAWrongByteInItsPiecesIsNotCalledWhole) {
     ChildProcess host(Command(), m_Options);
-    ASSERT_TRUE(host.WaitFor("Ready: ")) << host.Output();
+    ASSERT_TRUE(host.WaitFor("Ready: ", kStart)) << host.Output();
     // The last bytes of one stored file become others under the host's hands.
     const std::string sStored = m_sWork + "/backup/stored-1";
     std::string sBytes = ReadWholeFile(sStored);
@@ -187,7 +189,7 @@ TEST_F(InstantRecoveryTest, ImageWithAWrongByteInItsPiecesIsNotCalledWhole) {
 TEST_F(InstantRecoveryTest, LineThatIsNoRuleIsNamed) {
     WriteWholeFile(m_Folder / "rules", "# none\ngrant write 0 1024\ngrant everything\n");
     m_Options.vEnvironment.emplace_back("RULES", m_Folder / "rules");
-    const RunResult result = RunProgram(Command(), m_Options);
+    const RunResult result = RunProgram(Command(), m_Options, kStart);
     EXPECT_EQ(result.iStatus, 1);
     EXPECT_THAT(result.sOutput, HasSubstr("/rules, line 3: not a rule: grant everything\n"));
 }
@@ -197,7 +199,7 @@ TEST_F(InstantRecoveryTest, ExamplesLeaveNothingBehindAtCtrlC) {
     std::erase_if(m_Options.vEnvironment, [](const auto& variable) { return variable.first == "WORK"; });
     for (const char* pcExample : {"instant-recovery", "java-host"}) {
         ChildProcess host({SourceTree() + "/examples/" + pcExample + "/run.sh"}, m_Options);
-        ASSERT_TRUE(host.WaitFor("Ready: ")) << host.Output();
+        ASSERT_TRUE(host.WaitFor("Ready: ", kStart)) << host.Output();
         EXPECT_FALSE(std::filesystem::is_empty(m_Folder / "tmp")) << pcExample << " works there";
         host.Signal(SIGINT);
         EXPECT_EQ(host.Wait(), 130) << host.Output();

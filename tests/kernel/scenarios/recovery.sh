@@ -34,10 +34,10 @@ make_disk() {
     expect "a disk is made" [ $? -eq 0 ]
 }
 
-# told LINE: waits until the host has printed it, for at most half a minute.
+# told LINE: waits until the host has printed it, for at most a minute.
 told() {
     local i
-    for ((i = 0; i < 300; ++i)); do
+    for ((i = 0; i < 600; ++i)); do
         ! grep -q "^$1" "$recovery/host.log" || return 0
         sleep 0.1
     done
