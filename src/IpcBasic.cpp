@@ -2,11 +2,9 @@
 #include "IpcBasic.h"
 
 #include <cstdarg>
-#include <cstdio>
 
 #include "ServerIdentity.h"
 #include "Texts.h"
-#include "Utilities.h"
 
 namespace {
 
@@ -21,7 +19,7 @@ void InitialData(IpcDataBuf* pData, int iGroup, int iType) {
 
 }  // namespace
 
-CIpcBasic::CIpcBasic(CUtilities* pUtilities, CRuntimeParam* pRuntimeParam)
+CIpcBasic::CIpcBasic(CLog* pUtilities, CRuntimeParam* pRuntimeParam)
     : m_pUtilities(pUtilities), m_pRuntimeParam(pRuntimeParam) {}
 
 void CIpcBasic::InitialRequestData(IpcDataBuf* pData, int iType) {
@@ -41,24 +39,24 @@ void CIpcBasic::PrintData(const LogArgu* pLogArgu, const IpcDataBuf* pData) {
         return;
     }
     const auto header = GetIpcRecord<Ipc_Header>(*pData);
-    const std::string sVersion = GetIpcText(header.cVersion);
+    CopyText(cLogBuf, header.cVersion);  // a received one may lack its end
     const auto lDataLen = static_cast<unsigned long>(pData->lDataLen);
     switch (header.iGroup) {
         case kIpcGroupRequest:
             LogInfoFormat("[%s] Request action group (type = %d, ver = %s, dataLen = %lu)", pLogArgu->pcName,
-                          header.iType, sVersion.c_str(), lDataLen);
+                          header.iType, cLogBuf, lDataLen);
             break;
         case kIpcGroupReply:
             LogInfoFormat("[%s] Reply action group (type = %d, ver = %s, dataLen = %lu)", pLogArgu->pcName,
-                          header.iType, sVersion.c_str(), lDataLen);
+                          header.iType, cLogBuf, lDataLen);
             break;
         case kIpcGroupCallback:
             LogInfoFormat("[%s] Callback action group (type = %d, ver = %s, dataLen = %lu)", pLogArgu->pcName,
-                          header.iType, sVersion.c_str(), lDataLen);
+                          header.iType, cLogBuf, lDataLen);
             break;
         default:
             LogInfoFormat("[%s] Unknown action group: %d (type = %d, ver = %s, dataLen = %lu)", pLogArgu->pcName,
-                          header.iGroup, header.iType, sVersion.c_str(), lDataLen);
+                          header.iGroup, header.iType, cLogBuf, lDataLen);
             break;
     }
 }
@@ -74,27 +72,13 @@ void CIpcBasic::LogError(const char* pcMessage) {
 void CIpcBasic::LogInfoFormat(const char* pcFormat, ...) {
     va_list arguments;
     va_start(arguments, pcFormat);
-    std::vsnprintf(cLogBuf, sizeof(cLogBuf), pcFormat, arguments);
+    m_pUtilities->LogInfoList(m_pRuntimeParam, pcFormat, arguments);
     va_end(arguments);
-    LogInfo(cLogBuf);
 }
 
 void CIpcBasic::LogErrorFormat(const char* pcFormat, ...) {
     va_list arguments;
     va_start(arguments, pcFormat);
-    std::vsnprintf(cLogBuf, sizeof(cLogBuf), pcFormat, arguments);
+    m_pUtilities->LogErrorList(m_pRuntimeParam, pcFormat, arguments);
     va_end(arguments);
-    LogError(cLogBuf);
-}
-
-void CIpcBasic::LogState(const LogArgu& logArgu, const char* pcStep) {
-    if (m_pRuntimeParam->IsLogIpcState()) {
-        LogInfoFormat("[%s] %s", logArgu.pcName, pcStep);
-    }
-}
-
-void CIpcBasic::LogFailure(const LogArgu& logArgu, const char* pcReason) {
-    if (m_pRuntimeParam->IsLogError()) {
-        LogErrorFormat("[%s] %s", logArgu.pcName, pcReason);
-    }
 }

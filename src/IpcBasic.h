@@ -1,15 +1,12 @@
-// CIpcBasic: what both ends of the remote control share: building records and telling about them.
+// CIpcBasic: what both ends of the remote control share: building records and logging them.
 #pragma once
 
 #include <cstring>
-#include <string>
 
 #include "IpcMessages.h"
 #include "IpcText.h"
-#include "Limits.h"
+#include "Log.h"
 #include "RuntimeParam.h"
-
-class CUtilities;
 
 /// A record with every byte zero, padding included; the header is written when it goes into a buffer.
 template <typename Record>
@@ -37,12 +34,14 @@ void SetIpcBody(IpcDataBuf* pData, const Record& record) {
                 sizeof(record) - sizeof(Ipc_Header));
 }
 
-/// Base of CIpcClient and CIpcServer. Logs through a CUtilities under a runtime parameter, neither owned.
+/// Base of CIpcClient and CIpcServer: writes the headers of records, and logs records and what happens to them.
 ///
-/// One thread uses an object at a time, unless a derived class says otherwise.
+/// Owns neither the log nor the runtime parameter under which it logs; both outlive it. It keeps nothing between calls:
+/// the records are the derived classes'. Any thread may call the static operations and those that log a text; PrintData
+/// is for the thread that the record belongs to.
 class CIpcBasic {
 public:
-    CIpcBasic(CUtilities* pUtilities, CRuntimeParam* pRuntimeParam);
+    CIpcBasic(CLog* pUtilities, CRuntimeParam* pRuntimeParam);
     virtual ~CIpcBasic() = default;
     CIpcBasic(const CIpcBasic&) = delete;
     CIpcBasic& operator=(const CIpcBasic&) = delete;
@@ -63,14 +62,12 @@ public:
     void LogErrorFormat(const char* pcFormat, ...) __attribute__((format(printf, 2, 3)));
 
 protected:
-    /// "[%s] %s" of tag and step, when the state of connections is logged.
-    void LogState(const LogArgu& logArgu, const char* pcStep);
-    /// "[%s] %s" of tag and reason, when errors are logged.
-    void LogFailure(const LogArgu& logArgu, const char* pcReason);
+    /// What the steps of an operation log with, under its tag.
+    LogContext GetLog(const LogArgu* pLogArgu) const { return {m_pUtilities, m_pRuntimeParam, pLogArgu}; }
 
-    CUtilities* m_pUtilities;
+    CLog* m_pUtilities;
     CRuntimeParam* m_pRuntimeParam;
 
 private:
-    char cLogBuf[kMessageBufferSize] = {};  ///< where log lines are formatted
+    char cLogBuf[sizeof(Ipc_Header::cVersion) + 1] = {};  ///< the version that PrintData prints, with an end of its own
 };

@@ -5,12 +5,19 @@
 
 #include "Limits.h"
 #include "Reason.h"
-#include "Texts.h"
 
-CIpcClient::CIpcClient(CUtilities* pUtilities, CRuntimeParam* pRuntimeParam) : CIpcBasic(pUtilities, pRuntimeParam) {}
+namespace {
+
+/// The tag of everything that a client logs.
+constexpr LogArgu kLogArgu{"IpcClient.SendRequest"};
+
+}  // namespace
+
+CIpcClient::CIpcClient(CLog* pUtilities, CRuntimeParam* pRuntimeParam) : CIpcBasic(pUtilities, pRuntimeParam) {}
+
+// ---- Sending
 
 bool CIpcClient::SendRequest(const char* pcChannel, char* pcReason) {
-    LogArgu logArgu{"IpcClient.SendRequest"};
     if (pcChannel == nullptr) {
         WriteReason(pcReason, "Channel is not defined");
         return false;
@@ -20,72 +27,71 @@ bool CIpcClient::SendRequest(const char* pcChannel, char* pcReason) {
         WriteReason(pcReason, "%s", pcTooLong);
         return false;
     }
-    if (m_pRuntimeParam->IsLogIpcState()) {
-        LogInfoFormat("[%s] Open channel: %s", logArgu.pcName, pcChannel);
-    }
-    PrintData(&logArgu, &m_IpcDataInst.request);
-    if (!Exchange(logArgu, pcChannel, pcReason)) {
+    const LogContext log = GetLog(&kLogArgu);
+    NFS_LOG_INFO(log, kLogIpcState, "[%s] Open channel: %s", pcChannel);
+    PrintData(&kLogArgu, &m_IpcDataInst.request);
+    if (!Exchange(log, pcChannel, pcReason)) {
         return false;
     }
-    PrintData(&logArgu, &m_IpcDataInst.reply);
+    PrintData(&kLogArgu, &m_IpcDataInst.reply);
     return true;
 }
 
 bool CIpcClient::SendRequest(const char* pcChannel) {
-    return SendRequestLogged(pcChannel, nullptr);
+    char vcReason[kReasonBufferSize] = "";
+    return SendRequestLogged(pcChannel, vcReason);
 }
 
 bool CIpcClient::SendRequestLogged(const char* pcChannel, char* pcReason) {
-    char vcReason[kReasonBufferSize] = "";
-    if (SendRequest(pcChannel, vcReason)) {
+    if (SendRequest(pcChannel, pcReason)) {
         return true;
     }
-    CopyText(pcReason, kReasonBufferSize, vcReason);
-    LogFailure({"IpcClient.SendRequest"}, vcReason);
+    NFS_LOG_ERROR(GetLog(&kLogArgu), "[%s] %s", pcReason);
     return false;
 }
 
-bool CIpcClient::Exchange(const LogArgu& logArgu, const char* pcChannel, char* pcReason) {
+bool CIpcClient::Exchange(const LogContext& log, const char* pcChannel, char* pcReason) {
     CIpcSocket::Deadline deadline;
     if (m_Timeout) {
         deadline = CIpcSocket::Clock::now() + *m_Timeout;
     }
     CIpcSocket socket;
-    LogState(logArgu, "Open ipc client socket");
+    NFS_LOG_INFO(log, kLogIpcState, "[%s] Open ipc client socket");
     m_iError = socket.Create();
     if (m_iError != 0) {
         WriteReason(pcReason, "Fail to open ipc client socket. %s", CSystemErrorText(m_iError).Get());
         return false;
     }
-    LogState(logArgu, "Connect ipc client socket");
+    NFS_LOG_INFO(log, kLogIpcState, "[%s] Connect ipc client socket");
     m_iError = socket.Connect(pcChannel, deadline);
     if (m_iError != 0) {
         WriteReason(pcReason, "Fail to connect ipc client socket. %s", CSystemErrorText(m_iError).Get());
         return false;
     }
-    const bool bDone = SendAll(logArgu, &socket, pcReason) && ReadReply(logArgu, &socket, deadline, pcReason);
+    const bool bDone = SendAll(log, &socket, pcReason) && ReadReply(log, &socket, deadline, pcReason);
     socket.Shutdown();
     return bDone;
 }
 
-bool CIpcClient::SendAll(const LogArgu& logArgu, CIpcSocket* pSocket, char* pcReason) {
-    LogState(logArgu, "Send ipc client request");
+bool CIpcClient::SendAll(const LogContext& log, CIpcSocket* pSocket, char* pcReason) {
+    NFS_LOG_INFO(log, kLogIpcState, "[%s] Send ipc client request");
     long iSent = 0;
     m_iError = pSocket->Send(m_IpcDataInst.request, &iSent);
     if (m_iError != 0) {
         WriteReason(pcReason, "Fail to send ipc client request. %s", CSystemErrorText(m_iError).Get());
         return false;
     }
-    if (iSent != m_IpcDataInst.request.lDataLen && m_pRuntimeParam->IsLogError()) {
-        LogErrorFormat("[%s] Fail to send complete ipc client request. (Send = %d, Target = %ld)", logArgu.pcName,
-                       static_cast<int>(iSent), static_cast<long>(m_IpcDataInst.request.lDataLen));
+    // A short write is told, and no failure: the server takes what came for the message.
+    if (iSent != m_IpcDataInst.request.lDataLen) {
+        NFS_LOG_ERROR(log, "[%s] Fail to send complete ipc client request. (Send = %d, Target = %ld)",
+                      static_cast<int>(iSent), static_cast<long>(m_IpcDataInst.request.lDataLen));
     }
     return true;
 }
 
-bool CIpcClient::ReadReply(const LogArgu& logArgu, CIpcSocket* pSocket, const CIpcSocket::Deadline& deadline,
+bool CIpcClient::ReadReply(const LogContext& log, CIpcSocket* pSocket, const CIpcSocket::Deadline& deadline,
                            char* pcReason) {
-    LogState(logArgu, "Read ipc server reply");
+    NFS_LOG_INFO(log, kLogIpcState, "[%s] Read ipc server reply");
     IpcDataBuf& reply = m_IpcDataInst.reply;
     m_iError = pSocket->Receive(&reply, -1, deadline);
     if (m_iError == 0 && reply.lDataLen == 0) {
@@ -99,6 +105,8 @@ bool CIpcClient::ReadReply(const LogArgu& logArgu, CIpcSocket* pSocket, const CI
     reply.cBuf[sizeof(IpcReply_Message) - 1] = '\0';
     return true;
 }
+
+// ---- The reply
 
 bool CIpcClient::GetBoolReply() const {
     return IsReply(kIpcReplyBool) && GetIpcRecord<IpcReply_Bool>(m_IpcDataInst.reply).bVal != 0;

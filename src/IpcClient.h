@@ -7,11 +7,15 @@
 #include "IpcBasic.h"
 #include "IpcSocket.h"
 
-/// Made anew for each message, with a zeroed request and reply: fill the request, send it, read the reply. The
-/// accessors of the reply answer with a failure value when no reply, or another kind of reply, came.
+/// One exchange, from its making to its end: fill the request, send it, read the reply. Each exchange has a client of
+/// its own, whose request and reply are all zero at first, and a connection of its own, open while it is sent.
+///
+/// Owns both records; the channel, the log and the runtime parameter are the caller's. One thread uses it. Whatever
+/// became of the sending, the accessors of the reply may be asked: they give a failure value when no reply, or another
+/// kind of reply, came.
 class CIpcClient : public CIpcBasic {
 public:
-    CIpcClient(CUtilities* pUtilities, CRuntimeParam* pRuntimeParam);
+    CIpcClient(CLog* pUtilities, CRuntimeParam* pRuntimeParam);
 
     /// A limit for all of connecting, sending and waiting for the reply. Without one the client waits as long as the
     /// peer lives.
@@ -38,11 +42,14 @@ public:
         SetIpcBody(&m_IpcDataInst.request, record);
     }
 
-    /// Sends the request to a channel and waits for the reply. False with a reason; the reply is all zero then.
+    // Sending: to a channel, and waiting for the reply. The forms differ in who learns why it failed; the reply is all
+    // zero then. Reasons have kReasonBufferSize characters.
+
+    /// The caller does.
     bool SendRequest(const char* pcChannel, char* pcReason);
-    /// The same, with failures in the log.
+    /// The log does.
     bool SendRequest(const char* pcChannel);
-    /// The same, with both; the reason may be null.
+    /// Both do.
     bool SendRequestLogged(const char* pcChannel, char* pcReason);
 
     IpcDataInst* GetDataInst() { return &m_IpcDataInst; }
@@ -58,14 +65,15 @@ public:
     const char* GetMsgReply() const;
 
 private:
-    bool Exchange(const LogArgu& logArgu, const char* pcChannel, char* pcReason);
-    bool SendAll(const LogArgu& logArgu, CIpcSocket* pSocket, char* pcReason);
-    bool ReadReply(const LogArgu& logArgu, CIpcSocket* pSocket, const CIpcSocket::Deadline& deadline, char* pcReason);
+    // The steps of sending, each with its reason when it fails.
+    bool Exchange(const LogContext& log, const char* pcChannel, char* pcReason);
+    bool SendAll(const LogContext& log, CIpcSocket* pSocket, char* pcReason);
+    bool ReadReply(const LogContext& log, CIpcSocket* pSocket, const CIpcSocket::Deadline& deadline, char* pcReason);
     bool IsReply(int iType) const;
     const char* GetTextReply(int iType) const;
 
     IpcDataInst m_IpcDataInst{};
-    CIpcTextFields m_Texts;
+    CIpcTextFields m_Texts;  ///< whether every text fit its field
     std::optional<std::chrono::milliseconds> m_Timeout;
     int m_iError = 0;
 };

@@ -10,13 +10,13 @@
 #include "Utilities.h"
 
 CIpcServer::CIpcServer(CNfsMain* pNfsHandle)
-    : CIpcBasic(pNfsHandle->GetUtilities(), pNfsHandle->GetRuntimeParam()), m_pNfsHandle(pNfsHandle) {
-    std::memset(&m_IpcServerInst.data, 0, sizeof(m_IpcServerInst.data));
-}
+    : CIpcBasic(pNfsHandle->GetUtilities(), pNfsHandle->GetRuntimeParam()), m_pNfsHandle(pNfsHandle) {}
 
 CIpcServer::~CIpcServer() {
     Close();
 }
+
+// ---- The channel
 
 bool CIpcServer::Open(const char* pcChannel, char* pcReason) {
     if (pcChannel == nullptr) {
@@ -33,7 +33,7 @@ bool CIpcServer::Open(const char* pcChannel, char* pcReason) {
         return false;
     }
     m_bClosed = false;
-    const MutexLock lock(m_hMutexInst);
+    const MutexLock lock(m_IpcServerInst.hMutexListener);
     m_IpcServerInst.pListener = std::move(pListener);
     return true;
 }
@@ -43,12 +43,12 @@ bool CIpcServer::Open(const char* pcChannel) {
     if (Open(pcChannel, vcReason)) {
         return true;
     }
-    LogFailure({"IpcServer.Open"}, vcReason);
+    const LogArgu logArgu{"IpcServer.Open"};
+    NFS_LOG_ERROR(GetLog(&logArgu), "[%s] %s", vcReason);
     return false;
 }
 
-bool CIpcServer::Close(char* pcReason) {
-    static_cast<void>(pcReason);  // never fails
+bool CIpcServer::Close(char* /*pcReason*/) {  // never fails
     if (!m_bOpened) {
         return true;
     }
@@ -58,17 +58,19 @@ bool CIpcServer::Close(char* pcReason) {
     }
     std::shared_ptr<CIpcListener> pListener;
     {
-        const MutexLock lock(m_hMutexInst);
+        const MutexLock lock(m_IpcServerInst.hMutexListener);
         pListener.swap(m_IpcServerInst.pListener);
     }
     if (!pListener) {
         return true;
     }
     pListener->Close();
-    LogArgu logArgu{"IpcServer.Close"};
+    // The file layer's attempt at a file that would not go says in the log why.
+    CUtilities* pFiles = m_pNfsHandle->GetUtilities();
     const char* pcChannel = pListener->GetAddress().sun_path;
-    if (pListener->IsFileLeft() && m_pUtilities->OS_IsFileExists(pcChannel, nullptr)) {
-        m_pUtilities->OS_FileRemove(m_pRuntimeParam, &logArgu, pcChannel, nullptr);
+    if (pListener->IsFileLeft() && pFiles->OS_IsFileExists(pcChannel, nullptr)) {
+        const LogArgu logArgu{"IpcServer.Close"};
+        pFiles->OS_FileRemove(m_pRuntimeParam, &logArgu, pcChannel, nullptr);
     }
     return true;
 }
@@ -78,7 +80,7 @@ bool CIpcServer::Close() {
 }
 
 std::shared_ptr<CIpcListener> CIpcServer::GetListener() {
-    const MutexLock lock(m_hMutexInst);
+    const MutexLock lock(m_IpcServerInst.hMutexListener);
     return m_IpcServerInst.pListener;
 }
 
@@ -88,17 +90,21 @@ void CIpcServer::WaitForClose() {
     }
 }
 
+// ---- Serving
+
 bool CIpcServer::ReadRequest() {
-    LogArgu logArgu{"IpcServer.SendRequest"};
+    const LogArgu logArgu{"IpcServer.SendRequest"};  // an odd tag, but the one that stands in the logs
+    const LogContext log = GetLog(&logArgu);
     if (m_bAutoShutdownRequested) {
-        LogState(logArgu, "Waiting to auto shutdown");
+        NFS_LOG_INFO(log, kLogIpcState, "[%s] Waiting to auto shutdown");
         return false;
     }
     char vcReason[kReasonBufferSize] = "";
     const bool bServed = ReadRequest(vcReason);
     if (!bServed && !m_bClosed) {
-        LogFailure(logArgu, vcReason);
+        NFS_LOG_ERROR(log, "[%s] %s", vcReason);
     }
+    // The controller is told once the requester has its reply.
     if (m_bAutoShutdownRequested) {
         m_pNfsHandle->RequestAutoShutdown();
     }
@@ -106,49 +112,49 @@ bool CIpcServer::ReadRequest() {
 }
 
 bool CIpcServer::ReadRequest(char* pcReason) {
-    LogArgu logArgu{"IpcServer.ReadRequest"};
+    const LogArgu logArgu{"IpcServer.ReadRequest"};
+    const LogContext log = GetLog(&logArgu);
     const auto pListener = GetListener();
     if (!m_bOpened || !pListener) {
         WriteReason(pcReason, "Channel not yet opened.");
         return false;
     }
-    LogState(logArgu, "Start");
+    NFS_LOG_INFO(log, kLogIpcState, "[%s] Start");
     CIpcSocket connection;
-    if (!AcceptConnection(logArgu, pListener.get(), &connection, pcReason)) {
+    if (!AcceptConnection(log, pListener.get(), &connection, pcReason)) {
         return false;
     }
     if (!m_bOpened) {
-        LogState(logArgu, "Socket closed");
+        NFS_LOG_INFO(log, kLogIpcState, "[%s] Socket closed");
         return true;
     }
-    return ServeConnection(&logArgu, *pListener, &connection, pcReason);
+    return ServeConnection(log, *pListener, &connection, pcReason);
 }
 
-bool CIpcServer::AcceptConnection(const LogArgu& logArgu, CIpcListener* pListener, CIpcSocket* pConnection,
+bool CIpcServer::AcceptConnection(const LogContext& log, CIpcListener* pListener, CIpcSocket* pConnection,
                                   char* pcReason) {
-    LogState(logArgu, "Accept ipc request");
+    NFS_LOG_INFO(log, kLogIpcState, "[%s] Accept ipc request");
     const int iError = pListener->Accept(pConnection);
     if (iError == 0 || !m_bOpened) {
         return true;
     }
     WriteReason(pcReason, "Fail to accept ipc request. %s", CSystemErrorText(iError).Get());
     if (iError == EMFILE || iError == ENFILE) {
-        LogArgu cacheLogArgu = logArgu;
-        m_pUtilities->FreeCachedFileHandles(m_pRuntimeParam, &cacheLogArgu);
+        m_pNfsHandle->GetUtilities()->FreeCachedFileHandles(m_pRuntimeParam, log.pLogArgu);
     }
     pListener->WaitForClose(kAcceptPause);
     return false;
 }
 
-bool CIpcServer::ServeConnection(const LogArgu* pLogArgu, const CIpcListener& listener, CIpcSocket* pConnection,
+bool CIpcServer::ServeConnection(const LogContext& log, const CIpcListener& listener, CIpcSocket* pConnection,
                                  char* pcReason) {
-    LogState(*pLogArgu, "Read ipc request");
+    NFS_LOG_INFO(log, kLogIpcState, "[%s] Read ipc request");
     IpcDataInst& data = m_IpcServerInst.data;
-    std::memset(&data, 0, sizeof(data));
+    std::memset(&data.reply, 0, sizeof(data.reply));  // the request is cleared when it is received
     const auto deadline = CIpcSocket::Clock::now() + kSilenceTimeout;
     const int iError = pConnection->Receive(&data.request, listener.GetWakeDescriptor(), deadline);
     if (iError == ECANCELED) {
-        LogState(*pLogArgu, "Socket closed");
+        NFS_LOG_INFO(log, kLogIpcState, "[%s] Socket closed");
         return true;
     }
     if (iError != 0) {
@@ -158,14 +164,14 @@ bool CIpcServer::ServeConnection(const LogArgu* pLogArgu, const CIpcListener& li
     if (data.request.lDataLen == 0) {
         return true;  // somebody looked in and left
     }
-    ParseData(pLogArgu, &data);
-    const bool bSent = SendReply(*pLogArgu, pConnection, pcReason);
+    ParseData(log.pLogArgu, &data);
+    const bool bSent = SendReply(log, pConnection, pcReason);
     pConnection->DiscardInput();
     return bSent;
 }
 
-bool CIpcServer::SendReply(const LogArgu& logArgu, CIpcSocket* pConnection, char* pcReason) {
-    LogState(logArgu, "Send ipc reply");
+bool CIpcServer::SendReply(const LogContext& log, CIpcSocket* pConnection, char* pcReason) {
+    NFS_LOG_INFO(log, kLogIpcState, "[%s] Send ipc reply");
     const IpcDataBuf& reply = m_IpcServerInst.data.reply;
     long iSent = 0;
     if (const int iError = pConnection->Send(reply, &iSent); iError != 0) {
@@ -178,6 +184,8 @@ bool CIpcServer::SendReply(const LogArgu& logArgu, CIpcSocket* pConnection, char
     }
     return true;
 }
+
+// ---- A message and its reply
 
 void CIpcServer::ParseData(const LogArgu* pLogArgu, IpcDataInst* pInst) {
     PrintData(pLogArgu, &pInst->request);
@@ -217,8 +225,9 @@ void CIpcServer::ReplyInt(IpcDataInst* pInst, int iVal) {
 }
 
 void CIpcServer::ReplyText(IpcDataInst* pInst, IpcReplyType iReplyType, const char* pcText) {
-    auto record = NewIpcRecord<IpcReply_Message>();
-    CopyText(record.cMsg, pcText);
     InitialReplyData(&pInst->reply, iReplyType);
-    SetIpcBody(&pInst->reply, record);
+    // Straight into the message: a reason is long, and nothing may follow its end.
+    char* pcMsg = pInst->reply.cBuf + offsetof(IpcReply_Message, cMsg);
+    std::memset(pcMsg, 0, sizeof(IpcReply_Message::cMsg));
+    CopyText(pcMsg, sizeof(IpcReply_Message::cMsg), pcText);
 }

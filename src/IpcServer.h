@@ -5,8 +5,6 @@
 #include <chrono>
 #include <memory>
 
-#include <sys/un.h>
-
 #include "IpcBasic.h"
 #include "IpcListener.h"
 #include "ThreadAnnotations.h"
@@ -15,13 +13,24 @@ class CNfsMain;
 
 /// The channel being served and the message in hand.
 struct IpcServerInst {
-    std::shared_ptr<CIpcListener> pListener;  ///< the listening socket; null when closed
-    IpcDataInst data;                         ///< of the message being served; all zero before each
+    /// Held to look at the listener and to change it; whoever uses it has a share of it.
+    Mutex hMutexListener;
+    std::shared_ptr<CIpcListener> pListener GUARDED_BY(hMutexListener);  ///< null when closed
+    /// Of the message being served; the serving thread's alone. The reply is all zero before each.
+    IpcDataInst data{};
 };
 
-/// Serves one message per connection, strictly one after another, on the thread that calls ReadRequest. Open, Close
-/// and the questions may be called from other threads; Close wakes a ReadRequest that waits for a connection or for
-/// its message.
+/// Listens on one channel and serves one message per connection, strictly one after another: reads it, carries it out,
+/// sends the reply. Requests (IpcServerRequest.cpp) are for the external server, callbacks (IpcServerCallback.cpp) for
+/// its clients; an object does both, as its channel is one of either kind.
+///
+/// Owns the listener, the channel's socket file with it, and the message in hand. The controller, its registries and
+/// its runtime parameter outlive it.
+///
+/// Messages are served on the thread that calls ReadRequest, one at a time. Open, Close and the questions may be
+/// called from other threads; Close wakes a ReadRequest that waits for a connection or for its message, and lets one
+/// that carries a message out finish. Between calls the channel is open or closed, and nothing of a message is kept.
+/// An automatic shutdown that a message requested stays requested: the channel remains open, and nothing is served.
 ///
 /// Everything that arrives is taken for hostile: missing bytes are zero, texts end with their field, connections that
 /// say nothing are dropped.
@@ -69,17 +78,18 @@ public:
 
 private:
     std::shared_ptr<CIpcListener> GetListener();
-    bool AcceptConnection(const LogArgu& logArgu, CIpcListener* pListener, CIpcSocket* pConnection, char* pcReason);
-    bool ServeConnection(const LogArgu* pLogArgu, const CIpcListener& listener, CIpcSocket* pConnection,
-                         char* pcReason);
-    bool SendReply(const LogArgu& logArgu, CIpcSocket* pConnection, char* pcReason);
+
+    // The steps of serving, each with its reason when it fails.
+
+    /// True also when the channel was closed meanwhile.
+    bool AcceptConnection(const LogContext& log, CIpcListener* pListener, CIpcSocket* pConnection, char* pcReason);
+    bool ServeConnection(const LogContext& log, const CIpcListener& listener, CIpcSocket* pConnection, char* pcReason);
+    bool SendReply(const LogContext& log, CIpcSocket* pConnection, char* pcReason);
 
     CNfsMain* m_pNfsHandle;
     std::atomic<bool> m_bOpened{false};
     std::atomic<bool> m_bClosed{false};  ///< opened once and closed again: a failed read is then no error to log
     std::atomic<bool> m_bAutoShutdownRequested{false};
 
-    /// Guards the change of the listener; the message in hand belongs to the serving thread alone.
-    Mutex m_hMutexInst;
     IpcServerInst m_IpcServerInst;
 };

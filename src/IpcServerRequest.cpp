@@ -1,4 +1,7 @@
 // CIpcServer: carrying out requests on the controller.
+//
+// One function per request type: it takes the record out of the message, has the controller do the work, and replies.
+// Texts are taken out bounded by their fields, as nothing that arrives is trusted to end.
 #include "IpcServer.h"
 
 #include <array>

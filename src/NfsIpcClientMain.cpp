@@ -61,7 +61,9 @@ void CNfsIpcClientMain::EnableAutoShutdown(bool /*bEnable*/) {
 // ---- The ways of a request
 
 bool CNfsIpcClientMain::SendForStatus(CIpcClient& client, char* pcStatus) {
-    if (!client.SendRequestLogged(m_cIpcChannel, pcStatus)) {
+    const bool bSent =
+        pcStatus != nullptr ? client.SendRequestLogged(m_cIpcChannel, pcStatus) : client.SendRequest(m_cIpcChannel);
+    if (!bSent) {
         return false;
     }
     if (const char* pcReason = client.GetExptReply(); pcReason != nullptr) {

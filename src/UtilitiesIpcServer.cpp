@@ -75,11 +75,11 @@ bool CUtilitiesIpcServer::CanTellOf(CRuntimeParam* pRuntimeParam, const char* pc
 template <typename Record>
 int CUtilitiesIpcServer::SendNotification(CRuntimeParam* pRuntimeParam, int iType, const Record& record,
                                           const CIpcTextFields& texts) {
+    const LogArgu logArgu{"UtilitiesIpcServer.SendNotification"};
     CRuntimeParam own(pRuntimeParam->GetID(), pRuntimeParam->GetLogControl());
     if (const char* pcTooLong = texts.GetReason(); pcTooLong != nullptr) {
-        if (own.IsLogError()) {
-            LogError(&own, "[%s] %s", "UtilitiesIpcServer.SendNotification", pcTooLong);
-        }
+        const LogContext log{this, &own, &logArgu};
+        NFS_LOG_ERROR(log, "[%s] %s", pcTooLong);
         return -1;
     }
     CIpcClient client(this, &own);
@@ -87,7 +87,6 @@ int CUtilitiesIpcServer::SendNotification(CRuntimeParam* pRuntimeParam, int iTyp
     bool bAnswered = SendCallback(pRuntimeParam->GetIpcID(), client);
     if (!bAnswered && (client.GetErrorNumber() == EMFILE || client.GetErrorNumber() == ENFILE)) {
         // The descriptor cache grows until there are none left: a busy server is often in this state.
-        LogArgu logArgu{"UtilitiesIpcServer.SendNotification"};
         FreeCachedFileHandles(&own, &logArgu);
         bAnswered = SendCallback(pRuntimeParam->GetIpcID(), client);
     }
