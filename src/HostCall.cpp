@@ -19,14 +19,14 @@ CHostCall::CHostCall(JNIEnv* pEnv, jobject jObj, jlong iHandle)
     }
     if (m_pMain != nullptr && m_pMain->GetCallback() == nullptr) {
         m_pTemporary = std::make_shared<CCallback>(pEnv, jObj);
-        m_pController->InstallCallback(m_pTemporary);
+        m_pController->InstallCallback(*m_pMain, m_pTemporary);
     }
     ++t_nCalls;
 }
 
 CHostCall::~CHostCall() {
     if (m_pTemporary != nullptr) {
-        m_pController->UninstallCallback(m_pTemporary);
+        m_pController->UninstallCallback(*m_pMain, m_pTemporary);
     }
     --t_nCalls;
 }

@@ -79,25 +79,16 @@ void CHostController::End() {
     m_pMain.reset();
 }
 
-bool CHostController::InstallCallback(const std::shared_ptr<CCallback>& pCallback) {
-    const std::shared_ptr<CNfsMain> pMain = Enter();
-    if (pMain == nullptr) {
-        return false;
-    }
+void CHostController::InstallCallback(CNfsMain& main, const std::shared_ptr<CCallback>& pCallback) {
     const MutexLock lock(m_hMutexCallback);
-    if (pMain->GetCallback() == nullptr) {
-        pMain->SetCallback(pCallback);
+    if (main.GetCallback() == nullptr) {
+        main.SetCallback(pCallback);
     }
-    return true;
 }
 
-void CHostController::UninstallCallback(const std::shared_ptr<CCallback>& pCallback) {
-    const std::shared_ptr<CNfsMain> pMain = Enter();
-    if (pMain == nullptr) {
-        return;
-    }
+void CHostController::UninstallCallback(CNfsMain& main, const std::shared_ptr<CCallback>& pCallback) {
     const MutexLock lock(m_hMutexCallback);
-    if (pMain->GetCallback() == pCallback) {
-        pMain->SetCallback(nullptr);
+    if (main.GetCallback() == pCallback) {
+        main.SetCallback(nullptr);
     }
 }

@@ -34,11 +34,12 @@ public:
     /// a call on it, nor from one of its own threads: deleting waits for both.
     void End();
 
+    // For a call that is inside, with the controller as Enter gave it.
+
     /// Installs a callback unless one is installed already (look at the controller's to see which it is).
-    /// False once the controller has ended.
-    bool InstallCallback(const std::shared_ptr<CCallback>& pCallback);
+    void InstallCallback(CNfsMain& main, const std::shared_ptr<CCallback>& pCallback);
     /// Uninstalls this very callback; another that is installed by now stays.
-    void UninstallCallback(const std::shared_ptr<CCallback>& pCallback);
+    void UninstallCallback(CNfsMain& main, const std::shared_ptr<CCallback>& pCallback);
 
 private:
     void Leave();

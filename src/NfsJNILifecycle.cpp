@@ -60,6 +60,16 @@ void StopNowOrAside(CHostCall& call, void (CNfsMain::*pStop)()) {
     (call.Main()->*pStop)();
 }
 
+/// Installs a callback, on a visit of its own. False once the controller has ended.
+bool InstallIfThere(CHostController& controller, const std::shared_ptr<CCallback>& pCallback) {
+    const std::shared_ptr<CNfsMain> pMain = controller.Enter();
+    if (pMain == nullptr) {
+        return false;
+    }
+    controller.InstallCallback(*pMain, pCallback);
+    return true;
+}
+
 }  // namespace
 
 jlong NFSLIB_NATIVE(initial)(JNIEnv* pEnv, jobject jObj, jstring jLogID, jint iAccessMode, jint iLogControl) {
@@ -140,7 +150,7 @@ jboolean NFSLIB_NATIVE(receiveCallbackLoop)(JNIEnv* pEnv, jobject jObj, jlong iH
         const auto pCallback = std::make_shared<CCallback>(pEnv, jObj);
         // Between the turns the controller may be terminated; the loop then ends at its next turn. Another receiver
         // that was in the way at first and has gone since is replaced by this one.
-        for (jint iRest = iLifeTimeInSec; iRest != 0 && pController->InstallCallback(pCallback);) {
+        for (jint iRest = iLifeTimeInSec; iRest != 0 && InstallIfThere(*pController, pCallback);) {
             if (pCallback->IsInterrupted()) {
                 break;
             }
@@ -149,7 +159,9 @@ jboolean NFSLIB_NATIVE(receiveCallbackLoop)(JNIEnv* pEnv, jobject jObj, jlong iH
             }
             std::this_thread::sleep_for(std::chrono::seconds(1));
         }
-        pController->UninstallCallback(pCallback);
+        if (const std::shared_ptr<CNfsMain> pMain = pController->Enter()) {
+            pController->UninstallCallback(*pMain, pCallback);
+        }
     } catch (const std::exception& error) {
         ThrowInternalError(pEnv, error);
     }
