@@ -8,7 +8,9 @@
 class CIpcServer;
 class CNfsMain;
 
-/// One owner opens and closes it; IsActive may be asked by anyone.
+/// Owns the server and the thread, which serves message after message until the channel is closed. One owner opens and
+/// closes it, on a thread other than its own; IsActive may be asked by anyone. Between calls it either serves a channel
+/// or has neither server nor thread.
 class CIpcServerThread {
 public:
     CIpcServerThread();

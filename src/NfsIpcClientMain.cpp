@@ -1,12 +1,22 @@
 // The client controller: its life, its requests' ways, and the gates by the server's version.
 #include "NfsIpcClientMain.h"
 
+#include <algorithm>
+#include <array>
 #include <cstring>
 
 #include "IpcClient.h"
 #include "ServerIdentity.h"
 #include "Texts.h"
 #include "Utilities.h"
+
+namespace {
+
+/// Versions that lack requests, in the order in which requests were added; first the one of no server at all. Whatever
+/// stands nowhere here has them all.
+constexpr std::array<const char*, 4> kLackingVersions = {kUnknownServer, "1.0", "1.1", "1.2"};
+
+}  // namespace
 
 // ---- Construction
 
@@ -44,17 +54,13 @@ void CNfsIpcClientMain::GetIpcServerThreadChannel(char* pcChannel) {
 // ---- What stays local
 
 void CNfsIpcClientMain::StopServer() {
-    if (m_pRuntimeParam->IsLogGeneralInfo()) {
-        m_pUtilities->LogInfo(m_pRuntimeParam.get(), "[%s] Cannot stop NFS service in client mode.",
-                              "NfsIpcClientMain.StopServer");
-    }
+    const LogArgu logArgu{"NfsIpcClientMain.StopServer"};
+    NFS_LOG_INFO(GetLog(&logArgu), kLogGeneralInfo, "[%s] Cannot stop NFS service in client mode.");
 }
 
 void CNfsIpcClientMain::EnableAutoShutdown(bool /*bEnable*/) {
-    if (m_pRuntimeParam->IsLogGeneralInfo()) {
-        m_pUtilities->LogInfo(m_pRuntimeParam.get(), "[%s] Auto shutdown is supported in client mode.",
-                              "NfsIpcClientMain.EnableAutoShutdown");
-    }
+    const LogArgu logArgu{"NfsIpcClientMain.EnableAutoShutdown"};
+    NFS_LOG_INFO(GetLog(&logArgu), kLogGeneralInfo, "[%s] Auto shutdown is supported in client mode.");
     CNfsMain::EnableAutoShutdown(false);
 }
 
@@ -132,12 +138,12 @@ bool CNfsIpcClientMain::RequestAutoShutdown() {
 }
 
 int CNfsIpcClientMain::GetServerStatus() {
-    char cVersion[kIdentityBufferSize];
-    GetVersion(cVersion);
-    if (IsNotConnectable(cVersion)) {
+    char vcVersion[kIdentityBufferSize];
+    GetVersion(vcVersion);
+    if (IsNotConnectable(vcVersion)) {
         return 0;
     }
-    if (IsNotSupportGetServerStatus(cVersion)) {
+    if (IsNotSupportGetServerStatus(vcVersion)) {
         return IsServerRunning() ? kStatusReachable | kStatusRunning : kStatusReachable;
     }
     CIpcClient client(m_pUtilities.get(), m_pRuntimeParam.get());
@@ -158,38 +164,28 @@ bool CNfsIpcClientMain::SetDebugActionEnabled(bool bEnabled) {
 
 // ---- Version gates
 
-bool CNfsIpcClientMain::IsNotConnectable(const char* pcVersion) {
-    if (pcVersion != nullptr) {
-        return std::strcmp(pcVersion, kUnknownServer) == 0;
+bool CNfsIpcClientMain::IsAmongFirst(std::size_t nVersions, const char* pcVersion) {
+    char vcVersion[kIdentityBufferSize];
+    if (pcVersion == nullptr) {
+        GetVersion(vcVersion);
+        pcVersion = vcVersion;
     }
-    char cVersion[kIdentityBufferSize];
-    GetVersion(cVersion);
-    return IsNotConnectable(cVersion);
+    return std::any_of(kLackingVersions.begin(), kLackingVersions.begin() + nVersions,
+                       [pcVersion](const char* pcLacking) { return std::strcmp(pcVersion, pcLacking) == 0; });
+}
+
+bool CNfsIpcClientMain::IsNotConnectable(const char* pcVersion) {
+    return IsAmongFirst(1, pcVersion);
 }
 
 bool CNfsIpcClientMain::IsNotSupportGetServerStatus(const char* pcVersion) {
-    if (pcVersion != nullptr) {
-        return IsNotConnectable(pcVersion) || std::strcmp(pcVersion, "1.0") == 0;
-    }
-    char cVersion[kIdentityBufferSize];
-    GetVersion(cVersion);
-    return IsNotSupportGetServerStatus(cVersion);
+    return IsAmongFirst(2, pcVersion);
 }
 
 bool CNfsIpcClientMain::IsNotSupportSetVSphereInfo(const char* pcVersion) {
-    if (pcVersion != nullptr) {
-        return IsNotSupportGetServerStatus(pcVersion) || std::strcmp(pcVersion, "1.1") == 0;
-    }
-    char cVersion[kIdentityBufferSize];
-    GetVersion(cVersion);
-    return IsNotSupportSetVSphereInfo(cVersion);
+    return IsAmongFirst(3, pcVersion);
 }
 
 bool CNfsIpcClientMain::IsNotSupportNetDeviceAccess(const char* pcVersion) {
-    if (pcVersion != nullptr) {
-        return IsNotSupportSetVSphereInfo(pcVersion) || std::strcmp(pcVersion, "1.2") == 0;
-    }
-    char cVersion[kIdentityBufferSize];
-    GetVersion(cVersion);
-    return IsNotSupportNetDeviceAccess(cVersion);
+    return IsAmongFirst(4, pcVersion);
 }

@@ -100,6 +100,9 @@ protected:
     void TerminateNetwork() override;
 
 private:
+    /// Is the version one of the first so many that lack requests? Null asks the server.
+    bool IsAmongFirst(std::size_t nVersions, const char* pcVersion);
+
     // One request and what becomes of its reply.
     bool SendForStatus(CIpcClient& client, char* pcStatus);
     bool SendForBool(CIpcClient& client);

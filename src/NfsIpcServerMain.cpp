@@ -68,10 +68,8 @@ bool CNfsIpcServerMain::StartRemoteController(char* pcStatus) {
     char vcReason[kReasonBufferSize] = "";
     if (!pThread->Open(cChannel, this, vcReason)) {
         CopyText(pcStatus, kReasonBufferSize, vcReason);
-        if (m_pRuntimeParam->IsLogError()) {
-            m_pUtilities->LogError(m_pRuntimeParam.get(), "[%s] Fail to start ipc server thread. Reason=%s",
-                                   "NfsIpcServerMain.StartRemoteController", vcReason);
-        }
+        const LogArgu logArgu{"NfsIpcServerMain.StartRemoteController"};
+        NFS_LOG_ERROR(GetLog(&logArgu), "[%s] Fail to start ipc server thread. Reason=%s", vcReason);
         return false;
     }
     m_pIpcServerThread = std::move(pThread);

@@ -2,7 +2,6 @@
 #include "NfsMain.h"
 
 #include <cstdarg>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <utility>
@@ -88,33 +87,31 @@ void CNfsMain::TerminateNetwork() {
 
 bool CNfsMain::StartRemoteController(char* /*pcStatus*/) {
     LogLifecycle("Start Remote Controller");
-    if (m_pRuntimeParam->IsLogGeneralInfo()) {
-        m_pUtilities->LogInfo(m_pRuntimeParam.get(),
-                              "[%s] No remote controller to start. It is NOT support in internal server mode.",
-                              "NfsMain.StartRemoteController");
-    }
+    const LogArgu logArgu{"NfsMain.StartRemoteController"};
+    NFS_LOG_INFO(GetLog(&logArgu), kLogGeneralInfo,
+                 "[%s] No remote controller to start. It is NOT support in internal server mode.");
     return true;
 }
 
 void CNfsMain::StopRemoteController() {
     LogLifecycle("Stop Remote Controller");
-    if (m_pRuntimeParam->IsLogGeneralInfo()) {
-        m_pUtilities->LogInfo(m_pRuntimeParam.get(),
-                              "[%s] No remote controller to stop. It is NOT support in internal server mode.",
-                              "NfsMain.StopRemoteController");
-    }
+    const LogArgu logArgu{"NfsMain.StopRemoteController"};
+    NFS_LOG_INFO(GetLog(&logArgu), kLogGeneralInfo,
+                 "[%s] No remote controller to stop. It is NOT support in internal server mode.");
+}
+
+LogContext CNfsMain::GetLog(const LogArgu* pLogArgu) const {
+    return {m_pUtilities.get(), m_pRuntimeParam.get(), pLogArgu};
 }
 
 void CNfsMain::LogLifecycle(const char* pcFormat, ...) {
     if (m_pUtilities->GetFileLogger() == nullptr) {
         return;
     }
-    char vcMessage[kMessageBufferSize];
     va_list arguments;
     va_start(arguments, pcFormat);
-    std::vsnprintf(vcMessage, sizeof(vcMessage), pcFormat, arguments);
+    m_pUtilities->LogInfoList(m_pRuntimeParam.get(), pcFormat, arguments);
     va_end(arguments);
-    m_pUtilities->LogInfo(m_pRuntimeParam.get(), "%s", vcMessage);
 }
 
 // ---- What the controller is

@@ -19,6 +19,8 @@ class CRpcServer;
 class CRuntimeParam;
 class CServerSocket;
 class CUtilities;
+struct LogArgu;
+struct LogContext;
 
 /// Runs the whole NFS server inside the calling process (access mode 0) and fronts every registry of CUtilities.
 ///
@@ -175,6 +177,8 @@ protected:
     /// For derived classes, whose constructors call their own InitMemberVaribles.
     CNfsMain();
 
+    /// What the controller's own lines are logged with, under a tag.
+    LogContext GetLog(const LogArgu* pLogArgu) const;
     /// Emits a lifecycle line: only while a file logger is set, whatever the log bits.
     void LogLifecycle(const char* pcFormat, ...) __attribute__((format(printf, 2, 3)));
 
@@ -197,6 +201,10 @@ private:
     enum SocketIndex : unsigned int { kPortmapSockets = 0, kNfsSockets = 1, kMountSockets = 2, kSocketPairs = 3 };
 
     void CreatePrograms() REQUIRES(m_hMutexLifecycle);
+    /// The port, or for one below 1 the default, as it is beside the portmapper that runs.
+    int GetPort(int iPort, int iDefaultPort) const REQUIRES(m_hMutexLifecycle);
+    /// Logs the ports, and tells them to our own portmapper if it is the one that clients ask.
+    void AnnouncePorts(int iMountPort, int iNfsPort) REQUIRES(m_hMutexLifecycle);
     void CreateSockets() REQUIRES(m_hMutexLifecycle);
     bool OpenServices(int iMountPort, int iNfsPort, char* pcStatus) REQUIRES(m_hMutexLifecycle);
     bool OpenPortmapService(char* pcStatus) REQUIRES(m_hMutexLifecycle);

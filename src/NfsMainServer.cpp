@@ -29,21 +29,9 @@ bool CNfsMain::StartServer(int iMountPort, int iNfsPort, unsigned int iUId, unsi
     }
     CloseServices();  // what a start that ran out of memory may have left
     CreatePrograms();
-    // Beside a system portmapper there may be a system NFS server on the well-known ports.
-    const int iPortOffset = m_pPortmap->IsRunning() ? 1 : 0;
-    if (iMountPort < 1) {
-        iMountPort = kDefaultMountPort + iPortOffset;
-    }
-    if (iNfsPort < 1) {
-        iNfsPort = kDefaultNfsPort + iPortOffset;
-    }
-    if (m_pPortmapProg) {
-        LogLifecycle("Start NFS with internal portmapper: MountPort = %d, NfsPort = %d", iMountPort, iNfsPort);
-        m_pPortmapProg->Set(kMountProgramId, static_cast<unsigned long>(iMountPort));
-        m_pPortmapProg->Set(kNfsProgramId, static_cast<unsigned long>(iNfsPort));
-    } else {
-        LogLifecycle("Start NFS with external portmapper: MountPort = %d, NfsPort = %d", iMountPort, iNfsPort);
-    }
+    iMountPort = GetPort(iMountPort, kDefaultMountPort);
+    iNfsPort = GetPort(iNfsPort, kDefaultNfsPort);
+    AnnouncePorts(iMountPort, iNfsPort);
     m_pNfsProg->SetUserID(iUId, iGId);
     m_pNfsProg->SetReadOnly(bReadOnly);
     CreateSockets();
@@ -71,6 +59,24 @@ void CNfsMain::CreatePrograms() {
     pRpcServer->Set(kMountProgramId, m_pMountProg.get());
     ExchangeRpcServer(std::move(pRpcServer));
     SetLogControl(m_pRuntimeParam->GetLogControl());
+}
+
+int CNfsMain::GetPort(int iPort, int iDefaultPort) const {
+    if (iPort >= 1) {
+        return iPort;
+    }
+    // Beside a system portmapper there may be a system NFS server on the well-known ports.
+    return m_pPortmap->IsRunning() ? iDefaultPort + 1 : iDefaultPort;
+}
+
+void CNfsMain::AnnouncePorts(int iMountPort, int iNfsPort) {
+    if (!m_pPortmapProg) {
+        LogLifecycle("Start NFS with external portmapper: MountPort = %d, NfsPort = %d", iMountPort, iNfsPort);
+        return;
+    }
+    LogLifecycle("Start NFS with internal portmapper: MountPort = %d, NfsPort = %d", iMountPort, iNfsPort);
+    m_pPortmapProg->Set(kMountProgramId, static_cast<unsigned long>(iMountPort));
+    m_pPortmapProg->Set(kNfsProgramId, static_cast<unsigned long>(iNfsPort));
 }
 
 void CNfsMain::CreateSockets() {
@@ -111,10 +117,8 @@ bool CNfsMain::OpenNfsService(int iNfsPort, char* pcStatus) {
     if (OpenPort(m_Sockets[kNfsSockets], kNfsProgramId, iNfsPort, kMaxNfsConnections, vcReason)) {
         return true;
     }
-    if (m_pRuntimeParam->IsLogError()) {
-        m_pUtilities->LogError(m_pRuntimeParam.get(), "[%s] Fail to start NFS daemon. Reason=%s", "NfsMain.StartServer",
-                               vcReason);
-    }
+    const LogArgu logArgu{"NfsMain.StartServer"};
+    NFS_LOG_ERROR(GetLog(&logArgu), "[%s] Fail to start NFS daemon. Reason=%s", vcReason);
     LogLifecycle("Fail to start NFS daemon on port %d. Reason=%s", iNfsPort, vcReason);
     WriteReason(pcStatus, "NFS daemon failed to open port %d", iNfsPort);
     return false;
@@ -125,10 +129,8 @@ bool CNfsMain::OpenMountService(int iMountPort, char* pcStatus) {
     if (OpenPort(m_Sockets[kMountSockets], kMountProgramId, iMountPort, kMaxMountConnections, vcReason)) {
         return true;
     }
-    if (m_pRuntimeParam->IsLogError()) {
-        m_pUtilities->LogError(m_pRuntimeParam.get(), "[%s] Fail to start Mount daemon. Reason=%s",
-                               "NfsMain.StartServer", vcReason);
-    }
+    const LogArgu logArgu{"NfsMain.StartServer"};
+    NFS_LOG_ERROR(GetLog(&logArgu), "[%s] Fail to start Mount daemon. Reason=%s", vcReason);
     LogLifecycle("Fail to start Mount daemon on port %d. Reason=%s", iMountPort, vcReason);
     WriteReason(pcStatus, "Mount daemon failed to open port %d", iMountPort);
     return false;
