@@ -6,6 +6,7 @@
 #include "InputStream.h"
 #include "OutputStream.h"
 #include "ProgramFrame.h"
+#include "Utilities.h"
 
 namespace {
 
@@ -22,23 +23,24 @@ constexpr unsigned int kVersionOfFixedHandles = 1;
 constexpr unsigned int kHandleCapacity = 88;
 static_assert(kHandleCapacity >= kNfs3HandleSize && kHandleCapacity <= kReasonBufferSize);
 
-struct Procedure {
-    const char* pcName;
-    int (CMountProg::*pHandler)(CInputStream*, COutputStream*, ProcessParam*);
-};
-
-constexpr std::array<Procedure, CMountProg::kProcedureCount> kProcedures{{
-    {"NULL", &CMountProg::ProcedureNULL},
-    {"MNT", &CMountProg::ProcedureMNT},
-    {"DUMP", &CMountProg::ProcedureNOIMP},
-    {"UMNT", &CMountProg::ProcedureUMNT},
-    {"UMNTALL", &CMountProg::ProcedureNOIMP},
-    {"EXPORT", &CMountProg::ProcedureNOIMP},
-}};
+constexpr ProcedureTable<CMountProg, CMountProg::kProcedureCount> kProcedures{
+    {{
+        {"MountProg.ProcedureNULL", &CMountProg::ProcedureNULL},
+        {"MountProg.ProcedureMNT", &CMountProg::ProcedureMNT},
+        {"MountProg.ProcedureNOIMP", &CMountProg::ProcedureNOIMP},  // DUMP
+        {"MountProg.ProcedureUMNT", &CMountProg::ProcedureUMNT},
+        {"MountProg.ProcedureNOIMP", &CMountProg::ProcedureNOIMP},  // UMNTALL
+        {"MountProg.ProcedureNOIMP", &CMountProg::ProcedureNOIMP},  // EXPORT
+    }},
+    {"MountProg.ProcedureNOIMP", &CMountProg::ProcedureNOIMP}};
 
 }  // namespace
 
 CMountProg::CMountProg(CUtilities* pUtilities) : CRpcProg(pUtilities) {}
+
+const std::array<CMountProg::Procedure, CMountProg::kProcedureCount>& CMountProg::GetProcedures() {
+    return kProcedures.procedures;
+}
 
 unsigned int CMountProg::GetMaxSupportProc() {
     return kProcedureCount;
@@ -50,108 +52,87 @@ bool CMountProg::IsModifying(unsigned int /*iVersion*/, unsigned int iProc) {
 
 int CMountProg::Process(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam) {
     const LogArgu logArgu{"MountProg.Process"};
-    LogProcedureName(m_pUtilities, pParam, logArgu);
-    if (m_pUtilities == nullptr || pParam->iProc >= kProcedures.size()) {
-        return ProcedureNOIMP(pInput, pOutput, pParam);
-    }
-    const Procedure& procedure = kProcedures[pParam->iProc];
-    return RunGuarded(m_pUtilities, pParam, logArgu,
-                      [&] { return (this->*procedure.pHandler)(pInput, pOutput, pParam); });
+    const LogContext log{m_pLog, pParam->pRuntimeParam, &logArgu};
+    LogEntered(log);
+    return kProcedures.Run(this, log, pInput, pOutput, pParam);
 }
 
-int CMountProg::ProcedureNULL(CInputStream* /*pInput*/, COutputStream* /*pOutput*/, ProcessParam* pParam) {
-    LogProcedureName(m_pUtilities, pParam, LogArgu{"MountProg.ProcedureNULL"});
+int CMountProg::ProcedureNULL(CInputStream* /*pInput*/, COutputStream* /*pOutput*/, ProcessParam* /*pParam*/) {
     return kProgHandled;
 }
 
-int CMountProg::ProcedureNOIMP(CInputStream* /*pInput*/, COutputStream* /*pOutput*/, ProcessParam* pParam) {
-    LogProcedureName(m_pUtilities, pParam, LogArgu{"MountProg.ProcedureNOIMP"});
+int CMountProg::ProcedureNOIMP(CInputStream* /*pInput*/, COutputStream* /*pOutput*/, ProcessParam* /*pParam*/) {
     return kProgNotImplemented;
 }
 
 // Whatever goes wrong, the client is told "access denied"; the log tells the cause.
 int CMountProg::ProcedureMNT(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam) {
-    LogArgu logArgu{"MountProg.ProcedureMNT"};
-    CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
-    LogProcedureName(m_pUtilities, pParam, logArgu);
-    if (pRuntimeParam->IsLogProcFuncArgu()) {
-        m_pUtilities->LogInfo(pRuntimeParam, "[%s] From %s, NFS Protocol Version=%u", logArgu.pcName,
-                              pParam->sRemoteAddr.c_str(), pParam->iVersion);
-    }
-    COpaquePath exportName;
-    const bool bRead = ReadPath(pRuntimeParam, &logArgu, pInput, &exportName);
-    pParam->bArgumentsLeft = !bRead;
-
-    bool bMounted = true;
-    if (!bRead || exportName.sPath.empty()) {
-        if (pRuntimeParam->IsLogError()) {
-            m_pUtilities->LogInfo(pRuntimeParam, "[%s] Fail to read export name", logArgu.pcName);
-        }
-        bMounted = false;
-    }
-    if (pParam->sRemoteAddr.empty()) {
-        if (pRuntimeParam->IsLogError()) {
-            m_pUtilities->LogInfo(pRuntimeParam, "[%s] Fail to get remote address", logArgu.pcName);
-        }
-        bMounted = false;
-    }
+    const LogContext log = GetLog(pParam);
+    NFS_LOG_INFO(log, kLogProcFuncArgu, "[%s] From %s, NFS Protocol Version=%u", pParam->sRemoteAddr.c_str(),
+                 pParam->iVersion);
     char vcHandle[kReasonBufferSize] = "";
-    bMounted = bMounted && BindExport(pParam, &logArgu, exportName.sPath, vcHandle);
-
-    if (!bMounted) {
-        if (pRuntimeParam->IsLogGeneralInfo()) {
-            m_pUtilities->LogInfo(pRuntimeParam, "[%s] Mount FAIL", logArgu.pcName);
-        }
+    if (!FindRootHandle(pInput, pParam, vcHandle)) {
+        NFS_LOG_INFO(log, kLogGeneralInfo, "[%s] Mount FAIL");
         pOutput->Write(kMnt3ErrAcces);
         return kProgHandled;
     }
-    if (pRuntimeParam->IsLogGeneralInfo()) {
-        m_pUtilities->LogInfo(pRuntimeParam, "[%s] Mount OK", logArgu.pcName);
-    }
+    NFS_LOG_INFO(log, kLogGeneralInfo, "[%s] Mount OK");
     pOutput->Write(kMnt3Ok);
-    if (pParam->iVersion == kVersionOfFixedHandles) {
-        pOutput->Write(vcHandle, kMount1HandleSize);
-    } else {
-        pOutput->Write(kNfs3HandleSize);
-        pOutput->Write(vcHandle, kNfs3HandleSize);
-        pOutput->Write(0U);  // authentication flavours: none is offered
-    }
+    WriteRootHandle(pOutput, pParam->iVersion, vcHandle);
     return kProgHandled;
 }
 
+/// Reads an export's name and binds the export to the caller.
+bool CMountProg::FindRootHandle(CInputStream* pInput, ProcessParam* pParam, char* pcHandle) {
+    const LogContext log = GetLog(pParam);
+    COpaquePath exportName;
+    const bool bRead = ReadPath(log.pRuntimeParam, log.pLogArgu, pInput, &exportName);
+    pParam->bArgumentsLeft = !bRead;
+
+    const bool bNamed = bRead && !exportName.sPath.empty();
+    const bool bAddressed = !pParam->sRemoteAddr.empty();
+    if (!bNamed) {
+        NFS_LOG_INFO(log, kLogError, "[%s] Fail to read export name");
+    }
+    if (!bAddressed) {
+        NFS_LOG_INFO(log, kLogError, "[%s] Fail to get remote address");
+    }
+    return bNamed && bAddressed && BindExport(pParam, exportName.sPath, pcHandle);
+}
+
 /// Binds the export to the caller and makes its root's handle in a buffer that takes a reason too.
-bool CMountProg::BindExport(ProcessParam* pParam, const LogArgu* pLogArgu, const std::string& sExportName,
-                            char* pcHandle) {
+bool CMountProg::BindExport(ProcessParam* pParam, const std::string& sExportName, char* pcHandle) {
+    const LogContext log = GetLog(pParam);
     MountInfo mountInfo;
     if (!m_pUtilities->UpdateMountClientIpAddrByExportName(sExportName.c_str(), pParam->sRemoteAddr.c_str(), &mountInfo,
                                                            pcHandle)) {
-        if (pParam->pRuntimeParam->IsLogError()) {
-            m_pUtilities->LogError(pParam->pRuntimeParam, "[%s] %s", pLogArgu->pcName, pcHandle);
-        }
+        NFS_LOG_ERROR(log, "[%s] %s", pcHandle);
         return false;
     }
-    return m_pUtilities->GetFileHandle(pParam->pRuntimeParam, pLogArgu, mountInfo.sLocalMountPath.c_str(), pcHandle,
+    return m_pUtilities->GetFileHandle(log.pRuntimeParam, log.pLogArgu, mountInfo.sLocalMountPath.c_str(), pcHandle,
                                        kHandleCapacity);
 }
 
-int CMountProg::ProcedureUMNT(CInputStream* pInput, COutputStream* /*pOutput*/, ProcessParam* pParam) {
-    LogArgu logArgu{"MountProg.ProcedureUMNT"};
-    CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
-    LogProcedureName(m_pUtilities, pParam, logArgu);
-    if (pRuntimeParam->IsLogProcFuncArgu()) {
-        m_pUtilities->LogInfo(pRuntimeParam, "[%s] From %s", logArgu.pcName, pParam->sRemoteAddr.c_str());
+void CMountProg::WriteRootHandle(COutputStream* pOutput, unsigned int iVersion, const char* pcHandle) {
+    if (iVersion == kVersionOfFixedHandles) {
+        pOutput->Write(pcHandle, kMount1HandleSize);
+        return;
     }
+    pOutput->Write(kNfs3HandleSize);
+    pOutput->Write(pcHandle, kNfs3HandleSize);
+    pOutput->Write(0U);  // authentication flavours: none is offered
+}
+
+int CMountProg::ProcedureUMNT(CInputStream* pInput, COutputStream* /*pOutput*/, ProcessParam* pParam) {
+    const LogContext log = GetLog(pParam);
+    NFS_LOG_INFO(log, kLogProcFuncArgu, "[%s] From %s", pParam->sRemoteAddr.c_str());
     COpaquePath exportName;
-    if (!ReadPath(pRuntimeParam, &logArgu, pInput, &exportName)) {
+    if (!ReadPath(log.pRuntimeParam, log.pLogArgu, pInput, &exportName)) {
         pParam->bArgumentsLeft = true;
-        if (pRuntimeParam->IsLogGeneralInfo()) {
-            m_pUtilities->LogInfo(pRuntimeParam, "[%s] Umount FAIL", logArgu.pcName);
-        }
+        NFS_LOG_INFO(log, kLogGeneralInfo, "[%s] Umount FAIL");
         return kProgHandled;
     }
-    if (pRuntimeParam->IsLogGeneralInfo()) {
-        m_pUtilities->LogInfo(pRuntimeParam, "[%s] Umount OK", logArgu.pcName);
-    }
+    NFS_LOG_INFO(log, kLogGeneralInfo, "[%s] Umount OK");
     // An unknown name has nothing to release; UMNT has no way to say so (RFC 1813, 5.2.3).
     m_pUtilities->UpdateMountClientIpAddrByExportName(exportName.sPath.c_str(), nullptr, nullptr, nullptr);
     return kProgHandled;
@@ -172,8 +153,7 @@ bool CMountProg::ReadPath(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu,
     pInput->SkipRemainOpaque(iLength);
     vcPath[iLength] = '\0';
     pPath->sPath = vcPath;
-    if (pRuntimeParam->IsLogProcFuncArgu()) {
-        m_pUtilities->LogInfo(pRuntimeParam, "[%s] Read path = %s", pLogArgu->pcName, pPath->sPath.c_str());
-    }
+    const LogContext log{m_pLog, pRuntimeParam, pLogArgu};
+    NFS_LOG_INFO(log, kLogProcFuncArgu, "[%s] Read path = %s", pPath->sPath.c_str());
     return true;
 }

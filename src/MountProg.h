@@ -1,11 +1,12 @@
 // CMountProg: the MOUNT program, versions 1 and 3 (RFC 1813, appendix I; RFC 1094, appendix A).
 #pragma once
 
+#include <array>
 #include <string>
 
 #include "Nfs3Types.h"
+#include "ProgramFrame.h"
 #include "RpcProg.h"
-#include "Utilities.h"
 
 /// Turns an export's name into its root file handle and binds the export to the calling client, and releases it again.
 ///
@@ -16,7 +17,11 @@ public:
     /// Procedures 0 to 5.
     static constexpr unsigned int kProcedureCount = 6;
 
+    using Procedure = ProcedureEntry<CMountProg>;
+
     explicit CMountProg(CUtilities* pUtilities);
+
+    static const std::array<Procedure, kProcedureCount>& GetProcedures();
 
     int Process(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam) override;
     unsigned int GetMaxSupportProc() override;
@@ -33,5 +38,7 @@ public:
     bool ReadPath(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, CInputStream* pInput, COpaquePath* pPath);
 
 private:
-    bool BindExport(ProcessParam* pParam, const LogArgu* pLogArgu, const std::string& sExportName, char* pcHandle);
+    bool FindRootHandle(CInputStream* pInput, ProcessParam* pParam, char* pcHandle);
+    bool BindExport(ProcessParam* pParam, const std::string& sExportName, char* pcHandle);
+    static void WriteRootHandle(COutputStream* pOutput, unsigned int iVersion, const char* pcHandle);
 };

@@ -1,36 +1,36 @@
-// The frame of the NFS version 3 program: dispatch by number, and what every procedure begins and ends with.
+// The frame of the NFS version 3 program: its table of procedures, and what each of them ends with.
 #include "Nfs3Prog.h"
 
-#include "ProgramFrame.h"
+#include "Utilities.h"
 
 namespace {
 
-using Procedure = CNfs3Prog::Procedure;
-
-constexpr std::array<Procedure, CNfs3Prog::kProcedureCount> kProcedures{{
-    {"Nfs3Prog.ProcedureNULL", &CNfs3Prog::ProcedureNULL},
-    {"Nfs3Prog.ProcedureGETATTR", &CNfs3Prog::ProcedureGETATTR},
-    {"Nfs3Prog.ProcedureSETATTR", &CNfs3Prog::ProcedureSETATTR},
-    {"Nfs3Prog.ProcedureLOOKUP", &CNfs3Prog::ProcedureLOOKUP},
-    {"Nfs3Prog.ProcedureACCESS", &CNfs3Prog::ProcedureACCESS},
-    {"Nfs3Prog.ProcedureREADLINK", &CNfs3Prog::ProcedureREADLINK},
-    {"Nfs3Prog.ProcedureREAD", &CNfs3Prog::ProcedureREAD},
-    {"Nfs3Prog.ProcedureWRITE", &CNfs3Prog::ProcedureWRITE},
-    {"Nfs3Prog.ProcedureCREATE", &CNfs3Prog::ProcedureCREATE},
-    {"Nfs3Prog.ProcedureMKDIR", &CNfs3Prog::ProcedureMKDIR},
-    {"Nfs3Prog.ProcedureSYMLINK", &CNfs3Prog::ProcedureSYMLINK},
-    {"Nfs3Prog.ProcedureMKNOD", &CNfs3Prog::ProcedureMKNOD},
-    {"Nfs3Prog.ProcedureREMOVE", &CNfs3Prog::ProcedureREMOVE},
-    {"Nfs3Prog.ProcedureRMDIR", &CNfs3Prog::ProcedureRMDIR},
-    {"Nfs3Prog.ProcedureRENAME", &CNfs3Prog::ProcedureRENAME},
-    {"Nfs3Prog.ProcedureLINK", &CNfs3Prog::ProcedureLINK},
-    {"Nfs3Prog.ProcedureREADDIR", &CNfs3Prog::ProcedureREADDIR},
-    {"Nfs3Prog.ProcedureREADDIRPLUS", &CNfs3Prog::ProcedureREADDIRPLUS},
-    {"Nfs3Prog.ProcedureFSSTAT", &CNfs3Prog::ProcedureFSSTAT},
-    {"Nfs3Prog.ProcedureFSINFO", &CNfs3Prog::ProcedureFSINFO},
-    {"Nfs3Prog.ProcedurePATHCONF", &CNfs3Prog::ProcedurePATHCONF},
-    {"Nfs3Prog.ProcedureCOMMIT", &CNfs3Prog::ProcedureCOMMIT},
-}};
+constexpr ProcedureTable<CNfs3Prog, CNfs3Prog::kProcedureCount> kProcedures{
+    {{
+        {"Nfs3Prog.ProcedureNULL", &CNfs3Prog::ProcedureNULL},
+        {"Nfs3Prog.ProcedureGETATTR", &CNfs3Prog::ProcedureGETATTR},
+        {"Nfs3Prog.ProcedureSETATTR", &CNfs3Prog::ProcedureSETATTR},
+        {"Nfs3Prog.ProcedureLOOKUP", &CNfs3Prog::ProcedureLOOKUP},
+        {"Nfs3Prog.ProcedureACCESS", &CNfs3Prog::ProcedureACCESS},
+        {"Nfs3Prog.ProcedureREADLINK", &CNfs3Prog::ProcedureREADLINK},
+        {"Nfs3Prog.ProcedureREAD", &CNfs3Prog::ProcedureREAD},
+        {"Nfs3Prog.ProcedureWRITE", &CNfs3Prog::ProcedureWRITE},
+        {"Nfs3Prog.ProcedureCREATE", &CNfs3Prog::ProcedureCREATE},
+        {"Nfs3Prog.ProcedureMKDIR", &CNfs3Prog::ProcedureMKDIR},
+        {"Nfs3Prog.ProcedureSYMLINK", &CNfs3Prog::ProcedureSYMLINK},
+        {"Nfs3Prog.ProcedureMKNOD", &CNfs3Prog::ProcedureMKNOD},
+        {"Nfs3Prog.ProcedureREMOVE", &CNfs3Prog::ProcedureREMOVE},
+        {"Nfs3Prog.ProcedureRMDIR", &CNfs3Prog::ProcedureRMDIR},
+        {"Nfs3Prog.ProcedureRENAME", &CNfs3Prog::ProcedureRENAME},
+        {"Nfs3Prog.ProcedureLINK", &CNfs3Prog::ProcedureLINK},
+        {"Nfs3Prog.ProcedureREADDIR", &CNfs3Prog::ProcedureREADDIR},
+        {"Nfs3Prog.ProcedureREADDIRPLUS", &CNfs3Prog::ProcedureREADDIRPLUS},
+        {"Nfs3Prog.ProcedureFSSTAT", &CNfs3Prog::ProcedureFSSTAT},
+        {"Nfs3Prog.ProcedureFSINFO", &CNfs3Prog::ProcedureFSINFO},
+        {"Nfs3Prog.ProcedurePATHCONF", &CNfs3Prog::ProcedurePATHCONF},
+        {"Nfs3Prog.ProcedureCOMMIT", &CNfs3Prog::ProcedureCOMMIT},
+    }},
+    {"Nfs3Prog.ProcedureNOIMP", &CNfs3Prog::ProcedureNOIMP}};
 
 }  // namespace
 
@@ -48,10 +48,13 @@ unsigned int CNfs3Prog::GetMaxSupportProc() {
 }
 
 bool CNfs3Prog::IsModifying(unsigned int iVersion, unsigned int iProc) {
-    return iVersion == kVersion && IsModifyingProcedure(iProc);
+    return IsModifyingCall(iVersion, iProc);
 }
 
-bool CNfs3Prog::IsModifyingProcedure(unsigned int iProc) {
+bool CNfs3Prog::IsModifyingCall(unsigned int iVersion, unsigned int iProc) {
+    if (iVersion != kVersion) {
+        return false;
+    }
     switch (iProc) {
         case NFSPROC3_SETATTR:
         case NFSPROC3_WRITE:
@@ -70,7 +73,7 @@ bool CNfs3Prog::IsModifyingProcedure(unsigned int iProc) {
 }
 
 const std::array<CNfs3Prog::Procedure, CNfs3Prog::kProcedureCount>& CNfs3Prog::GetProcedures() {
-    return kProcedures;
+    return kProcedures.procedures;
 }
 
 void CNfs3Prog::SetUserID(unsigned int iUId, unsigned int iGId) {
@@ -84,36 +87,21 @@ void CNfs3Prog::SetReadOnly(bool bEnable) {
 
 int CNfs3Prog::Process(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam) {
     const LogArgu logArgu{"Nfs3Prog.Process"};
-    LogProcedureName(m_pUtilities, pParam, logArgu);
-    if (m_pUtilities == nullptr || pParam->iProc >= kProcedures.size()) {
-        return ProcedureNOIMP(pInput, pOutput, pParam);
-    }
-    const Procedure& procedure = kProcedures[pParam->iProc];
-    return RunGuarded(m_pUtilities, pParam, logArgu,
-                      [&] { return (this->*procedure.pHandler)(pInput, pOutput, pParam); });
+    const LogContext log{m_pLog, pParam->pRuntimeParam, &logArgu};
+    LogEntered(log);
+    return kProcedures.Run(this, log, pInput, pOutput, pParam);
 }
 
-int CNfs3Prog::ProcedureNULL(CInputStream* /*pInput*/, COutputStream* /*pOutput*/, ProcessParam* pParam) {
-    BeginProcedure(pParam, NFSPROC3_NULL);
+int CNfs3Prog::ProcedureNULL(CInputStream* /*pInput*/, COutputStream* /*pOutput*/, ProcessParam* /*pParam*/) {
     return kProgHandled;
 }
 
-int CNfs3Prog::ProcedureNOIMP(CInputStream* /*pInput*/, COutputStream* /*pOutput*/, ProcessParam* pParam) {
-    LogProcedureName(m_pUtilities, pParam, LogArgu{"Nfs3Prog.ProcedureNOIMP"});
+int CNfs3Prog::ProcedureNOIMP(CInputStream* /*pInput*/, COutputStream* /*pOutput*/, ProcessParam* /*pParam*/) {
     return kProgNotImplemented;
 }
 
-/// Logs that a procedure is entered. Returns its tag.
-LogArgu CNfs3Prog::BeginProcedure(ProcessParam* pParam, unsigned int iProc) {
-    const LogArgu logArgu{kProcedures[iProc].pcTag};
-    LogProcedureName(m_pUtilities, pParam, logArgu);
-    return logArgu;
-}
-
 /// Logs a procedure's NFS status. The call itself is handled, whatever that is.
-int CNfs3Prog::EndProcedure(ProcessParam* pParam, const LogArgu& logArgu, nfsstat3 iStatus) {
-    if (pParam->pRuntimeParam->IsLogProcFuncArgu()) {
-        m_pUtilities->LogInfo(pParam->pRuntimeParam, "[%s] End stat=%d", logArgu.pcName, static_cast<int>(iStatus));
-    }
+int CNfs3Prog::EndProcedure(const LogContext& log, nfsstat3 iStatus) {
+    NFS_LOG_INFO(log, kLogProcFuncArgu, "[%s] End stat=%d", static_cast<int>(iStatus));
     return kProgHandled;
 }

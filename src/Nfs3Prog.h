@@ -13,6 +13,7 @@
 
 #include "KeptListings.h"
 #include "Nfs3Types.h"
+#include "ProgramFrame.h"
 #include "RpcNumbers.h"
 #include "RpcProg.h"
 #include "RuntimeParam.h"
@@ -46,7 +47,8 @@ public:
     unsigned int GetVersion() override;
     unsigned int GetMaxSupportProc() override;
     bool IsModifying(unsigned int iVersion, unsigned int iProc) override;
-    static bool IsModifyingProcedure(unsigned int iProc);
+    /// The same, for who has no program of version 3 yet.
+    static bool IsModifyingCall(unsigned int iVersion, unsigned int iProc);
 
     /// Stored for the host; owners in attributes are those of the host's files.
     void SetUserID(unsigned int iUId, unsigned int iGId);
@@ -81,11 +83,7 @@ public:
     int ProcedureCOMMIT(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam);
     int ProcedureNOIMP(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam);
 
-    /// One procedure: its log tag and its handler. The index in the table is its number.
-    struct Procedure {
-        const char* pcTag;
-        int (CNfs3Prog::*pHandler)(CInputStream*, COutputStream*, ProcessParam*);
-    };
+    using Procedure = ProcedureEntry<CNfs3Prog>;
     static constexpr unsigned int kProcedureCount = 22;
     static const std::array<Procedure, kProcedureCount>& GetProcedures();
 
@@ -134,8 +132,8 @@ public:
     /// The same for the entry itself, to be made, removed or renamed: its folder's links are resolved, and it may be a
     /// link, which is not followed. The path is empty for a name that no entry can have (too long, or with a NUL
     /// inside), and one of no entry (IsFolderItself) for a name that stands for a folder: none, "." or "..".
-    bool ReadEntryPath(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, CInputStream* pInput, diropargs3* pDirOp,
-                       std::string* psPath, bool* pbExists);
+    bool ReadEntryPath(const LogContext& log, CInputStream* pInput, diropargs3* pDirOp, std::string* psPath,
+                       bool* pbExists);
 
     /// Finds the export of a path and makes the call's runtime parameter carry its name and IPC ID. NFS3ERR_IO for a
     /// path in no export, or in one that another client has mounted.
@@ -164,73 +162,61 @@ public:
 
 private:
     // ---- Frame (Nfs3Prog.cpp)
-    LogArgu BeginProcedure(ProcessParam* pParam, unsigned int iProc);
-    int EndProcedure(ProcessParam* pParam, const LogArgu& logArgu, nfsstat3 iStatus);
+    static int EndProcedure(const LogContext& log, nfsstat3 iStatus);
 
     // ---- Failure replies, one for each shape (Nfs3ProgXdr.cpp)
     static void WriteStatusAndAttributes(COutputStream* pOutput, nfsstat3 iStatus);
     static void WriteStatusAndWcc(COutputStream* pOutput, nfsstat3 iStatus);
 
     // ---- Paths (Nfs3ProgPath.cpp)
-    nfsstat3 CheckExisting(ProcessParam* pParam, const LogArgu* pLogArgu, const std::string& sPath,
-                           bool bResolved = false, FoundStatus* pStatus = nullptr);
-    nfsstat3 CheckUnresolved(ProcessParam* pParam, const LogArgu* pLogArgu);
+    nfsstat3 CheckExisting(ProcessParam* pParam, const std::string& sPath, bool bResolved = false,
+                           FoundStatus* pStatus = nullptr);
+    nfsstat3 CheckUnresolved(ProcessParam* pParam);
     static nfsstat3 TellMissing(const ProcessParam& param, nfsstat3 iStatus);
-    MountAccess FindExport(CRuntimeParam* pScanParam, ProcessParam* pParam, const LogArgu* pLogArgu, const char* pcPath,
+    MountAccess FindExport(const LogContext& log, CRuntimeParam* pScanParam, ProcessParam* pParam, const char* pcPath,
                            MountInfo* pMountInfo);
-    MountAccess FindExportQuietly(ProcessParam* pParam, const LogArgu* pLogArgu, const char* pcPath);
-    void ReportNoExport(ProcessParam* pParam, const LogArgu* pLogArgu);
-    bool ReadJoinedPath(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, CInputStream* pInput, diropargs3* pDirOp,
-                        char* pcJoined, bool* pbWhole);
-    void LogPath(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const std::string& sPath);
+    MountAccess FindExportQuietly(const LogContext& log, ProcessParam* pParam, const char* pcPath);
+    static void ReportNoExport(const LogContext& log);
+    bool ReadJoinedPath(const LogContext& log, CInputStream* pInput, diropargs3* pDirOp, char* pcJoined, bool* pbWhole);
+    static void LogPath(const LogContext& log, const std::string& sPath);
     static bool IsFolderItself(const std::string& sPath);
-    bool ResolveWithinExports(ProcessParam* pParam, const LogArgu* pLogArgu, const char* pcPath,
-                              std::string* psResolved);
+    bool ResolveWithinExports(ProcessParam* pParam, const char* pcPath, std::string* psResolved);
 
     // ---- Attributes (Nfs3ProgAttributes.cpp)
-    bool GetCanonicalHandle(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
-                            nfs_fh3* pHandle);
-    post_op_attr GetPostOpAttributes(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
-                                     const FoundStatus* pFound = nullptr);
-    nfsstat3 CheckGuard(ProcessParam* pParam, const LogArgu* pLogArgu, const std::string& sPath,
-                        const sattrguard3& guard);
-    nfsstat3 ApplyAttributes(ProcessParam* pParam, const LogArgu* pLogArgu, const std::string& sPath,
-                             const sattr3& attributes);
-    bool UpdateFileAttributes(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const std::string& sPath,
-                              const sattr3& attributes);
+    bool GetCanonicalHandle(const LogContext& log, const char* pcPath, nfs_fh3* pHandle);
+    post_op_attr GetPostOpAttributes(const LogContext& log, const char* pcPath, const FoundStatus* pFound = nullptr);
+    static void LogAttributes(const LogContext& log, const char* pcPath, const fattr3& attributes);
+    nfsstat3 CheckGuard(ProcessParam* pParam, const std::string& sPath, const sattrguard3& guard);
+    nfsstat3 ApplyAttributes(ProcessParam* pParam, const std::string& sPath, const sattr3& attributes);
+    bool UpdateFileAttributes(const LogContext& log, const std::string& sPath, const sattr3& attributes);
 
     // ---- File system (Nfs3ProgFileSystem.cpp)
-    nfsstat3 CheckFileSystem(ProcessParam* pParam, const LogArgu* pLogArgu, const std::string& sPath,
-                             post_op_attr* pAttributes);
+    nfsstat3 CheckFileSystem(ProcessParam* pParam, const std::string& sPath, post_op_attr* pAttributes);
 
     // ---- READ and WRITE (Nfs3ProgReadWrite.cpp)
     struct ReadCall;
     struct WriteCall;
-    nfsstat3 ReadIntoReply(ProcessParam* pParam, const LogArgu* pLogArgu, COutputStream* pOutput, ReadCall* pCall);
-    nfsstat3 WriteFromCall(ProcessParam* pParam, const LogArgu* pLogArgu, CInputStream* pInput, WriteCall* pCall);
+    nfsstat3 ReadIntoReply(ProcessParam* pParam, COutputStream* pOutput, ReadCall* pCall);
+    nfsstat3 WriteFromCall(ProcessParam* pParam, CInputStream* pInput, WriteCall* pCall);
 
     // ---- Directories (Nfs3ProgDirectory.cpp)
     struct ListCall;
     int ListDirectory(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam, unsigned int iProc);
-    void ReadListCall(CInputStream* pInput, ProcessParam* pParam, const LogArgu* pLogArgu, ListCall* pCall);
-    nfsstat3 FindEntries(ProcessParam* pParam, const LogArgu* pLogArgu, const FoundStatus& found, ListCall* pCall);
-    nfsstat3 ReadEntries(ProcessParam* pParam, const LogArgu* pLogArgu, const CKeptListings::Key& key, ListCall* pCall);
-    unsigned int GetEntryID(ProcessParam* pParam, const LogArgu* pLogArgu, const ListCall& call,
-                            const ListedEntry& entry, const char* pcPath);
-    void WriteEntry(COutputStream* pOutput, ProcessParam* pParam, const LogArgu* pLogArgu, const ListCall& call,
-                    const ListedEntry& entry);
-    void WriteEntryTarget(COutputStream* pOutput, ProcessParam* pParam, const LogArgu* pLogArgu, const ListCall& call,
-                          const ListedEntry& entry, const char* pcPath, unsigned int iFileID);
+    void ReadListCall(CInputStream* pInput, ProcessParam* pParam, ListCall* pCall);
+    nfsstat3 FindEntries(ProcessParam* pParam, const FoundStatus& found, ListCall* pCall);
+    nfsstat3 ReadEntries(ProcessParam* pParam, const CKeptListings::Key& key, ListCall* pCall);
+    unsigned int GetEntryID(ProcessParam* pParam, const ListCall& call, const ListedEntry& entry, const char* pcPath);
+    void WriteEntry(COutputStream* pOutput, ProcessParam* pParam, const ListCall& call, const ListedEntry& entry);
+    void WriteEntryTarget(COutputStream* pOutput, ProcessParam* pParam, const ListCall& call, const ListedEntry& entry,
+                          const char* pcPath, unsigned int iFileID);
 
     // ---- Namespace (Nfs3ProgNamespace.cpp)
-    nfsstat3 CheckNewEntry(ProcessParam* pParam, const LogArgu* pLogArgu, const std::string& sPath);
-    nfsstat3 CheckOldEntry(ProcessParam* pParam, const LogArgu* pLogArgu, const std::string& sPath, bool bExists);
-    nfsstat3 CheckRemoval(ProcessParam* pParam, const LogArgu* pLogArgu, const std::string& sPath, bool bExists);
-    nfsstat3 CreateFile(ProcessParam* pParam, const LogArgu* pLogArgu, const std::string& sPath, const createhow3& how);
-    nfsstat3 RenameEntry(ProcessParam* pParam, const LogArgu* pLogArgu, const std::string& sFrom,
-                         const std::string& sTo);
-    void WriteNewEntry(COutputStream* pOutput, ProcessParam* pParam, const LogArgu* pLogArgu, const std::string& sPath,
-                       nfsstat3 iStatus);
+    nfsstat3 CheckNewEntry(ProcessParam* pParam, const std::string& sPath);
+    nfsstat3 CheckOldEntry(ProcessParam* pParam, const std::string& sPath, bool bExists);
+    nfsstat3 CheckRemoval(ProcessParam* pParam, const std::string& sPath, bool bExists);
+    nfsstat3 CreateFile(ProcessParam* pParam, const std::string& sPath, const createhow3& how);
+    nfsstat3 RenameEntry(ProcessParam* pParam, const std::string& sFrom, const std::string& sTo);
+    void WriteNewEntry(COutputStream* pOutput, ProcessParam* pParam, const std::string& sPath, nfsstat3 iStatus);
 
     std::atomic<unsigned int> m_iUId{0};
     std::atomic<unsigned int> m_iGId{0};

@@ -1,11 +1,10 @@
 // NFS version 3: GETATTR, SETATTR, LOOKUP, ACCESS, READLINK (RFC 1813, 3.3.1 to 3.3.5), and attributes of host files.
 #include "Nfs3Prog.h"
 
-#include <ctime>
-
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
+#include "DeviceAnswer.h"
 #include "FileSystemID.h"
 #include "InputStream.h"
 #include "OutputStream.h"
@@ -57,27 +56,20 @@ nfstime3 GetSeconds(const timespec& time) {
     return {static_cast<unsigned int>(time.tv_sec), 0};
 }
 
-/// The ID of the file system that a path lies on. Calls mostly stay on one, so the last answer holds for the next call
-/// on the same device within the second; a link may lead to another one.
+/// The ID of the file system that a path lies on; a link may lead to another one.
 unsigned long long GetFileSystemID(const char* pcPath, const struct stat& status) {
-    struct Answer {
-        std::time_t iTime = 0;
-        dev_t iDevice = 0;
-        unsigned long long iID = 0;
-    };
-    thread_local Answer last;
-    const std::time_t iNow = std::time(nullptr);
     if (S_ISLNK(status.st_mode)) {
         return CUtilities::GetFileSystemID(pcPath);
     }
-    if (last.iTime != iNow || last.iDevice != status.st_dev) {
-        const unsigned long long iID = CUtilities::GetFileSystemID(pcPath);
-        if (iID == kUnknownFileSystemID) {
-            return iID;  // the file has gone meanwhile, say; that tells nothing of the others there
-        }
-        last = {iNow, status.st_dev, iID};
+    thread_local CDeviceAnswer last;
+    if (const auto iKept = last.Find(status.st_dev)) {
+        return *iKept;
     }
-    return last.iID;
+    const unsigned long long iID = CUtilities::GetFileSystemID(pcPath);
+    if (iID != kUnknownFileSystemID) {  // the file has gone meanwhile, say; that tells nothing of the others there
+        last.Keep(status.st_dev, iID);
+    }
+    return iID;
 }
 
 }  // namespace
@@ -85,15 +77,15 @@ unsigned long long GetFileSystemID(const char* pcPath, const struct stat& status
 // ---- Procedures
 
 int CNfs3Prog::ProcedureGETATTR(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam) {
-    LogArgu logArgu = BeginProcedure(pParam, NFSPROC3_GETATTR);
+    const LogContext log = GetLog(pParam);
     std::string sPath;
-    ReadPath(pParam->pRuntimeParam, &logArgu, pInput, &sPath);
+    ReadPath(log.pRuntimeParam, log.pLogArgu, pInput, &sPath);
 
     FoundStatus found;
-    nfsstat3 iStatus = CheckExisting(pParam, &logArgu, sPath, false, &found);
+    nfsstat3 iStatus = CheckExisting(pParam, sPath, false, &found);
     fattr3 attributes;
     if (iStatus == NFS3_OK &&
-        !GetNfsFileAttributes(pParam->pRuntimeParam, &logArgu, sPath.c_str(), &attributes, &found)) {
+        !GetNfsFileAttributes(log.pRuntimeParam, log.pLogArgu, sPath.c_str(), &attributes, &found)) {
         iStatus = NFS3ERR_IO;
     }
 
@@ -101,140 +93,123 @@ int CNfs3Prog::ProcedureGETATTR(CInputStream* pInput, COutputStream* pOutput, Pr
     if (iStatus == NFS3_OK) {
         Write(pOutput, attributes);
     }
-    return EndProcedure(pParam, logArgu, iStatus);
+    return EndProcedure(log, iStatus);
 }
 
 int CNfs3Prog::ProcedureSETATTR(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam) {
-    LogArgu logArgu = BeginProcedure(pParam, NFSPROC3_SETATTR);
-    CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
+    const LogContext log = GetLog(pParam);
     std::string sPath;
     sattr3 attributes;
     sattrguard3 guard;
-    ReadPath(pRuntimeParam, &logArgu, pInput, &sPath);
+    ReadPath(log.pRuntimeParam, log.pLogArgu, pInput, &sPath);
     Read(pInput, &attributes, false);
     Read(pInput, &guard);
-    if (pRuntimeParam->IsLogProcFuncArgu()) {
-        m_pUtilities->LogInfo(pRuntimeParam, "[%s] Guard check: %d, time: %lld", logArgu.pcName, guard.check ? 1 : 0,
-                              static_cast<long long>(guard.obj_ctime.seconds));
-    }
+    NFS_LOG_INFO(log, kLogProcFuncArgu, "[%s] Guard check: %d, time: %lld", guard.check ? 1 : 0,
+                 static_cast<long long>(guard.obj_ctime.seconds));
 
-    nfsstat3 iStatus = CheckExisting(pParam, &logArgu, sPath);
+    nfsstat3 iStatus = CheckExisting(pParam, sPath);
     if (m_bReadOnly && attributes.SetsAnything()) {
         iStatus = NFS3ERR_ACCES;
     }
     if (iStatus == NFS3_OK) {
-        iStatus = CheckGuard(pParam, &logArgu, sPath, guard);
+        iStatus = CheckGuard(pParam, sPath, guard);
     }
     if (iStatus == NFS3_OK) {
-        iStatus = ApplyAttributes(pParam, &logArgu, sPath, attributes);
+        iStatus = ApplyAttributes(pParam, sPath, attributes);
     }
 
     WriteStatusAndWcc(pOutput, iStatus);
-    return EndProcedure(pParam, logArgu, iStatus);
+    return EndProcedure(log, iStatus);
 }
 
 /// The server's time is that of attributes which are never had, 0: only a guard of 0 seconds holds. The log line gives
 /// the server's time first.
-nfsstat3 CNfs3Prog::CheckGuard(ProcessParam* pParam, const LogArgu* pLogArgu, const std::string& sPath,
-                               const sattrguard3& guard) {
+nfsstat3 CNfs3Prog::CheckGuard(ProcessParam* pParam, const std::string& sPath, const sattrguard3& guard) {
+    const LogContext log = GetLog(pParam);
     wcc_attr before;
     GetNfsFileAttributes(sPath.c_str(), &before);
     if (!guard.check || before.ctime.seconds == guard.obj_ctime.seconds) {
         return NFS3_OK;
     }
-    if (pParam->pRuntimeParam->IsLogError()) {
-        m_pUtilities->LogError(pParam->pRuntimeParam, "[%s] Guard check fail, client: %lld, server: %lld",
-                               pLogArgu->pcName, static_cast<long long>(before.ctime.seconds),
-                               static_cast<long long>(guard.obj_ctime.seconds));
-    }
+    NFS_LOG_ERROR(log, "[%s] Guard check fail, client: %lld, server: %lld",
+                  static_cast<long long>(before.ctime.seconds), static_cast<long long>(guard.obj_ctime.seconds));
     return NFS3ERR_NOT_SYNC;
 }
 
-nfsstat3 CNfs3Prog::ApplyAttributes(ProcessParam* pParam, const LogArgu* pLogArgu, const std::string& sPath,
-                                    const sattr3& attributes) {
-    CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
+nfsstat3 CNfs3Prog::ApplyAttributes(ProcessParam* pParam, const std::string& sPath, const sattr3& attributes) {
+    const LogContext log = GetLog(pParam);
     const bool bTimes = attributes.atime.set_it != DONT_CHANGE || attributes.mtime.set_it != DONT_CHANGE;
     if ((m_iFSF3Properties & kFsf3CanSetTime) == 0 && bTimes) {
-        if (pRuntimeParam->IsLogError()) {
-            m_pUtilities->LogError(pRuntimeParam, "[%s] Server don't allow settime", pLogArgu->pcName);
-        }
+        NFS_LOG_ERROR(log, "[%s] Server don't allow settime");
         return NFS3ERR_INVAL;
     }
-    if (!UpdateFileAttributes(pRuntimeParam, pLogArgu, sPath, attributes)) {
-        if (pRuntimeParam->IsLogError()) {
-            m_pUtilities->LogError(pRuntimeParam, "[%s] Update file attribute to %s fail", pLogArgu->pcName,
-                                   sPath.c_str());
-        }
+    if (!UpdateFileAttributes(log, sPath, attributes)) {
+        NFS_LOG_ERROR(log, "[%s] Update file attribute to %s fail", sPath.c_str());
         return NFS3ERR_INVAL;
     }
     return NFS3_OK;
 }
 
 int CNfs3Prog::ProcedureLOOKUP(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam) {
-    LogArgu logArgu = BeginProcedure(pParam, NFSPROC3_LOOKUP);
-    CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
+    const LogContext log = GetLog(pParam);
     diropargs3 dirOp;
     std::string sPath;
     bool bResolved = false;
     FoundStatus found;
-    ReadPath(pRuntimeParam, &logArgu, pInput, &dirOp, &sPath, &bResolved, &found);
+    ReadPath(log.pRuntimeParam, log.pLogArgu, pInput, &dirOp, &sPath, &bResolved, &found);
 
-    const nfsstat3 iStatus = TellMissing(*pParam, CheckExisting(pParam, &logArgu, sPath, bResolved));
+    const nfsstat3 iStatus = TellMissing(*pParam, CheckExisting(pParam, sPath, bResolved));
     if (iStatus != NFS3_OK) {
         WriteStatusAndAttributes(pOutput, iStatus);
-        return EndProcedure(pParam, logArgu, iStatus);
+        return EndProcedure(log, iStatus);
     }
     nfs_fh3 handle;
-    GetCanonicalHandle(pRuntimeParam, &logArgu, sPath.c_str(), &handle);  // a path always gets one
+    GetCanonicalHandle(log, sPath.c_str(), &handle);  // a path always gets one
 
     Write(pOutput, static_cast<unsigned int>(iStatus));
     Write(pOutput, handle, false);
-    Write(pOutput, GetPostOpAttributes(pRuntimeParam, &logArgu, sPath.c_str(), &found));
+    Write(pOutput, GetPostOpAttributes(log, sPath.c_str(), &found));
     Write(pOutput, post_op_attr{});
-    return EndProcedure(pParam, logArgu, iStatus);
+    return EndProcedure(log, iStatus);
 }
 
 int CNfs3Prog::ProcedureACCESS(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam) {
-    LogArgu logArgu = BeginProcedure(pParam, NFSPROC3_ACCESS);
-    CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
+    const LogContext log = GetLog(pParam);
     std::string sPath;
     unsigned int iAccess = 0;
-    ReadPath(pRuntimeParam, &logArgu, pInput, &sPath);
+    ReadPath(log.pRuntimeParam, log.pLogArgu, pInput, &sPath);
     Read(pInput, &iAccess);
 
-    const nfsstat3 iStatus = CheckExisting(pParam, &logArgu, sPath);
+    const nfsstat3 iStatus = CheckExisting(pParam, sPath);
     const bool bReadOnly = m_bReadOnly;
-    if (pRuntimeParam->IsLogProcFuncArgu()) {
-        m_pUtilities->LogInfo(pRuntimeParam, "[%s] Readonly: %d, access: %x", logArgu.pcName, bReadOnly ? 1 : 0,
-                              iAccess);
-    }
+    NFS_LOG_INFO(log, kLogProcFuncArgu, "[%s] Readonly: %d, access: %x", bReadOnly ? 1 : 0, iAccess);
     if (iStatus != NFS3_OK) {
         WriteStatusAndAttributes(pOutput, iStatus);
-        return EndProcedure(pParam, logArgu, iStatus);
+        return EndProcedure(log, iStatus);
     }
     // All else is granted as asked: the host's permissions are not looked at.
     const unsigned int iGranted = bReadOnly ? iAccess & ~kAccessesOfWriters : iAccess;
 
     Write(pOutput, static_cast<unsigned int>(iStatus));
-    Write(pOutput, GetPostOpAttributes(pRuntimeParam, &logArgu, sPath.c_str()));
+    Write(pOutput, GetPostOpAttributes(log, sPath.c_str()));
     Write(pOutput, iGranted);
-    return EndProcedure(pParam, logArgu, iStatus);
+    return EndProcedure(log, iStatus);
 }
 
 // Links are resolved by the server and never shown to clients: there is none to read.
 int CNfs3Prog::ProcedureREADLINK(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam) {
-    LogArgu logArgu = BeginProcedure(pParam, NFSPROC3_READLINK);
+    const LogContext log = GetLog(pParam);
     COpaquePath path;
     Read(pInput, &path, true);
 
-    const nfsstat3 iStatus = CheckUnresolved(pParam, &logArgu);
+    const nfsstat3 iStatus = CheckUnresolved(pParam);
 
     Write(pOutput, static_cast<unsigned int>(iStatus));
     if (iStatus == NFS3_OK) {
         Write(pOutput, path, false);
     }
     Write(pOutput, post_op_attr{});
-    return EndProcedure(pParam, logArgu, iStatus);
+    return EndProcedure(log, iStatus);
 }
 
 // ---- Handles and attributes
@@ -246,10 +221,9 @@ bool CNfs3Prog::GetNfsFileHandle(CRuntimeParam* pRuntimeParam, const LogArgu* pL
 }
 
 /// The handle of a path that was resolved for this call, and is resolved once more only where that is to be logged.
-bool CNfs3Prog::GetCanonicalHandle(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
-                                   nfs_fh3* pHandle) {
-    if (pRuntimeParam->IsLogGeneralInfo()) {
-        return GetNfsFileHandle(pRuntimeParam, pLogArgu, pcPath, pHandle);
+bool CNfs3Prog::GetCanonicalHandle(const LogContext& log, const char* pcPath, nfs_fh3* pHandle) {
+    if (log.pRuntimeParam->IsLogGeneralInfo()) {
+        return GetNfsFileHandle(log.pRuntimeParam, log.pLogArgu, pcPath, pHandle);
     }
     return CUtilities::MakeFileHandle(m_pUtilities->GetCanonicalFileID(pcPath), pHandle->cHandle, kNfs3HandleSize);
 }
@@ -257,43 +231,46 @@ bool CNfs3Prog::GetCanonicalHandle(CRuntimeParam* pRuntimeParam, const LogArgu* 
 bool CNfs3Prog::GetNfsFileAttributes(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
                                      fattr3* pAttributes, const FoundStatus* pFound) {
     FoundStatus found;
-    struct stat& status = found.status;
-    if (m_pUtilities->OS_GetFileStat(pRuntimeParam, pLogArgu, pcPath, &status, nullptr, pFound) != 0) {
+    const struct stat& status = found.status;
+    if (m_pUtilities->OS_GetFileStat(pRuntimeParam, pLogArgu, pcPath, &found.status, nullptr, pFound) != 0) {
         return false;
     }
     found.bKnown = true;
     found.bLinks = pFound == nullptr || !pFound->bKnown;
-    const ftype3 iType = GetFileType(status.st_mode);
     unsigned long long iSize = static_cast<unsigned long long>(status.st_size);
-    fattr3& attributes = *pAttributes;
-    attributes.type = iType;
-    attributes.rdev = GetDevice(iType, status);
-    attributes.mode = ConvertFileModeToNfsFileMode(status.st_mode);
-    attributes.nlink = static_cast<unsigned int>(status.st_nlink);
-    attributes.fsid = GetFileSystemID(pcPath, status);
+    const ftype3 iType = GetFileType(status.st_mode);
+    const unsigned long long iFileSystemID = GetFileSystemID(pcPath, status);
     if (iType == NF3REG) {
         iSize = m_pUtilities->GetFileSize(pRuntimeParam, pLogArgu, pcPath, iSize, &found);
     }
-    attributes.size = iSize;
-    attributes.used = iSize;
+    fattr3& attributes = *pAttributes;
+    attributes.type = iType;
+    attributes.mode = ConvertFileModeToNfsFileMode(status.st_mode);
+    attributes.nlink = static_cast<unsigned int>(status.st_nlink);
     attributes.uid = status.st_uid;
     attributes.gid = status.st_gid;
+    attributes.size = iSize;
+    attributes.used = iSize;
+    attributes.rdev = GetDevice(iType, status);
+    attributes.fsid = iFileSystemID;
     attributes.fileid = status.st_ino;
     attributes.atime = GetSeconds(status.st_atim);
     attributes.mtime = GetSeconds(status.st_mtim);
     attributes.ctime = GetSeconds(status.st_ctim);
-    if (pRuntimeParam->IsLogProcFuncArgu()) {
-        m_pUtilities->LogInfo(
-            pRuntimeParam,
-            "[%s] Path=%s, type=%u, mode=%x, nlink=%u, uid=%u, gid=%u, size=%lld, used=%lld, rdev.1=%u, rdev.2=%u, "
-            "fsid=%llu, atime.s=%u, atime.ns=%u, mtime.s=%u, mtime.ns=%u, ctime.s=%u, ctime.ns=%u",
-            pLogArgu->pcName, pcPath, attributes.type, attributes.mode, attributes.nlink, attributes.uid,
-            attributes.gid, static_cast<long long>(attributes.size), static_cast<long long>(attributes.used),
-            attributes.rdev.specdata1, attributes.rdev.specdata2, static_cast<unsigned long long>(attributes.fsid),
-            attributes.atime.seconds, attributes.atime.nseconds, attributes.mtime.seconds, attributes.mtime.nseconds,
-            attributes.ctime.seconds, attributes.ctime.nseconds);
-    }
+    LogAttributes({m_pLog, pRuntimeParam, pLogArgu}, pcPath, attributes);
     return true;
+}
+
+void CNfs3Prog::LogAttributes(const LogContext& log, const char* pcPath, const fattr3& attributes) {
+    NFS_LOG_INFO(
+        log, kLogProcFuncArgu,
+        "[%s] Path=%s, type=%u, mode=%x, nlink=%u, uid=%u, gid=%u, size=%lld, used=%lld, rdev.1=%u, rdev.2=%u, "
+        "fsid=%llu, atime.s=%u, atime.ns=%u, mtime.s=%u, mtime.ns=%u, ctime.s=%u, ctime.ns=%u",
+        pcPath, attributes.type, attributes.mode, attributes.nlink, attributes.uid, attributes.gid,
+        static_cast<long long>(attributes.size), static_cast<long long>(attributes.used), attributes.rdev.specdata1,
+        attributes.rdev.specdata2, static_cast<unsigned long long>(attributes.fsid), attributes.atime.seconds,
+        attributes.atime.nseconds, attributes.mtime.seconds, attributes.mtime.nseconds, attributes.ctime.seconds,
+        attributes.ctime.nseconds);
 }
 
 bool CNfs3Prog::GetNfsFileAttributes(const char* /*pcPath*/, wcc_attr* /*pAttributes*/) {
@@ -301,19 +278,17 @@ bool CNfs3Prog::GetNfsFileAttributes(const char* /*pcPath*/, wcc_attr* /*pAttrib
 }
 
 /// Attributes that follow if they could be had.
-post_op_attr CNfs3Prog::GetPostOpAttributes(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
-                                            const FoundStatus* pFound) {
+post_op_attr CNfs3Prog::GetPostOpAttributes(const LogContext& log, const char* pcPath, const FoundStatus* pFound) {
     post_op_attr attributes;
     attributes.attributes_follow =
-        GetNfsFileAttributes(pRuntimeParam, pLogArgu, pcPath, &attributes.attributes, pFound);
+        GetNfsFileAttributes(log.pRuntimeParam, log.pLogArgu, pcPath, &attributes.attributes, pFound);
     return attributes;
 }
 
 /// Hands what a client set on to the files. The server's time goes as 0 seconds.
-bool CNfs3Prog::UpdateFileAttributes(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const std::string& sPath,
-                                     const sattr3& attributes) {
+bool CNfs3Prog::UpdateFileAttributes(const LogContext& log, const std::string& sPath, const sattr3& attributes) {
     return m_pUtilities->UpdateFileAttributes(
-        pRuntimeParam, pLogArgu, sPath.c_str(), attributes.mode.set_it,
+        log.pRuntimeParam, log.pLogArgu, sPath.c_str(), attributes.mode.set_it,
         ConvertNfsFileModeToFileMode(attributes.mode.mode), attributes.uid.set_it, attributes.uid.uid,
         attributes.gid.set_it, attributes.gid.gid, attributes.size.set_it, attributes.size.size,
         attributes.atime.set_it != DONT_CHANGE, attributes.atime.atime.seconds, attributes.atime.atime.nseconds,

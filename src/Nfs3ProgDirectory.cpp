@@ -133,65 +133,61 @@ int CNfs3Prog::ProcedureREADDIRPLUS(CInputStream* pInput, COutputStream* pOutput
 }
 
 int CNfs3Prog::ListDirectory(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam, unsigned int iProc) {
-    LogArgu logArgu = BeginProcedure(pParam, iProc);
+    const LogContext log = GetLog(pParam);
     ListCall call;
     call.bPlus = iProc == NFSPROC3_READDIRPLUS;
-    ReadListCall(pInput, pParam, &logArgu, &call);
+    ReadListCall(pInput, pParam, &call);
 
     FoundStatus found;
-    nfsstat3 iStatus = CheckExisting(pParam, &logArgu, call.sPath, false, &found);
+    nfsstat3 iStatus = CheckExisting(pParam, call.sPath, false, &found);
     post_op_attr attributes;
     if (iStatus == NFS3_OK) {
-        attributes = GetPostOpAttributes(pParam->pRuntimeParam, &logArgu, call.sPath.c_str(), &found);
-        iStatus = attributes.attributes_follow ? FindEntries(pParam, &logArgu, found, &call) : NFS3ERR_IO;
+        attributes = GetPostOpAttributes(log, call.sPath.c_str(), &found);
+        iStatus = attributes.attributes_follow ? FindEntries(pParam, found, &call) : NFS3ERR_IO;
     }
     if (iStatus != NFS3_OK) {
         WriteStatusAndAttributes(pOutput, iStatus);
-        return EndProcedure(pParam, logArgu, iStatus);
+        return EndProcedure(log, iStatus);
     }
 
     Write(pOutput, static_cast<unsigned int>(iStatus));
     Write(pOutput, attributes);
     Write(pOutput, call.lCookieVerf);
     for (const ListedEntry& entry : call.vEntries) {
-        WriteEntry(pOutput, pParam, &logArgu, call, entry);
+        WriteEntry(pOutput, pParam, call, entry);
     }
     Write(pOutput, false);  // no further entry
     Write(pOutput, call.bEof);
-    return EndProcedure(pParam, logArgu, iStatus);
+    return EndProcedure(log, iStatus);
 }
 
-void CNfs3Prog::ReadListCall(CInputStream* pInput, ProcessParam* pParam, const LogArgu* pLogArgu, ListCall* pCall) {
-    CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
-    ReadPath(pRuntimeParam, pLogArgu, pInput, &pCall->sPath);
+void CNfs3Prog::ReadListCall(CInputStream* pInput, ProcessParam* pParam, ListCall* pCall) {
+    const LogContext log = GetLog(pParam);
+    ReadPath(log.pRuntimeParam, log.pLogArgu, pInput, &pCall->sPath);
     Read(pInput, &pCall->lCookie);
     Read(pInput, &pCall->lCookieVerf);
     if (pCall->bPlus) {
         Read(pInput, &pCall->iDirCount);
     }
     Read(pInput, &pCall->iMaxCount);
-    if (!pRuntimeParam->IsLogProcFuncArgu()) {
-        return;
-    }
     const unsigned long long lCookie = pCall->lCookie;
     const unsigned long long lCookieVerf = pCall->lCookieVerf;
     if (pCall->bPlus) {
-        m_pUtilities->LogInfo(pRuntimeParam, "[%s] Cookie=%llu, cookieverf=%llu, dircount=%u, maxcount=%u",
-                              pLogArgu->pcName, lCookie, lCookieVerf, pCall->iDirCount, pCall->iMaxCount);
+        NFS_LOG_INFO(log, kLogProcFuncArgu, "[%s] Cookie=%llu, cookieverf=%llu, dircount=%u, maxcount=%u", lCookie,
+                     lCookieVerf, pCall->iDirCount, pCall->iMaxCount);
     } else {
-        m_pUtilities->LogInfo(pRuntimeParam, "[%s] Cookie=%llu, cookieverf=%llu, count=%u", pLogArgu->pcName, lCookie,
-                              lCookieVerf, pCall->iMaxCount);
+        NFS_LOG_INFO(log, kLogProcFuncArgu, "[%s] Cookie=%llu, cookieverf=%llu, count=%u", lCookie, lCookieVerf,
+                     pCall->iMaxCount);
     }
 }
 
 /// Finds the entries behind the cookie, from what is kept or from the directory, whose status may be known. A directory
 /// that cannot be read to its end gives NFS3ERR_IO.
-nfsstat3 CNfs3Prog::FindEntries(ProcessParam* pParam, const LogArgu* pLogArgu, const FoundStatus& found,
-                                ListCall* pCall) {
+nfsstat3 CNfs3Prog::FindEntries(ProcessParam* pParam, const FoundStatus& found, ListCall* pCall) {
     FoundStatus resolved = found;
     pCall->sCanonicalPath = pCall->sPath;
     if (!found.bKnown || !IsPlainPath(pCall->sPath.c_str())) {
-        if (!ResolveWithinExports(pParam, pLogArgu, pCall->sPath.c_str(), &pCall->sCanonicalPath) ||
+        if (!ResolveWithinExports(pParam, pCall->sPath.c_str(), &pCall->sCanonicalPath) ||
             ::stat(pCall->sCanonicalPath.c_str(), &resolved.status) != 0) {
             return NFS3ERR_IO;  // gone since it was checked
         }
@@ -204,19 +200,19 @@ nfsstat3 CNfs3Prog::FindEntries(ProcessParam* pParam, const LogArgu* pLogArgu, c
             return NFS3_OK;
         }
     }
-    return ReadEntries(pParam, pLogArgu, key, pCall);
+    return ReadEntries(pParam, key, pCall);
 }
 
 /// Reads the directory and finds the entries behind the cookie. A directory that cannot be opened has none, or no more
 /// than were found already.
-nfsstat3 CNfs3Prog::ReadEntries(ProcessParam* pParam, const LogArgu* pLogArgu, const CKeptListings::Key& key,
-                                ListCall* pCall) {
+nfsstat3 CNfs3Prog::ReadEntries(ProcessParam* pParam, const CKeptListings::Key& key, ListCall* pCall) {
+    const LogContext log = GetLog(pParam);
     const char* pcPath = pCall->sPath.c_str();
     Directory directory;
     bool bOpen = directory.Open(pcPath);
     if (!bOpen && errno == EMFILE) {
         // A list that is empty for want of a descriptor would pass for an empty directory.
-        m_pUtilities->FreeCachedFileHandles(pParam->pRuntimeParam, pLogArgu);
+        m_pUtilities->FreeCachedFileHandles(log.pRuntimeParam, log.pLogArgu);
         bOpen = directory.Open(pcPath);
     }
     if (!bOpen) {
@@ -240,58 +236,57 @@ nfsstat3 CNfs3Prog::ReadEntries(ProcessParam* pParam, const LogArgu* pLogArgu, c
 
 /// The ID of the path that an entry's path resolves to: without asking the host again, unless the entry is a link. The
 /// line that tells of the resolving goes out as ever.
-unsigned int CNfs3Prog::GetEntryID(ProcessParam* pParam, const LogArgu* pLogArgu, const ListCall& call,
-                                   const ListedEntry& entry, const char* pcPath) {
+unsigned int CNfs3Prog::GetEntryID(ProcessParam* pParam, const ListCall& call, const ListedEntry& entry,
+                                   const char* pcPath) {
+    const LogContext log = GetLog(pParam);
     char vcCanonical[kPathBufferSize];
     const bool bPlain = entry.found.bKnown && !S_ISLNK(entry.found.status.st_mode);
     const char* pcDirectory = call.sCanonicalPath == "/" ? "" : call.sCanonicalPath.c_str();
-    if (bPlain && !pParam->pRuntimeParam->IsLogGeneralInfo() &&
+    if (bPlain && !log.pRuntimeParam->IsLogGeneralInfo() &&
         AppendFilePath(pcDirectory, entry.sName.c_str(), vcCanonical)) {
         return m_pUtilities->GetCanonicalFileID(vcCanonical);
     }
-    return m_pUtilities->GetFileID(pParam->pRuntimeParam, pLogArgu, pcPath);
+    return m_pUtilities->GetFileID(log.pRuntimeParam, log.pLogArgu, pcPath);
 }
 
 // The fileid is the file table's ID, not the inode number that the attributes carry.
-void CNfs3Prog::WriteEntry(COutputStream* pOutput, ProcessParam* pParam, const LogArgu* pLogArgu, const ListCall& call,
+void CNfs3Prog::WriteEntry(COutputStream* pOutput, ProcessParam* pParam, const ListCall& call,
                            const ListedEntry& entry) {
+    const LogContext log = GetLog(pParam);
     char vcPath[kPathBufferSize];
     // A path that does not fit names nothing: no ID, no attributes, no handle.
     const char* pcPath = AppendFilePath(call.sPath.c_str(), entry.sName.c_str(), vcPath) ? vcPath : nullptr;
 
     Write(pOutput, true);  // an entry follows
-    const unsigned int iFileID = GetEntryID(pParam, pLogArgu, call, entry, pcPath);
+    const unsigned int iFileID = GetEntryID(pParam, call, entry, pcPath);
     Write(pOutput, static_cast<unsigned long>(iFileID));
     Write(pOutput, COpaquePath{entry.sName}, false);
     Write(pOutput, entry.lCookie);
-    if (pParam->pRuntimeParam->IsLogProcFuncArgu()) {
-        m_pUtilities->LogInfo(pParam->pRuntimeParam, "[%s] Cookie=%llu, name=%s", pLogArgu->pcName,
-                              static_cast<unsigned long long>(entry.lCookie), entry.sName.c_str());
-    }
+    NFS_LOG_INFO(log, kLogProcFuncArgu, "[%s] Cookie=%llu, name=%s", static_cast<unsigned long long>(entry.lCookie),
+                 entry.sName.c_str());
     if (call.bPlus) {
-        WriteEntryTarget(pOutput, pParam, pLogArgu, call, entry, pcPath, iFileID);
+        WriteEntryTarget(pOutput, pParam, call, entry, pcPath, iFileID);
     }
 }
 
 /// Writes what an entry of READDIRPLUS has besides: the attributes and the handle of what it leads to. Clients never
 /// see a link: one that leads nowhere, or out of the exports, has neither.
-void CNfs3Prog::WriteEntryTarget(COutputStream* pOutput, ProcessParam* pParam, const LogArgu* pLogArgu,
-                                 const ListCall& call, const ListedEntry& entry, const char* pcPath,
-                                 unsigned int iFileID) {
-    CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
+void CNfs3Prog::WriteEntryTarget(COutputStream* pOutput, ProcessParam* pParam, const ListCall& call,
+                                 const ListedEntry& entry, const char* pcPath, unsigned int iFileID) {
+    const LogContext log = GetLog(pParam);
     post_op_attr attributes;
     post_op_fh3 handle;
     if (pcPath != nullptr) {
         const bool bLink = entry.found.bKnown && S_ISLNK(entry.found.status.st_mode);
         std::string sTarget;
-        const bool bShown = !bLink || ResolveWithinExports(pParam, pLogArgu, pcPath, &sTarget);
+        const bool bShown = !bLink || ResolveWithinExports(pParam, pcPath, &sTarget);
         if (bShown) {
             // What was found holds for a path without links.
             const FoundStatus* pFound = !bLink && call.sCanonicalPath == call.sPath ? &entry.found : nullptr;
-            attributes = GetPostOpAttributes(pRuntimeParam, pLogArgu, bLink ? sTarget.c_str() : pcPath, pFound);
+            attributes = GetPostOpAttributes(log, bLink ? sTarget.c_str() : pcPath, pFound);
             // The ID is that of the handle; the path is resolved once more only where that is to be logged.
-            handle.handle_follows = pRuntimeParam->IsLogGeneralInfo()
-                                        ? GetNfsFileHandle(pRuntimeParam, pLogArgu, pcPath, &handle.handle)
+            handle.handle_follows = log.pRuntimeParam->IsLogGeneralInfo()
+                                        ? GetNfsFileHandle(log.pRuntimeParam, log.pLogArgu, pcPath, &handle.handle)
                                         : CUtilities::MakeFileHandle(iFileID, handle.handle.cHandle, kNfs3HandleSize);
         }
     }

@@ -19,15 +19,15 @@ constexpr unsigned int kNameMax = 255;
 }  // namespace
 
 int CNfs3Prog::ProcedureFSSTAT(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam) {
-    LogArgu logArgu = BeginProcedure(pParam, NFSPROC3_FSSTAT);
+    const LogContext log = GetLog(pParam);
     std::string sPath;
-    ReadPath(pParam->pRuntimeParam, &logArgu, pInput, &sPath);
+    ReadPath(log.pRuntimeParam, log.pLogArgu, pInput, &sPath);
 
     post_op_attr attributes;
-    const nfsstat3 iStatus = CheckFileSystem(pParam, &logArgu, sPath, &attributes);
+    const nfsstat3 iStatus = CheckFileSystem(pParam, sPath, &attributes);
     if (iStatus != NFS3_OK) {
         WriteStatusAndAttributes(pOutput, iStatus);
-        return EndProcedure(pParam, logArgu, iStatus);
+        return EndProcedure(log, iStatus);
     }
     const char* pcPath = sPath.c_str();
 
@@ -40,19 +40,19 @@ int CNfs3Prog::ProcedureFSSTAT(CInputStream* pInput, COutputStream* pOutput, Pro
     pOutput->Write8(CUtilities::GetFreeFileSlots(pcPath));
     pOutput->Write8(CUtilities::GetFreeFileSlotsAvailableToCaller(pcPath));
     Write(pOutput, 0U);  // invarsec: the figures may change at any time
-    return EndProcedure(pParam, logArgu, iStatus);
+    return EndProcedure(log, iStatus);
 }
 
 int CNfs3Prog::ProcedureFSINFO(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam) {
-    LogArgu logArgu = BeginProcedure(pParam, NFSPROC3_FSINFO);
+    const LogContext log = GetLog(pParam);
     std::string sPath;
-    ReadPath(pParam->pRuntimeParam, &logArgu, pInput, &sPath);
+    ReadPath(log.pRuntimeParam, log.pLogArgu, pInput, &sPath);
 
     post_op_attr attributes;
-    const nfsstat3 iStatus = CheckFileSystem(pParam, &logArgu, sPath, &attributes);
+    const nfsstat3 iStatus = CheckFileSystem(pParam, sPath, &attributes);
     if (iStatus != NFS3_OK) {
         WriteStatusAndAttributes(pOutput, iStatus);
-        return EndProcedure(pParam, logArgu, iStatus);
+        return EndProcedure(log, iStatus);
     }
 
     Write(pOutput, static_cast<unsigned int>(iStatus));
@@ -67,27 +67,27 @@ int CNfs3Prog::ProcedureFSINFO(CInputStream* pInput, COutputStream* pOutput, Pro
     pOutput->Write8(CUtilities::GetMaxFileSize(sPath.c_str()));
     Write(pOutput, kTimeDelta);
     Write(pOutput, m_iFSF3Properties);
-    return EndProcedure(pParam, logArgu, iStatus);
+    return EndProcedure(log, iStatus);
 }
 
 /// The checks of FSSTAT and FSINFO: a path in an export that exists and has attributes.
-nfsstat3 CNfs3Prog::CheckFileSystem(ProcessParam* pParam, const LogArgu* pLogArgu, const std::string& sPath,
-                                    post_op_attr* pAttributes) {
-    const nfsstat3 iStatus = CheckExisting(pParam, pLogArgu, sPath);
+nfsstat3 CNfs3Prog::CheckFileSystem(ProcessParam* pParam, const std::string& sPath, post_op_attr* pAttributes) {
+    const LogContext log = GetLog(pParam);
+    const nfsstat3 iStatus = CheckExisting(pParam, sPath);
     if (iStatus != NFS3_OK) {
         return iStatus;
     }
-    *pAttributes = GetPostOpAttributes(pParam->pRuntimeParam, pLogArgu, sPath.c_str());
+    *pAttributes = GetPostOpAttributes(log, sPath.c_str());
     return pAttributes->attributes_follow ? NFS3_OK : NFS3ERR_IO;
 }
 
 // Not served: the handle is passed over, and so no path is found.
 int CNfs3Prog::ProcedurePATHCONF(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam) {
-    LogArgu logArgu = BeginProcedure(pParam, NFSPROC3_PATHCONF);
+    const LogContext log = GetLog(pParam);
     COpaquePath path;
     Read(pInput, &path, true);
 
-    const nfsstat3 iStatus = CheckUnresolved(pParam, &logArgu);
+    const nfsstat3 iStatus = CheckUnresolved(pParam);
 
     WriteStatusAndAttributes(pOutput, iStatus);
     if (iStatus == NFS3_OK) {
@@ -98,5 +98,5 @@ int CNfs3Prog::ProcedurePATHCONF(CInputStream* pInput, COutputStream* pOutput, P
         Write(pOutput, true);      // case_insensitive
         Write(pOutput, true);      // case_preserving
     }
-    return EndProcedure(pParam, logArgu, iStatus);
+    return EndProcedure(log, iStatus);
 }

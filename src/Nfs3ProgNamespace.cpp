@@ -17,167 +17,159 @@ constexpr unsigned int kDefaultFolderMode = 0755;
 // ---- Making
 
 int CNfs3Prog::ProcedureCREATE(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam) {
-    LogArgu logArgu = BeginProcedure(pParam, NFSPROC3_CREATE);
+    const LogContext log = GetLog(pParam);
     diropargs3 dirOp;
     createhow3 how;
     std::string sPath;
     bool bEntryName = false;
-    ReadPath(pParam->pRuntimeParam, &logArgu, pInput, &dirOp, &sPath, nullptr, nullptr, &bEntryName);
+    ReadPath(log.pRuntimeParam, log.pLogArgu, pInput, &dirOp, &sPath, nullptr, nullptr, &bEntryName);
     Read(pInput, &how);
     if (!bEntryName) {
         sPath.clear();  // nothing is made under a name that is not wholly used
     }
 
-    nfsstat3 iStatus = CheckNewEntry(pParam, &logArgu, sPath);
+    nfsstat3 iStatus = CheckNewEntry(pParam, sPath);
     if (iStatus == NFS3_OK) {
-        iStatus = CreateFile(pParam, &logArgu, sPath, how);
+        iStatus = CreateFile(pParam, sPath, how);
     }
 
-    WriteNewEntry(pOutput, pParam, &logArgu, sPath, iStatus);
-    return EndProcedure(pParam, logArgu, iStatus);
+    WriteNewEntry(pOutput, pParam, sPath, iStatus);
+    return EndProcedure(log, iStatus);
 }
 
 /// Makes the file, or opens the one that is there; then sets the attributes asked for.
-nfsstat3 CNfs3Prog::CreateFile(ProcessParam* pParam, const LogArgu* pLogArgu, const std::string& sPath,
-                               const createhow3& how) {
-    CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
+nfsstat3 CNfs3Prog::CreateFile(ProcessParam* pParam, const std::string& sPath, const createhow3& how) {
+    const LogContext log = GetLog(pParam);
     const char* pcPath = sPath.c_str();
-    const bool bLog = pRuntimeParam->IsLogProcFuncArgu();
-    const bool bExists = (bLog || how.mode == GUARDED) && m_pUtilities->OS_IsFileExists(pcPath, nullptr);
-    if (bLog) {
-        m_pUtilities->LogInfo(pRuntimeParam, "[%s] Mode: %d, Is file exist before create: %d", pLogArgu->pcName,
-                              static_cast<int>(how.mode), bExists ? 1 : 0);
-    }
+    const bool bAsk = how.mode == GUARDED || log.IsWanted(CRuntimeParam::kLogProcFuncArgu);
+    const bool bExists = bAsk && m_pUtilities->OS_IsFileExists(pcPath, nullptr);
+    NFS_LOG_INFO(log, kLogProcFuncArgu, "[%s] Mode: %d, Is file exist before create: %d", static_cast<int>(how.mode),
+                 bExists ? 1 : 0);
     nfsstat3 iStatus = NFS3_OK;
     if (how.mode == GUARDED && bExists) {
         iStatus = NFS3ERR_EXIST;
-    } else if (how.mode > EXCLUSIVE || !m_pUtilities->NewFile(pRuntimeParam, pLogArgu, pcPath) ||
-               !UpdateFileAttributes(pRuntimeParam, pLogArgu, sPath, how.obj_attributes)) {
+    } else if (how.mode > EXCLUSIVE || !m_pUtilities->NewFile(log.pRuntimeParam, log.pLogArgu, pcPath) ||
+               !UpdateFileAttributes(log, sPath, how.obj_attributes)) {
         iStatus = NFS3ERR_IO;
     }
-    if (bLog) {
-        m_pUtilities->LogInfo(pRuntimeParam, "[%s] Is file exist after create: %d", pLogArgu->pcName,
-                              m_pUtilities->OS_IsFileExists(pcPath, nullptr) ? 1 : 0);
-    }
+    NFS_LOG_INFO(log, kLogProcFuncArgu, "[%s] Is file exist after create: %d",
+                 m_pUtilities->OS_IsFileExists(pcPath, nullptr) ? 1 : 0);
     return iStatus;
 }
 
 int CNfs3Prog::ProcedureMKDIR(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam) {
-    LogArgu logArgu = BeginProcedure(pParam, NFSPROC3_MKDIR);
-    CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
+    const LogContext log = GetLog(pParam);
     diropargs3 dirOp;
     sattr3 attributes;
     std::string sPath;
     bool bExists = false;
-    ReadEntryPath(pRuntimeParam, &logArgu, pInput, &dirOp, &sPath, &bExists);
+    ReadEntryPath(log, pInput, &dirOp, &sPath, &bExists);
     Read(pInput, &attributes, false);
 
-    nfsstat3 iStatus = CheckNewEntry(pParam, &logArgu, sPath);
+    nfsstat3 iStatus = CheckNewEntry(pParam, sPath);
     if (iStatus == NFS3_OK) {
         const unsigned int iMode = attributes.mode.set_it ? attributes.mode.mode : kDefaultFolderMode;
-        if (m_pUtilities->OS_FolderCreate(pRuntimeParam, &logArgu, sPath.c_str(), iMode, nullptr) == -1) {
+        if (m_pUtilities->OS_FolderCreate(log.pRuntimeParam, log.pLogArgu, sPath.c_str(), iMode, nullptr) == -1) {
             iStatus = NFS3ERR_IO;
         }
     }
 
-    WriteNewEntry(pOutput, pParam, &logArgu, sPath, iStatus);
-    return EndProcedure(pParam, logArgu, iStatus);
+    WriteNewEntry(pOutput, pParam, sPath, iStatus);
+    return EndProcedure(log, iStatus);
 }
 
 /// The checks of CREATE and MKDIR: the path is one of an entry in an export, and the server may be written to.
-nfsstat3 CNfs3Prog::CheckNewEntry(ProcessParam* pParam, const LogArgu* pLogArgu, const std::string& sPath) {
-    nfsstat3 iStatus = CheckProcessParam(pParam, pLogArgu, sPath.c_str());
+nfsstat3 CNfs3Prog::CheckNewEntry(ProcessParam* pParam, const std::string& sPath) {
+    nfsstat3 iStatus = CheckProcessParam(pParam, &pParam->logArgu, sPath.c_str());
     if (iStatus == NFS3_OK) {
-        iStatus = IsFolderItself(sPath) ? NFS3ERR_IO : CheckPath(pParam, pLogArgu, sPath.c_str(), false);
+        iStatus = IsFolderItself(sPath) ? NFS3ERR_IO : CheckPath(pParam, &pParam->logArgu, sPath.c_str(), false);
     }
     return m_bReadOnly ? NFS3ERR_ACCES : iStatus;
 }
 
 /// The reply of CREATE and MKDIR: handle and attributes of what was made, nothing of the directory.
-void CNfs3Prog::WriteNewEntry(COutputStream* pOutput, ProcessParam* pParam, const LogArgu* pLogArgu,
-                              const std::string& sPath, nfsstat3 iStatus) {
+void CNfs3Prog::WriteNewEntry(COutputStream* pOutput, ProcessParam* pParam, const std::string& sPath,
+                              nfsstat3 iStatus) {
+    const LogContext log = GetLog(pParam);
     if (iStatus != NFS3_OK) {
         WriteStatusAndWcc(pOutput, iStatus);
         return;
     }
     post_op_fh3 handle;
-    handle.handle_follows = GetNfsFileHandle(pParam->pRuntimeParam, pLogArgu, sPath.c_str(), &handle.handle);
+    handle.handle_follows = GetNfsFileHandle(log.pRuntimeParam, log.pLogArgu, sPath.c_str(), &handle.handle);
     Write(pOutput, static_cast<unsigned int>(iStatus));
     Write(pOutput, handle);
-    Write(pOutput, GetPostOpAttributes(pParam->pRuntimeParam, pLogArgu, sPath.c_str()));
+    Write(pOutput, GetPostOpAttributes(log, sPath.c_str()));
     Write(pOutput, wcc_data{});
 }
 
 // ---- Removing and renaming
 
 int CNfs3Prog::ProcedureREMOVE(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam) {
-    LogArgu logArgu = BeginProcedure(pParam, NFSPROC3_REMOVE);
-    CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
+    const LogContext log = GetLog(pParam);
     diropargs3 dirOp;
     std::string sPath;
     bool bExists = false;
-    ReadEntryPath(pRuntimeParam, &logArgu, pInput, &dirOp, &sPath, &bExists);
+    ReadEntryPath(log, pInput, &dirOp, &sPath, &bExists);
 
-    nfsstat3 iStatus = CheckRemoval(pParam, &logArgu, sPath, bExists);
-    if (iStatus == NFS3_OK && !m_pUtilities->RemoveFile(pRuntimeParam, &logArgu, sPath.c_str())) {
+    nfsstat3 iStatus = CheckRemoval(pParam, sPath, bExists);
+    if (iStatus == NFS3_OK && !m_pUtilities->RemoveFile(log.pRuntimeParam, log.pLogArgu, sPath.c_str())) {
         iStatus = NFS3ERR_IO;
     }
 
     WriteStatusAndWcc(pOutput, iStatus);
-    return EndProcedure(pParam, logArgu, iStatus);
+    return EndProcedure(log, iStatus);
 }
 
 int CNfs3Prog::ProcedureRMDIR(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam) {
-    LogArgu logArgu = BeginProcedure(pParam, NFSPROC3_RMDIR);
-    CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
+    const LogContext log = GetLog(pParam);
     diropargs3 dirOp;
     std::string sPath;
     bool bExists = false;
-    ReadEntryPath(pRuntimeParam, &logArgu, pInput, &dirOp, &sPath, &bExists);
+    ReadEntryPath(log, pInput, &dirOp, &sPath, &bExists);
 
-    nfsstat3 iStatus = CheckRemoval(pParam, &logArgu, sPath, bExists);
-    if (iStatus == NFS3_OK && m_pUtilities->OS_FolderRemove(pRuntimeParam, &logArgu, sPath.c_str(), nullptr) == -1) {
+    nfsstat3 iStatus = CheckRemoval(pParam, sPath, bExists);
+    if (iStatus == NFS3_OK &&
+        m_pUtilities->OS_FolderRemove(log.pRuntimeParam, log.pLogArgu, sPath.c_str(), nullptr) == -1) {
         iStatus = NFS3ERR_IO;
     }
 
     WriteStatusAndWcc(pOutput, iStatus);
-    return EndProcedure(pParam, logArgu, iStatus);
+    return EndProcedure(log, iStatus);
 }
 
 int CNfs3Prog::ProcedureRENAME(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam) {
-    LogArgu logArgu = BeginProcedure(pParam, NFSPROC3_RENAME);
-    CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
+    const LogContext log = GetLog(pParam);
     diropargs3 from;
     diropargs3 to;
     std::string sFrom;
     std::string sTo;
     bool bFromExists = false;
     bool bToExists = false;  // the host's business
-    ReadEntryPath(pRuntimeParam, &logArgu, pInput, &from, &sFrom, &bFromExists);
-    ReadEntryPath(pRuntimeParam, &logArgu, pInput, &to, &sTo, &bToExists);
+    ReadEntryPath(log, pInput, &from, &sFrom, &bFromExists);
+    ReadEntryPath(log, pInput, &to, &sTo, &bToExists);
 
-    nfsstat3 iStatus = CheckOldEntry(pParam, &logArgu, sFrom, bFromExists);
+    nfsstat3 iStatus = CheckOldEntry(pParam, sFrom, bFromExists);
     if (iStatus == NFS3_OK) {
-        iStatus = RenameEntry(pParam, &logArgu, sFrom, sTo);
+        iStatus = RenameEntry(pParam, sFrom, sTo);
     }
 
     WriteStatusAndWcc(pOutput, iStatus);
     Write(pOutput, wcc_data{});
-    return EndProcedure(pParam, logArgu, iStatus);
+    return EndProcedure(log, iStatus);
 }
 
 /// Renames an existing entry to a path that lies in an export too. An export's directory stays where it is, and so does
 /// every folder on the way to it: the export would come to be something else, or nothing.
-nfsstat3 CNfs3Prog::RenameEntry(ProcessParam* pParam, const LogArgu* pLogArgu, const std::string& sFrom,
-                                const std::string& sTo) {
-    CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
-    const nfsstat3 iStatus = CheckPath(pParam, pLogArgu, sTo.c_str(), false);
+nfsstat3 CNfs3Prog::RenameEntry(ProcessParam* pParam, const std::string& sFrom, const std::string& sTo) {
+    const LogContext log = GetLog(pParam);
+    const nfsstat3 iStatus = CheckPath(pParam, &pParam->logArgu, sTo.c_str(), false);
     if (iStatus != NFS3_OK) {
         return iStatus;
     }
-    const MountAccess access = FindExportQuietly(pParam, pLogArgu, sTo.c_str());
+    const MountAccess access = FindExportQuietly(log, pParam, sTo.c_str());
     if (access == MountAccess::kNone) {
-        ReportNoExport(pParam, pLogArgu);
+        ReportNoExport(log);
     }
     if (access != MountAccess::kServed || IsFolderItself(sTo)) {
         return NFS3ERR_IO;
@@ -188,21 +180,19 @@ nfsstat3 CNfs3Prog::RenameEntry(ProcessParam* pParam, const LogArgu* pLogArgu, c
     if (m_pUtilities->HoldsMountPoint(sFrom.c_str()) || m_pUtilities->HoldsMountPoint(sTo.c_str())) {
         return NFS3ERR_IO;
     }
-    return m_pUtilities->RenameFile(pRuntimeParam, pLogArgu, sFrom.c_str(), sTo.c_str()) ? NFS3_OK : NFS3ERR_IO;
+    return m_pUtilities->RenameFile(log.pRuntimeParam, log.pLogArgu, sFrom.c_str(), sTo.c_str()) ? NFS3_OK : NFS3ERR_IO;
 }
 
 /// The checks of REMOVE and RMDIR: an entry that is no export's directory and not on the way to one.
-nfsstat3 CNfs3Prog::CheckRemoval(ProcessParam* pParam, const LogArgu* pLogArgu, const std::string& sPath,
-                                 bool bExists) {
-    const nfsstat3 iStatus = CheckOldEntry(pParam, pLogArgu, sPath, bExists);
+nfsstat3 CNfs3Prog::CheckRemoval(ProcessParam* pParam, const std::string& sPath, bool bExists) {
+    const nfsstat3 iStatus = CheckOldEntry(pParam, sPath, bExists);
     return iStatus == NFS3_OK && m_pUtilities->HoldsMountPoint(sPath.c_str()) ? NFS3ERR_IO : iStatus;
 }
 
 /// The checks of REMOVE, RMDIR and of what RENAME renames: it exists in an export, the server may be written to, and it
 /// is an entry. A missing object on a read-only server is missing all the same.
-nfsstat3 CNfs3Prog::CheckOldEntry(ProcessParam* pParam, const LogArgu* pLogArgu, const std::string& sPath,
-                                  bool bExists) {
-    const nfsstat3 iStatus = CheckExisting(pParam, pLogArgu, sPath, bExists);
+nfsstat3 CNfs3Prog::CheckOldEntry(ProcessParam* pParam, const std::string& sPath, bool bExists) {
+    const nfsstat3 iStatus = CheckExisting(pParam, sPath, bExists);
     if (iStatus == NFS3ERR_IO) {
         return TellMissing(*pParam, iStatus);
     }
@@ -215,7 +205,7 @@ nfsstat3 CNfs3Prog::CheckOldEntry(ProcessParam* pParam, const LogArgu* pLogArgu,
 // ---- Not served: the handles and names are passed over, and so no path is found
 
 int CNfs3Prog::ProcedureSYMLINK(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam) {
-    LogArgu logArgu = BeginProcedure(pParam, NFSPROC3_SYMLINK);
+    const LogContext log = GetLog(pParam);
     diropargs3 dirOp;
     sattr3 attributes;
     opaque text;
@@ -224,7 +214,7 @@ int CNfs3Prog::ProcedureSYMLINK(CInputStream* pInput, COutputStream* pOutput, Pr
     Read(pInput, &attributes, true);
     Read(pInput, &text);
 
-    const nfsstat3 iStatus = CheckUnresolved(pParam, &logArgu);
+    const nfsstat3 iStatus = CheckUnresolved(pParam);
 
     Write(pOutput, static_cast<unsigned int>(iStatus));
     if (iStatus == NFS3_OK) {
@@ -232,37 +222,37 @@ int CNfs3Prog::ProcedureSYMLINK(CInputStream* pInput, COutputStream* pOutput, Pr
         Write(pOutput, post_op_attr{});
     }
     Write(pOutput, wcc_data{});
-    return EndProcedure(pParam, logArgu, iStatus);
+    return EndProcedure(log, iStatus);
 }
 
 // The status goes by the type alone.
 int CNfs3Prog::ProcedureMKNOD(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam) {
-    LogArgu logArgu = BeginProcedure(pParam, NFSPROC3_MKNOD);
+    const LogContext log = GetLog(pParam);
     diropargs3 dirOp;
     mknoddata3 data;
     Read(pInput, &dirOp.dir, true);
     Read(pInput, &dirOp.name, true);
     Read(pInput, &data, true);
 
-    CheckUnresolved(pParam, &logArgu);
+    CheckUnresolved(pParam);
     const bool bSpecial = data.type == NF3BLK || data.type == NF3CHR || data.type == NF3SOCK || data.type == NF3FIFO;
     const nfsstat3 iStatus = bSpecial ? NFS3ERR_NOTSUPP : NFS3ERR_BADTYPE;
 
     WriteStatusAndWcc(pOutput, iStatus);
-    return EndProcedure(pParam, logArgu, iStatus);
+    return EndProcedure(log, iStatus);
 }
 
 int CNfs3Prog::ProcedureLINK(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam) {
-    LogArgu logArgu = BeginProcedure(pParam, NFSPROC3_LINK);
+    const LogContext log = GetLog(pParam);
     COpaquePath file;
     diropargs3 link;
     Read(pInput, &file, true);
     Read(pInput, &link.dir, true);
     Read(pInput, &link.name, true);
 
-    const nfsstat3 iStatus = CheckUnresolved(pParam, &logArgu);
+    const nfsstat3 iStatus = CheckUnresolved(pParam);
 
     WriteStatusAndAttributes(pOutput, iStatus);
     Write(pOutput, wcc_data{});
-    return EndProcedure(pParam, logArgu, iStatus);
+    return EndProcedure(log, iStatus);
 }

@@ -106,7 +106,7 @@ bool CNfs3Prog::ReadPath(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, 
         return false;
     }
     *psPath = vcPath;
-    LogPath(pRuntimeParam, pLogArgu, *psPath);
+    LogPath({m_pLog, pRuntimeParam, pLogArgu}, *psPath);
     return true;
 }
 
@@ -116,13 +116,14 @@ bool CNfs3Prog::ReadPath(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, 
     psPath->clear();
     char vcJoined[kPathBufferSize];
     bool bWhole = false;
-    const bool bJoined = ReadJoinedPath(pRuntimeParam, pLogArgu, pInput, pDirOp, vcJoined, &bWhole);
+    const LogContext log{m_pLog, pRuntimeParam, pLogArgu};
+    const bool bJoined = ReadJoinedPath(log, pInput, pDirOp, vcJoined, &bWhole);
     bool bResolved = false;
     if (bJoined) {
         char vcPath[kPathBufferSize];
         bResolved = m_pUtilities->GetCanonicalPath(pRuntimeParam, pLogArgu, vcPath, vcJoined, pStatus);
         *psPath = bResolved ? vcPath : FindMissingFile(vcJoined);
-        LogPath(pRuntimeParam, pLogArgu, *psPath);
+        LogPath(log, *psPath);
     }
     if (pbResolved != nullptr) {
         *pbResolved = bResolved;
@@ -133,17 +134,17 @@ bool CNfs3Prog::ReadPath(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, 
     return bJoined;
 }
 
-bool CNfs3Prog::ReadEntryPath(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, CInputStream* pInput,
-                              diropargs3* pDirOp, std::string* psPath, bool* pbExists) {
+bool CNfs3Prog::ReadEntryPath(const LogContext& log, CInputStream* pInput, diropargs3* pDirOp, std::string* psPath,
+                              bool* pbExists) {
     psPath->clear();
     *pbExists = false;
     char vcJoined[kPathBufferSize];
     bool bWhole = false;
-    if (!ReadJoinedPath(pRuntimeParam, pLogArgu, pInput, pDirOp, vcJoined, &bWhole) || !bWhole) {
+    if (!ReadJoinedPath(log, pInput, pDirOp, vcJoined, &bWhole) || !bWhole) {
         return false;
     }
     char vcPath[kPathBufferSize];
-    const bool bResolved = m_pUtilities->GetCanonicalPath(pRuntimeParam, pLogArgu, vcPath, vcJoined);
+    const bool bResolved = m_pUtilities->GetCanonicalPath(log.pRuntimeParam, log.pLogArgu, vcPath, vcJoined);
     if (!IsEntryName(pDirOp->name.sPath)) {
         *pbExists = bResolved;
         psPath->append(vcPath).append(kFolderItself);
@@ -153,34 +154,30 @@ bool CNfs3Prog::ReadEntryPath(CRuntimeParam* pRuntimeParam, const LogArgu* pLogA
     } else {
         *psPath = FindEntry(vcJoined, pbExists);
     }
-    LogPath(pRuntimeParam, pLogArgu, *psPath);
+    LogPath(log, *psPath);
     return true;
 }
 
 /// Reads a directory handle and a name and joins the paths; *pbWhole tells whether the name is as it was sent. The name
 /// is read even if the handle names nothing: the next call begins behind it.
-bool CNfs3Prog::ReadJoinedPath(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, CInputStream* pInput,
-                               diropargs3* pDirOp, char* pcJoined, bool* pbWhole) {
+bool CNfs3Prog::ReadJoinedPath(const LogContext& log, CInputStream* pInput, diropargs3* pDirOp, char* pcJoined,
+                               bool* pbWhole) {
     opaque handle;
     Read(pInput, &handle);
     *pbWhole = Read(pInput, &pDirOp->name, false);
     char vcFolder[kPathBufferSize];
     if (handle.iBufLen < kFileIdSize ||
-        !m_pUtilities->GetFilePath(pRuntimeParam, handle.pBuf, vcFolder, sizeof(vcFolder))) {
+        !m_pUtilities->GetFilePath(log.pRuntimeParam, handle.pBuf, vcFolder, sizeof(vcFolder))) {
         return false;
     }
     pDirOp->dir.sPath = vcFolder;
-    if (pRuntimeParam->IsLogProcFuncArgu()) {
-        m_pUtilities->LogInfo(pRuntimeParam, "[%s] Read path=%s, name=%s", pLogArgu->pcName, pDirOp->dir.sPath.c_str(),
-                              pDirOp->name.sPath.c_str());
-    }
+    NFS_LOG_INFO(log, kLogProcFuncArgu, "[%s] Read path=%s, name=%s", pDirOp->dir.sPath.c_str(),
+                 pDirOp->name.sPath.c_str());
     return AppendFilePath(vcFolder, pDirOp->name.sPath.c_str(), pcJoined);
 }
 
-void CNfs3Prog::LogPath(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const std::string& sPath) {
-    if (pRuntimeParam->IsLogProcFuncArgu()) {
-        m_pUtilities->LogInfo(pRuntimeParam, "[%s] Path = %s", pLogArgu->pcName, sPath.c_str());
-    }
+void CNfs3Prog::LogPath(const LogContext& log, const std::string& sPath) {
+    NFS_LOG_INFO(log, kLogProcFuncArgu, "[%s] Path = %s", sPath.c_str());
 }
 
 /// Did a name stand for a folder itself? Then the path that ReadEntryPath made of it is none of an entry.
@@ -201,44 +198,43 @@ bool CNfs3Prog::IsInVaildDirName(const char* pcName) {
 nfsstat3 CNfs3Prog::CheckProcessParam(ProcessParam* pParam, const LogArgu* pLogArgu, const char* pcPath) {
     // Kept from call to call for the room of its texts only.
     thread_local MountInfo mountInfo;
-    CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
+    const LogContext log{m_pLog, pParam->pRuntimeParam, pLogArgu};
     const MountAccess access =
-        pcPath == nullptr ? MountAccess::kNone : FindExport(pRuntimeParam, pParam, pLogArgu, pcPath, &mountInfo);
+        pcPath == nullptr ? MountAccess::kNone : FindExport(log, log.pRuntimeParam, pParam, pcPath, &mountInfo);
     if (access == MountAccess::kServed) {
-        pRuntimeParam->SetID(mountInfo.sExportName.c_str());
-        pRuntimeParam->SetIpcID(mountInfo.sIcpID.c_str());
+        log.pRuntimeParam->SetID(mountInfo.sExportName.c_str());
+        log.pRuntimeParam->SetIpcID(mountInfo.sIcpID.c_str());
         return NFS3_OK;
     }
     if (access == MountAccess::kNone) {
-        ReportNoExport(pParam, pLogArgu);
+        ReportNoExport(log);
     }
     return NFS3ERR_IO;
 }
 
-/// Finds the export that holds a path, and says who has it mounted if that is another client.
-MountAccess CNfs3Prog::FindExport(CRuntimeParam* pScanParam, ProcessParam* pParam, const LogArgu* pLogArgu,
+/// Finds the export that holds a path, telling of the search in the name of the scan's parameter, and says who has it
+/// mounted if that is another client.
+MountAccess CNfs3Prog::FindExport(const LogContext& log, CRuntimeParam* pScanParam, ProcessParam* pParam,
                                   const char* pcPath, MountInfo* pMountInfo) {
     const MountAccess access =
-        m_pUtilities->GetMountAccess(pScanParam, pLogArgu, pcPath, pParam->sRemoteAddr.c_str(), pMountInfo);
-    pParam->bHeldByAnother = pParam->bHeldByAnother || access == MountAccess::kHeld;
-    if (access == MountAccess::kHeld && pParam->pRuntimeParam->IsLogError()) {
-        m_pUtilities->LogError(pParam->pRuntimeParam, "[%s] Export \"%s\" is mounted by %s", pLogArgu->pcName,
-                               pMountInfo->sExportName.c_str(), pMountInfo->sRemoteIpAddr.c_str());
+        m_pUtilities->GetMountAccess(pScanParam, log.pLogArgu, pcPath, pParam->sRemoteAddr.c_str(), pMountInfo);
+    if (access == MountAccess::kHeld) {
+        pParam->bHeldByAnother = true;
+        NFS_LOG_ERROR(log, "[%s] Export \"%s\" is mounted by %s", pMountInfo->sExportName.c_str(),
+                      pMountInfo->sRemoteIpAddr.c_str());
     }
     return access;
 }
 
 /// The same for a second path of a call: the log tells of a search once, in CheckProcessParam.
-MountAccess CNfs3Prog::FindExportQuietly(ProcessParam* pParam, const LogArgu* pLogArgu, const char* pcPath) {
+MountAccess CNfs3Prog::FindExportQuietly(const LogContext& log, ProcessParam* pParam, const char* pcPath) {
     CRuntimeParam silent("", 0);
     MountInfo mountInfo;
-    return FindExport(&silent, pParam, pLogArgu, pcPath, &mountInfo);
+    return FindExport(log, &silent, pParam, pcPath, &mountInfo);
 }
 
-void CNfs3Prog::ReportNoExport(ProcessParam* pParam, const LogArgu* pLogArgu) {
-    if (pParam->pRuntimeParam->IsLogError()) {
-        m_pUtilities->LogError(pParam->pRuntimeParam, "[%s] Path record not found", pLogArgu->pcName);
-    }
+void CNfs3Prog::ReportNoExport(const LogContext& log) {
+    NFS_LOG_ERROR(log, "[%s] Path record not found");
 }
 
 nfsstat3 CNfs3Prog::CheckPath(ProcessParam* pParam, const LogArgu* pLogArgu, const char* pcPath, bool bMustExist,
@@ -263,16 +259,17 @@ nfsstat3 CNfs3Prog::CheckPath(ProcessParam* pParam, const LogArgu* pLogArgu, con
         return NFS3ERR_IO;
     }
     const std::optional<std::string> sResolved = ResolveLinks(pcPath);
-    return sResolved && FindExportQuietly(pParam, pLogArgu, sResolved->c_str()) == MountAccess::kServed ? NFS3_OK
-                                                                                                        : NFS3ERR_IO;
+    const LogContext log{m_pLog, pParam->pRuntimeParam, pLogArgu};
+    return sResolved && FindExportQuietly(log, pParam, sResolved->c_str()) == MountAccess::kServed ? NFS3_OK
+                                                                                                   : NFS3ERR_IO;
 }
 
 /// The first two checks of most procedures: the path lies in an export, and it exists, which need not be asked again of
 /// one that was resolved for this call.
-nfsstat3 CNfs3Prog::CheckExisting(ProcessParam* pParam, const LogArgu* pLogArgu, const std::string& sPath,
-                                  bool bResolved, FoundStatus* pStatus) {
-    const nfsstat3 iStatus = CheckProcessParam(pParam, pLogArgu, sPath.c_str());
-    return iStatus == NFS3_OK ? CheckPath(pParam, pLogArgu, sPath.c_str(), !bResolved, pStatus) : iStatus;
+nfsstat3 CNfs3Prog::CheckExisting(ProcessParam* pParam, const std::string& sPath, bool bResolved,
+                                  FoundStatus* pStatus) {
+    const nfsstat3 iStatus = CheckProcessParam(pParam, &pParam->logArgu, sPath.c_str());
+    return iStatus == NFS3_OK ? CheckPath(pParam, &pParam->logArgu, sPath.c_str(), !bResolved, pStatus) : iStatus;
 }
 
 /// The status of a check as the procedures tell it that go by an existing name: what cannot be reached is missing. Not
@@ -282,18 +279,17 @@ nfsstat3 CNfs3Prog::TellMissing(const ProcessParam& param, nfsstat3 iStatus) {
 }
 
 /// The check of the procedures that are not served and do not resolve their handles.
-nfsstat3 CNfs3Prog::CheckUnresolved(ProcessParam* pParam, const LogArgu* pLogArgu) {
-    return CheckProcessParam(pParam, pLogArgu, "");
+nfsstat3 CNfs3Prog::CheckUnresolved(ProcessParam* pParam) {
+    return CheckProcessParam(pParam, &pParam->logArgu, "");
 }
 
 /// Resolves all links of a path, and says nothing of it. False if they lead nowhere, or out of the exports that serve
 /// the client.
-bool CNfs3Prog::ResolveWithinExports(ProcessParam* pParam, const LogArgu* pLogArgu, const char* pcPath,
-                                     std::string* psResolved) {
+bool CNfs3Prog::ResolveWithinExports(ProcessParam* pParam, const char* pcPath, std::string* psResolved) {
     const std::optional<std::string> sResolved = ResolveLinks(pcPath);
     CRuntimeParam silent("", 0);
-    if (!sResolved || m_pUtilities->GetMountAccess(&silent, pLogArgu, sResolved->c_str(), pParam->sRemoteAddr.c_str(),
-                                                   nullptr) != MountAccess::kServed) {
+    if (!sResolved || m_pUtilities->GetMountAccess(&silent, &pParam->logArgu, sResolved->c_str(),
+                                                   pParam->sRemoteAddr.c_str(), nullptr) != MountAccess::kServed) {
         return false;
     }
     *psResolved = *sResolved;

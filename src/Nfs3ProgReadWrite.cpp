@@ -7,11 +7,11 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
-#include <ctime>
 
 #include <unistd.h>
 
 #include "DataException.h"
+#include "DeviceAnswer.h"
 #include "InputStream.h"
 #include "OutputStream.h"
 #include "PathProbe.h"
@@ -75,23 +75,18 @@ void NeedRecord(const ProcessParam& param, const CInputStream& input, const opaq
     }
 }
 
-/// The largest file of the file system that a path lies on. WRITEs mostly stay on one, so the last answer holds for the
-/// next one on the same device within the second.
+/// The largest file of the file system that a path lies on.
 unsigned long long GetMaxFileSize(const char* pcPath, const FoundStatus& found) {
-    struct Answer {
-        std::time_t iTime = 0;
-        dev_t iDevice = 0;
-        unsigned long long lMaxSize = 0;
-    };
-    thread_local Answer last;
     if (!found.bKnown) {
         return CUtilities::GetMaxFileSize(pcPath);
     }
-    const std::time_t iNow = std::time(nullptr);
-    if (last.iTime != iNow || last.iDevice != found.status.st_dev) {
-        last = {iNow, found.status.st_dev, CUtilities::GetMaxFileSize(pcPath)};
+    thread_local CDeviceAnswer last;
+    if (const auto lKept = last.Find(found.status.st_dev)) {
+        return *lKept;
     }
-    return last.lMaxSize;
+    const unsigned long long lMaxSize = CUtilities::GetMaxFileSize(pcPath);
+    last.Keep(found.status.st_dev, lMaxSize);
+    return lMaxSize;
 }
 
 }  // namespace
@@ -120,28 +115,22 @@ struct CNfs3Prog::WriteCall {
 // The data is read into its place first and the head written before it then, so that a failure leaves nothing behind
 // its reply.
 int CNfs3Prog::ProcedureREAD(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam) {
-    LogArgu logArgu = BeginProcedure(pParam, NFSPROC3_READ);
-    CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
+    const LogContext log = GetLog(pParam);
     ReadCall call;
-    ReadPath(pRuntimeParam, &logArgu, pInput, &call.sPath);
+    ReadPath(log.pRuntimeParam, log.pLogArgu, pInput, &call.sPath);
     Read(pInput, &call.lOffset);
     Read(pInput, &call.iCount);
 
-    nfsstat3 iStatus = CheckExisting(pParam, &logArgu, call.sPath, false, &call.found);
+    nfsstat3 iStatus = CheckExisting(pParam, call.sPath, false, &call.found);
     if (iStatus == NFS3_OK) {
-        iStatus = ReadIntoReply(pParam, &logArgu, pOutput, &call);
+        iStatus = ReadIntoReply(pParam, pOutput, &call);
     }
     if (iStatus != NFS3_OK) {
-        if (pRuntimeParam->IsLogError()) {
-            m_pUtilities->LogError(pRuntimeParam, "[%s] Read fail", logArgu.pcName);
-        }
+        NFS_LOG_ERROR(log, "[%s] Read fail");
         WriteStatusAndAttributes(pOutput, iStatus);
-        return EndProcedure(pParam, logArgu, iStatus);
+        return EndProcedure(log, iStatus);
     }
-    if (pRuntimeParam->IsLogProcFuncArgu()) {
-        m_pUtilities->LogInfo(pRuntimeParam, "[%s] Read=%u (eof=%s)", logArgu.pcName, call.iRead,
-                              call.bEof ? "T" : "F");
-    }
+    NFS_LOG_INFO(log, kLogProcFuncArgu, "[%s] Read=%u (eof=%s)", call.iRead, call.bEof ? "T" : "F");
 
     Write(pOutput, static_cast<unsigned int>(iStatus));
     Write(pOutput, post_op_attr{});
@@ -150,26 +139,20 @@ int CNfs3Prog::ProcedureREAD(CInputStream* pInput, COutputStream* pOutput, Proce
     Write(pOutput, opaque{nullptr, call.iRead}, true);
     pOutput->Write(nullptr, call.iRead);  // they are there already
     pOutput->WriteRemainOpaque(static_cast<int>(call.iRead));
-    return EndProcedure(pParam, logArgu, iStatus);
+    return EndProcedure(log, iStatus);
 }
 
 /// Reads to where the data will stand in the reply, without moving its write position.
-nfsstat3 CNfs3Prog::ReadIntoReply(ProcessParam* pParam, const LogArgu* pLogArgu, COutputStream* pOutput,
-                                  ReadCall* pCall) {
-    CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
+nfsstat3 CNfs3Prog::ReadIntoReply(ProcessParam* pParam, COutputStream* pOutput, ReadCall* pCall) {
+    const LogContext log = GetLog(pParam);
     const char* pcPath = pCall->sPath.c_str();
-    if (pRuntimeParam->IsLogProcFuncArgu()) {
-        m_pUtilities->LogInfo(pRuntimeParam, "[%s] Offset=%llu, length=%u", pLogArgu->pcName,
-                              static_cast<unsigned long long>(pCall->lOffset), pCall->iCount);
-    }
+    NFS_LOG_INFO(log, kLogProcFuncArgu, "[%s] Offset=%llu, length=%u", static_cast<unsigned long long>(pCall->lOffset),
+                 pCall->iCount);
     const unsigned int nFree = pOutput->GetFreeBufferSize();
     const unsigned int nRoom = nFree > kReadHeadSize ? nFree - kReadHeadSize : 0;
     if (nRoom < pCall->iCount) {
-        if (pRuntimeParam->IsLogError()) {
-            m_pUtilities->LogError(pRuntimeParam, "[%s] Count bigger than free buffer (path=%s, offset=%llu length=%u)",
-                                   pLogArgu->pcName, pcPath, static_cast<unsigned long long>(pCall->lOffset),
-                                   pCall->iCount);
-        }
+        NFS_LOG_ERROR(log, "[%s] Count bigger than free buffer (path=%s, offset=%llu length=%u)", pcPath,
+                      static_cast<unsigned long long>(pCall->lOffset), pCall->iCount);
         return NFS3ERR_INVAL;
     }
     if (pCall->iCount == 0) {
@@ -178,13 +161,11 @@ nfsstat3 CNfs3Prog::ReadIntoReply(ProcessParam* pParam, const LogArgu* pLogArgu,
     const unsigned int nMost = std::min(nRoom, GetDataLimit(*pParam, pOutput->GetBufferIndex()));
     const unsigned int iLength = std::min({pCall->iCount, kMaxReadSize, nRoom / kReadRoomFactor, nMost});
     const int iRead =
-        m_pUtilities->ReadFile(pRuntimeParam, pLogArgu, pcPath, pCall->lOffset, SEEK_SET,
+        m_pUtilities->ReadFile(log.pRuntimeParam, log.pLogArgu, pcPath, pCall->lOffset, SEEK_SET,
                                pOutput->GetCurrentBuffer() + kReadHeadSize, iLength, &pCall->bEof, &pCall->found);
     if (iRead < 0) {
-        if (pRuntimeParam->IsLogError()) {
-            m_pUtilities->LogError(pRuntimeParam, "[%s] Read return -1 (path=%s, offset=%llu length=%u)",
-                                   pLogArgu->pcName, pcPath, static_cast<unsigned long long>(pCall->lOffset), iLength);
-        }
+        NFS_LOG_ERROR(log, "[%s] Read return -1 (path=%s, offset=%llu length=%u)", pcPath,
+                      static_cast<unsigned long long>(pCall->lOffset), iLength);
         return NFS3ERR_INVAL;
     }
     pCall->iRead = static_cast<unsigned int>(iRead);
@@ -196,49 +177,41 @@ nfsstat3 CNfs3Prog::ReadIntoReply(ProcessParam* pParam, const LogArgu* pLogArgu,
 }
 
 int CNfs3Prog::ProcedureWRITE(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam) {
-    LogArgu logArgu = BeginProcedure(pParam, NFSPROC3_WRITE);
-    CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
+    const LogContext log = GetLog(pParam);
     WriteCall call;
-    ReadPath(pRuntimeParam, &logArgu, pInput, &call.sPath);
+    ReadPath(log.pRuntimeParam, log.pLogArgu, pInput, &call.sPath);
     Read(pInput, &call.lOffset);
     Read(pInput, &call.iCount);
     Read(pInput, &call.iStable);
     Read(pInput, &call.data);
     NeedRecord(*pParam, *pInput, call.data, call.iCount);
 
-    nfsstat3 iStatus = CheckExisting(pParam, &logArgu, call.sPath, false, &call.found);
+    nfsstat3 iStatus = CheckExisting(pParam, call.sPath, false, &call.found);
     if (m_bReadOnly) {
         iStatus = NFS3ERR_ACCES;
     }
     if (iStatus == NFS3_OK) {
-        iStatus = WriteFromCall(pParam, &logArgu, pInput, &call);
+        iStatus = WriteFromCall(pParam, pInput, &call);
     }
 
     WriteStatusAndWcc(pOutput, iStatus);
     if (iStatus != NFS3_OK) {
-        if (pRuntimeParam->IsLogError()) {
-            m_pUtilities->LogError(pRuntimeParam, "[%s] Write fail", logArgu.pcName);
-        }
-        return EndProcedure(pParam, logArgu, iStatus);
+        NFS_LOG_ERROR(log, "[%s] Write fail");
+        return EndProcedure(log, iStatus);
     }
-    if (pRuntimeParam->IsLogProcFuncArgu()) {
-        m_pUtilities->LogInfo(pRuntimeParam, "[%s] Write=%u", logArgu.pcName, call.iWritten);
-    }
+    NFS_LOG_INFO(log, kLogProcFuncArgu, "[%s] Write=%u", call.iWritten);
     Write(pOutput, call.iWritten);
     Write(pOutput, kFileSync);
     Write(pOutput, m_iSysUpTime);
-    return EndProcedure(pParam, logArgu, iStatus);
+    return EndProcedure(log, iStatus);
 }
 
 /// Stores as many bytes as the count says, up to the most of one WRITE.
-nfsstat3 CNfs3Prog::WriteFromCall(ProcessParam* pParam, const LogArgu* pLogArgu, CInputStream* pInput,
-                                  WriteCall* pCall) {
-    CRuntimeParam* pRuntimeParam = pParam->pRuntimeParam;
+nfsstat3 CNfs3Prog::WriteFromCall(ProcessParam* pParam, CInputStream* pInput, WriteCall* pCall) {
+    const LogContext log = GetLog(pParam);
     const char* pcPath = pCall->sPath.c_str();
-    if (pRuntimeParam->IsLogProcFuncArgu()) {
-        m_pUtilities->LogInfo(pRuntimeParam, "[%s] Offset=%llu, length=%u, count=%u", pLogArgu->pcName,
-                              static_cast<unsigned long long>(pCall->lOffset), pCall->data.iBufLen, pCall->iCount);
-    }
+    NFS_LOG_INFO(log, kLogProcFuncArgu, "[%s] Offset=%llu, length=%u, count=%u",
+                 static_cast<unsigned long long>(pCall->lOffset), pCall->data.iBufLen, pCall->iCount);
     const unsigned long long lMaxSize = GetMaxFileSize(pcPath, pCall->found);
     if (pCall->lOffset > lMaxSize || pCall->iCount > lMaxSize - pCall->lOffset) {
         return NFS3ERR_FBIG;
@@ -248,8 +221,8 @@ nfsstat3 CNfs3Prog::WriteFromCall(ProcessParam* pParam, const LogArgu* pLogArgu,
     }
     const unsigned int iLength = std::min(pCall->iCount, kMaxWriteSize);
     const WriteData data(pCall->data, *pInput, iLength);
-    const int iWritten = m_pUtilities->WriteFile(pRuntimeParam, pLogArgu, pcPath, pCall->lOffset, SEEK_SET, data.Get(),
-                                                 iLength, &pCall->found);
+    const int iWritten = m_pUtilities->WriteFile(log.pRuntimeParam, log.pLogArgu, pcPath, pCall->lOffset, SEEK_SET,
+                                                 data.Get(), iLength, &pCall->found);
     if (iWritten < 0) {
         return NFS3ERR_INVAL;
     }
@@ -259,17 +232,17 @@ nfsstat3 CNfs3Prog::WriteFromCall(ProcessParam* pParam, const LogArgu* pLogArgu,
 
 // Not served, as no WRITE leaves anything to commit: the handle is passed over, and so no path is found.
 int CNfs3Prog::ProcedureCOMMIT(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam) {
-    LogArgu logArgu = BeginProcedure(pParam, NFSPROC3_COMMIT);
+    const LogContext log = GetLog(pParam);
     COpaquePath path;
     Read(pInput, &path, true);
     pInput->Skip(sizeof(unsigned long));  // offset
     pInput->Skip(sizeof(unsigned int));   // count
 
-    const nfsstat3 iStatus = CheckUnresolved(pParam, &logArgu);
+    const nfsstat3 iStatus = CheckUnresolved(pParam);
 
     WriteStatusAndWcc(pOutput, iStatus);
     if (iStatus == NFS3_OK) {
         Write(pOutput, 0UL);  // the verifier: not that of WRITE
     }
-    return EndProcedure(pParam, logArgu, iStatus);
+    return EndProcedure(log, iStatus);
 }

@@ -28,26 +28,20 @@ int CNfsProg::Process(CInputStream* pInput, COutputStream* pOutput, ProcessParam
     if (pParam->iVersion != CNfs3Prog::kVersion) {
         return kProgNotImplemented;
     }
-    return MakeProgram()->Process(pInput, pOutput, pParam);
+    CNfs3Prog* pProgram = m_pMade.load();
+    return (pProgram != nullptr ? pProgram : MakeProgram())->Process(pInput, pOutput, pParam);
 }
 
 unsigned int CNfsProg::GetVersion() {
-    CNfs3Prog* pProgram = GetProgram();
-    return pProgram != nullptr ? pProgram->GetVersion() : CRpcProg::GetVersion();
+    return m_pMade.load() != nullptr ? CNfs3Prog::kVersion : CRpcProg::GetVersion();
 }
 
 unsigned int CNfsProg::GetMaxSupportProc() {
-    CNfs3Prog* pProgram = GetProgram();
-    return pProgram != nullptr ? pProgram->GetMaxSupportProc() : CRpcProg::GetMaxSupportProc();
+    return m_pMade.load() != nullptr ? CNfs3Prog::kProcedureCount : CRpcProg::GetMaxSupportProc();
 }
 
 bool CNfsProg::IsModifying(unsigned int iVersion, unsigned int iProc) {
-    return iVersion == CNfs3Prog::kVersion && CNfs3Prog::IsModifyingProcedure(iProc);
-}
-
-CNfs3Prog* CNfsProg::GetProgram() {
-    const MutexLock lock(m_hMutex);
-    return m_pNfs3Prog.get();
+    return CNfs3Prog::IsModifyingCall(iVersion, iProc);
 }
 
 CNfs3Prog* CNfsProg::MakeProgram() {
@@ -56,6 +50,7 @@ CNfs3Prog* CNfsProg::MakeProgram() {
         m_pNfs3Prog = std::make_unique<CNfs3Prog>(m_pUtilities);
         m_pNfs3Prog->SetUserID(m_iUId, m_iGId);
         m_pNfs3Prog->SetReadOnly(m_bReadOnly);
+        m_pMade.store(m_pNfs3Prog.get());
     }
     return m_pNfs3Prog.get();
 }

@@ -1,6 +1,7 @@
 // CNfsProg: the RPC program registered for NFS, whatever the version of a call.
 #pragma once
 
+#include <atomic>
 #include <memory>
 
 #include "RpcProg.h"
@@ -28,13 +29,14 @@ public:
     bool IsModifying(unsigned int iVersion, unsigned int iProc) override;
 
 private:
-    CNfs3Prog* GetProgram();
     CNfs3Prog* MakeProgram();
 
-    /// Guards the settings and the making of the program. The program stays from then on.
+    /// Guards the settings and the making of the program.
     Mutex m_hMutex;
     unsigned int m_iUId GUARDED_BY(m_hMutex) = 0;
     unsigned int m_iGId GUARDED_BY(m_hMutex) = 0;
     bool m_bReadOnly GUARDED_BY(m_hMutex) = false;
     std::unique_ptr<CNfs3Prog> m_pNfs3Prog GUARDED_BY(m_hMutex);
+    /// The program once it is made; it stays from then on, and so calls ask for it without the lock.
+    std::atomic<CNfs3Prog*> m_pMade{nullptr};
 };

@@ -1,19 +1,29 @@
 // GETPORT of the internal portmapper (RFC 1833, section 3).
 #include "PortmapProg.h"
 
-#include "DataException.h"
 #include "InputStream.h"
 #include "OutputStream.h"
-#include "Utilities.h"
 
 namespace {
 
-constexpr unsigned int kProcGetport = 3;
-constexpr unsigned int kProcedures = 6;
+constexpr ProcedureTable<CPortmapProg, CPortmapProg::kProcedureCount> kProcedures{
+    {{
+        {"PortmapProg.ProcedureNOIMP", &CPortmapProg::ProcedureNOIMP},  // NULL
+        {"PortmapProg.ProcedureNOIMP", &CPortmapProg::ProcedureNOIMP},  // SET
+        {"PortmapProg.ProcedureNOIMP", &CPortmapProg::ProcedureNOIMP},  // UNSET
+        {"PortmapProg.ProcedureGETPORT", &CPortmapProg::ProcedureGETPORT},
+        {"PortmapProg.ProcedureNOIMP", &CPortmapProg::ProcedureNOIMP},  // DUMP
+        {"PortmapProg.ProcedureNOIMP", &CPortmapProg::ProcedureNOIMP},  // CALLIT
+    }},
+    {"PortmapProg.ProcedureNOIMP", &CPortmapProg::ProcedureNOIMP}};
 
 }  // namespace
 
 CPortmapProg::CPortmapProg(CUtilities* pUtilities) : CRpcProg(pUtilities) {}
+
+const std::array<CPortmapProg::Procedure, CPortmapProg::kProcedureCount>& CPortmapProg::GetProcedures() {
+    return kProcedures.procedures;
+}
 
 void CPortmapProg::Set(unsigned long lProg, unsigned long lPort) {
     const unsigned long i = lProg - kFirstProgramId;
@@ -23,35 +33,15 @@ void CPortmapProg::Set(unsigned long lProg, unsigned long lPort) {
 }
 
 unsigned int CPortmapProg::GetMaxSupportProc() {
-    return kProcedures;
+    return kProcedureCount;
 }
 
 int CPortmapProg::Process(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam) {
-    if (m_pUtilities == nullptr || pParam->iProc != kProcGetport) {
-        return ProcedureNOIMP(pInput, pOutput, pParam);
-    }
     const LogArgu logArgu{"PortmapProg.Process"};
-    const bool bLogError = pParam->pRuntimeParam->IsLogError();
-    try {
-        return ProcedureGETPORT(pInput, pOutput, pParam);
-    } catch (const CDataTruncatedExpt& truncated) {
-        if (bLogError) {
-            m_pUtilities->LogError(pParam->pRuntimeParam, "[%s] %s", logArgu.pcName, truncated.what());
-        }
-        return kProgTruncated;
-    } catch (...) {
-        if (bLogError) {
-            m_pUtilities->LogError(pParam->pRuntimeParam, "[%s] Unknown exception", logArgu.pcName);
-        }
-        return kProgGarbageArgs;
-    }
+    return kProcedures.Run(this, {m_pLog, pParam->pRuntimeParam, &logArgu}, pInput, pOutput, pParam);
 }
 
 int CPortmapProg::ProcedureGETPORT(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam) {
-    const LogArgu logArgu{"PortmapProg.ProcedureGETPORT"};
-    if (pParam->pRuntimeParam->IsLogProcFuncName()) {
-        m_pUtilities->LogInfo(pParam->pRuntimeParam, "[%s]", logArgu.pcName);
-    }
     unsigned int lProg = 0;
     pInput->Read(&lProg);
     pInput->Skip(3 * sizeof(unsigned int));  // version, protocol, port
@@ -59,16 +49,11 @@ int CPortmapProg::ProcedureGETPORT(CInputStream* pInput, COutputStream* pOutput,
     const unsigned long i = lProg - kFirstProgramId;
     const unsigned long lPort = i < m_lPortTable.size() ? m_lPortTable[i] : 0;
     pOutput->Write(static_cast<unsigned int>(lPort));
-    if (pParam->pRuntimeParam->IsLogProcFuncArgu()) {
-        m_pUtilities->LogInfo(pParam->pRuntimeParam, "[%s] lProg = %d, lPort = %d", logArgu.pcName,
-                              static_cast<int>(lProg), static_cast<int>(lPort));
-    }
+    NFS_LOG_INFO(GetLog(pParam), kLogProcFuncArgu, "[%s] lProg = %d, lPort = %d", static_cast<int>(lProg),
+                 static_cast<int>(lPort));
     return kProgHandled;
 }
 
-int CPortmapProg::ProcedureNOIMP(CInputStream* /*pInput*/, COutputStream* /*pOutput*/, ProcessParam* pParam) {
-    if (m_pUtilities != nullptr && pParam->pRuntimeParam->IsLogProcFuncName()) {
-        m_pUtilities->LogInfo(pParam->pRuntimeParam, "[%s]", "PortmapProg.ProcedureNOIMP");
-    }
+int CPortmapProg::ProcedureNOIMP(CInputStream* /*pInput*/, COutputStream* /*pOutput*/, ProcessParam* /*pParam*/) {
     return kProgNotImplemented;
 }

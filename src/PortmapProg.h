@@ -3,6 +3,7 @@
 
 #include <array>
 
+#include "ProgramFrame.h"
 #include "RpcNumbers.h"
 #include "RpcProg.h"
 
@@ -10,14 +11,19 @@
 /// not matter. Every other procedure, NULL included, is not available.
 class CPortmapProg : public CRpcProg {
 public:
+    /// Procedures 0 to 5.
+    static constexpr unsigned int kProcedureCount = 6;
+    using Procedure = ProcedureEntry<CPortmapProg>;
+
     explicit CPortmapProg(CUtilities* pUtilities);
+
+    static const std::array<Procedure, kProcedureCount>& GetProcedures();
 
     /// Stores the port of a program whose number can be registered (RpcNumbers.h); others are ignored. Called before
     /// the sockets are opened.
     void Set(unsigned long lProg, unsigned long lPort);
 
     int Process(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam) override;
-    /// Procedures 0 to 5.
     unsigned int GetMaxSupportProc() override;
 
     int ProcedureGETPORT(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam);

@@ -2,6 +2,9 @@
 #include "RpcProg.h"
 
 #include "RpcNumbers.h"
+#include "Utilities.h"
+
+CRpcProg::CRpcProg(CUtilities* pUtilities) : m_pUtilities(pUtilities), m_pLog(pUtilities) {}
 
 unsigned int CRpcProg::GetVersion() {
     return kAnyNumber;

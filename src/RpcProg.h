@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "Log.h"
 #include "RuntimeParam.h"
 
 class CInputStream;
@@ -15,6 +16,7 @@ struct ProcessParam {
     unsigned int iProc = 0;                  ///< procedure number
     std::string sRemoteAddr;                 ///< the client's IPv4 address, dotted
     CRuntimeParam* pRuntimeParam = nullptr;  ///< for logging; not owned
+    LogArgu logArgu{""};                     ///< the procedure's tag, which the program's frame puts here
     unsigned int nStillToCome = 0;           ///< bytes of the call's record that, by its mark, have not come yet
     unsigned int nReplyLimit = 0xFFFFFFFFU;  ///< the most bytes, head included, that the reply may have
     bool bArgumentsLeft = false;  ///< set by a program that leaves arguments unread: nothing in them is a call
@@ -33,7 +35,7 @@ enum ProgramStatus : int {
 class CRpcProg {
 public:
     /// The utilities are not owned and outlive the program.
-    explicit CRpcProg(CUtilities* pUtilities) : m_pUtilities(pUtilities) {}
+    explicit CRpcProg(CUtilities* pUtilities);
     virtual ~CRpcProg() = default;
     CRpcProg(const CRpcProg&) = delete;
     CRpcProg& operator=(const CRpcProg&) = delete;
@@ -49,5 +51,9 @@ public:
     virtual bool IsModifying(unsigned int iVersion, unsigned int iProc);
 
 protected:
+    /// The log context of a call's procedure. Refers to the parameters.
+    LogContext GetLog(const ProcessParam* pParam) const { return {m_pLog, pParam->pRuntimeParam, &pParam->logArgu}; }
+
     CUtilities* m_pUtilities;
+    CLog* m_pLog;  ///< the same object, for programs that need no more of it
 };

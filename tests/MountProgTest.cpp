@@ -221,6 +221,18 @@ TEST_F(MountProgTest, LinesOfAMount) {
                             "[MountProg.ProcedureNULL]", "[MountProg.Process]", "[MountProg.ProcedureNOIMP]"));
 }
 
+TEST_F(MountProgTest, EveryNumberIsAnsweredUnderTheNameInTheTable) {
+    SetLog(CRuntimeParam::kLogProcFuncName);
+    const auto& procedures = CMountProg::GetProcedures();
+    for (unsigned int i = 0; i < procedures.size(); ++i) {
+        const bool bServed = i == kMountNull || i == kMountMnt || i == kMountUmnt;
+        m_Log.Clear();
+        Call(i, XdrBuilder().Opaque("data").Bytes());
+        EXPECT_EQ(m_iResult, bServed ? kProgHandled : kProgNotImplemented) << i;
+        EXPECT_THAT(m_Log.Texts(), ElementsAre("[MountProg.Process]", "[" + std::string(procedures[i].pcTag) + "]"));
+    }
+}
+
 TEST_F(MountProgTest, LinesOfGeneralInformation) {
     SetLog(CRuntimeParam::kLogGeneralInfo);
     Mnt("data");

@@ -130,3 +130,13 @@ TEST_F(PortmapProgTest, WithoutUtilitiesNothingIsAvailable) {
     ProcessParam param{2, 3, "x", &runtimeParam};
     EXPECT_EQ(prog.Process(&m_Input, &m_Output, &param), 2);
 }
+
+TEST_F(PortmapProgTest, EveryNumberIsAnsweredUnderTheNameInTheTable) {
+    const auto& procedures = CPortmapProg::GetProcedures();
+    for (unsigned int i = 0; i < procedures.size(); ++i) {
+        m_Log.Clear();
+        EXPECT_EQ(Call(i, Getport(100003), CRuntimeParam::kLogProcFuncName), i == 3 ? 0 : 2) << i;
+        const std::vector<std::string> expected{"[" + std::string(procedures[i].pcTag) + "]"};
+        EXPECT_EQ(m_Log.Texts(), expected) << i;
+    }
+}
