@@ -9,11 +9,11 @@
 #include <rpc/rpc.h>
 #include <sys/socket.h>
 
+#include "Log.h"
 #include "Reason.h"
 #include "RpcNumbers.h"
 #include "RuntimeParam.h"
 #include "ServerSocket.h"
-#include "Utilities.h"
 
 namespace {
 
@@ -63,7 +63,7 @@ SVCXPRT* CreateTcp(int iSocket) {
 
 }  // namespace
 
-CPortmap::CPortmap(CUtilities* pUtilities, CRuntimeParam* pRuntimeParam)
+CPortmap::CPortmap(CLog* pUtilities, CRuntimeParam* pRuntimeParam)
     : m_pUtilities(pUtilities), m_pRuntimeParam(pRuntimeParam) {
     bIsRunning = IsRunning(true);
 }
@@ -80,10 +80,8 @@ bool CPortmap::IsRunning(bool bForceCheck) {
         CDescriptor(iSocket).Close();
         return false;
     }
-    if (IsLogPortmap()) {
-        m_pUtilities->LogInfo(m_pRuntimeParam, "[%s] Port %ld is already in used", logArgu.pcName,
-                              static_cast<long>(kPortmapperPort));
-    }
+    const LogContext log{m_pUtilities, m_pRuntimeParam, &logArgu};
+    NFS_LOG_INFO(log, kLogPortmap, "[%s] Port %ld is already in used", static_cast<long>(kPortmapperPort));
     return true;
 }
 
@@ -123,54 +121,47 @@ void CPortmap::Unregister(unsigned long lProgNum, unsigned long lProgVer, char* 
     ::svc_unregister(static_cast<rpcprog_t>(lProgNum), static_cast<rpcvers_t>(lProgVer));
     ::pmap_unset(lProgNum, lProgVer);  // what the library's list did not know of; there may be nothing
     m_OwnSockets.erase({lProgNum, lProgVer});
-    if (IsLogPortmap()) {
-        m_pUtilities->LogInfo(m_pRuntimeParam, "[%s] Unregistered the program %ld ver=%ld", logArgu.pcName,
-                              static_cast<long>(lProgNum), static_cast<long>(lProgVer));
-    }
+    const LogContext log{m_pUtilities, m_pRuntimeParam, &logArgu};
+    NFS_LOG_INFO(log, kLogPortmap, "[%s] Unregistered the program %ld ver=%ld", static_cast<long>(lProgNum),
+                 static_cast<long>(lProgVer));
 }
 
 bool CPortmap::RegisterSvc(long lProgNum, long lProgVer, int sock, char* pcStatus) {
     const LogArgu logArgu{"Portmap.RegisterSvc"};
-    const bool bLog = IsLogPortmap();
-    if (bLog) {
-        m_pUtilities->LogInfo(m_pRuntimeParam, "[%s] Creating UDP for %ld ver=%ld", logArgu.pcName, lProgNum, lProgVer);
-    }
-    // Made on the TCP socket all the same: UDP is served on the port of the same number.
+    const LogContext log{m_pUtilities, m_pRuntimeParam, &logArgu};
+    return RegisterUdp(log, lProgNum, lProgVer, sock, pcStatus) && RegisterTcp(log, lProgNum, lProgVer, sock, pcStatus);
+}
+
+/// The TCP socket does for it: UDP is served on the port of the same number.
+bool CPortmap::RegisterUdp(const LogContext& log, long lProgNum, long lProgVer, int sock, char* pcStatus) {
+    NFS_LOG_INFO(log, kLogPortmap, "[%s] Creating UDP for %ld ver=%ld", lProgNum, lProgVer);
     CServiceTransport udp(sock, CreateUdp);
     if (!udp.IsOpen()) {
         WriteReason(pcStatus, "Cannot create UDP for %ld ver=%ld", lProgNum, lProgVer);
         return false;
     }
-    if (bLog) {
-        m_pUtilities->LogInfo(m_pRuntimeParam, "[%s] Registering UDP for %ld ver=%ld", logArgu.pcName, lProgNum,
-                              lProgVer);
-    }
+    NFS_LOG_INFO(log, kLogPortmap, "[%s] Registering UDP for %ld ver=%ld", lProgNum, lProgVer);
     if (!udp.Register(lProgNum, lProgVer, IPPROTO_UDP)) {
         WriteReason(pcStatus, "Unable to register UDP for %ld ver=%ld", lProgNum, lProgVer);
         return false;
     }
-    if (bLog) {
-        m_pUtilities->LogInfo(m_pRuntimeParam, "[%s] Registered UDP for %ld ver=%ld", logArgu.pcName, lProgNum,
-                              lProgVer);
-        m_pUtilities->LogInfo(m_pRuntimeParam, "[%s] Creating TCP for %ld ver=%ld", logArgu.pcName, lProgNum, lProgVer);
-    }
+    NFS_LOG_INFO(log, kLogPortmap, "[%s] Registered UDP for %ld ver=%ld", lProgNum, lProgVer);
+    return true;
+}
+
+bool CPortmap::RegisterTcp(const LogContext& log, long lProgNum, long lProgVer, int sock, char* pcStatus) {
+    NFS_LOG_INFO(log, kLogPortmap, "[%s] Creating TCP for %ld ver=%ld", lProgNum, lProgVer);
     CServiceTransport tcp(sock, CreateTcp);
     if (!tcp.IsOpen()) {
         WriteReason(pcStatus, "Cannot create TCP for %ld ver=%ld", lProgNum, lProgVer);
         return false;
     }
-    if (bLog) {
-        m_pUtilities->LogInfo(m_pRuntimeParam, "[%s] Registering TCP for %ld ver=%ld", logArgu.pcName, lProgNum,
-                              lProgVer);
-    }
+    NFS_LOG_INFO(log, kLogPortmap, "[%s] Registering TCP for %ld ver=%ld", lProgNum, lProgVer);
     if (!tcp.Register(lProgNum, lProgVer, IPPROTO_TCP)) {
         WriteReason(pcStatus, "Unable to register TCP for %ld ver=%ld", lProgNum, lProgVer);
         return false;
     }
-    if (bLog) {
-        m_pUtilities->LogInfo(m_pRuntimeParam, "[%s] Registered TCP for %ld ver=%ld", logArgu.pcName, lProgNum,
-                              lProgVer);
-    }
+    NFS_LOG_INFO(log, kLogPortmap, "[%s] Registered TCP for %ld ver=%ld", lProgNum, lProgVer);
     return true;
 }
 
@@ -190,8 +181,4 @@ int CPortmap::CreateSocket(unsigned long lPort, char* pcStatus) {
         return kNotBound;
     }
     return descriptor.Release();
-}
-
-bool CPortmap::IsLogPortmap() const {
-    return m_pUtilities != nullptr && m_pRuntimeParam->IsLogPortmap();
 }

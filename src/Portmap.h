@@ -6,9 +6,10 @@
 
 #include "Descriptor.h"
 
+class CLog;
 class CRuntimeParam;
 class CServerSocket;
-class CUtilities;
+struct LogContext;
 
 /// Tells a running system portmapper, through the ONC RPC library, where our programs are found. Whether one runs is
 /// decided once, at construction: it does if port 111 cannot be bound.
@@ -17,8 +18,8 @@ class CUtilities;
 /// Not locked: used by the controller that starts and stops the server. Messages need the portmap log bit.
 class CPortmap {
 public:
-    /// Neither is owned; both outlive this object.
-    CPortmap(CUtilities* pUtilities, CRuntimeParam* pRuntimeParam);
+    /// Neither the log (may be null) nor the parameter is owned; both outlive this object.
+    CPortmap(CLog* pUtilities, CRuntimeParam* pRuntimeParam);
     virtual ~CPortmap();
     CPortmap(const CPortmap&) = delete;
     CPortmap& operator=(const CPortmap&) = delete;
@@ -41,11 +42,12 @@ private:
     static constexpr int kNotBound = -2;
 
     bool RegisterSvc(long lProgNum, long lProgVer, int sock, char* pcStatus);
+    static bool RegisterUdp(const LogContext& log, long lProgNum, long lProgVer, int sock, char* pcStatus);
+    static bool RegisterTcp(const LogContext& log, long lProgNum, long lProgVer, int sock, char* pcStatus);
     int CreateSocket(unsigned long lPort, char* pcStatus);
-    bool IsLogPortmap() const;
 
     bool bIsRunning = false;
-    CUtilities* m_pUtilities;
+    CLog* m_pUtilities;  ///< of the utilities only the log is used
     CRuntimeParam* m_pRuntimeParam;
     /// Sockets made here, by program and version.
     std::map<std::pair<unsigned long, unsigned long>, CDescriptor> m_OwnSockets;

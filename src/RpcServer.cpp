@@ -4,14 +4,14 @@
 #include <cstddef>
 #include <cstring>
 
-#include "DataException.h"
+#include "CallGuard.h"
 #include "InputStream.h"
+#include "Log.h"
 #include "OutputStream.h"
 #include "RpcMessage.h"
 #include "RpcProg.h"
 #include "RuntimeParam.h"
 #include "Socket.h"
-#include "Utilities.h"
 
 namespace {
 
@@ -83,9 +83,98 @@ unsigned int NextCandidate(const CInputStream& input, unsigned int iOffset, cons
     return nUnread - layout.nSpan + 1;
 }
 
+/// What the scanner asks of a place where a call may start.
+struct Candidate {
+    unsigned int iProgram;
+    unsigned int iVersion;
+    unsigned int iProcedure;
+
+    Candidate(const char* pcBytes, const HeaderLayout& layout)
+        : iProgram(WordAt(pcBytes + layout.iProgram)),
+          iVersion(WordAt(pcBytes + layout.iVersion)),
+          iProcedure(WordAt(pcBytes + layout.iProcedure)) {}
+};
+
+/// The first offset, from iOffset on, at which a plausible call for the program starts; one with less than a head
+/// behind it if there is none.
+unsigned int FindHeader(const CInputStream& input, unsigned int iOffset, const HeaderLayout& layout,
+                        unsigned long lProgId, CRpcProg* pProg) {
+    for (;; ++iOffset) {
+        iOffset = NextCandidate(input, iOffset, layout, lProgId);
+        const char* pcBytes = input.GetFilledBuffer(iOffset, layout.nSpan);
+        if (pcBytes == nullptr) {
+            return iOffset;
+        }
+        const Candidate candidate(pcBytes, layout);
+        if (IsPlausible(pProg, candidate.iVersion, candidate.iProcedure)) {
+            return iOffset;
+        }
+    }
+}
+
+/// The same from the read position on, byte by byte, with lines about calls for other programs that are passed over.
+unsigned int FindHeaderAloud(const LogContext& log, const CInputStream& input, const HeaderLayout& layout,
+                             unsigned long lProgId, CRpcProg* pProg) {
+    for (unsigned int iOffset = 0;; ++iOffset) {
+        const char* pcBytes = input.GetFilledBuffer(iOffset, layout.nSpan);
+        if (pcBytes == nullptr) {
+            return iOffset;
+        }
+        const Candidate candidate(pcBytes, layout);
+        if (candidate.iProgram == lProgId) {
+            if (IsPlausible(pProg, candidate.iVersion, candidate.iProcedure)) {
+                return iOffset;
+            }
+        } else if (candidate.iProgram >= kFirstPlausibleProgram && candidate.iProgram <= kLastPlausibleProgram &&
+                   candidate.iProcedure <= kLastPlausibleProcedure) {
+            NFS_LOG_INFO(log, kLogRpc, "[%s] A possible valid header may be skipped, ProcId=%u, ProcId=%u",
+                         candidate.iProgram, candidate.iProcedure);
+        }
+    }
+}
+
+/// Reads the head of a call as far as it goes; what is missing stays as it was.
+int ReadHeader(int iSocketType, CInputStream* pInput, RPC_STM_HEADER* pHeader) {
+    RPC_HEADER& call = pHeader->call;
+    if (iSocketType == CSocket::kStream) {
+        pInput->Read(&pHeader->lHeader);
+    }
+    pInput->Read(&call.lXID);
+    pInput->Read(&call.lMsg);
+    pInput->Read(&call.lRpcvers);
+    pInput->Read(&call.lProg);
+    pInput->Read(&call.lVers);
+    pInput->Read(&call.lProc);
+    pInput->Read(&call.cred.lFlavor);
+    pInput->Read(&call.cred.lLength);
+    pInput->Skip(call.cred.lLength);
+    pInput->Read(&call.verf.lFlavor);
+    pInput->Read(&call.verf.lLength);
+    pInput->Skip(call.verf.lLength);
+    return kProgHandled;
+}
+
+void LogHeader(const LogContext& log, int iSocketType, const RPC_STM_HEADER& header) {
+    if (!log.IsWanted(CRuntimeParam::kLogRpc)) {
+        return;
+    }
+    CLog* pLog = log.pLog;
+    CRuntimeParam* pRuntimeParam = log.pRuntimeParam;
+    pLog->LogInfo(pRuntimeParam, "[%s] request header", log.GetTag());
+    if (iSocketType == CSocket::kStream) {
+        pLog->LogInfo(pRuntimeParam, " --- header=%u", header.lHeader);
+    }
+    pLog->LogInfo(pRuntimeParam, " --- nXID=%u", header.call.lXID);
+    pLog->LogInfo(pRuntimeParam, " --- nmsg=%u", header.call.lMsg);
+    pLog->LogInfo(pRuntimeParam, " --- nrpcvers=%u", header.call.lRpcvers);
+    pLog->LogInfo(pRuntimeParam, " --- nprog=%u", header.call.lProg);
+    pLog->LogInfo(pRuntimeParam, " --- nvers=%u", header.call.lVers);
+    pLog->LogInfo(pRuntimeParam, " --- nproc=%u", header.call.lProc);
+}
+
 }  // namespace
 
-CRpcServer::CRpcServer(CUtilities* pUtilities, CRuntimeParam* pRuntimeParam)
+CRpcServer::CRpcServer(CLog* pUtilities, CRuntimeParam* pRuntimeParam)
     : m_pUtilities(pUtilities), m_pRuntimeParam(std::make_unique<CRuntimeParam>("", pRuntimeParam->GetLogControl())) {}
 
 CRpcServer::~CRpcServer() = default;
@@ -103,50 +192,48 @@ void CRpcServer::SetLogControl(int iLogControl) {
 }
 
 void CRpcServer::SocketReceived(CSocket* pSocket) {
-    LogArgu logArgu{"RpcServer.SocketReceived"};
+    const LogArgu logArgu{"RpcServer.SocketReceived"};
+    const LogContext log{m_pUtilities, m_pRuntimeParam.get(), &logArgu};
     const MutexLock lock(m_hMutex);
-    while (ProcessNext(&logArgu, pSocket)) {
+    while (ProcessNext(log, pSocket)) {
     }
 }
 
 /// Answers the next call of the socket's input. False when there is nothing more to do before the next receive.
-bool CRpcServer::ProcessNext(const LogArgu* pLogArgu, CSocket* pSocket) {
-    CRuntimeParam* pRuntimeParam = m_pRuntimeParam.get();
-    CInputStream* pInput = pSocket->GetInputStream();
+bool CRpcServer::ProcessNext(const LogContext& log, CSocket* pSocket) {
+    const CInputStream* pInput = pSocket->GetInputStream();
     if (pInput->GetFilledBufferSize() == 0) {
         return false;
     }
     // A program puts the export's name and owner in their place. A call that belongs to no export has neither.
-    pRuntimeParam->SetID(pSocket->GetRemoteAddress());
-    pRuntimeParam->SetIpcID("");
-    if (IsLogRpc()) {
-        m_pUtilities->LogInfo(pRuntimeParam, "[%s] Input buf size(%u) pos(%u)", pLogArgu->pcName,
-                              pInput->GetFilledBufferSize(), pInput->GetBufferIndex());
-    }
-    if (!LookForValidHeader(pRuntimeParam, pLogArgu, pSocket->GetProgId(), pSocket->GetType(), pInput,
-                            pSocket->GetOutputStream())) {
-        if (IsLogRpc()) {
-            m_pUtilities->LogInfo(pRuntimeParam, "[%s] Cannot find valid header!!", pLogArgu->pcName);
-        }
+    m_pRuntimeParam->SetID(pSocket->GetRemoteAddress());
+    m_pRuntimeParam->SetIpcID("");
+    NFS_LOG_INFO(log, kLogRpc, "[%s] Input buf size(%u) pos(%u)", pInput->GetFilledBufferSize(),
+                 pInput->GetBufferIndex());
+    if (!FindNext(log, pSocket)) {
+        NFS_LOG_INFO(log, kLogRpc, "[%s] Cannot find valid header!!");
         return false;
     }
-    return ProcessFound(pLogArgu, pSocket);
+    return ProcessFound(log, pSocket);
+}
+
+/// Moves the read position of the socket's input to the next call for the program that it serves.
+bool CRpcServer::FindNext(const LogContext& log, CSocket* pSocket) {
+    return LookForValidHeader(log.pRuntimeParam, log.pLogArgu, pSocket->GetProgId(), pSocket->GetType(),
+                              pSocket->GetInputStream(), pSocket->GetOutputStream());
 }
 
 /// Answers the call at the read position. False when there is nothing more to do before the next receive.
-bool CRpcServer::ProcessFound(const LogArgu* pLogArgu, CSocket* pSocket) {
+bool CRpcServer::ProcessFound(const LogContext& log, CSocket* pSocket) {
     const bool bStream = pSocket->GetType() == CSocket::kStream;
     const int iStatus = bStream ? ProcessCurrent(pSocket) : AnswerDatagram(pSocket);
     bool bBroken = false;
     if (iStatus == kProgTruncated) {
-        bBroken = !WaitForRest(pLogArgu, pSocket);
+        bBroken = !WaitForRest(log, pSocket);
     } else if (bStream && m_Current.bArgumentsLeft) {
         bBroken = !PassUnread(pSocket->GetInputStream());
     }
-    if (IsLogRpc()) {
-        m_pUtilities->LogInfo(m_pRuntimeParam.get(), "[%s] Output buf size(%u)", pLogArgu->pcName,
-                              pSocket->GetOutputStream()->GetBufferSize());
-    }
+    NFS_LOG_INFO(log, kLogRpc, "[%s] Output buf size(%u)", pSocket->GetOutputStream()->GetBufferSize());
     pSocket->Send();
     if (bBroken) {
         pSocket->Shutdown();
@@ -174,7 +261,7 @@ int CRpcServer::ProcessCurrent(CSocket* pSocket) {
 /// For a call that ran short: drops what there is of its reply, and finds out whether its rest is still to come. If it
 /// is, or if no other call is to be seen behind it, the call begins again when more has come; else that other call
 /// does. False if the call cannot be completed at all.
-bool CRpcServer::WaitForRest(const LogArgu* pLogArgu, CSocket* pSocket) {
+bool CRpcServer::WaitForRest(const LogContext& log, CSocket* pSocket) {
     CInputStream* pInput = pSocket->GetInputStream();
     pSocket->GetOutputStream()->ResetBuffer();
     const CRecordMark& mark = m_Current.mark;
@@ -183,12 +270,9 @@ bool CRpcServer::WaitForRest(const LogArgu* pLogArgu, CSocket* pSocket) {
         return false;  // the fragment is here and the arguments run past its end
     }
     // While the rest is to come, the bytes that are here are the call's own: data that may look like a call.
-    if (bComing || !LookForValidHeader(m_pRuntimeParam.get(), pLogArgu, pSocket->GetProgId(), pSocket->GetType(),
-                                       pInput, pSocket->GetOutputStream())) {
+    if (bComing || !FindNext(log, pSocket)) {
         pInput->SetBufferIndex(m_Current.iStart);
-        if (IsLogRpc()) {
-            m_pUtilities->LogInfo(m_pRuntimeParam.get(), "[%s] Reset input buffer postion", pLogArgu->pcName);
-        }
+        NFS_LOG_INFO(log, kLogRpc, "[%s] Reset input buffer postion");
     }
     return true;
 }
@@ -253,56 +337,33 @@ CReplyCache* CRpcServer::FindReplyCache(CSocket* pSocket) {
 
 bool CRpcServer::LookForValidHeader(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, unsigned long lProgId,
                                     int iSocketType, CInputStream* pInput, COutputStream* /*pOutput*/) {
+    const LogContext log{m_pUtilities, pRuntimeParam, pLogArgu};
     const HeaderLayout& layout = iSocketType == CSocket::kStream ? kStreamLayout : kDatagramLayout;
-    const bool bLog = IsLogRpc();
-    const unsigned int iStart = pInput->GetBufferIndex();
     CRpcProg* pProg = FindProgram(lProgId);
+    const unsigned int iStart = pInput->GetBufferIndex();
     // What was searched before holds no call; only its log lines, where they are wanted, are written again.
-    const unsigned int iBegin = bLog ? iStart : pInput->GetSearchStart(iStart);
-    unsigned int iOffset = iBegin - iStart;
-    for (;; ++iOffset) {
-        if (!bLog) {
-            iOffset = NextCandidate(*pInput, iOffset, layout, lProgId);
-        }
-        const char* pcBytes = pInput->GetFilledBuffer(iOffset, layout.nSpan);
-        if (pcBytes == nullptr) {
-            break;
-        }
-        const unsigned int iProgram = WordAt(pcBytes + layout.iProgram);
-        if (iProgram == lProgId) {
-            if (IsPlausible(pProg, WordAt(pcBytes + layout.iVersion), WordAt(pcBytes + layout.iProcedure))) {
-                break;
-            }
-        } else if (bLog && iProgram >= kFirstPlausibleProgram && iProgram <= kLastPlausibleProgram) {
-            const unsigned int iProcedure = WordAt(pcBytes + layout.iProcedure);
-            if (iProcedure <= kLastPlausibleProcedure) {
-                m_pUtilities->LogInfo(pRuntimeParam,
-                                      "[%s] A possible valid header may be skipped, ProcId=%u, ProcId=%u",
-                                      pLogArgu->pcName, iProgram, iProcedure);
-            }
-        }
-    }
+    const bool bTell = log.IsWanted(CRuntimeParam::kLogRpc);
+    const unsigned int iBegin = bTell ? iStart : pInput->GetSearchStart(iStart);
+    const unsigned int iOffset = bTell ? FindHeaderAloud(log, *pInput, layout, lProgId, pProg)
+                                       : FindHeader(*pInput, iBegin - iStart, layout, lProgId, pProg);
     pInput->NoteSearched(iBegin, iStart + iOffset);
     if (pInput->GetFilledBuffer(iOffset, layout.nSpan) == nullptr) {
         return false;
     }
     if (iOffset != 0) {
         pInput->SetBufferIndex(iStart + iOffset);
-        if (bLog) {
-            m_pUtilities->LogInfo(pRuntimeParam, "[%s] Skipped %u data for next vaild header", pLogArgu->pcName,
-                                  iOffset);
-        }
+        NFS_LOG_INFO(log, kLogRpc, "[%s] Skipped %u data for next vaild header", iOffset);
     }
     return true;
 }
 
 int CRpcServer::Process(CRuntimeParam* pRuntimeParam, unsigned long /*lProgId*/, int iSocketType, CInputStream* pInput,
                         COutputStream* pOutput, const char* pcRemoteAddress) {
+    const LogArgu logArgu{"RpcServer.Process"};
+    const LogContext log{m_pUtilities, pRuntimeParam, &logArgu};
     RPC_STM_HEADER header{};
-    const int iHeaderStatus = ReadHeader(pRuntimeParam, iSocketType, pInput, &header);
-    if (IsLogRpc()) {
-        LogHeader(pRuntimeParam, iSocketType, header);
-    }
+    const int iHeaderStatus = RunGuarded(log, [&] { return ReadHeader(iSocketType, pInput, &header); });
+    LogHeader(log, iSocketType, header);
     if (iHeaderStatus == kProgTruncated) {
         return iHeaderStatus;  // whoever is called, and with what, is known when all of the head has come
     }
@@ -320,7 +381,7 @@ int CRpcServer::Process(CRuntimeParam* pRuntimeParam, unsigned long /*lProgId*/,
     if (iSocketType == CSocket::kDatagram) {
         param.nReplyLimit = kLargestDatagram;
     }
-    const int iStatus = Dispatch(pRuntimeParam, iHeaderStatus, header.call, &param, pInput, pOutput);
+    const int iStatus = Dispatch(log, iHeaderStatus, header.call, &param, pInput, pOutput);
     m_Current.bArgumentsLeft = param.bArgumentsLeft;
     if (iSocketType == CSocket::kStream) {
         const unsigned int nLength = pOutput->GetBufferIndex() - iReply;
@@ -330,66 +391,8 @@ int CRpcServer::Process(CRuntimeParam* pRuntimeParam, unsigned long /*lProgId*/,
     return iStatus;
 }
 
-/// Reads the head of a call as far as it goes; what is missing stays zero.
-int CRpcServer::ReadHeader(CRuntimeParam* pRuntimeParam, int iSocketType, CInputStream* pInput,
-                           RPC_STM_HEADER* pHeader) {
-    RPC_HEADER& call = pHeader->call;
-    try {
-        if (iSocketType == CSocket::kStream) {
-            pInput->Read(&pHeader->lHeader);
-        }
-        pInput->Read(&call.lXID);
-        pInput->Read(&call.lMsg);
-        pInput->Read(&call.lRpcvers);
-        pInput->Read(&call.lProg);
-        pInput->Read(&call.lVers);
-        pInput->Read(&call.lProc);
-        pInput->Read(&call.cred.lFlavor);
-        pInput->Read(&call.cred.lLength);
-        pInput->Skip(call.cred.lLength);
-        pInput->Read(&call.verf.lFlavor);
-        pInput->Read(&call.verf.lLength);
-        pInput->Skip(call.verf.lLength);
-    } catch (...) {
-        return LogException(pRuntimeParam);
-    }
-    return kProgHandled;
-}
-
-/// For a handler of any exception: logs it and tells the status it stands for.
-int CRpcServer::LogException(CRuntimeParam* pRuntimeParam) {
-    static constexpr const char* kTag = "RpcServer.Process";
-    const bool bLog = m_pUtilities != nullptr && pRuntimeParam->IsLogError();
-    try {
-        throw;
-    } catch (const CDataTruncatedExpt& truncated) {
-        if (bLog) {
-            m_pUtilities->LogError(pRuntimeParam, "[%s] %s", kTag, truncated.what());
-        }
-        return kProgTruncated;
-    } catch (...) {
-        if (bLog) {
-            m_pUtilities->LogError(pRuntimeParam, "[%s] Unknown exception", kTag);
-        }
-        return kProgGarbageArgs;
-    }
-}
-
-void CRpcServer::LogHeader(CRuntimeParam* pRuntimeParam, int iSocketType, const RPC_STM_HEADER& header) {
-    m_pUtilities->LogInfo(pRuntimeParam, "[%s] request header", "RpcServer.Process");
-    if (iSocketType == CSocket::kStream) {
-        m_pUtilities->LogInfo(pRuntimeParam, " --- header=%u", header.lHeader);
-    }
-    m_pUtilities->LogInfo(pRuntimeParam, " --- nXID=%u", header.call.lXID);
-    m_pUtilities->LogInfo(pRuntimeParam, " --- nmsg=%u", header.call.lMsg);
-    m_pUtilities->LogInfo(pRuntimeParam, " --- nrpcvers=%u", header.call.lRpcvers);
-    m_pUtilities->LogInfo(pRuntimeParam, " --- nprog=%u", header.call.lProg);
-    m_pUtilities->LogInfo(pRuntimeParam, " --- nvers=%u", header.call.lVers);
-    m_pUtilities->LogInfo(pRuntimeParam, " --- nproc=%u", header.call.lProc);
-}
-
 /// Writes the accept status and, through the program, the body of a reply.
-int CRpcServer::Dispatch(CRuntimeParam* pRuntimeParam, int iStatus, const RPC_HEADER& call, ProcessParam* pParam,
+int CRpcServer::Dispatch(const LogContext& log, int iStatus, const RPC_HEADER& call, ProcessParam* pParam,
                          CInputStream* pInput, COutputStream* pOutput) {
     if (iStatus == kProgGarbageArgs) {
         pOutput->Write(kGarbageArgs);
@@ -404,11 +407,7 @@ int CRpcServer::Dispatch(CRuntimeParam* pRuntimeParam, int iStatus, const RPC_HE
     }
     const int iAcceptStatus = static_cast<int>(pOutput->GetBufferIndex());
     pOutput->Write(kRpcSuccess);
-    try {
-        iStatus = pProg->Process(pInput, pOutput, pParam);
-    } catch (...) {
-        iStatus = LogException(pRuntimeParam);
-    }
+    iStatus = RunGuarded(log, [&] { return pProg->Process(pInput, pOutput, pParam); });
     if (iStatus == kProgNotImplemented || iStatus == kProgGarbageArgs) {
         pOutput->Seek(iAcceptStatus, 0);
         pOutput->Write(iStatus == kProgNotImplemented ? kProcUnavail : kGarbageArgs);
@@ -420,8 +419,4 @@ int CRpcServer::Dispatch(CRuntimeParam* pRuntimeParam, int iStatus, const RPC_HE
 CRpcProg* CRpcServer::FindProgram(unsigned long lProgId) const {
     const unsigned long i = lProgId - kFirstProgramId;
     return i < kProgramIdCount ? m_pProgTable[i] : nullptr;
-}
-
-bool CRpcServer::IsLogRpc() const {
-    return m_pUtilities != nullptr && m_pRuntimeParam->IsLogRpc();
 }

@@ -11,15 +11,15 @@
 #include "ThreadAnnotations.h"
 
 class CInputStream;
+class CLog;
 class COutputStream;
 class CRpcProg;
 class CRuntimeParam;
 class CSocket;
-class CUtilities;
 struct LogArgu;
+struct LogContext;
 struct ProcessParam;
 struct RPC_HEADER;
-struct RPC_STM_HEADER;
 
 /// The one listener of all sockets. Calls of all clients are decoded, executed and answered strictly one at a time,
 /// under one mutex.
@@ -31,8 +31,8 @@ struct RPC_STM_HEADER;
 /// not put together: the connection ends at the first call that would need it.
 class CRpcServer : public ISocketListener {
 public:
-    /// The utilities, used for logging, are not owned; of the runtime parameter only the log control is taken.
-    CRpcServer(CUtilities* pUtilities, CRuntimeParam* pRuntimeParam);
+    /// The log (may be null) is not owned; of the runtime parameter only the log control is taken.
+    CRpcServer(CLog* pUtilities, CRuntimeParam* pRuntimeParam);
     ~CRpcServer() override;
     CRpcServer(const CRpcServer&) = delete;
     CRpcServer& operator=(const CRpcServer&) = delete;
@@ -66,27 +66,24 @@ private:
         unsigned int GetRecordEnd() const { return iStart + mark.GetSize(); }  ///< for a plausible mark
     };
 
-    bool ProcessNext(const LogArgu* pLogArgu, CSocket* pSocket) REQUIRES(m_hMutex);
-    bool ProcessFound(const LogArgu* pLogArgu, CSocket* pSocket) REQUIRES(m_hMutex);
+    bool ProcessNext(const LogContext& log, CSocket* pSocket) REQUIRES(m_hMutex);
+    bool FindNext(const LogContext& log, CSocket* pSocket) REQUIRES(m_hMutex);
+    bool ProcessFound(const LogContext& log, CSocket* pSocket) REQUIRES(m_hMutex);
     int ProcessCurrent(CSocket* pSocket) REQUIRES(m_hMutex);
     int AnswerDatagram(CSocket* pSocket) REQUIRES(m_hMutex);
     CReplyCache* FindReplyCache(CSocket* pSocket) REQUIRES(m_hMutex);
     unsigned int GetStillToCome(const CInputStream& input) const REQUIRES(m_hMutex);
-    bool WaitForRest(const LogArgu* pLogArgu, CSocket* pSocket) REQUIRES(m_hMutex);
+    bool WaitForRest(const LogContext& log, CSocket* pSocket) REQUIRES(m_hMutex);
     bool PassUnread(CInputStream* pInput) REQUIRES(m_hMutex);
-    int ReadHeader(CRuntimeParam* pRuntimeParam, int iSocketType, CInputStream* pInput, RPC_STM_HEADER* pHeader);
-    int LogException(CRuntimeParam* pRuntimeParam);
-    void LogHeader(CRuntimeParam* pRuntimeParam, int iSocketType, const RPC_STM_HEADER& header);
-    int Dispatch(CRuntimeParam* pRuntimeParam, int iStatus, const RPC_HEADER& call, ProcessParam* pParam,
-                 CInputStream* pInput, COutputStream* pOutput) REQUIRES(m_hMutex);
+    int Dispatch(const LogContext& log, int iStatus, const RPC_HEADER& call, ProcessParam* pParam, CInputStream* pInput,
+                 COutputStream* pOutput) REQUIRES(m_hMutex);
     CRpcProg* FindProgram(unsigned long lProgId) const REQUIRES(m_hMutex);
-    bool IsLogRpc() const;
 
     Mutex m_hMutex;  ///< held for the whole of each SocketReceived
     std::array<CRpcProg*, kProgramIdCount> m_pProgTable GUARDED_BY(m_hMutex){};
     Current m_Current GUARDED_BY(m_hMutex);
     std::array<CReplyCache, kProgramIdCount> m_Replies GUARDED_BY(m_hMutex);  ///< of the programs' UDP ports
-    CUtilities* m_pUtilities;
+    CLog* m_pUtilities;                                                       ///< of the utilities only the log is used
     /// Its ID, the client's address, and its IPC ID change under the mutex only.
     std::unique_ptr<CRuntimeParam> m_pRuntimeParam;
 };

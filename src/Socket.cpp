@@ -38,6 +38,19 @@ void PrepareDatagramSocket(int iSocket) {
     static_cast<void>(::setsockopt(iSocket, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit)));
 }
 
+/// Where a received datagram was sent to. False if the system did not say.
+bool ReadLocalAddr(msghdr* pMessage, in_addr* pAddress) {
+    for (cmsghdr* pHeader = CMSG_FIRSTHDR(pMessage); pHeader != nullptr; pHeader = CMSG_NXTHDR(pMessage, pHeader)) {
+        if (pHeader->cmsg_level == IPPROTO_IP && pHeader->cmsg_type == IP_PKTINFO) {
+            in_pktinfo info{};
+            std::memcpy(&info, CMSG_DATA(pHeader), sizeof(info));
+            *pAddress = info.ipi_spec_dst;
+            return true;
+        }
+    }
+    return false;
+}
+
 /// Waits until the socket can take more bytes or the time is over.
 void WaitWritable(int iSocket, std::chrono::steady_clock::duration limit) {
     pollfd descriptor{iSocket, POLLOUT, 0};
@@ -167,15 +180,7 @@ CSocket::Received CSocket::ReceiveDatagram() {
         return Received::kNothing;  // an empty datagram; or the shutdown, which the caller sees
     }
     SetRemoteAddr(sender);
-    m_bHasLocalAddr = false;
-    for (cmsghdr* pHeader = CMSG_FIRSTHDR(&message); pHeader != nullptr; pHeader = CMSG_NXTHDR(&message, pHeader)) {
-        if (pHeader->cmsg_level == IPPROTO_IP && pHeader->cmsg_type == IP_PKTINFO) {
-            in_pktinfo info{};
-            std::memcpy(&info, CMSG_DATA(pHeader), sizeof(info));
-            m_LocalAddr = info.ipi_spec_dst;
-            m_bHasLocalAddr = true;
-        }
-    }
+    m_bHasLocalAddr = ReadLocalAddr(&message, &m_LocalAddr);
     m_InputStream.AddFilledBufferSize(static_cast<unsigned int>(nReceived));
     return Received::kBytes;
 }
