@@ -9,6 +9,7 @@
 
 #include "NfsMain.h"
 #include "Reason.h"
+#include "ServerIdentity.h"
 
 namespace {
 
@@ -47,16 +48,12 @@ public:
 
 // ---- The server
 
-void GetVersion(const Call& call) {
-    char cText[kIpcMessageSize] = "";
-    call.controller.GetVersion(cText);
-    call.ReplyMessage(cText);
-}
-
-void GetDescription(const Call& call) {
-    char cText[kIpcMessageSize] = "";
-    call.controller.GetDescription(cText);
-    call.ReplyMessage(cText);
+/// The operations that write a text about the server.
+template <void (CNfsMain::*operation)(char*)>
+void GetText(const Call& call) {
+    char vcText[kIdentityBufferSize] = "";
+    (call.controller.*operation)(vcText);
+    call.ReplyMessage(vcText);
 }
 
 void IsServerRunning(const Call& call) {
@@ -230,8 +227,8 @@ void RemoveNetDeviceCredential(const Call& call) {
 /// Indexed by request type.
 constexpr std::array<void (*)(const Call&), 33> kHandlers = {
     nullptr,
-    GetVersion,
-    GetDescription,
+    GetText<&CNfsMain::GetVersion>,
+    GetText<&CNfsMain::GetDescription>,
     IsServerRunning,
     StartServer,
     AddMountPoint,

@@ -36,7 +36,7 @@ std::size_t TargetLength(const IpcDataBuf& data) {
 int ReceiveSome(int iSocket, IpcDataBuf* pData, ssize_t* piReceived) {
     const auto iHave = static_cast<std::size_t>(pData->lDataLen);
     do {
-        *piReceived = recv(iSocket, pData->cBuf + iHave, sizeof(pData->cBuf) - iHave, MSG_DONTWAIT);
+        *piReceived = ::recv(iSocket, pData->cBuf + iHave, sizeof(pData->cBuf) - iHave, MSG_DONTWAIT);
     } while (*piReceived < 0 && errno == EINTR);
     if (*piReceived < 0) {
         return errno;
@@ -144,9 +144,9 @@ int CIpcSocket::Receive(IpcDataBuf* pData, int iWake, const Deadline& deadline) 
 
 void CIpcSocket::DiscardInput() {
     constexpr int kMaxReads = 256;  // a megabyte; who sends more than that wants no reply
-    char cBuf[kIpcDataBufSize];
+    char vcBuf[kIpcDataBufSize];
     for (int i = 0; i < kMaxReads; ++i) {
-        if (::recv(Get(), cBuf, sizeof(cBuf), MSG_DONTWAIT) <= 0) {
+        if (::recv(Get(), vcBuf, sizeof(vcBuf), MSG_DONTWAIT) <= 0) {
             return;
         }
     }

@@ -58,15 +58,15 @@ bool CNfsIpcServerMain::StartRemoteController(char* pcStatus) {
     if (m_pIpcServerThread) {
         return true;
     }
-    char cChannel[kIpcChannelBufferSize];
-    GetIpcServerThreadChannel(cChannel);
-    if (IsChannelServed(cChannel)) {
+    char vcChannel[kIpcChannelBufferSize];
+    GetIpcServerThreadChannel(vcChannel);
+    if (IsChannelServed(vcChannel)) {
         WriteReason(pcStatus, "Ipc channel is already created by others.");
         return false;
     }
     auto pThread = std::make_unique<CIpcServerThread>();
     char vcReason[kReasonBufferSize] = "";
-    if (!pThread->Open(cChannel, this, vcReason)) {
+    if (!pThread->Open(vcChannel, this, vcReason)) {
         CopyText(pcStatus, kReasonBufferSize, vcReason);
         const LogArgu logArgu{"NfsIpcServerMain.StartRemoteController"};
         NFS_LOG_ERROR(GetLog(&logArgu), "[%s] Fail to start ipc server thread. Reason=%s", vcReason);

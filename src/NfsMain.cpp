@@ -136,7 +136,7 @@ bool CNfsMain::IsServerRunning() {
 
 bool CNfsMain::AddMountPoint(const char* pcLocalMountPath, const char* pcExportName, const char* pcIpcID,
                              char* pcStatus) {
-    LogArgu logArgu{"NfsMain.AddMountPoint"};
+    const LogArgu logArgu{"NfsMain.AddMountPoint"};
     return m_pUtilities->AddMountInfo(m_pRuntimeParam.get(), &logArgu, pcLocalMountPath, pcExportName, pcIpcID,
                                       pcStatus);
 }
@@ -146,7 +146,7 @@ bool CNfsMain::AddMountPoint(const char* pcLocalMountPath, const char* pcExportN
 }
 
 void CNfsMain::RemoveMountPoint(const char* pcLocalMountPath) {
-    LogArgu logArgu{"NfsMain.RemoveMountPoint"};
+    const LogArgu logArgu{"NfsMain.RemoveMountPoint"};
     m_pUtilities->RemoveMountInfoByLocalMountPath(m_pRuntimeParam.get(), &logArgu, pcLocalMountPath);
 }
 
@@ -213,12 +213,12 @@ void CNfsMain::ExportRedirectedFileInfo(const char* pcPath, const char* pcExport
 }
 
 void CNfsMain::CloseCachedFileHandle(const char* pcPath) {
-    LogArgu logArgu{"NfsMain.CloseCachedFileHandle"};
+    const LogArgu logArgu{"NfsMain.CloseCachedFileHandle"};
     m_pUtilities->CloseCachedFileHandle(m_pRuntimeParam.get(), &logArgu, pcPath);
 }
 
 void CNfsMain::CloseAllCachedFileHandles(const char* pcPath) {
-    LogArgu logArgu{"NfsMain.CloseAllCachedFileHandles"};
+    const LogArgu logArgu{"NfsMain.CloseAllCachedFileHandles"};
     m_pUtilities->CloseAllCachedFileHandles(m_pRuntimeParam.get(), &logArgu, pcPath);
 }
 

@@ -162,7 +162,7 @@ void CNfsMain::StopServer() {
 }
 
 void CNfsMain::StopLocked() {
-    LogArgu logArgu{"NfsMain.StopServer"};
+    const LogArgu logArgu{"NfsMain.StopServer"};
     if (m_bServerRunning) {
         LogLifecycle("Stop NFS");
     }

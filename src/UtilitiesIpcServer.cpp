@@ -156,10 +156,10 @@ int CUtilitiesIpcServer::LogWriteRedirectedFile(CRuntimeParam* pRuntimeParam, co
 // ---- Sending
 
 bool CUtilitiesIpcServer::SendCallback(const std::string& sIpcID, CIpcClient& client) {
-    char cChannel[kIpcChannelBufferSize];
-    const bool bReachable = GetIpcCallbackChannel(sIpcID.c_str(), cChannel);
+    char vcChannel[kIpcChannelBufferSize];
+    const bool bReachable = GetIpcCallbackChannel(sIpcID.c_str(), vcChannel);
     client.SetTimeout(m_CallbackTimeout);
-    const bool bAnswered = client.SendRequest(bReachable ? cChannel : nullptr);
+    const bool bAnswered = client.SendRequest(bReachable ? vcChannel : nullptr);
     const auto now = std::chrono::steady_clock::now();
     const MutexLock lock(m_hMutexSilentReceivers);
     if (!bAnswered && client.GetErrorNumber() == ETIMEDOUT) {
