@@ -9,7 +9,6 @@
 #include "IpcBasic.h"
 #include "IpcChannel.h"
 #include "IpcText.h"
-#include "Texts.h"
 
 namespace {
 
@@ -45,16 +44,6 @@ TEST(IpcMessagesTest, UnknownTypesAndGroupsAreAHeader) {
     }
     EXPECT_EQ(GetIpcRecordLength(1, 6), 16U);
     EXPECT_EQ(GetIpcRecordLength(3, 6), 16U);
-}
-
-TEST(IpcMessagesTest, TextsThatDoNotFitAreCutAtTheFieldsEnd) {
-    char cField[8];
-    CopyText(cField, "1234567");
-    EXPECT_STREQ(cField, "1234567");
-    CopyText(cField, "12345678");
-    EXPECT_STREQ(cField, "1234567");
-    CopyText(cField, nullptr);
-    EXPECT_STREQ(cField, "");
 }
 
 TEST(IpcMessagesTest, AnUnterminatedTextEndsWithItsField) {
