@@ -6,13 +6,14 @@
 
 #include "ConsoleNumbers.h"
 #include "ConsoleUtilities.h"
+#include "Limits.h"
 #include "ServerIdentity.h"
-#include "Utilities.h"
+#include "Texts.h"
 
 std::optional<int> ConsoleOptions::Parse(CConsoleUtilities& console, const char* pcProgramName,
                                          const char* pcCommandLine) {
     std::vector<std::string> vTokens;
-    CUtilities::SplitIntoVector(pcCommandLine, '\n', vTokens);
+    AppendPieces(pcCommandLine, '\n', vTokens);
     for (std::size_t i = 0; i < vTokens.size(); ++i) {
         const std::string& sOption = vTokens[i];
         if (sOption == kOptionHelp) {

@@ -6,8 +6,8 @@
 #include <vector>
 
 #include "ConsoleOptions.h"
+#include "Limits.h"
 #include "Texts.h"
-#include "Utilities.h"
 
 void CConsoleUtilities::PrintUsage(const char* pcProgramName) {
     std::printf("\n");
@@ -21,9 +21,7 @@ void CConsoleUtilities::PrintUsage(const char* pcProgramName) {
 
 bool CConsoleUtilities::SplitValue(CUtilities* /*pUtilities*/, const char* pcText, char* pcLeft, char* pcRight) {
     std::vector<std::string> vPieces;
-    if (pcText != nullptr) {
-        CUtilities::SplitIntoVector(pcText, '=', vPieces);
-    }
+    AppendPieces(pcText, '=', vPieces);
     if (vPieces.size() < 2) {
         return false;
     }

@@ -16,8 +16,8 @@
 #include <unistd.h>
 
 #include "Descriptor.h"
+#include "OsFiles.h"
 #include "Reason.h"
-#include "Utilities.h"
 
 namespace {
 
@@ -39,15 +39,15 @@ public:
     PidFile(const char* pcPath, int iLogControl, const char* pcTag, char* pcStatus)
         : m_pcPath(pcPath), m_Param("", iLogControl | CRuntimeParam::kLogError), m_Tag{pcTag}, m_pcStatus(pcStatus) {}
 
-    bool Exists() { return m_Utilities.OS_IsFileExists(m_pcPath, nullptr); }
-    bool Remove() { return m_Utilities.OS_FileRemove(&m_Param, &m_Tag, m_pcPath, m_pcStatus) == 0; }
+    bool Exists() { return m_OsFiles.OS_IsFileExists(m_pcPath, nullptr); }
+    bool Remove() { return m_OsFiles.OS_FileRemove(&m_Param, &m_Tag, m_pcPath, m_pcStatus) == 0; }
     /// Removes the file unless a living process holds it.
     Verdict Free();
     /// Makes the file and writes our process ID.
     Verdict Write();
     /// Reports on the log what the reason says.
     void LogFailure() {
-        m_Utilities.LogError(&m_Param, "Fail to create pid file \"%s\". Reason=%s", m_pcPath, m_pcStatus);
+        m_OsFiles.LogError(&m_Param, "Fail to create pid file \"%s\". Reason=%s", m_pcPath, m_pcStatus);
     }
 
 private:
@@ -57,7 +57,7 @@ private:
         Descriptor(PidFile& owner, int iFile) : m_Owner(owner), m_iFile(iFile) {}
         ~Descriptor() {
             if (m_iFile >= 0) {
-                m_Owner.m_Utilities.OS_FileClose(&m_Owner.m_Param, &m_Owner.m_Tag, m_iFile, m_Owner.m_pcPath, nullptr);
+                m_Owner.m_OsFiles.OS_FileClose(&m_Owner.m_Param, &m_Owner.m_Tag, m_iFile, m_Owner.m_pcPath, nullptr);
             }
         }
         Descriptor(const Descriptor&) = delete;
@@ -76,7 +76,7 @@ private:
     bool Fail(const char* pcReason);
 
     const char* m_pcPath;
-    CUtilities m_Utilities;
+    COsFiles m_OsFiles;
     CRuntimeParam m_Param;
     LogArgu m_Tag;
     char* m_pcStatus;
@@ -118,7 +118,7 @@ bool PidFile::IsHeldByLivingProcess(const std::string& sText) {
 /// Takes the text of an open pid file without its line end.
 bool PidFile::ReadText(int iFile, std::string& sText) {
     char vcText[kMaxPidText];
-    const int nText = m_Utilities.OS_FileRead(&m_Param, &m_Tag, iFile, vcText, kMaxPidText, m_pcStatus);
+    const int nText = m_OsFiles.OS_FileRead(&m_Param, &m_Tag, iFile, vcText, kMaxPidText, m_pcStatus);
     if (nText < 0) {
         return false;
     }
@@ -141,13 +141,13 @@ Verdict PidFile::Free() {
     CDescriptor lock;  // holds the lock until the file is removed; the file itself is closed before
     std::string sText;
     {
-        const Descriptor file(*this, m_Utilities.OS_FileOpen(&m_Param, &m_Tag, m_pcPath, O_RDONLY, false, m_pcStatus));
+        const Descriptor file(*this, m_OsFiles.OS_FileOpen(&m_Param, &m_Tag, m_pcPath, O_RDONLY, false, m_pcStatus));
         if (file.Get() < 0) {
             return Exists() ? Verdict::kTaken : Verdict::kAgain;
         }
         lock = CDescriptor(::fcntl(file.Get(), F_DUPFD_CLOEXEC, 0));
         if (!lock.IsOpen()) {
-            CUtilities::GetLastErrorText(m_pcStatus, errno);
+            COsFiles::GetLastErrorText(m_pcStatus, errno);
             return Verdict::kTaken;
         }
         Lock(file.Get());
@@ -165,7 +165,7 @@ Verdict PidFile::Free() {
 }
 
 Verdict PidFile::Write() {
-    const Descriptor file(*this, m_Utilities.OS_FileForceOpen(&m_Param, &m_Tag, m_pcPath, m_pcStatus));
+    const Descriptor file(*this, m_OsFiles.OS_FileForceOpen(&m_Param, &m_Tag, m_pcPath, m_pcStatus));
     if (file.Get() < 0) {
         return Verdict::kTaken;
     }
@@ -175,15 +175,15 @@ Verdict PidFile::Write() {
         return Verdict::kAgain;  // another console was faster
     }
     const std::string sText = std::to_string(::getpid()) + "\n";
-    const int nWritten = m_Utilities.OS_FileWrite(&m_Param, &m_Tag, file.Get(), sText.data(),
-                                                  static_cast<unsigned int>(sText.size()), m_pcStatus);
+    const int nWritten = m_OsFiles.OS_FileWrite(&m_Param, &m_Tag, file.Get(), sText.data(),
+                                                static_cast<unsigned int>(sText.size()), m_pcStatus);
     if (nWritten == static_cast<int>(sText.size())) {
         return Verdict::kFree;
     }
     if (nWritten >= 0) {
-        CUtilities::GetLastErrorText(m_pcStatus, ENOSPC);
+        COsFiles::GetLastErrorText(m_pcStatus, ENOSPC);
     }
-    m_Utilities.OS_FileRemove(&m_Param, &m_Tag, m_pcPath, nullptr);  // what could not be written says nothing
+    m_OsFiles.OS_FileRemove(&m_Param, &m_Tag, m_pcPath, nullptr);  // what could not be written says nothing
     return Verdict::kTaken;
 }
 

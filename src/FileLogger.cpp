@@ -8,8 +8,8 @@
 #include <ctime>
 
 #include "Limits.h"
+#include "OsFiles.h"
 #include "Texts.h"
-#include "Utilities.h"
 
 namespace {
 
@@ -48,7 +48,7 @@ std::size_t FormatLine(char (&vcOut)[kLineBufferSize], const char* pcType, const
 
 CFileLogger::CFileLogger(const char* pcPath)
     : m_LogFile(OrEmpty(pcPath)),
-      m_pUtilities(std::make_unique<CUtilities>()),
+      m_pUtilities(std::make_unique<COsFiles>()),
       m_pRuntimeParam(std::make_unique<CRuntimeParam>("", CRuntimeParam::kLogError)) {}
 
 CFileLogger::~CFileLogger() {

@@ -8,13 +8,13 @@
 #include "RuntimeParam.h"
 #include "ThreadAnnotations.h"
 
-class CUtilities;
+class COsFiles;
 
 /// Appends time-stamped lines to one file. When the file has reached the limit, it is renamed to the first free name
 /// of path.1, path.2, ... and a new one begun; rotated files are never deleted.
 ///
 /// Any thread may call: lines are whole and in the order in which the threads came. Failures of the logger itself are
-/// reported on standard output. It works through utilities of its own, so that no line of it comes back to it.
+/// reported on standard output. It works through a COsFiles of its own, so that no line of it comes back to it.
 class CFileLogger {
 public:
     /// 32 MiB.
@@ -52,6 +52,6 @@ private:
     Mutex m_hMutex;
     int m_iLogFile GUARDED_BY(m_hMutex) = -1;
     int m_iLastLogIndex GUARDED_BY(m_hMutex) = 1;  ///< the next number to try for a rotated file's name
-    const std::unique_ptr<CUtilities> m_pUtilities;
+    const std::unique_ptr<COsFiles> m_pUtilities;
     const std::unique_ptr<CRuntimeParam> m_pRuntimeParam;
 };

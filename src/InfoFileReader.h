@@ -12,8 +12,8 @@
 /// and logged, alone.
 class CInfoFileReader {
 public:
-    CInfoFileReader(CUtilities* pUtilities, CCachedFile file, std::int64_t iPosition)
-        : m_File(pUtilities, std::move(file), iPosition), m_iPosition(iPosition) {}
+    CInfoFileReader(CLog* pLog, CCachedFile file, std::int64_t iPosition)
+        : m_File(pLog, std::move(file), iPosition), m_iPosition(iPosition) {}
 
     /// Whether there is a file to walk; all else wants one.
     bool IsOpen() const { return m_File.Get() != -1; }

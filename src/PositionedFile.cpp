@@ -5,58 +5,32 @@
 
 #include <unistd.h>
 
-#include "Limits.h"
-#include "Utilities.h"
+#include "FileTransfer.h"
 
 void CPositionedFile::Seek(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, std::int64_t iOffset) {
     m_iPosition = iOffset;
-    if (pRuntimeParam->IsLogFileAccess()) {
-        m_pUtilities->LogInfo(pRuntimeParam, "[%s] OS seek file (%d)", pLogArgu->pcName, m_File.Get());
-    }
+    ReportSeek({m_pLog, pRuntimeParam, pLogArgu}, m_File, m_iPosition, 0, nullptr);
 }
 
 std::int64_t CPositionedFile::Tell(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu) {
-    if (pRuntimeParam->IsLogFileAccess()) {
-        m_pUtilities->LogInfo(pRuntimeParam, "[%s] OS tell file (%d)", pLogArgu->pcName, m_File.Get());
-    }
+    ReportTell({m_pLog, pRuntimeParam, pLogArgu}, m_File, m_iPosition, 0, nullptr);
     return m_iPosition;
 }
 
 int CPositionedFile::Read(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, void* pvBuffer, unsigned int iLen) {
-    const ssize_t iRead = ::pread(m_File.Get(), pvBuffer, iLen, m_iPosition);
-    if (iRead < 0) {
-        const int iError = errno;
-        if (pRuntimeParam->IsLogError()) {
-            char vcError[kReasonBufferSize];
-            CUtilities::GetLastErrorText(vcError, iError);
-            m_pUtilities->LogError(pRuntimeParam, "[%s] OS read file (%d). Error=%s", pLogArgu->pcName, m_File.Get(),
-                                   vcError);
-        }
-        return -1;
-    }
-    if (pRuntimeParam->IsLogFileAccess()) {
-        m_pUtilities->LogInfo(pRuntimeParam, "[%s] OS read file (%d)", pLogArgu->pcName, m_File.Get());
-    }
-    m_iPosition += iRead;
-    return static_cast<int>(iRead);
+    const ssize_t iRead = ::pread(m_File, pvBuffer, iLen, m_iPosition);
+    ReportRead({m_pLog, pRuntimeParam, pLogArgu}, m_File, iRead, errno, nullptr);
+    return Advance(iRead);
 }
 
 int CPositionedFile::Write(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const void* pvBuffer,
                            unsigned int iLen) {
-    const ssize_t iWritten = ::pwrite(m_File.Get(), pvBuffer, iLen, m_iPosition);
-    if (iWritten < 0) {
-        const int iError = errno;
-        if (pRuntimeParam->IsLogError()) {
-            char vcError[kReasonBufferSize];
-            CUtilities::GetLastErrorText(vcError, iError);
-            m_pUtilities->LogError(pRuntimeParam, "[%s] OS write file (%d). Error=%s", pLogArgu->pcName, m_File.Get(),
-                                   vcError);
-        }
-        return -1;
-    }
-    if (pRuntimeParam->IsLogFileAccess()) {
-        m_pUtilities->LogInfo(pRuntimeParam, "[%s] OS write file (%d)", pLogArgu->pcName, m_File.Get());
-    }
-    m_iPosition += iWritten;
-    return static_cast<int>(iWritten);
+    const ssize_t iWritten = ::pwrite(m_File, pvBuffer, iLen, m_iPosition);
+    ReportWrite({m_pLog, pRuntimeParam, pLogArgu}, m_File, iWritten, errno, nullptr);
+    return Advance(iWritten);
+}
+
+int CPositionedFile::Advance(long long iTransferred) {
+    m_iPosition += iTransferred > 0 ? iTransferred : 0;
+    return static_cast<int>(iTransferred);  // a call transfers less than 2 GiB
 }

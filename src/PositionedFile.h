@@ -5,19 +5,17 @@
 #include <utility>
 
 #include "CachedFile.h"
-#include "RuntimeParam.h"
-
-class CUtilities;
+#include "Log.h"
 
 /// Reads and writes a descriptor that others share, as if it were opened for this user alone: the position is kept
-/// here and every transfer is a positioned one, so that nobody's seek can fall in between. Logs as the wrappers of
-/// the utilities do for the same steps.
+/// here and every transfer is a positioned one, so that nobody's seek can fall in between. Logs as the wrappers of the
+/// system's calls (COsFiles) do for the same steps.
 ///
 /// Used by one thread; the descriptor, which must be open for all but Get, stays open as long as this object.
 class CPositionedFile {
 public:
-    CPositionedFile(CUtilities* pUtilities, CCachedFile file, std::int64_t iPosition)
-        : m_pUtilities(pUtilities), m_File(std::move(file)), m_iPosition(iPosition) {}
+    CPositionedFile(CLog* pLog, CCachedFile file, std::int64_t iPosition)
+        : m_pLog(pLog), m_File(std::move(file)), m_iPosition(iPosition) {}
 
     int Get() const { return m_File.Get(); }
     std::int64_t GetPosition() const { return m_iPosition; }
@@ -30,7 +28,9 @@ public:
     int Write(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const void* pvBuffer, unsigned int iLen);
 
 private:
-    CUtilities* m_pUtilities;
+    int Advance(long long iTransferred);
+
+    CLog* m_pLog;
     CCachedFile m_File;
     std::int64_t m_iPosition;
 };

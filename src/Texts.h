@@ -1,9 +1,11 @@
-// Texts as callers give them, possibly none, and buffers of a fixed size to copy them into.
+// Texts as callers give them, possibly none, their pieces, and buffers of a fixed size to copy them into.
 #pragma once
 
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
+#include <string>
+#include <vector>
 
 /// The text itself; the empty text for null.
 inline const char* OrEmpty(const char* pcText) {
@@ -26,3 +28,7 @@ template <std::size_t n>
 void CopyText(char (&vcOut)[n], const char* pcText) {
     CopyText(vcOut, n, pcText);
 }
+
+/// Appends the pieces between separators; leading and inner empty ones are kept, a trailing empty one is not. Null
+/// counts as empty.
+void AppendPieces(const char* pcText, char cSeparator, std::vector<std::string>& vOut);

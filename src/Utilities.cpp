@@ -3,7 +3,6 @@
 #include "Utilities.h"
 
 #include "FileTable.h"
-#include "Reason.h"
 #include "RedirectedFile.h"
 #include "VSphereWebController.h"
 
@@ -19,8 +18,4 @@ void CUtilities::Reset(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu) {
     CloseAllCachedFileHandles(pRuntimeParam, pLogArgu);
     CloseAllRedirectedFiles(pRuntimeParam);
     RemoveAllNetDeviceCredential(pRuntimeParam);
-}
-
-void CUtilities::GetLastErrorText(char* pcOut, int iError) {
-    WriteReason(pcOut, "%s", CSystemErrorText(iError).Get());
 }

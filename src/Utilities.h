@@ -1,4 +1,5 @@
-// CUtilities: every registry of the server and the file operations, over the log that they write to.
+// CUtilities: every registry of the server and the file operations, over the cache of open descriptors
+// (CDescriptorCache), the system's calls (COsFiles) and the log (CLog), all of which it is.
 //
 // The implementation is told in themed files, one for each banner below (UtilitiesMount.cpp, UtilitiesFile.cpp, ...).
 #pragma once
@@ -15,11 +16,9 @@
 #include <sys/stat.h>
 #include <sys/types.h>
 
-#include "CachedFile.h"
+#include "DescriptorCache.h"
 #include "Limits.h"
-#include "Log.h"
 #include "PathProbe.h"
-#include "RegularFile.h"
 #include "RuntimeParam.h"
 #include "ThreadAnnotations.h"
 
@@ -66,34 +65,18 @@ struct RedirectedEntry {
     std::string sCanonicalPath;  ///< of its key, as it was resolved when the file was opened or renamed
 };
 
-/// One entry of the descriptor cache. An entry whose open failed holds no descriptor (-1) and is tried again.
-struct OpenedFileInfo {
-    CCachedFile iFile;
-    std::string sTimeKey;  ///< the entry's key in the last-access index
-    std::string sPath;
-    std::time_t iLastAccess = 0;  ///< the time in that key; in each second the first use looks at the path
-    FileIdentity identity;        ///< the file that is open
-    bool bReadOnly = false;       ///< opened for reading alone
-    bool bHost = false;           ///< used as a source or info file
-};
-
 /// The registries and file operations of one server instance.
 ///
 /// Any thread may call any operation. Each table has a mutex of its own; where locks nest the order is
 /// redirected files, descriptor cache, exports, file table (docs/architecture.md). No registry mutex is held while
 /// the host is notified or a log line goes out. A runtime parameter and a LogArgu serve logging only, unless said
 /// otherwise; neither is kept. Reason buffers hold kReasonBufferSize characters and may be null.
-class CUtilities : public CLog {
+class CUtilities : public CDescriptorCache {
 public:
     CUtilities();
     ~CUtilities() override;
     CUtilities(const CUtilities&) = delete;
     CUtilities& operator=(const CUtilities&) = delete;
-
-    // ---- Errors and the end
-
-    /// Writes "%s (%d)" of the system's message and the number into a reason buffer (ignored when null).
-    static void GetLastErrorText(char* pcOut, int iError);
 
     /// Empties every registry: exports, sessions, cached descriptors, redirected files, net-device credentials.
     void Reset(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu);
@@ -176,71 +159,6 @@ public:
     /// The path of a handle, decoded from its first four bytes; false for an unknown ID or a path that does not fit.
     bool GetFilePath(CRuntimeParam* pRuntimeParam, const char* pcHandle, char* pcPath, unsigned int iSize);
     void ResetFileTable();
-
-    // ---- Descriptor cache (UtilitiesDescriptorCache.cpp)
-
-    /// The descriptor of a file of the host's choice, opened if need be: read/write when wanted or when the path lies
-    /// in an export, else read only. What refuses writers (EROFS, EACCES, EPERM, ETXTBSY) is opened read only, unless
-    /// read/write was wanted. Empty (-1) for an empty path or a failed open. Within a second the descriptor may still
-    /// be that of a file that was replaced under its path.
-    CCachedFile GetCachedFileHandle(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
-                                    bool bReadWrite);
-    /// A client was told that there is no such path: no descriptor of a removed file stays behind. One that serves the
-    /// host's redirected files stays.
-    void DropMissingFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath);
-    void CloseCachedFileHandle(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath);
-    /// Closes what lies at or below a path.
-    void CloseAllCachedFileHandles(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath);
-    void CloseAllCachedFileHandles(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu);
-    /// Closes the least recently used tenth, or all of fewer than ten.
-    void CloseExceededCachedFileHandle(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu)
-        REQUIRES(m_hMutexOpenedFileHandles);
-    /// For a thread outside the cache that ran out of descriptors: as above, taking the lock.
-    void FreeCachedFileHandles(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu);
-
-    // ---- System calls on files and folders (UtilitiesOs.cpp)
-    // Each logs its success at file-access level and its failure at error level, and leaves the error text in the
-    // reason buffer. A descriptor of -1 is refused without a system call ("Bad file descriptor").
-    // Every descriptor is close-on-exec. Where a file is created, running out of descriptors evicts from the cache and
-    // tries once more.
-
-    int OS_FileCreate(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, char* pcStatus);
-    int OS_FileRemove(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, char* pcStatus);
-    int OS_FileRename(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPathFrom,
-                      const char* pcPathTo, char* pcStatus);
-    /// With bRetry, running out of descriptors evicts from the cache and tries once more.
-    int OS_FileOpen(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, int iFlags, bool bRetry,
-                    char* pcStatus);
-    int OS_FileClose(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, int iFile, const char* pcPath,
-                     char* pcStatus);
-    int OS_FileRead(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, int iFile, void* pvBuffer, unsigned int iLen,
-                    char* pcStatus);
-    int OS_FileWrite(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, int iFile, const void* pvBuffer,
-                     unsigned int iLen, char* pcStatus);
-    /// Waits until the file's data is with its storage (fdatasync). 0 or -1.
-    int OS_FileSync(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, int iFile, char* pcStatus);
-    long long OS_FileSeek(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, int iFile, long long iOffset,
-                          int iWhence, char* pcStatus);
-    long long OS_FileTell(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, int iFile, char* pcStatus);
-    /// A seek and the transfer behind it as one step (positioned), with the log lines of both. -1 if either fails.
-    int OS_FileReadAt(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const CCachedFile& file, long long iOffset,
-                      void* pvBuffer, unsigned int iLen, char* pcStatus);
-    int OS_FileWriteAt(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const CCachedFile& file,
-                       long long iOffset, const void* pvBuffer, unsigned int iLen, char* pcStatus);
-    bool OS_IsFileExists(const char* pcPath, char* pcStatus);
-    int OS_FolderCreate(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, unsigned int iMode,
-                        char* pcStatus);
-    int OS_FolderRemove(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, char* pcStatus);
-    int OS_SetFileMode(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, unsigned int iMode,
-                       char* pcStatus);
-    /// Makes the file if it is missing. What is not a regular file is not opened.
-    bool OS_SetFileSize(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
-                        unsigned long long iSize, char* pcStatus);
-    /// Links are not followed. With the status that was just found for the path, if there is one, nothing is asked.
-    int OS_GetFileStat(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, struct stat* pStat,
-                       char* pcStatus, const FoundStatus* pFound = nullptr);
-    /// Opens for appending; creates the file and the folders above it where they are missing.
-    int OS_FileForceOpen(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, char* pcStatus);
 
     // ---- File operations of the NFS procedures (UtilitiesFile.cpp, UtilitiesRename.cpp)
     // Only regular files are opened; what else a path names fails as a file that cannot be opened. Where a call has
@@ -366,20 +284,7 @@ protected:
     bool ExecuteRemoveNetDeviceCredentialCmd(CRuntimeParam* pRuntimeParam, const char* pcPath);
 
 private:
-    using OpenedFiles = std::map<std::string, OpenedFileInfo, std::less<>>;
-
-    /// What is wanted of the descriptor cache.
-    struct FileWish {
-        bool bReadWrite = false;  ///< to be opened for reading and writing, whatever the path
-        bool bClient = false;     ///< for a client: a regular file or none
-        bool bWrite = false;      ///< for a WRITE, which does not put up with a descriptor opened for reading alone
-        bool bCalled = false;     ///< by a call that found the path in an export
-        FoundStatus status;       ///< what a look at the path found, if there was one
-
-        /// The look of one who has none from elsewhere, links followed.
-        void LookAt(const char* pcPath);
-    };
-
+    bool IsExported(const LogContext& log, const char* pcPath) override;
     MountAccess ScanMountInfos(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPathToCompare,
                                bool bReachable, const char* pcClientAddr, MountInfo* pMountInfo);
 
@@ -391,45 +296,14 @@ private:
     bool FindMountInfoClash(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcLocalMountPath,
                             const char* pcExportName, char* pcStatus) REQUIRES(m_hMutexMountInfos);
     void ResetFileTableWithoutExports() REQUIRES(m_hMutexMountInfos);
-    CCachedFile OpenCachedFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
-                               const FileWish& wish) REQUIRES(m_hMutexOpenedFileHandles);
-    int OpenInMode(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, const FileWish& wish,
-                   bool bWrite, bool* pbReadOnly) REQUIRES(m_hMutexOpenedFileHandles);
-    int OpenForCache(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, int iFlags,
-                     const FileWish& wish, int* piError) REQUIRES(m_hMutexOpenedFileHandles);
-    void StampLastAccess(OpenedFileInfo& info) REQUIRES(m_hMutexOpenedFileHandles);
-    void CloseCachedFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, OpenedFileInfo& info)
-        REQUIRES(m_hMutexOpenedFileHandles);
-    OpenedFiles::iterator EraseCachedFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu,
-                                          OpenedFiles::iterator itOpened) REQUIRES(m_hMutexOpenedFileHandles);
-    void ClearCachedFiles(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu) REQUIRES(m_hMutexOpenedFileHandles);
-
     bool InsertMountInfo(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, MountInfo mountInfo, char* pcStatus);
 
-    // Ways into the descriptor cache.
-    CCachedFile GetClientFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, bool bWrite,
-                              const FoundStatus* pFound);
-    CCachedFile TakeCachedFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
-                               const FileWish& wish);
-    bool IsLookDue(const char* pcPath);
-    static bool IsOtherFile(const OpenedFileInfo& info, const FoundStatus& found);
-    /// Closes the descriptor of a path that is found to name another file.
-    void DropReplacedFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
-                          const FoundStatus& found);
-    /// Closes what lies at or below a folder; if asked for, only what was opened for reading alone.
-    void CloseCachedFilesWithin(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const std::string& sFolder,
-                                bool bReadOnlyOnes);
-    /// Closes what lies below a path that was renamed.
-    void CloseCachedFileHandlesBelow(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath);
-
     // Steps of the file operations.
-    bool ReadAt(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const CCachedFile& file, long long iOffset,
-                void* pvBuffer, unsigned int iLen, char* pcStatus, int* piRead);
-    int ReadOpenedFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const CCachedFile& file,
-                       long long iOffset, void* pvBuffer, unsigned int iLen, bool* pbEof, const FoundStatus* pFound);
-    int WriteOpenedFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const CCachedFile& file,
-                        long long iOffset, const void* pvData, unsigned int iLen);
-    long long SeekToEnd(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const CCachedFile& file);
+    int ReadOpenedFile(const LogContext& log, const CCachedFile& file, long long iOffset, void* pvBuffer,
+                       unsigned int iLen, bool* pbEof, const FoundStatus* pFound);
+    int WriteOpenedFile(const LogContext& log, const CCachedFile& file, long long iOffset, const void* pvData,
+                        unsigned int iLen);
+    long long SeekToEnd(const LogContext& log, const CCachedFile& file);
     int ReadRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath, std::shared_ptr<CRedirectedFile> pFile,
                            unsigned long long iSeek, void* pvBuffer, unsigned int iLen, bool* pbEof);
     std::shared_ptr<CRedirectedFile> TakeRedirectedFile(const char* pcPath);
@@ -445,43 +319,11 @@ private:
     void CloseRenamedFileHandles(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPathFrom,
                                  const char* pcPathTo, bool bFolder);
 
-    /// Opens; running out of descriptors evicts from the cache and tries once more.
-    int OpenWithRetry(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, int iFlags,
-                      mode_t iMode);
-    int CreateRegularWithRetry(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, mode_t iMode);
-    /// OS_FileCreate for a client: a regular file or none.
-    int CreateRegular(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath);
-
-    // Log lines of system calls that are made in more than one place.
-    int ReportCreate(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, int iFile, int iError,
-                     char* pcStatus);
-    void ReportOpenMode(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, bool bWrite);
-    void ReportNotRegular(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, int iError);
-    int ReportOpen(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, int iFile, int iError,
-                   char* pcStatus);
-    void ReportClose(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath);
-    void ReportRead(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, int iFile, long long iRead, int iError,
-                    char* pcStatus);
-    void ReportWrite(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, int iFile, long long iWritten, int iError,
-                     char* pcStatus);
-    void ReportSeek(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, int iFile, long long iPosition, int iError,
-                    char* pcStatus);
-    void ReportTell(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, int iFile);
-    void ReportRename(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPathFrom,
-                      const char* pcPathTo);
-    void ReportRenameFailure(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPathFrom,
-                             const char* pcPathTo, int iError, char* pcStatus);
-
-    // Lock order from here down: redirected files, descriptor cache, exports, file table. The others never nest.
+    // Lock order: redirected files, the descriptor cache's, exports, file table. The others nest with none of these.
 
     /// Redirected files by the path that clients see.
     Mutex m_hMutexRedirectedFiles;
     std::map<std::string, RedirectedEntry, std::less<>> m_mRedirectedFiles GUARDED_BY(m_hMutexRedirectedFiles);
-
-    /// Cached descriptors by path as given, and their paths by time of last use ("%016llu%d": seconds, descriptor).
-    Mutex m_hMutexOpenedFileHandles;
-    OpenedFiles m_OpenedFileHandles GUARDED_BY(m_hMutexOpenedFileHandles);
-    std::map<std::string, std::string, std::less<>> m_OpenedFileLastAccessList GUARDED_BY(m_hMutexOpenedFileHandles);
 
     /// Each write to an ordinary file is flushed before it is answered.
     std::atomic<bool> m_bSyncWrites{false};

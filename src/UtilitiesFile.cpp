@@ -11,6 +11,7 @@
 
 #include "DeferredLog.h"
 #include "FileOwner.h"
+#include "FileTransfer.h"
 #include "PathProbe.h"
 #include "RedirectedFile.h"
 
@@ -30,23 +31,25 @@ long long SeekRelatively(const CCachedFile& file, unsigned long long iSeek, int 
 
 unsigned long long CUtilities::GetFileSize(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
                                            unsigned long long iDefaultSize, const FoundStatus* pFound) {
+    const LogContext log{this, pRuntimeParam, pLogArgu};
     if (const auto pRedirected = GetRedirectedFile(pcPath)) {
         return static_cast<unsigned long long>(pRedirected->GetFileSize());
     }
     if (pFound != nullptr && pFound->bKnown && !pRuntimeParam->IsLogFileAccess()) {
-        DropReplacedFile(pRuntimeParam, pLogArgu, pcPath, *pFound);
+        DropReplacedFile(log, pcPath, *pFound);
         return static_cast<unsigned long long>(pFound->status.st_size);
     }
-    const CCachedFile file = GetClientFile(pRuntimeParam, pLogArgu, pcPath, false, pFound);
+    const CCachedFile file = GetClientFile(log, pcPath, false, pFound);
     if (!file.IsOpen()) {
         return iDefaultSize;
     }
-    const long long iEnd = SeekToEnd(pRuntimeParam, pLogArgu, file);
+    const long long iEnd = SeekToEnd(log, file);
     return iEnd == -1 ? iDefaultSize : static_cast<unsigned long long>(iEnd);
 }
 
 bool CUtilities::NewFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath) {
-    const int iFile = CreateRegular(pRuntimeParam, pLogArgu, pcPath);
+    const LogContext log{this, pRuntimeParam, pLogArgu};
+    const int iFile = CreateRegular(log, pcPath);
     if (iFile == -1) {
         return false;
     }
@@ -55,9 +58,8 @@ bool CUtilities::NewFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, 
 }
 
 bool CUtilities::RemoveFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath) {
-    if (pRuntimeParam->IsLogFileAccess()) {
-        LogInfo(pRuntimeParam, "[%s] Remove file, path=%s", pLogArgu->pcName, pcPath);
-    }
+    const LogContext log{this, pRuntimeParam, pLogArgu};
+    NFS_LOG_INFO(log, kLogFileAccess, "[%s] Remove file, path=%s", pcPath);
     CloseCachedFileHandle(pRuntimeParam, pLogArgu, pcPath);
     if (OS_FileRemove(pRuntimeParam, pLogArgu, pcPath, nullptr) == -1) {
         return false;
@@ -72,14 +74,13 @@ bool CUtilities::UpdateFileAttributes(CRuntimeParam* pRuntimeParam, const LogArg
                                       unsigned int iGid, bool bSize, unsigned long long iSize, bool bAtime,
                                       unsigned int iAtimeSec, unsigned int iAtimeNsec, bool bMtime,
                                       unsigned int iMtimeSec, unsigned int iMtimeNsec) {
-    if (pRuntimeParam->IsLogFileAccess()) {
-        LogInfo(pRuntimeParam,
-                "[%s] Update file attributes, path=%s, set_mode=%d, mode=%u, set_uid=%d, uid=%u, set_gid=%d, gid=%u, "
-                "set_size=%d, size=%llu, set_atime=%d, atime.sec=%u, atime.nsec=%u, set_mtime=%d, mtime.sec=%u, "
-                "mtime.nsec=%u",
-                pLogArgu->pcName, pcPath, bMode, iMode, bUid, iUid, bGid, iGid, bSize, iSize, bAtime, iAtimeSec,
-                iAtimeNsec, bMtime, iMtimeSec, iMtimeNsec);
-    }
+    const LogContext log{this, pRuntimeParam, pLogArgu};
+    NFS_LOG_INFO(log, kLogFileAccess,
+                 "[%s] Update file attributes, path=%s, set_mode=%d, mode=%u, set_uid=%d, uid=%u, set_gid=%d, gid=%u, "
+                 "set_size=%d, size=%llu, set_atime=%d, atime.sec=%u, atime.nsec=%u, set_mtime=%d, mtime.sec=%u, "
+                 "mtime.nsec=%u",
+                 pcPath, bMode, iMode, bUid, iUid, bGid, iGid, bSize, iSize, bAtime, iAtimeSec, iAtimeNsec, bMtime,
+                 iMtimeSec, iMtimeNsec);
     if (!bMode && !bUid && !bGid && !bSize && !bAtime && !bMtime) {
         return true;
     }
@@ -100,26 +101,24 @@ bool CUtilities::UpdateFileAttributes(CRuntimeParam* pRuntimeParam, const LogArg
 int CUtilities::ReadFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
                          unsigned long long iSeek, int iSeekType, void* pvBuffer, unsigned int iLen, bool* pbEof,
                          const FoundStatus* pFound) {
-    if (pRuntimeParam->IsLogFileAccess()) {
-        LogInfo(pRuntimeParam, "[%s] Read file, path=%s, iSeek=%llu, iSeekType=%d, length=%u", pLogArgu->pcName, pcPath,
-                iSeek, iSeekType, iLen);
-    }
+    const LogContext log{this, pRuntimeParam, pLogArgu};
+    NFS_LOG_INFO(log, kLogFileAccess, "[%s] Read file, path=%s, iSeek=%llu, iSeekType=%d, length=%u", pcPath, iSeek,
+                 iSeekType, iLen);
     *pbEof = true;
     if (auto pRedirected = GetRedirectedFile(pcPath)) {
         return ReadRedirectedFile(pRuntimeParam, pcPath, std::move(pRedirected), iSeek, pvBuffer, iLen, pbEof);
     }
-    const CCachedFile file = GetClientFile(pRuntimeParam, pLogArgu, pcPath, false, pFound);
+    const CCachedFile file = GetClientFile(log, pcPath, false, pFound);
     if (!file.IsOpen()) {
         return -1;
     }
     if (iSeekType == SEEK_SET) {
-        return ReadOpenedFile(pRuntimeParam, pLogArgu, file, static_cast<long long>(iSeek), pvBuffer, iLen, pbEof,
-                              pFound);
+        return ReadOpenedFile(log, file, static_cast<long long>(iSeek), pvBuffer, iLen, pbEof, pFound);
     }
     const CDeferredLog deferred;
     const MutexLock lock(file.GetPositionMutex());
     const long long iOffset = SeekRelatively(file, iSeek, iSeekType);
-    return ReadOpenedFile(pRuntimeParam, pLogArgu, file, iOffset, pvBuffer, iLen, pbEof, pFound);
+    return ReadOpenedFile(log, file, iOffset, pvBuffer, iLen, pbEof, pFound);
 }
 
 /// Closing cuts a read short. Where another file has taken this one's place, that one answers; the disk never does.
@@ -138,64 +137,62 @@ int CUtilities::ReadRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcP
     return iRead;
 }
 
-int CUtilities::ReadOpenedFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const CCachedFile& file,
-                               long long iOffset, void* pvBuffer, unsigned int iLen, bool* pbEof,
-                               const FoundStatus* pFound) {
+int CUtilities::ReadOpenedFile(const LogContext& log, const CCachedFile& file, long long iOffset, void* pvBuffer,
+                               unsigned int iLen, bool* pbEof, const FoundStatus* pFound) {
     int iRead = -1;
-    if (!ReadAt(pRuntimeParam, pLogArgu, file, iOffset, pvBuffer, iLen, nullptr, &iRead)) {
+    if (!ReadAt(log, file, iOffset, pvBuffer, iLen, nullptr, &iRead)) {
         return -1;
     }
-    ReportTell(pRuntimeParam, pLogArgu, file.Get());
+    ReportTell(log, file, iOffset, 0, nullptr);
     const long long iPosition = iRead == -1 ? iOffset : iOffset + iRead;
     // A whole read that ends before the size just found need not ask for the end; the position counts as left there.
     if (pFound != nullptr && pFound->bKnown && iRead == static_cast<int>(iLen) && iPosition < pFound->status.st_size &&
-        !pRuntimeParam->IsLogFileAccess()) {
+        !log.IsWanted(CRuntimeParam::kLogFileAccess)) {
         file.LeavePosition(pFound->status.st_size);
         *pbEof = false;
         return iRead;
     }
-    *pbEof = iPosition >= SeekToEnd(pRuntimeParam, pLogArgu, file);
+    *pbEof = iPosition >= SeekToEnd(log, file);
     return iRead;
 }
 
 int CUtilities::WriteFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
                           unsigned long long iSeek, int iSeekType, const void* pvData, unsigned int iLen,
                           const FoundStatus* pFound) {
-    if (pRuntimeParam->IsLogFileAccess()) {
-        LogInfo(pRuntimeParam, "[%s] Write file, path=%s, iSeek=%llu, iSeekType=%d, length=%u", pLogArgu->pcName,
-                pcPath, iSeek, iSeekType, iLen);
-    }
+    const LogContext log{this, pRuntimeParam, pLogArgu};
+    NFS_LOG_INFO(log, kLogFileAccess, "[%s] Write file, path=%s, iSeek=%llu, iSeekType=%d, length=%u", pcPath, iSeek,
+                 iSeekType, iLen);
     if (GetRedirectedFile(pcPath)) {
         CFileOwner owner(this, pRuntimeParam, pcPath);
         return LogWriteRedirectedFile(owner.GetParam(), pcPath, iSeek, iSeekType, iLen);
     }
-    const CCachedFile file = GetClientFile(pRuntimeParam, pLogArgu, pcPath, true, pFound);
+    const CCachedFile file = GetClientFile(log, pcPath, true, pFound);
     if (!file.IsOpen()) {
         return -1;
     }
     if (iSeekType == SEEK_SET) {
-        return WriteOpenedFile(pRuntimeParam, pLogArgu, file, static_cast<long long>(iSeek), pvData, iLen);
+        return WriteOpenedFile(log, file, static_cast<long long>(iSeek), pvData, iLen);
     }
     const CDeferredLog deferred;
     const MutexLock lock(file.GetPositionMutex());
     const long long iOffset = SeekRelatively(file, iSeek, iSeekType);
-    return WriteOpenedFile(pRuntimeParam, pLogArgu, file, iOffset, pvData, iLen);
+    return WriteOpenedFile(log, file, iOffset, pvData, iLen);
 }
 
-int CUtilities::WriteOpenedFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const CCachedFile& file,
-                                long long iOffset, const void* pvData, unsigned int iLen) {
-    const int iWritten = OS_FileWriteAt(pRuntimeParam, pLogArgu, file, iOffset, pvData, iLen, nullptr);
+int CUtilities::WriteOpenedFile(const LogContext& log, const CCachedFile& file, long long iOffset, const void* pvData,
+                                unsigned int iLen) {
+    const int iWritten = WriteAt(log, file, iOffset, pvData, iLen, nullptr);
     if (iWritten == -1) {
         return -1;
     }
     file.LeavePosition(iOffset + iWritten);
-    if (m_bSyncWrites && OS_FileSync(pRuntimeParam, pLogArgu, file.Get(), nullptr) == -1) {
+    if (m_bSyncWrites && OS_FileSync(log.pRuntimeParam, log.pLogArgu, file, nullptr) == -1) {
         return -1;
     }
     return iWritten;
 }
 
-long long CUtilities::SeekToEnd(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const CCachedFile& file) {
+long long CUtilities::SeekToEnd(const LogContext& log, const CCachedFile& file) {
     file.TakePosition();
-    return OS_FileSeek(pRuntimeParam, pLogArgu, file.Get(), 0, SEEK_END, nullptr);
+    return OS_FileSeek(log.pRuntimeParam, log.pLogArgu, file, 0, SEEK_END, nullptr);
 }

@@ -89,7 +89,7 @@ bool CUtilities::AddMountInfo(CRuntimeParam* pRuntimeParam, const LogArgu* pLogA
         return false;
     }
     // What was opened before as the source of a redirected file could not be written to.
-    CloseCachedFilesWithin(pRuntimeParam, pLogArgu, sCanonical, true);
+    CloseCachedFilesWithin({this, pRuntimeParam, pLogArgu}, sCanonical, true);
     return true;
 }
 
@@ -149,7 +149,7 @@ void CUtilities::RemoveMountInfoByLocalMountPath(CRuntimeParam* pRuntimeParam, c
         m_MountInfos.erase(itMount);
         ResetFileTableWithoutExports();
     }
-    CloseCachedFilesWithin(pRuntimeParam, pLogArgu, sCanonical, false);
+    CloseCachedFilesWithin({this, pRuntimeParam, pLogArgu}, sCanonical, false);
 }
 
 void CUtilities::RemoveMountInfoByExportName(const char* pcExportName) {
@@ -167,7 +167,7 @@ void CUtilities::RemoveMountInfoByExportName(const char* pcExportName) {
     }
     CRuntimeParam silent("", 0);
     LogArgu logArgu{"RemoveMountInfoByExportName"};
-    CloseCachedFilesWithin(&silent, &logArgu, sLocalMountPath, false);
+    CloseCachedFilesWithin({this, &silent, &logArgu}, sLocalMountPath, false);
 }
 
 void CUtilities::RemoveAllMountInfo() {
@@ -184,7 +184,7 @@ void CUtilities::RemoveAllMountInfo(CRuntimeParam* pRuntimeParam, const LogArgu*
         ResetFileTableWithoutExports();
     }
     for (const auto& [sName, mount] : mountInfos) {
-        CloseCachedFilesWithin(pRuntimeParam, pLogArgu, mount.sLocalMountPath, false);
+        CloseCachedFilesWithin({this, pRuntimeParam, pLogArgu}, mount.sLocalMountPath, false);
     }
 }
 
@@ -221,6 +221,11 @@ bool CUtilities::UpdateMountClientIpAddrByExportName(const char* pcExportName, c
 bool CUtilities::GetMountInfoByPath(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
                                     MountInfo* pMountInfo) {
     return GetMountAccess(pRuntimeParam, pLogArgu, pcPath, nullptr, pMountInfo) != MountAccess::kNone;
+}
+
+/// The descriptor cache asks, under its lock.
+bool CUtilities::IsExported(const LogContext& log, const char* pcPath) {
+    return GetMountInfoByPath(log.pRuntimeParam, log.pLogArgu, pcPath, nullptr);
 }
 
 MountAccess CUtilities::GetMountAccess(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,

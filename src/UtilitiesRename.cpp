@@ -84,15 +84,15 @@ bool CUtilities::RenameFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArg
         return true;
     }
     if (from.Exists() && IsBelow(sEntryTo, sEntryFrom)) {
-        ReportRenameFailure(pRuntimeParam, pLogArgu, pcPathFrom, pcPathTo, EINVAL, nullptr);
+        ReportRenameFailure({this, pRuntimeParam, pLogArgu}, pcPathFrom, pcPathTo, EINVAL, nullptr);
         return false;
     }
     if (!CanTellOfRename(pRuntimeParam, pcPathFrom, pcPathTo)) {
-        ReportRenameFailure(pRuntimeParam, pLogArgu, pcPathFrom, pcPathTo, ENAMETOOLONG, nullptr);
+        ReportRenameFailure({this, pRuntimeParam, pLogArgu}, pcPathFrom, pcPathTo, ENAMETOOLONG, nullptr);
         return false;
     }
     if (!from.Exists() && !bRedirected && bReplaces) {
-        ReportRenameFailure(pRuntimeParam, pLogArgu, pcPathFrom, pcPathTo, ENOENT, nullptr);
+        ReportRenameFailure({this, pRuntimeParam, pLogArgu}, pcPathFrom, pcPathTo, ENOENT, nullptr);
         return false;
     }
     const bool bRenamed = from.Exists() ? RenameOnDisk(pRuntimeParam, pLogArgu, pcPathFrom, pcPathTo)
@@ -127,7 +127,7 @@ bool CUtilities::RenameOnDisk(CRuntimeParam* pRuntimeParam, const LogArgu* pLogA
         }
     } else {
         if (to.Exists() && !from.IsOnDeviceOf(to)) {
-            ReportRenameFailure(pRuntimeParam, pLogArgu, pcPathFrom, pcPathTo, EXDEV, nullptr);
+            ReportRenameFailure({this, pRuntimeParam, pLogArgu}, pcPathFrom, pcPathTo, EXDEV, nullptr);
             return false;
         }
         if (!RemoveTarget(pRuntimeParam, pLogArgu, pcPathFrom, pcPathTo)) {
@@ -166,10 +166,10 @@ bool CUtilities::UndoRename(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArg
     if (bOnDisk) {
         const bool bFolder = DiskEntry(pcPathTo).IsFolder();
         if (::renameat2(AT_FDCWD, pcPathTo, AT_FDCWD, pcPathFrom, RENAME_NOREPLACE) == -1) {
-            ReportRenameFailure(pRuntimeParam, pLogArgu, pcPathTo, pcPathFrom, errno, nullptr);
+            ReportRenameFailure({this, pRuntimeParam, pLogArgu}, pcPathTo, pcPathFrom, errno, nullptr);
             return false;
         }
-        ReportRename(pRuntimeParam, pLogArgu, pcPathTo, pcPathFrom);
+        ReportRename({this, pRuntimeParam, pLogArgu}, pcPathTo, pcPathFrom);
         CloseRenamedFileHandles(pRuntimeParam, pLogArgu, pcPathTo, pcPathFrom, bFolder);
     }
     redirected.MoveBack();
@@ -182,8 +182,8 @@ void CUtilities::CloseRenamedFileHandles(CRuntimeParam* pRuntimeParam, const Log
     CloseCachedFileHandle(pRuntimeParam, pLogArgu, pcPathFrom);
     CloseCachedFileHandle(pRuntimeParam, pLogArgu, pcPathTo);
     if (bFolder) {
-        CloseCachedFileHandlesBelow(pRuntimeParam, pLogArgu, pcPathFrom);
-        CloseCachedFileHandlesBelow(pRuntimeParam, pLogArgu, pcPathTo);
+        CloseCachedFileHandlesBelow({this, pRuntimeParam, pLogArgu}, pcPathFrom);
+        CloseCachedFileHandlesBelow({this, pRuntimeParam, pLogArgu}, pcPathTo);
     }
 }
 
@@ -195,13 +195,13 @@ bool CUtilities::ReplaceFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogAr
     }
     CloseCachedFileHandle(pRuntimeParam, pLogArgu, pcPathTo);
     if (std::rename(pcPathFrom, pcPathTo) == -1) {
-        ReportRenameFailure(pRuntimeParam, pLogArgu, pcPathFrom, pcPathTo, errno, nullptr);
+        ReportRenameFailure({this, pRuntimeParam, pLogArgu}, pcPathFrom, pcPathTo, errno, nullptr);
         return false;
     }
     if (pRuntimeParam->IsLogFileAccess()) {
         LogInfo(pRuntimeParam, "[%s] OS remove file \"%s\"", pLogArgu->pcName, pcPathTo);
     }
     CloseCachedFileHandle(pRuntimeParam, pLogArgu, pcPathFrom);
-    ReportRename(pRuntimeParam, pLogArgu, pcPathFrom, pcPathTo);
+    ReportRename({this, pRuntimeParam, pLogArgu}, pcPathFrom, pcPathTo);
     return true;
 }

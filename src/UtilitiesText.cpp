@@ -3,7 +3,6 @@
 
 #include <cstdio>
 #include <cstring>
-#include <string_view>
 
 #include <sys/time.h>
 
@@ -46,12 +45,7 @@ void CUtilities::SetPathToCompare(std::string& sPath) {
 }
 
 void CUtilities::SplitIntoVector(const char* pcText, char cSeparator, std::vector<std::string>& vOut) {
-    std::string_view sRest = OrEmpty(pcText);
-    while (!sRest.empty()) {
-        const std::size_t nPiece = sRest.find(cSeparator);
-        vOut.emplace_back(sRest.substr(0, nPiece));
-        sRest.remove_prefix(nPiece == std::string_view::npos ? sRest.size() : nPiece + 1);
-    }
+    AppendPieces(pcText, cSeparator, vOut);
 }
 
 void CUtilities::GetPrintableFileSize(unsigned long long iBytes, char* pcOut) {

@@ -15,7 +15,7 @@
 
 namespace {
 
-class UtilitiesOsTest : public UtilitiesFixture {
+class OsFilesTest : public UtilitiesFixture {
 protected:
     using Lines = std::vector<std::string>;
 
@@ -43,7 +43,7 @@ protected:
 constexpr const char* kNone = "/no/such/file";
 constexpr const char* kNoEntry = "No such file or directory (2)";
 
-TEST_F(UtilitiesOsTest, CreateMakesAFileAndKeepsAnExistingOnesContent) {
+TEST_F(OsFilesTest, CreateMakesAFileAndKeepsAnExistingOnesContent) {
     const mode_t iMask = ::umask(022);
     const std::string sFile = m_Folder / "f";
     const int iFile = m_Utilities.OS_FileCreate(&m_Param, &m_Tag, sFile.c_str(), nullptr);
@@ -59,7 +59,7 @@ TEST_F(UtilitiesOsTest, CreateMakesAFileAndKeepsAnExistingOnesContent) {
     EXPECT_EQ(ReadWholeFile(sFile), "abc");
 }
 
-TEST_F(UtilitiesOsTest, FailuresOfCallsByPathAreLoggedAndExplained) {
+TEST_F(OsFilesTest, FailuresOfCallsByPathAreLoggedAndExplained) {
     const std::string sQuoted = " \"" + std::string(kNone) + "\"";
     EXPECT_EQ(m_Utilities.OS_FileCreate(&m_Param, &m_Tag, kNone, m_vcReason), -1);
     ExpectFailure("OS create file" + sQuoted, kNoEntry);
@@ -82,7 +82,7 @@ TEST_F(UtilitiesOsTest, FailuresOfCallsByPathAreLoggedAndExplained) {
     ExpectFailure("OS get file stat" + sQuoted, kNoEntry);
 }
 
-TEST_F(UtilitiesOsTest, FailuresWithoutReasonBufferAndErrorBitAreSilent) {
+TEST_F(OsFilesTest, FailuresWithoutReasonBufferAndErrorBitAreSilent) {
     m_Param.SetLogControl(0);
     EXPECT_EQ(m_Utilities.OS_FileCreate(&m_Param, &m_Tag, kNone, nullptr), -1);
     EXPECT_EQ(m_Utilities.OS_FileRead(&m_Param, &m_Tag, -1, nullptr, 0, nullptr), -1);
@@ -91,7 +91,7 @@ TEST_F(UtilitiesOsTest, FailuresWithoutReasonBufferAndErrorBitAreSilent) {
     EXPECT_EQ(TakeLog(), Lines());
 }
 
-TEST_F(UtilitiesOsTest, SuccessesAreLogged) {
+TEST_F(OsFilesTest, SuccessesAreLogged) {
     const std::string sFile = MakeFile("f", "abc");
     const std::string sTo = m_Folder / "g";
     const std::string sFolder = m_Folder / "d";
@@ -115,7 +115,7 @@ TEST_F(UtilitiesOsTest, SuccessesAreLogged) {
                             }));
 }
 
-TEST_F(UtilitiesOsTest, StatDoesNotFollowLinks) {
+TEST_F(OsFilesTest, StatDoesNotFollowLinks) {
     ASSERT_EQ(::symlink("nowhere", (m_Folder / "link").c_str()), 0);
     struct stat attributes {};
     EXPECT_EQ(m_Utilities.OS_GetFileStat(&m_Param, &m_Tag, (m_Folder / "link").c_str(), &attributes, nullptr), 0);
@@ -123,7 +123,7 @@ TEST_F(UtilitiesOsTest, StatDoesNotFollowLinks) {
     EXPECT_FALSE(m_Utilities.OS_IsFileExists((m_Folder / "link").c_str(), nullptr)) << "existence does";
 }
 
-TEST_F(UtilitiesOsTest, ExistenceIsSilentAndExplainsItsErrorNumber) {
+TEST_F(OsFilesTest, ExistenceIsSilentAndExplainsItsErrorNumber) {
     EXPECT_TRUE(m_Utilities.OS_IsFileExists(m_Folder.Path().c_str(), m_vcReason));
     EXPECT_STREQ(m_vcReason, "");
     EXPECT_FALSE(m_Utilities.OS_IsFileExists(kNone, m_vcReason));
@@ -131,7 +131,7 @@ TEST_F(UtilitiesOsTest, ExistenceIsSilentAndExplainsItsErrorNumber) {
     EXPECT_EQ(TakeLog(), Lines());
 }
 
-TEST_F(UtilitiesOsTest, DescriptorOfMinusOneIsRefusedWithoutASystemCall) {
+TEST_F(OsFilesTest, DescriptorOfMinusOneIsRefusedWithoutASystemCall) {
     const char* pcError = "Bad file descriptor";
     char vcBuffer[4];
     errno = 0;
@@ -152,7 +152,7 @@ TEST_F(UtilitiesOsTest, DescriptorOfMinusOneIsRefusedWithoutASystemCall) {
     EXPECT_EQ(errno, 0) << "a system call would have set it";
 }
 
-TEST_F(UtilitiesOsTest, ClosedDescriptorIsExplainedByTheSystem) {
+TEST_F(OsFilesTest, ClosedDescriptorIsExplainedByTheSystem) {
     constexpr int kClosed = 987;
     EXPECT_EQ(m_Utilities.OS_FileTell(&m_Param, &m_Tag, kClosed, m_vcReason), -1);
     ExpectFailure("OS tell file (987)", "Bad file descriptor (9)");
@@ -160,7 +160,7 @@ TEST_F(UtilitiesOsTest, ClosedDescriptorIsExplainedByTheSystem) {
     ExpectFailure("OS close file \"/x\"", "Bad file descriptor (9)");
 }
 
-TEST_F(UtilitiesOsTest, FileIsReadAndWrittenWhereItWasSought) {
+TEST_F(OsFilesTest, FileIsReadAndWrittenWhereItWasSought) {
     const int iFile = OpenFile(MakeFile("f", "0123456789"));
     const std::string sNumber = "(" + std::to_string(iFile) + ")";
     char vcBuffer[16] = "";
@@ -177,14 +177,14 @@ TEST_F(UtilitiesOsTest, FileIsReadAndWrittenWhereItWasSought) {
     EXPECT_EQ(ReadWholeFile(m_Folder / "f"), "0123456xy9");
 }
 
-TEST_F(UtilitiesOsTest, SeekToANegativeOffsetFails) {
+TEST_F(OsFilesTest, SeekToANegativeOffsetFails) {
     const int iFile = OpenFile(MakeFile("f", "0123456789"));
     EXPECT_EQ(m_Utilities.OS_FileSeek(&m_Param, &m_Tag, iFile, -1, SEEK_SET, m_vcReason), -1);
     ExpectFailure("OS seek file (" + std::to_string(iFile) + ")", "Invalid argument (22)");
     Close(iFile);
 }
 
-TEST_F(UtilitiesOsTest, TransferAtAnOffsetLogsSeekAndTransfer) {
+TEST_F(OsFilesTest, TransferAtAnOffsetLogsSeekAndTransfer) {
     const CCachedFile file(OpenFile(MakeFile("f", "0123456789")));
     const std::string sNumber = "(" + std::to_string(file.Get()) + ")";
     char vcBuffer[16] = "";
@@ -198,7 +198,7 @@ TEST_F(UtilitiesOsTest, TransferAtAnOffsetLogsSeekAndTransfer) {
     EXPECT_EQ(ReadWholeFile(m_Folder / "f"), std::string("0123456789\0\0x", 13));
 }
 
-TEST_F(UtilitiesOsTest, FailedTransferAtAnOffsetNamesTheStepThatFailed) {
+TEST_F(OsFilesTest, FailedTransferAtAnOffsetNamesTheStepThatFailed) {
     const CCachedFile file(OpenFile(MakeFile("f", "0123456789"), O_RDONLY));
     const std::string sNumber = "(" + std::to_string(file.Get()) + ")";
     char vcBuffer[16] = "";
@@ -216,7 +216,7 @@ TEST_F(UtilitiesOsTest, FailedTransferAtAnOffsetNamesTheStepThatFailed) {
 }
 
 // Some file systems read nothing there, but all the same refuse to seek.
-TEST_F(UtilitiesOsTest, OffsetThatTheFileSystemCannotAddressFailsAsASeek) {
+TEST_F(OsFilesTest, OffsetThatTheFileSystemCannotAddressFailsAsASeek) {
     constexpr long long kFar = 1LL << 62;
     // This program's own file: it lies on disk, where the tests' folder may lie in memory and have no such limit.
     const CCachedFile file(OpenFile("/proc/self/exe", O_RDONLY));
@@ -229,7 +229,7 @@ TEST_F(UtilitiesOsTest, OffsetThatTheFileSystemCannotAddressFailsAsASeek) {
 }
 
 // A pipe cannot be sought; nothing may be taken out of it, and nobody waits for its other end.
-TEST_F(UtilitiesOsTest, NamedPipeNeverBlocks) {
+TEST_F(OsFilesTest, NamedPipeNeverBlocks) {
     const std::string sPipe = m_Folder / "pipe";
     ASSERT_EQ(::mkfifo(sPipe.c_str(), 0600), 0);
     for (const int iFlags : {O_RDONLY, O_RDWR}) {
@@ -242,7 +242,7 @@ TEST_F(UtilitiesOsTest, NamedPipeNeverBlocks) {
     }
 }
 
-TEST_F(UtilitiesOsTest, SetSizeExtendsCutsAndCreates) {
+TEST_F(OsFilesTest, SetSizeExtendsCutsAndCreates) {
     const std::string sFile = MakeFile("f", "0123456789");
     EXPECT_TRUE(m_Utilities.OS_SetFileSize(&m_Param, &m_Tag, sFile.c_str(), 4, m_vcReason));
     EXPECT_EQ(ReadWholeFile(sFile), "0123");
@@ -257,20 +257,20 @@ TEST_F(UtilitiesOsTest, SetSizeExtendsCutsAndCreates) {
     EXPECT_EQ(ModeOf(m_Folder / "new"), 0755U);
 }
 
-TEST_F(UtilitiesOsTest, SetSizeToTheSameSizeDoesAndLogsNothing) {
+TEST_F(OsFilesTest, SetSizeToTheSameSizeDoesAndLogsNothing) {
     const std::string sFile = MakeFile("f", "0123");
     EXPECT_TRUE(m_Utilities.OS_SetFileSize(&m_Param, &m_Tag, sFile.c_str(), 4, m_vcReason));
     EXPECT_EQ(TakeLog(), Lines());
 }
 
-TEST_F(UtilitiesOsTest, SetSizeBeyondSignedRangeFailsAndKeepsTheFile) {
+TEST_F(OsFilesTest, SetSizeBeyondSignedRangeFailsAndKeepsTheFile) {
     const std::string sFile = MakeFile("f", "0123");
     EXPECT_FALSE(m_Utilities.OS_SetFileSize(&m_Param, &m_Tag, sFile.c_str(), 1ULL << 63, m_vcReason));
     ExpectFailure("OS set file file \"" + sFile + "\"", "Invalid argument (22)");
     EXPECT_EQ(ReadWholeFile(sFile), "0123");
 }
 
-TEST_F(UtilitiesOsTest, ForceOpenCreatesMissingFoldersFromTheTop) {
+TEST_F(OsFilesTest, ForceOpenCreatesMissingFoldersFromTheTop) {
     const std::string sA = m_Folder / "a";
     const std::string sFile = sA + "/b/c/f";
     const mode_t iMask = ::umask(022);
@@ -296,7 +296,7 @@ TEST_F(UtilitiesOsTest, ForceOpenCreatesMissingFoldersFromTheTop) {
     EXPECT_EQ(TakeLog(), vExpected);
 }
 
-TEST_F(UtilitiesOsTest, ForceOpenAppendsToAnExistingFile) {
+TEST_F(OsFilesTest, ForceOpenAppendsToAnExistingFile) {
     const std::string sFile = MakeFile("f", "abc");
     const int iFile = m_Utilities.OS_FileForceOpen(&m_Param, &m_Tag, sFile.c_str(), m_vcReason);
     EXPECT_TRUE(m_Log.Has("[Test] OS open file \"" + sFile + "\""));
@@ -306,7 +306,7 @@ TEST_F(UtilitiesOsTest, ForceOpenAppendsToAnExistingFile) {
 }
 
 // The first element of a relative path stands unchecked; deeper folders are made.
-TEST_F(UtilitiesOsTest, ForceOpenTakesRelativePaths) {
+TEST_F(OsFilesTest, ForceOpenTakesRelativePaths) {
     char vcBefore[kPathBufferSize];
     ASSERT_NE(::getcwd(vcBefore, sizeof(vcBefore)), nullptr);
     ASSERT_EQ(::chdir(m_Folder.Path().c_str()), 0);
@@ -323,7 +323,7 @@ TEST_F(UtilitiesOsTest, ForceOpenTakesRelativePaths) {
     EXPECT_TRUE(m_Utilities.OS_IsFileExists((m_Folder / "top/deep/f").c_str(), nullptr));
 }
 
-TEST_F(UtilitiesOsTest, ForceOpenReportsTheFolderThatCannotBeMade) {
+TEST_F(OsFilesTest, ForceOpenReportsTheFolderThatCannotBeMade) {
     const std::string sFile = MakeFile("f", "");
     EXPECT_EQ(m_Utilities.OS_FileForceOpen(&m_Param, &m_Tag, (sFile + "/a/b").c_str(), m_vcReason), -1);
     ExpectFailure("OS create folder \"" + sFile + "/a\" (mode = 493)", "Not a directory (20)");

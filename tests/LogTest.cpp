@@ -85,14 +85,14 @@ private:
     int m_viPipe[2] = {-1, -1};
 };
 
-class UtilitiesLogTest : public testing::Test {
+class LogTest : public testing::Test {
 protected:
     TempFolder m_Folder;
     CUtilities m_Utilities;
     CRuntimeParam m_Param{"10.0.0.5", 1023};
 };
 
-TEST_F(UtilitiesLogTest, LinesGoToStandardOutputAtOnceWithLevelAndID) {
+TEST_F(LogTest, LinesGoToStandardOutputAtOnceWithLevelAndID) {
     OutputPipe pipe;
     m_Utilities.LogInfo(&m_Param, "%s", "hello");
     EXPECT_EQ(pipe.ReadNow(), "[info] (10.0.0.5) hello\n");
@@ -102,7 +102,7 @@ TEST_F(UtilitiesLogTest, LinesGoToStandardOutputAtOnceWithLevelAndID) {
     EXPECT_EQ(pipe.ReadNow(), "hello") << "no line end is added";
 }
 
-TEST_F(UtilitiesLogTest, PlainFormsPrintTheirTextAsItIs) {
+TEST_F(LogTest, PlainFormsPrintTheirTextAsItIs) {
     OutputPipe pipe;
     m_Utilities.LogInfo(&m_Param, "100%s %d");
     m_Utilities.LogError(&m_Param, "100%n");
@@ -110,7 +110,7 @@ TEST_F(UtilitiesLogTest, PlainFormsPrintTheirTextAsItIs) {
     EXPECT_EQ(pipe.ReadNow(), "[info] (10.0.0.5) 100%s %d\n[erro] (10.0.0.5) 100%n\n%%\n");
 }
 
-TEST_F(UtilitiesLogTest, RouterTakesAnID) {
+TEST_F(LogTest, RouterTakesAnID) {
     OutputPipe pipe;
     m_Utilities.LogInfo("someone", "a%s");
     m_Utilities.LogError("", "b");
@@ -118,7 +118,7 @@ TEST_F(UtilitiesLogTest, RouterTakesAnID) {
     EXPECT_EQ(pipe.ReadNow(), "[info] (someone) a%s\n[erro] () b\nc\n");
 }
 
-TEST_F(UtilitiesLogTest, LongMessagesAreCutAt2047Characters) {
+TEST_F(LogTest, LongMessagesAreCutAt2047Characters) {
     const std::string sLong(5000, 'x');
     OutputPipe pipe;
     m_Utilities.LogInfo(&m_Param, "%s", sLong.c_str());
@@ -128,7 +128,7 @@ TEST_F(UtilitiesLogTest, LongMessagesAreCutAt2047Characters) {
 }
 
 // Each thread logs its own letter: a line of two letters would be two lines in one.
-TEST_F(UtilitiesLogTest, LinesOfSeveralThreadsStayWhole) {
+TEST_F(LogTest, LinesOfSeveralThreadsStayWhole) {
     constexpr int kThreads = 4;
     constexpr int kLines = 300;
     OutputPipe pipe;
@@ -168,7 +168,7 @@ TEST_F(UtilitiesLogTest, LinesOfSeveralThreadsStayWhole) {
     EXPECT_EQ(nLines, kThreads * kLines);
 }
 
-TEST_F(UtilitiesLogTest, FileLoggerTakesLinesBeforeStandardOutput) {
+TEST_F(LogTest, FileLoggerTakesLinesBeforeStandardOutput) {
     CFileLogger logger((m_Folder / "log").c_str());
     m_Utilities.SetFileLogger(&logger);
     EXPECT_EQ(m_Utilities.GetFileLogger(), &logger);
@@ -188,7 +188,7 @@ TEST_F(UtilitiesLogTest, FileLoggerTakesLinesBeforeStandardOutput) {
     EXPECT_THAT(sFile, testing::HasSubstr("] three\n"));
 }
 
-TEST_F(UtilitiesLogTest, EachKindOfLineHasItsOwnHostMethod) {
+TEST_F(LogTest, EachKindOfLineHasItsOwnHostMethod) {
     FakeJvm jvm;
     std::vector<std::u16string> vTexts;
     const auto Take = [&vTexts](const std::u16string& sMethod) {
@@ -212,7 +212,7 @@ TEST_F(UtilitiesLogTest, EachKindOfLineHasItsOwnHostMethod) {
     m_Utilities.SetCallback(nullptr);
 }
 
-TEST_F(UtilitiesLogTest, CallbackTakesLinesBeforeTheFileLoggerAndMayDecline) {
+TEST_F(LogTest, CallbackTakesLinesBeforeTheFileLoggerAndMayDecline) {
     FakeJvm jvm;
     std::vector<std::u16string> vTexts;
     std::shared_ptr<CCallback> pCallback;
@@ -245,14 +245,14 @@ TEST_F(UtilitiesLogTest, CallbackTakesLinesBeforeTheFileLoggerAndMayDecline) {
     EXPECT_EQ(m_Utilities.GetCallback(), nullptr);
 }
 
-TEST_F(UtilitiesLogTest, NotificationsWithoutAHostAnswerMinusOne) {
+TEST_F(LogTest, NotificationsWithoutAHostAnswerMinusOne) {
     EXPECT_EQ(m_Utilities.LogUpdateRedirectedFileAttributes(&m_Param, "/f", true, 1, true, 2, true, 3), -1);
     EXPECT_EQ(m_Utilities.LogRemoveRedirectedFile(&m_Param, "/f"), -1);
     EXPECT_EQ(m_Utilities.LogRenameRedirectedFile(&m_Param, "/f", "/g"), -1);
     EXPECT_EQ(m_Utilities.LogWriteRedirectedFile(&m_Param, "/f", 1, SEEK_SET, 2), -1);
 }
 
-TEST_F(UtilitiesLogTest, NotificationsTakeTheirArgumentsToTheHostAndReturnItsAnswer) {
+TEST_F(LogTest, NotificationsTakeTheirArgumentsToTheHostAndReturnItsAnswer) {
     FakeJvm jvm;
     std::vector<HostArgument> vSeen;
     const auto Answer = [&vSeen](int iAnswer) {
@@ -299,7 +299,7 @@ TEST_F(UtilitiesLogTest, NotificationsTakeTheirArgumentsToTheHostAndReturnItsAns
     m_Utilities.SetCallback(nullptr);
 }
 
-TEST_F(UtilitiesLogTest, ErrorTextIsTheSystemsWithItsNumber) {
+TEST_F(LogTest, ErrorTextIsTheSystemsWithItsNumber) {
     char vcText[kReasonBufferSize] = "";
     CUtilities::GetLastErrorText(vcText, ENOENT);
     EXPECT_STREQ(vcText, "No such file or directory (2)");
@@ -308,9 +308,9 @@ TEST_F(UtilitiesLogTest, ErrorTextIsTheSystemsWithItsNumber) {
     CUtilities::GetLastErrorText(nullptr, ENOENT);
 }
 
-using UtilitiesErrorBitTest = UtilitiesFixture;
+using OsFilesErrorBitTest = UtilitiesFixture;
 
-TEST_F(UtilitiesErrorBitTest, ErrorsAreLoggedOnlyWithTheirBit) {
+TEST_F(OsFilesErrorBitTest, ErrorsAreLoggedOnlyWithTheirBit) {
     m_Param.SetLogControl(0);
     m_Utilities.OS_FileRemove(&m_Param, &m_Tag, "/no/such/file", nullptr);
     EXPECT_EQ(TakeLog(), std::vector<std::string>());

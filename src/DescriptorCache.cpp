@@ -1,4 +1,4 @@
-// CUtilities: the cache of open descriptors, one for each path in use.
+// CDescriptorCache: the cache of open descriptors, one for each path in use.
 //
 // Entries share their descriptors with the operations that use them: dropping an entry never closes a descriptor
 // under somebody's hands. A path that could not be opened leaves an entry without descriptor, tried again at the next
@@ -7,7 +7,7 @@
 // A descriptor serves only while it is the file that its path names. A client's call has looked at its path and brings
 // what it found. The host's own files (sources and info files, whose paths no call looks at) are looked at here, once
 // in each second of their use, and stay in use while their path names nothing: what is open is better than nothing.
-#include "Utilities.h"
+#include "DescriptorCache.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -20,6 +20,7 @@
 
 #include "DeferredLog.h"
 #include "PathProbe.h"
+#include "Paths.h"
 
 namespace {
 
@@ -44,8 +45,16 @@ bool IsRefusedToWriters(int iError) {
 
 }  // namespace
 
-CCachedFile CUtilities::GetCachedFileHandle(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
-                                            bool bReadWrite) {
+CDescriptorCache::CDescriptorCache() = default;
+
+CDescriptorCache::~CDescriptorCache() = default;
+
+bool CDescriptorCache::IsExported(const LogContext& /*log*/, const char* /*pcPath*/) {
+    return false;
+}
+
+CCachedFile CDescriptorCache::GetCachedFileHandle(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu,
+                                                  const char* pcPath, bool bReadWrite) {
     if (pcPath == nullptr || pcPath[0] == '\0') {
         return {};
     }
@@ -54,11 +63,11 @@ CCachedFile CUtilities::GetCachedFileHandle(CRuntimeParam* pRuntimeParam, const 
     if (IsLookDue(pcPath)) {
         wish.LookAt(pcPath);
     }
-    return TakeCachedFile(pRuntimeParam, pLogArgu, pcPath, wish);
+    return TakeCachedFile({this, pRuntimeParam, pLogArgu}, pcPath, wish);
 }
 
-CCachedFile CUtilities::GetClientFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
-                                      bool bWrite, const FoundStatus* pFound) {
+CCachedFile CDescriptorCache::GetClientFile(const LogContext& log, const char* pcPath, bool bWrite,
+                                            const FoundStatus* pFound) {
     if (pcPath == nullptr || pcPath[0] == '\0') {
         return {};
     }
@@ -71,44 +80,43 @@ CCachedFile CUtilities::GetClientFile(CRuntimeParam* pRuntimeParam, const LogArg
     } else if (pFound != nullptr || IsLookDue(pcPath)) {
         wish.LookAt(pcPath);
     }
-    return TakeCachedFile(pRuntimeParam, pLogArgu, pcPath, wish);
+    return TakeCachedFile(log, pcPath, wish);
 }
 
 /// Made without the lock: a file system may take its time.
-void CUtilities::FileWish::LookAt(const char* pcPath) {
+void CDescriptorCache::FileWish::LookAt(const char* pcPath) {
     status.bKnown = ::stat(pcPath, &status.status) == 0;
     status.bLinks = true;
 }
 
 /// Whether a second has begun since an open entry's path was looked at.
-bool CUtilities::IsLookDue(const char* pcPath) {
+bool CDescriptorCache::IsLookDue(const char* pcPath) {
     const MutexLock lock(m_hMutexOpenedFileHandles);
     const auto itOpened = m_OpenedFileHandles.find(std::string_view(pcPath));
     return itOpened != m_OpenedFileHandles.end() && itOpened->second.iFile.IsOpen() &&
            itOpened->second.iLastAccess != std::time(nullptr);
 }
 
-CCachedFile CUtilities::TakeCachedFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
-                                       const FileWish& wish) {
+CCachedFile CDescriptorCache::TakeCachedFile(const LogContext& log, const char* pcPath, const FileWish& wish) {
     const CDeferredLog deferred;
     const MutexLock lock(m_hMutexOpenedFileHandles);
     auto itOpened = m_OpenedFileHandles.find(std::string_view(pcPath));
     if (itOpened != m_OpenedFileHandles.end() && itOpened->second.iFile.IsOpen() &&
         IsOtherFile(itOpened->second, wish.status)) {
-        EraseCachedFile(pRuntimeParam, pLogArgu, itOpened);
+        EraseCachedFile(log, itOpened);
         itOpened = m_OpenedFileHandles.end();
     }
     if (itOpened == m_OpenedFileHandles.end() || !itOpened->second.iFile.IsOpen()) {
-        return OpenCachedFile(pRuntimeParam, pLogArgu, pcPath, wish);
+        return OpenCachedFile(log, pcPath, wish);
     }
     if (wish.bClient && wish.status.bKnown && !IsRegularFile(wish.status.status)) {
-        ReportNotRegular(pRuntimeParam, pLogArgu, pcPath, errno);
+        ReportNotRegular(log, pcPath, errno);
         return {};
     }
     if (wish.bWrite && itOpened->second.bReadOnly) {
         // It may be written to by now.
-        EraseCachedFile(pRuntimeParam, pLogArgu, itOpened);
-        return OpenCachedFile(pRuntimeParam, pLogArgu, pcPath, wish);
+        EraseCachedFile(log, itOpened);
+        return OpenCachedFile(log, pcPath, wish);
     }
     OpenedFileInfo& info = itOpened->second;
     info.bHost = info.bHost || !wish.bClient;
@@ -117,57 +125,51 @@ CCachedFile CUtilities::TakeCachedFile(CRuntimeParam* pRuntimeParam, const LogAr
 }
 
 /// Is the file that a look found not the one that an entry has open? An unknown look says nothing.
-bool CUtilities::IsOtherFile(const OpenedFileInfo& info, const FoundStatus& found) {
+bool CDescriptorCache::IsOtherFile(const OpenedFileInfo& info, const FoundStatus& found) {
     return found.bKnown && info.identity != FileIdentity(found.status);
 }
 
-void CUtilities::DropReplacedFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
-                                  const FoundStatus& found) {
+void CDescriptorCache::DropReplacedFile(const LogContext& log, const char* pcPath, const FoundStatus& found) {
     const CDeferredLog deferred;
     const MutexLock lock(m_hMutexOpenedFileHandles);
     const auto itOpened = m_OpenedFileHandles.find(std::string_view(pcPath));
     if (itOpened != m_OpenedFileHandles.end() && itOpened->second.iFile.IsOpen() &&
         IsOtherFile(itOpened->second, found)) {
-        EraseCachedFile(pRuntimeParam, pLogArgu, itOpened);
+        EraseCachedFile(log, itOpened);
     }
 }
 
-void CUtilities::DropMissingFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath) {
+void CDescriptorCache::DropMissingFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath) {
     const CDeferredLog deferred;
     const MutexLock lock(m_hMutexOpenedFileHandles);
     const auto itOpened = m_OpenedFileHandles.find(std::string_view(pcPath));
     if (itOpened != m_OpenedFileHandles.end() && itOpened->second.iFile.IsOpen() && !itOpened->second.bHost) {
-        EraseCachedFile(pRuntimeParam, pLogArgu, itOpened);
+        EraseCachedFile({this, pRuntimeParam, pLogArgu}, itOpened);
     }
 }
 
 /// What the host alone may have open fails for a client as if it could not be opened.
-void CUtilities::ReportNotRegular(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
-                                  int iError) {
-    const bool bWrite = GetMountInfoByPath(pRuntimeParam, pLogArgu, pcPath, nullptr);
-    ReportOpenMode(pRuntimeParam, pLogArgu, pcPath, bWrite);
-    ReportOpen(pRuntimeParam, pLogArgu, pcPath, -1, iError, nullptr);
+void CDescriptorCache::ReportNotRegular(const LogContext& log, const char* pcPath, int iError) {
+    const bool bWrite = IsExported(log, pcPath);
+    ReportOpenMode(log, pcPath, bWrite);
+    ReportOpen(log, pcPath, -1, iError, nullptr);
 }
 
-void CUtilities::ReportOpenMode(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
-                                bool bWrite) {
-    if (pRuntimeParam->IsLogFileAccess()) {
-        LogInfo(pRuntimeParam, "[%s] open %s mode %s", pLogArgu->pcName, bWrite ? "read/write" : "read only", pcPath);
-    }
+void CDescriptorCache::ReportOpenMode(const LogContext& log, const char* pcPath, bool bWrite) {
+    NFS_LOG_INFO(log, kLogFileAccess, "[%s] open %s mode %s", bWrite ? "read/write" : "read only", pcPath);
 }
 
-CCachedFile CUtilities::OpenCachedFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
-                                       const FileWish& wish) {
+CCachedFile CDescriptorCache::OpenCachedFile(const LogContext& log, const char* pcPath, const FileWish& wish) {
     OpenedFileInfo info;
     const auto itFailed = m_OpenedFileHandles.find(std::string_view(pcPath));
     if (itFailed != m_OpenedFileHandles.end()) {
         info = itFailed->second;
     }
     if (m_OpenedFileHandles.size() >= kMaxCachedFiles) {
-        CloseExceededCachedFileHandle(pRuntimeParam, pLogArgu);
+        CloseExceededCachedFileHandle(log.pRuntimeParam, log.pLogArgu);
     }
-    const bool bWrite = wish.bReadWrite || GetMountInfoByPath(pRuntimeParam, pLogArgu, pcPath, nullptr);
-    const int iFile = OpenInMode(pRuntimeParam, pLogArgu, pcPath, wish, bWrite, &info.bReadOnly);
+    const bool bWrite = wish.bReadWrite || IsExported(log, pcPath);
+    const int iFile = OpenInMode(log, pcPath, wish, bWrite, &info.bReadOnly);
     if (wish.bCalled && !bWrite) {
         return CCachedFile(iFile);  // its export was removed during the call: nothing stays open below it
     }
@@ -186,22 +188,38 @@ CCachedFile CUtilities::OpenCachedFile(CRuntimeParam* pRuntimeParam, const LogAr
 }
 
 /// Opens for reading and writing, and what refuses that for reading alone unless writing was asked for.
-int CUtilities::OpenInMode(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
-                           const FileWish& wish, bool bWrite, bool* pbReadOnly) {
+int CDescriptorCache::OpenInMode(const LogContext& log, const char* pcPath, const FileWish& wish, bool bWrite,
+                                 bool* pbReadOnly) {
     *pbReadOnly = !bWrite;
-    ReportOpenMode(pRuntimeParam, pLogArgu, pcPath, bWrite);
+    ReportOpenMode(log, pcPath, bWrite);
     int iError = 0;
-    const int iFile = OpenForCache(pRuntimeParam, pLogArgu, pcPath, bWrite ? O_RDWR : O_RDONLY, wish, &iError);
+    const int iFile = OpenForCache(log, pcPath, bWrite ? O_RDWR : O_RDONLY, wish, &iError);
     if (iFile != -1 || !bWrite || wish.bReadWrite || !IsRefusedToWriters(iError)) {
         return iFile;
     }
     *pbReadOnly = true;
-    ReportOpenMode(pRuntimeParam, pLogArgu, pcPath, false);
-    return OpenForCache(pRuntimeParam, pLogArgu, pcPath, O_RDONLY, wish, &iError);
+    ReportOpenMode(log, pcPath, false);
+    return OpenForCache(log, pcPath, O_RDONLY, wish, &iError);
+}
+
+int CDescriptorCache::OpenForCache(const LogContext& log, const char* pcPath, int iFlags, const FileWish& wish,
+                                   int* piError) {
+    const auto open = [pcPath, iFlags, &wish] {
+        // Where the look met no link, there is to be none now.
+        const PathLinks links = wish.status.bKnown && !wish.status.bLinks ? PathLinks::kRefused : PathLinks::kFollowed;
+        return wish.bClient ? OpenRegularFile(pcPath, iFlags, links) : ::open(pcPath, iFlags | kOpenFlags);
+    };
+    int iFile = open();
+    if (iFile == -1 && errno == EMFILE) {
+        CloseExceededCachedFileHandle(log.pRuntimeParam, log.pLogArgu);
+        iFile = open();
+    }
+    *piError = errno;
+    return ReportOpen(log, pcPath, iFile, *piError, nullptr);
 }
 
 /// Moves an entry to the end of the last-access index. Within one second its key stays the same.
-void CUtilities::StampLastAccess(OpenedFileInfo& info) {
+void CDescriptorCache::StampLastAccess(OpenedFileInfo& info) {
     const std::time_t iNow = std::time(nullptr);
     if (info.iLastAccess == iNow) {
         return;
@@ -213,17 +231,18 @@ void CUtilities::StampLastAccess(OpenedFileInfo& info) {
 }
 
 /// Gives the cache's share of a descriptor up. Another user of it closes it later, which nobody is told any more.
-void CUtilities::CloseCachedFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, OpenedFileInfo& info) {
+void CDescriptorCache::CloseCachedFile(const LogContext& log, OpenedFileInfo& info) {
     const bool bOpen = info.iFile.IsOpen();
     const int iFile = info.iFile.ReleaseIfLast();
     if (bOpen && iFile == -1) {
-        ReportClose(pRuntimeParam, pLogArgu, info.sPath.c_str());
+        ReportClose(log, info.sPath.c_str());
     } else {
-        OS_FileClose(pRuntimeParam, pLogArgu, iFile, info.sPath.c_str(), nullptr);
+        OS_FileClose(log.pRuntimeParam, log.pLogArgu, iFile, info.sPath.c_str(), nullptr);
     }
 }
 
-void CUtilities::CloseCachedFileHandle(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath) {
+void CDescriptorCache::CloseCachedFileHandle(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu,
+                                             const char* pcPath) {
     if (pcPath == nullptr || pcPath[0] == '\0') {
         return;
     }
@@ -231,30 +250,29 @@ void CUtilities::CloseCachedFileHandle(CRuntimeParam* pRuntimeParam, const LogAr
     const MutexLock lock(m_hMutexOpenedFileHandles);
     const auto itOpened = m_OpenedFileHandles.find(std::string_view(pcPath));
     if (itOpened != m_OpenedFileHandles.end()) {
-        EraseCachedFile(pRuntimeParam, pLogArgu, itOpened);
+        EraseCachedFile({this, pRuntimeParam, pLogArgu}, itOpened);
     }
 }
 
-CUtilities::OpenedFiles::iterator CUtilities::EraseCachedFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu,
-                                                              OpenedFiles::iterator itOpened) {
+CDescriptorCache::OpenedFiles::iterator CDescriptorCache::EraseCachedFile(const LogContext& log,
+                                                                          OpenedFiles::iterator itOpened) {
     m_OpenedFileLastAccessList.erase(itOpened->second.sTimeKey);
-    CloseCachedFile(pRuntimeParam, pLogArgu, itOpened->second);
+    CloseCachedFile(log, itOpened->second);
     return m_OpenedFileHandles.erase(itOpened);
 }
 
-void CUtilities::CloseAllCachedFileHandles(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath) {
+void CDescriptorCache::CloseAllCachedFileHandles(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu,
+                                                 const char* pcPath) {
     if (pcPath == nullptr || pcPath[0] == '\0') {
         return;
     }
-    std::string sPrefix = pcPath;
-    SetPathToCompare(sPrefix);
+    const std::string sPrefix = GetFolderPrefix(pcPath);
     const bool bLog = pRuntimeParam->IsLogGeneralInfo();
     const CDeferredLog deferred;
     const MutexLock lock(m_hMutexOpenedFileHandles);
     auto itOpened = m_OpenedFileHandles.begin();
     while (itOpened != m_OpenedFileHandles.end()) {
-        std::string sEntry = itOpened->first;
-        SetPathToCompare(sEntry);
+        const std::string sEntry = GetFolderPrefix(itOpened->first);
         if (bLog) {
             LogInfo(pRuntimeParam, "[CloseAllCachedFileHandles] Path compare: \"%s\" vs \"%s\"", sPrefix.c_str(),
                     sEntry.c_str());
@@ -263,20 +281,18 @@ void CUtilities::CloseAllCachedFileHandles(CRuntimeParam* pRuntimeParam, const L
             ++itOpened;
             continue;
         }
-        itOpened = EraseCachedFile(pRuntimeParam, pLogArgu, itOpened);
+        itOpened = EraseCachedFile({this, pRuntimeParam, pLogArgu}, itOpened);
         if (bLog) {
             itOpened = m_OpenedFileHandles.begin();  // the walk restarts; without a log nobody can tell
         }
     }
 }
 
-void CUtilities::CloseCachedFilesWithin(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu,
-                                        const std::string& sFolder, bool bReadOnlyOnes) {
+void CDescriptorCache::CloseCachedFilesWithin(const LogContext& log, const std::string& sFolder, bool bReadOnlyOnes) {
     if (sFolder.empty()) {
         return;  // nothing lies in a folder without a name
     }
-    std::string sPrefix = sFolder;
-    SetPathToCompare(sPrefix);
+    const std::string sPrefix = GetFolderPrefix(sFolder);
     const CDeferredLog deferred;
     const MutexLock lock(m_hMutexOpenedFileHandles);
     const auto isMeant = [bReadOnlyOnes](const OpenedFileInfo& info) {
@@ -284,58 +300,52 @@ void CUtilities::CloseCachedFilesWithin(CRuntimeParam* pRuntimeParam, const LogA
     };
     const auto itItself = m_OpenedFileHandles.find(sFolder);
     if (itItself != m_OpenedFileHandles.end() && isMeant(itItself->second)) {
-        EraseCachedFile(pRuntimeParam, pLogArgu, itItself);
+        EraseCachedFile(log, itItself);
     }
     auto itOpened = m_OpenedFileHandles.lower_bound(sPrefix);
     while (itOpened != m_OpenedFileHandles.end() && itOpened->first.starts_with(sPrefix)) {
-        itOpened = isMeant(itOpened->second) ? EraseCachedFile(pRuntimeParam, pLogArgu, itOpened) : std::next(itOpened);
+        itOpened = isMeant(itOpened->second) ? EraseCachedFile(log, itOpened) : std::next(itOpened);
     }
 }
 
-void CUtilities::CloseCachedFileHandlesBelow(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu,
-                                             const char* pcPath) {
-    std::string sPrefix = pcPath;
-    SetPathToCompare(sPrefix);
+void CDescriptorCache::CloseCachedFileHandlesBelow(const LogContext& log, const char* pcPath) {
+    const std::string sPrefix = GetFolderPrefix(pcPath);
     const CDeferredLog deferred;
     const MutexLock lock(m_hMutexOpenedFileHandles);
     auto itOpened = m_OpenedFileHandles.lower_bound(sPrefix);
     while (itOpened != m_OpenedFileHandles.end() && itOpened->first.starts_with(sPrefix)) {
-        itOpened = EraseCachedFile(pRuntimeParam, pLogArgu, itOpened);
+        itOpened = EraseCachedFile(log, itOpened);
     }
 }
 
-void CUtilities::CloseAllCachedFileHandles(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu) {
+void CDescriptorCache::CloseAllCachedFileHandles(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu) {
     const CDeferredLog deferred;
     const MutexLock lock(m_hMutexOpenedFileHandles);
-    ClearCachedFiles(pRuntimeParam, pLogArgu);
+    ClearCachedFiles({this, pRuntimeParam, pLogArgu});
 }
 
-void CUtilities::ClearCachedFiles(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu) {
+void CDescriptorCache::ClearCachedFiles(const LogContext& log) {
     for (auto& [sPath, info] : m_OpenedFileHandles) {
-        CloseCachedFile(pRuntimeParam, pLogArgu, info);
+        CloseCachedFile(log, info);
     }
     m_OpenedFileHandles.clear();
     m_OpenedFileLastAccessList.clear();
 }
 
-void CUtilities::CloseExceededCachedFileHandle(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu) {
+void CDescriptorCache::CloseExceededCachedFileHandle(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu) {
+    const LogContext log{this, pRuntimeParam, pLogArgu};
     std::size_t nExceeding = m_OpenedFileHandles.size() / kEvictedPart;
     if (nExceeding == 0) {
-        if (pRuntimeParam->IsLogFileAccess()) {
-            LogInfo(pRuntimeParam, "[%s] Close exceeded cached file handle: ALL", pLogArgu->pcName);
-        }
-        ClearCachedFiles(pRuntimeParam, pLogArgu);
+        NFS_LOG_INFO(log, kLogFileAccess, "[%s] Close exceeded cached file handle: ALL");
+        ClearCachedFiles(log);
         return;
     }
-    if (pRuntimeParam->IsLogFileAccess()) {
-        LogInfo(pRuntimeParam, "[%s] Close exceeded cached file handle: %d", pLogArgu->pcName,
-                static_cast<int>(nExceeding));
-    }
+    NFS_LOG_INFO(log, kLogFileAccess, "[%s] Close exceeded cached file handle: %d", static_cast<int>(nExceeding));
     while (nExceeding > 0 && !m_OpenedFileLastAccessList.empty()) {
         const auto itOldest = m_OpenedFileLastAccessList.begin();
         const auto itOpened = m_OpenedFileHandles.find(itOldest->second);
         if (itOpened != m_OpenedFileHandles.end()) {
-            CloseCachedFile(pRuntimeParam, pLogArgu, itOpened->second);
+            CloseCachedFile(log, itOpened->second);
             m_OpenedFileHandles.erase(itOpened);
             --nExceeding;
         }
@@ -348,8 +358,13 @@ void CUtilities::CloseExceededCachedFileHandle(CRuntimeParam* pRuntimeParam, con
     }
 }
 
-void CUtilities::FreeCachedFileHandles(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu) {
+void CDescriptorCache::FreeCachedFileHandles(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu) {
     const CDeferredLog deferred;
     const MutexLock lock(m_hMutexOpenedFileHandles);
     CloseExceededCachedFileHandle(pRuntimeParam, pLogArgu);
+}
+
+bool CDescriptorCache::FreeDescriptors(const LogContext& log) {
+    FreeCachedFileHandles(log.pRuntimeParam, log.pLogArgu);
+    return true;
 }

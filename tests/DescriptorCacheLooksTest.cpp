@@ -20,7 +20,7 @@ namespace {
 using testing::Contains;
 using testing::Not;
 
-class UtilitiesDescriptorLooksTest : public UtilitiesFixture {
+class DescriptorCacheLooksTest : public UtilitiesFixture {
 protected:
     using Lines = std::vector<std::string>;
 
@@ -79,7 +79,7 @@ protected:
     std::string m_sMounted;
 };
 
-TEST_F(UtilitiesDescriptorLooksTest, ReplacedFileIsClosedAndOpenedAnew) {
+TEST_F(DescriptorCacheLooksTest, ReplacedFileIsClosedAndOpenedAnew) {
     ExportFolder();
     const std::string sFile = MakeFile("f", "old");
     EXPECT_EQ(Read(sFile), "old");
@@ -95,7 +95,7 @@ TEST_F(UtilitiesDescriptorLooksTest, ReplacedFileIsClosedAndOpenedAnew) {
     EXPECT_THAT(TakeLog(), Not(Contains("[Test] OS open file \"" + sFile + "\""))) << "it is cached now";
 }
 
-TEST_F(UtilitiesDescriptorLooksTest, PathThatHoldsALinkIsLookedAtInEachCall) {
+TEST_F(DescriptorCacheLooksTest, PathThatHoldsALinkIsLookedAtInEachCall) {
     ExportFolder();
     ASSERT_EQ(::mkdir((m_Folder / "dir").c_str(), 0755), 0);
     ASSERT_EQ(::symlink("dir", (m_Folder / "link").c_str()), 0);
@@ -108,7 +108,7 @@ TEST_F(UtilitiesDescriptorLooksTest, PathThatHoldsALinkIsLookedAtInEachCall) {
     EXPECT_EQ(ReadWholeFile(m_Folder / "dir/f"), "wri");
 }
 
-TEST_F(UtilitiesDescriptorLooksTest, SizeThatALookFoundOpensNothing) {
+TEST_F(DescriptorCacheLooksTest, SizeThatALookFoundOpensNothing) {
     ExportFolder();
     const std::string sFile = MakeFile("f", "0123456789");
     FoundStatus found;
@@ -126,7 +126,7 @@ TEST_F(UtilitiesDescriptorLooksTest, SizeThatALookFoundOpensNothing) {
 }
 
 // A source or an info file is looked at once in each second of its use.
-TEST_F(UtilitiesDescriptorLooksTest, HostsFileIsLookedAtOnceASecond) {
+TEST_F(DescriptorCacheLooksTest, HostsFileIsLookedAtOnceASecond) {
     const std::string sFile = MakeFile("f", "old");
     const int iOld = Get(sFile).Get();
     Replace(sFile, "new");
@@ -140,7 +140,7 @@ TEST_F(UtilitiesDescriptorLooksTest, HostsFileIsLookedAtOnceASecond) {
     EXPECT_TRUE(::fstat(iOld, &status) != 0 || status.st_nlink > 0) << "the replaced file is still open";
 }
 
-TEST_F(UtilitiesDescriptorLooksTest, HostsFileWhosePathNamesNothingStaysOpen) {
+TEST_F(DescriptorCacheLooksTest, HostsFileWhosePathNamesNothingStaysOpen) {
     const std::string sFile = MakeFile("f", "data");
     const int iFile = Get(sFile).Get();
     ASSERT_EQ(::unlink(sFile.c_str()), 0);
@@ -150,7 +150,7 @@ TEST_F(UtilitiesDescriptorLooksTest, HostsFileWhosePathNamesNothingStaysOpen) {
     EXPECT_EQ(Get(sFile).Get(), iFile) << "a client that misses it does not close it";
 }
 
-TEST_F(UtilitiesDescriptorLooksTest, ClientsFileThatIsMissingIsClosed) {
+TEST_F(DescriptorCacheLooksTest, ClientsFileThatIsMissingIsClosed) {
     ExportFolder();
     const std::string sFile = MakeFile("f", "data");
     EXPECT_EQ(Read(sFile), "data");
@@ -161,7 +161,7 @@ TEST_F(UtilitiesDescriptorLooksTest, ClientsFileThatIsMissingIsClosed) {
     EXPECT_EQ(TakeLog(), Lines());
 }
 
-TEST_F(UtilitiesDescriptorLooksTest, FileThatRefusesWritersIsOpenedForReading) {
+TEST_F(DescriptorCacheLooksTest, FileThatRefusesWritersIsOpenedForReading) {
     if (!MountAt("fs")) {
         GTEST_SKIP() << "no file system can be mounted";
     }
@@ -194,7 +194,7 @@ TEST_F(UtilitiesDescriptorLooksTest, FileThatRefusesWritersIsOpenedForReading) {
 }
 
 // A host that wants to write gets a descriptor it can write to, or none: it keeps its segments elsewhere then.
-TEST_F(UtilitiesDescriptorLooksTest, HostThatWantsToWriteIsNotGivenLess) {
+TEST_F(DescriptorCacheLooksTest, HostThatWantsToWriteIsNotGivenLess) {
     if (!MountAt("fs")) {
         GTEST_SKIP() << "no file system can be mounted";
     }
@@ -205,7 +205,7 @@ TEST_F(UtilitiesDescriptorLooksTest, HostThatWantsToWriteIsNotGivenLess) {
     m_Utilities.CloseAllCachedFileHandles(&m_Param, &m_Tag);
 }
 
-TEST_F(UtilitiesDescriptorLooksTest, ReadOnlyDescriptorDoesNotStaySoWhenItsFolderBecomesAnExport) {
+TEST_F(DescriptorCacheLooksTest, ReadOnlyDescriptorDoesNotStaySoWhenItsFolderBecomesAnExport) {
     const std::string sFile = MakeFile("f", "data");
     ASSERT_EQ(::mkdir((m_Folder.Path() + "x").c_str(), 0755), 0);
     const std::string sBeside = m_Folder.Path() + "x/f";
@@ -223,7 +223,7 @@ TEST_F(UtilitiesDescriptorLooksTest, ReadOnlyDescriptorDoesNotStaySoWhenItsFolde
     ::rmdir((m_Folder.Path() + "x").c_str());
 }
 
-TEST_F(UtilitiesDescriptorLooksTest, RemovedExportLeavesNothingOpenByWhateverKeyItGoes) {
+TEST_F(DescriptorCacheLooksTest, RemovedExportLeavesNothingOpenByWhateverKeyItGoes) {
     const std::string sRoot = m_Folder / "root";
     const std::string sBeside = MakeFile("rooted", "beside");
     ASSERT_EQ(::mkdir(sRoot.c_str(), 0755), 0);
@@ -252,7 +252,7 @@ TEST_F(UtilitiesDescriptorLooksTest, RemovedExportLeavesNothingOpenByWhateverKey
     EXPECT_EQ(Get(sBeside).Get(), iBeside);
 }
 
-TEST_F(UtilitiesDescriptorLooksTest, ExportOfAnEmptyPathClosesNothingWhenItGoes) {
+TEST_F(DescriptorCacheLooksTest, ExportOfAnEmptyPathClosesNothingWhenItGoes) {
     const int iFile = Get(MakeFile("f", "data")).Get();
     ASSERT_TRUE(m_Utilities.AddMountInfo(&m_Param, &m_Tag, "", "nothing", "", nullptr));
     m_Utilities.RemoveMountInfoByExportName("nothing");
@@ -260,7 +260,7 @@ TEST_F(UtilitiesDescriptorLooksTest, ExportOfAnEmptyPathClosesNothingWhenItGoes)
 }
 
 // The export may go between a call's check and its open: what the call opens then does not stay behind.
-TEST_F(UtilitiesDescriptorLooksTest, CallThatOutlivesItsExportLeavesNothingOpen) {
+TEST_F(DescriptorCacheLooksTest, CallThatOutlivesItsExportLeavesNothingOpen) {
     if (!MountAt("fs")) {
         GTEST_SKIP() << "no file system can be mounted";
     }
@@ -269,7 +269,7 @@ TEST_F(UtilitiesDescriptorLooksTest, CallThatOutlivesItsExportLeavesNothingOpen)
     m_sMounted.clear();
 }
 
-TEST_F(UtilitiesDescriptorLooksTest, HostsDescriptorOfADeviceIsNotLentToClients) {
+TEST_F(DescriptorCacheLooksTest, HostsDescriptorOfADeviceIsNotLentToClients) {
     ASSERT_TRUE(m_Utilities.AddMountInfo(&m_Param, &m_Tag, "/dev", "dev", "", nullptr));
     const int iZero = Get("/dev/zero").Get();
     ASSERT_NE(iZero, -1);
@@ -280,7 +280,7 @@ TEST_F(UtilitiesDescriptorLooksTest, HostsDescriptorOfADeviceIsNotLentToClients)
 }
 
 // Like every failed open: the next request tries anew, and the closing tells.
-TEST_F(UtilitiesDescriptorLooksTest, WhatIsNotOpenedForAClientLeavesAnEntryWithoutDescriptor) {
+TEST_F(DescriptorCacheLooksTest, WhatIsNotOpenedForAClientLeavesAnEntryWithoutDescriptor) {
     ExportFolder();
     const std::string sFolder = m_Folder / "folder";
     const std::string sPipe = m_Folder / "pipe";
@@ -301,7 +301,7 @@ TEST_F(UtilitiesDescriptorLooksTest, WhatIsNotOpenedForAClientLeavesAnEntryWitho
     }
 }
 
-TEST_F(UtilitiesDescriptorLooksTest, SynchronousWritesAreFlushed) {
+TEST_F(DescriptorCacheLooksTest, SynchronousWritesAreFlushed) {
     ExportFolder();
     const std::string sFile = MakeFile("f", "");
     const std::string sSync = "[Test] OS sync file (" + std::to_string(Get(sFile).Get()) + ")";

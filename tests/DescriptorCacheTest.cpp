@@ -47,7 +47,7 @@ rlim_t GetLimitForFree(int nFree) {
     return static_cast<rlim_t>(iFile);
 }
 
-class UtilitiesDescriptorCacheTest : public UtilitiesFixture {
+class DescriptorCacheTest : public UtilitiesFixture {
 protected:
     using Lines = std::vector<std::string>;
 
@@ -73,7 +73,7 @@ protected:
     }
 };
 
-TEST_F(UtilitiesDescriptorCacheTest, PathKeepsItsDescriptor) {
+TEST_F(DescriptorCacheTest, PathKeepsItsDescriptor) {
     const std::string sFile = MakeFile("f", "x");
     const CCachedFile first = Get(sFile);
     ASSERT_TRUE(first.IsOpen());
@@ -84,7 +84,7 @@ TEST_F(UtilitiesDescriptorCacheTest, PathKeepsItsDescriptor) {
     EXPECT_EQ(::fcntl(first.Get(), F_GETFD), FD_CLOEXEC);
 }
 
-TEST_F(UtilitiesDescriptorCacheTest, FilesInExportsAreOpenedReadWriteOthersReadOnly) {
+TEST_F(DescriptorCacheTest, FilesInExportsAreOpenedReadWriteOthersReadOnly) {
     const std::string sFile = MakeFile("f", "x");
     EXPECT_EQ(::fcntl(Get(sFile).Get(), F_GETFL) & O_ACCMODE, O_RDONLY);
     Close(sFile);
@@ -96,7 +96,7 @@ TEST_F(UtilitiesDescriptorCacheTest, FilesInExportsAreOpenedReadWriteOthersReadO
     EXPECT_EQ(TakeLog()[0], "[Test] open read/write mode " + sFile);
 }
 
-TEST_F(UtilitiesDescriptorCacheTest, DescriptorThatIsCachedServesWhateverModeIsWanted) {
+TEST_F(DescriptorCacheTest, DescriptorThatIsCachedServesWhateverModeIsWanted) {
     const std::string sFile = MakeFile("f", "x");
     const int iFile = Get(sFile).Get();
     m_Log.Clear();
@@ -105,7 +105,7 @@ TEST_F(UtilitiesDescriptorCacheTest, DescriptorThatIsCachedServesWhateverModeIsW
     EXPECT_EQ(TakeLog(), Lines());
 }
 
-TEST_F(UtilitiesDescriptorCacheTest, NoPathHasNoDescriptor) {
+TEST_F(DescriptorCacheTest, NoPathHasNoDescriptor) {
     EXPECT_FALSE(Get("").IsOpen());
     EXPECT_FALSE(m_Utilities.GetCachedFileHandle(&m_Param, &m_Tag, nullptr, false).IsOpen());
     Close("");
@@ -115,7 +115,7 @@ TEST_F(UtilitiesDescriptorCacheTest, NoPathHasNoDescriptor) {
     EXPECT_EQ(TakeLog(), Lines());
 }
 
-TEST_F(UtilitiesDescriptorCacheTest, FailedOpenIsTriedAgainAtEveryRequest) {
+TEST_F(DescriptorCacheTest, FailedOpenIsTriedAgainAtEveryRequest) {
     const std::string sFile = m_Folder / "f";
     for (int iTry = 0; iTry < 2; ++iTry) {
         EXPECT_EQ(Get(sFile).Get(), -1);
@@ -126,7 +126,7 @@ TEST_F(UtilitiesDescriptorCacheTest, FailedOpenIsTriedAgainAtEveryRequest) {
     EXPECT_NE(Get(sFile).Get(), -1);
 }
 
-TEST_F(UtilitiesDescriptorCacheTest, ClosingAPathThatFailedToOpenReportsABadDescriptor) {
+TEST_F(DescriptorCacheTest, ClosingAPathThatFailedToOpenReportsABadDescriptor) {
     const std::string sFile = m_Folder / "f";
     EXPECT_EQ(Get(sFile).Get(), -1);
     m_Log.Clear();
@@ -136,7 +136,7 @@ TEST_F(UtilitiesDescriptorCacheTest, ClosingAPathThatFailedToOpenReportsABadDesc
     EXPECT_EQ(TakeLog(), Lines()) << "nothing is cached any more";
 }
 
-TEST_F(UtilitiesDescriptorCacheTest, ClosingLogsAndClosesOnce) {
+TEST_F(DescriptorCacheTest, ClosingLogsAndClosesOnce) {
     const std::string sFile = MakeFile("f", "x");
     const int iFile = Get(sFile).Get();
     m_Log.Clear();
@@ -145,7 +145,7 @@ TEST_F(UtilitiesDescriptorCacheTest, ClosingLogsAndClosesOnce) {
     EXPECT_EQ(TakeLog(), Lines{"[Test] OS close file \"" + sFile + "\""});
 }
 
-TEST_F(UtilitiesDescriptorCacheTest, DescriptorInUseOutlivesItsClosing) {
+TEST_F(DescriptorCacheTest, DescriptorInUseOutlivesItsClosing) {
     const std::string sFile = MakeFile("f", "before");
     CCachedFile user = Get(sFile);
     m_Log.Clear();
@@ -164,7 +164,7 @@ TEST_F(UtilitiesDescriptorCacheTest, DescriptorInUseOutlivesItsClosing) {
     EXPECT_EQ(TakeLog(), Lines());
 }
 
-TEST_F(UtilitiesDescriptorCacheTest, OpeningOneMoreThanFitClosesATenthFirst) {
+TEST_F(DescriptorCacheTest, OpeningOneMoreThanFitClosesATenthFirst) {
     const DescriptorLimit limit;
     ASSERT_TRUE(limit.Set(1300)) << "the hard limit of open files is below 1300";
     const std::vector<std::string> vFiles = MakeFiles(1025);
@@ -191,7 +191,7 @@ TEST_F(UtilitiesDescriptorCacheTest, OpeningOneMoreThanFitClosesATenthFirst) {
     EXPECT_EQ(TakeLog().size(), 923U);
 }
 
-TEST_F(UtilitiesDescriptorCacheTest, UseMakesAnEntryYounger) {
+TEST_F(DescriptorCacheTest, UseMakesAnEntryYounger) {
     const std::vector<std::string> vFiles = MakeFiles(10);
     for (const std::string& sFile : vFiles) {
         Get(sFile);
@@ -208,7 +208,7 @@ TEST_F(UtilitiesDescriptorCacheTest, UseMakesAnEntryYounger) {
               (Lines{"[Test] Close exceeded cached file handle: 1", "[Test] OS close file \"" + vFiles[5] + "\""}));
 }
 
-TEST_F(UtilitiesDescriptorCacheTest, ClosedEntryLeavesNoAgeBehind) {
+TEST_F(DescriptorCacheTest, ClosedEntryLeavesNoAgeBehind) {
     const std::vector<std::string> vFiles = MakeFiles(10);
     Get(vFiles[5]);
     Close(vFiles[5]);
@@ -227,7 +227,7 @@ TEST_F(UtilitiesDescriptorCacheTest, ClosedEntryLeavesNoAgeBehind) {
     EXPECT_EQ(TakeLog(), Lines()) << "it was evicted though it was used last";
 }
 
-TEST_F(UtilitiesDescriptorCacheTest, EntryOfAFailedOpenIsEvictedInItsTurn) {
+TEST_F(DescriptorCacheTest, EntryOfAFailedOpenIsEvictedInItsTurn) {
     const std::string sMissing = m_Folder / "missing";
     const std::vector<std::string> vFiles = MakeFiles(9);
     Get(vFiles[0]);
@@ -245,7 +245,7 @@ TEST_F(UtilitiesDescriptorCacheTest, EntryOfAFailedOpenIsEvictedInItsTurn) {
     EXPECT_EQ(TakeLog().size(), 2U) << "the next request tries again";
 }
 
-TEST_F(UtilitiesDescriptorCacheTest, WithinASecondTheTextOfTheDescriptorOrders) {
+TEST_F(DescriptorCacheTest, WithinASecondTheTextOfTheDescriptorOrders) {
     const std::vector<std::string> vFiles = MakeFiles(30);
     std::vector<std::pair<std::string, std::string>> vOrder;  // the number as text, and the path
     std::time_t iBegin = 0;
@@ -267,7 +267,7 @@ TEST_F(UtilitiesDescriptorCacheTest, WithinASecondTheTextOfTheDescriptorOrders) 
 }
 
 // Once it is open, the entry of a failed open is ordered by its descriptor like every other one.
-TEST_F(UtilitiesDescriptorCacheTest, EntryOfAFailedOpenGetsANewKeyWhenItOpens) {
+TEST_F(DescriptorCacheTest, EntryOfAFailedOpenGetsANewKeyWhenItOpens) {
     const std::string sLate = m_Folder / "late";
     const std::vector<std::string> vFiles = MakeFiles(9);
     std::vector<std::pair<std::string, std::string>> vOrder;  // the number as text, and the path
@@ -295,7 +295,7 @@ TEST_F(UtilitiesDescriptorCacheTest, EntryOfAFailedOpenGetsANewKeyWhenItOpens) {
 }
 
 // Failed opens leave entries that only one key of each second leads to; they must not crowd out open files for good.
-TEST_F(UtilitiesDescriptorCacheTest, FailedOpensDoNotFillTheCacheUp) {
+TEST_F(DescriptorCacheTest, FailedOpensDoNotFillTheCacheUp) {
     const std::string sFile = MakeFile("f", "x");
     m_Param.SetLogControl(0);
     for (int iMissing = 0; iMissing < 1100; ++iMissing) {
@@ -307,7 +307,7 @@ TEST_F(UtilitiesDescriptorCacheTest, FailedOpensDoNotFillTheCacheUp) {
     EXPECT_EQ(Get(sFile).Get(), first.Get()) << "another open evicted it";
 }
 
-TEST_F(UtilitiesDescriptorCacheTest, EvictionAndTheSearchForTheExportComeBeforeTheOpen) {
+TEST_F(DescriptorCacheTest, EvictionAndTheSearchForTheExportComeBeforeTheOpen) {
     const DescriptorLimit limit;
     ASSERT_TRUE(limit.Set(1300)) << "the hard limit of open files is below 1300";
     ExportFolder();
@@ -328,7 +328,7 @@ TEST_F(UtilitiesDescriptorCacheTest, EvictionAndTheSearchForTheExportComeBeforeT
                "[Test] open read/write mode " + vFiles[1024], "[Test] OS open file \"" + vFiles[1024] + "\""}));
 }
 
-TEST_F(UtilitiesDescriptorCacheTest, SmallCacheIsFreedAsAWhole) {
+TEST_F(DescriptorCacheTest, SmallCacheIsFreedAsAWhole) {
     const std::vector<std::string> vFiles = MakeFiles(2);
     Get(vFiles[0]);
     Get(vFiles[1]);
@@ -339,7 +339,7 @@ TEST_F(UtilitiesDescriptorCacheTest, SmallCacheIsFreedAsAWhole) {
                      "[Test] OS close file \"" + vFiles[1] + "\""}));
 }
 
-TEST_F(UtilitiesDescriptorCacheTest, RunningOutOfDescriptorsEvictsAndTriesAgain) {
+TEST_F(DescriptorCacheTest, RunningOutOfDescriptorsEvictsAndTriesAgain) {
     const std::vector<std::string> vFiles = MakeFiles(21);
     const DescriptorLimit limit;
     ASSERT_TRUE(limit.Set(GetLimitForFree(20)));
@@ -354,7 +354,7 @@ TEST_F(UtilitiesDescriptorCacheTest, RunningOutOfDescriptorsEvictsAndTriesAgain)
     EXPECT_EQ(vLines[4], "[Test] OS open file \"" + vFiles[20] + "\"");
 }
 
-TEST_F(UtilitiesDescriptorCacheTest, RunningOutOfDescriptorsWithNothingToEvictFails) {
+TEST_F(DescriptorCacheTest, RunningOutOfDescriptorsWithNothingToEvictFails) {
     const std::string sFile = MakeFile("f", "x");
     const DescriptorLimit limit;
     ASSERT_TRUE(limit.Set(GetLimitForFree(0)));
@@ -363,7 +363,7 @@ TEST_F(UtilitiesDescriptorCacheTest, RunningOutOfDescriptorsWithNothingToEvictFa
                                 "[Test] OS open file \"" + sFile + "\". Error=Too many open files (24)"}));
 }
 
-TEST_F(UtilitiesDescriptorCacheTest, OpenOutsideTheCacheEvictsOnlyWhenAskedTo) {
+TEST_F(DescriptorCacheTest, OpenOutsideTheCacheEvictsOnlyWhenAskedTo) {
     const std::vector<std::string> vFiles = MakeFiles(2);
     const DescriptorLimit limit;
     ASSERT_TRUE(limit.Set(GetLimitForFree(1)));
@@ -376,7 +376,7 @@ TEST_F(UtilitiesDescriptorCacheTest, OpenOutsideTheCacheEvictsOnlyWhenAskedTo) {
 }
 
 // A client that creates and writes one file after the other fills the cache and must still be able to create the next.
-TEST_F(UtilitiesDescriptorCacheTest, FilesAreCreatedResizedAndAppendedToThoughTheCacheHoldsAllDescriptors) {
+TEST_F(DescriptorCacheTest, FilesAreCreatedResizedAndAppendedToThoughTheCacheHoldsAllDescriptors) {
     const std::vector<std::string> vFiles = MakeFiles(2);
     const DescriptorLimit limit;
     ASSERT_TRUE(limit.Set(GetLimitForFree(1)));
@@ -396,7 +396,7 @@ TEST_F(UtilitiesDescriptorCacheTest, FilesAreCreatedResizedAndAppendedToThoughTh
     EXPECT_EQ(ReadWholeFile(sNew), std::string(7, '\0'));
 }
 
-TEST_F(UtilitiesDescriptorCacheTest, ClosingBelowAPathEndsAtTheComponent) {
+TEST_F(DescriptorCacheTest, ClosingBelowAPathEndsAtTheComponent) {
     ASSERT_EQ(::mkdir((m_Folder / "a").c_str(), 0755), 0);
     ASSERT_EQ(::mkdir((m_Folder / "ab").c_str(), 0755), 0);
     const std::string sInside = MakeFile("a/x", "");
@@ -420,7 +420,7 @@ TEST_F(UtilitiesDescriptorCacheTest, ClosingBelowAPathEndsAtTheComponent) {
     EXPECT_EQ(TakeLog(), Lines()) << "still cached";
 }
 
-TEST_F(UtilitiesDescriptorCacheTest, ClosingBelowAPathNeedsNoLog) {
+TEST_F(DescriptorCacheTest, ClosingBelowAPathNeedsNoLog) {
     const std::vector<std::string> vFiles = MakeFiles(5);
     std::vector<int> vOpened;
     for (const std::string& sFile : vFiles) {
@@ -432,7 +432,7 @@ TEST_F(UtilitiesDescriptorCacheTest, ClosingBelowAPathNeedsNoLog) {
 }
 
 // Readers must get the content of the path they named, or nothing, whatever happens to descriptors meanwhile.
-TEST_F(UtilitiesDescriptorCacheTest, ReadersNeverComeToAWrongFile) {
+TEST_F(DescriptorCacheTest, ReadersNeverComeToAWrongFile) {
     constexpr int kFiles = 24;
     constexpr int kRounds = 400;
     m_Param.SetLogControl(0);
