@@ -1,4 +1,4 @@
-// Formatting of reasons.
+// Formatting of reasons and other texts.
 #include "Reason.h"
 
 #include <cstdarg>
@@ -14,6 +14,28 @@ void WriteReason(char* pcStatus, const char* pcFormat, ...) {
     // The analyzer takes the list for uninitialized behind the early return.
     std::vsnprintf(pcStatus, kReasonBufferSize, pcFormat, arguments);  // NOLINT(clang-analyzer-valist.Uninitialized)
     va_end(arguments);
+}
+
+std::string FormatText(const char* pcFormat, ...) {
+    char vcText[kReasonBufferSize];
+    va_list arguments;
+    va_list again;
+    va_start(arguments, pcFormat);
+    va_copy(again, arguments);
+    const int iLength = std::vsnprintf(vcText, sizeof(vcText), pcFormat, arguments);
+    va_end(arguments);
+    std::string sText;
+    if (iLength >= 0) {  // it fails for what no int can count, or for characters the locale does not have
+        const auto nLength = static_cast<std::size_t>(iLength);
+        if (nLength < sizeof(vcText)) {
+            sText.assign(vcText, nLength);
+        } else {
+            sText.resize(nLength);
+            std::vsnprintf(sText.data(), nLength + 1, pcFormat, again);
+        }
+    }
+    va_end(again);
+    return sText;
 }
 
 CSystemErrorText::CSystemErrorText(int iError) : m_cText{} {

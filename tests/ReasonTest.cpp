@@ -25,6 +25,16 @@ TEST(Reason, ALongReasonIsCutAtTheBuffersEnd) {
     EXPECT_EQ(cStatus[kReasonBufferSize], '#');
 }
 
+TEST(Reason, ATextOfValuesIsWholeHoweverLong) {
+    EXPECT_EQ(FormatText("%s=%d", "x", 7), "x=7");
+    EXPECT_EQ(FormatText("%s", ""), "");
+    for (const std::size_t nLength : {kReasonBufferSize - 1, kReasonBufferSize, std::size_t{50000}}) {
+        const std::string sLong(nLength, 'x');
+        EXPECT_EQ(FormatText("%s", sLong.c_str()), sLong) << nLength;
+        EXPECT_EQ(FormatText("%s%d", sLong.c_str(), 42), sLong + "42") << nLength;
+    }
+}
+
 TEST(Reason, ASystemErrorIsItsTextAndNumber) {
     EXPECT_STREQ(CSystemErrorText(EADDRINUSE).Get(), "Address already in use (98)");
 }
