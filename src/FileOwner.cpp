@@ -9,8 +9,8 @@ CFileOwner::CFileOwner(CUtilities* pUtilities, const CRuntimeParam* pCaller, con
     : m_Param(pCaller->GetID(), pCaller->GetLogControl()) {
     m_Param.SetIpcID(pCaller->GetIpcID());
     // The search says nothing of its own: the call's lines about its path have gone out.
-    CRuntimeParam silent("", 0);
-    LogArgu logArgu{"FileOwner"};
+    CSilentParam silent;
+    const LogArgu logArgu{"FileOwner"};
     MountInfo mountInfo;
     if (pUtilities->GetMountInfoByPath(&silent, &logArgu, pcPath, &mountInfo)) {
         m_Param.SetID(mountInfo.sExportName.c_str());

@@ -63,3 +63,9 @@ private:
     std::string m_sIpcID;
     std::atomic<int> m_iLogControl;
 };
+
+/// For work that leaves no line: in nobody's name, with no category logged.
+class CSilentParam : public CRuntimeParam {
+public:
+    CSilentParam() : CRuntimeParam("", 0) {}
+};

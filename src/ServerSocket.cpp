@@ -183,7 +183,7 @@ void CServerSocket::RecoverFromAcceptFailure(int iError) {
         return;
     }
     if ((iError == EMFILE || iError == ENFILE) && m_pUtilities != nullptr) {
-        CRuntimeParam silent("", 0);
+        CSilentParam silent;
         LogArgu logArgu{"ServerSocket.Run"};
         m_pUtilities->FreeCachedFileHandles(&silent, &logArgu);
     }
