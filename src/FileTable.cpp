@@ -7,19 +7,7 @@
 #include <utility>
 
 #include "Limits.h"
-
-namespace {
-
-/// The path with "/" at its end, as prefix of what lies below it.
-std::string GetFolderPrefix(std::string_view sPath) {
-    std::string sPrefix(sPath);
-    if (!sPrefix.empty() && !sPrefix.ends_with('/')) {
-        sPrefix += '/';
-    }
-    return sPrefix;
-}
-
-}  // namespace
+#include "Paths.h"
 
 FileItem* CFileTable::AddItem(const char* pcPath) {
     if (pcPath == nullptr) {

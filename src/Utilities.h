@@ -10,6 +10,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -90,7 +91,7 @@ public:
     bool GetCanonicalPath(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, char* pcOut, const char* pcPath,
                           FoundStatus* pStatus = nullptr);
     /// The same as a text of any length: what does not fit a buffer stays as it is given, and names nothing.
-    std::string GetCanonicalText(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath);
+    std::string GetCanonicalText(const LogContext& log, const char* pcPath);
     /// Appends "/" in place unless the text is empty, already ends in "/", or a buffer of kPathBufferSize is full.
     static void SetPathToCompare(char* pcPath);
     static void SetPathToCompare(std::string& sPath);
@@ -271,8 +272,7 @@ public:
 
 protected:
     // Steps of the platform test.
-    void RunTestFileSteps(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcTarget,
-                          unsigned long long iFileSize);
+    void RunTestFileSteps(const LogContext& log, const char* pcTarget, unsigned long long iFileSize);
     bool RunTestUpdateFileSize(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
                                unsigned long long iNewSize, const char* pcDescription);
     bool RunTestReadWriteFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, int iFile,
@@ -285,18 +285,18 @@ protected:
 
 private:
     bool IsExported(const LogContext& log, const char* pcPath) override;
-    MountAccess ScanMountInfos(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPathToCompare,
-                               bool bReachable, const char* pcClientAddr, MountInfo* pMountInfo);
+    MountAccess ScanMountInfos(const LogContext& log, std::string_view sPath, bool bReachable, const char* pcClientAddr,
+                               MountInfo* pMountInfo);
 
     // Steps of the clean-up.
     bool GetFirstVSphereInfo(VSphereInfo* pInfo);
     void UnmountWithWebCtrl(const VSphereInfo& info);
 
     // Steps that hold a lock of their callers.
-    bool FindMountInfoClash(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcLocalMountPath,
-                            const char* pcExportName, char* pcStatus) REQUIRES(m_hMutexMountInfos);
+    bool FindMountInfoClash(const LogContext& log, const char* pcLocalMountPath, const char* pcExportName,
+                            char* pcStatus) REQUIRES(m_hMutexMountInfos);
     void ResetFileTableWithoutExports() REQUIRES(m_hMutexMountInfos);
-    bool InsertMountInfo(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, MountInfo mountInfo, char* pcStatus);
+    bool InsertMountInfo(const LogContext& log, MountInfo mountInfo, char* pcStatus);
 
     // Steps of the file operations.
     int ReadOpenedFile(const LogContext& log, const CCachedFile& file, long long iOffset, void* pvBuffer,
@@ -308,18 +308,20 @@ private:
                            unsigned long long iSeek, void* pvBuffer, unsigned int iLen, bool* pbEof);
     std::shared_ptr<CRedirectedFile> TakeRedirectedFile(const char* pcPath);
     std::string GetCanonicalKey(const char* pcPath);
-    bool RenameOnDisk(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPathFrom,
-                      const char* pcPathTo);
-    bool ReplaceFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPathFrom,
-                     const char* pcPathTo);
-    bool RemoveTarget(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPathFrom,
-                      const char* pcPathTo);
-    bool UndoRename(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPathFrom, const char* pcPathTo,
-                    bool bOnDisk, CRedirectedRename& redirected);
-    void CloseRenamedFileHandles(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPathFrom,
-                                 const char* pcPathTo, bool bFolder);
 
-    // Lock order: redirected files, the descriptor cache's, exports, file table. The others nest with none of these.
+    // Steps of a rename.
+    bool RenameOnDisk(const LogContext& log, const char* pcPathFrom, const char* pcPathTo);
+    bool ReplaceFile(const LogContext& log, const char* pcPathFrom, const char* pcPathTo);
+    bool RemoveTarget(const LogContext& log, const char* pcPathFrom, const char* pcPathTo);
+    bool UndoRename(const LogContext& log, const char* pcPathFrom, const char* pcPathTo, bool bOnDisk,
+                    CRedirectedRename& redirected);
+    void CloseRenamedFileHandles(const LogContext& log, const char* pcPathFrom, const char* pcPathTo, bool bFolder);
+    /// Handles of the old path, and of paths below it, name the new one from now on. The table knows canonical paths;
+    /// what is not on disk it knows by the path as given. False if neither of the two had a handle.
+    bool MoveFileHandles(const char* pcPathFrom, const char* pcCanonicalFrom, const char* pcCanonicalTo);
+
+    // Lock order: redirected files, the descriptor cache's, exports, file table. Of the others none nests with these or
+    // with another one; under the datastores' the clean-up tool has a lock of its own.
 
     /// Redirected files by the path that clients see.
     Mutex m_hMutexRedirectedFiles;

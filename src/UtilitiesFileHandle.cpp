@@ -61,6 +61,13 @@ bool CUtilities::GetFilePath(CRuntimeParam* /*pRuntimeParam*/, const char* pcHan
     return m_pFileTable->GetPathByID(iID, pcPath, iSize);
 }
 
+bool CUtilities::MoveFileHandles(const char* pcPathFrom, const char* pcCanonicalFrom, const char* pcCanonicalTo) {
+    const MutexLock lock(m_hMutexFileTable);
+    return m_pFileTable->UpdateItemPath(pcPathFrom, pcCanonicalTo) ||
+           (std::strcmp(pcPathFrom, pcCanonicalFrom) != 0 &&
+            m_pFileTable->UpdateItemPath(pcCanonicalFrom, pcCanonicalTo));
+}
+
 void CUtilities::ResetFileTable() {
     const MutexLock lock(m_hMutexFileTable);
     m_pFileTable->Clear();

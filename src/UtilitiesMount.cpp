@@ -1,65 +1,29 @@
 // CUtilities: the exports, and which client has each of them mounted.
 //
-// The file system is asked before the lock is taken, except where an export is added: the test whether name and path
-// are free and the adding are one step.
+// The file system is asked before the lock is taken, except for the test whether name and path are free, which resolves
+// the path under it: together with the adding that test is one step.
 #include "Utilities.h"
 
 #include <algorithm>
-#include <cstring>
 #include <string_view>
 #include <utility>
 
 #include "DeferredLog.h"
+#include "Paths.h"
 #include "Reason.h"
 #include "Texts.h"
 
 namespace {
 
-/// Is one of a path's components ".."?
-bool HasParentComponent(std::string_view sPath) {
-    for (std::size_t iPos = sPath.find(".."); iPos != std::string_view::npos; iPos = sPath.find("..", iPos + 1)) {
-        const bool bBegins = iPos == 0 || sPath[iPos - 1] == '/';
-        const bool bEnds = iPos + 2 == sPath.size() || sPath[iPos + 2] == '/';
-        if (bBegins && bEnds) {
-            return true;
-        }
-    }
-    return false;
-}
-
-/// A path made ready for prefix tests, without the cost of an allocation. Empty when it does not fit.
-class PathToCompare {
-public:
-    explicit PathToCompare(const char* pcPath) {
-        const std::size_t nLength = std::strlen(pcPath);
-        m_vcText[0] = '\0';
-        if (nLength + 1 < sizeof(m_vcText)) {
-            std::memcpy(m_vcText, pcPath, nLength + 1);
-            CUtilities::SetPathToCompare(m_vcText);
-        }
-    }
-    const char* Get() const { return m_vcText; }
-
-private:
-    char m_vcText[kPathBufferSize];
-};
-
-/// Does a path to compare lie at or below a folder, which matches only up to the end of a component? Nothing lies below
-/// a folder without a name: an export that was added with an empty path must not open up the whole host.
-bool IsInside(std::string_view sPathToCompare, std::string_view sFolder) {
-    return !sFolder.empty() && sPathToCompare.starts_with(sFolder) &&
-           (sFolder.ends_with('/') || sPathToCompare.substr(sFolder.size()).starts_with('/'));
-}
-
 /// Judges a path that an export holds, the first one in name order: of all that hold it, the client's own serves it,
 /// and where there is none, one that another client has mounted keeps it from the call.
 template <class Mounts>
-MountAccess JudgeAccess(const Mounts& mounts, typename Mounts::const_iterator itFirst, const char* pcPathToCompare,
+MountAccess JudgeAccess(const Mounts& mounts, typename Mounts::const_iterator itFirst, std::string_view sPath,
                         const char* pcClientAddr, MountInfo* pMountInfo) {
     const MountInfo* pHeld = nullptr;
     for (auto it = itFirst; pcClientAddr != nullptr && it != mounts.end(); ++it) {
         const MountInfo& mount = it->second;
-        if (mount.sRemoteIpAddr.empty() || (it != itFirst && !IsInside(pcPathToCompare, mount.sLocalMountPath))) {
+        if (mount.sRemoteIpAddr.empty() || (it != itFirst && !IsAtOrBelow(sPath, mount.sLocalMountPath))) {
             continue;
         }
         if (mount.sRemoteIpAddr == pcClientAddr) {
@@ -80,12 +44,11 @@ MountAccess JudgeAccess(const Mounts& mounts, typename Mounts::const_iterator it
 
 bool CUtilities::AddMountInfo(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcLocalMountPath,
                               const char* pcExportName, const char* pcIpcID, char* pcStatus) {
-    const std::string sCanonical = GetCanonicalText(pRuntimeParam, pLogArgu, pcLocalMountPath);
-    const std::string sExportName = OrEmpty(pcExportName);
+    const LogContext log{this, pRuntimeParam, pLogArgu};
+    const std::string sCanonical = GetCanonicalText(log, pcLocalMountPath);
 
     const CDeferredLog deferred;
-    if (!InsertMountInfo(pRuntimeParam, pLogArgu, {sCanonical, sExportName, OrEmpty(pcIpcID), std::string()},
-                         pcStatus)) {
+    if (!InsertMountInfo(log, {sCanonical, OrEmpty(pcExportName), OrEmpty(pcIpcID), std::string()}, pcStatus)) {
         return false;
     }
     // What was opened before as the source of a redirected file could not be written to.
@@ -93,11 +56,10 @@ bool CUtilities::AddMountInfo(CRuntimeParam* pRuntimeParam, const LogArgu* pLogA
     return true;
 }
 
-bool CUtilities::InsertMountInfo(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, MountInfo mountInfo,
-                                 char* pcStatus) {
+bool CUtilities::InsertMountInfo(const LogContext& log, MountInfo mountInfo, char* pcStatus) {
     const std::string& sExportName = mountInfo.sExportName;
     const MutexLock lock(m_hMutexMountInfos);
-    if (FindMountInfoClash(pRuntimeParam, pLogArgu, mountInfo.sLocalMountPath.c_str(), sExportName.c_str(), pcStatus)) {
+    if (FindMountInfoClash(log, mountInfo.sLocalMountPath.c_str(), sExportName.c_str(), pcStatus)) {
         return false;
     }
     const std::size_t iInvalid = sExportName.find_first_of("/ ");
@@ -114,11 +76,11 @@ bool CUtilities::IsMountInfoExists(CRuntimeParam* pRuntimeParam, const LogArgu* 
                                    const char* pcExportName, char* pcStatus) {
     const CDeferredLog deferred;
     const MutexLock lock(m_hMutexMountInfos);
-    return FindMountInfoClash(pRuntimeParam, pLogArgu, pcLocalMountPath, pcExportName, pcStatus);
+    return FindMountInfoClash({this, pRuntimeParam, pLogArgu}, pcLocalMountPath, pcExportName, pcStatus);
 }
 
-bool CUtilities::FindMountInfoClash(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcLocalMountPath,
-                                    const char* pcExportName, char* pcStatus) {
+bool CUtilities::FindMountInfoClash(const LogContext& log, const char* pcLocalMountPath, const char* pcExportName,
+                                    char* pcStatus) {
     if (pcExportName != nullptr && m_MountInfos.contains(pcExportName)) {
         WriteReason(pcStatus, "Export name \"%s\" already defined", pcExportName);
         return true;
@@ -126,7 +88,7 @@ bool CUtilities::FindMountInfoClash(CRuntimeParam* pRuntimeParam, const LogArgu*
     if (pcLocalMountPath == nullptr) {
         return false;
     }
-    const std::string sCanonical = GetCanonicalText(pRuntimeParam, pLogArgu, pcLocalMountPath);
+    const std::string sCanonical = GetCanonicalText(log, pcLocalMountPath);
     if (std::ranges::none_of(m_MountInfos,
                              [&sCanonical](const auto& mount) { return mount.second.sLocalMountPath == sCanonical; })) {
         return false;
@@ -137,7 +99,7 @@ bool CUtilities::FindMountInfoClash(CRuntimeParam* pRuntimeParam, const LogArgu*
 
 void CUtilities::RemoveMountInfoByLocalMountPath(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu,
                                                  const char* pcLocalMountPath) {
-    const std::string sCanonical = GetCanonicalText(pRuntimeParam, pLogArgu, pcLocalMountPath);
+    const std::string sCanonical = GetCanonicalText({this, pRuntimeParam, pLogArgu}, pcLocalMountPath);
     {
         const MutexLock lock(m_hMutexMountInfos);
         const auto itMount = std::ranges::find_if(
@@ -165,14 +127,14 @@ void CUtilities::RemoveMountInfoByExportName(const char* pcExportName) {
         m_MountInfos.erase(itMount);
         ResetFileTableWithoutExports();
     }
-    CRuntimeParam silent("", 0);
-    LogArgu logArgu{"RemoveMountInfoByExportName"};
+    CSilentParam silent;
+    const LogArgu logArgu{"RemoveMountInfoByExportName"};
     CloseCachedFilesWithin({this, &silent, &logArgu}, sLocalMountPath, false);
 }
 
 void CUtilities::RemoveAllMountInfo() {
-    CRuntimeParam silent("", 0);
-    LogArgu logArgu{"RemoveAllMountInfo"};
+    CSilentParam silent;
+    const LogArgu logArgu{"RemoveAllMountInfo"};
     RemoveAllMountInfo(&silent, &logArgu);
 }
 
@@ -230,56 +192,52 @@ bool CUtilities::IsExported(const LogContext& log, const char* pcPath) {
 
 MountAccess CUtilities::GetMountAccess(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
                                        const char* pcClientAddr, MountInfo* pMountInfo) {
-    const char* pcGiven = OrEmpty(pcPath);
-    const PathToCompare path(pcGiven);
-    // ".." could lead out of any export; a path that does not fit belongs to none.
-    const bool bReachable = (path.Get()[0] != '\0' || pcGiven[0] == '\0') && !HasParentComponent(pcGiven);
+    const std::string_view sPath = OrEmpty(pcPath);
+    // ".." could lead out of any export; a path that has no room for a slash behind it belongs to none.
+    const bool bReachable = sPath.size() + 1 < kPathBufferSize && !HasParentComponent(sPath);
     if (pRuntimeParam->IsLogGeneralInfo()) {
-        return ScanMountInfos(pRuntimeParam, pLogArgu, path.Get(), bReachable, pcClientAddr, pMountInfo);
+        return ScanMountInfos({this, pRuntimeParam, pLogArgu}, sPath, bReachable, pcClientAddr, pMountInfo);
     }
     if (!bReachable) {
         return MountAccess::kNone;
     }
     const MutexLock lock(m_hMutexMountInfos);
     const auto itMount = std::ranges::find_if(
-        m_MountInfos, [&path](const auto& mount) { return IsInside(path.Get(), mount.second.sLocalMountPath); });
+        m_MountInfos, [sPath](const auto& mount) { return IsAtOrBelow(sPath, mount.second.sLocalMountPath); });
     return itMount == m_MountInfos.end() ? MountAccess::kNone
-                                         : JudgeAccess(m_MountInfos, itMount, path.Get(), pcClientAddr, pMountInfo);
+                                         : JudgeAccess(m_MountInfos, itMount, sPath, pcClientAddr, pMountInfo);
 }
 
 /// The search that says what it compares. It walks a copy, so that its lines go out without the lock.
-MountAccess CUtilities::ScanMountInfos(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu,
-                                       const char* pcPathToCompare, bool bReachable, const char* pcClientAddr,
-                                       MountInfo* pMountInfo) {
+MountAccess CUtilities::ScanMountInfos(const LogContext& log, std::string_view sPath, bool bReachable,
+                                       const char* pcClientAddr, MountInfo* pMountInfo) {
     decltype(m_MountInfos) mountInfos;
     {
         const MutexLock lock(m_hMutexMountInfos);
         mountInfos = m_MountInfos;
     }
+    const std::string sCompared = sPath.size() + 1 < kPathBufferSize ? GetFolderPrefix(sPath) : "";
     for (auto it = mountInfos.cbegin(); it != mountInfos.cend(); ++it) {
         const std::string& sLocal = it->second.sLocalMountPath;
-        LogInfo(pRuntimeParam, "[%s] Path scan: \"%s\" vs \"%s\"", pLogArgu->pcName, pcPathToCompare, sLocal.c_str());
-        if (std::string_view(pcPathToCompare).starts_with(sLocal)) {
-            LogInfo(pRuntimeParam, "[%s] Path compare: \"%s\" vs \"%s\"", pLogArgu->pcName, pcPathToCompare,
-                    PathToCompare(sLocal.c_str()).Get());
+        NFS_LOG_INFO(log, kLogGeneralInfo, "[%s] Path scan: \"%s\" vs \"%s\"", sCompared.c_str(), sLocal.c_str());
+        if (sCompared.starts_with(sLocal)) {
+            NFS_LOG_INFO(log, kLogGeneralInfo, "[%s] Path compare: \"%s\" vs \"%s\"", sCompared.c_str(),
+                         GetFolderPrefix(sLocal).c_str());
         }
-        if (bReachable && IsInside(pcPathToCompare, sLocal)) {
-            LogInfo(pRuntimeParam, "[%s] Path match", pLogArgu->pcName);
-            return JudgeAccess(mountInfos, it, pcPathToCompare, pcClientAddr, pMountInfo);
+        if (bReachable && IsAtOrBelow(sPath, sLocal)) {
+            NFS_LOG_INFO(log, kLogGeneralInfo, "[%s] Path match");
+            return JudgeAccess(mountInfos, it, sPath, pcClientAddr, pMountInfo);
         }
     }
     return MountAccess::kNone;
 }
 
 bool CUtilities::HoldsMountPoint(const char* pcCanonicalPath) {
-    std::string_view sPath = OrEmpty(pcCanonicalPath);
-    while (sPath.size() > 1 && sPath.ends_with('/')) {
-        sPath.remove_suffix(1);
-    }
+    const std::string_view sPath = WithoutTrailingSlashes(OrEmpty(pcCanonicalPath));
     const MutexLock lock(m_hMutexMountInfos);
     return std::ranges::any_of(m_MountInfos, [sPath](const auto& mount) {
         const std::string_view sLocal = mount.second.sLocalMountPath;
-        return sLocal == sPath || IsInside(sLocal, sPath);
+        return sLocal == sPath || IsAtOrBelow(sLocal, sPath);
     });
 }
 

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "FileOwner.h"
+#include "Paths.h"
 #include "Reason.h"
 #include "RedirectedFile.h"
 #include "Texts.h"
@@ -55,8 +56,7 @@ void CUtilities::CloseRedirectedFile(CRuntimeParam* pRuntimeParam, const char* p
 }
 
 void CUtilities::CloseAllRedirectedFiles(CRuntimeParam* pRuntimeParam, const char* pcPath) {
-    std::string sPrefix = OrEmpty(pcPath);
-    SetPathToCompare(sPrefix);
+    const std::string sPrefix = GetFolderPrefix(OrEmpty(pcPath));
     std::shared_ptr<CRedirectedFile> pFile;
     do {
         // Each walk ends at the first match, and the next one starts over.
@@ -65,13 +65,10 @@ void CUtilities::CloseAllRedirectedFiles(CRuntimeParam* pRuntimeParam, const cha
         {
             const MutexLock lock(m_hMutexRedirectedFiles);
             for (auto itFile = m_mRedirectedFiles.begin(); itFile != m_mRedirectedFiles.end(); ++itFile) {
-                std::string sEntry = itFile->first;
-                SetPathToCompare(sEntry);
-                const bool bMatch = sEntry.starts_with(sPrefix);
                 if (pRuntimeParam->IsLogGeneralInfo()) {
-                    vCompared.push_back(std::move(sEntry));
+                    vCompared.push_back(GetFolderPrefix(itFile->first));
                 }
-                if (bMatch) {
+                if (sPrefix.empty() || IsAtOrBelow(itFile->first, sPrefix)) {  // without a path, all of them
                     pFile = std::move(itFile->second.pFile);
                     m_mRedirectedFiles.erase(itFile);
                     break;
@@ -157,10 +154,8 @@ bool CUtilities::RenameRedirectedFile(CRuntimeParam* pRuntimeParam, const char* 
 
 std::vector<std::pair<std::string, std::string>> CUtilities::GetRenamesBelow(const char* pcFolderFrom,
                                                                              const char* pcFolderTo) {
-    std::string sPrefixFrom = OrEmpty(pcFolderFrom);
-    std::string sPrefixTo = OrEmpty(pcFolderTo);
-    SetPathToCompare(sPrefixFrom);
-    SetPathToCompare(sPrefixTo);
+    const std::string sPrefixFrom = GetFolderPrefix(OrEmpty(pcFolderFrom));
+    const std::string sPrefixTo = GetFolderPrefix(OrEmpty(pcFolderTo));
     std::vector<std::pair<std::string, std::string>> vsPaths;
     const MutexLock lock(m_hMutexRedirectedFiles);
     for (auto itFile = m_mRedirectedFiles.lower_bound(sPrefixFrom);
@@ -217,7 +212,7 @@ bool CUtilities::IsRedirectedFile(const char* pcPath) {
 
 /// The canonical form of a path, without a line in the log: nobody asked for it.
 std::string CUtilities::GetCanonicalKey(const char* pcPath) {
-    CRuntimeParam silent("", 0);
-    LogArgu logArgu{"Utilities.GetCanonicalKey"};
-    return GetCanonicalText(&silent, &logArgu, pcPath);
+    CSilentParam silent;
+    const LogArgu logArgu{"Utilities.GetCanonicalKey"};
+    return GetCanonicalText({this, &silent, &logArgu}, pcPath);
 }

@@ -11,18 +11,15 @@
 
 bool CUtilities::GetCanonicalPath(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, char* pcOut,
                                   const char* pcPath, FoundStatus* pStatus) {
+    const LogContext log{this, pRuntimeParam, pLogArgu};
     const char* pcGiven = OrEmpty(pcPath);
     char vcResolved[kPathBufferSize];
     if (FindCanonicalPath(pcGiven, vcResolved, pStatus)) {
         std::memcpy(pcOut, vcResolved, std::strlen(vcResolved) + 1);
-        if (pRuntimeParam->IsLogGeneralInfo()) {
-            LogInfo(pRuntimeParam, "[%s] Get canonical path successfully: %s", pLogArgu->pcName, pcOut);
-        }
+        NFS_LOG_INFO(log, kLogGeneralInfo, "[%s] Get canonical path successfully: %s", pcOut);
         return true;
     }
-    if (pRuntimeParam->IsLogGeneralInfo()) {
-        LogInfo(pRuntimeParam, "[%s] Fail to get canonical path from non-exist path: %s", pLogArgu->pcName, pcGiven);
-    }
+    NFS_LOG_INFO(log, kLogGeneralInfo, "[%s] Fail to get canonical path from non-exist path: %s", pcGiven);
     const std::size_t nLength = strnlen(pcGiven, kPathBufferSize);
     const std::size_t nCopied = nLength < kPathBufferSize ? nLength : 0;  // its first part would be another path
     std::memmove(pcOut, pcGiven, nCopied);                                // they may be one buffer
@@ -30,9 +27,9 @@ bool CUtilities::GetCanonicalPath(CRuntimeParam* pRuntimeParam, const LogArgu* p
     return false;
 }
 
-std::string CUtilities::GetCanonicalText(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath) {
+std::string CUtilities::GetCanonicalText(const LogContext& log, const char* pcPath) {
     char vcCanonical[kPathBufferSize];
-    GetCanonicalPath(pRuntimeParam, pLogArgu, vcCanonical, pcPath);
+    GetCanonicalPath(log.pRuntimeParam, log.pLogArgu, vcCanonical, pcPath);
     return vcCanonical[0] != '\0' || pcPath == nullptr ? vcCanonical : pcPath;
 }
 

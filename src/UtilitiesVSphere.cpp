@@ -66,9 +66,6 @@ void CUtilities::UnmountWithWebCtrl(const VSphereInfo& info) {
     if (itInfo == m_VSphereInfos.end() || itInfo->second != info) {
         return;
     }
-    if (!m_pVSphereWebController) {
-        m_pVSphereWebController = std::make_unique<CVSphereWebController>();
-    }
     m_pVSphereWebController->RemoveSession(info.sDatastoreMoid.c_str(), info.sHost.c_str(), info.sPort.c_str(),
                                            info.sUser.c_str(), info.sPwd.c_str());
     m_VSphereInfos.erase(itInfo);

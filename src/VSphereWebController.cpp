@@ -9,7 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "Limits.h"
+#include "Paths.h"
 
 namespace {
 
@@ -30,7 +30,7 @@ std::string GetToolPath() {
         return {};
     }
     const std::string_view sProgram(vcProgram, static_cast<std::size_t>(iLen));
-    return std::string(sProgram.substr(0, sProgram.rfind('/') + 1)) + kToolName;
+    return std::string(GetFolderPart(sProgram)) + kToolName;
 }
 
 /// The path inside double quotes, whatever characters it holds.
@@ -71,7 +71,7 @@ void RunShell(const std::string& sCommandLine) {
     std::string sLine = sCommandLine;
     char* const vpcArguments[] = {sShell.data(), sOption.data(), sLine.data(), nullptr};
     pid_t iPid = -1;
-    if (posix_spawn(&iPid, "/bin/sh", nullptr, nullptr, vpcArguments, environ) != 0) {
+    if (::posix_spawn(&iPid, "/bin/sh", nullptr, nullptr, vpcArguments, environ) != 0) {
         return;
     }
     int iStatus = 0;
