@@ -6,16 +6,16 @@
 
 #include <sys/stat.h>
 
-void CInfoFileReader::Seek(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, std::int64_t iPosition) {
-    m_File.Seek(pRuntimeParam, pLogArgu, iPosition);
+void CInfoFileReader::Seek(const LogContext& log, std::int64_t iPosition) {
+    m_File.Seek(log, iPosition);
     m_iPosition = iPosition;
     m_nFetch = kFirstRecords;
     m_iRecord = 0;
     m_nRecords = 0;
 }
 
-bool CInfoFileReader::Next(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, Segment* pSegment) {
-    if (m_iRecord == m_nRecords && !Fill(pRuntimeParam, pLogArgu)) {
+bool CInfoFileReader::Next(const LogContext& log, Segment* pSegment) {
+    if (m_iRecord == m_nRecords && !Fill(log)) {
         return false;
     }
     std::memcpy(pSegment, m_vcRecords + m_iRecord * kSegmentRecordSize, kSegmentRecordSize);
@@ -24,12 +24,12 @@ bool CInfoFileReader::Next(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu
     return true;
 }
 
-bool CInfoFileReader::Fill(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu) {
+bool CInfoFileReader::Fill(const LogContext& log) {
     if (m_nFetch != kFirstRecords && !HasEnd()) {
         return false;
     }
-    const unsigned int nFetch = pRuntimeParam->IsLogFileAccess() ? 1 : m_nFetch;
-    const int iRead = m_File.Read(pRuntimeParam, pLogArgu, m_vcRecords, nFetch * kSegmentRecordSize);
+    const unsigned int nFetch = log.IsWanted(CRuntimeParam::kLogFileAccess) ? 1 : m_nFetch;
+    const int iRead = m_File.Read(log, m_vcRecords, nFetch * kSegmentRecordSize);
     m_nFetch = std::min(m_nFetch * kFetchGrowth, kMaxRecords);
     m_iRecord = 0;
     m_nRecords = iRead > 0 ? static_cast<unsigned int>(iRead) / kSegmentRecordSize : 0;

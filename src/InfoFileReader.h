@@ -12,20 +12,20 @@
 /// and logged, alone.
 class CInfoFileReader {
 public:
-    CInfoFileReader(CLog* pLog, CCachedFile file, std::int64_t iPosition)
-        : m_File(pLog, std::move(file), iPosition), m_iPosition(iPosition) {}
+    CInfoFileReader(CCachedFile file, std::int64_t iPosition)
+        : m_File(std::move(file), iPosition), m_iPosition(iPosition) {}
 
     /// Whether there is a file to walk; all else wants one.
     bool IsOpen() const { return m_File.Get() != -1; }
     /// Goes to a record's place.
-    void Seek(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, std::int64_t iPosition);
+    void Seek(const LogContext& log, std::int64_t iPosition);
     /// The next record; false where fewer than 32 bytes are left or can be read.
-    bool Next(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, Segment* pSegment);
+    bool Next(const LogContext& log, Segment* pSegment);
     /// The place behind the record that Next returned last.
     std::int64_t GetPosition() const { return m_iPosition; }
 
 private:
-    bool Fill(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu);
+    bool Fill(const LogContext& log);
     /// Only a regular file is searched beyond the first records: some devices never end.
     bool HasEnd();
 

@@ -7,26 +7,25 @@
 
 #include "FileTransfer.h"
 
-void CPositionedFile::Seek(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, std::int64_t iOffset) {
+void CPositionedFile::Seek(const LogContext& log, std::int64_t iOffset) {
     m_iPosition = iOffset;
-    ReportSeek({m_pLog, pRuntimeParam, pLogArgu}, m_File, m_iPosition, 0, nullptr);
+    ReportSeek(log, m_File, m_iPosition, 0, nullptr);
 }
 
-std::int64_t CPositionedFile::Tell(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu) {
-    ReportTell({m_pLog, pRuntimeParam, pLogArgu}, m_File, m_iPosition, 0, nullptr);
+std::int64_t CPositionedFile::Tell(const LogContext& log) {
+    ReportTell(log, m_File, m_iPosition, 0, nullptr);
     return m_iPosition;
 }
 
-int CPositionedFile::Read(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, void* pvBuffer, unsigned int iLen) {
+int CPositionedFile::Read(const LogContext& log, void* pvBuffer, unsigned int iLen) {
     const ssize_t iRead = ::pread(m_File, pvBuffer, iLen, m_iPosition);
-    ReportRead({m_pLog, pRuntimeParam, pLogArgu}, m_File, iRead, errno, nullptr);
+    ReportRead(log, m_File, iRead, errno, nullptr);
     return Advance(iRead);
 }
 
-int CPositionedFile::Write(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const void* pvBuffer,
-                           unsigned int iLen) {
+int CPositionedFile::Write(const LogContext& log, const void* pvBuffer, unsigned int iLen) {
     const ssize_t iWritten = ::pwrite(m_File, pvBuffer, iLen, m_iPosition);
-    ReportWrite({m_pLog, pRuntimeParam, pLogArgu}, m_File, iWritten, errno, nullptr);
+    ReportWrite(log, m_File, iWritten, errno, nullptr);
     return Advance(iWritten);
 }
 

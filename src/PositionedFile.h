@@ -14,23 +14,21 @@
 /// Used by one thread; the descriptor, which must be open for all but Get, stays open as long as this object.
 class CPositionedFile {
 public:
-    CPositionedFile(CLog* pLog, CCachedFile file, std::int64_t iPosition)
-        : m_pLog(pLog), m_File(std::move(file)), m_iPosition(iPosition) {}
+    CPositionedFile(CCachedFile file, std::int64_t iPosition) : m_File(std::move(file)), m_iPosition(iPosition) {}
 
     int Get() const { return m_File.Get(); }
     std::int64_t GetPosition() const { return m_iPosition; }
 
     /// Moves to an offset from the start; it must not be negative.
-    void Seek(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, std::int64_t iOffset);
-    std::int64_t Tell(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu);
+    void Seek(const LogContext& log, std::int64_t iOffset);
+    std::int64_t Tell(const LogContext& log);
     /// Bytes transferred, or -1; the position moves by what was transferred.
-    int Read(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, void* pvBuffer, unsigned int iLen);
-    int Write(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const void* pvBuffer, unsigned int iLen);
+    int Read(const LogContext& log, void* pvBuffer, unsigned int iLen);
+    int Write(const LogContext& log, const void* pvBuffer, unsigned int iLen);
 
 private:
     int Advance(long long iTransferred);
 
-    CLog* m_pLog;
     CCachedFile m_File;
     std::int64_t m_iPosition;
 };

@@ -8,9 +8,10 @@
 #include <fcntl.h>
 
 #include "DeferredLog.h"
+#include "DescriptorCache.h"
+#include "Log.h"
 #include "PositionedFile.h"
 #include "Reason.h"
-#include "Utilities.h"
 
 namespace {
 
@@ -18,9 +19,11 @@ namespace {
 /// the lock: they would take too much memory.
 constexpr std::int64_t kMaxRecordsWithKeptLines = 65536;
 
+constexpr LogArgu kCreateCheckPoint{"RedirectedFile.CreateCheckPointSegment"};
+
 }  // namespace
 
-CRedirectedFile::CRedirectedFile(CUtilities* pUtilities) : m_pUtilities(pUtilities) {}
+CRedirectedFile::CRedirectedFile(CDescriptorCache* pUtilities) : m_pUtilities(pUtilities) {}
 
 CRedirectedFile::~CRedirectedFile() = default;
 
@@ -61,20 +64,16 @@ void CRedirectedFile::CloseTakenOver(CRuntimeParam* pRuntimeParam) {
 }
 
 void CRedirectedFile::ReportOpen(CRuntimeParam* pRuntimeParam) {
-    LogArgu logArgu{"RedirectedFile.Open"};
-    if (pRuntimeParam->IsLogRedirectFile()) {
-        m_pUtilities->LogInfo(pRuntimeParam, "[%s] id=%d, size=%llu (path=%s)", logArgu.pcName, m_iId,
-                              static_cast<unsigned long long>(m_iSize), m_sInfoFile.c_str());
-    }
+    const LogArgu logArgu{"RedirectedFile.Open"};
+    const LogContext log{m_pUtilities, pRuntimeParam, &logArgu};
+    NFS_LOG_INFO(log, kLogRedirectFile, "[%s] id=%d, size=%llu (path=%s)", m_iId,
+                 static_cast<unsigned long long>(m_iSize), m_sInfoFile.c_str());
 }
 
 bool CRedirectedFile::AddSegment(CRuntimeParam* pRuntimeParam, const char* pcSource, long long iFileOffset,
                                  long long iOffset, long long iLength, char* pcStatus) {
-    LogArgu logArgu{"RedirectedFile.AddSegment"};
-    if (IsSourceRedirected(pcSource)) {
-        WriteReason(pcStatus, "Source \"%s\" is a redirected file", pcSource);
-        return false;
-    }
+    const LogArgu logArgu{"RedirectedFile.AddSegment"};
+    const LogContext log{m_pUtilities, pRuntimeParam, &logArgu};
     std::optional<CDeferredLog> deferred;
     if (std::min<std::int64_t>(iLength, m_iSize) / m_iInfoFileSegmentSize <= kMaxRecordsWithKeptLines) {
         deferred.emplace();
@@ -84,7 +83,7 @@ bool CRedirectedFile::AddSegment(CRuntimeParam* pRuntimeParam, const char* pcSou
     if (m_bClosed) {
         return false;  // whoever knows the path says so
     }
-    Segment segment{ReferSource(pRuntimeParam, &logArgu, pcSource), iFileOffset, iOffset, iLength};
+    Segment segment{ReferSource(log, pcSource), iFileOffset, iOffset, iLength};
     if (iOffset >= m_iSize) {
         WriteReason(pcStatus, "Offset %lld is not inside the file (size = %lld)", iOffset,
                     static_cast<long long>(m_iSize));
@@ -93,46 +92,29 @@ bool CRedirectedFile::AddSegment(CRuntimeParam* pRuntimeParam, const char* pcSou
     if (AddSaturated(iOffset, iLength) >= m_iSize) {
         segment.iLength = m_iSize - iOffset;  // at most iLength, so it cannot overflow
     }
-    const CCachedFile file = GetWritableInfoFile(pRuntimeParam, &logArgu);
+    const CCachedFile file = GetWritableInfoFile(log);
     if (!file.IsOpen()) {
         AppendToList(segment);
     } else {
-        AppendToInfoFile(pRuntimeParam, &logArgu, file, segment);
+        AppendToInfoFile(log, file, segment);
     }
     if (m_bClosed) {
         return false;
     }
-    if (pRuntimeParam->IsLogRedirectFile()) {
-        m_pUtilities->LogInfo(pRuntimeParam, "[%s] Segment id=%d, fox=%llu, ox=%llu, len=%llu", logArgu.pcName, m_iId,
-                              static_cast<unsigned long long>(iFileOffset), static_cast<unsigned long long>(iOffset),
-                              static_cast<unsigned long long>(segment.iLength));
-    }
+    NFS_LOG_INFO(log, kLogRedirectFile, "[%s] Segment id=%d, fox=%llu, ox=%llu, len=%llu", m_iId,
+                 static_cast<unsigned long long>(iFileOffset), static_cast<unsigned long long>(iOffset),
+                 static_cast<unsigned long long>(segment.iLength));
     return true;
 }
 
-/// Its bytes on disk are not what clients read there. A source that is known was compared in every spelling when it was
-/// first named.
-bool CRedirectedFile::IsSourceRedirected(const char* pcSource) const {
-    if (pcSource == nullptr || *pcSource == '\0') {
-        return false;
-    }
-    if (m_pUtilities->GetRedirectedFile(pcSource)) {
-        return true;
-    }
-    {
-        const MutexLock lock(m_hMutex);
-        if (m_vSource.Contains(pcSource)) {
-            return false;
-        }
-    }
-    return m_pUtilities->IsRedirectedFile(pcSource);
+bool CRedirectedFile::IsSource(const char* pcPath) const {
+    const MutexLock lock(m_hMutex);
+    return m_vSource.Contains(pcPath);
 }
 
-std::int64_t CRedirectedFile::ReferSource(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcSource) {
+std::int64_t CRedirectedFile::ReferSource(const LogContext& log, const char* pcSource) {
     if (pcSource == nullptr || *pcSource == '\0') {
-        if (pRuntimeParam->IsLogRedirectFile()) {
-            m_pUtilities->LogInfo(pRuntimeParam, "[%s] Reference src (%d): Null", pLogArgu->pcName, m_iId);
-        }
+        NFS_LOG_INFO(log, kLogRedirectFile, "[%s] Reference src (%d): Null", m_iId);
         return -1;
     }
     std::int64_t iSource = -1;
@@ -140,46 +122,43 @@ std::int64_t CRedirectedFile::ReferSource(CRuntimeParam* pRuntimeParam, const Lo
         const MutexLock lock(m_hMutex);
         iSource = m_vSource.Refer(pcSource);
     }
-    if (pRuntimeParam->IsLogRedirectFile()) {
-        m_pUtilities->LogInfo(pRuntimeParam, "[%s] Reference src (%d): %s", pLogArgu->pcName, m_iId, pcSource);
-    }
+    NFS_LOG_INFO(log, kLogRedirectFile, "[%s] Reference src (%d): %s", m_iId, pcSource);
     return iSource;
 }
 
-CCachedFile CRedirectedFile::GetFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const std::string& sPath,
-                                     bool bReadWrite) {
+CCachedFile CRedirectedFile::GetFile(const LogContext& log, const std::string& sPath, bool bReadWrite) {
     if (sPath.empty() || m_bClosed) {
         return {};
     }
-    CCachedFile file = m_pUtilities->GetCachedFileHandle(pRuntimeParam, pLogArgu, sPath.c_str(), bReadWrite);
+    CCachedFile file = m_pUtilities->GetCachedFileHandle(log.pRuntimeParam, log.pLogArgu, sPath.c_str(), bReadWrite);
     if (m_bClosed) {
         // Close may have been through the cache already: it leaves nothing open there, and so does this.
         file = {};
-        m_pUtilities->CloseCachedFileHandle(pRuntimeParam, pLogArgu, sPath.c_str());
+        m_pUtilities->CloseCachedFileHandle(log.pRuntimeParam, log.pLogArgu, sPath.c_str());
     }
     return file;
 }
 
-CCachedFile CRedirectedFile::GetInfoFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, bool bReadWrite) {
+CCachedFile CRedirectedFile::GetInfoFile(const LogContext& log, bool bReadWrite) {
     if (m_sInfoFile.empty()) {
         return {};
     }
     const auto psRenamed = GetRenamedInfoFile();
-    return GetFile(pRuntimeParam, pLogArgu, psRenamed ? *psRenamed : m_sInfoFile, bReadWrite);
+    return GetFile(log, psRenamed ? *psRenamed : m_sInfoFile, bReadWrite);
 }
 
-CCachedFile CRedirectedFile::GetWritableInfoFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu) {
-    CCachedFile file = GetInfoFile(pRuntimeParam, pLogArgu, true);
+CCachedFile CRedirectedFile::GetWritableInfoFile(const LogContext& log) {
+    CCachedFile file = GetInfoFile(log, true);
     if (file.IsOpen() && (::fcntl(file, F_GETFL) & O_ACCMODE) == O_RDONLY) {
         // A read came first, and outside the exports that opens for reading only.
-        CloseInfoFile(pRuntimeParam, pLogArgu);
-        file = GetInfoFile(pRuntimeParam, pLogArgu, true);
+        CloseInfoFile(log);
+        file = GetInfoFile(log, true);
     }
     return file;
 }
 
-void CRedirectedFile::CloseInfoFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu) {
-    m_pUtilities->CloseCachedFileHandle(pRuntimeParam, pLogArgu, GetInfoFilePath().c_str());
+void CRedirectedFile::CloseInfoFile(const LogContext& log) {
+    m_pUtilities->CloseCachedFileHandle(log.pRuntimeParam, log.pLogArgu, GetInfoFilePath().c_str());
 }
 
 std::shared_ptr<const std::string> CRedirectedFile::GetRenamedInfoFile() const {
@@ -212,35 +191,34 @@ void CRedirectedFile::AppendToList(const Segment& segment) {
     }
 }
 
-void CRedirectedFile::AppendToInfoFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const CCachedFile& file,
-                                       Segment segment) {
+void CRedirectedFile::AppendToInfoFile(const LogContext& log, const CCachedFile& file, Segment segment) {
     // Another redirected file may append to the same info file; the descriptor they share tells them apart in time.
     const MutexLock lock(file.GetPositionMutex());
-    const long long iEnd = OS_FileSeek(pRuntimeParam, pLogArgu, file, 0, SEEK_END);
+    const long long iEnd = OS_FileSeek(log.pRuntimeParam, log.pLogArgu, file, 0, SEEK_END);
     if (iEnd < 0) {
         return;  // there is no place where the records could stand; the seek was logged
     }
-    CPositionedFile output(m_pUtilities, file, iEnd);
+    CPositionedFile output(file, iEnd);
     const std::int64_t iSize = m_iInfoFileSegmentSize;
     bool bGoOn = true;
     if (const std::int64_t iWithin = segment.iOffset % iSize; iWithin > 0 && iSize - iWithin < segment.iLength) {
-        bGoOn = WriteRecord(pRuntimeParam, pLogArgu, output, segment, iSize - iWithin);
+        bGoOn = WriteRecord(log, output, segment, iSize - iWithin);
     }
     while (bGoOn && segment.iLength > iSize) {
-        bGoOn = WriteRecord(pRuntimeParam, pLogArgu, output, segment, iSize);
+        bGoOn = WriteRecord(log, output, segment, iSize);
     }
     if (bGoOn && segment.iLength > 0) {
-        WriteRecord(pRuntimeParam, pLogArgu, output, segment, segment.iLength);
+        WriteRecord(log, output, segment, segment.iLength);
     }
 }
 
-bool CRedirectedFile::WriteRecord(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, CPositionedFile& output,
-                                  Segment& segment, std::int64_t iLength) {
+bool CRedirectedFile::WriteRecord(const LogContext& log, CPositionedFile& output, Segment& segment,
+                                  std::int64_t iLength) {
     Segment record = segment;
     record.iLength = iLength;
     m_iInfoFilePos = output.GetPosition();
-    CreateCheckPoint(pRuntimeParam, output, record);
-    const bool bFailed = output.Write(pRuntimeParam, pLogArgu, &record, kSegmentRecordSize) < 0;
+    CreateCheckPoint({m_pUtilities, log.pRuntimeParam, &kCreateCheckPoint}, output, record);
+    const bool bFailed = output.Write(log, &record, kSegmentRecordSize) < 0;
     m_iInfoFilePos = output.GetPosition();
     m_nFailedWrites = bFailed ? m_nFailedWrites + 1 : 0;
     segment.iFileOffset = AddSaturated(segment.iFileOffset, iLength);
@@ -250,22 +228,21 @@ bool CRedirectedFile::WriteRecord(CRuntimeParam* pRuntimeParam, const LogArgu* p
 }
 
 void CRedirectedFile::CreateCheckPointSegment(CRuntimeParam* pRuntimeParam, const Segment& segment) {
-    LogArgu logArgu{"RedirectedFile.CreateCheckPointSegment"};
+    const LogContext log{m_pUtilities, pRuntimeParam, &kCreateCheckPoint};
     const CDeferredLog deferred;
     const MutexLock lock(m_hMutexAppend);
-    const CCachedFile file = GetInfoFile(pRuntimeParam, &logArgu, false);
+    const CCachedFile file = GetInfoFile(log, false);
     if (file.IsOpen()) {
-        CPositionedFile output(m_pUtilities, file, m_iInfoFilePos);
-        CreateCheckPoint(pRuntimeParam, output, segment);
+        CPositionedFile output(file, m_iInfoFilePos);
+        CreateCheckPoint(log, output, segment);
     }
 }
 
-void CRedirectedFile::CreateCheckPoint(CRuntimeParam* pRuntimeParam, CPositionedFile& output, const Segment& segment) {
-    LogArgu logArgu{"RedirectedFile.CreateCheckPointSegment"};
+void CRedirectedFile::CreateCheckPoint(const LogContext& log, CPositionedFile& output, const Segment& segment) {
     if (segment.iOffset < 1 || segment.iOffset % m_iInfoFileCheckPointSize != 0) {
         return;
     }
-    const CheckPointSegment checkPoint{output.Tell(pRuntimeParam, &logArgu), segment.iOffset};
+    const CheckPointSegment checkPoint{output.Tell(log), segment.iOffset};
     const MutexLock lock(m_hMutex);
     if (!m_bClosed) {
         m_vInfoFileCheckPoint.Add(checkPoint);
@@ -273,7 +250,7 @@ void CRedirectedFile::CreateCheckPoint(CRuntimeParam* pRuntimeParam, CPositioned
 }
 
 void CRedirectedFile::Close(CRuntimeParam* pRuntimeParam) {
-    LogArgu logArgu{"RedirectedFile.Close"};
+    const LogArgu logArgu{"RedirectedFile.Close"};
     // From here on whoever took a descriptor from the cache sees that it has to be closed there.
     if (m_bClosed.exchange(true)) {
         return;
@@ -287,7 +264,7 @@ void CRedirectedFile::Close(CRuntimeParam* pRuntimeParam) {
         m_vAllCachedSegment.Clear();
         m_vInfoFileCheckPoint.Clear();
     }
-    CloseInfoFile(pRuntimeParam, &logArgu);
+    CloseInfoFile({m_pUtilities, pRuntimeParam, &logArgu});
     // The paths stay in memory for reads that are under way, but no more can be added.
     for (std::int64_t iSource = 0; const std::string* psPath = GetSource(iSource); ++iSource) {
         m_pUtilities->CloseCachedFileHandle(pRuntimeParam, &logArgu, psPath->c_str());

@@ -18,10 +18,10 @@
 #include "SourceList.h"
 #include "ThreadAnnotations.h"
 
+class CDescriptorCache;
 class CInfoFileReader;
 class CPositionedFile;
-class CUtilities;
-struct RedirectedRead;
+struct LogContext;
 
 /// A virtual file of a given size, described by the host as a list of segments; bytes that no segment covers are
 /// zeros. Lookups take the first segment, in the order of adding, that covers the offset.
@@ -38,8 +38,8 @@ struct RedirectedRead;
 /// position mutex, m_hMutex.
 class CRedirectedFile {
 public:
-    /// The utilities are not owned and outlive the object.
-    explicit CRedirectedFile(CUtilities* pUtilities);
+    /// The owner, of which only its log and its descriptor cache are used. It outlives the object.
+    explicit CRedirectedFile(CDescriptorCache* pUtilities);
     virtual ~CRedirectedFile();
     CRedirectedFile(const CRedirectedFile&) = delete;
     CRedirectedFile& operator=(const CRedirectedFile&) = delete;
@@ -58,9 +58,8 @@ public:
     void ReportOpen(CRuntimeParam* pRuntimeParam);
 
     /// Records that the virtual bytes from iOffset on, iLength of them, are those at iFileOffset of the source (null
-    /// or empty for zeros). Clipped at the end of the file. False, with a reason, if the source is a redirected file
-    /// (then nothing is remembered of it), if the offset is not below the size (the source is remembered all the
-    /// same), or if the file is closed.
+    /// or empty for zeros). Clipped at the end of the file. False with a reason if the offset is not below the size
+    /// (the source is remembered all the same); false if the file is closed.
     bool AddSegment(CRuntimeParam* pRuntimeParam, const char* pcSource, long long iFileOffset, long long iOffset,
                     long long iLength, char* pcStatus);
 
@@ -87,6 +86,8 @@ public:
     std::size_t GetCheckPointCount() const;
     std::size_t GetMapMemory() const;
     bool IsClosed() const { return m_bClosed; }
+    /// Was the path given as a source before, in this spelling?
+    bool IsSource(const char* pcPath) const;
 
     /// Remembers the info file's current place as the record of that segment, if the segment begins at a multiple
     /// (other than 0) of the check-point size.
@@ -119,29 +120,27 @@ private:
     static constexpr std::int64_t kMiB = 1048576;
 
     // ---- Building the map (RedirectedFile.cpp)
-    bool IsSourceRedirected(const char* pcSource) const;
-    std::int64_t ReferSource(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcSource);
+    std::int64_t ReferSource(const LogContext& log, const char* pcSource);
     /// A descriptor from the cache; none for an empty path, a failed open, or once the file is closed.
-    CCachedFile GetFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const std::string& sPath,
-                        bool bReadWrite);
-    CCachedFile GetInfoFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, bool bReadWrite);
+    CCachedFile GetFile(const LogContext& log, const std::string& sPath, bool bReadWrite);
+    CCachedFile GetInfoFile(const LogContext& log, bool bReadWrite);
     std::shared_ptr<const std::string> GetRenamedInfoFile() const;
     /// Where the info file is now; empty for none.
     std::string GetInfoFilePath() const;
-    CCachedFile GetWritableInfoFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu);
-    void CloseInfoFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu);
+    CCachedFile GetWritableInfoFile(const LogContext& log);
+    void CloseInfoFile(const LogContext& log);
     void CloseTakenOver(CRuntimeParam* pRuntimeParam) REQUIRES(m_hMutexAppend);
     void AppendToList(const Segment& segment);
-    void AppendToInfoFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const CCachedFile& file,
-                          Segment segment) REQUIRES(m_hMutexAppend);
+    void AppendToInfoFile(const LogContext& log, const CCachedFile& file, Segment segment) REQUIRES(m_hMutexAppend);
     /// Writes the segment's first iLength bytes as a record and takes them off it. False if it is no use to go on.
-    bool WriteRecord(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, CPositionedFile& output, Segment& segment,
-                     std::int64_t iLength) REQUIRES(m_hMutexAppend);
-    void CreateCheckPoint(CRuntimeParam* pRuntimeParam, CPositionedFile& output, const Segment& segment);
+    bool WriteRecord(const LogContext& log, CPositionedFile& output, Segment& segment, std::int64_t iLength)
+        REQUIRES(m_hMutexAppend);
+    void CreateCheckPoint(const LogContext& log, CPositionedFile& output, const Segment& segment);
     /// The path of a source, or null; holds as long as the object.
     const std::string* GetSource(std::int64_t iSource) const;
 
     // ---- Lookup and reading (RedirectedFileRead.cpp)
+    class Reading;
     void FindInList(std::int64_t iOffset, ProcSegment* pProcSegment) const;
     void FindNextInList(ProcSegment* pProcSegment) const;
     void FindInInfoFile(CRuntimeParam* pRuntimeParam, CInfoFileReader& reader, std::int64_t iOffset,
@@ -150,30 +149,21 @@ private:
     std::int64_t EstimateRecord(std::int64_t iOffset) const;
     int ReadFrom(CRuntimeParam* pRuntimeParam, unsigned long long iOffset, void* pvBuffer, unsigned int iLen,
                  bool* pbEof, std::int64_t* piLastPos);
-    int ReadInner(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, unsigned long long iOffset, void* pvBuffer,
-                  unsigned int iLen, std::int64_t iLastPos);
-    void ReadSegments(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, RedirectedRead& read,
-                      std::int64_t iLastPos);
-    void FillTail(RedirectedRead& read) const;
-    void SkipHole(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, RedirectedRead& read) const;
-    void MoveOn(CRuntimeParam* pRuntimeParam, RedirectedRead& read);
-    bool ReadSource(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, RedirectedRead& read, const Segment& segment,
-                    unsigned int iCount);
+    int ReadInner(const LogContext& log, unsigned long long iOffset, void* pvBuffer, unsigned int iLen,
+                  std::int64_t iLastPos);
 
     // ---- Copies for the host (RedirectedFileExport.cpp)
     bool IsOwnFile(int iFile) const;
-    void WriteContent(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, CPositionedFile& output);
-    void WriteCheckPoints(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, CPositionedFile& output) const;
-    void WriteSegments(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, CPositionedFile& output,
-                       bool bMergeRange);
-    void WriteSegment(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, CPositionedFile& output,
-                      const Segment& segment, bool bMerged) const;
+    void WriteContent(const LogContext& log, CPositionedFile& output);
+    void WriteCheckPoints(const LogContext& log, CPositionedFile& output) const;
+    void WriteSegments(const LogContext& log, CPositionedFile& output, bool bMergeRange);
+    void WriteSegment(const LogContext& log, CPositionedFile& output, const Segment& segment, bool bMerged) const;
 
     /// Adding a segment gives up after so many failed record writes in a row: the disk is full, and a segment of
     /// exabytes would fail for days.
     static constexpr int kMaxFailedWrites = 1024;
 
-    CUtilities* m_pUtilities;
+    CDescriptorCache* m_pUtilities;  ///< the owner
 
     // Set by Open, before the object is shared.
     std::int64_t m_iSize = 0;

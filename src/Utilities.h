@@ -308,6 +308,7 @@ private:
                            unsigned long long iSeek, void* pvBuffer, unsigned int iLen, bool* pbEof);
     std::shared_ptr<CRedirectedFile> TakeRedirectedFile(const char* pcPath);
     std::string GetCanonicalKey(const char* pcPath);
+    bool IsSourceRedirected(const CRedirectedFile& file, const char* pcSource);
 
     // Steps of a rename.
     bool RenameOnDisk(const LogContext& log, const char* pcPathFrom, const char* pcPathTo);

@@ -100,13 +100,24 @@ bool CUtilities::AddRedirectedFileSegment(CRuntimeParam* pRuntimeParam, const ch
                                           long long iSrcFileOffset, long long iOffset, long long iLength,
                                           char* pcStatus) {
     const auto pFile = GetRedirectedFile(pcPath);
-    if (pFile && pFile->AddSegment(pRuntimeParam, pcSourcePath, iSrcFileOffset, iOffset, iLength, pcStatus)) {
+    if (pFile && IsSourceRedirected(*pFile, pcSourcePath)) {
+        WriteReason(pcStatus, "Source \"%s\" is a redirected file", pcSourcePath);
+    } else if (pFile && pFile->AddSegment(pRuntimeParam, pcSourcePath, iSrcFileOffset, iOffset, iLength, pcStatus)) {
         return true;
     }
     if (!pFile || pFile->IsClosed()) {
         WriteReason(pcStatus, "Redirected file \"%s\" is not open", OrEmpty(pcPath));
     }
     return false;
+}
+
+/// Its bytes on disk are not what clients read there. A source that is known was compared in every spelling when it was
+/// first named.
+bool CUtilities::IsSourceRedirected(const CRedirectedFile& file, const char* pcSource) {
+    if (pcSource == nullptr || *pcSource == '\0') {
+        return false;
+    }
+    return GetRedirectedFile(pcSource) != nullptr || (!file.IsSource(pcSource) && IsRedirectedFile(pcSource));
 }
 
 void CUtilities::ExportRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath, const char* pcExportPath) {

@@ -125,21 +125,23 @@ TEST_F(UtilitiesRedirectedTest, RedirectedFileOpenedUnderALinkIsRefusedAsASource
     WriteWholeFile(sLayer, "records");
     ASSERT_EQ(::symlink(m_Folder.Path().c_str(), (m_Folder / "link").c_str()), 0);
     Open(m_Folder / "link/layer1");
-    const auto pFile = Open("/e/disk");
-    EXPECT_FALSE(pFile->AddSegment(&m_Param, sLayer.c_str(), 0, 0, 10, m_vcReason));
+    Open("/e/disk");
+    EXPECT_FALSE(m_Utilities.AddRedirectedFileSegment(&m_Param, "/e/disk", sLayer.c_str(), 0, 0, 10, m_vcReason));
     m_Utilities.RenameRedirectedFile(&m_Param, (m_Folder / "link/layer1").c_str(), (m_Folder / "link/other").c_str());
-    EXPECT_TRUE(pFile->AddSegment(&m_Param, sLayer.c_str(), 0, 0, 10, m_vcReason)) << "renamed away";
+    EXPECT_TRUE(m_Utilities.AddRedirectedFileSegment(&m_Param, "/e/disk", sLayer.c_str(), 0, 0, 10, m_vcReason))
+        << "renamed away";
 }
 
 TEST_F(UtilitiesRedirectedTest, SourceIsTakenAgainOnceItIsClosed) {
     const std::string sLayer = m_Folder / "layer1";
     WriteWholeFile(sLayer, "0123456789");
-    const auto pFile = Open("/e/disk");
-    EXPECT_TRUE(pFile->AddSegment(&m_Param, sLayer.c_str(), 0, 0, 10, m_vcReason));
+    Open("/e/disk");
+    EXPECT_TRUE(m_Utilities.AddRedirectedFileSegment(&m_Param, "/e/disk", sLayer.c_str(), 0, 0, 10, m_vcReason));
     Open(sLayer);
-    EXPECT_FALSE(pFile->AddSegment(&m_Param, sLayer.c_str(), 0, 10, 10, m_vcReason)) << "a known source, too";
+    EXPECT_FALSE(m_Utilities.AddRedirectedFileSegment(&m_Param, "/e/disk", sLayer.c_str(), 0, 10, 10, m_vcReason))
+        << "a known source, too";
     m_Utilities.CloseRedirectedFile(&m_Param, sLayer.c_str());
-    EXPECT_TRUE(pFile->AddSegment(&m_Param, sLayer.c_str(), 0, 10, 10, m_vcReason));
+    EXPECT_TRUE(m_Utilities.AddRedirectedFileSegment(&m_Param, "/e/disk", sLayer.c_str(), 0, 10, 10, m_vcReason));
 }
 
 TEST_F(UtilitiesRedirectedTest, InfoFileIsTheFileUnderThePathItself) {
