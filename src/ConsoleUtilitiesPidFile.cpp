@@ -73,7 +73,8 @@ private:
     bool IsStillNamed(int iFile) const;
     bool ReadText(int iFile, std::string& sText);
     bool IsHeldByLivingProcess(const std::string& sText);
-    bool Fail(const char* pcReason);
+    /// Takes the lock and the text. The lock outlives the file's own descriptor, which is closed again.
+    Verdict LockAndRead(CDescriptor& lock, std::string& sText);
 
     const char* m_pcPath;
     COsFiles m_OsFiles;
@@ -95,11 +96,6 @@ bool PidFile::IsStillNamed(int iFile) const {
     struct stat named {};
     return ::fstat(iFile, &opened) == 0 && ::stat(m_pcPath, &named) == 0 && opened.st_dev == named.st_dev &&
            opened.st_ino == named.st_ino;
-}
-
-bool PidFile::Fail(const char* pcReason) {
-    WriteReason(m_pcStatus, "%s", pcReason);
-    return false;
 }
 
 /// Judges the text of a pid file; one that is no positive number names no process.
@@ -132,28 +128,30 @@ bool PidFile::ReadText(int iFile, std::string& sText) {
     return true;
 }
 
+Verdict PidFile::LockAndRead(CDescriptor& lock, std::string& sText) {
+    const Descriptor file(*this, m_OsFiles.OS_FileOpen(&m_Param, &m_Tag, m_pcPath, O_RDONLY, false, m_pcStatus));
+    if (file.Get() < 0) {
+        return Exists() ? Verdict::kTaken : Verdict::kAgain;
+    }
+    lock = CDescriptor(::fcntl(file.Get(), F_DUPFD_CLOEXEC, 0));
+    if (!lock.IsOpen()) {
+        COsFiles::GetLastErrorText(m_pcStatus, errno);
+        return Verdict::kTaken;
+    }
+    Lock(file.Get());
+    return ReadText(file.Get(), sText) ? Verdict::kFree : Verdict::kTaken;
+}
+
 Verdict PidFile::Free() {
     struct stat named {};
     if (::stat(m_pcPath, &named) == 0 && !S_ISREG(named.st_mode)) {
-        Fail("Not a regular file");  // neither wait on a pipe nor remove a device
+        WriteReason(m_pcStatus, "Not a regular file");  // neither wait on a pipe nor remove a device
         return Verdict::kTaken;
     }
-    CDescriptor lock;  // holds the lock until the file is removed; the file itself is closed before
+    CDescriptor lock;
     std::string sText;
-    {
-        const Descriptor file(*this, m_OsFiles.OS_FileOpen(&m_Param, &m_Tag, m_pcPath, O_RDONLY, false, m_pcStatus));
-        if (file.Get() < 0) {
-            return Exists() ? Verdict::kTaken : Verdict::kAgain;
-        }
-        lock = CDescriptor(::fcntl(file.Get(), F_DUPFD_CLOEXEC, 0));
-        if (!lock.IsOpen()) {
-            COsFiles::GetLastErrorText(m_pcStatus, errno);
-            return Verdict::kTaken;
-        }
-        Lock(file.Get());
-        if (!ReadText(file.Get(), sText)) {
-            return Verdict::kTaken;
-        }
+    if (const Verdict read = LockAndRead(lock, sText); read != Verdict::kFree) {
+        return read;
     }
     if (IsHeldByLivingProcess(sText)) {
         return Verdict::kTaken;
