@@ -21,7 +21,7 @@ constexpr int kLogControl = 1;
 class IpcServerRequestTest : public testing::Test {
 protected:
     std::string Serve(const RawRecord& record) {
-        m_Controller.ClearCalls();
+        m_Record.Clear();
         IpcDataInst inst{};
         record.Bytes().copy(inst.request.cBuf, sizeof(inst.request.cBuf));
         inst.request.lDataLen = static_cast<std::int64_t>(record.Bytes().size());
@@ -34,32 +34,32 @@ protected:
     void Expect(const RawRecord& record, const std::string& sCall, const std::string& sReply) {
         SCOPED_TRACE(sCall);
         EXPECT_EQ(Difference(sReply, Serve(record)), "");
-        EXPECT_EQ(m_Controller.Calls(), Lines{sCall});
+        EXPECT_EQ(m_Record.Calls(), Lines{sCall});
     }
 
     /// The same for one whose reply is true whatever the operation says.
     void ExpectAlwaysTrue(const RawRecord& record, const std::string& sCall) {
         for (const bool bAnswer : {true, false}) {
-            m_Controller.m_bAnswer = bAnswer;
+            m_Record.m_bAnswer = bAnswer;
             Expect(record, sCall, RawBoolReply(true));
         }
     }
 
     /// The same for one that answers a reason when it fails.
     void ExpectWithReason(const RawRecord& record, const std::string& sCall) {
-        m_Controller.m_bAnswer = true;
+        m_Record.m_bAnswer = true;
         Expect(record, sCall, RawBoolReply(true));
-        m_Controller.m_bAnswer = false;
+        m_Record.m_bAnswer = false;
         Expect(record, sCall, RawTextReply(4, "just because"));
-        m_Controller.m_sReason.clear();
+        m_Record.m_sReason.clear();
         Expect(record, sCall, RawTextReply(4, ""));
-        m_Controller.m_sReason = "just because";
+        m_Record.m_sReason = "just because";
     }
 
     /// The same for one that answers a bool.
     void ExpectBool(const RawRecord& record, const std::string& sCall) {
         for (const bool bAnswer : {true, false}) {
-            m_Controller.m_bAnswer = bAnswer;
+            m_Record.m_bAnswer = bAnswer;
             Expect(record, sCall, RawBoolReply(bAnswer));
         }
     }
@@ -67,13 +67,14 @@ protected:
     /// The same for one that answers a number.
     void ExpectInt(const RawRecord& record, const std::string& sCall) {
         for (const int iAnswer : {0, -1, 4711}) {
-            m_Controller.m_iAnswer = iAnswer;
+            m_Record.m_iAnswer = iAnswer;
             Expect(record, sCall, RawIntReply(iAnswer));
         }
     }
 
     LogCapture m_Log;
-    RecordingNfsMain m_Controller{"srv", kLogControl, &m_Log};
+    ControllerRecord m_Record;
+    RecordingNfsMain m_Controller{"srv", kLogControl, &m_Record, &m_Log};
     CIpcServer m_Server{&m_Controller};
 };
 
@@ -88,35 +89,35 @@ TEST_F(IpcServerRequestTest, IsServerRunning) {
 
 TEST_F(IpcServerRequestTest, StartServer) {
     ExpectWithReason(RawRequest(4, 36).I32(16, 1058).I32(20, -2049).I32(24, -1).I32(28, 65534).Byte(32, 1),
-                     "StartServer(1058, -2049, 4294967295, 65534, 1)");
+                     "StartServer(1058, -2049, 4294967295, 65534, true)");
 }
 
 TEST_F(IpcServerRequestTest, AddMountPointCarriesTheRequestersID) {
     ExpectWithReason(RawRequest(5, 1552).Text(16, "/folder").Text(1040, "name").Text(1296, "client"),
-                     "AddMountPoint(/folder, name, client)");
+                     R"(AddMountPoint("/folder", "name", "client"))");
 }
 
 TEST_F(IpcServerRequestTest, RemoveMountPoint) {
-    ExpectAlwaysTrue(RawRequest(6, 1040).Text(16, "/folder"), "RemoveMountPoint(/folder)");
+    ExpectAlwaysTrue(RawRequest(6, 1040).Text(16, "/folder"), R"(RemoveMountPoint("/folder"))");
 }
 
 TEST_F(IpcServerRequestTest, Sessions) {
-    ExpectAlwaysTrue(RawRequest(7, 1296).Text(16, "s1").Text(272, "/folder"), "AddSessionInfo(s1, /folder)");
-    ExpectAlwaysTrue(RawRequest(8, 272).Text(16, "s1"), "RemoveSessionInfo(s1)");
-    ExpectBool(RawRequest(9, 272).Text(16, "s1"), "IsSessionExists(s1)");
+    ExpectAlwaysTrue(RawRequest(7, 1296).Text(16, "s1").Text(272, "/folder"), R"(AddSessionInfo("s1", "/folder"))");
+    ExpectAlwaysTrue(RawRequest(8, 272).Text(16, "s1"), R"(RemoveSessionInfo("s1"))");
+    ExpectBool(RawRequest(9, 272).Text(16, "s1"), R"(IsSessionExists("s1"))");
 }
 
 TEST_F(IpcServerRequestTest, OpenRedirectedFile) {
     ExpectAlwaysTrue(
         RawRequest(10, 1064).Text(16, "/f").U64(1040, 0x7fffffffffffffffU).Byte(1048, 1).I32(1052, 12).I32(1056, -3),
-        "OpenRedirectedFile(/f, 9223372036854775807, 1, 12, -3)");
+        R"(OpenRedirectedFile("/f", 9223372036854775807, true, 12, -3))");
 }
 
 TEST_F(IpcServerRequestTest, OperationsOnAPath) {
-    ExpectAlwaysTrue(RawRequest(11, 1040).Text(16, "/f"), "CloseRedirectedFile(/f)");
-    ExpectAlwaysTrue(RawRequest(12, 1040).Text(16, "/d"), "CloseAllRedirectedFiles(/d)");
-    ExpectAlwaysTrue(RawRequest(16, 1040).Text(16, "/f"), "CloseCachedFileHandle(/f)");
-    ExpectAlwaysTrue(RawRequest(17, 1040).Text(16, "/d"), "CloseAllCachedFileHandles(/d)");
+    ExpectAlwaysTrue(RawRequest(11, 1040).Text(16, "/f"), R"(CloseRedirectedFile("/f"))");
+    ExpectAlwaysTrue(RawRequest(12, 1040).Text(16, "/d"), R"(CloseAllRedirectedFiles("/d"))");
+    ExpectAlwaysTrue(RawRequest(16, 1040).Text(16, "/f"), R"(CloseCachedFileHandle("/f"))");
+    ExpectAlwaysTrue(RawRequest(17, 1040).Text(16, "/d"), R"(CloseAllCachedFileHandles("/d"))");
 }
 
 TEST_F(IpcServerRequestTest, AddRedirectedFileSegment) {
@@ -126,13 +127,13 @@ TEST_F(IpcServerRequestTest, AddRedirectedFileSegment) {
                          .U64(2064, 1)
                          .U64(2072, static_cast<std::uint64_t>(-2))
                          .U64(2080, 1ULL << 40),
-                     "AddRedirectedFileSegment(/f, /src, 1, -2, 1099511627776)");
+                     R"(AddRedirectedFileSegment("/f", "/src", 1, -2, 1099511627776))");
 }
 
 TEST_F(IpcServerRequestTest, ExportsOfRedirectedFiles) {
-    ExpectAlwaysTrue(RawRequest(14, 2064).Text(16, "/f").Text(1040, "/out"), "ExportRedirectedFile(/f, /out)");
+    ExpectAlwaysTrue(RawRequest(14, 2064).Text(16, "/f").Text(1040, "/out"), R"(ExportRedirectedFile("/f", "/out"))");
     ExpectAlwaysTrue(RawRequest(15, 2068).Text(16, "/f").Text(1040, "/out").Byte(2064, 1),
-                     "ExportRedirectedFileInfo(/f, /out, 1)");
+                     R"(ExportRedirectedFileInfo("/f", "/out", true))");
 }
 
 TEST_F(IpcServerRequestTest, SetLogControl) {
@@ -140,17 +141,17 @@ TEST_F(IpcServerRequestTest, SetLogControl) {
 }
 
 TEST_F(IpcServerRequestTest, ListingsRunForTheRequester) {
-    ExpectInt(RawRequest(19, 276).Text(16, "client").Byte(272, 1), "GetMountInfo(srv/client/1, 1, 0)");
-    ExpectInt(RawRequest(19, 276).Text(16, "client").Byte(273, 1), "GetMountInfo(srv/client/1, 0, 1)");
-    ExpectInt(RawRequest(20, 276).Text(16, "client").Byte(272, 1), "GetSessionInfo(srv/client/1, 1)");
-    ExpectInt(RawRequest(25, 276).Text(16, "client").Byte(272, 1), "GetVSphereInfo(srv/client/1, 1)");
-    ExpectInt(RawRequest(30, 276).Text(16, "client").Byte(272, 1), "GetNetDeviceCredential(srv/client/1, 1)");
-    ExpectInt(RawRequest(20, 276), "GetSessionInfo(srv//1, 0)");
+    ExpectInt(RawRequest(19, 276).Text(16, "client").Byte(272, 1), "GetMountInfo(srv/client/1, true, false)");
+    ExpectInt(RawRequest(19, 276).Text(16, "client").Byte(273, 1), "GetMountInfo(srv/client/1, false, true)");
+    ExpectInt(RawRequest(20, 276).Text(16, "client").Byte(272, 1), "GetSessionInfo(srv/client/1, true)");
+    ExpectInt(RawRequest(25, 276).Text(16, "client").Byte(272, 1), "GetVSphereInfo(srv/client/1, true)");
+    ExpectInt(RawRequest(30, 276).Text(16, "client").Byte(272, 1), "GetNetDeviceCredential(srv/client/1, true)");
+    ExpectInt(RawRequest(20, 276), "GetSessionInfo(srv//1, false)");
 }
 
 TEST_F(IpcServerRequestTest, RunTestMode) {
     ExpectAlwaysTrue(RawRequest(21, 3352).Text(16, "client").Text(272, "/dir").U64(3344, 5000000000U),
-                     "RunTestMode(srv/client/1, /dir, 5000000000)");
+                     R"(RunTestMode(srv/client/1, "/dir", 5000000000))");
 }
 
 TEST_F(IpcServerRequestTest, GetServerStatus) {
@@ -158,47 +159,47 @@ TEST_F(IpcServerRequestTest, GetServerStatus) {
 }
 
 TEST_F(IpcServerRequestTest, SetDebugActionEnabled) {
-    ExpectAlwaysTrue(RawRequest(24, 20).Byte(16, 1), "SetDebugActionEnabled(1)");
-    ExpectAlwaysTrue(RawRequest(24, 20).Byte(16, 0), "SetDebugActionEnabled(0)");
+    ExpectAlwaysTrue(RawRequest(24, 20).Byte(16, 1), "SetDebugActionEnabled(true)");
+    ExpectAlwaysTrue(RawRequest(24, 20).Byte(16, 0), "SetDebugActionEnabled(false)");
 }
 
 TEST_F(IpcServerRequestTest, Datastores) {
     ExpectAlwaysTrue(
         RawRequest(26, 1296).Text(16, "moid").Text(272, "host").Text(528, "443").Text(784, "user").Text(1040, "pwd"),
-        "AddVSphereInfo(moid, host, 443, user, pwd)");
-    ExpectAlwaysTrue(RawRequest(27, 272).Text(16, "moid"), "RemoveVSphereInfo(moid)");
+        R"(AddVSphereInfo("moid", "host", "443", "user", "pwd"))");
+    ExpectAlwaysTrue(RawRequest(27, 272).Text(16, "moid"), R"(RemoveVSphereInfo("moid"))");
 }
 
 TEST_F(IpcServerRequestTest, RunQuickTestMode) {
     ExpectWithReason(RawRequest(28, 1300).Text(16, "client").Text(272, "/p").I32(1296, 2),
-                     "RunQuickTestMode(srv/client/1, /p, 2)");
+                     R"(RunQuickTestMode(srv/client/1, "/p", 2))");
 }
 
 TEST_F(IpcServerRequestTest, ExecuteSystemCmdAlwaysLogsGeneralInformation) {
     ExpectInt(RawRequest(29, 1300).Text(16, "client").Text(272, "echo hi").Byte(1296, 1),
-              "ExecuteSystemCmd(srv/client/3, echo hi, 1)");
+              R"(ExecuteSystemCmd(srv/client/3, "echo hi", true))");
 }
 
 TEST_F(IpcServerRequestTest, NetworkDeviceCredentials) {
     ExpectBool(RawRequest(31, 1552).Text(16, "//dev").Text(1040, "user").Text(1295, "pwd"),
-               "AddNetDeviceCredential(//dev, user, pwd)");
-    ExpectBool(RawRequest(32, 1040).Text(16, "//dev"), "RemoveNetDeviceCredential(//dev)");
+               R"(AddNetDeviceCredential("//dev", "user", "pwd"))");
+    ExpectBool(RawRequest(32, 1040).Text(16, "//dev"), R"(RemoveNetDeviceCredential("//dev"))");
 }
 
 TEST_F(IpcServerRequestTest, AnyByteButZeroIsTrue) {
     for (const int iByte : {1, 2, 0x80, 0xff}) {
         const auto cByte = static_cast<unsigned char>(iByte);
-        ExpectAlwaysTrue(RawRequest(24, 20).Byte(16, cByte), "SetDebugActionEnabled(1)");
-        ExpectAlwaysTrue(RawRequest(15, 2068).Byte(2064, cByte), "ExportRedirectedFileInfo(, , 1)");
-        m_Controller.m_bAnswer = true;
-        Expect(RawRequest(4, 36).Byte(32, cByte).Byte(33, 0xff), "StartServer(0, 0, 0, 0, 1)", RawBoolReply(true));
+        ExpectAlwaysTrue(RawRequest(24, 20).Byte(16, cByte), "SetDebugActionEnabled(true)");
+        ExpectAlwaysTrue(RawRequest(15, 2068).Byte(2064, cByte), R"(ExportRedirectedFileInfo("", "", true))");
+        m_Record.m_bAnswer = true;
+        Expect(RawRequest(4, 36).Byte(32, cByte).Byte(33, 0xff), "StartServer(0, 0, 0, 0, true)", RawBoolReply(true));
     }
-    ExpectAlwaysTrue(RawRequest(24, 20).Byte(17, 0xff), "SetDebugActionEnabled(0)");
+    ExpectAlwaysTrue(RawRequest(24, 20).Byte(17, 0xff), "SetDebugActionEnabled(false)");
 }
 
 TEST_F(IpcServerRequestTest, AReasonAsLongAsItsBufferComesWhole) {
-    m_Controller.m_bAnswer = false;
-    m_Controller.m_sReason = std::string(2047, 'r');
+    m_Record.m_bAnswer = false;
+    m_Record.m_sReason = std::string(2047, 'r');
     EXPECT_EQ(Difference(RawTextReply(4, std::string(2047, 'r')), Serve(RawRequest(4, 36))), "");
 }
 

@@ -61,7 +61,8 @@ protected:
 
     LeakGuard m_Leaks;
     LogCapture m_Log;
-    RecordingNfsMain m_Controller{"me", CRuntimeParam::kLogError, &m_Log};
+    ControllerRecord m_Record;
+    RecordingNfsMain m_Controller{"me", CRuntimeParam::kLogError, &m_Record, &m_Log};
     char m_vcReason[kReasonBufferSize] = "";
 };
 
@@ -178,7 +179,7 @@ TEST_F(IpcServerTest, ClosingWakesAReadThatWaitsForAMessage) {
     server.Close();
     reader.join();
     EXPECT_LT(steady_clock::now() - start, CIpcServer::kSilenceTimeout / 2) << "it did not sit the silence out";
-    EXPECT_TRUE(m_Controller.Calls().empty());
+    EXPECT_TRUE(m_Record.Calls().empty());
 }
 
 TEST_F(IpcServerTest, AClosedServerTakesNoMoreConnections) {
@@ -295,14 +296,14 @@ TEST_F(IpcServerTest, ARecordInPiecesArrivesWhole) {
     }
     EXPECT_EQ(connection.ReceiveAll(), RawBoolReply(true));
     reader.join();
-    EXPECT_EQ(m_Controller.Calls(), Lines{"ExportRedirectedFile(/from, /to)"});
+    EXPECT_EQ(m_Record.Calls(), Lines{R"(ExportRedirectedFile("/from", "/to"))"});
 }
 
 TEST_F(IpcServerTest, AShortRecordThatEndsIsServedWithZerosForWhatIsMissing) {
     CIpcServer server(&m_Controller);
     ASSERT_TRUE(server.Open(kChannel, m_vcReason)) << m_vcReason;
     EXPECT_EQ(ServeOne(server, RawRequest(4, 36).I32(16, 7).I32(20, 8).Bytes().substr(0, 22)), RawBoolReply(true));
-    EXPECT_EQ(m_Controller.Calls(), Lines{"StartServer(7, 8, 0, 0, 0)"});
+    EXPECT_EQ(m_Record.Calls(), Lines{"StartServer(7, 8, 0, 0, false)"});
 }
 
 TEST_F(IpcServerTest, AShortRecordWhoseSenderWaitsIsServedAfterAPause) {
@@ -311,13 +312,13 @@ TEST_F(IpcServerTest, AShortRecordWhoseSenderWaitsIsServedAfterAPause) {
     const auto start = steady_clock::now();
     EXPECT_EQ(ServeOne(server, RawRequest(18, 20).I32(16, 99).Bytes().substr(0, 18), false), RawBoolReply(true));
     EXPECT_LT(steady_clock::now() - start, CIpcServer::kSilenceTimeout);
-    EXPECT_EQ(m_Controller.Calls(), Lines{"SetLogControl(99)"});
+    EXPECT_EQ(m_Record.Calls(), Lines{"SetLogControl(99)"});
 }
 
 TEST_F(IpcServerTest, EveryLengthOfEveryRecordIsServed) {
     CIpcServer server(&m_Controller);
     ASSERT_TRUE(server.Open(kChannel, m_vcReason)) << m_vcReason;
-    m_Controller.m_bAnswer = false;
+    m_Record.m_bAnswer = false;
     testing::internal::CaptureStdout();  // log callbacks end up there
     for (const int iGroup : {0, 1, 2, 3, 4}) {
         for (const int iType : {0, 1, 5, 13, 19, 21, 28, 31, 32, 33}) {
@@ -342,8 +343,8 @@ TEST_F(IpcServerTest, UnterminatedTextsEndWithTheirField) {
                          .Text(1040, std::string(255, 'b'))
                          .Text(1295, std::string(255, 'c'))
                          .Bytes());
-    EXPECT_EQ(m_Controller.Calls(), Lines{"AddNetDeviceCredential(" + std::string(1024, 'a') + ", " +
-                                          std::string(255, 'b') + ", " + std::string(255, 'c') + ")"});
+    EXPECT_EQ(m_Record.Calls(), Lines{"AddNetDeviceCredential(\"" + std::string(1024, 'a') + "\", \"" +
+                                      std::string(255, 'b') + "\", \"" + std::string(255, 'c') + "\")"});
 }
 
 TEST_F(IpcServerTest, ATooLongRecordIsCutAndItsSenderStillGetsTheReply) {
@@ -351,7 +352,7 @@ TEST_F(IpcServerTest, ATooLongRecordIsCutAndItsSenderStillGetsTheReply) {
     ASSERT_TRUE(server.Open(kChannel, m_vcReason)) << m_vcReason;
     const std::string sRecord = RawRequest(6, 60000).Text(16, "/path").Bytes();
     EXPECT_EQ(Difference(RawBoolReply(true), ServeOne(server, sRecord, false)), "");
-    EXPECT_EQ(m_Controller.Calls(), Lines{"RemoveMountPoint(/path)"});
+    EXPECT_EQ(m_Record.Calls(), Lines{R"(RemoveMountPoint("/path"))"});
 }
 
 TEST_F(IpcServerTest, TheLengthLoggedIsWhatWasRead) {
@@ -371,7 +372,7 @@ TEST_F(IpcServerTest, AConnectionThatEndsWithoutAMessageDispatchesNothing) {
     ASSERT_TRUE(server.Open(kChannel, m_vcReason)) << m_vcReason;
     ServeOne(server, RawRequest(6, 1040).Text(16, "/once").Bytes());
     EXPECT_EQ(ServeOne(server, ""), "");
-    EXPECT_EQ(m_Controller.Calls(), Lines{"RemoveMountPoint(/once)"}) << "the message before is not served again";
+    EXPECT_EQ(m_Record.Calls(), Lines{R"(RemoveMountPoint("/once"))"}) << "the message before is not served again";
     EXPECT_TRUE(m_Log.Lines().empty()) << m_Log.Dump();
 }
 
@@ -379,9 +380,9 @@ TEST_F(IpcServerTest, NothingOfAnEarlierMessageRemains) {
     CIpcServer server(&m_Controller);
     ASSERT_TRUE(server.Open(kChannel, m_vcReason)) << m_vcReason;
     ServeOne(server, RawRequest(7, 1296).Text(16, "session").Text(272, "/secret").Bytes());
-    m_Controller.ClearCalls();
+    m_Record.Clear();
     ServeOne(server, RawRequest(7, 1296).Text(16, "s2").Bytes().substr(0, 18));
-    EXPECT_EQ(m_Controller.Calls(), Lines{"AddSessionInfo(s2, )"});
+    EXPECT_EQ(m_Record.Calls(), Lines{R"(AddSessionInfo("s2", ""))"});
 }
 
 TEST_F(IpcServerTest, ASilentConnectionIsDroppedAfterFiveSeconds) {
@@ -407,7 +408,7 @@ TEST_F(IpcServerTest, AClientThatVanishesBeforeItsReplyIsAFailureAndNoMore) {
     }
     EXPECT_FALSE(server.ReadRequest());
     EXPECT_EQ(m_Log.Texts('e'), Lines{"[IpcServer.SendRequest] Fail to send ipc reply. Broken pipe (32)"});
-    EXPECT_EQ(m_Controller.Calls(), Lines{"IsServerRunning()"}) << "the request was carried out";
+    EXPECT_EQ(m_Record.Calls(), Lines{"IsServerRunning()"}) << "the request was carried out";
     EXPECT_EQ(ServeOne(server, RawRequest(3, 16).Bytes()), RawBoolReply(true)) << "the server goes on";
 }
 
@@ -430,7 +431,7 @@ TEST_F(IpcServerTest, UnknownTypesAndGroupsAreAnsweredWithAnException) {
     expect(1, 3, "Reply action group is not support (3)");
     expect(0, 3, "Unknown action group: 0 (3)");
     expect(-5, -6, "Unknown action group: -5 (-6)");
-    EXPECT_TRUE(m_Controller.Calls().empty());
+    EXPECT_TRUE(m_Record.Calls().empty());
 }
 
 TEST_F(IpcServerTest, TheVersionOfARequestIsNotCompared) {
@@ -450,7 +451,7 @@ TEST_F(IpcServerTest, AutoShutdownIsRefusedUnlessItsOwnerEnabledIt) {
     EXPECT_EQ(connection.ReceiveAll(), RawBoolReply(false));
     EXPECT_FALSE(server.IsAutoShutdownRequested());
     EXPECT_FALSE(m_Controller.IsAutoShutdownRequested());
-    EXPECT_TRUE(m_Controller.Calls().empty());
+    EXPECT_TRUE(m_Record.Calls().empty());
 }
 
 TEST_F(IpcServerTest, AfterAnAcceptedAutoShutdownNothingMoreIsServed) {
@@ -463,7 +464,8 @@ TEST_F(IpcServerTest, AfterAnAcceptedAutoShutdownNothingMoreIsServed) {
     EXPECT_TRUE(server.ReadRequest());
     EXPECT_EQ(connection.ReceiveAll(), RawBoolReply(true));
     EXPECT_TRUE(m_Controller.IsAutoShutdownRequested());
-    EXPECT_EQ(m_Controller.Calls(), Lines{"RequestAutoShutdown()"}) << "the controller is told once";
+    EXPECT_EQ(m_Record.Calls(), (Lines{"EnableAutoShutdown(true)", "RequestAutoShutdown()"}))
+        << "the controller is told once";
 
     m_Log.Clear();
     IpcConnection late(kChannel);
@@ -583,7 +585,7 @@ TEST_F(IpcServerThreadTest, AHundredClientsAtOnceAreAllServed) {
         client.join();
     }
     EXPECT_EQ(vsReplies, Lines(kClients, RawBoolReply(true)));
-    EXPECT_EQ(m_Controller.Calls().size(), static_cast<std::size_t>(kClients));
+    EXPECT_EQ(m_Record.Calls().size(), static_cast<std::size_t>(kClients));
 }
 
 TEST_F(IpcServerThreadTest, GoesOnAfterClientsThatVanish) {

@@ -3,11 +3,10 @@
 
 #include <chrono>
 #include <cstdint>
-#include <cstdio>
 #include <functional>
 #include <memory>
-#include <stdexcept>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -17,257 +16,111 @@
 #include "FakeJvm.h"
 #include "HostController.h"
 #include "NfsMain.h"
+#include "RecordingNfsMain.h"
 
 namespace {
 
-constexpr const char* kReason = "the controller's reason";
 constexpr jint kAnswer = 42;  // of the operations that answer a number
-
-std::string Quoted(const char* pcText) {
-    return pcText != nullptr ? std::string("\"").append(pcText).append("\"") : "null";
-}
-
-std::string Flag(bool bValue) {
-    return bValue ? "true" : "false";
-}
-
-/// "Name(argument, ...)".
-std::string CallText(const std::string& sName, const std::vector<std::string>& vsArguments) {
-    std::string sCall = sName + "(";
-    for (const std::string& sArgument : vsArguments) {
-        sCall += (sCall.back() == '(' ? "" : ", ") + sArgument;
-    }
-    return sCall + ")";
-}
-
-/// What reached the controller; outlives it.
-struct Record {
-    std::vector<std::string> vsCalls;
-    std::vector<std::shared_ptr<CCallback>> vpCallbacks;  ///< the one installed during each call
-    bool bAnswer = true;                                  ///< of the operations that answer true or false
-    bool bThrow = false;                                  ///< every operation fails as none should
-};
-
-/// A controller that does nothing but keep what it is asked.
-class RecordingMain : public CNfsMain {
-public:
-    explicit RecordingMain(Record& record) : CNfsMain("host", 0), m_Record(record) {}
-    ~RecordingMain() override { m_Record.vsCalls.emplace_back("deleted"); }
-
-    bool Initial(char* pcStatus) override { return Fail("Initial", {}, pcStatus); }
-    void Terminate() override { Keep("Terminate", {}); }
-    bool StartRemoteController(char* pcStatus) override { return Fail("StartRemoteController", {}, pcStatus); }
-    void StopRemoteController() override { Keep("StopRemoteController", {}); }
-    bool StartServer(int iMountPort, int iNfsPort, unsigned int iUId, unsigned int iGId, bool bReadOnly,
-                     char* pcStatus) override {
-        return Fail("StartServer",
-                    {std::to_string(iMountPort), std::to_string(iNfsPort), std::to_string(iUId), std::to_string(iGId),
-                     Flag(bReadOnly)},
-                    pcStatus);
-    }
-    void StopServer() override { Keep("StopServer", {}); }
-    int GetAccessMode() override { return Number("GetAccessMode", {}); }
-    void GetVersion(char* pcVersion) override {
-        Keep("GetVersion", {});
-        std::snprintf(pcVersion, 256, "a version");
-    }
-    void GetDescription(char* pcDescription) override {
-        Keep("GetDescription", {});
-        std::snprintf(pcDescription, 256, "a description");
-    }
-    bool IsServerRunning() override { return Ask("IsServerRunning", {}); }
-    bool AddMountPoint(const char* pcLocalMountPath, const char* pcExportName, const char* pcIpcID,
-                       char* pcStatus) override {
-        return Fail("AddMountPoint", {Quoted(pcLocalMountPath), Quoted(pcExportName), Quoted(pcIpcID)}, pcStatus);
-    }
-    bool AddMountPoint(const char* pcLocalMountPath, const char* pcExportName, char* pcStatus) override {
-        return Fail("AddMountPoint", {Quoted(pcLocalMountPath), Quoted(pcExportName)}, pcStatus);
-    }
-    void RemoveMountPoint(const char* pcLocalMountPath) override {
-        Keep("RemoveMountPoint", {Quoted(pcLocalMountPath)});
-    }
-    void AddSessionInfo(const char* pcSessionID, const char* pcLocalMountPath) override {
-        Keep("AddSessionInfo", {Quoted(pcSessionID), Quoted(pcLocalMountPath)});
-    }
-    void RemoveSessionInfo(const char* pcSessionID) override { Keep("RemoveSessionInfo", {Quoted(pcSessionID)}); }
-    bool IsSessionExists(const char* pcSessionID) override { return Ask("IsSessionExists", {Quoted(pcSessionID)}); }
-    void OpenRedirectedFile(const char* pcPath, long long iSize, bool bCreateInfoFile, int iInfoFileSegmentSizeMB,
-                            int iInfoFileCheckPointSizeMB) override {
-        Keep("OpenRedirectedFile", {Quoted(pcPath), std::to_string(iSize), Flag(bCreateInfoFile),
-                                    std::to_string(iInfoFileSegmentSizeMB), std::to_string(iInfoFileCheckPointSizeMB)});
-    }
-    void CloseRedirectedFile(const char* pcPath) override { Keep("CloseRedirectedFile", {Quoted(pcPath)}); }
-    void CloseAllRedirectedFiles(const char* pcPath) override { Keep("CloseAllRedirectedFiles", {Quoted(pcPath)}); }
-    bool AddRedirectedFileSegment(const char* pcPath, const char* pcSourcePath, long long iSrcFileOffset,
-                                  long long iOffset, long long iLength, char* pcStatus) override {
-        return Fail("AddRedirectedFileSegment",
-                    {Quoted(pcPath), Quoted(pcSourcePath), std::to_string(iSrcFileOffset), std::to_string(iOffset),
-                     std::to_string(iLength)},
-                    pcStatus);
-    }
-    void ExportRedirectedFile(const char* pcPath, const char* pcExportPath) override {
-        Keep("ExportRedirectedFile", {Quoted(pcPath), Quoted(pcExportPath)});
-    }
-    void ExportRedirectedFileInfo(const char* pcPath, const char* pcExportPath, bool bMergeRange) override {
-        Keep("ExportRedirectedFileInfo", {Quoted(pcPath), Quoted(pcExportPath), Flag(bMergeRange)});
-    }
-    void CloseCachedFileHandle(const char* pcPath) override { Keep("CloseCachedFileHandle", {Quoted(pcPath)}); }
-    void CloseAllCachedFileHandles(const char* pcPath) override { Keep("CloseAllCachedFileHandles", {Quoted(pcPath)}); }
-    void SetLogControl(int iLogControl) override { Keep("SetLogControl", {std::to_string(iLogControl)}); }
-    int GetMountInfo(CRuntimeParam* pRuntimeParam, bool bClientMountedOnly, bool bPrintDetails) override {
-        return Number("GetMountInfo", {Whose(pRuntimeParam), Flag(bClientMountedOnly), Flag(bPrintDetails)});
-    }
-    int GetSessionInfo(CRuntimeParam* pRuntimeParam, bool bPrintDetails) override {
-        return Number("GetSessionInfo", {Whose(pRuntimeParam), Flag(bPrintDetails)});
-    }
-    void RunTestMode(CRuntimeParam* pRuntimeParam, const char* pcDirPath, long long iFileSize) override {
-        Keep("RunTestMode", {Whose(pRuntimeParam), Quoted(pcDirPath), std::to_string(iFileSize)});
-    }
-    void EnableAutoShutdown(bool bEnable) override { Keep("EnableAutoShutdown", {Flag(bEnable)}); }
-    bool RequestAutoShutdown() override { return Ask("RequestAutoShutdown", {}); }
-    int GetServerStatus() override { return Number("GetServerStatus", {}); }
-    bool SetDebugActionEnabled(bool bEnabled) override { return Ask("SetDebugActionEnabled", {Flag(bEnabled)}); }
-    int GetVSphereInfo(CRuntimeParam* pRuntimeParam, bool bPrintDetails) override {
-        return Number("GetVSphereInfo", {Whose(pRuntimeParam), Flag(bPrintDetails)});
-    }
-    void AddVSphereInfo(const char* pcDatastoreMoid, const char* pcHost, const char* pcPort, const char* pcUser,
-                        const char* pcPwd) override {
-        Keep("AddVSphereInfo",
-             {Quoted(pcDatastoreMoid), Quoted(pcHost), Quoted(pcPort), Quoted(pcUser), Quoted(pcPwd)});
-    }
-    void RemoveVSphereInfo(const char* pcDatastoreMoid) override {
-        Keep("RemoveVSphereInfo", {Quoted(pcDatastoreMoid)});
-    }
-    bool RunQuickTestMode(CRuntimeParam* pRuntimeParam, const char* pcPath, int iMode, char* pcStatus) override {
-        return Fail("RunQuickTestMode", {Whose(pRuntimeParam), Quoted(pcPath), std::to_string(iMode)}, pcStatus);
-    }
-    int ExecuteSystemCmd(CRuntimeParam* pRuntimeParam, const char* pcCmd, bool bLogResult) override {
-        return Number("ExecuteSystemCmd", {Whose(pRuntimeParam), Quoted(pcCmd), Flag(bLogResult)});
-    }
-    int GetNetDeviceCredential(CRuntimeParam* pRuntimeParam, bool bPrintDetails) override {
-        return Number("GetNetDeviceCredential", {Whose(pRuntimeParam), Flag(bPrintDetails)});
-    }
-    bool AddNetDeviceCredential(const char* pcPath, const char* pcUser, const char* pcPwd) override {
-        return Ask("AddNetDeviceCredential", {Quoted(pcPath), Quoted(pcUser), Quoted(pcPwd)});
-    }
-    bool RemoveNetDeviceCredential(const char* pcPath) override {
-        return Ask("RemoveNetDeviceCredential", {Quoted(pcPath)});
-    }
-
-private:
-    void Keep(const std::string& sName, const std::vector<std::string>& vsArguments) {
-        m_Record.vsCalls.push_back(CallText(sName, vsArguments));
-        m_Record.vpCallbacks.push_back(GetCallback());
-        if (m_Record.bThrow) {
-            throw std::runtime_error("out of everything");
-        }
-    }
-    bool Ask(const std::string& sName, const std::vector<std::string>& vsArguments) {
-        Keep(sName, vsArguments);
-        return m_Record.bAnswer;
-    }
-    bool Fail(const std::string& sName, const std::vector<std::string>& vsArguments, char* pcStatus) {
-        Keep(sName, vsArguments);
-        if (!m_Record.bAnswer) {
-            std::snprintf(pcStatus, 2048, "%s", kReason);
-        }
-        return m_Record.bAnswer;
-    }
-    int Number(const std::string& sName, const std::vector<std::string>& vsArguments) {
-        Keep(sName, vsArguments);
-        return kAnswer;
-    }
-    std::string Whose(const CRuntimeParam* pRuntimeParam) {
-        return pRuntimeParam == GetRuntimeParam() ? "own" : "another's";
-    }
-
-    Record& m_Record;
-};
 
 /// Makes a String of the text, or null where the test passes nulls.
 using Texts = std::function<jstring(const char*)>;
 
-/// A native method with arguments that are all different.
-struct Forwarding {
+/// A native method with its arguments; gives the result as text.
+struct NativeCall {
     const char* pcName;
-    std::function<std::string(JNIEnv*, jobject, jlong, const Texts&)> call;  ///< gives the result as text
-    std::string sForwarded;                                                  ///< what the controller must be asked
-    std::string sSuccess;  ///< the result when the controller answers true, 42 or a text
-    std::string sFailure;  ///< the result when it answers false
-    bool bThrows = false;  ///< and whether that raises the reason
+    std::function<std::string(JNIEnv*, jobject, jlong, const Texts&)> call;
+};
+
+/// What the controller is asked for a native call, and what becomes of its answer.
+struct Forwarding {
+    NativeCall native;
+    std::string sForwarded;  ///< what the controller must be asked
+    std::string sSuccess;    ///< the result when the controller answers true, 42 or a text
+    std::string sFailure;    ///< the result when it answers false
+    bool bThrows = false;    ///< and whether that raises the reason
 };
 
 std::string Result(jboolean bValue) {
     return bValue == JNI_TRUE ? "true" : bValue == JNI_FALSE ? "false" : "no boolean";
 }
+std::string Result(jint iValue) {
+    return std::to_string(iValue);
+}
 
-// The next three wrap a native method by its kind of result.
-#define VOID(method, ...) \
-#method, [](JNIEnv* pEnv, jobject jObj, jlong iHandle, [[maybe_unused]] const Texts& text) { \
-        NFSLIB_NATIVE(method)(pEnv, jObj, iHandle __VA_OPT__(, ) __VA_ARGS__);                    \
-        return std::string("void");                                                               \
+/// An argument as a native method takes it; a text becomes a String when the call is made.
+template <typename Parameter, typename Argument>
+Parameter Pass(Argument argument, [[maybe_unused]] const Texts& text) {
+    if constexpr (std::is_same_v<Parameter, jstring>) {
+        return text(argument);
+    } else {
+        return static_cast<Parameter>(argument);
     }
-#define BOOLEAN(method, ...)                                \
-#method, [](JNIEnv * pEnv, jobject jObj, jlong iHandle, \
-                [[maybe_unused]] const Texts&               \
-                    text) { return Result(NFSLIB_NATIVE(method)(pEnv, jObj, iHandle __VA_OPT__(, ) __VA_ARGS__)); }
-#define INT(method, ...)                               \
-#method,                                           \
-        [](JNIEnv * pEnv, jobject jObj, jlong iHandle, \
-           [[maybe_unused]] const Texts&               \
-               text) { return std::to_string(NFSLIB_NATIVE(method)(pEnv, jObj, iHandle __VA_OPT__(, ) __VA_ARGS__)); }
+}
+
+/// A method's name, and the method itself.
+#define NATIVE(method) #method, NFSLIB_NATIVE(method)
+
+template <typename Answer, typename... Parameters, typename... Arguments>
+NativeCall Call(const char* pcName, Answer (*pMethod)(JNIEnv*, jobject, jlong, Parameters...), Arguments... arguments) {
+    return {pcName, [=](JNIEnv* pEnv, jobject jObj, jlong iHandle, const Texts& text) -> std::string {
+                if constexpr (std::is_void_v<Answer>) {
+                    pMethod(pEnv, jObj, iHandle, Pass<Parameters>(arguments, text)...);
+                    return "void";
+                } else {
+                    return Result(pMethod(pEnv, jObj, iHandle, Pass<Parameters>(arguments, text)...));
+                }
+            }};
+}
 
 const std::vector<Forwarding>& Forwardings() {
     constexpr jlong kFar = jlong{1} << 40;
     static const std::vector<Forwarding> vForwardings = {
-        {BOOLEAN(isServerRunning), "IsServerRunning()", "true", "false"},
-        {BOOLEAN(startRemoteController), "StartRemoteController()", "true", "false", true},
-        {VOID(stopRemoteController), "StopRemoteController()", "void", "void"},
-        {BOOLEAN(startServer, 1, 2, JNI_TRUE), "StartServer(1, 2, 0, 0, true)", "true", "false", true},
-        {BOOLEAN(startServer, -1, 0, JNI_FALSE), "StartServer(-1, 0, 0, 0, false)", "true", "false", true},
-        {VOID(stopServer), "StopServer()", "void", "void"},
-        {BOOLEAN(addMountPoint, text("/a"), text("b")), "AddMountPoint(\"/a\", \"b\")", "true", "false", true},
-        {VOID(removeMountPoint, text("/a")), "RemoveMountPoint(\"/a\")", "void", "void"},
-        {VOID(addSession, text("a"), text("/b")), "AddSessionInfo(\"a\", \"/b\")", "void", "void"},
-        {VOID(removeSession, text("a")), "RemoveSessionInfo(\"a\")", "void", "void"},
-        {BOOLEAN(isSessionExists, text("a")), "IsSessionExists(\"a\")", "true", "false"},
-        {VOID(openRedirectedFile, text("/a"), kFar, JNI_TRUE, 2, 3),
+        {Call(NATIVE(isServerRunning)), "IsServerRunning()", "true", "false"},
+        {Call(NATIVE(startRemoteController)), "StartRemoteController()", "true", "false", true},
+        {Call(NATIVE(stopRemoteController)), "StopRemoteController()", "void", "void"},
+        {Call(NATIVE(startServer), 1, 2, JNI_TRUE), "StartServer(1, 2, 0, 0, true)", "true", "false", true},
+        {Call(NATIVE(startServer), -1, 0, JNI_FALSE), "StartServer(-1, 0, 0, 0, false)", "true", "false", true},
+        {Call(NATIVE(stopServer)), "StopServer()", "void", "void"},
+        {Call(NATIVE(addMountPoint), "/a", "b"), "AddMountPoint(\"/a\", \"b\")", "true", "false", true},
+        {Call(NATIVE(removeMountPoint), "/a"), "RemoveMountPoint(\"/a\")", "void", "void"},
+        {Call(NATIVE(addSession), "a", "/b"), "AddSessionInfo(\"a\", \"/b\")", "void", "void"},
+        {Call(NATIVE(removeSession), "a"), "RemoveSessionInfo(\"a\")", "void", "void"},
+        {Call(NATIVE(isSessionExists), "a"), "IsSessionExists(\"a\")", "true", "false"},
+        {Call(NATIVE(openRedirectedFile), "/a", kFar, JNI_TRUE, 2, 3),
          "OpenRedirectedFile(\"/a\", 1099511627776, true, 2, 3)", "void", "void"},
-        {VOID(openRedirectedFile, text("/a"), -1, JNI_FALSE, -2, -3), "OpenRedirectedFile(\"/a\", -1, false, -2, -3)",
+        {Call(NATIVE(openRedirectedFile), "/a", -1, JNI_FALSE, -2, -3), "OpenRedirectedFile(\"/a\", -1, false, -2, -3)",
          "void", "void"},
-        {VOID(closeRedirectedFile, text("/a")), "CloseRedirectedFile(\"/a\")", "void", "void"},
-        {VOID(closeAllRedirectedFiles, text("/a")), "CloseAllRedirectedFiles(\"/a\")", "void", "void"},
-        {VOID(addRedirectedFileSegment, text("/a"), text("/b"), kFar, kFar + 1, kFar + 2),
+        {Call(NATIVE(closeRedirectedFile), "/a"), "CloseRedirectedFile(\"/a\")", "void", "void"},
+        {Call(NATIVE(closeAllRedirectedFiles), "/a"), "CloseAllRedirectedFiles(\"/a\")", "void", "void"},
+        {Call(NATIVE(addRedirectedFileSegment), "/a", "/b", kFar, kFar + 1, kFar + 2),
          "AddRedirectedFileSegment(\"/a\", \"/b\", 1099511627776, 1099511627777, 1099511627778)", "void", "void", true},
-        {VOID(exportRedirectedFile, text("/a"), text("/b")), "ExportRedirectedFile(\"/a\", \"/b\")", "void", "void"},
-        {VOID(exportRedirectedFileInfo, text("/a"), text("/b"), JNI_TRUE),
-         "ExportRedirectedFileInfo(\"/a\", \"/b\", true)", "void", "void"},
-        {VOID(exportRedirectedFileInfo, text("/a"), text("/b"), JNI_FALSE),
+        {Call(NATIVE(exportRedirectedFile), "/a", "/b"), "ExportRedirectedFile(\"/a\", \"/b\")", "void", "void"},
+        {Call(NATIVE(exportRedirectedFileInfo), "/a", "/b", JNI_TRUE), "ExportRedirectedFileInfo(\"/a\", \"/b\", true)",
+         "void", "void"},
+        {Call(NATIVE(exportRedirectedFileInfo), "/a", "/b", JNI_FALSE),
          "ExportRedirectedFileInfo(\"/a\", \"/b\", false)", "void", "void"},
-        {VOID(closeOpenedFile, text("/a")), "CloseCachedFileHandle(\"/a\")", "void", "void"},
-        {VOID(closeAllOpenedFiles, text("/a")), "CloseAllCachedFileHandles(\"/a\")", "void", "void"},
-        {VOID(setLogControl, -7), "SetLogControl(-7)", "void", "void"},
-        {INT(getAccessMode), "GetAccessMode()", "42", "42"},
-        {INT(getMountInfo, JNI_TRUE, JNI_FALSE), "GetMountInfo(own, true, false)", "42", "42"},
-        {INT(getMountInfo, JNI_FALSE, JNI_TRUE), "GetMountInfo(own, false, true)", "42", "42"},
-        {INT(getSessionInfo, JNI_TRUE), "GetSessionInfo(own, true)", "42", "42"},
-        {INT(getSessionInfo, JNI_FALSE), "GetSessionInfo(own, false)", "42", "42"},
-        {VOID(runTestMode, text("/a"), kFar), "RunTestMode(own, \"/a\", 1099511627776)", "void", "void"},
-        {INT(getServerStatus), "GetServerStatus()", "42", "42"},
-        {VOID(addVSphereInfo, text("a"), text("b"), text("c"), text("d"), text("e")),
-         "AddVSphereInfo(\"a\", \"b\", \"c\", \"d\", \"e\")", "void", "void"},
-        {VOID(removeVSphereInfo, text("a")), "RemoveVSphereInfo(\"a\")", "void", "void"},
-        {BOOLEAN(runQuickTestMode, text("/a"), 5), "RunQuickTestMode(own, \"/a\", 5)", "true", "false", true},
-        {BOOLEAN(addNetDeviceCredential, text("/a"), text("b"), text("c")),
-         "AddNetDeviceCredential(\"/a\", \"b\", \"c\")", "true", "false"},
-        {BOOLEAN(removeNetDeviceCredential, text("/a")), "RemoveNetDeviceCredential(\"/a\")", "true", "false"},
+        {Call(NATIVE(closeOpenedFile), "/a"), "CloseCachedFileHandle(\"/a\")", "void", "void"},
+        {Call(NATIVE(closeAllOpenedFiles), "/a"), "CloseAllCachedFileHandles(\"/a\")", "void", "void"},
+        {Call(NATIVE(setLogControl), -7), "SetLogControl(-7)", "void", "void"},
+        {Call(NATIVE(getAccessMode)), "GetAccessMode()", "42", "42"},
+        {Call(NATIVE(getMountInfo), JNI_TRUE, JNI_FALSE), "GetMountInfo(own, true, false)", "42", "42"},
+        {Call(NATIVE(getMountInfo), JNI_FALSE, JNI_TRUE), "GetMountInfo(own, false, true)", "42", "42"},
+        {Call(NATIVE(getSessionInfo), JNI_TRUE), "GetSessionInfo(own, true)", "42", "42"},
+        {Call(NATIVE(getSessionInfo), JNI_FALSE), "GetSessionInfo(own, false)", "42", "42"},
+        {Call(NATIVE(runTestMode), "/a", kFar), "RunTestMode(own, \"/a\", 1099511627776)", "void", "void"},
+        {Call(NATIVE(getServerStatus)), "GetServerStatus()", "42", "42"},
+        {Call(NATIVE(addVSphereInfo), "a", "b", "c", "d", "e"), "AddVSphereInfo(\"a\", \"b\", \"c\", \"d\", \"e\")",
+         "void", "void"},
+        {Call(NATIVE(removeVSphereInfo), "a"), "RemoveVSphereInfo(\"a\")", "void", "void"},
+        {Call(NATIVE(runQuickTestMode), "/a", 5), "RunQuickTestMode(own, \"/a\", 5)", "true", "false", true},
+        {Call(NATIVE(addNetDeviceCredential), "/a", "b", "c"), "AddNetDeviceCredential(\"/a\", \"b\", \"c\")", "true",
+         "false"},
+        {Call(NATIVE(removeNetDeviceCredential), "/a"), "RemoveNetDeviceCredential(\"/a\")", "true", "false"},
     };
     return vForwardings;
 }
 
-#undef VOID
-#undef BOOLEAN
-#undef INT
+#undef NATIVE
 
 /// Every quoted argument replaced by null.
 std::string WithNulls(const std::string& sCall) {
@@ -287,7 +140,10 @@ std::string WithNulls(const std::string& sCall) {
 class NfsJNIForwardingTest : public testing::Test {
 protected:
     void SetUp() override {
-        auto pMain = std::make_unique<RecordingMain>(m_Record);
+        m_Record.m_iAnswer = kAnswer;
+        m_Record.m_sVersion = "a version";
+        m_Record.m_sDescription = "a description";
+        auto pMain = std::make_unique<RecordingNfsMain>("host", 0, &m_Record);
         m_pMain = pMain.get();
         m_iHandle = CHostController::Register(std::move(pMain));
     }
@@ -296,28 +152,27 @@ protected:
         if (const auto pController = CHostController::Release(m_iHandle)) {
             pController->End();
         }
-        m_Record.vpCallbacks.clear();
+        m_Record.Clear();
         EXPECT_EQ(m_Jvm.Violations(), std::vector<std::string>());
         EXPECT_EQ(m_Jvm.GlobalReferences(), 0U);
         EXPECT_EQ(m_Jvm.LocalReferences(), 0U);
     }
 
     /// Calls a native method; its result is kept, the exception it leaves is returned.
-    std::string Call(const Forwarding& forwarding, bool bNullTexts = false) {
-        m_Record.vsCalls.clear();
-        m_Record.vpCallbacks.clear();
+    std::string Run(const Forwarding& forwarding, bool bNullTexts = false) {
+        m_Record.Clear();
         const JavaFrame java(m_Jvm);
         const Texts text = [&](const char* pcText) -> jstring {
             const std::string sText = pcText;
             return bNullTexts ? nullptr : m_Jvm.NewText({sText.begin(), sText.end()});
         };
-        m_sResult = forwarding.call(java.Env(), m_Jvm.NewHost({}), m_iHandle, text);
+        m_sResult = forwarding.native.call(java.Env(), m_Jvm.NewHost({}), m_iHandle, text);
         return m_Jvm.TakeException();
     }
 
     FakeJvm m_Jvm;
-    Record m_Record;
-    RecordingMain* m_pMain = nullptr;
+    ControllerRecord m_Record;
+    RecordingNfsMain* m_pMain = nullptr;
     jlong m_iHandle = 0;
     std::string m_sResult;
 };
@@ -330,39 +185,39 @@ TEST_F(NfsJNIForwardingTest, TheHandleIsTheControllersAddress) {
 
 TEST_F(NfsJNIForwardingTest, EveryArgumentArrivesInItsPlaceAndTheAnswerComesBack) {
     for (const Forwarding& forwarding : Forwardings()) {
-        EXPECT_EQ(Call(forwarding), "") << forwarding.pcName;
-        EXPECT_EQ(m_Record.vsCalls, Calls({forwarding.sForwarded})) << forwarding.pcName;
-        EXPECT_EQ(m_sResult, forwarding.sSuccess) << forwarding.pcName;
+        EXPECT_EQ(Run(forwarding), "") << forwarding.native.pcName;
+        EXPECT_EQ(m_Record.Calls(), Calls({forwarding.sForwarded})) << forwarding.native.pcName;
+        EXPECT_EQ(m_sResult, forwarding.sSuccess) << forwarding.native.pcName;
     }
 }
 
 TEST_F(NfsJNIForwardingTest, NullStringsArriveAsNullTexts) {
     for (const Forwarding& forwarding : Forwardings()) {
-        EXPECT_EQ(Call(forwarding, true), "") << forwarding.pcName;
-        EXPECT_EQ(m_Record.vsCalls, Calls({WithNulls(forwarding.sForwarded)})) << forwarding.pcName;
-        EXPECT_EQ(m_sResult, forwarding.sSuccess) << forwarding.pcName;
+        EXPECT_EQ(Run(forwarding, true), "") << forwarding.native.pcName;
+        EXPECT_EQ(m_Record.Calls(), Calls({WithNulls(forwarding.sForwarded)})) << forwarding.native.pcName;
+        EXPECT_EQ(m_sResult, forwarding.sSuccess) << forwarding.native.pcName;
     }
 }
 
 TEST_F(NfsJNIForwardingTest, OnlyMethodsWithAReasonThrowAndTheyAnswerFalse) {
-    m_Record.bAnswer = false;
+    m_Record.m_bAnswer = false;
     for (const Forwarding& forwarding : Forwardings()) {
-        EXPECT_EQ(Call(forwarding), forwarding.bThrows ? std::string("java/io/IOException: ") + kReason : "")
-            << forwarding.pcName;
-        EXPECT_EQ(m_sResult, forwarding.sFailure) << forwarding.pcName;
+        EXPECT_EQ(Run(forwarding), forwarding.bThrows ? "java/io/IOException: " + m_Record.m_sReason : "")
+            << forwarding.native.pcName;
+        EXPECT_EQ(m_sResult, forwarding.sFailure) << forwarding.native.pcName;
     }
 }
 
 TEST_F(NfsJNIForwardingTest, EveryCallLendsItsObjectAsTheCallback) {
     for (const bool bAnswer : {true, false}) {
-        m_Record.bAnswer = bAnswer;
+        m_Record.m_bAnswer = bAnswer;
         for (const Forwarding& forwarding : Forwardings()) {
-            Call(forwarding);
-            ASSERT_EQ(m_Record.vpCallbacks.size(), 1U) << forwarding.pcName;
-            EXPECT_NE(m_Record.vpCallbacks[0], nullptr) << forwarding.pcName;
-            EXPECT_EQ(m_pMain->GetCallback(), nullptr) << forwarding.pcName << " leaves none installed";
-            m_Record.vpCallbacks.clear();
-            EXPECT_EQ(m_Jvm.GlobalReferences(), 0U) << forwarding.pcName;
+            Run(forwarding);
+            ASSERT_EQ(m_Record.Callbacks().size(), 1U) << forwarding.native.pcName;
+            EXPECT_NE(m_Record.Callbacks()[0], nullptr) << forwarding.native.pcName;
+            EXPECT_EQ(m_pMain->GetCallback(), nullptr) << forwarding.native.pcName << " leaves none installed";
+            m_Record.Clear();
+            EXPECT_EQ(m_Jvm.GlobalReferences(), 0U) << forwarding.native.pcName;
         }
     }
 }
@@ -375,12 +230,12 @@ TEST_F(NfsJNIForwardingTest, ACallbackThatIsInstalledServesEveryCallAndStays) {
     }
     m_pMain->SetCallback(pLasting);
     for (const bool bAnswer : {true, false}) {
-        m_Record.bAnswer = bAnswer;
+        m_Record.m_bAnswer = bAnswer;
         for (const Forwarding& forwarding : Forwardings()) {
-            Call(forwarding);
-            ASSERT_EQ(m_Record.vpCallbacks.size(), 1U) << forwarding.pcName;
-            EXPECT_EQ(m_Record.vpCallbacks[0], pLasting) << forwarding.pcName;
-            EXPECT_EQ(m_pMain->GetCallback(), pLasting) << forwarding.pcName;
+            Run(forwarding);
+            ASSERT_EQ(m_Record.Callbacks().size(), 1U) << forwarding.native.pcName;
+            EXPECT_EQ(m_Record.Callbacks()[0], pLasting) << forwarding.native.pcName;
+            EXPECT_EQ(m_pMain->GetCallback(), pLasting) << forwarding.native.pcName;
         }
     }
     EXPECT_EQ(m_Jvm.GlobalReferences(), 1U);
@@ -389,15 +244,15 @@ TEST_F(NfsJNIForwardingTest, ACallbackThatIsInstalledServesEveryCallAndStays) {
 
 /// A C++ exception that reached the virtual machine would end the host.
 TEST_F(NfsJNIForwardingTest, WhatTheLibraryFailsAtBeyondAnyReasonBecomesAnInternalError) {
-    m_Record.bThrow = true;
+    m_Record.m_bThrow = true;
     for (const Forwarding& forwarding : Forwardings()) {
-        EXPECT_EQ(Call(forwarding), "java/lang/InternalError: out of everything") << forwarding.pcName;
+        EXPECT_EQ(Run(forwarding), "java/lang/InternalError: out of everything") << forwarding.native.pcName;
         const bool bNumber = forwarding.sSuccess == std::to_string(kAnswer);
-        const std::string sNone = std::string(forwarding.pcName) == "getAccessMode" ? "-1" : "0";
-        EXPECT_EQ(m_sResult, bNumber ? sNone : forwarding.sFailure) << forwarding.pcName;
-        EXPECT_EQ(m_pMain->GetCallback(), nullptr) << forwarding.pcName;
+        const std::string sNone = std::string(forwarding.native.pcName) == "getAccessMode" ? "-1" : "0";
+        EXPECT_EQ(m_sResult, bNumber ? sNone : forwarding.sFailure) << forwarding.native.pcName;
+        EXPECT_EQ(m_pMain->GetCallback(), nullptr) << forwarding.native.pcName;
     }
-    m_Record.bThrow = false;
+    m_Record.m_bThrow = false;
 }
 
 TEST_F(NfsJNIForwardingTest, TextsComeBackAsStrings) {
@@ -405,13 +260,13 @@ TEST_F(NfsJNIForwardingTest, TextsComeBackAsStrings) {
     jobject jObj = m_Jvm.NewHost({});
     EXPECT_EQ(m_Jvm.TextOf(NFSLIB_NATIVE(getVersion)(java.Env(), jObj, m_iHandle)), u"a version");
     EXPECT_EQ(m_Jvm.TextOf(NFSLIB_NATIVE(getDescription)(java.Env(), jObj, m_iHandle)), u"a description");
-    EXPECT_EQ(m_Record.vsCalls, Calls({"GetVersion()", "GetDescription()"}));
+    EXPECT_EQ(m_Record.Calls(), Calls({"GetVersion()", "GetDescription()"}));
     EXPECT_EQ(m_Jvm.TextOf(NFSLIB_NATIVE(getVersion)(java.Env(), jObj, 0)), u"Not Defined");
     EXPECT_EQ(m_Jvm.TextOf(NFSLIB_NATIVE(getDescription)(java.Env(), jObj, 0)), u"Unknown");
 }
 
 TEST_F(NfsJNIForwardingTest, TheLocalSessionTableIsAskedWithoutTheControllersSay) {
-    m_Record.bAnswer = false;
+    m_Record.m_bAnswer = false;
     m_pMain->CNfsMain::AddSessionInfo("here", "/x");
     const JavaFrame java(m_Jvm);
     jobject jObj = m_Jvm.NewHost({});
@@ -419,15 +274,14 @@ TEST_F(NfsJNIForwardingTest, TheLocalSessionTableIsAskedWithoutTheControllersSay
     EXPECT_EQ(ask(m_Jvm.NewText(u"here")), JNI_TRUE);
     EXPECT_EQ(ask(m_Jvm.NewText(u"elsewhere")), JNI_FALSE);
     EXPECT_EQ(ask(nullptr), JNI_FALSE);
-    EXPECT_EQ(m_Record.vsCalls, Calls()) << "it is no virtual operation";
+    EXPECT_EQ(m_Record.Calls(), Calls()) << "it is no virtual operation";
 }
 
 TEST_F(NfsJNIForwardingTest, TerminateTerminatesAndThenDeletesWithoutACallback) {
     const JavaFrame java(m_Jvm);
     NFSLIB_NATIVE(terminate)(java.Env(), m_Jvm.NewHost({}), m_iHandle);
-    EXPECT_EQ(m_Record.vsCalls, Calls({"Terminate()", "deleted"}));
-    ASSERT_EQ(m_Record.vpCallbacks.size(), 1U);
-    EXPECT_EQ(m_Record.vpCallbacks[0], nullptr);
+    EXPECT_EQ(m_Record.Calls(), Calls({"Terminate()", "deleted"}));
+    EXPECT_EQ(m_Record.Callbacks(), std::vector<std::shared_ptr<CCallback>>(2));
 }
 
 TEST_F(NfsJNIForwardingTest, TheWaitingLoopAsksTheControllerForNothing) {
@@ -443,7 +297,7 @@ TEST_F(NfsJNIForwardingTest, TheWaitingLoopAsksTheControllerForNothing) {
     EXPECT_NE(pInstalled, nullptr) << "installed while it loops";
     EXPECT_EQ(m_pMain->GetCallback(), nullptr) << "and not afterwards";
     pInstalled.reset();
-    EXPECT_EQ(m_Record.vsCalls, Calls()) << "automatic shutdown is nothing it enables";
+    EXPECT_EQ(m_Record.Calls(), Calls()) << "automatic shutdown is nothing it enables";
 }
 
 TEST_F(NfsJNIForwardingTest, TheWaitingLoopAsksOncePerSecondOfItsLife) {

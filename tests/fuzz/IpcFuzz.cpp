@@ -14,7 +14,9 @@ constexpr std::size_t kMaxMessage = 4096;
 }  // namespace
 
 IpcFuzzWorld::IpcFuzzWorld(std::string sChannel)
-    : m_sChannel(std::move(sChannel)), m_Controller("fuzz", CRuntimeParam::kLogIpc, &m_Log), m_Server(&m_Controller) {
+    : m_sChannel(std::move(sChannel)),
+      m_Controller("fuzz", CRuntimeParam::kLogIpc, &m_Record, &m_Log),
+      m_Server(&m_Controller) {
     char vcReason[kReasonBufferSize] = "";
     if (!m_Server.Open(m_sChannel.c_str(), vcReason)) {
         throw std::runtime_error(vcReason);
@@ -23,7 +25,7 @@ IpcFuzzWorld::IpcFuzzWorld(std::string sChannel)
 
 std::string IpcFuzzWorld::Run(std::string_view sInput) {
     m_Log.Clear();
-    m_Controller.ClearCalls();
+    m_Record.Clear();
     IpcConnection connection(m_sChannel);
     if (!connection.Send(sInput.substr(0, 2 * kMaxMessage))) {
         return "the bytes were not taken";
@@ -35,7 +37,7 @@ std::string IpcFuzzWorld::Run(std::string_view sInput) {
     }
     const std::string sReply = connection.ReceiveAll().value_or("");
     if (sInput.empty()) {
-        return sReply.empty() && m_Controller.Calls().empty() ? "" : "no message was answered";
+        return sReply.empty() && m_Record.Calls().empty() ? "" : "no message was answered";
     }
     if (sReply.size() < sizeof(Ipc_Header) || I32At(sReply, 0) != kIpcGroupReply ||
         sReply.size() != GetIpcRecordLength(kIpcGroupReply, I32At(sReply, 4))) {

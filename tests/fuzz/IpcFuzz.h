@@ -21,6 +21,7 @@ public:
 private:
     std::string m_sChannel;
     LogCapture m_Log;
+    ControllerRecord m_Record;
     RecordingNfsMain m_Controller;
     CIpcServer m_Server;
 };
