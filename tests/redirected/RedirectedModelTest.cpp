@@ -54,7 +54,8 @@ public:
         const int iCutMiB = static_cast<int>(Pick(1, 8)) * (m_Kind.iMaxSegment > 1000 * kMiB ? 64 : 1);
         const int iCheckPointMiB = iCutMiB * static_cast<int>(Pick(1, 6));
         m_iSize = Pick(1, std::max<std::int64_t>(1, m_Kind.iMaxSegment * nSegments));
-        m_pModel = std::make_unique<ReferenceModel>(m_iSize, m_Kind.bInfoFile, iCutMiB * kMiB, iCheckPointMiB * kMiB);
+        m_pModel = std::make_unique<ReferenceModel>(
+            ModelSetup{m_iSize, 7, m_Kind.bInfoFile ? InfoPath() : "", iCutMiB, iCheckPointMiB});
         if (m_Kind.bInfoFile) {
             WriteWholeFile(InfoPath(), "");
         }
@@ -71,14 +72,15 @@ public:
     }
 
     void CompareMap() {
-        ASSERT_EQ(m_File.GetCheckPointCount(), m_pModel->CheckPoints().size());
+        ASSERT_EQ(m_File.GetCheckPointCount(), m_pModel->GetCheckPointCount());
         if (m_Kind.bInfoFile) {
             ASSERT_EQ(ReadWholeFile(InfoPath()), m_pModel->InfoFile()) << "records";
         }
         for (const bool bMerged : {false, true}) {
             WriteWholeFile(m_Folder / "dump", "");
             m_File.ExportInfo(&m_Param, (m_Folder / "dump").c_str(), bMerged);
-            ASSERT_EQ(ReadWholeFile(m_Folder / "dump"), m_pModel->ExportInfo(bMerged)) << "merged " << bMerged;
+            ASSERT_EQ(ReadWholeFile(m_Folder / "dump"), m_pModel->ExportInfo(m_Folder / "dump", bMerged))
+                << "merged " << bMerged;
         }
     }
 
@@ -107,7 +109,7 @@ public:
         FillSources(0, std::min<std::int64_t>(m_iSize, 4 * kMiB));
         WriteWholeFile(m_Folder / "content", "");
         m_File.Export(&m_Param, (m_Folder / "content").c_str());
-        const std::string sExpected = m_pModel->Export();
+        const std::string sExpected = m_pModel->Export(m_Folder / "content");
         const std::string sSeen = ReadWholeFile(m_Folder / "content");
         ASSERT_EQ(sSeen.size(), sExpected.size()) << "exported bytes";
         ASSERT_TRUE(sSeen == sExpected) << "exported content";
