@@ -4,14 +4,13 @@
 #include <chrono>
 #include <string>
 
-#include <sys/resource.h>
-
 #include <gtest/gtest.h>
 
 #include "LeakGuard.h"
 #include "Limits.h"
 #include "RpcClient.h"
 #include "SocketDoubles.h"
+#include "SoftLimit.h"
 
 namespace {
 
@@ -148,12 +147,7 @@ TEST_F(DatagramSocketTest, APortInUseFailsWithTheSystemsReason) {
 }
 
 TEST_F(DatagramSocketTest, WithoutDescriptorsOpeningFailsWithTheSystemsReason) {
-    rlimit before{};
-    ::getrlimit(RLIMIT_NOFILE, &before);
-    const rlimit none{0, before.rlim_max};
-    ::setrlimit(RLIMIT_NOFILE, &none);
-    const bool bOpen = m_Socket.Open(100003, 0, nullptr, m_cStatus);
-    ::setrlimit(RLIMIT_NOFILE, &before);
+    const bool bOpen = WithoutDescriptors([&] { return m_Socket.Open(100003, 0, nullptr, m_cStatus); });
     EXPECT_FALSE(bOpen);
     EXPECT_STREQ(m_cStatus, "Fail to create datagram socket. Too many open files (24)");
 }

@@ -14,6 +14,7 @@
 #include "Isolation.h"
 #include "PathProbe.h"
 #include "UtilitiesFixture.h"
+#include "WaitUntil.h"
 
 namespace {
 
@@ -68,12 +69,6 @@ protected:
     void Replace(const std::string& sPath, const std::string& sContent) {
         const std::string sNew = MakeFile("replacement", sContent);
         ASSERT_EQ(::rename(sNew.c_str(), sPath.c_str()), 0);
-    }
-    static void WaitForTheNextSecond() {
-        const std::time_t iNow = std::time(nullptr);
-        while (std::time(nullptr) == iNow) {
-            ::usleep(5000);
-        }
     }
 
     std::string m_sMounted;

@@ -7,44 +7,20 @@
 #include <vector>
 
 #include <fcntl.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "SoftLimit.h"
 #include "UtilitiesFixture.h"
+#include "WaitUntil.h"
 
 namespace {
 
-/// The soft limit of open files, restored at the end.
-class DescriptorLimit {
-public:
-    DescriptorLimit() { EXPECT_EQ(::getrlimit(RLIMIT_NOFILE, &m_Before), 0); }
-    ~DescriptorLimit() { EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &m_Before), 0); }
-    DescriptorLimit(const DescriptorLimit&) = delete;
-    DescriptorLimit& operator=(const DescriptorLimit&) = delete;
-    bool Set(rlim_t nLimit) const {
-        const rlimit limit{nLimit, m_Before.rlim_max};
-        return nLimit <= m_Before.rlim_max && ::setrlimit(RLIMIT_NOFILE, &limit) == 0;
-    }
-
-private:
-    rlimit m_Before{};
-};
-
 bool IsOpenDescriptor(int iFile) {
     return ::fcntl(iFile, F_GETFD) != -1;
-}
-
-/// The limit with which so many descriptors are free.
-rlim_t GetLimitForFree(int nFree) {
-    int iFile = 0;
-    for (; nFree > 0; ++iFile) {
-        nFree -= IsOpenDescriptor(iFile) ? 0 : 1;
-    }
-    return static_cast<rlim_t>(iFile);
 }
 
 class DescriptorCacheTest : public UtilitiesFixture {
@@ -64,12 +40,6 @@ protected:
             vPaths.push_back(MakeFile("f" + std::to_string(iFile), std::to_string(iFile)));
         }
         return vPaths;
-    }
-    static void WaitForTheNextSecond() {
-        const std::time_t iNow = std::time(nullptr);
-        while (std::time(nullptr) == iNow) {
-            ::usleep(5000);
-        }
     }
 };
 
@@ -165,7 +135,7 @@ TEST_F(DescriptorCacheTest, DescriptorInUseOutlivesItsClosing) {
 }
 
 TEST_F(DescriptorCacheTest, OpeningOneMoreThanFitClosesATenthFirst) {
-    const DescriptorLimit limit;
+    const SoftLimit limit(RLIMIT_NOFILE);
     ASSERT_TRUE(limit.Set(1300)) << "the hard limit of open files is below 1300";
     const std::vector<std::string> vFiles = MakeFiles(1025);
     for (int iFile = 0; iFile < 1024; ++iFile) {
@@ -308,7 +278,7 @@ TEST_F(DescriptorCacheTest, FailedOpensDoNotFillTheCacheUp) {
 }
 
 TEST_F(DescriptorCacheTest, EvictionAndTheSearchForTheExportComeBeforeTheOpen) {
-    const DescriptorLimit limit;
+    const SoftLimit limit(RLIMIT_NOFILE);
     ASSERT_TRUE(limit.Set(1300)) << "the hard limit of open files is below 1300";
     ExportFolder();
     const std::vector<std::string> vFiles = MakeFiles(1025);
@@ -341,7 +311,7 @@ TEST_F(DescriptorCacheTest, SmallCacheIsFreedAsAWhole) {
 
 TEST_F(DescriptorCacheTest, RunningOutOfDescriptorsEvictsAndTriesAgain) {
     const std::vector<std::string> vFiles = MakeFiles(21);
-    const DescriptorLimit limit;
+    const SoftLimit limit(RLIMIT_NOFILE);
     ASSERT_TRUE(limit.Set(GetLimitForFree(20)));
     for (int iFile = 0; iFile < 20; ++iFile) {
         ASSERT_TRUE(Get(vFiles[static_cast<std::size_t>(iFile)]).IsOpen()) << iFile << "\n" << m_Log.Dump();
@@ -356,7 +326,7 @@ TEST_F(DescriptorCacheTest, RunningOutOfDescriptorsEvictsAndTriesAgain) {
 
 TEST_F(DescriptorCacheTest, RunningOutOfDescriptorsWithNothingToEvictFails) {
     const std::string sFile = MakeFile("f", "x");
-    const DescriptorLimit limit;
+    const SoftLimit limit(RLIMIT_NOFILE);
     ASSERT_TRUE(limit.Set(GetLimitForFree(0)));
     EXPECT_FALSE(Get(sFile).IsOpen());
     EXPECT_EQ(TakeLog(), (Lines{"[Test] open read only mode " + sFile, "[Test] Close exceeded cached file handle: ALL",
@@ -365,7 +335,7 @@ TEST_F(DescriptorCacheTest, RunningOutOfDescriptorsWithNothingToEvictFails) {
 
 TEST_F(DescriptorCacheTest, OpenOutsideTheCacheEvictsOnlyWhenAskedTo) {
     const std::vector<std::string> vFiles = MakeFiles(2);
-    const DescriptorLimit limit;
+    const SoftLimit limit(RLIMIT_NOFILE);
     ASSERT_TRUE(limit.Set(GetLimitForFree(1)));
     ASSERT_TRUE(Get(vFiles[0]).IsOpen());
     EXPECT_EQ(m_Utilities.OS_FileOpen(&m_Param, &m_Tag, vFiles[1].c_str(), O_RDONLY, false, m_vcReason), -1);
@@ -378,7 +348,7 @@ TEST_F(DescriptorCacheTest, OpenOutsideTheCacheEvictsOnlyWhenAskedTo) {
 // A client that creates and writes one file after the other fills the cache and must still be able to create the next.
 TEST_F(DescriptorCacheTest, FilesAreCreatedResizedAndAppendedToThoughTheCacheHoldsAllDescriptors) {
     const std::vector<std::string> vFiles = MakeFiles(2);
-    const DescriptorLimit limit;
+    const SoftLimit limit(RLIMIT_NOFILE);
     ASSERT_TRUE(limit.Set(GetLimitForFree(1)));
     ASSERT_TRUE(Get(vFiles[0]).IsOpen());
     const std::string sNew = m_Folder / "new";

@@ -9,7 +9,6 @@
 #include <thread>
 #include <vector>
 
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,6 +16,7 @@
 #include <gtest/gtest.h>
 
 #include "LeakGuard.h"
+#include "SoftLimit.h"
 #include "TempFolder.h"
 
 namespace {
@@ -211,12 +211,7 @@ TEST_F(FileLoggerTest, RotationThatCannotBeginANewFileLeavesTheLoggerClosed) {
     auto pLogger = Open(m_sLog, 1);
     pLogger->LogInfo("a");
     testing::internal::CaptureStdout();
-    rlimit before{};
-    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
-    const rlimit none{0, before.rlim_max};
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
-    EXPECT_FALSE(pLogger->LogInfo("b"));
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+    EXPECT_FALSE(WithoutDescriptors([&] { return pLogger->LogInfo("b"); }));
     EXPECT_FALSE(pLogger->LogInfo("c")) << "closed";
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
               "[erro] () [CFileLogger.LogMessage] OS create file \"" + m_sLog + "\". Error=Too many open files (24)\n");
@@ -245,12 +240,11 @@ TEST_F(FileLoggerTest, FailedWriteIsReportedAndLeavesTheLineToTheCaller) {
 TEST_F(FileLoggerTest, LineThatIsWrittenInPartCountsAsWritten) {
     auto pLogger = Open(m_sLog);
     testing::internal::CaptureStdout();
-    rlimit before{};
-    ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &before), 0);
-    const rlimit ten{10, before.rlim_max};
-    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &ten), 0);
-    const bool bWritten = pLogger->LogInfo("x");
-    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &before), 0);
+    bool bWritten = false;
+    {
+        const SoftLimit tenBytes(RLIMIT_FSIZE, 10);
+        bWritten = pLogger->LogInfo("x");
+    }
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
     EXPECT_TRUE(bWritten);
     pLogger->Close();

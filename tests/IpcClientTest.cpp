@@ -11,6 +11,7 @@
 #include <vector>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -21,6 +22,7 @@
 #include "Isolation.h"
 #include "LeakGuard.h"
 #include "LogCapture.h"
+#include "WaitUntil.h"
 
 namespace {
 
@@ -35,7 +37,7 @@ class IpcClientTest : public testing::Test {
 protected:
     void SetUp() override {
         if (!IsIsolated()) {
-            GTEST_SKIP() << "needs a /tmp of its own";
+            GTEST_SKIP() << kNotIsolated;
         }
     }
 
@@ -62,6 +64,11 @@ public:
     }
     DeafListener(const DeafListener&) = delete;
     DeafListener& operator=(const DeafListener&) = delete;
+    /// True as soon as a client is in the queue.
+    bool WaitForConnection() const {
+        pollfd entry{m_iSocket, POLLIN, 0};
+        return ::poll(&entry, 1, 20000) > 0;
+    }
     void Close() {
         if (m_iSocket != -1) {
             ::close(m_iSocket);
@@ -305,7 +312,7 @@ TEST_F(IpcClientTest, ThePeersDeathEndsTheWaitForItsReply) {
     CIpcClient client(&m_Utilities, &m_Param);
     client.SetRequest(kIpcGetVersion);
     std::thread death([&] {
-        std::this_thread::sleep_for(milliseconds(100));  // the client waits by then, or is refused: both end it
+        EXPECT_TRUE(pListener->WaitForConnection());
         pListener->Close();
     });
     EXPECT_FALSE(client.SendRequest(kChannel, m_vcReason));
@@ -319,8 +326,8 @@ TEST_F(IpcClientTest, ThePeersDeathEndsTheWaitInAFullQueue) {
     IpcConnection first(kChannel);  // fills the queue
     CIpcClient client(&m_Utilities, &m_Param);
     client.SetRequest(kIpcGetVersion);
-    std::thread death([&] {
-        std::this_thread::sleep_for(milliseconds(100));
+    std::thread death([&, iClient = ::gettid()] {
+        EXPECT_TRUE(WaitUntil([&] { return IsAsleep(iClient); }));
         pListener->Close();
     });
     EXPECT_FALSE(client.SendRequest(kChannel, m_vcReason));
@@ -352,7 +359,7 @@ TEST_F(IpcClientTest, ATimeLimitEndsTheWaitInAFullQueue) {
 
 TEST_F(IpcClientTest, ALongAnswerIsWaitedFor) {
     FakeIpcServer server(kChannel, [](const std::string&) {
-        std::this_thread::sleep_for(milliseconds(300));
+        std::this_thread::sleep_for(milliseconds(300));  // far longer than any answer takes
         return RawIntReply(3);
     });
     CIpcClient client(&m_Utilities, &m_Param);

@@ -24,6 +24,7 @@
 #include "LeakGuard.h"
 #include "RecordingNfsMain.h"
 #include "TempFolder.h"
+#include "WaitUntil.h"
 
 namespace {
 
@@ -44,7 +45,7 @@ class IpcServerTest : public testing::Test {
 protected:
     void SetUp() override {
         if (!IsIsolated()) {
-            GTEST_SKIP() << "needs a /tmp of its own";
+            GTEST_SKIP() << kNotIsolated;
         }
     }
 
@@ -262,7 +263,7 @@ TEST_F(IpcServerTest, ATrickleOfBytesHoldsUpNobodyForLong) {
     const auto start = steady_clock::now();
     std::thread trickle([&] {
         for (std::size_t i = 0; i < sRecord.size() && !bEnd && connection.Send(sRecord.substr(i, 1)); ++i) {
-            std::this_thread::sleep_for(milliseconds(100));
+            std::this_thread::sleep_for(milliseconds(100));  // so that the whole record would take minutes
             if (steady_clock::now() - start > seconds(40)) {
                 return;  // it failed: not for the five minutes that the record would take
             }
@@ -292,7 +293,7 @@ TEST_F(IpcServerTest, ARecordInPiecesArrivesWhole) {
     for (const std::size_t iStart : {0U, 3U, 10U, 18U, 1042U}) {
         const std::size_t iEnd = iStart == 0 ? 3 : iStart == 3 ? 10 : iStart == 10 ? 18 : iStart == 18 ? 1042 : 2064;
         EXPECT_TRUE(connection.Send(std::string_view(sRecord).substr(iStart, iEnd - iStart)));
-        std::this_thread::sleep_for(milliseconds(20));  // so that the pieces are read one by one
+        EXPECT_TRUE(WaitUntil([&] { return connection.IsTaken(); })) << "the pieces are read one by one";
     }
     EXPECT_EQ(connection.ReceiveAll(), RawBoolReply(true));
     reader.join();

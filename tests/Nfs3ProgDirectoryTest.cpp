@@ -7,7 +7,6 @@
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <sys/prctl.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -15,6 +14,7 @@
 #include <gmock/gmock.h>
 
 #include "Nfs3ProgFixture.h"
+#include "SoftLimit.h"
 
 namespace {
 
@@ -276,16 +276,10 @@ TEST_F(Nfs3ProgDirectoryTest, EntryWhosePathDoesNotFitHasNoHandle) {
 TEST_F(Nfs3ProgDirectoryTest, ListIsNotEmptyForWantOfADescriptor) {
     // The cache holds the last descriptor there is, and gives it back.
     MakeFiles(3);
-    rlimit limit{};
-    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
-    const int iNext = ::dup(0);
-    ::close(iNext);
+    const rlim_t nOneFree = GetLimitForFree(1);
     ASSERT_EQ(WordAt(Call(kNfsRead, XdrBuilder().Opaque(Handle("file1")).U64(0).U32(1)), 0), 0U);
-    const rlimit lower{static_cast<rlim_t>(iNext) + 1, limit.rlim_max};
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &lower), 0);
-    const Listing listing = List(false, 0);
-    ::setrlimit(RLIMIT_NOFILE, &limit);
-    EXPECT_EQ(listing.vEntries.size(), 3U);
+    const SoftLimit limit(RLIMIT_NOFILE, nOneFree);
+    EXPECT_EQ(List(false, 0).vEntries.size(), 3U);
 }
 
 TEST_F(Nfs3ProgDirectoryTest, ListOfAFileIsEmptyAndFinal) {

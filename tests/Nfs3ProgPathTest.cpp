@@ -2,13 +2,13 @@
 #include <filesystem>
 
 #include <fcntl.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <gmock/gmock.h>
 
 #include "Nfs3NamesFixture.h"
+#include "SoftLimit.h"
 
 namespace {
 
@@ -226,15 +226,8 @@ TEST_F(Nfs3ProgPathTest, ShortHandleReadsNothingBehindItself) {
 TEST_F(Nfs3ProgPathTest, FilesAreFoundWithoutADescriptorToSpare) {
     WriteWholeFile(Path("file"), "content");
     const std::string sHandle = Handle("file");
-    rlimit limit{};
-    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
-    const int iNext = ::dup(0);
-    ::close(iNext);
-    const rlimit lower{static_cast<rlim_t>(iNext), limit.rlim_max};
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &lower), 0);
-    const unsigned int iStatus = Status(kNfsAccess, XdrBuilder().Opaque(sHandle).U32(1));
-    ::setrlimit(RLIMIT_NOFILE, &limit);
-    EXPECT_EQ(iStatus, 0U);
+    const XdrBuilder arguments = XdrBuilder().Opaque(sHandle).U32(1);
+    EXPECT_EQ(WithoutDescriptors([&] { return Status(kNfsAccess, arguments); }), 0U);
 }
 
 TEST_F(Nfs3ProgPathTest, JoinIsBounded) {

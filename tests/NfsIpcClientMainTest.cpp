@@ -35,7 +35,7 @@ class NfsIpcClientMainTest : public testing::Test {
 protected:
     void SetUp() override {
         if (!IsIsolated()) {
-            GTEST_SKIP() << "needs a /tmp of its own";
+            GTEST_SKIP() << kNotIsolated;
         }
     }
 

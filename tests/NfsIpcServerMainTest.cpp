@@ -21,6 +21,7 @@
 #include "NfsIpcClientMain.h"
 #include "TempFolder.h"
 #include "UtilitiesIpcServer.h"
+#include "WaitUntil.h"
 
 namespace {
 
@@ -37,7 +38,7 @@ class NfsIpcServerMainTest : public testing::Test {
 protected:
     void SetUp() override {
         if (!IsIsolated()) {
-            GTEST_SKIP() << "needs a /tmp of its own";
+            GTEST_SKIP() << kNotIsolated;
         }
     }
 
@@ -301,10 +302,7 @@ TEST_F(IpcPairTest, AnAutoShutdownReachesTheServerOnlyIfItsOwnerAllowsIt) {
     EXPECT_FALSE(m_pServer->IsAutoShutdownRequested());
     m_pServer->EnableAutoShutdown(true);
     EXPECT_TRUE(m_pClient->RequestAutoShutdown());
-    for (int i = 0; i < 1000 && !m_pServer->IsAutoShutdownRequested(); ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));  // told just after the reply
-    }
-    EXPECT_TRUE(m_pServer->IsAutoShutdownRequested());
+    EXPECT_TRUE(WaitUntil([&] { return m_pServer->IsAutoShutdownRequested(); })) << "told just after the reply";
 }
 
 TEST_F(IpcPairTest, ManyClientThreadsListAtOnceWithoutADeadlock) {

@@ -20,6 +20,7 @@
 #include "NfsClient.h"
 #include "NfsMain.h"
 #include "TempFolder.h"
+#include "WaitUntil.h"
 
 namespace {
 
@@ -171,8 +172,11 @@ TEST_F(NfsJNITest, CallsOnManyThreadsWithoutALastingCallbackAreSafe) {
 }
 
 TEST_F(NfsJNITest, TerminatingWaitsForCallsInsideTheController) {
-    m_Methods[kLogRaw] = [](const std::vector<HostArgument>&) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    std::atomic<int> nInside{0};
+    m_Methods[kLogRaw] = [&](const std::vector<HostArgument>&) {
+        ++nInside;
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));  // calls take long enough to be met inside
+        --nInside;
         return HostAnswer{};
     };
     for (int iRound = 0; iRound < 10; ++iRound) {
@@ -181,7 +185,7 @@ TEST_F(NfsJNITest, TerminatingWaitsForCallsInsideTheController) {
         std::atomic<bool> bGone{false};
         OnThreads(4, [&](int i) {
             if (i == 0) {
-                std::this_thread::sleep_for(std::chrono::milliseconds(5));
+                EXPECT_TRUE(WaitUntil([&] { return nInside > 0; }));
                 Terminate(iHandle);
                 bGone = true;
                 return;
@@ -210,9 +214,7 @@ TEST_F(NfsJNITest, AHostMayTerminateFromInsideItsLogMethod) {
     EXPECT_TRUE(bDone);
     EXPECT_EQ(GetMountInfo(iHandle), 0);
     // The deletion happens aside, on a thread that must have ended before the machine goes.
-    while (CountThreads() > nThreads) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
+    EXPECT_TRUE(WaitUntil([&] { return CountThreads() <= nThreads; }));
 }
 
 TEST_F(NfsJNITest, TheLoopTakesOverWhenTheReceiverInItsWayHasGone) {
@@ -229,15 +231,11 @@ TEST_F(NfsJNITest, TheLoopTakesOverWhenTheReceiverInItsWayHasGone) {
         });
     };
     std::thread first([&] { loop(1); });
-    while (nAsked < 1) {
-        std::this_thread::yield();
-    }
+    EXPECT_TRUE(WaitUntil([&] { return nAsked >= 1; }));
     std::thread second([&] { loop(-1); });
     first.join();
     const int nAskedThen = nAsked;
-    while (nAsked < nAskedThen + 2) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+    EXPECT_TRUE(WaitUntil([&] { return nAsked >= nAskedThen + 2; }));
     EXPECT_EQ(m_Jvm.GlobalReferences(), 1U) << "the second loop's callback is the one installed";
     bEnd = true;
     second.join();
@@ -247,7 +245,7 @@ TEST_F(NfsJNITest, TheLoopTakesOverWhenTheReceiverInItsWayHasGone) {
 /// The whole road of a write: socket thread, callback, host, and back.
 TEST_F(NfsJNITest, AClientsWriteIsDecidedByTheHost) {
     if (!IsIsolated()) {
-        GTEST_SKIP() << "no network of its own";
+        GTEST_SKIP() << kNotIsolated;
     }
     const TempFolder folder;
     WriteWholeFile(folder / "disk", "");
@@ -264,9 +262,7 @@ TEST_F(NfsJNITest, AClientsWriteIsDecidedByTheHost) {
             NFSLIB_NATIVE(receiveCallbackLoop)(pEnv, jObj, iHandle, -1);
         });
     });
-    while (!bReceiving) {
-        std::this_thread::yield();
-    }
+    EXPECT_TRUE(WaitUntil([&] { return bReceiving.load(); }));
     EXPECT_EQ(Run([&](JNIEnv* pEnv, jobject jObj, const auto& text) {
                   EXPECT_EQ(NFSLIB_NATIVE(startServer)(pEnv, jObj, iHandle, 0, 0, JNI_FALSE), JNI_TRUE);
                   NFSLIB_NATIVE(addMountPoint)(pEnv, jObj, iHandle, text(folder.Path()), text("data"));

@@ -138,7 +138,7 @@ class NfsMainCachedHandlesTest : public NfsMainForwardingTest {
 protected:
     void SetUp() override {
         if (!IsIsolated()) {
-            GTEST_SKIP() << "needs network and mount namespaces of its own";
+            GTEST_SKIP() << kNotIsolated;
         }
         ASSERT_TRUE(m_Main.StartServer(0, 0, 0, 0, false, m_vcReason)) << m_vcReason;
         ASSERT_TRUE(m_Main.AddMountPoint(m_Folder.Path().c_str(), "data", m_vcReason)) << m_vcReason;

@@ -11,7 +11,6 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -21,6 +20,7 @@
 #include "FileLogger.h"
 #include "Isolation.h"
 #include "ServerFixture.h"
+#include "SoftLimit.h"
 
 namespace {
 
@@ -113,7 +113,7 @@ class NfsMainTest : public testing::Test {
 protected:
     void SetUp() override {
         if (!IsIsolated()) {
-            GTEST_SKIP() << "needs network and mount namespaces of its own";
+            GTEST_SKIP() << kNotIsolated;
         }
         Make("test", CRuntimeParam::kLogError);
     }
@@ -418,12 +418,11 @@ protected:
 
     /// In a process of its own.
     void ConnectOnceTooOften() {
-        const rlimit noCore{0, 0};
-        ::setrlimit(RLIMIT_CORE, &noCore);
+        const SoftLimit noCore(RLIMIT_CORE, 0);
         EXPECT_TRUE(Start()) << m_vcReason;
         const auto vpClients = Connect(GetParam().nConnections);
         const RpcClient oneMore(Transport::kTcp, GetParam().iPort);
-        std::this_thread::sleep_for(std::chrono::seconds(30));
+        std::this_thread::sleep_for(std::chrono::seconds(30));  // the assertion ends the process meanwhile
     }
 };
 

@@ -11,7 +11,6 @@
 #include <vector>
 
 #include <netinet/in.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -27,6 +26,8 @@
 #include "RpcClient.h"
 #include "ServerSocket.h"
 #include "SocketDoubles.h"
+#include "SoftLimit.h"
+#include "WaitUntil.h"
 
 namespace {
 
@@ -37,7 +38,7 @@ class PortmapTest : public testing::Test {
 protected:
     void SetUp() override {
         if (!IsIsolated()) {
-            GTEST_SKIP() << "no network of its own for port 111";
+            GTEST_SKIP() << kNotIsolated;
         }
     }
 
@@ -184,13 +185,8 @@ TEST_F(PortmapTest, WithoutDescriptorsNoneCountsAsRunning) {
     CDescriptor holder = CDescriptor::OpenSocket(SOCK_STREAM);
     int iPort = 111;
     ASSERT_TRUE(holder.BindToPort(&iPort));
-    rlimit before{};
-    ::getrlimit(RLIMIT_NOFILE, &before);
-    const rlimit none{0, before.rlim_max};
-    ::setrlimit(RLIMIT_NOFILE, &none);
-    CPortmap portmap(&m_Utilities, &m_RuntimeParam);
-    ::setrlimit(RLIMIT_NOFILE, &before);
-    EXPECT_FALSE(portmap.IsRunning()) << "the port could not be tried";
+    const auto pPortmap = WithoutDescriptors([&] { return std::make_unique<CPortmap>(&m_Utilities, &m_RuntimeParam); });
+    EXPECT_FALSE(pPortmap->IsRunning()) << "the port could not be tried";
     EXPECT_TRUE(m_Log.Lines().empty()) << m_Log.Dump();
 }
 
@@ -199,12 +195,7 @@ TEST_F(PortmapTest, WithSocketZeroAndNoDescriptorTheRegistrationFailsWithItsReas
     int iPort = 111;
     ASSERT_TRUE(holder.BindToPort(&iPort));
     CPortmap portmap(&m_Utilities, &m_RuntimeParam);
-    rlimit before{};
-    ::getrlimit(RLIMIT_NOFILE, &before);
-    const rlimit none{0, before.rlim_max};
-    ::setrlimit(RLIMIT_NOFILE, &none);
-    const bool bRegistered = portmap.Register(100003, 3, 0, 2050, m_cStatus);
-    ::setrlimit(RLIMIT_NOFILE, &before);
+    const bool bRegistered = WithoutDescriptors([&] { return portmap.Register(100003, 3, 0, 2050, m_cStatus); });
     EXPECT_FALSE(bRegistered);
     EXPECT_STREQ(m_cStatus, "Fail to opening register socket for port 2050. Reason=Error opening socket for port 2050");
 }

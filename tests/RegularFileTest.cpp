@@ -8,7 +8,6 @@
 
 #include <fcntl.h>
 #include <sys/inotify.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
@@ -17,6 +16,7 @@
 
 #include "Descriptor.h"
 #include "LeakGuard.h"
+#include "SoftLimit.h"
 #include "TempFolder.h"
 
 namespace {
@@ -92,18 +92,10 @@ TEST_F(RegularFileTest, FileIsMadeWhereALinkPointsTo) {
 
 TEST_F(RegularFileTest, OneFreeDescriptorIsEnough) {
     WriteWholeFile(m_Folder / "f", "x");
-    rlimit before{};
-    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
-    const int iFree = ::dup(STDERR_FILENO);
-    ASSERT_NE(iFree, -1);
-    ::close(iFree);
-    const rlimit limit{static_cast<rlim_t>(iFree) + 1, before.rlim_max};
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
-    const bool bOpened = Open("f", O_RDWR).IsOpen();
-    const bool bCreated = Create("f").IsOpen();
-    EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
-    EXPECT_TRUE(bOpened);
-    EXPECT_TRUE(bCreated);
+    const rlim_t nOneFree = GetLimitForFree(1);
+    const SoftLimit limit(RLIMIT_NOFILE, nOneFree);
+    EXPECT_TRUE(Open("f", O_RDWR).IsOpen());
+    EXPECT_TRUE(Create("f").IsOpen());
 }
 
 // A FIFO that takes a file's place at any moment is never opened: its writer would be let go.

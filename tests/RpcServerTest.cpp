@@ -198,10 +198,14 @@ TEST_F(RpcServerTest, AHundredCallsInOneReceiveAreAllAnswered) {
 
 TEST_F(RpcServerTest, ACallSplitAnywhereBehindItsHeaderIsAnsweredOnce) {
     Open();
+    m_Server.SetLogControl(CRuntimeParam::kLogRpc);  // tells what has been received
     const std::string sCall = Call(1, Opaque("0123456789")).Bytes(Transport::kTcp);
     for (std::size_t nFirst = 1; nFirst < sCall.size(); ++nFirst) {
+        m_Log.Clear();
         m_pTcp->Send(sCall.substr(0, nFirst));
-        std::this_thread::sleep_for(1ms);  // two receives, most often
+        ASSERT_TRUE(
+            m_Log.WaitForBeginning("[RpcServer.SocketReceived] Input buf size(" + std::to_string(nFirst) + ") "))
+            << m_Log.Dump();
         m_pTcp->Send(sCall.substr(nFirst));
         ExpectTcp(Record(Reply(0, Opaque("0123456789"))));
     }
@@ -471,7 +475,7 @@ TEST_F(RpcServerTest, CallsOfAllClientsRunOneAtATime) {
             if (nNow > *m_pMost) {
                 *m_pMost = nNow;
             }
-            std::this_thread::sleep_for(1ms);
+            std::this_thread::sleep_for(1ms);  // long enough for another call to come in, were it let in
             --*m_pRunning;
             return kProgHandled;
         }

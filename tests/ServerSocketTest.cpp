@@ -2,11 +2,13 @@
 #include "ServerSocket.h"
 
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -14,7 +16,6 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -26,7 +27,9 @@
 #include "LogCapture.h"
 #include "RpcClient.h"
 #include "SocketDoubles.h"
+#include "SoftLimit.h"
 #include "TempFolder.h"
+#include "WaitUntil.h"
 
 namespace {
 
@@ -57,15 +60,14 @@ protected:
 
     /// In a process of its own: two connections are allowed, a third follows.
     void ConnectOnceTooOften() {
-        const rlimit noCore{0, 0};
-        ::setrlimit(RLIMIT_CORE, &noCore);
+        const SoftLimit noCore(RLIMIT_CORE, 0);
         Open(2);
         const auto pFirst = Connect();
         const auto pSecond = Connect();
         ExpectServed(*pFirst);
         ExpectServed(*pSecond);
         const auto pThird = Connect();
-        std::this_thread::sleep_for(30s);
+        std::this_thread::sleep_for(30s);  // the assertion ends the process meanwhile
     }
 
     /// The server's end of a client's connection.
@@ -133,8 +135,9 @@ TEST_F(ServerSocketTest, AConnectionThatClosesFreesItsSlotForTheNextOne) {
 }
 
 TEST_F(ServerSocketTest, AConnectionWhosePeerHasClosedDoesNotCountWhileItsLastCallRuns) {
-    FunctionListener slow([](CSocket* pSocket) {
-        std::this_thread::sleep_for(200ms);  // a call that takes its time
+    std::atomic<bool> bAccepted{false};
+    FunctionListener slow([&](CSocket* pSocket) {
+        EXPECT_TRUE(WaitUntil([&] { return bAccepted.load(); }));
         Echo(pSocket);
     });
     m_Server.SetListener(&slow);
@@ -144,6 +147,8 @@ TEST_F(ServerSocketTest, AConnectionWhosePeerHasClosedDoesNotCountWhileItsLastCa
         pGone->Send("a call");
     }
     const auto pNext = Connect();
+    EXPECT_TRUE(WaitUntil([&] { return FindServerEnd(*pNext) != -1; })) << "it is let in while the call runs";
+    bAccepted = true;
     ExpectServed(*pNext);
 }
 
@@ -196,12 +201,7 @@ TEST_F(ServerSocketTest, APortInUseFailsWithTheSystemsReason) {
 }
 
 TEST_F(ServerSocketTest, WithoutDescriptorsOpeningFailsWithTheSystemsReason) {
-    rlimit before{};
-    ::getrlimit(RLIMIT_NOFILE, &before);
-    const rlimit none{0, before.rlim_max};
-    ::setrlimit(RLIMIT_NOFILE, &none);
-    const bool bOpen = m_Server.Open(100003, 0, 1, nullptr, m_cStatus);
-    ::setrlimit(RLIMIT_NOFILE, &before);
+    const bool bOpen = WithoutDescriptors([&] { return m_Server.Open(100003, 0, 1, nullptr, m_cStatus); });
     EXPECT_FALSE(bOpen);
     EXPECT_STREQ(m_cStatus, "Fail to create server socket. Too many open files (24)");
 }
@@ -329,13 +329,10 @@ TEST_F(ServerSocketTest, AcceptingOutOfDescriptorsFreesCachedFiles) {
         ASSERT_TRUE(utilities.GetCachedFileHandle(&runtimeParam, &logArgu, sPath.c_str(), false).IsOpen());
     }
     const CDescriptor next(::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3));  // the lowest free number
-    rlimit before{};
-    ::getrlimit(RLIMIT_NOFILE, &before);
-    const rlimit exhausted{static_cast<rlim_t>(next.Get()) + 1, before.rlim_max};
-    ::setrlimit(RLIMIT_NOFILE, &exhausted);
+    std::optional<SoftLimit> exhausted(std::in_place, RLIMIT_NOFILE, static_cast<rlim_t>(next.Get()) + 1);
     const bool bFirst = IsServed(client.Get());  // the system gave the waiting accept its number before
     const bool bSecond = IsServed(second.Get());
-    ::setrlimit(RLIMIT_NOFILE, &before);
+    exhausted.reset();
     EXPECT_TRUE(bFirst);
     EXPECT_TRUE(bSecond);
     m_Server.Close();
@@ -345,17 +342,14 @@ TEST_F(ServerSocketTest, AcceptingOutOfDescriptorsCostsNoProcessor) {
     Open(2);
     const CDescriptor first = CDescriptor::OpenSocket(SOCK_STREAM);
     const CDescriptor second = CDescriptor::OpenSocket(SOCK_STREAM);
-    rlimit before{};
-    ::getrlimit(RLIMIT_NOFILE, &before);
-    const rlimit none{0, before.rlim_max};
-    ::setrlimit(RLIMIT_NOFILE, &none);
+    std::optional<SoftLimit> none(std::in_place, RLIMIT_NOFILE, 0);
     // The system may have given the waiting accept its number already: one of the two has to wait.
     std::thread client([&] { EXPECT_TRUE(IsServed(first.Get())); });
     std::thread other([&] { EXPECT_TRUE(IsServed(second.Get())); });
     const std::clock_t iUsedBefore = std::clock();
     std::this_thread::sleep_for(1s);  // the time that is measured
     const double fUsed = static_cast<double>(std::clock() - iUsedBefore) / CLOCKS_PER_SEC;
-    ::setrlimit(RLIMIT_NOFILE, &before);
+    none.reset();
     client.join();
     other.join();
     EXPECT_LT(fUsed, 0.1) << "seconds of processor time in one second";

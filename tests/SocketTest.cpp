@@ -18,6 +18,7 @@
 #include "Descriptor.h"
 #include "LeakGuard.h"
 #include "SocketDoubles.h"
+#include "WaitUntil.h"
 
 namespace {
 
@@ -245,8 +246,8 @@ TEST_F(SocketTest, ASlowReaderThatGoesOnReadingGetsItsWholeReply) {
     socket.Open(m_iNear, &listener, nullptr);
     SendFromPeer("x");
     std::size_t nReceived = 0;
-    for (int i = 0; i < 3; ++i) {  // longer than five seconds in all
-        std::this_thread::sleep_for(2s);
+    for (int i = 0; i < 3; ++i) {
+        std::this_thread::sleep_for(2s);  // less than five seconds each, more in all
         nReceived += ReceiveAtPeer(100000).size();
     }
     nReceived += ReceiveAtPeer(kBufferSize - nReceived).size();

@@ -8,7 +8,6 @@
 #include <vector>
 
 #include <fcntl.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,6 +16,7 @@
 #include "Descriptor.h"
 #include "LogCapture.h"
 #include "PathGuard.h"
+#include "SoftLimit.h"
 #include "TempFolder.h"
 
 namespace {
@@ -115,15 +115,11 @@ TEST_F(ShellCommand, EmptyCommandDoesNothing) {
 }
 
 TEST_F(ShellCommand, ShellThatCannotBeStartedIsReportedWithoutRules) {
-    rlimit before{};
-    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
-    const rlimit none{0, before.rlim_max};  // no pipe can be made
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
-    const int iShown = m_Utilities.ExecuteSystemCmd(&m_Param, "echo one", true);
+    const auto execute = [&](bool bShown) { return m_Utilities.ExecuteSystemCmd(&m_Param, "echo one", bShown); };
+    const int iShown = WithoutDescriptors([&] { return execute(true); });  // no pipe can be made
     const std::vector<LogLine> vShown = m_Capture.Lines();
     m_Capture.Clear();
-    const int iSilent = m_Utilities.ExecuteSystemCmd(&m_Param, "echo one", false);
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+    const int iSilent = WithoutDescriptors([&] { return execute(false); });
     EXPECT_EQ(iShown, -1);
     EXPECT_EQ(vShown, (std::vector<LogLine>{{'i', "tester", "echo one"},
                                             {'i', "tester", "Fail to execute cmd (popen() failed)"}}));

@@ -32,7 +32,7 @@ class UtilitiesIpcServerTest : public testing::Test {
 protected:
     void SetUp() override {
         if (!IsIsolated()) {
-            GTEST_SKIP() << "needs a /tmp of its own";
+            GTEST_SKIP() << kNotIsolated;
         }
         m_Param.SetIpcID("client");
     }

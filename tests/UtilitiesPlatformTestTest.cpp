@@ -9,7 +9,6 @@
 
 #include <fcntl.h>
 #include <sys/mount.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -19,6 +18,7 @@
 #include "Descriptor.h"
 #include "Isolation.h"
 #include "LogCapture.h"
+#include "SoftLimit.h"
 #include "TempFolder.h"
 
 namespace {
@@ -147,7 +147,7 @@ TEST_F(PlatformTest, FileSystemFiguresStandInForty) {
 // On a small file system of its own, which nobody else uses and which is partly full, so that figures differ.
 TEST_F(PlatformTest, FiguresAreThoseOfTheTarget) {
     if (!IsIsolated()) {
-        GTEST_SKIP() << "this process has no mounts of its own";
+        GTEST_SKIP() << kNotIsolated;
     }
     const std::string sSmall = m_Folder / "small";
     ASSERT_EQ(::mkdir(sSmall.c_str(), 0755), 0);
@@ -483,12 +483,11 @@ TEST_F(PlatformTestSteps, ShortWriteIsTold) {
     const std::string sPath = m_Folder / "file";
     WriteWholeFile(sPath, "");
     const CDescriptor file = Open(sPath);
-    rlimit before{};
-    ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &before), 0);
-    const rlimit five{5, before.rlim_max};
-    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &five), 0);
-    const Lines vsLines = ReadWrite(file.Get(), 0, 10);
-    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &before), 0);
+    Lines vsLines;
+    {
+        const SoftLimit fiveBytes(RLIMIT_FSIZE, 5);
+        vsLines = ReadWrite(file.Get(), 0, 10);
+    }
     EXPECT_EQ(vsLines, (Lines{"[ OK ] File seek to position 0.",
                               "[FAIL] Write data with length 10. Error=Data lenght not match (write length = 5)",
                               "[ OK ] Move pointer to position 0.",

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -24,13 +25,26 @@ protected:
         return RunProgram(vsArguments);
     }
 
-    /// Waits until a file of the export holds a text, while the client that writes it runs.
-    void AwaitContent(const std::string& sName, const std::string& sContent, ChildProcess& client) {
-        while (client.IsRunning() &&
-               !(std::filesystem::exists(Folder() / sName) && ReadWholeFile(Folder() / sName) == sContent)) {
-            ::usleep(1000);
+    static ChildOptions OnTerminal() {
+        ChildOptions options;
+        options.bTerminal = true;
+        return options;
+    }
+    /// Sends a line, of less than 1000 bytes, to a put that has sent nothing yet, and waits until its progress tells
+    /// that the line has been stored: what stands on disk earlier may not have been answered yet.
+    static void SendAndAwait(ChildProcess& put, const std::string& sLine) {
+        put.Send(sLine);
+        ASSERT_TRUE(put.WaitFor("\033[K" + std::to_string(sLine.size()) + " B, ")) << put.Output();
+    }
+    /// Whether a process keeps a signal to itself, to take it when it suits it.
+    static bool Blocks(pid_t iPid, int iSignal) {
+        std::ifstream status("/proc/" + std::to_string(iPid) + "/status");
+        for (std::string sLine; std::getline(status, sLine);) {
+            if (sLine.starts_with("SigBlk:")) {
+                return (std::stoull(sLine.substr(7), nullptr, 16) >> (iSignal - 1) & 1) != 0;
+            }
         }
-        ASSERT_TRUE(client.IsRunning()) << client.Output();
+        return false;
     }
     /// A text of at least so many bytes in which every place differs from its surroundings.
     static std::string Numbers(std::size_t nSize) {

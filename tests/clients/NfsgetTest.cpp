@@ -8,6 +8,7 @@
 
 #include "Descriptor.h"
 #include "NfsgetFixture.h"
+#include "WaitUntil.h"
 
 namespace {
 
@@ -107,10 +108,7 @@ TEST_F(NfsgetTest, RefusedMountSaysWhatToDoAndReleaseDoesIt) {
 TEST_F(NfsgetTest, KilledClientLeavesTheExportBoundUntilItIsReleased) {
     ChildProcess put({Program(), "put", "-", "127.0.0.1:data/file"});
     put.Send("x");
-    while (Server().GetMountInfo(true, false) == 0 && put.IsRunning()) {
-        ::usleep(1000);
-    }
-    ASSERT_EQ(Server().GetMountInfo(true, false), 1);
+    ASSERT_TRUE(WaitUntil([&] { return Server().GetMountInfo(true, false) == 1; }));
     put.Signal(SIGKILL);
     EXPECT_EQ(put.Wait(), 128 + SIGKILL);
     EXPECT_EQ(Run({"list", "127.0.0.1:data"}).iStatus, 1);
@@ -122,19 +120,21 @@ TEST_F(NfsgetTest, KilledClientLeavesTheExportBoundUntilItIsReleased) {
 
 TEST_F(NfsgetTest, InterruptedPutUnmountsAndSaysWhatItLeaves) {
     WriteWholeFile(Folder() / "file", "what was there");
-    ChildProcess put({Program(), "put", "-", "127.0.0.1:data/file"});
-    put.Send("12345");
-    AwaitContent("file", "12345", put);
+    ChildProcess put({Program(), "put", "-", "127.0.0.1:data/file"}, OnTerminal());
+    SendAndAwait(put, "1234\n");
     ASSERT_EQ(Server().GetMountInfo(true, false), 1);
     put.Signal(SIGINT);
     EXPECT_EQ(put.Wait(), 1);
-    EXPECT_EQ(put.Output(), "nfsget: interrupted; \"file\" on the server is incomplete: 5 bytes\n");
+    EXPECT_THAT(put.Output(),
+                testing::EndsWith("\r\033[Knfsget: interrupted; \"file\" on the server is incomplete: 5 bytes\n"));
+    EXPECT_EQ(ReadWholeFile(Folder() / "file"), "1234\n");
     ExpectUnmounted();
 }
 
 TEST_F(NfsgetTest, PutWaitsForItsInputBeforeItTouchesAnything) {
     WriteWholeFile(Folder() / "file", "what was there");
     ChildProcess put({Program(), "put", "-", "127.0.0.1:data/file"});
+    ASSERT_TRUE(WaitUntil([&] { return Blocks(put.GetPid(), SIGINT); })) << "it is ready to be interrupted";
     ::usleep(100000);  // a put that does not wait needs a fraction of it
     put.Signal(SIGINT);
     EXPECT_EQ(put.Wait(), 1);
@@ -157,12 +157,14 @@ TEST_F(NfsgetTest, PutOfWhatCannotBeReadLeavesTheRemoteFileAlone) {
 }
 
 TEST_F(NfsgetTest, ServerThatGoesInMidPutIsAConnectionLost) {
-    ChildProcess put({Program(), "put", "-", "127.0.0.1:data/file"});
-    put.Send("12345");
-    AwaitContent("file", "12345", put);
+    ChildProcess put({Program(), "put", "-", "127.0.0.1:data/file"}, OnTerminal());
+    SendAndAwait(put, "1234\n");
     Server().StopServer();
     EXPECT_EQ(put.Wait(), 1) << "also while it waits for its input";
-    EXPECT_EQ(put.Output(), "nfsget: write \"file\": connection lost; \"file\" on the server is incomplete: 5 bytes\n");
+    EXPECT_THAT(
+        put.Output(),
+        testing::EndsWith("\r\033[K"
+                          "nfsget: write \"file\": connection lost; \"file\" on the server is incomplete: 5 bytes\n"));
 }
 
 /// Nobody reads what it gets until the server is gone.
@@ -185,7 +187,7 @@ TEST_F(NfsgetTest, SlowReaderOfAGetGetsEverything) {
     WriteWholeFile(Folder() / "file", sContent);
     ChildProcess get({Program(), "get", "127.0.0.1:data/file", "-"});
     ASSERT_TRUE(get.WaitFor("0\n"));
-    ::usleep(200000);
+    ASSERT_TRUE(WaitUntil([&] { return get.Pending() > 60000; })) << "until there is no room in the pipe";
     EXPECT_EQ(get.Wait(), 0);
     EXPECT_TRUE(get.Output() == sContent);
     ExpectUnmounted();
@@ -240,7 +242,7 @@ TEST_F(NfsgetTest, ClientInterruptedAtAnyMomentOfItsWorkUnmounts) {
     for (int iMicroseconds = 0; iMicroseconds < 40000; iMicroseconds += 1000) {
         ChildProcess get({Program(), "get", "127.0.0.1:data/file", "-"});
         while (Server().GetMountInfo(true, false) == 0 && get.IsRunning()) {
-            ::usleep(100);
+            ::usleep(100);  // the moments counted from here are to be close to each other
         }
         ::usleep(static_cast<useconds_t>(iMicroseconds));
         get.Signal(SIGTERM);
@@ -262,7 +264,7 @@ TEST_F(NfsgetTest, PutInterruptedAtAnyMomentOfItsWorkUnmounts) {
     for (int iMicroseconds = 0; iMicroseconds < 40000; iMicroseconds += 2000) {
         ChildProcess put({Program(), "put", local / "file", "127.0.0.1:data/file"});
         while (Server().GetMountInfo(true, false) == 0 && put.IsRunning()) {
-            ::usleep(100);
+            ::usleep(100);  // the moments counted from here are to be close to each other
         }
         ::usleep(static_cast<useconds_t>(iMicroseconds));
         put.Signal(SIGINT);

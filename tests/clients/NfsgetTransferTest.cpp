@@ -149,17 +149,24 @@ TEST_F(NfsgetTest, PipesAreNotResumed) {
 // ---- The terminal and the wire
 
 TEST_F(NfsgetTest, LongTransferTellsItsProgressOnATerminalOnly) {
-    WriteWholeFile(Folder() / "file", std::string(std::size_t{8} << 20, 'x'));
-    const std::string sSlow = Program() + " get 127.0.0.1:data/file - | { sleep 2; cat >/dev/null; }";
-    ChildOptions options;
-    options.bTerminal = true;
-    ChildProcess get({"/bin/sh", "-c", sSlow}, options);
+    const TempFolder other;
+    Export(other.Path(), "other");
+    for (const TempFolder* pFolder : {&Folder(), &other}) {
+        WriteWholeFile(*pFolder / "file", std::string(std::size_t{8} << 20, 'x'));
+    }
+    // The readers begin when the progress has been seen.
+    const std::string sBegin = other / "begin";
+    const std::string sSlow = " - | { while [ ! -e " + sBegin + " ]; do sleep 0.05; done; cat >/dev/null; }";
+    ChildProcess quiet({"/bin/sh", "-c", Program() + " get 127.0.0.1:other/file" + sSlow});
+    ChildProcess get({"/bin/sh", "-c", Program() + " get 127.0.0.1:data/file" + sSlow}, OnTerminal());
     EXPECT_TRUE(get.WaitFor(" of 8.0 MiB, ")) << get.Output();
     EXPECT_TRUE(get.WaitFor("/s")) << get.Output();
+    ::usleep(300000);  // the quiet one began earlier, and has at least as much time to say something
+    WriteWholeFile(sBegin, "");
     EXPECT_EQ(get.Wait(), 0);
     EXPECT_THAT(get.Output(), testing::EndsWith("\r\033[K")) << "the line is gone at the end";
-    const RunResult quiet = RunProgram({"/bin/sh", "-c", sSlow});
-    EXPECT_EQ(quiet.sOutput, "");
+    EXPECT_EQ(quiet.Wait(), 0);
+    EXPECT_EQ(quiet.Output(), "");
     ExpectUnmounted();
 }
 

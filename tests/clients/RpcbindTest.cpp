@@ -12,6 +12,7 @@
 #include "LibnfsClient.h"
 #include "ServerFixture.h"
 #include "Trees.h"
+#include "WaitUntil.h"
 
 namespace {
 
@@ -41,7 +42,7 @@ class RpcbindTest : public testing::Test {
 protected:
     void SetUp() override {
         if (!IsIsolated()) {
-            GTEST_SKIP() << "needs network and mount namespaces of its own";
+            GTEST_SKIP() << kNotIsolated;
         }
         if (FindProgram("rpcbind").empty() || FindProgram("rpcinfo").empty()) {
             GTEST_SKIP() << "needs the package rpcbind";
@@ -79,13 +80,10 @@ protected:
     }
 
     bool WaitForRpcbind() {
-        for (int i = 0; i < 1000 && m_pRpcbind->IsRunning(); ++i) {
-            if (Registrations().find("100000 2 tcp 111") != std::string::npos) {
-                return true;
-            }
-            ::usleep(10000);
-        }
-        return false;
+        return WaitUntil([this] {
+                   return !m_pRpcbind->IsRunning() || Registrations().find("100000 2 tcp 111") != std::string::npos;
+               }) &&
+               m_pRpcbind->IsRunning();
     }
 
     LeakGuard m_Leaks;

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "ConsoleSupport.h"
+#include "WaitUntil.h"
 
 namespace {
 
@@ -94,7 +95,7 @@ TEST_F(ConsoleInputProcess, EndOfInputIsNoEndOfTheProgram) {
         const auto pShell = Shell(std::string("exec \"$0\" -md svr -pidfile \"$1\" ") + pcInput);
         ASSERT_TRUE(WaitUntil([&] { return Exists("/tmp/nfs-server"); })) << pcInput;
         const long iTicks = TicksOf(pShell->GetPid());
-        ::poll(nullptr, 0, 1000);
+        ::poll(nullptr, 0, 1000);  // the second that is measured
         EXPECT_TRUE(pShell->IsRunning()) << pcInput;
         EXPECT_LT(TicksOf(pShell->GetPid()) - iTicks, 30) << pcInput << ": busy while idle (ticks in a second)";
         EXPECT_EQ(RunConsole({"-shutdown"}).iStatus, 0);
@@ -192,7 +193,7 @@ TEST_F(ConsoleTerminal, AttributesAreNeverChanged) {
     const std::string sBefore = Describe(terminal.Get());
     for (int i = 0; i < 300; ++i) {
         ASSERT_EQ(Describe(terminal.Get()), sBefore);
-        ::poll(nullptr, 0, 1);
+        ::poll(nullptr, 0, 1);  // for the length of three of its looks at the keyboard
     }
     m_pConsole->Send("quit\n");
     EXPECT_EQ(m_pConsole->Wait(), 0);
@@ -210,7 +211,7 @@ TEST_F(ConsoleTerminal, BackgroundJobServesOnAndLeavesTheKeyboardToTheShell) {
     const pid_t iConsole = std::stoi(ReadWholeFile(m_Folder / "pid"));
     shell.Send("echo typed-$((40+2))\n");
     EXPECT_TRUE(shell.WaitFor("typed-42")) << shell.Output();
-    ::poll(nullptr, 0, 300);
+    ::poll(nullptr, 0, 300);  // the length of three of its looks at the keyboard
     EXPECT_NE(StateOf(iConsole), 'T') << "stopped by reading or setting the terminal";
     EXPECT_EQ(RunConsole({"-shutdown"}).iStatus, 0);
     EXPECT_TRUE(shell.WaitFor("Exit by request")) << shell.Output();

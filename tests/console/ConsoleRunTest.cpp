@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "ConsoleSupport.h"
+#include "SoftLimit.h"
 
 namespace {
 

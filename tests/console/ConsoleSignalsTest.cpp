@@ -7,6 +7,7 @@
 
 #include "ConsoleSupport.h"
 #include "NfsClient.h"
+#include "WaitUntil.h"
 
 namespace {
 

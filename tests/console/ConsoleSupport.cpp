@@ -6,7 +6,6 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -22,17 +21,6 @@ std::string EmptyStatus(const std::string& sState) {
 
 bool Exists(const std::string& sPath) {
     return ::access(sPath.c_str(), F_OK) == 0;
-}
-
-bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds limit) {
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > end) {
-            return false;
-        }
-        ::poll(nullptr, 0, 5);
-    }
-    return true;
 }
 
 CDescriptor TakeUdpPort(std::uint16_t iPort) {

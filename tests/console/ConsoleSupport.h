@@ -3,7 +3,6 @@
 
 #include <chrono>
 #include <cstdint>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -31,8 +30,6 @@ inline std::string InternalBanner() {
 std::string EmptyStatus(const std::string& sState);
 
 bool Exists(const std::string& sPath);
-/// Waits for a condition; false when the time is over.
-bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds limit = ChildProcess::kLimit);
 
 /// Holds a UDP port, so that a server cannot have it.
 CDescriptor TakeUdpPort(std::uint16_t iPort);
@@ -58,7 +55,7 @@ class ConsoleTest : public testing::Test {
 protected:
     void SetUp() override {
         if (!IsIsolated()) {
-            GTEST_SKIP() << "this process has no network and /tmp of its own";
+            GTEST_SKIP() << kNotIsolated;
         }
     }
 

@@ -55,7 +55,7 @@ class IpcFuzzTest : public testing::Test {
 protected:
     void SetUp() override {
         if (!IsIsolated()) {
-            GTEST_SKIP() << "needs a /tmp of its own";
+            GTEST_SKIP() << kNotIsolated;
         }
         testing::internal::CaptureStdout();  // log callbacks end up there
     }

@@ -25,7 +25,7 @@ protected:
 
     void SetUp() override {
         if (!IsIsolated()) {
-            GTEST_SKIP() << "needs network and /tmp of its own";
+            GTEST_SKIP() << kNotIsolated;
         }
         m_pFolder = std::make_unique<TempFolder>();
         m_pServer = std::make_unique<ConsoleProcess>(std::vector<std::string>{"-md", "svr", "-id", "srv"});

@@ -1,6 +1,7 @@
 // Processes that die, hang or swarm: the server goes on, and a client's wait ends.
 #include <atomic>
 #include <chrono>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <thread>
@@ -12,6 +13,7 @@
 
 #include "IpcPeer.h"
 #include "IpcProcesses.h"
+#include "WaitUntil.h"
 
 namespace {
 
@@ -20,14 +22,18 @@ using std::chrono::steady_clock;
 
 class MisfortuneTest : public IpcProcesses {
 protected:
+    /// Exists while the endless command runs; with it the command ends.
+    std::string Begun() const { return *m_pFolder / "begun"; }
+    std::string EndlessCommand() const {
+        return "touch " + Begun() + "; while [ -e " + Begun() + " ]; do sleep 0.05; done; echo late";
+    }
     bool ServerAnswers() { return IpcExchange(kServerChannel, RawRequest(1, 16).Bytes()) == RawTextReply(5, "1.4"); }
 };
 
 TEST_F(MisfortuneTest, TheServersDeathEndsTheWaitOfARequest) {
     std::atomic<int> iResult{99};
-    std::thread waiting([&] { iResult = m_pClient->ExecuteSystemCmd("echo started; sleep 2; echo done", true); });
-    // The line comes when the command has ended at the latest; the request is under way in any case.
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    std::thread waiting([&] { iResult = m_pClient->ExecuteSystemCmd(EndlessCommand().c_str(), true); });
+    EXPECT_TRUE(WaitUntil([&] { return std::filesystem::exists(Begun()); })) << "the request is under way";
     m_pServer->Signal(SIGKILL);
     const auto start = steady_clock::now();
     waiting.join();
@@ -50,8 +56,8 @@ TEST_F(MisfortuneTest, AClientProcessThatIsKilledDuringItsRequestIsNobodysLoss) 
         ConsoleProcess victim({"-md", "cli", "-id", "victim"});
         ASSERT_TRUE(victim.WaitForPrompt()) << victim.Output();
         victim.Command("debug");
-        victim.Send("exec sleep 1; echo late\n");
-        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        victim.Send("exec " + EndlessCommand() + "\n");
+        EXPECT_TRUE(WaitUntil([&] { return std::filesystem::exists(Begun()); })) << "the request is under way";
         victim.Signal(SIGKILL);
         EXPECT_TRUE(victim.Wait().has_value());
     }

@@ -8,6 +8,7 @@
 #include <signal.h>
 
 #include "Isolation.h"
+#include "WaitUntil.h"
 
 namespace {
 
@@ -64,7 +65,7 @@ void JavaTest::SetUp() {
         GTEST_SKIP() << "no JDK: javac and java are missing (package default-jdk-headless)";
     }
     if (!IsIsolated()) {
-        GTEST_SKIP() << "no network and /tmp of its own";
+        GTEST_SKIP() << kNotIsolated;
     }
 }
 
@@ -142,19 +143,14 @@ std::vector<std::string> JavaHost::Notifications(const std::string& sHost) {
 }
 
 bool JavaHost::WaitForEvent(const std::string& sHost, const std::string& sEvent) {
-    const auto end = std::chrono::steady_clock::now() + ChildProcess::kLimit;
     std::string sSeen;
-    while (std::chrono::steady_clock::now() < end) {
-        for (const std::string& sSeenEvent : Events(sHost)) {
-            if (sSeenEvent == sEvent) {
-                return true;
-            }
-            sSeen += sSeenEvent + "\n";
-        }
-        ::usleep(10000);
-    }
-    ADD_FAILURE() << "expected " << sEvent << " but saw\n" << sSeen;
-    return false;
+    const bool bCame = WaitUntil([&] {
+        const std::vector<std::string> vsEvents = Events(sHost);
+        std::for_each(vsEvents.begin(), vsEvents.end(), [&](const std::string& sOne) { sSeen += sOne + "\n"; });
+        return std::find(vsEvents.begin(), vsEvents.end(), sEvent) != vsEvents.end();
+    });
+    EXPECT_TRUE(bCame) << "expected " << sEvent << " but saw\n" << sSeen;
+    return bCame;
 }
 
 int JavaHost::GlobalReferences() {

@@ -125,12 +125,7 @@ protected:
     }
     /// True as soon as the server has logged that so many bytes wait to be worked on.
     bool WaitForInput(std::size_t nBytes) {
-        const std::string sBegin = "[RpcServer.SocketReceived] Input buf size(" + std::to_string(nBytes) + ") pos(";
-        return WaitUntil([&] {
-            const std::vector<std::string> vsTexts = m_Log.Texts();
-            return std::any_of(vsTexts.begin(), vsTexts.end(),
-                               [&](const std::string& sText) { return sText.rfind(sBegin, 0) == 0; });
-        });
+        return m_Log.WaitForBeginning("[RpcServer.SocketReceived] Input buf size(" + std::to_string(nBytes) + ") pos(");
     }
     void LogRpc(bool bOn) {
         Server().SetLogControl(CRuntimeParam::kLogError | (bOn ? static_cast<int>(CRuntimeParam::kLogRpc) : 0));

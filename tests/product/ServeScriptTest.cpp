@@ -28,7 +28,7 @@ class ServeScriptTest : public testing::Test {
 protected:
     void SetUp() override {
         if (!IsIsolated()) {
-            GTEST_SKIP() << "needs network and mount namespaces of its own";
+            GTEST_SKIP() << kNotIsolated;
         }
         if (!std::filesystem::exists(BuildTree() + "/bin/nfsget")) {
             GTEST_SKIP() << "nfsget is not built";

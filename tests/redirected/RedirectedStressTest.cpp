@@ -18,6 +18,7 @@
 
 #include "RedirectedFile.h"
 #include "ServerFixture.h"
+#include "WaitUntil.h"
 
 namespace {
 
@@ -401,10 +402,7 @@ TEST_F(RedirectedStressTest, EveryByteIsRightWhateverTheHostDoesMeanwhile) {
     vThreads.emplace_back([this] { RunExporting(); });
     vThreads.emplace_back([this] { RunClosingDescriptors(); });
 
-    const auto end = std::chrono::steady_clock::now() + Duration();
-    while (!m_bStop && std::chrono::steady_clock::now() < end) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
+    WaitUntil([this] { return m_bStop.load(); }, Duration());  // until a reader fails, or the test's time is over
     m_bStop = true;
     for (std::thread& thread : vThreads) {
         thread.join();

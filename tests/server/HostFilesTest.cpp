@@ -25,6 +25,7 @@
 #include "RuntimeParam.h"
 #include "ServerFixture.h"
 #include "Utilities.h"
+#include "WaitUntil.h"
 
 namespace {
 
@@ -260,13 +261,12 @@ TEST_F(HostFilesTest, SourceThatTheHostReplacedIsReadAsWhatItIsNow) {
     EXPECT_EQ(Read(sHandle, 8), "old data");
     WriteWholeFile(sources / "next", "new data");
     ASSERT_EQ(::rename((sources / "next").c_str(), (sources / "source").c_str()), 0);
-    std::string sSeen;
-    const auto end = std::chrono::steady_clock::now() + ChildProcess::kLimit;
-    while ((sSeen = Read(sHandle, 8)) != "new data" && std::chrono::steady_clock::now() < end) {
-        EXPECT_EQ(sSeen, "old data");
-        ::usleep(20000);
-    }
-    EXPECT_EQ(sSeen, "new data") << "within a second or so";
+    const auto isNew = [&] {
+        const std::string sSeen = Read(sHandle, 8);
+        EXPECT_TRUE(sSeen == "old data" || sSeen == "new data") << sSeen;
+        return sSeen == "new data";
+    };
+    EXPECT_TRUE(WaitUntil(isNew)) << "within a second or so";
     EXPECT_EQ(OpenBelow(sources.Path()), std::vector<std::string>{sources / "source"});
 }
 
@@ -430,18 +430,9 @@ TEST_F(HostFilesTest, WriterOfAFifoStaysBlocked) {
         EXPECT_TRUE(bReader) << "let go before there was a reader";
         EXPECT_EQ(::write(fifo.Get(), "message", 7), 7);
     });
-    const auto isAsleep = [&iWriter] {
-        if (iWriter == 0) {
-            return false;
-        }
-        const std::string sState = ReadWholeFile("/proc/self/task/" + std::to_string(iWriter) + "/stat");
-        return sState.substr(sState.rfind(')')).starts_with(") S");
-    };
-    while (!isAsleep()) {
-        ::usleep(1000);
-    }
+    EXPECT_TRUE(WaitUntil([&] { return iWriter != 0 && IsAsleep(iWriter); }));
     ExpectNothingIsOpened("fifo");
-    EXPECT_TRUE(isAsleep());
+    EXPECT_TRUE(IsAsleep(iWriter));
     bReader = true;
     const CDescriptor fifo(::open(Path("fifo").c_str(), O_RDONLY | O_CLOEXEC));
     char vcMessage[8] = "";

@@ -221,6 +221,11 @@ std::string ChildProcess::Unread() {
     return Output().substr(m_iPassed);
 }
 
+int ChildProcess::Pending() const {
+    int nBytes = 0;
+    return ::ioctl(m_iOutput, FIONREAD, &nBytes) == 0 ? nBytes : 0;
+}
+
 void ChildProcess::Signal(int iSignal) {
     if (!Reap(false)) {
         ::kill(m_iPid, iSignal);

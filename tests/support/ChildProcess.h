@@ -41,6 +41,8 @@ public:
     const std::string& Output();
     /// What has come behind the text last waited for.
     std::string Unread();
+    /// Bytes of its output that wait in the pipe.
+    int Pending() const;
     void Signal(int iSignal);
     /// Waits for the end: the exit status, or 128 plus the signal; nothing when the limit is over.
     std::optional<int> Wait(std::chrono::milliseconds limit = kLimit);

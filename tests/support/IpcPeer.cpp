@@ -7,8 +7,10 @@
 #include <sstream>
 #include <stdexcept>
 
+#include <linux/sockios.h>
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -141,6 +143,11 @@ bool IpcConnection::Send(std::string_view sBytes) {
 
 void IpcConnection::ShutdownSend() {
     ::shutdown(m_iSocket, SHUT_WR);
+}
+
+bool IpcConnection::IsTaken() const {
+    int nUnread = -1;
+    return ::ioctl(m_iSocket, SIOCOUTQ, &nUnread) == 0 && nUnread == 0;
 }
 
 std::optional<std::string> IpcConnection::ReceiveAll(std::chrono::milliseconds limit) {

@@ -61,6 +61,8 @@ public:
     /// True if all bytes were taken.
     bool Send(std::string_view sBytes);
     void ShutdownSend();
+    /// True when the peer has read all that was sent.
+    bool IsTaken() const;
     /// Everything up to the peer's end; nothing when the peer has not ended within the limit.
     std::optional<std::string> ReceiveAll(std::chrono::milliseconds limit = std::chrono::seconds(20));
 

@@ -7,5 +7,7 @@
 const char* IsolateProcess();
 
 /// True if IsolateProcess() succeeded in this process. Tests that need ports below 1024 or /tmp/nfs-server of their
-/// own skip aloud without it.
+/// own skip aloud without it, saying kNotIsolated.
 bool IsIsolated();
+
+inline constexpr const char* kNotIsolated = "needs network and mount namespaces of its own";

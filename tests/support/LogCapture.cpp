@@ -46,6 +46,14 @@ bool LogCapture::WaitFor(const std::string& sText, std::chrono::milliseconds lim
     });
 }
 
+bool LogCapture::WaitForBeginning(const std::string& sText, std::chrono::milliseconds limit) const {
+    std::unique_lock lock(m_Mutex);
+    return m_Changed.wait_for(lock, limit, [&] {
+        return std::any_of(m_vLines.begin(), m_vLines.end(),
+                           [&](const LogLine& line) { return line.sText.starts_with(sText); });
+    });
+}
+
 std::string LogCapture::Dump() const {
     std::string sText;
     for (const LogLine& line : Lines()) {

@@ -50,6 +50,8 @@ public:
     bool Has(const std::string& sText, char cKind = '\0') const;
     /// True as soon as a line with exactly that text has come.
     bool WaitFor(const std::string& sText, std::chrono::milliseconds limit = std::chrono::seconds(20)) const;
+    /// The same for a line that begins with the text.
+    bool WaitForBeginning(const std::string& sText, std::chrono::milliseconds limit = std::chrono::seconds(20)) const;
     /// Everything as lines, for failure texts.
     std::string Dump() const;
     void Clear();

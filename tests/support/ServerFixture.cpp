@@ -6,7 +6,7 @@
 
 void ServerFixture::SetUp() {
     if (!IsIsolated()) {
-        GTEST_SKIP() << "needs network and mount namespaces of its own";
+        GTEST_SKIP() << kNotIsolated;
     }
     m_pFolder = std::make_unique<TempFolder>();
     m_pServer = std::make_unique<CapturingNfsMain>("test", CRuntimeParam::kLogError, &m_Log);

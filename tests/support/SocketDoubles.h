@@ -73,16 +73,3 @@ inline void Echo(CSocket* pSocket) {
     pSocket->GetOutputStream()->Write(sBytes.data(), static_cast<unsigned int>(sBytes.size()));
     pSocket->Send();
 }
-
-/// True as soon as the condition holds; false when the limit is over.
-template <typename Condition>
-bool WaitUntil(Condition condition, std::chrono::milliseconds limit = std::chrono::seconds(20)) {
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > end) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
