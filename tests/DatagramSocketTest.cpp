@@ -20,14 +20,14 @@ class DatagramSocketTest : public testing::Test {
 protected:
     void Open(ISocketListener* pListener) {
         m_Socket.SetListener(pListener);
-        ASSERT_TRUE(m_Socket.Open(100003, 0, nullptr, m_cStatus)) << m_cStatus;
+        ASSERT_TRUE(m_Socket.Open(100003, 0, nullptr, m_vcReason)) << m_vcReason;
     }
     int Port() const { return m_Socket.GetPort(); }
 
     LeakGuard m_Leaks;
     FunctionListener m_Echo{Echo};
     CDatagramSocket m_Socket;
-    char m_cStatus[kReasonBufferSize] = "";
+    char m_vcReason[kReasonBufferSize] = "";
 };
 
 }  // namespace
@@ -141,15 +141,15 @@ TEST_F(DatagramSocketTest, AClientThatLeftBeforeItsReplyDoesNotEndTheService) {
 TEST_F(DatagramSocketTest, APortInUseFailsWithTheSystemsReason) {
     Open(&m_Echo);
     CDatagramSocket second;
-    EXPECT_FALSE(second.Open(100003, Port(), nullptr, m_cStatus));
-    EXPECT_STREQ(m_cStatus, "Fail to bind datagram socket. Address already in use (98)");
+    EXPECT_FALSE(second.Open(100003, Port(), nullptr, m_vcReason));
+    EXPECT_STREQ(m_vcReason, "Fail to bind datagram socket. Address already in use (98)");
     EXPECT_FALSE(second.Open(100003, Port(), nullptr, nullptr)) << "no buffer, no text";
 }
 
 TEST_F(DatagramSocketTest, WithoutDescriptorsOpeningFailsWithTheSystemsReason) {
-    const bool bOpen = WithoutDescriptors([&] { return m_Socket.Open(100003, 0, nullptr, m_cStatus); });
+    const bool bOpen = WithoutDescriptors([&] { return m_Socket.Open(100003, 0, nullptr, m_vcReason); });
     EXPECT_FALSE(bOpen);
-    EXPECT_STREQ(m_cStatus, "Fail to create datagram socket. Too many open files (24)");
+    EXPECT_STREQ(m_vcReason, "Fail to create datagram socket. Too many open files (24)");
 }
 
 TEST_F(DatagramSocketTest, ClosingEndsTheThreadAndFreesThePort) {
@@ -159,14 +159,14 @@ TEST_F(DatagramSocketTest, ClosingEndsTheThreadAndFreesThePort) {
         m_Socket.Close();
         m_Socket.Close();
         CDatagramSocket second;
-        ASSERT_TRUE(second.Open(100003, iPort, nullptr, m_cStatus)) << m_cStatus;
+        ASSERT_TRUE(second.Open(100003, iPort, nullptr, m_vcReason)) << m_vcReason;
     }
 }
 
 TEST_F(DatagramSocketTest, OpeningAnewClosesWhatWasOpen) {
     Open(&m_Echo);
     const int iPort = Port();
-    ASSERT_TRUE(m_Socket.Open(100003, iPort, nullptr, m_cStatus)) << m_cStatus;
+    ASSERT_TRUE(m_Socket.Open(100003, iPort, nullptr, m_vcReason)) << m_vcReason;
     RpcClient client(Transport::kUdp, iPort);
     client.Send("hello");
     EXPECT_EQ(client.Receive(), "hello");

@@ -146,10 +146,10 @@ protected:
     /// Uses every registry as long as it takes to find it unlocked.
     void TouchEverything() {
         CRuntimeParam quiet("probe", 0);
-        LogArgu logArgu{"Probe"};
+        LogArgu tag{"Probe"};
         m_Probed.GetMountInfo(&quiet, false, false);
         m_Probed.GetSessionInfo(&quiet, false);
-        m_Probed.CloseCachedFileHandle(&quiet, &logArgu, "/no such file");
+        m_Probed.CloseCachedFileHandle(&quiet, &tag, "/no such file");
         m_Probed.GetRedirectedFile("/no such file");
         m_Probed.GetVSphereInfo(&quiet, false);
         m_Probed.GetNetDeviceCredential(&quiet, false);

@@ -50,16 +50,16 @@ TEST(IpcBasicTest, InitialisingLeavesTheBodyAsItIs) {
 class IpcBasicLogTest : public testing::Test {
 protected:
     std::vector<std::string> Print(int iLogControl, const RawRecord& record) {
-        LogCapture capture;
-        CaptureUtilities utilities(&capture);
+        LogCapture log;
+        CaptureUtilities utilities(&log);
         CRuntimeParam param("me", iLogControl);
         CIpcBasic basic(&utilities, &param);
         IpcDataBuf data{};
         record.Bytes().copy(data.cBuf, sizeof(data.cBuf));
         data.lDataLen = static_cast<std::int64_t>(record.Bytes().size());
-        LogArgu logArgu{"Tag"};
-        basic.PrintData(&logArgu, &data);
-        return capture.Texts('i');
+        LogArgu tag{"Tag"};
+        basic.PrintData(&tag, &data);
+        return log.Texts('i');
     }
 };
 

@@ -18,8 +18,8 @@ protected:
         IpcDataInst inst{};
         sRecord.copy(inst.request.cBuf, sizeof(inst.request.cBuf));
         inst.request.lDataLen = static_cast<std::int64_t>(sRecord.size());
-        LogArgu logArgu{"Test"};
-        m_Server.ParseData(&logArgu, &inst);
+        LogArgu tag{"Test"};
+        m_Server.ParseData(&tag, &inst);
         return std::string(inst.reply.cBuf, static_cast<std::size_t>(inst.reply.lDataLen));
     }
     std::string Serve(const RawRecord& record) { return Serve(record.Bytes()); }

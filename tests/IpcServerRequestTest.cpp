@@ -25,8 +25,8 @@ protected:
         IpcDataInst inst{};
         record.Bytes().copy(inst.request.cBuf, sizeof(inst.request.cBuf));
         inst.request.lDataLen = static_cast<std::int64_t>(record.Bytes().size());
-        LogArgu logArgu{"Test"};
-        m_Server.ParseData(&logArgu, &inst);
+        LogArgu tag{"Test"};
+        m_Server.ParseData(&tag, &inst);
         return std::string(inst.reply.cBuf, static_cast<std::size_t>(inst.reply.lDataLen));
     }
 
@@ -83,11 +83,11 @@ TEST_F(IpcServerRequestTest, VersionAndDescriptionAreTexts) {
     EXPECT_EQ(Difference(RawTextReply(5, "a recorder"), Serve(RawRequest(2, 16))), "");
 }
 
-TEST_F(IpcServerRequestTest, IsServerRunning) {
+TEST_F(IpcServerRequestTest, IsServerRunningAnswersWhatTheControllerSays) {
     ExpectBool(RawRequest(3, 16), "IsServerRunning()");
 }
 
-TEST_F(IpcServerRequestTest, StartServer) {
+TEST_F(IpcServerRequestTest, StartServerCarriesPortsOwnersAndReadOnlyAndAnswersAReason) {
     ExpectWithReason(RawRequest(4, 36).I32(16, 1058).I32(20, -2049).I32(24, -1).I32(28, 65534).Byte(32, 1),
                      "StartServer(1058, -2049, 4294967295, 65534, true)");
 }
@@ -97,30 +97,30 @@ TEST_F(IpcServerRequestTest, AddMountPointCarriesTheRequestersID) {
                      R"(AddMountPoint("/folder", "name", "client"))");
 }
 
-TEST_F(IpcServerRequestTest, RemoveMountPoint) {
+TEST_F(IpcServerRequestTest, RemoveMountPointCarriesItsPathAndAlwaysSucceeds) {
     ExpectAlwaysTrue(RawRequest(6, 1040).Text(16, "/folder"), R"(RemoveMountPoint("/folder"))");
 }
 
-TEST_F(IpcServerRequestTest, Sessions) {
+TEST_F(IpcServerRequestTest, SessionsAreAddedRemovedAndAskedForByTheirID) {
     ExpectAlwaysTrue(RawRequest(7, 1296).Text(16, "s1").Text(272, "/folder"), R"(AddSessionInfo("s1", "/folder"))");
     ExpectAlwaysTrue(RawRequest(8, 272).Text(16, "s1"), R"(RemoveSessionInfo("s1"))");
     ExpectBool(RawRequest(9, 272).Text(16, "s1"), R"(IsSessionExists("s1"))");
 }
 
-TEST_F(IpcServerRequestTest, OpenRedirectedFile) {
+TEST_F(IpcServerRequestTest, OpenRedirectedFileCarriesItsSizesAndWhetherThereIsAnInfoFile) {
     ExpectAlwaysTrue(
         RawRequest(10, 1064).Text(16, "/f").U64(1040, 0x7fffffffffffffffU).Byte(1048, 1).I32(1052, 12).I32(1056, -3),
         R"(OpenRedirectedFile("/f", 9223372036854775807, true, 12, -3))");
 }
 
-TEST_F(IpcServerRequestTest, OperationsOnAPath) {
+TEST_F(IpcServerRequestTest, OperationsOnAPathCarryItAndAlwaysSucceed) {
     ExpectAlwaysTrue(RawRequest(11, 1040).Text(16, "/f"), R"(CloseRedirectedFile("/f"))");
     ExpectAlwaysTrue(RawRequest(12, 1040).Text(16, "/d"), R"(CloseAllRedirectedFiles("/d"))");
     ExpectAlwaysTrue(RawRequest(16, 1040).Text(16, "/f"), R"(CloseCachedFileHandle("/f"))");
     ExpectAlwaysTrue(RawRequest(17, 1040).Text(16, "/d"), R"(CloseAllCachedFileHandles("/d"))");
 }
 
-TEST_F(IpcServerRequestTest, AddRedirectedFileSegment) {
+TEST_F(IpcServerRequestTest, ASegmentCarriesItsSourceAndThreeNumbersOf64Bits) {
     ExpectWithReason(RawRequest(13, 2088)
                          .Text(16, "/f")
                          .Text(1040, "/src")
@@ -130,13 +130,13 @@ TEST_F(IpcServerRequestTest, AddRedirectedFileSegment) {
                      R"(AddRedirectedFileSegment("/f", "/src", 1, -2, 1099511627776))");
 }
 
-TEST_F(IpcServerRequestTest, ExportsOfRedirectedFiles) {
+TEST_F(IpcServerRequestTest, ExportsOfRedirectedFilesCarryBothPathsAndAlwaysSucceed) {
     ExpectAlwaysTrue(RawRequest(14, 2064).Text(16, "/f").Text(1040, "/out"), R"(ExportRedirectedFile("/f", "/out"))");
     ExpectAlwaysTrue(RawRequest(15, 2068).Text(16, "/f").Text(1040, "/out").Byte(2064, 1),
                      R"(ExportRedirectedFileInfo("/f", "/out", true))");
 }
 
-TEST_F(IpcServerRequestTest, SetLogControl) {
+TEST_F(IpcServerRequestTest, SetLogControlCarriesEveryBit) {
     ExpectAlwaysTrue(RawRequest(18, 20).I32(16, -1), "SetLogControl(-1)");
 }
 
@@ -149,28 +149,28 @@ TEST_F(IpcServerRequestTest, ListingsRunForTheRequester) {
     ExpectInt(RawRequest(20, 276), "GetSessionInfo(srv//1, false)");
 }
 
-TEST_F(IpcServerRequestTest, RunTestMode) {
+TEST_F(IpcServerRequestTest, RunTestModeRunsForTheRequesterWithASizeOf64Bits) {
     ExpectAlwaysTrue(RawRequest(21, 3352).Text(16, "client").Text(272, "/dir").U64(3344, 5000000000U),
                      R"(RunTestMode(srv/client/1, "/dir", 5000000000))");
 }
 
-TEST_F(IpcServerRequestTest, GetServerStatus) {
+TEST_F(IpcServerRequestTest, GetServerStatusAnswersTheControllersNumber) {
     ExpectInt(RawRequest(23, 16), "GetServerStatus()");
 }
 
-TEST_F(IpcServerRequestTest, SetDebugActionEnabled) {
+TEST_F(IpcServerRequestTest, SetDebugActionEnabledCarriesItsFlagAndAlwaysSucceeds) {
     ExpectAlwaysTrue(RawRequest(24, 20).Byte(16, 1), "SetDebugActionEnabled(true)");
     ExpectAlwaysTrue(RawRequest(24, 20).Byte(16, 0), "SetDebugActionEnabled(false)");
 }
 
-TEST_F(IpcServerRequestTest, Datastores) {
+TEST_F(IpcServerRequestTest, DatastoresAreAddedWithFiveTextsAndRemovedByTheirMoid) {
     ExpectAlwaysTrue(
         RawRequest(26, 1296).Text(16, "moid").Text(272, "host").Text(528, "443").Text(784, "user").Text(1040, "pwd"),
         R"(AddVSphereInfo("moid", "host", "443", "user", "pwd"))");
     ExpectAlwaysTrue(RawRequest(27, 272).Text(16, "moid"), R"(RemoveVSphereInfo("moid"))");
 }
 
-TEST_F(IpcServerRequestTest, RunQuickTestMode) {
+TEST_F(IpcServerRequestTest, RunQuickTestModeRunsForTheRequesterAndAnswersAReason) {
     ExpectWithReason(RawRequest(28, 1300).Text(16, "client").Text(272, "/p").I32(1296, 2),
                      R"(RunQuickTestMode(srv/client/1, "/p", 2))");
 }
@@ -180,7 +180,7 @@ TEST_F(IpcServerRequestTest, ExecuteSystemCmdAlwaysLogsGeneralInformation) {
               R"(ExecuteSystemCmd(srv/client/3, "echo hi", true))");
 }
 
-TEST_F(IpcServerRequestTest, NetworkDeviceCredentials) {
+TEST_F(IpcServerRequestTest, NetworkDeviceCredentialsCarryTheirTextsAndAnswerWhatTheControllerSays) {
     ExpectBool(RawRequest(31, 1552).Text(16, "//dev").Text(1040, "user").Text(1295, "pwd"),
                R"(AddNetDeviceCredential("//dev", "user", "pwd"))");
     ExpectBool(RawRequest(32, 1040).Text(16, "//dev"), R"(RemoveNetDeviceCredential("//dev"))");
@@ -218,8 +218,8 @@ TEST_F(IpcServerRequestTest, RandomRecordsAreAnswered) {
         IpcDataInst inst{};
         sRecord.copy(inst.request.cBuf, sizeof(inst.request.cBuf));
         inst.request.lDataLen = static_cast<std::int64_t>(sRecord.size());
-        LogArgu logArgu{"Test"};
-        m_Server.ParseData(&logArgu, &inst);
+        LogArgu tag{"Test"};
+        m_Server.ParseData(&tag, &inst);
         ASSERT_EQ(I32At(std::string_view(inst.reply.cBuf, 16), 0), 1) << "round " << i;
         ASSERT_EQ(static_cast<std::size_t>(inst.reply.lDataLen),
                   GetIpcRecordLength(1, I32At(std::string_view(inst.reply.cBuf, 16), 4)));

@@ -24,8 +24,7 @@ class MountProgTest : public testing::Test {
 protected:
     MountProgTest() {
         char vcReason[kReasonBufferSize] = "";
-        EXPECT_TRUE(
-            m_Utilities.AddMountInfo(&m_RuntimeParam, &m_LogArgu, m_Folder.Path().c_str(), "data", "", vcReason))
+        EXPECT_TRUE(m_Utilities.AddMountInfo(&m_Param, &m_Tag, m_Folder.Path().c_str(), "data", "", vcReason))
             << vcReason;
     }
 
@@ -39,7 +38,7 @@ protected:
         param.iVersion = iVersion;
         param.iProc = iProc;
         param.sRemoteAddr = pcClient;
-        param.pRuntimeParam = &m_RuntimeParam;
+        param.pRuntimeParam = &m_Param;
         m_iResult = m_Prog.Process(&m_Input, &m_Output, &param);
         return {m_Output.GetBuffer(), m_Output.GetBufferSize()};
     }
@@ -50,15 +49,15 @@ protected:
         EXPECT_EQ(Call(kMountUmnt, XdrBuilder().Opaque(sName).Bytes()), "");
         EXPECT_EQ(m_iResult, kProgHandled);
     }
-    void SetLog(int iBits) { m_RuntimeParam.SetLogControl(iBits); }
+    void SetLog(int iBits) { m_Param.SetLogControl(iBits); }
     /// The root's handle: the first ID that was given out.
     static std::string FirstHandle(std::size_t iSize) { return std::string(iSize, '\0'); }
 
     TempFolder m_Folder;
     LogCapture m_Log;
     CaptureUtilities m_Utilities{&m_Log};
-    CRuntimeParam m_RuntimeParam{kClient, 0};
-    LogArgu m_LogArgu{"Test"};
+    CRuntimeParam m_Param{kClient, 0};
+    LogArgu m_Tag{"Test"};
     CMountProg m_Prog{&m_Utilities};
     CInputStream m_Input;
     COutputStream m_Output;
@@ -99,9 +98,9 @@ TEST_F(MountProgTest, EveryOtherVersionIsAnsweredLikeVersion3) {
 
 TEST_F(MountProgTest, HandleCarriesTheIdInLittleEndianOrder) {
     const TempFolder second;
-    ASSERT_TRUE(m_Utilities.AddMountInfo(&m_RuntimeParam, &m_LogArgu, second.Path().c_str(), "second", "", nullptr));
+    ASSERT_TRUE(m_Utilities.AddMountInfo(&m_Param, &m_Tag, second.Path().c_str(), "second", "", nullptr));
     for (int i = 0; i < 258; ++i) {  // IDs 0 to 257
-        m_Utilities.GetFileID(&m_RuntimeParam, &m_LogArgu, ("/none/" + std::to_string(i)).c_str());
+        m_Utilities.GetFileID(&m_Param, &m_Tag, ("/none/" + std::to_string(i)).c_str());
     }
     EXPECT_EQ(Hex(Mnt("second").substr(8, 8)), "02 01 00 00 00 00 00 00 ");
 }
@@ -184,7 +183,7 @@ TEST_F(MountProgTest, UnexpectedExceptionIsGarbageArgumentsAndLoggedAsAnError) {
     CMountProg prog(&utilities);
     ProcessParam param;
     param.iProc = kMountMnt;
-    param.pRuntimeParam = &m_RuntimeParam;
+    param.pRuntimeParam = &m_Param;
     SetLog(CRuntimeParam::kLogProcFuncArgu | CRuntimeParam::kLogError);
     EXPECT_EQ(prog.Process(&m_Input, &m_Output, &param), kProgGarbageArgs);
     EXPECT_THAT(m_Log.Lines(), ElementsAre(LogLine{'e', kClient, "[MountProg.Process] Unknown exception"}));
@@ -206,7 +205,7 @@ TEST_F(MountProgTest, UmntOfANameTooLongFailsWithAnEmptyBody) {
     EXPECT_THAT(m_Log.Lines(), ElementsAre(LogLine{'i', kClient, "[MountProg.ProcedureUMNT] Umount FAIL"}));
 }
 
-TEST_F(MountProgTest, LinesOfAMount) {
+TEST_F(MountProgTest, EveryCallLogsItsProcedureItsClientAndItsPath) {
     SetLog(CRuntimeParam::kLogProcFuncName | CRuntimeParam::kLogProcFuncArgu);
     Mnt("data");
     Umnt("data");
@@ -233,7 +232,7 @@ TEST_F(MountProgTest, EveryNumberIsAnsweredUnderTheNameInTheTable) {
     }
 }
 
-TEST_F(MountProgTest, LinesOfGeneralInformation) {
+TEST_F(MountProgTest, MountThatSucceedsIsGeneralInformation) {
     SetLog(CRuntimeParam::kLogGeneralInfo);
     Mnt("data");
     EXPECT_THAT(m_Log.Texts('i'),
@@ -251,7 +250,7 @@ TEST_F(MountProgTest, NothingIsLoggedWithAllBitsOff) {
 TEST_F(MountProgTest, WithoutUtilitiesNothingIsAvailable) {
     CMountProg prog(nullptr);
     ProcessParam param;
-    param.pRuntimeParam = &m_RuntimeParam;
+    param.pRuntimeParam = &m_Param;
     SetLog(0x3FF);
     EXPECT_EQ(prog.Process(&m_Input, &m_Output, &param), kProgNotImplemented);
 }

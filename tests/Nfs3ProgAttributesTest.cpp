@@ -52,12 +52,12 @@ protected:
 TEST_F(Nfs3ProgAttributesTest, EachFileCarriesTheIdOfItsOwnFileSystem) {
     for (int iRound = 0; iRound < 3; ++iRound) {
         for (const char* pcPath : {"/proc", "/sys", "/tmp"}) {
-            LogArgu logArgu{"test"};
+            LogArgu tag{"test"};
             CRuntimeParam param("test", 0);
             struct statvfs figures {};
             fattr3 attributes;
             ASSERT_EQ(::statvfs(pcPath, &figures), 0);
-            ASSERT_TRUE(m_Prog.GetNfsFileAttributes(&param, &logArgu, pcPath, &attributes));
+            ASSERT_TRUE(m_Prog.GetNfsFileAttributes(&param, &tag, pcPath, &attributes));
             EXPECT_EQ(attributes.fsid, figures.f_fsid) << pcPath;
         }
     }
@@ -66,17 +66,17 @@ TEST_F(Nfs3ProgAttributesTest, EachFileCarriesTheIdOfItsOwnFileSystem) {
 /// Clients take a changed ID for another file system.
 TEST_F(Nfs3ProgAttributesTest, FileThatVanishesMeanwhileDoesNotSpoilTheIdOfItsNeighbours) {
     WriteWholeFile(Path("file"), "");
-    LogArgu logArgu{"test"};
+    LogArgu tag{"test"};
     CRuntimeParam param("test", 0);
     fattr3 attributes;
-    ASSERT_TRUE(m_Prog.GetNfsFileAttributes(&param, &logArgu, "/proc", &attributes));  // elsewhere
+    ASSERT_TRUE(m_Prog.GetNfsFileAttributes(&param, &tag, "/proc", &attributes));  // elsewhere
     const FoundStatus found{true, Stat("file")};
-    ASSERT_TRUE(m_Prog.GetNfsFileAttributes(&param, &logArgu, Path("gone").c_str(), &attributes, &found));
+    ASSERT_TRUE(m_Prog.GetNfsFileAttributes(&param, &tag, Path("gone").c_str(), &attributes, &found));
     EXPECT_EQ(attributes.fsid, 4U);
     struct statvfs figures {};
     ASSERT_EQ(::statvfs(Path("file").c_str(), &figures), 0);
     ASSERT_NE(figures.f_fsid, 4U);
-    ASSERT_TRUE(m_Prog.GetNfsFileAttributes(&param, &logArgu, Path("file").c_str(), &attributes));
+    ASSERT_TRUE(m_Prog.GetNfsFileAttributes(&param, &tag, Path("file").c_str(), &attributes));
     EXPECT_EQ(attributes.fsid, figures.f_fsid);
 }
 
@@ -130,7 +130,7 @@ TEST_F(Nfs3ProgAttributesTest, OwnersAndTimesAreNotMixedUp) {
         << "atime, mtime, ctime in whole seconds";
 }
 
-TEST_F(Nfs3ProgAttributesTest, TypesOfAllKindsOfFiles) {
+TEST_F(Nfs3ProgAttributesTest, EveryKindOfFileHasItsType) {
     ::mkdir(Path("dir").c_str(), 0755);
     ASSERT_EQ(::mkfifo(Path("fifo").c_str(), 0600), 0);
     ASSERT_EQ(::mknod(Path("socket").c_str(), S_IFSOCK | 0600, 0), 0);
@@ -141,7 +141,7 @@ TEST_F(Nfs3ProgAttributesTest, TypesOfAllKindsOfFiles) {
 
 TEST_F(Nfs3ProgAttributesTest, DevicesCarryTheirOwnNumbers) {
     char vcReason[kReasonBufferSize] = "";
-    ASSERT_TRUE(m_Utilities.AddMountInfo(&m_RuntimeParam, &m_LogArgu, "/dev", "dev", "", vcReason)) << vcReason;
+    ASSERT_TRUE(m_Utilities.AddMountInfo(&m_Param, &m_Tag, "/dev", "dev", "", vcReason)) << vcReason;
     const Fattr3 attributes = Getattr(HandleOfPath("/dev/null"));
     EXPECT_EQ(attributes.iType, 4U);
     EXPECT_EQ(attributes.iRdevMajor, 1U);
@@ -188,7 +188,7 @@ TEST_F(Nfs3ProgAttributesTest, MissingFileAnswers5) {
     ExpectBareFailure(Call(kNfsGetattr, XdrBuilder().Opaque(sHandle)), 5, 0);
 }
 
-TEST_F(Nfs3ProgAttributesTest, LinesOfGetattr) {
+TEST_F(Nfs3ProgAttributesTest, GetattrLogsItsPathAndEveryAttribute) {
     WriteWholeFile(Path("file"), "12345");
     ASSERT_EQ(::chmod(Path("file").c_str(), 0640), 0);
     const std::string sHandle = Handle("file");
@@ -210,7 +210,7 @@ TEST_F(Nfs3ProgAttributesTest, LinesOfGetattr) {
 
 TEST_F(Nfs3ProgAttributesTest, RedirectedFileHasItsVirtualSize) {
     WriteWholeFile(Path("virtual"), "on disk");
-    m_Utilities.OpenRedirectedFile(&m_RuntimeParam, Path("virtual").c_str(), 5000000000, false, 0, 0);
+    m_Utilities.OpenRedirectedFile(&m_Param, Path("virtual").c_str(), 5000000000, false, 0, 0);
     const Fattr3 attributes = Getattr(Handle("virtual"));
     EXPECT_EQ(attributes.iSize, 5000000000U);
     EXPECT_EQ(attributes.iUsed, 5000000000U);
@@ -291,7 +291,7 @@ TEST_F(Nfs3ProgAttributesTest, ReadOnlyServerRefusesEveryChangeOfAttributes) {
     EXPECT_EQ(ReadWholeFile(Path("file")), "12345");
 }
 
-TEST_F(Nfs3ProgAttributesTest, LinesOfSetattr) {
+TEST_F(Nfs3ProgAttributesTest, SetattrLogsItsPathAndItsGuard) {
     WriteWholeFile(Path("file"), "");
     const std::string sHandle = Handle("file");
     SetLog(CRuntimeParam::kLogProcFuncArgu);
@@ -347,7 +347,7 @@ TEST_F(Nfs3ProgAttributesTest, EveryAttributeIsHandedOnInItsPlace) {
 
 TEST_F(Nfs3ProgAttributesTest, ChangesOfARedirectedFileAreTheHostsToGrant) {
     WriteWholeFile(Path("virtual"), "on disk");
-    m_Utilities.OpenRedirectedFile(&m_RuntimeParam, Path("virtual").c_str(), 100, false, 0, 0);
+    m_Utilities.OpenRedirectedFile(&m_Param, Path("virtual").c_str(), 100, false, 0, 0);
     const XdrBuilder attributes = XdrBuilder().U32(1).U32(0).U32(0).U32(0).U32(1).U64(50).U32(1).U32(2).U32(77).U32(1);
     ExpectBareFailure(Setattr(Handle("virtual"), attributes, NoGuard()), 22, 2);
     m_Log.SetHost([](const Notification&) { return 0; });
@@ -418,7 +418,7 @@ TEST_F(Nfs3ProgAttributesTest, AnyBytesMayStandInAName) {
     EXPECT_THAT(TakeLog(), Contains("[Nfs3Prog.ProcedureLOOKUP] Path = " + Path(sName)));
 }
 
-TEST_F(Nfs3ProgAttributesTest, LinesOfLookup) {
+TEST_F(Nfs3ProgAttributesTest, LookupLogsHowItsPathWasMatchedToAnExport) {
     WriteWholeFile(Path("file"), "");
     const std::string sRoot = Handle();
     SetLog(CRuntimeParam::kLogProcFuncArgu | CRuntimeParam::kLogGeneralInfo);
@@ -435,7 +435,7 @@ TEST_F(Nfs3ProgAttributesTest, LinesOfLookup) {
     EXPECT_EQ(vsLog.back(), sTag + "End stat=0");
 }
 
-TEST_F(Nfs3ProgAttributesTest, LinesOfAFailedLookup) {
+TEST_F(Nfs3ProgAttributesTest, LookupOfAMissingNameLogsThatItsPathDoesNotExist) {
     const std::string sRoot = Handle();
     SetLog(CRuntimeParam::kLogProcFuncArgu | CRuntimeParam::kLogGeneralInfo);
     Call(kNfsLookup, DirOp(sRoot, "missing"));
@@ -470,7 +470,7 @@ TEST_F(Nfs3ProgAttributesTest, AccessToNothingAnswers5) {
     ExpectBareFailure(Call(kNfsAccess, XdrBuilder().Opaque(Handle("missing")).U32(1)), 5, 1);
 }
 
-TEST_F(Nfs3ProgAttributesTest, LinesOfAccess) {
+TEST_F(Nfs3ProgAttributesTest, AccessLogsReadOnlyAndWhatIsAskedFor) {
     SetLog(CRuntimeParam::kLogProcFuncArgu);
     Call(kNfsAccess, XdrBuilder().Opaque(m_sForged).U32(0x3F));
     EXPECT_THAT(TakeLog(), ElementsAre("[Nfs3Prog.ProcedureACCESS] Readonly: 0, access: 3f",

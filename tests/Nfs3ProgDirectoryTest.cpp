@@ -114,7 +114,7 @@ TEST_F(Nfs3ProgDirectoryTest, EmptyDirectoryEndsAtOnce) {
 TEST_F(Nfs3ProgDirectoryTest, EntryOfReaddirByteByByte) {
     WriteWholeFile(Path("hello"), "12345");
     const std::string sReply = CallList(false, Handle(), 0, 7);
-    const unsigned int iID = m_Utilities.GetFileID(&m_RuntimeParam, &m_LogArgu, Path("hello").c_str());
+    const unsigned int iID = m_Utilities.GetFileID(&m_Param, &m_Tag, Path("hello").c_str());
     EXPECT_EQ(Hex(sReply.substr(92)),
               Hex(XdrBuilder().U64(7).U32(1).U64(iID).Opaque("hello").U64(1).U32(0).U32(1).Bytes()));
 }
@@ -122,7 +122,7 @@ TEST_F(Nfs3ProgDirectoryTest, EntryOfReaddirByteByByte) {
 TEST_F(Nfs3ProgDirectoryTest, EntryOfReaddirplusByteByByte) {
     WriteWholeFile(Path("hello"), "12345");
     const std::string sReply = CallList(true, Handle(), 0, 7);
-    const unsigned int iID = m_Utilities.GetFileID(&m_RuntimeParam, &m_LogArgu, Path("hello").c_str());
+    const unsigned int iID = m_Utilities.GetFileID(&m_Param, &m_Tag, Path("hello").c_str());
     ASSERT_EQ(sReply.size(), 4U + 88 + 8 + 4 + 8 + 12 + 8 + 88 + 64 + 8);
     EXPECT_EQ(Hex(sReply.substr(92, 44)),
               Hex(XdrBuilder().U64(7).U32(1).U64(iID).Opaque("hello").U64(1).U32(1).Bytes()));
@@ -179,7 +179,7 @@ TEST_F(Nfs3ProgDirectoryTest, FileidIsTheTablesIdAndNotTheInode) {
     for (const Entry& entry : List(true, 0).vEntries) {
         struct stat status {};
         ASSERT_EQ(::stat(Path(entry.sName).c_str(), &status), 0);
-        EXPECT_EQ(entry.lFileid, m_Utilities.GetFileID(&m_RuntimeParam, &m_LogArgu, Path(entry.sName).c_str()));
+        EXPECT_EQ(entry.lFileid, m_Utilities.GetFileID(&m_Param, &m_Tag, Path(entry.sName).c_str()));
         ASSERT_TRUE(entry.attributes.has_value());
         EXPECT_EQ(entry.attributes->iFileid, status.st_ino);
         EXPECT_EQ(entry.attributes->iSize, static_cast<std::uint64_t>(status.st_size));
@@ -240,7 +240,7 @@ TEST_F(Nfs3ProgDirectoryTest, DirectoryReachedThroughALinkGivesTheIdsOfItsFiles)
     ReadPostOpAttr(reader);
     reader.U64();
     ASSERT_TRUE(reader.Bool());
-    EXPECT_EQ(reader.U64(), m_Utilities.GetFileID(&m_RuntimeParam, &m_LogArgu, Path("b/dir/file").c_str()));
+    EXPECT_EQ(reader.U64(), m_Utilities.GetFileID(&m_Param, &m_Tag, Path("b/dir/file").c_str()));
 }
 
 TEST_F(Nfs3ProgDirectoryTest, NamesOfAnyBytesAreListed) {
@@ -298,7 +298,7 @@ TEST_F(Nfs3ProgDirectoryTest, ListOfNothingAnswers5) {
     }
 }
 
-TEST_F(Nfs3ProgDirectoryTest, LinesOfReaddir) {
+TEST_F(Nfs3ProgDirectoryTest, ListingLogsItsArgumentsAndEveryEntry) {
     WriteWholeFile(Path("hello"), "");
     const std::string sRoot = Handle();
     SetLog(CRuntimeParam::kLogProcFuncArgu);
@@ -316,7 +316,7 @@ TEST_F(Nfs3ProgDirectoryTest, LinesOfReaddir) {
 }
 
 // An entry's lines come in the order of its reply: ID, name, attributes, handle.
-TEST_F(Nfs3ProgDirectoryTest, LinesOfAnEntry) {
+TEST_F(Nfs3ProgDirectoryTest, EntryIsLoggedWithItsCanonicalPathAndByReaddirplusWithItsAttributes) {
     ::mkdir(Path("hello").c_str(), 0755);
     const std::string sRoot = Handle();
     for (const bool bPlus : {false, true}) {

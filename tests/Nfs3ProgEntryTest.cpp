@@ -326,7 +326,7 @@ TEST_F(Nfs3ProgClientTest, MountedExportServesItsClientAlone) {
     for (const Case& call : vCases) {
         EXPECT_EQ(WordAt(Call(call.iProc, call.sArguments), 0), call.iStatus) << call.pcName;
         ExpectRefusal(call.pcName);
-        EXPECT_STREQ(m_RuntimeParam.GetID(), kClientID) << "the line is not the export's business";
+        EXPECT_STREQ(m_Param.GetID(), kClientID) << "the line is not the export's business";
     }
     EXPECT_EQ(ReadWholeFile(m_Other / "file"), "theirs");
     m_sRemoteAddr = kStranger;
@@ -413,7 +413,7 @@ TEST_F(Nfs3ProgClientTest, OfNestedExportsOneOfTheClientsOwnIsEnough) {
     Mount("a-inner", kStranger);
     const std::string sFile = Handle("inner/file");
     EXPECT_EQ(Status(kNfsGetattr, XdrBuilder().Opaque(sFile)), 0U) << "by the outer one";
-    EXPECT_STREQ(m_RuntimeParam.GetID(), "a-inner") << "the first in name order, as ever";
+    EXPECT_STREQ(m_Param.GetID(), "a-inner") << "the first in name order, as ever";
     m_sRemoteAddr = kStranger;
     EXPECT_EQ(Status(kNfsGetattr, XdrBuilder().Opaque(sFile)), 0U) << "by the inner one";
     EXPECT_EQ(Status(kNfsGetattr, XdrBuilder().Opaque(Handle("file"))), 5U);

@@ -36,7 +36,7 @@ TEST_F(Nfs3ProgFileSystemTest, FsstatAnswersTheFiguresOfTheHost) {
 
 // A root file system usually keeps blocks back for its administrator: free and available differ there.
 TEST_F(Nfs3ProgFileSystemTest, FsstatKeepsTheOrderOfItsFigures) {
-    ASSERT_TRUE(m_Utilities.AddMountInfo(&m_RuntimeParam, &m_LogArgu, "/usr", "system", "", nullptr));
+    ASSERT_TRUE(m_Utilities.AddMountInfo(&m_Param, &m_Tag, "/usr", "system", "", nullptr));
     const XdrBuilder arguments = XdrBuilder().Opaque(HandleOfPath("/usr"));
     std::string sExpected;
     std::string sSeen;

@@ -100,7 +100,7 @@ TEST_F(Nfs3ProgNamespaceTest, CreateUnderNothingKnownAnswers5) {
     ExpectBareFailure(Call(kNfsMkdir, DirOp(m_sForged, "dir").Raw(m_sNoAttributes)), 5, 2);
 }
 
-TEST_F(Nfs3ProgNamespaceTest, LinesOfCreate) {
+TEST_F(Nfs3ProgNamespaceTest, CreateLogsItsNameItsModeAndWhetherTheFileWasThere) {
     const std::string sRoot = Handle();
     const std::string sTag = "[Nfs3Prog.ProcedureCREATE] ";
     SetLog(CRuntimeParam::kLogProcFuncArgu);
@@ -120,7 +120,7 @@ TEST_F(Nfs3ProgNamespaceTest, LinesOfCreate) {
 }
 
 // A refused CREATE says nothing of the file: it was not looked for.
-TEST_F(Nfs3ProgNamespaceTest, LinesOfARefusedCreate) {
+TEST_F(Nfs3ProgNamespaceTest, RefusedCreateLogsWhatItHadReadBeforeItsEnd) {
     const std::string sRoot = Handle();
     const std::string sTag = "[Nfs3Prog.ProcedureCREATE] ";
     SetLog(CRuntimeParam::kLogProcFuncArgu | CRuntimeParam::kLogError);
@@ -206,7 +206,7 @@ TEST_F(Nfs3ProgNamespaceTest, RemovalUnderNothingKnownAnswers2) {
 
 TEST_F(Nfs3ProgNamespaceTest, RemovalOfARedirectedFileIsToldToTheHost) {
     WriteWholeFile(Path("virtual"), "");
-    m_Utilities.OpenRedirectedFile(&m_RuntimeParam, Path("virtual").c_str(), 100, false, 0, 0);
+    m_Utilities.OpenRedirectedFile(&m_Param, Path("virtual").c_str(), 100, false, 0, 0);
     m_Log.SetHost([](const Notification&) { return 0; });
     ExpectBareFailure(Call(kNfsRemove, DirOp("virtual")), 0, 2);
     ASSERT_EQ(m_Log.Notifications().size(), 1U);
@@ -262,12 +262,12 @@ TEST_F(Nfs3ProgNamespaceTest, RenameToWhereNoExportIsAnswers5) {
 
 TEST_F(Nfs3ProgNamespaceTest, RenameBetweenExportsCarriesTheSourcesIdentity) {
     const TempFolder other;
-    ASSERT_TRUE(m_Utilities.AddMountInfo(&m_RuntimeParam, &m_LogArgu, other.Path().c_str(), "other", "", nullptr));
+    ASSERT_TRUE(m_Utilities.AddMountInfo(&m_Param, &m_Tag, other.Path().c_str(), "other", "", nullptr));
     WriteWholeFile(Path("file"), "content");
     Handle("file");
     ExpectBareFailure(Call(kNfsRename, DirOp("file").Opaque(HandleOfPath(other.Path())).Opaque("file")), 0, 4);
     EXPECT_EQ(ReadWholeFile(other / "file"), "content");
-    EXPECT_STREQ(m_RuntimeParam.GetID(), kExportName);
+    EXPECT_STREQ(m_Param.GetID(), kExportName);
 }
 
 // ---- Read only
@@ -293,7 +293,7 @@ TEST_F(Nfs3ProgNamespaceTest, ReadOnlyServerChangesNothing) {
 
 // ---- Log lines of the other procedures
 
-TEST_F(Nfs3ProgNamespaceTest, LinesOfMkdir) {
+TEST_F(Nfs3ProgNamespaceTest, MkdirLogsItsNameAndTheNewDirectorysAttributes) {
     const std::string sRoot = Handle();
     const std::string sTag = "[Nfs3Prog.ProcedureMKDIR] ";
     SetLog(CRuntimeParam::kLogProcFuncArgu);
@@ -306,7 +306,7 @@ TEST_F(Nfs3ProgNamespaceTest, LinesOfMkdir) {
     EXPECT_EQ(vsLog[3], sTag + "End stat=0");
 }
 
-TEST_F(Nfs3ProgNamespaceTest, LinesOfRenameTellTheSourceFirst) {
+TEST_F(Nfs3ProgNamespaceTest, RenameLogsTheSourceBeforeTheTarget) {
     WriteWholeFile(Path("old"), "content");
     Handle("old");
     const std::string sRoot = Handle();
@@ -319,7 +319,7 @@ TEST_F(Nfs3ProgNamespaceTest, LinesOfRenameTellTheSourceFirst) {
                             sTag + "End stat=0"));
 }
 
-TEST_F(Nfs3ProgNamespaceTest, LinesOfRemovals) {
+TEST_F(Nfs3ProgNamespaceTest, RemovalsLogTheirNameOrThatTheirDirectoryIsUnknown) {
     const std::string sRoot = Handle();
     SetLog(CRuntimeParam::kLogProcFuncArgu | CRuntimeParam::kLogError);
     for (const unsigned int iProc : {kNfsRemove, kNfsRmdir}) {

@@ -125,7 +125,7 @@ TEST_F(Nfs3ProgPathTest, DanglingLinkWithinTheExportIsFollowedByCreate) {
 
 TEST_F(Nfs3ProgPathTest, DanglingLinkIntoAnotherExportIsFollowed) {
     const TempFolder other;
-    ASSERT_TRUE(m_Utilities.AddMountInfo(&m_RuntimeParam, &m_LogArgu, other.Path().c_str(), "other", "", nullptr));
+    ASSERT_TRUE(m_Utilities.AddMountInfo(&m_Param, &m_Tag, other.Path().c_str(), "other", "", nullptr));
     Link(other / "new", "link");
     EXPECT_EQ(Create("link"), 0U);
     EXPECT_TRUE(std::filesystem::exists(other / "new"));
@@ -149,7 +149,7 @@ TEST_F(Nfs3ProgPathTest, SlashesWithinTheExportAreAllowed) {
 TEST_F(Nfs3ProgPathTest, RootOfAnExportIsNeitherRemovedNorRenamed) {
     ::mkdir(Path("sub").c_str(), 0755);
     ::mkdir(Path("inner").c_str(), 0755);
-    ASSERT_TRUE(m_Utilities.AddMountInfo(&m_RuntimeParam, &m_LogArgu, Path("inner").c_str(), "inner", "", nullptr));
+    ASSERT_TRUE(m_Utilities.AddMountInfo(&m_Param, &m_Tag, Path("inner").c_str(), "inner", "", nullptr));
     EXPECT_EQ(Rmdir("inner"), 5U);
     EXPECT_EQ(Remove("inner"), 5U);
     EXPECT_EQ(Rename("inner", "other"), 5U);

@@ -144,7 +144,7 @@ TEST_F(Nfs3ProgReadWriteTest, ReadOfNothingKnownAnswers5) {
     ExpectBareFailure(Read("ab", 0, 10), 5, 1);
 }
 
-TEST_F(Nfs3ProgReadWriteTest, LinesOfRead) {
+TEST_F(Nfs3ProgReadWriteTest, ReadLogsItsArgumentsAndWhatItDelivered) {
     WriteWholeFile(Path("file"), "0123456789");
     const std::string sHandle = Handle("file");
     const std::string sTag = "[Nfs3Prog.ProcedureREAD] ";
@@ -163,10 +163,10 @@ TEST_F(Nfs3ProgReadWriteTest, RedirectedFileMayAnswerMoreThanAsked) {
     // 10 bytes of a source, zeros behind them: a read over that border gets as many zeros as it asked for in all.
     WriteWholeFile(Path("virtual"), "");
     WriteWholeFile(Path("source"), "0123456789");
-    m_Utilities.OpenRedirectedFile(&m_RuntimeParam, Path("virtual").c_str(), 300000, false, 0, 0);
+    m_Utilities.OpenRedirectedFile(&m_Param, Path("virtual").c_str(), 300000, false, 0, 0);
     char vcReason[kReasonBufferSize] = "";
-    ASSERT_TRUE(m_Utilities.AddRedirectedFileSegment(&m_RuntimeParam, Path("virtual").c_str(), Path("source").c_str(),
-                                                     0, 0, 10, vcReason))
+    ASSERT_TRUE(m_Utilities.AddRedirectedFileSegment(&m_Param, Path("virtual").c_str(), Path("source").c_str(), 0, 0,
+                                                     10, vcReason))
         << vcReason;
     const std::string sReply = Read(Handle("virtual"), 0, 65536);
     const std::size_t nData = WordAt(sReply, 16);
@@ -262,7 +262,7 @@ TEST_F(Nfs3ProgReadWriteTest, FailedWriteAnswers22) {
     EXPECT_EQ(TakeLog().back(), "[Nfs3Prog.ProcedureWRITE] Write fail");
 }
 
-TEST_F(Nfs3ProgReadWriteTest, LinesOfWrite) {
+TEST_F(Nfs3ProgReadWriteTest, WriteLogsItsArgumentsAndWhatItStored) {
     WriteWholeFile(Path("file"), "");
     const std::string sHandle = Handle("file");
     const std::string sTag = "[Nfs3Prog.ProcedureWRITE] ";
@@ -274,7 +274,7 @@ TEST_F(Nfs3ProgReadWriteTest, LinesOfWrite) {
 
 TEST_F(Nfs3ProgReadWriteTest, WriteToARedirectedFileIsTheHostsToAnswer) {
     WriteWholeFile(Path("virtual"), "on disk");
-    m_Utilities.OpenRedirectedFile(&m_RuntimeParam, Path("virtual").c_str(), 100, false, 0, 0);
+    m_Utilities.OpenRedirectedFile(&m_Param, Path("virtual").c_str(), 100, false, 0, 0);
     ExpectBareFailure(Write(Handle("virtual"), 3, 4, "abcd"), 22, 2);
     m_Log.SetHost([](const Notification& notification) { return static_cast<int>(notification.iLen) - 1; });
     m_Log.Clear();
@@ -290,7 +290,7 @@ TEST_F(Nfs3ProgReadWriteTest, WriteToARedirectedFileIsTheHostsToAnswer) {
     EXPECT_EQ(ReadWholeFile(Path("virtual")), "on disk");
 }
 
-TEST_F(Nfs3ProgReadWriteTest, LinesOfFailuresInTheirOrder) {
+TEST_F(Nfs3ProgReadWriteTest, FailuresLogTheirReasonBeforeTheEnd) {
     ::mkdir(Path("dir").c_str(), 0755);
     const std::string sDir = Handle("dir");
     const std::string sMissing = Handle("missing");

@@ -57,7 +57,7 @@ std::string WholeArguments(unsigned int iProc, const std::string& sDir) {
     }
 }
 
-TEST_F(Nfs3ProgTest, VersionAndProcedures) {
+TEST_F(Nfs3ProgTest, SpeaksVersion3WithTwentyTwoProcedures) {
     EXPECT_EQ(m_Prog.GetVersion(), 3U);
     EXPECT_EQ(m_Prog.GetMaxSupportProc(), 22U);
 }
@@ -133,7 +133,7 @@ TEST_F(Nfs3ProgTest, UnexpectedExceptionIsGarbageArgumentsAndLoggedAsAnError) {
     CNfs3Prog prog(&utilities);
     ProcessParam param;
     param.iProc = kNfsAccess;
-    param.pRuntimeParam = &m_RuntimeParam;
+    param.pRuntimeParam = &m_Param;
     for (const bool bLogError : {true, false}) {
         const std::string sArguments = WholeArguments(kNfsAccess, Handle());
         m_Input.ResetBuffer();
@@ -193,7 +193,7 @@ TEST_F(Nfs3ProgTest, WhatFollowsACallIsLeftForTheNext) {
 TEST_F(Nfs3ProgTest, WithoutUtilitiesNothingIsAvailable) {
     CNfs3Prog prog(nullptr);
     ProcessParam param;
-    param.pRuntimeParam = &m_RuntimeParam;
+    param.pRuntimeParam = &m_Param;
     SetLog(0x3FF);
     EXPECT_EQ(prog.Process(&m_Input, &m_Output, &param), kProgNotImplemented);
 }
@@ -202,26 +202,26 @@ TEST_F(Nfs3ProgTest, WithoutUtilitiesNothingIsAvailable) {
 
 TEST_F(Nfs3ProgTest, CallCarriesTheNameAndIpcIdOfItsExport) {
     Call(kNfsGetattr, XdrBuilder().Opaque(Handle()));
-    EXPECT_STREQ(m_RuntimeParam.GetID(), kExportName);
-    EXPECT_STREQ(m_RuntimeParam.GetIpcID(), kIpcID);
+    EXPECT_STREQ(m_Param.GetID(), kExportName);
+    EXPECT_STREQ(m_Param.GetIpcID(), kIpcID);
 }
 
 TEST_F(Nfs3ProgTest, CallOnNoExportKeepsItsClientAndSaysSo) {
     SetLog(CRuntimeParam::kLogError);
     ExpectBareFailure(Call(kNfsGetattr, XdrBuilder().Opaque(m_sForged)), 5, 0);
-    EXPECT_STREQ(m_RuntimeParam.GetID(), kClientID);
+    EXPECT_STREQ(m_Param.GetID(), kClientID);
     EXPECT_THAT(m_Log.Lines(),
                 ElementsAre(LogLine{'e', kClientID, "[Nfs3Prog.ProcedureGETATTR] Path record not found"}));
 }
 
 TEST_F(Nfs3ProgTest, CheckPathOfNoPathIsStale) {
     ProcessParam param;
-    param.pRuntimeParam = &m_RuntimeParam;
-    EXPECT_EQ(m_Prog.CheckPath(&param, &m_LogArgu, nullptr, false), 70U);
-    EXPECT_EQ(m_Prog.CheckPath(&param, &m_LogArgu, nullptr, true), 70U);
-    EXPECT_EQ(m_Prog.CheckPath(&param, &m_LogArgu, "/no/such/path", false), 0U);
-    EXPECT_EQ(m_Prog.CheckPath(&param, &m_LogArgu, "/no/such/path", true), 5U);
-    EXPECT_EQ(m_Prog.CheckPath(&param, &m_LogArgu, m_Folder.Path().c_str(), true), 0U);
+    param.pRuntimeParam = &m_Param;
+    EXPECT_EQ(m_Prog.CheckPath(&param, &m_Tag, nullptr, false), 70U);
+    EXPECT_EQ(m_Prog.CheckPath(&param, &m_Tag, nullptr, true), 70U);
+    EXPECT_EQ(m_Prog.CheckPath(&param, &m_Tag, "/no/such/path", false), 0U);
+    EXPECT_EQ(m_Prog.CheckPath(&param, &m_Tag, "/no/such/path", true), 5U);
+    EXPECT_EQ(m_Prog.CheckPath(&param, &m_Tag, m_Folder.Path().c_str(), true), 0U);
 }
 
 // ---- The choice of the program by version
@@ -236,7 +236,7 @@ protected:
         ProcessParam param;
         param.iVersion = iVersion;
         param.iProc = iProc;
-        param.pRuntimeParam = &m_RuntimeParam;
+        param.pRuntimeParam = &m_Param;
         return prog.Process(&m_Input, &m_Output, &param);
     }
 };

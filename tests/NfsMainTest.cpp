@@ -642,15 +642,15 @@ TEST_F(NfsMainTest, OperationsLogUnderTheirOwnTags) {
 TEST_F(NfsMainTest, MountPointAddedByARemotePartyCarriesItsIpcId) {
     const TempFolder folder;
     ASSERT_TRUE(m_pMain->AddMountPoint(folder.Path().c_str(), "data", "ipc", m_vcReason)) << m_vcReason;
-    LogArgu logArgu{"test"};
+    LogArgu tag{"test"};
     MountInfo info;
-    ASSERT_TRUE(m_pMain->GetUtilities()->GetMountInfoByPath(m_pMain->GetRuntimeParam(), &logArgu, folder.Path().c_str(),
-                                                            &info));
+    ASSERT_TRUE(
+        m_pMain->GetUtilities()->GetMountInfoByPath(m_pMain->GetRuntimeParam(), &tag, folder.Path().c_str(), &info));
     EXPECT_EQ(info.sIcpID, "ipc");
     m_pMain->RemoveMountPoint(folder.Path().c_str());
     ASSERT_TRUE(m_pMain->AddMountPoint(folder.Path().c_str(), "data", m_vcReason)) << m_vcReason;
-    ASSERT_TRUE(m_pMain->GetUtilities()->GetMountInfoByPath(m_pMain->GetRuntimeParam(), &logArgu, folder.Path().c_str(),
-                                                            &info));
+    ASSERT_TRUE(
+        m_pMain->GetUtilities()->GetMountInfoByPath(m_pMain->GetRuntimeParam(), &tag, folder.Path().c_str(), &info));
     EXPECT_EQ(info.sIcpID, "");
 }
 

@@ -17,13 +17,13 @@ namespace {
 class PortmapProgTest : public testing::Test {
 protected:
     int Call(unsigned int iProcedure, const std::string& sArguments, int iLogControl = 0) {
-        CRuntimeParam runtimeParam("10.0.0.5", iLogControl);
-        ProcessParam param{2, iProcedure, "10.0.0.5", &runtimeParam};
+        CRuntimeParam param("10.0.0.5", iLogControl);
+        ProcessParam processParam{2, iProcedure, "10.0.0.5", &param};
         m_Input.ResetBuffer();
         m_Output.ResetBuffer();
         std::memcpy(m_Input.GetFreeBuffer(), sArguments.data(), sArguments.size());
         m_Input.AddFilledBufferSize(static_cast<unsigned int>(sArguments.size()));
-        return m_Prog.Process(&m_Input, &m_Output, &param);
+        return m_Prog.Process(&m_Input, &m_Output, &processParam);
     }
     static std::string Getport(unsigned int iProgram, unsigned int iVersion = 3, unsigned int iProtocol = 6) {
         return XdrBuilder().U32(iProgram).U32(iVersion).U32(iProtocol).U32(0).Bytes();
@@ -94,10 +94,9 @@ TEST_F(PortmapProgTest, UnexpectedExceptionIsGarbageArgumentsAndLoggedAsAnError)
     ThrowingUtilities utilities(&m_Log);
     CPortmapProg prog(&utilities);
     for (const bool bLogError : {true, false}) {
-        CRuntimeParam runtimeParam("10.0.0.5",
-                                   CRuntimeParam::kLogProcFuncName | (bLogError ? CRuntimeParam::kLogError : 0));
-        ProcessParam param{2, 3, "10.0.0.5", &runtimeParam};
-        EXPECT_EQ(prog.Process(&m_Input, &m_Output, &param), 1);
+        CRuntimeParam param("10.0.0.5", CRuntimeParam::kLogProcFuncName | (bLogError ? CRuntimeParam::kLogError : 0));
+        ProcessParam processParam{2, 3, "10.0.0.5", &param};
+        EXPECT_EQ(prog.Process(&m_Input, &m_Output, &processParam), 1);
         std::vector<std::string> expected;
         if (bLogError) {
             expected.emplace_back("[PortmapProg.Process] Unknown exception");
@@ -126,9 +125,9 @@ TEST_F(PortmapProgTest, ProcedureNamesAndArgumentsHaveLogBitsOfTheirOwn) {
 
 TEST_F(PortmapProgTest, WithoutUtilitiesNothingIsAvailable) {
     CPortmapProg prog(nullptr);
-    CRuntimeParam runtimeParam("x", -1);
-    ProcessParam param{2, 3, "x", &runtimeParam};
-    EXPECT_EQ(prog.Process(&m_Input, &m_Output, &param), 2);
+    CRuntimeParam param("x", -1);
+    ProcessParam processParam{2, 3, "x", &param};
+    EXPECT_EQ(prog.Process(&m_Input, &m_Output, &processParam), 2);
 }
 
 TEST_F(PortmapProgTest, EveryNumberIsAnsweredUnderTheNameInTheTable) {

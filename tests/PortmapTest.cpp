@@ -74,8 +74,8 @@ protected:
     LeakGuard m_Leaks;
     LogCapture m_Log;
     CaptureUtilities m_Utilities{&m_Log};
-    CRuntimeParam m_RuntimeParam{"test", CRuntimeParam::kLogPortmap};
-    char m_cStatus[kReasonBufferSize] = "";
+    CRuntimeParam m_Param{"test", CRuntimeParam::kLogPortmap};
+    char m_vcReason[kReasonBufferSize] = "";
 };
 
 /// The same with the system's portmapper running.
@@ -124,7 +124,7 @@ private:
 // ---- Without a portmapper
 
 TEST_F(PortmapTest, WithPort111FreeNoneRunsAndNothingIsLeftOpen) {
-    CPortmap portmap(&m_Utilities, &m_RuntimeParam);
+    CPortmap portmap(&m_Utilities, &m_Param);
     EXPECT_FALSE(portmap.IsRunning());
     EXPECT_FALSE(portmap.IsRunning(false));
     EXPECT_FALSE(portmap.IsRunning(true));
@@ -133,16 +133,16 @@ TEST_F(PortmapTest, WithPort111FreeNoneRunsAndNothingIsLeftOpen) {
 }
 
 TEST_F(PortmapTest, WithoutAPortmapperRegisteringAndUnregisteringSaySo) {
-    CPortmap portmap(&m_Utilities, &m_RuntimeParam);
-    EXPECT_FALSE(portmap.Register(100003, 3, 5, 2050, m_cStatus));
-    EXPECT_STREQ(m_cStatus, "Portmapper is not running.");
+    CPortmap portmap(&m_Utilities, &m_Param);
+    EXPECT_FALSE(portmap.Register(100003, 3, 5, 2050, m_vcReason));
+    EXPECT_STREQ(m_vcReason, "Portmapper is not running.");
     CServerSocket closed;
-    m_cStatus[0] = '\0';
-    EXPECT_FALSE(portmap.Register(100003, 3, &closed, m_cStatus));
-    EXPECT_STREQ(m_cStatus, "Portmapper is not running.");
-    m_cStatus[0] = '\0';
-    portmap.Unregister(100003, 3, m_cStatus);
-    EXPECT_STREQ(m_cStatus, "Portmapper is not running.");
+    m_vcReason[0] = '\0';
+    EXPECT_FALSE(portmap.Register(100003, 3, &closed, m_vcReason));
+    EXPECT_STREQ(m_vcReason, "Portmapper is not running.");
+    m_vcReason[0] = '\0';
+    portmap.Unregister(100003, 3, m_vcReason);
+    EXPECT_STREQ(m_vcReason, "Portmapper is not running.");
     portmap.Unregister(100003, 3, nullptr);
 }
 
@@ -150,7 +150,7 @@ TEST_F(PortmapTest, AnybodyOnPort111CountsAsAPortmapperFoundOnceAtConstruction) 
     CDescriptor holder = CDescriptor::OpenSocket(SOCK_STREAM);
     int iPort = 111;
     ASSERT_TRUE(holder.BindToPort(&iPort));
-    CPortmap portmap(&m_Utilities, &m_RuntimeParam);
+    CPortmap portmap(&m_Utilities, &m_Param);
     EXPECT_TRUE(portmap.IsRunning());
     EXPECT_EQ(m_Log.Texts('i'), std::vector<std::string>{"[Portmap.IsRunning] Port 111 is already in used"});
     holder.Close();
@@ -164,20 +164,20 @@ TEST_F(PortmapTest, APortmapperThatDoesNotAnswerFailsTheRegistration) {
     CDescriptor holder = CDescriptor::OpenSocket(SOCK_STREAM);
     int iPort = 111;
     ASSERT_TRUE(holder.BindToPort(&iPort));
-    CPortmap portmap(&m_Utilities, &m_RuntimeParam);
+    CPortmap portmap(&m_Utilities, &m_Param);
     CServerSocket server;
-    ASSERT_TRUE(server.Open(100003, 2050, 1, nullptr, m_cStatus)) << m_cStatus;
-    EXPECT_FALSE(portmap.Register(100003, 3, &server, m_cStatus));
-    EXPECT_STREQ(m_cStatus, "Fail to register socket for port 2050. Reason=Unable to register UDP for 100003 ver=3");
-    portmap.Unregister(100003, 3, m_cStatus);
+    ASSERT_TRUE(server.Open(100003, 2050, 1, nullptr, m_vcReason)) << m_vcReason;
+    EXPECT_FALSE(portmap.Register(100003, 3, &server, m_vcReason));
+    EXPECT_STREQ(m_vcReason, "Fail to register socket for port 2050. Reason=Unable to register UDP for 100003 ver=3");
+    portmap.Unregister(100003, 3, m_vcReason);
 }
 
 TEST_F(PortmapTest, WithoutThePortmapBitNothingIsLogged) {
-    m_RuntimeParam.SetLogControl(~CRuntimeParam::kLogPortmap);
+    m_Param.SetLogControl(~CRuntimeParam::kLogPortmap);
     CDescriptor holder = CDescriptor::OpenSocket(SOCK_STREAM);
     int iPort = 111;
     ASSERT_TRUE(holder.BindToPort(&iPort));
-    const CPortmap portmap(&m_Utilities, &m_RuntimeParam);
+    const CPortmap portmap(&m_Utilities, &m_Param);
     EXPECT_TRUE(m_Log.Lines().empty()) << m_Log.Dump();
 }
 
@@ -185,7 +185,7 @@ TEST_F(PortmapTest, WithoutDescriptorsNoneCountsAsRunning) {
     CDescriptor holder = CDescriptor::OpenSocket(SOCK_STREAM);
     int iPort = 111;
     ASSERT_TRUE(holder.BindToPort(&iPort));
-    const auto pPortmap = WithoutDescriptors([&] { return std::make_unique<CPortmap>(&m_Utilities, &m_RuntimeParam); });
+    const auto pPortmap = WithoutDescriptors([&] { return std::make_unique<CPortmap>(&m_Utilities, &m_Param); });
     EXPECT_FALSE(pPortmap->IsRunning()) << "the port could not be tried";
     EXPECT_TRUE(m_Log.Lines().empty()) << m_Log.Dump();
 }
@@ -194,40 +194,41 @@ TEST_F(PortmapTest, WithSocketZeroAndNoDescriptorTheRegistrationFailsWithItsReas
     CDescriptor holder = CDescriptor::OpenSocket(SOCK_STREAM);
     int iPort = 111;
     ASSERT_TRUE(holder.BindToPort(&iPort));
-    CPortmap portmap(&m_Utilities, &m_RuntimeParam);
-    const bool bRegistered = WithoutDescriptors([&] { return portmap.Register(100003, 3, 0, 2050, m_cStatus); });
+    CPortmap portmap(&m_Utilities, &m_Param);
+    const bool bRegistered = WithoutDescriptors([&] { return portmap.Register(100003, 3, 0, 2050, m_vcReason); });
     EXPECT_FALSE(bRegistered);
-    EXPECT_STREQ(m_cStatus, "Fail to opening register socket for port 2050. Reason=Error opening socket for port 2050");
+    EXPECT_STREQ(m_vcReason,
+                 "Fail to opening register socket for port 2050. Reason=Error opening socket for port 2050");
 }
 
 // ---- With the system's portmapper
 
 TEST_F(PortmapAndRpcbindTest, ProgramsAreListedForTcpAndUdpUntilTheyAreUnregistered) {
-    CPortmap portmap(&m_Utilities, &m_RuntimeParam);
+    CPortmap portmap(&m_Utilities, &m_Param);
     ASSERT_TRUE(portmap.IsRunning());
     CServerSocket nfs;
     CServerSocket mount;
-    ASSERT_TRUE(nfs.Open(100003, 2050, 1, nullptr, m_cStatus)) << m_cStatus;
-    ASSERT_TRUE(mount.Open(100005, 1059, 1, nullptr, m_cStatus)) << m_cStatus;
-    EXPECT_TRUE(portmap.Register(100003, 3, &nfs, m_cStatus)) << m_cStatus;
-    EXPECT_TRUE(portmap.Register(100005, 3, &mount, m_cStatus)) << m_cStatus;
+    ASSERT_TRUE(nfs.Open(100003, 2050, 1, nullptr, m_vcReason)) << m_vcReason;
+    ASSERT_TRUE(mount.Open(100005, 1059, 1, nullptr, m_vcReason)) << m_vcReason;
+    EXPECT_TRUE(portmap.Register(100003, 3, &nfs, m_vcReason)) << m_vcReason;
+    EXPECT_TRUE(portmap.Register(100005, 3, &mount, m_vcReason)) << m_vcReason;
     EXPECT_EQ(Registered("100003"), TcpAndUdp(2050));
     EXPECT_EQ(Registered("100005"), TcpAndUdp(1059));
 
-    portmap.Unregister(100003, 3, m_cStatus);
+    portmap.Unregister(100003, 3, m_vcReason);
     EXPECT_EQ(Registered("100003"), std::vector<std::string>{});
     EXPECT_EQ(Registered("100005"), TcpAndUdp(1059));
-    portmap.Unregister(100005, 3, m_cStatus);
+    portmap.Unregister(100005, 3, m_vcReason);
     EXPECT_EQ(Registered("100005"), std::vector<std::string>{});
-    EXPECT_STREQ(m_cStatus, "");
+    EXPECT_STREQ(m_vcReason, "");
 }
 
 TEST_F(PortmapAndRpcbindTest, EveryStepIsLogged) {
-    CPortmap portmap(&m_Utilities, &m_RuntimeParam);
+    CPortmap portmap(&m_Utilities, &m_Param);
     CServerSocket server;
-    ASSERT_TRUE(server.Open(100003, 2050, 1, nullptr, m_cStatus)) << m_cStatus;
-    EXPECT_TRUE(portmap.Register(100003, 3, &server, m_cStatus)) << m_cStatus;
-    portmap.Unregister(100003, 3, m_cStatus);
+    ASSERT_TRUE(server.Open(100003, 2050, 1, nullptr, m_vcReason)) << m_vcReason;
+    EXPECT_TRUE(portmap.Register(100003, 3, &server, m_vcReason)) << m_vcReason;
+    portmap.Unregister(100003, 3, m_vcReason);
     const std::vector<std::string> expected{
         "[Portmap.IsRunning] Port 111 is already in used",
         "[Portmap.RegisterSvc] Creating UDP for 100003 ver=3",
@@ -243,17 +244,17 @@ TEST_F(PortmapAndRpcbindTest, EveryStepIsLogged) {
 }
 
 TEST_F(PortmapAndRpcbindTest, RegisteringMovesAProgramToItsNewPort) {
-    CPortmap portmap(&m_Utilities, &m_RuntimeParam);
+    CPortmap portmap(&m_Utilities, &m_Param);
     CServerSocket first;
     CServerSocket second;
-    ASSERT_TRUE(first.Open(100003, 2050, 1, nullptr, m_cStatus)) << m_cStatus;
-    ASSERT_TRUE(second.Open(100003, 2051, 1, nullptr, m_cStatus)) << m_cStatus;
-    EXPECT_TRUE(portmap.Register(100003, 3, &first, m_cStatus)) << m_cStatus;
-    EXPECT_TRUE(portmap.Register(100003, 3, &first, m_cStatus)) << m_cStatus;
-    EXPECT_TRUE(portmap.Register(100003, 3, &second, m_cStatus)) << m_cStatus;
+    ASSERT_TRUE(first.Open(100003, 2050, 1, nullptr, m_vcReason)) << m_vcReason;
+    ASSERT_TRUE(second.Open(100003, 2051, 1, nullptr, m_vcReason)) << m_vcReason;
+    EXPECT_TRUE(portmap.Register(100003, 3, &first, m_vcReason)) << m_vcReason;
+    EXPECT_TRUE(portmap.Register(100003, 3, &first, m_vcReason)) << m_vcReason;
+    EXPECT_TRUE(portmap.Register(100003, 3, &second, m_vcReason)) << m_vcReason;
     EXPECT_EQ(Registered("100003"), TcpAndUdp(2051));
-    portmap.Unregister(100003, 3, m_cStatus);
-    portmap.Unregister(100003, 3, m_cStatus);
+    portmap.Unregister(100003, 3, m_vcReason);
+    portmap.Unregister(100003, 3, m_vcReason);
     EXPECT_EQ(Registered("100003"), std::vector<std::string>{});
 }
 
@@ -261,13 +262,13 @@ TEST_F(PortmapAndRpcbindTest, StartingAndStoppingAgainAndAgainLeaksNothingAndHar
     FunctionListener echo(Echo);
     CServerSocket server;
     server.SetListener(&echo);
-    ASSERT_TRUE(server.Open(100003, 2050, 1, nullptr, m_cStatus)) << m_cStatus;
+    ASSERT_TRUE(server.Open(100003, 2050, 1, nullptr, m_vcReason)) << m_vcReason;
     const int iSocket = server.GetSocket();
     std::size_t nDescriptors = 0;
     for (int i = 0; i < 20; ++i) {
-        CPortmap portmap(&m_Utilities, &m_RuntimeParam);
-        ASSERT_TRUE(portmap.Register(100003, 3, &server, m_cStatus)) << m_cStatus;
-        portmap.Unregister(100003, 3, m_cStatus);
+        CPortmap portmap(&m_Utilities, &m_Param);
+        ASSERT_TRUE(portmap.Register(100003, 3, &server, m_vcReason)) << m_vcReason;
+        portmap.Unregister(100003, 3, m_vcReason);
         const auto nNow =
             static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
         // From the second connection on the slot holds the descriptor of the one before.
@@ -281,8 +282,8 @@ TEST_F(PortmapAndRpcbindTest, StartingAndStoppingAgainAndAgainLeaksNothingAndHar
 }
 
 TEST_F(PortmapAndRpcbindTest, WithSocketZeroOneIsMadeAndHeldUntilTheProgramIsUnregistered) {
-    CPortmap portmap(&m_Utilities, &m_RuntimeParam);
-    EXPECT_TRUE(portmap.Register(100003, 3, 0, 2050, m_cStatus)) << m_cStatus;
+    CPortmap portmap(&m_Utilities, &m_Param);
+    EXPECT_TRUE(portmap.Register(100003, 3, 0, 2050, m_vcReason)) << m_vcReason;
     EXPECT_EQ(Registered("100003"), TcpAndUdp(2050));
     const CDescriptor other = CDescriptor::OpenSocket(SOCK_STREAM);
     int iPort = 2050;
@@ -292,17 +293,17 @@ TEST_F(PortmapAndRpcbindTest, WithSocketZeroOneIsMadeAndHeldUntilTheProgramIsUnr
 }
 
 TEST_F(PortmapAndRpcbindTest, WithSocketZeroAPortInUseFailsWithItsReason) {
-    CPortmap portmap(&m_Utilities, &m_RuntimeParam);
+    CPortmap portmap(&m_Utilities, &m_Param);
     CServerSocket server;
-    ASSERT_TRUE(server.Open(100003, 2050, 1, nullptr, m_cStatus)) << m_cStatus;
-    EXPECT_FALSE(portmap.Register(100003, 3, 0, 2050, m_cStatus));
-    EXPECT_STREQ(m_cStatus,
+    ASSERT_TRUE(server.Open(100003, 2050, 1, nullptr, m_vcReason)) << m_vcReason;
+    EXPECT_FALSE(portmap.Register(100003, 3, 0, 2050, m_vcReason));
+    EXPECT_STREQ(m_vcReason,
                  "Fail to opening register socket for port 2050. Reason=Error binding socket with port 2050");
 }
 
 TEST_F(PortmapAndRpcbindTest, ADescriptorThatIsNoSocketFailsWithItsReason) {
-    CPortmap portmap(&m_Utilities, &m_RuntimeParam);
-    EXPECT_FALSE(portmap.Register(100003, 3, -1, 2050, m_cStatus));
-    EXPECT_STREQ(m_cStatus, "Fail to register socket for port 2050. Reason=Cannot create UDP for 100003 ver=3");
+    CPortmap portmap(&m_Utilities, &m_Param);
+    EXPECT_FALSE(portmap.Register(100003, 3, -1, 2050, m_vcReason));
+    EXPECT_STREQ(m_vcReason, "Fail to register socket for port 2050. Reason=Cannot create UDP for 100003 ver=3");
     EXPECT_EQ(Registered("100003"), std::vector<std::string>{});
 }

@@ -8,9 +8,9 @@
 #include <gtest/gtest.h>
 
 TEST(Reason, IsFormattedIntoTheBuffer) {
-    char cStatus[kReasonBufferSize] = "";
-    WriteReason(cStatus, "Error binding socket with port %lu", 111UL);
-    EXPECT_STREQ(cStatus, "Error binding socket with port 111");
+    char vcReason[kReasonBufferSize] = "";
+    WriteReason(vcReason, "Error binding socket with port %lu", 111UL);
+    EXPECT_STREQ(vcReason, "Error binding socket with port 111");
 }
 
 TEST(Reason, WithoutABufferThereIsNone) {
@@ -18,11 +18,11 @@ TEST(Reason, WithoutABufferThereIsNone) {
 }
 
 TEST(Reason, ALongReasonIsCutAtTheBuffersEnd) {
-    char cStatus[kReasonBufferSize + 1];
-    std::memset(cStatus, '#', sizeof(cStatus));
-    WriteReason(cStatus, "%s", std::string(5000, 'x').c_str());
-    EXPECT_EQ(std::strlen(cStatus), kReasonBufferSize - 1);
-    EXPECT_EQ(cStatus[kReasonBufferSize], '#');
+    char vcReason[kReasonBufferSize + 1];
+    std::memset(vcReason, '#', sizeof(vcReason));
+    WriteReason(vcReason, "%s", std::string(5000, 'x').c_str());
+    EXPECT_EQ(std::strlen(vcReason), kReasonBufferSize - 1);
+    EXPECT_EQ(vcReason[kReasonBufferSize], '#');
 }
 
 TEST(Reason, ATextOfValuesIsWholeHoweverLong) {

@@ -51,7 +51,7 @@ TEST_F(RedirectedFileCloseTest, ClosedFileReadsNothingAndTakesNothing) {
 }
 
 TEST_F(RedirectedFileCloseTest, ReadsThatACloseOvertakesLeaveNoDescriptorInTheCache) {
-    LogArgu logArgu{"test"};
+    LogArgu tag{"test"};
     for (int iRound = 0; iRound < 300; ++iRound) {
         m_Param.SetLogControl(0);
         WriteWholeFile(Info(), "");
@@ -75,7 +75,7 @@ TEST_F(RedirectedFileCloseTest, ReadsThatACloseOvertakesLeaveNoDescriptorInTheCa
         reader.join();
         m_Param.SetLogControl(kAllLogs);
         m_Log.Clear();
-        m_Utilities.CloseAllCachedFileHandles(&m_Param, &logArgu);
+        m_Utilities.CloseAllCachedFileHandles(&m_Param, &tag);
         ASSERT_EQ(m_Log.Dump(), "") << "round " << iRound;
     }
 }

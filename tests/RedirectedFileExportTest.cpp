@@ -21,8 +21,8 @@ protected:
         }
         WriteWholeFile(Source(), m_sContent);
         // Only files inside an export are opened for writing.
-        LogArgu logArgu{"test"};
-        ASSERT_TRUE(m_Utilities.AddMountInfo(&m_Param, &logArgu, m_Folder.Path().c_str(), "data", "", nullptr));
+        LogArgu tag{"test"};
+        ASSERT_TRUE(m_Utilities.AddMountInfo(&m_Param, &tag, m_Folder.Path().c_str(), "data", "", nullptr));
     }
 
     std::string Out() const { return m_Folder / "out"; }

@@ -302,8 +302,8 @@ TEST_F(RedirectedFileReadTest, WalkDoesNotRelyOnTheDescriptorsPosition) {
     Add(B(), 0, 100, 100);
     ProcSegment cursor;
     m_File.GetSegment(&m_Param, 0, &cursor);
-    LogArgu logArgu{"test"};
-    const CCachedFile file = m_Utilities.GetCachedFileHandle(&m_Param, &logArgu, Info().c_str(), false);
+    LogArgu tag{"test"};
+    const CCachedFile file = m_Utilities.GetCachedFileHandle(&m_Param, &tag, Info().c_str(), false);
     ::lseek(file, 0, SEEK_END);
     m_File.GetNextSegment(&m_Param, &cursor);
     ASSERT_GE(cursor.index, 0);
@@ -414,8 +414,8 @@ TEST_F(RedirectedFileReadTest, ReadGoesOnFromTheInfoFileIntoWhatWasAddedWhileItW
     Add(A(), 0, 0, 40);
     const std::string sAside = m_Folder / "aside";
     ASSERT_EQ(std::rename(Info().c_str(), sAside.c_str()), 0);
-    LogArgu logArgu{"test"};
-    m_Utilities.CloseCachedFileHandle(&m_Param, &logArgu, Info().c_str());
+    LogArgu tag{"test"};
+    m_Utilities.CloseCachedFileHandle(&m_Param, &tag, Info().c_str());
     Add(B(), 0, 40, 40);
     Add(A(), 500, 80, 20);
     ASSERT_EQ(std::rename(sAside.c_str(), Info().c_str()), 0);

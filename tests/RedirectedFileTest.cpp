@@ -118,8 +118,8 @@ TEST_F(RedirectedFileTest, CheckPointsMarkTheRecordsAtTheirDistanceButNotTheFirs
     OpenWithInfoFile(16 * kMiB, 1, 2);
     EXPECT_TRUE(Add(A(), 0, 0, 5 * kMiB));
     WriteWholeFile(m_Folder / "dump", "");
-    LogArgu logArgu{"test"};
-    m_Utilities.AddMountInfo(&m_Param, &logArgu, m_Folder.Path().c_str(), "data", "", nullptr);  // for writing
+    LogArgu tag{"test"};
+    m_Utilities.AddMountInfo(&m_Param, &tag, m_Folder.Path().c_str(), "data", "", nullptr);  // for writing
     m_File.ExportInfo(&m_Param, (m_Folder / "dump").c_str(), true);
     EXPECT_EQ(ReadWholeFile(m_Folder / "dump"),
               "--> CheckPoint Segment fox=64, ox=2097152\n"
@@ -223,25 +223,25 @@ TEST_F(RedirectedFileTest, HugePieceSizesDoNotOverflow) {
 // ---- The wrappers
 
 TEST_F(RedirectedFileTest, WrappersTakeTheMissingDescriptorForASourceOfZeros) {
-    LogArgu logArgu{"test"};
+    LogArgu tag{"test"};
     char vcBuffer[4] = {1, 1, 1, 1};
-    EXPECT_EQ(m_File.OS_FileRead(&m_Param, &logArgu, -1, vcBuffer, 3), 3);
+    EXPECT_EQ(m_File.OS_FileRead(&m_Param, &tag, -1, vcBuffer, 3), 3);
     EXPECT_EQ(std::string(vcBuffer, 4), std::string("\0\0\0\1", 4));
-    EXPECT_EQ(m_File.OS_FileSeek(&m_Param, &logArgu, -1, 4711, SEEK_END), 4711);
+    EXPECT_EQ(m_File.OS_FileSeek(&m_Param, &tag, -1, 4711, SEEK_END), 4711);
     EXPECT_EQ(m_Log.Dump(), "") << "no system call, no line";
-    EXPECT_EQ(m_File.OS_FileWrite(&m_Param, &logArgu, -1, vcBuffer, 3), -1);
-    EXPECT_EQ(m_File.OS_FileTell(&m_Param, &logArgu, -1), -1);
+    EXPECT_EQ(m_File.OS_FileWrite(&m_Param, &tag, -1, vcBuffer, 3), -1);
+    EXPECT_EQ(m_File.OS_FileTell(&m_Param, &tag, -1), -1);
 }
 
 TEST_F(RedirectedFileTest, WrappersPassOtherDescriptorsOn) {
-    LogArgu logArgu{"test"};
+    LogArgu tag{"test"};
     const int iFile = ::open(A().c_str(), O_RDWR | O_CLOEXEC);
-    EXPECT_EQ(m_File.OS_FileSeek(&m_Param, &logArgu, iFile, 5, SEEK_SET), 5);
+    EXPECT_EQ(m_File.OS_FileSeek(&m_Param, &tag, iFile, 5, SEEK_SET), 5);
     char vcBuffer[4];
-    EXPECT_EQ(m_File.OS_FileRead(&m_Param, &logArgu, iFile, vcBuffer, 4), 4);
+    EXPECT_EQ(m_File.OS_FileRead(&m_Param, &tag, iFile, vcBuffer, 4), 4);
     EXPECT_EQ(std::string(vcBuffer, 4), SourceBytes('A', 5, 4));
-    EXPECT_EQ(m_File.OS_FileTell(&m_Param, &logArgu, iFile), 9);
-    EXPECT_EQ(m_File.OS_FileWrite(&m_Param, &logArgu, iFile, "xy", 2), 2);
+    EXPECT_EQ(m_File.OS_FileTell(&m_Param, &tag, iFile), 9);
+    EXPECT_EQ(m_File.OS_FileWrite(&m_Param, &tag, iFile, "xy", 2), 2);
     ::close(iFile);
     EXPECT_EQ(ReadWholeFile(A()).substr(9, 2), "xy");
 }

@@ -39,7 +39,7 @@ class ServerSocketTest : public testing::Test {
 protected:
     ServerSocketTest() { m_Server.SetListener(&m_Echo); }
 
-    void Open(int nMaxNum) { ASSERT_TRUE(m_Server.Open(100003, 0, nMaxNum, nullptr, m_cStatus)) << m_cStatus; }
+    void Open(int nMaxNum) { ASSERT_TRUE(m_Server.Open(100003, 0, nMaxNum, nullptr, m_vcReason)) << m_vcReason; }
     std::unique_ptr<RpcClient> Connect() { return std::make_unique<RpcClient>(Transport::kTcp, m_Server.GetPort()); }
     static void ExpectServed(RpcClient& client) {
         client.Send("hello");
@@ -97,7 +97,7 @@ protected:
     LeakGuard m_Leaks;
     FunctionListener m_Echo{Echo};
     CServerSocket m_Server;
-    char m_cStatus[kReasonBufferSize] = "";
+    char m_vcReason[kReasonBufferSize] = "";
 };
 
 using ServerSocketDeathTest = ServerSocketTest;
@@ -194,16 +194,16 @@ TEST_F(ServerSocketTest, ClosingEndsAConnectionWhoseCallWaitsForAnothers) {
 TEST_F(ServerSocketTest, APortInUseFailsWithTheSystemsReason) {
     Open(1);
     CServerSocket second;
-    EXPECT_FALSE(second.Open(100003, m_Server.GetPort(), 1, nullptr, m_cStatus));
-    EXPECT_STREQ(m_cStatus, "Fail to bind server socket. Address already in use (98)");
+    EXPECT_FALSE(second.Open(100003, m_Server.GetPort(), 1, nullptr, m_vcReason));
+    EXPECT_STREQ(m_vcReason, "Fail to bind server socket. Address already in use (98)");
     EXPECT_EQ(second.GetSocket(), -1);
     EXPECT_FALSE(second.Open(100003, m_Server.GetPort(), 1, nullptr, nullptr)) << "no buffer, no text";
 }
 
 TEST_F(ServerSocketTest, WithoutDescriptorsOpeningFailsWithTheSystemsReason) {
-    const bool bOpen = WithoutDescriptors([&] { return m_Server.Open(100003, 0, 1, nullptr, m_cStatus); });
+    const bool bOpen = WithoutDescriptors([&] { return m_Server.Open(100003, 0, 1, nullptr, m_vcReason); });
     EXPECT_FALSE(bOpen);
-    EXPECT_STREQ(m_cStatus, "Fail to create server socket. Too many open files (24)");
+    EXPECT_STREQ(m_vcReason, "Fail to create server socket. Too many open files (24)");
 }
 
 TEST_F(ServerSocketTest, APortIsFreeAgainAtOnceAfterConnectionsWereClosed) {
@@ -212,7 +212,7 @@ TEST_F(ServerSocketTest, APortIsFreeAgainAtOnceAfterConnectionsWereClosed) {
     const auto pClient = Connect();
     ExpectServed(*pClient);
     m_Server.Close();  // the closing side: its connection stays in TIME_WAIT
-    ASSERT_TRUE(m_Server.Open(100003, iPort, 2, nullptr, m_cStatus)) << m_cStatus;
+    ASSERT_TRUE(m_Server.Open(100003, iPort, 2, nullptr, m_vcReason)) << m_vcReason;
     EXPECT_EQ(m_Server.GetPort(), iPort);
     ExpectServed(*Connect());
 }
@@ -318,15 +318,15 @@ TEST_F(ServerSocketTest, AcceptingOutOfDescriptorsFreesCachedFiles) {
     TempFolder folder;
     LogCapture log;
     CaptureUtilities utilities(&log);
-    CRuntimeParam runtimeParam("test", 0);
-    LogArgu logArgu{"test"};
-    ASSERT_TRUE(m_Server.Open(100003, 0, 2, &utilities, m_cStatus)) << m_cStatus;
+    CRuntimeParam param("test", 0);
+    LogArgu tag{"test"};
+    ASSERT_TRUE(m_Server.Open(100003, 0, 2, &utilities, m_vcReason)) << m_vcReason;
     const CDescriptor client = CDescriptor::OpenSocket(SOCK_STREAM);
     const CDescriptor second = CDescriptor::OpenSocket(SOCK_STREAM);
     for (int i = 0; i < 5; ++i) {
         const std::string sPath = folder / std::to_string(i);
         WriteWholeFile(sPath, "x");
-        ASSERT_TRUE(utilities.GetCachedFileHandle(&runtimeParam, &logArgu, sPath.c_str(), false).IsOpen());
+        ASSERT_TRUE(utilities.GetCachedFileHandle(&param, &tag, sPath.c_str(), false).IsOpen());
     }
     const CDescriptor next(::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3));  // the lowest free number
     std::optional<SoftLimit> exhausted(std::in_place, RLIMIT_NOFILE, static_cast<rlim_t>(next.Get()) + 1);

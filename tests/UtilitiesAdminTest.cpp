@@ -25,8 +25,8 @@ using Lines = std::vector<std::string>;
 
 class ShellCommand : public testing::Test {
 protected:
-    LogCapture m_Capture;
-    CaptureUtilities m_Utilities{&m_Capture};
+    LogCapture m_Log;
+    CaptureUtilities m_Utilities{&m_Log};
     CRuntimeParam m_Param{"tester", 0};
     CRuntimeParam m_Talkative{"tester", CRuntimeParam::kLogGeneralInfo};
 };
@@ -71,60 +71,60 @@ private:
 
 TEST_F(ShellCommand, OutputStandsBetweenRules) {
     EXPECT_EQ(m_Utilities.ExecuteSystemCmd(&m_Param, "echo one; echo two", true), 0);
-    EXPECT_EQ(m_Capture.Lines(), (std::vector<LogLine>{{'i', "tester", "echo one; echo two"},
-                                                       {'r', "tester", "\n------\n"},
-                                                       {'r', "tester", "one\n"},
-                                                       {'r', "tester", "two\n"},
-                                                       {'r', "tester", "\n------\n"},
-                                                       {'r', "tester", "Process returned 0\n"}}));
+    EXPECT_EQ(m_Log.Lines(), (std::vector<LogLine>{{'i', "tester", "echo one; echo two"},
+                                                   {'r', "tester", "\n------\n"},
+                                                   {'r', "tester", "one\n"},
+                                                   {'r', "tester", "two\n"},
+                                                   {'r', "tester", "\n------\n"},
+                                                   {'r', "tester", "Process returned 0\n"}}));
 }
 
 TEST_F(ShellCommand, ResultIsTheRawWaitStatus) {
     EXPECT_EQ(m_Utilities.ExecuteSystemCmd(&m_Param, "exit 1", true), 256);
-    EXPECT_TRUE(m_Capture.Has("Process returned 256\n", 'r'));
+    EXPECT_TRUE(m_Log.Has("Process returned 256\n", 'r'));
     EXPECT_EQ(m_Utilities.ExecuteSystemCmd(&m_Param, "kill -9 $$", false), 9);
 }
 
 TEST_F(ShellCommand, IsSilentUnlessAskedFor) {
     EXPECT_EQ(m_Utilities.ExecuteSystemCmd(&m_Param, "echo hidden", false), 0);
-    EXPECT_EQ(m_Capture.Texts(), Lines{});
+    EXPECT_EQ(m_Log.Texts(), Lines{});
     EXPECT_EQ(m_Utilities.ExecuteSystemCmd(&m_Talkative, "echo shown", false), 0);
-    EXPECT_TRUE(m_Capture.Has("shown\n", 'r'));
+    EXPECT_TRUE(m_Log.Has("shown\n", 'r'));
 }
 
 TEST_F(ShellCommand, LongLinesComeInPiecesOf127) {
     EXPECT_EQ(m_Utilities.ExecuteSystemCmd(&m_Param, "printf '%0300d\\n' 0", true), 0);
-    EXPECT_EQ(m_Capture.Texts('r'), (Lines{"\n------\n", std::string(127, '0'), std::string(127, '0'),
-                                           std::string(46, '0') + "\n", "\n------\n", "Process returned 0\n"}));
+    EXPECT_EQ(m_Log.Texts('r'), (Lines{"\n------\n", std::string(127, '0'), std::string(127, '0'),
+                                       std::string(46, '0') + "\n", "\n------\n", "Process returned 0\n"}));
 }
 
 TEST_F(ShellCommand, FormatCharactersAreNotInterpreted) {
     EXPECT_EQ(m_Utilities.ExecuteSystemCmd(&m_Param, "echo '%s%n%d 100%'", true), 0);
-    EXPECT_TRUE(m_Capture.Has("%s%n%d 100%\n", 'r')) << m_Capture.Dump();
-    EXPECT_TRUE(m_Capture.Has("echo '%s%n%d 100%'", 'i')) << m_Capture.Dump();
+    EXPECT_TRUE(m_Log.Has("%s%n%d 100%\n", 'r')) << m_Log.Dump();
+    EXPECT_TRUE(m_Log.Has("echo '%s%n%d 100%'", 'i')) << m_Log.Dump();
 }
 
 TEST_F(ShellCommand, OutputWithoutLineEndIsShown) {
     EXPECT_EQ(m_Utilities.ExecuteSystemCmd(&m_Param, "printf abc", true), 0);
-    EXPECT_EQ(m_Capture.Texts('r'), (Lines{"\n------\n", "abc", "\n------\n", "Process returned 0\n"}));
+    EXPECT_EQ(m_Log.Texts('r'), (Lines{"\n------\n", "abc", "\n------\n", "Process returned 0\n"}));
 }
 
 TEST_F(ShellCommand, EmptyCommandDoesNothing) {
     EXPECT_EQ(m_Utilities.ExecuteSystemCmd(&m_Param, "", true), 0);
-    EXPECT_EQ(m_Capture.Texts('r'), (Lines{"\n------\n", "\n------\n", "Process returned 0\n"}));
+    EXPECT_EQ(m_Log.Texts('r'), (Lines{"\n------\n", "\n------\n", "Process returned 0\n"}));
 }
 
 TEST_F(ShellCommand, ShellThatCannotBeStartedIsReportedWithoutRules) {
     const auto execute = [&](bool bShown) { return m_Utilities.ExecuteSystemCmd(&m_Param, "echo one", bShown); };
     const int iShown = WithoutDescriptors([&] { return execute(true); });  // no pipe can be made
-    const std::vector<LogLine> vShown = m_Capture.Lines();
-    m_Capture.Clear();
+    const std::vector<LogLine> vShown = m_Log.Lines();
+    m_Log.Clear();
     const int iSilent = WithoutDescriptors([&] { return execute(false); });
     EXPECT_EQ(iShown, -1);
     EXPECT_EQ(vShown, (std::vector<LogLine>{{'i', "tester", "echo one"},
                                             {'i', "tester", "Fail to execute cmd (popen() failed)"}}));
     EXPECT_EQ(iSilent, -1);
-    EXPECT_EQ(m_Capture.Texts(), Lines{});
+    EXPECT_EQ(m_Log.Texts(), Lines{});
 }
 
 TEST_F(ShellCommand, UnknownCommandReturnsTheShellsStatus) {
@@ -132,15 +132,14 @@ TEST_F(ShellCommand, UnknownCommandReturnsTheShellsStatus) {
 }
 
 TEST_F(ShellCommand, OutputThatCannotBeReadToItsEndIsReported) {
-    PipeBreakingUtilities utilities(&m_Capture);
+    PipeBreakingUtilities utilities(&m_Log);
     EXPECT_EQ(utilities.ExecuteSystemCmd(&m_Param, "echo one; exit 3", true), -1) << "not the command's status";
     ASSERT_EQ(utilities.m_nBroken, 1);
-    EXPECT_EQ(m_Capture.Lines(),
-              (std::vector<LogLine>{{'i', "tester", "echo one; exit 3"},
-                                    {'r', "tester", "\n------\n"},
-                                    {'r', "tester", "one\n"},
-                                    {'r', "tester", "\n------\n"},
-                                    {'r', "tester", "Error: Failed to read the pipe to the end\n"}}));
+    EXPECT_EQ(m_Log.Lines(), (std::vector<LogLine>{{'i', "tester", "echo one; exit 3"},
+                                                   {'r', "tester", "\n------\n"},
+                                                   {'r', "tester", "one\n"},
+                                                   {'r', "tester", "\n------\n"},
+                                                   {'r', "tester", "Error: Failed to read the pipe to the end\n"}}));
 }
 
 // ---- Network-device credentials
@@ -150,9 +149,9 @@ namespace {
 class NetDeviceCredential : public ShellCommand {
 protected:
     Lines Details() {
-        m_Capture.Clear();
+        m_Log.Clear();
         m_Utilities.GetNetDeviceCredential(&m_Param, true);
-        return m_Capture.Texts('i');
+        return m_Log.Texts('i');
     }
 };
 
@@ -162,7 +161,7 @@ TEST_F(NetDeviceCredential, AddingFailsAndRecordsNothingWhileTheCommandIsNotInst
     EXPECT_FALSE(m_Utilities.AddNetDeviceCredential(&m_Param, "//nas/share", "user", "secret"));
     EXPECT_FALSE(m_Utilities.RemoveNetDeviceCredential(&m_Param, "//nas/share"));
     EXPECT_EQ(m_Utilities.GetNetDeviceCredential(&m_Param, true), 0);
-    EXPECT_EQ(m_Capture.Texts(), Lines{});
+    EXPECT_EQ(m_Log.Texts(), Lines{});
 }
 
 TEST_F(NetDeviceCredential, AddedPathsAreListedOnceInOrder) {

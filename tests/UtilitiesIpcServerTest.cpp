@@ -242,11 +242,11 @@ TEST_F(UtilitiesIpcServerTest, ARefusalOfAnOlderClientIsMinusOne) {
 TEST_F(UtilitiesIpcServerTest, ANotificationTakesItsDescriptorFromTheCacheWhenNoneIsLeft) {
     FakeIpcServer client(kChannel, [](const std::string&) { return RawIntReply(12); });
     TempFolder folder;
-    LogArgu logArgu{"Test"};
+    LogArgu tag{"Test"};
     for (int i = 0; i < 5; ++i) {
         const std::string sPath = folder / std::to_string(i);
         WriteWholeFile(sPath, "x");
-        ASSERT_TRUE(m_Utilities.GetCachedFileHandle(&m_Param, &logArgu, sPath.c_str(), false).IsOpen());
+        ASSERT_TRUE(m_Utilities.GetCachedFileHandle(&m_Param, &tag, sPath.c_str(), false).IsOpen());
     }
     std::vector<int> viAll;
     for (int iFile = ::open("/dev/null", O_RDONLY | O_CLOEXEC); iFile != -1;
@@ -258,7 +258,7 @@ TEST_F(UtilitiesIpcServerTest, ANotificationTakesItsDescriptorFromTheCacheWhenNo
         ::close(iFile);
     }
     EXPECT_EQ(iAnswer, 12);
-    m_Utilities.CloseAllCachedFileHandles(&m_Param, &logArgu);
+    m_Utilities.CloseAllCachedFileHandles(&m_Param, &tag);
 }
 
 TEST_F(UtilitiesIpcServerTest, TheLocalHostIsToldOnlyWhatHasNoRemoteReceiver) {
@@ -354,22 +354,22 @@ TEST_F(UtilitiesIpcServerTest, AReceiverThatHangsHoldsNoLockOfARegistry) {
     const std::string sPath = folder / "file";
     WriteWholeFile(sPath, "x");
     CRuntimeParam quiet("other", 0);
-    LogArgu logArgu{"Test"};
-    ASSERT_TRUE(m_Utilities.AddMountInfo(&quiet, &logArgu, folder.Path().c_str(), "exp", "", nullptr));
+    LogArgu tag{"Test"};
+    ASSERT_TRUE(m_Utilities.AddMountInfo(&quiet, &tag, folder.Path().c_str(), "exp", "", nullptr));
     m_Param.SetLogControl(CRuntimeParam::kLogGeneralInfo | CRuntimeParam::kLogFileAccess);
     auto pClient = std::make_unique<FakeIpcServer>(kChannel, [](const std::string&) { return RawBoolReply(true); });
     pClient->Hang();
     testing::internal::CaptureStdout();
-    std::thread held([&] { m_Utilities.GetCachedFileHandle(&m_Param, &logArgu, sPath.c_str(), false); });
+    std::thread held([&] { m_Utilities.GetCachedFileHandle(&m_Param, &tag, sPath.c_str(), false); });
     EXPECT_TRUE(pClient->WaitForMessages(1));
     const auto start = steady_clock::now();
     EXPECT_EQ(m_Utilities.GetMountInfo(&quiet, false, false), 1);
-    EXPECT_TRUE(m_Utilities.GetMountInfoByPath(&quiet, &logArgu, sPath.c_str(), nullptr));
-    EXPECT_TRUE(m_Utilities.GetCachedFileHandle(&quiet, &logArgu, sPath.c_str(), false).IsOpen());
+    EXPECT_TRUE(m_Utilities.GetMountInfoByPath(&quiet, &tag, sPath.c_str(), nullptr));
+    EXPECT_TRUE(m_Utilities.GetCachedFileHandle(&quiet, &tag, sPath.c_str(), false).IsOpen());
     EXPECT_LT(steady_clock::now() - start, CUtilitiesIpcServer::kCallbackTimeout / 2);
     pClient.reset();  // which ends the wait
     held.join();
-    m_Utilities.CloseAllCachedFileHandles(&quiet, &logArgu);
+    m_Utilities.CloseAllCachedFileHandles(&quiet, &tag);
     testing::internal::GetCapturedStdout();
 }
 

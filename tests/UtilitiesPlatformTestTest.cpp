@@ -29,14 +29,14 @@ class PlatformTest : public testing::Test {
 protected:
     /// Runs the test with no log bit set and returns its information lines.
     Lines Run(const std::string& sPath, long long iSize) {
-        m_Capture.Clear();
+        m_Log.Clear();
         m_Utilities.RunTestMode(&m_Param, sPath.c_str(), iSize);
-        EXPECT_EQ(m_Capture.Texts('e'), Lines{}) << "no error line without its bit";
-        return m_Capture.Texts('i');
+        EXPECT_EQ(m_Log.Texts('e'), Lines{}) << "no error line without its bit";
+        return m_Log.Texts('i');
     }
 
-    LogCapture m_Capture;
-    CaptureUtilities m_Utilities{&m_Capture};
+    LogCapture m_Log;
+    CaptureUtilities m_Utilities{&m_Log};
     CRuntimeParam m_Param{"tester", 0};
     TempFolder m_Folder;
 };
@@ -210,9 +210,9 @@ TEST_F(PlatformTest, TrailingSlashAndLinksAreResolved) {
 
 TEST_F(PlatformTest, EmptyPathIsRefused) {
     EXPECT_EQ(Run("", 10), Lines{"Cannot start platrorm test. Error=Target directory is NULL"});
-    m_Capture.Clear();
+    m_Log.Clear();
     m_Utilities.RunTestMode(&m_Param, nullptr, 10);
-    EXPECT_EQ(m_Capture.Texts('i'), Lines{"Cannot start platrorm test. Error=Target directory is NULL"});
+    EXPECT_EQ(m_Log.Texts('i'), Lines{"Cannot start platrorm test. Error=Target directory is NULL"});
 }
 
 /// Its beginning names a folder that exists.
@@ -294,7 +294,7 @@ TEST_F(PlatformTest, FailedCallsAreLoggedBeforeTheirStepsWithTheErrorBit) {
     CRuntimeParam param{"tester", CRuntimeParam::kLogError};
     m_Utilities.RunTestMode(&param, sTarget.c_str(), 10);
     const std::string sFolder = sTarget + "/_test";
-    const std::vector<LogLine> vLines = m_Capture.Lines();
+    const std::vector<LogLine> vLines = m_Log.Lines();
     std::size_t iFirst = 0;
     while (iFirst < vLines.size() && vLines[iFirst].cKind != 'e') {
         ++iFirst;
@@ -326,7 +326,7 @@ TEST_F(PlatformTest, MissingRightsShowInTheFirstStep) {
         }
         const std::string sLine = "[FAIL] Create directory \"" + sTarget + "/_test\". Error=Permission denied (13)";
         m_Utilities.RunTestMode(&m_Param, sTarget.c_str(), 10);
-        ::_exit(m_Capture.Has(sLine, 'i') ? 0 : 1);
+        ::_exit(m_Log.Has(sLine, 'i') ? 0 : 1);
     }
     int iStatus = 0;
     ASSERT_EQ(::waitpid(iChild, &iStatus, 0), iChild);
@@ -339,9 +339,9 @@ TEST_F(PlatformTest, MissingRightsShowInTheFirstStep) {
 TEST_F(PlatformTest, FileSizeBeyondWhatTheFileSystemTakesFailsItsStepsOnly) {
     const Lines vsLines = Run(m_Folder.Path(), 9223372036854775807LL);
     const std::string sFile = "\"" + (m_Folder / "_test") + "/test.bak\"";
-    EXPECT_TRUE(m_Capture.Has(
-        "[FAIL] Enlarge file " + sFile + " size to -9223372036854774785. Error=Set file size failed", 'i'))
-        << m_Capture.Dump();
+    EXPECT_TRUE(
+        m_Log.Has("[FAIL] Enlarge file " + sFile + " size to -9223372036854774785. Error=Set file size failed", 'i'))
+        << m_Log.Dump();
     EXPECT_EQ(vsLines.back(), "================================ END TEST ================================");
     EXPECT_NE(::access((m_Folder / "_test").c_str(), F_OK), 0) << "the test directory is gone";
 }
@@ -386,26 +386,26 @@ protected:
     /// Runs the whole test on the scratch folder with 10 bytes while somebody meddles. The step's own lines; those of
     /// the file access are only there to be waited for.
     Lines Meddle(const std::string& sTrigger, const std::function<void()>& action) {
-        m_Capture.Clear();
+        m_Log.Clear();
         m_Meddling.On(sTrigger, action);
         CRuntimeParam param{"tester", CRuntimeParam::kLogFileAccess};
         m_Meddling.RunTestMode(&param, m_Folder.Path().c_str(), 10);
-        EXPECT_FALSE(m_Meddling.IsWaiting()) << "never logged: " << sTrigger << "\n" << m_Capture.Dump();
+        EXPECT_FALSE(m_Meddling.IsWaiting()) << "never logged: " << sTrigger << "\n" << m_Log.Dump();
         EXPECT_NE(::access(m_sTest.c_str(), F_OK), 0) << "the test directory is gone";
-        return m_Capture.Texts('i');
+        return m_Log.Texts('i');
     }
-    bool Has(const std::string& sLine) const { return m_Capture.Has(sLine, 'i'); }
+    bool Has(const std::string& sLine) const { return m_Log.Has(sLine, 'i'); }
     static std::string Tagged(const std::string& sText) { return "[Utilities.RunTestMode] " + sText; }
     /// The lines of a chunk on an open file.
     Lines ReadWrite(int iFile, unsigned long long iPosition, unsigned long long iSize) {
         LogArgu tag{"Test"};
-        m_Capture.Clear();
+        m_Log.Clear();
         m_Meddling.RunTestReadWriteFile(&m_Param, &tag, iFile, iPosition, iSize);
-        return m_Capture.Texts('i');
+        return m_Log.Texts('i');
     }
     CDescriptor Open(const std::string& sPath) { return CDescriptor(::open(sPath.c_str(), O_RDWR | O_CLOEXEC)); }
 
-    MeddlingUtilities m_Meddling{&m_Capture};
+    MeddlingUtilities m_Meddling{&m_Log};
     std::string m_sTest = m_Folder / "_test";
     std::string m_sFile = m_sTest + "/test.bak";
     std::string m_sQuoted = "\"" + m_sFile + "\"";
@@ -415,30 +415,30 @@ protected:
 
 TEST_F(PlatformTestSteps, WhatWasMadeMustExist) {
     Meddle(Tagged("OS create folder \"" + m_sTest + "\" (mode = 493)"), [&] { ::rmdir(m_sTest.c_str()); });
-    EXPECT_TRUE(Has("[FAIL] Create directory \"" + m_sTest + "\". Error=Directory not exist")) << m_Capture.Dump();
+    EXPECT_TRUE(Has("[FAIL] Create directory \"" + m_sTest + "\". Error=Directory not exist")) << m_Log.Dump();
     Meddle(Tagged("OS create file " + m_sQuoted), [&] { ::unlink(m_sFile.c_str()); });
-    EXPECT_TRUE(Has("[FAIL] Create file " + m_sQuoted + ". Error=File not exist")) << m_Capture.Dump();
-    EXPECT_TRUE(Has("[ OK ] Close file " + m_sQuoted + ".")) << m_Capture.Dump();
+    EXPECT_TRUE(Has("[FAIL] Create file " + m_sQuoted + ". Error=File not exist")) << m_Log.Dump();
+    EXPECT_TRUE(Has("[ OK ] Close file " + m_sQuoted + ".")) << m_Log.Dump();
 }
 
 TEST_F(PlatformTestSteps, WhatWasRemovedMustBeGone) {
     Meddle(Tagged("OS remove folder \"" + m_sTest + "\""), [&] { ::mkdir(m_sTest.c_str(), 0755); });
-    EXPECT_TRUE(Has("[FAIL] Remove directory \"" + m_sTest + "\". Error=Directory still exist")) << m_Capture.Dump();
+    EXPECT_TRUE(Has("[FAIL] Remove directory \"" + m_sTest + "\". Error=Directory still exist")) << m_Log.Dump();
 }
 
 TEST_F(PlatformTestSteps, SizeThatWasSetMustBeThere) {
     Meddle(Tagged("OS set file file " + m_sQuoted), [&] { EXPECT_EQ(::truncate(m_sFile.c_str(), 7), 0); });
-    EXPECT_TRUE(Has("[ OK ] Enlarge file " + m_sQuoted + " size to 1034.")) << m_Capture.Dump();
-    EXPECT_TRUE(Has("[FAIL] Verify file size. Error=Size not match (current size = 7)")) << m_Capture.Dump();
+    EXPECT_TRUE(Has("[ OK ] Enlarge file " + m_sQuoted + " size to 1034.")) << m_Log.Dump();
+    EXPECT_TRUE(Has("[FAIL] Verify file size. Error=Size not match (current size = 7)")) << m_Log.Dump();
 }
 
 TEST_F(PlatformTestSteps, ModeThatWasSetMustBeThere) {
     Meddle(Tagged("OS set file mode " + m_sQuoted + " (mode = 33060)"),
            [&] { EXPECT_EQ(::chmod(m_sFile.c_str(), 0600), 0); });
-    EXPECT_TRUE(Has("[ OK ] Set file mode 8124 to file " + m_sQuoted + ".")) << m_Capture.Dump();
+    EXPECT_TRUE(Has("[ OK ] Set file mode 8124 to file " + m_sQuoted + ".")) << m_Log.Dump();
     EXPECT_TRUE(Has("[FAIL] Verify file mode 8124 from file " + m_sQuoted +
                     ". Error=File mode not match (current file mode = 8180)"))
-        << m_Capture.Dump();
+        << m_Log.Dump();
 }
 
 TEST_F(PlatformTestSteps, WhatIsLeftIsRemovedInTheEndWithoutALine) {
@@ -502,7 +502,7 @@ namespace {
 class QuickTest : public PlatformTest {
 protected:
     bool Quick(CRuntimeParam* pParam, const char* pcPath, int iMode) {
-        m_Capture.Clear();
+        m_Log.Clear();
         m_vcReason[0] = '\0';
         return m_Utilities.RunQuickTestMode(pParam, pcPath, iMode, m_vcReason);
     }
@@ -515,13 +515,13 @@ protected:
 
 TEST_F(QuickTest, ExistingPathPassesSilently) {
     EXPECT_TRUE(Quick(&m_Param, m_Folder.Path().c_str(), 0)) << m_vcReason;
-    EXPECT_EQ(m_Capture.Texts(), Lines{});
+    EXPECT_EQ(m_Log.Texts(), Lines{});
 }
 
 TEST_F(QuickTest, MissingPathFailsWithTheErrorCode) {
     EXPECT_FALSE(Quick(&m_Param, (m_Folder / "missing").c_str(), 0));
     EXPECT_STREQ(m_vcReason, "ErrCode=2");
-    EXPECT_EQ(m_Capture.Texts(), Lines{});
+    EXPECT_EQ(m_Log.Texts(), Lines{});
 }
 
 TEST_F(QuickTest, PathThatDoesNotFitFails) {
@@ -535,7 +535,7 @@ TEST_F(QuickTest, PathThatDoesNotFitFails) {
 TEST_F(QuickTest, MissingPathIsLoggedAsItsPath) {
     const std::string sMissing = m_Folder / "missing";
     EXPECT_FALSE(Quick(&m_Talkative, sMissing.c_str(), 0));
-    EXPECT_EQ(m_Capture.Texts(),
+    EXPECT_EQ(m_Log.Texts(),
               (Lines{"[Utilities.RunQuickTestMode] Fail to get canonical path from non-exist path: " + sMissing,
                      "Quick exist test failed. Error=\"" + sMissing + "\""}));
 }
@@ -544,9 +544,9 @@ TEST_F(QuickTest, EmptyPathIsAnInvalidArgument) {
     for (const char* pcPath : {"", static_cast<const char*>(nullptr)}) {
         EXPECT_FALSE(Quick(&m_Talkative, pcPath, 0));
         EXPECT_STREQ(m_vcReason, "Invalid argument");
-        EXPECT_EQ(m_Capture.Texts(), Lines{"Quick test failed. Error=\"Invalid argument\""});
+        EXPECT_EQ(m_Log.Texts(), Lines{"Quick test failed. Error=\"Invalid argument\""});
         EXPECT_FALSE(Quick(&m_Param, pcPath, 0));
-        EXPECT_EQ(m_Capture.Texts(), Lines{}) << "silent without the general bit";
+        EXPECT_EQ(m_Log.Texts(), Lines{}) << "silent without the general bit";
     }
 }
 

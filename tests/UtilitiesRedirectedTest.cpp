@@ -36,7 +36,7 @@ protected:
     LogCapture m_Log;
     CaptureUtilities m_Utilities{&m_Log};
     CRuntimeParam m_Param{"host", CRuntimeParam::kLogGeneralInfo | CRuntimeParam::kLogRedirectFile};
-    LogArgu m_LogArgu{"test"};
+    LogArgu m_Tag{"test"};
     char m_vcReason[kReasonBufferSize] = "";
 };
 
@@ -229,7 +229,7 @@ TEST_F(UtilitiesRedirectedTest, FullCloseClosesAll) {
 
 TEST_F(UtilitiesRedirectedTest, ResetClosesAll) {
     const auto pFile = Open("/e/a");
-    m_Utilities.Reset(&m_Param, &m_LogArgu);
+    m_Utilities.Reset(&m_Param, &m_Tag);
     EXPECT_TRUE(pFile->IsClosed());
     EXPECT_FALSE(IsOpen("/e/a"));
 }
@@ -278,7 +278,7 @@ TEST_F(UtilitiesRedirectedTest, InfoFileOfARenamedFileIsLookedForUnderTheNewPath
     const std::string sForeign(32, 'x');
     WriteWholeFile(sPath, sForeign);
     ASSERT_EQ(::unlink(sMoved.c_str()), 0);
-    m_Utilities.CloseCachedFileHandle(&m_Param, &m_LogArgu, sMoved.c_str());
+    m_Utilities.CloseCachedFileHandle(&m_Param, &m_Tag, sMoved.c_str());
     EXPECT_TRUE(add(10)) << "kept in memory";
     EXPECT_EQ(ReadWholeFile(sPath), sForeign);
     char vcBuffer[20] = "";
@@ -293,7 +293,7 @@ TEST_F(UtilitiesRedirectedTest, InfoFileOfARenamedFileIsLookedForUnderTheNewPath
 TEST_F(UtilitiesRedirectedTest, InfoFileThatWasRenamedAlongIsNeverOverwritten) {
     const std::string sPath = m_Folder / "disk";
     const std::string sMoved = m_Folder / "moved";
-    m_Utilities.AddMountInfo(&m_Param, &m_LogArgu, m_Folder.Path().c_str(), "data", "", nullptr);
+    m_Utilities.AddMountInfo(&m_Param, &m_Tag, m_Folder.Path().c_str(), "data", "", nullptr);
     WriteWholeFile(sPath, "");
     Open(sPath, 100, true);
     ASSERT_EQ(::rename(sPath.c_str(), sMoved.c_str()), 0);
@@ -344,10 +344,10 @@ TEST_F(UtilitiesRedirectedTest, SizeAndReadComeFromTheMap) {
     WriteWholeFile(sPath, "on disk");
     Open(sPath, 5);
     m_Utilities.AddRedirectedFileSegment(&m_Param, sPath.c_str(), (m_Folder / "source").c_str(), 3, 0, 5, nullptr);
-    EXPECT_EQ(m_Utilities.GetFileSize(&m_Param, &m_LogArgu, sPath.c_str(), 77), 5U);
+    EXPECT_EQ(m_Utilities.GetFileSize(&m_Param, &m_Tag, sPath.c_str(), 77), 5U);
     char vcBuffer[20] = "";
     bool bEof = false;
-    EXPECT_EQ(m_Utilities.ReadFile(&m_Param, &m_LogArgu, sPath.c_str(), 1, SEEK_SET, vcBuffer, 10, &bEof), 4);
+    EXPECT_EQ(m_Utilities.ReadFile(&m_Param, &m_Tag, sPath.c_str(), 1, SEEK_SET, vcBuffer, 10, &bEof), 4);
     EXPECT_EQ(std::string(vcBuffer, 4), "4567");
     EXPECT_TRUE(bEof);
 }
@@ -356,9 +356,9 @@ TEST_F(UtilitiesRedirectedTest, WriteChangesNothingAndReturnsTheHostsAnswer) {
     const std::string sPath = m_Folder / "disk";
     WriteWholeFile(sPath, "on disk");
     Open(sPath, 5);
-    EXPECT_EQ(m_Utilities.WriteFile(&m_Param, &m_LogArgu, sPath.c_str(), 0, SEEK_SET, "data", 4), -1) << "no host";
+    EXPECT_EQ(m_Utilities.WriteFile(&m_Param, &m_Tag, sPath.c_str(), 0, SEEK_SET, "data", 4), -1) << "no host";
     m_Log.SetHost([](const Notification&) { return 3; });
-    EXPECT_EQ(m_Utilities.WriteFile(&m_Param, &m_LogArgu, sPath.c_str(), 1ULL << 40, SEEK_SET, "data", 4), 3);
+    EXPECT_EQ(m_Utilities.WriteFile(&m_Param, &m_Tag, sPath.c_str(), 1ULL << 40, SEEK_SET, "data", 4), 3);
     const auto vAsked = m_Log.Notifications();
     ASSERT_EQ(vAsked.size(), 2U);
     EXPECT_EQ(vAsked[1].sOperation, "write");
@@ -377,7 +377,7 @@ TEST_F(UtilitiesRedirectedTest, HostMayUseTheRegistryWhileItIsAsked) {
         m_Utilities.CloseRedirectedFile(&m_Param, "/e/disk");
         return 4;
     });
-    EXPECT_EQ(m_Utilities.WriteFile(&m_Param, &m_LogArgu, "/e/disk", 0, SEEK_SET, "data", 4), 4);
+    EXPECT_EQ(m_Utilities.WriteFile(&m_Param, &m_Tag, "/e/disk", 0, SEEK_SET, "data", 4), 4);
     EXPECT_FALSE(IsOpen("/e/disk"));
 }
 
@@ -386,8 +386,8 @@ TEST_F(UtilitiesRedirectedTest, AttributesAreTheHostsToGrant) {
     WriteWholeFile(sPath, "on disk");
     Open(sPath, 5);
     const auto update = [&](bool bMode, bool bSize, bool bAtime, bool bMtime) {
-        return m_Utilities.UpdateFileAttributes(&m_Param, &m_LogArgu, sPath.c_str(), bMode, 0600, false, 0, false, 0,
-                                                bSize, 1234, bAtime, 11, 22, bMtime, 33, 44);
+        return m_Utilities.UpdateFileAttributes(&m_Param, &m_Tag, sPath.c_str(), bMode, 0600, false, 0, false, 0, bSize,
+                                                1234, bAtime, 11, 22, bMtime, 33, 44);
     };
     EXPECT_FALSE(update(false, true, false, false)) << "no host";
     m_Log.SetHost([](const Notification&) { return 0; });
@@ -424,7 +424,7 @@ TEST_F(UtilitiesRedirectedTest, RemoveTakesTheFileAwayThenAsksTheHost) {
             EXPECT_FALSE(IsOpen(sPath)) << "closed before the host hears of it";
             return iAnswer;
         });
-        EXPECT_EQ(m_Utilities.RemoveFile(&m_Param, &m_LogArgu, sPath.c_str()), iAnswer == 0);
+        EXPECT_EQ(m_Utilities.RemoveFile(&m_Param, &m_Tag, sPath.c_str()), iAnswer == 0);
         EXPECT_NE(::access(sPath.c_str(), F_OK), 0);
         EXPECT_FALSE(IsOpen(sPath));
     }
@@ -435,7 +435,7 @@ TEST_F(UtilitiesRedirectedTest, RenameMovesFileAndRegistryEntryThenAsksTheHost) 
         const std::string sFrom = m_Folder / "from";
         const std::string sTo = m_Folder / ("to" + std::to_string(iAnswer));
         WriteWholeFile(sFrom, "on disk");
-        m_Utilities.GetFileID(&m_Param, &m_LogArgu, sFrom.c_str());
+        m_Utilities.GetFileID(&m_Param, &m_Tag, sFrom.c_str());
         const auto pFile = Open(sFrom, 5);
         m_Log.SetHost([&, iAnswer](const Notification& asked) {
             EXPECT_EQ(asked.sOperation, "rename");
@@ -444,7 +444,7 @@ TEST_F(UtilitiesRedirectedTest, RenameMovesFileAndRegistryEntryThenAsksTheHost) 
             EXPECT_TRUE(IsOpen(sTo)) << "moved before the host hears of it";
             return iAnswer;
         });
-        EXPECT_EQ(m_Utilities.RenameFile(&m_Param, &m_LogArgu, sFrom.c_str(), sTo.c_str()), iAnswer == 0);
+        EXPECT_EQ(m_Utilities.RenameFile(&m_Param, &m_Tag, sFrom.c_str(), sTo.c_str()), iAnswer == 0);
         const std::string& sNow = iAnswer == 0 ? sTo : sFrom;
         EXPECT_EQ(m_Utilities.GetRedirectedFile(sNow.c_str()), pFile);
         EXPECT_EQ(ReadWholeFile(sNow), "on disk");
@@ -452,10 +452,10 @@ TEST_F(UtilitiesRedirectedTest, RenameMovesFileAndRegistryEntryThenAsksTheHost) 
 }
 
 TEST_F(UtilitiesRedirectedTest, RenameOfAFileThatIsOnlyInTheRegistry) {
-    m_Utilities.GetFileID(&m_Param, &m_LogArgu, "/e/virtual");
+    m_Utilities.GetFileID(&m_Param, &m_Tag, "/e/virtual");
     const auto pFile = Open("/e/virtual", 5);
     m_Log.SetHost([](const Notification&) { return 0; });
-    EXPECT_TRUE(m_Utilities.RenameFile(&m_Param, &m_LogArgu, "/e/virtual", "/e/moved"));
+    EXPECT_TRUE(m_Utilities.RenameFile(&m_Param, &m_Tag, "/e/virtual", "/e/moved"));
     EXPECT_EQ(m_Utilities.GetRedirectedFile("/e/moved"), pFile);
 }
 

@@ -16,13 +16,13 @@ using Lines = std::vector<std::string>;
 class VSphereRecords : public testing::Test {
 protected:
     Lines Details() {
-        m_Capture.Clear();
+        m_Log.Clear();
         m_Utilities.GetVSphereInfo(&m_Param, true);
-        return m_Capture.Texts('r');
+        return m_Log.Texts('r');
     }
 
-    LogCapture m_Capture;
-    CaptureUtilities m_Utilities{&m_Capture};
+    LogCapture m_Log;
+    CaptureUtilities m_Utilities{&m_Log};
     CRuntimeParam m_Param{"tester", 0};
 };
 
@@ -33,7 +33,7 @@ TEST_F(VSphereRecords, AreListedByMoidWithHostAndPortOnly) {
     m_Utilities.AddVSphereInfo("datastore-2", "esx2", "443", "root", "secret");
     m_Utilities.AddVSphereInfo("datastore-1", "esx1", "8443", "root", "secret");
     EXPECT_EQ(m_Utilities.GetVSphereInfo(&m_Param, false), 2);
-    EXPECT_EQ(m_Capture.Texts(), Lines{}) << "nothing is printed unasked";
+    EXPECT_EQ(m_Log.Texts(), Lines{}) << "nothing is printed unasked";
     EXPECT_EQ(Details(),
               (Lines{" NFS datastore 1 - datastore-1 (esx1:8443)", " NFS datastore 2 - datastore-2 (esx2:443)"}));
 }
@@ -53,9 +53,9 @@ TEST_F(VSphereRecords, AreRemovedByMoid) {
 }
 
 TEST_F(VSphereRecords, AreNotTouchedByReset) {
-    LogArgu logArgu{"Test"};
+    LogArgu tag{"Test"};
     m_Utilities.AddVSphereInfo("datastore-1", "esx1", "443", "root", "secret");
-    m_Utilities.Reset(&m_Param, &logArgu);
+    m_Utilities.Reset(&m_Param, &tag);
     EXPECT_EQ(m_Utilities.GetVSphereInfo(&m_Param, false), 1);
 }
 
@@ -63,9 +63,9 @@ TEST_F(VSphereRecords, CleanUpSaysWhatItUnmountsWithoutALogBitAndForgetsIt) {
     m_Utilities.AddVSphereInfo("datastore-2", "esx2", "443", "", "");  // without a user nothing is run
     m_Utilities.AddVSphereInfo("datastore-1", "esx1", "8443", "", "");
     m_Utilities.RemoveAllVSphereInfoWithWebCtrl(&m_Param);
-    EXPECT_EQ(m_Capture.Texts('i'), (Lines{"Start cleanup mounted NFS datastores",
-                                           "Unmount NFS datastore with MOID \"datastore-1\" on host \"esx1:8443\"",
-                                           "Unmount NFS datastore with MOID \"datastore-2\" on host \"esx2:443\""}));
+    EXPECT_EQ(m_Log.Texts('i'), (Lines{"Start cleanup mounted NFS datastores",
+                                       "Unmount NFS datastore with MOID \"datastore-1\" on host \"esx1:8443\"",
+                                       "Unmount NFS datastore with MOID \"datastore-2\" on host \"esx2:443\""}));
     EXPECT_EQ(m_Utilities.GetVSphereInfo(&m_Param, false), 0);
 }
 
@@ -90,20 +90,20 @@ public:
 }  // namespace
 
 TEST_F(VSphereRecords, CleanUpMeetsARecordThatChangesUnderItsHands) {
-    ReplacingUtilities utilities(&m_Capture);
+    ReplacingUtilities utilities(&m_Log);
     utilities.AddVSphereInfo("datastore-1", "esx1", "443", "", "");
     utilities.AddVSphereInfo("datastore-2", "esx2", "443", "", "");
     utilities.RemoveAllVSphereInfoWithWebCtrl(&m_Param);
-    EXPECT_EQ(m_Capture.Texts('i'), (Lines{"Start cleanup mounted NFS datastores",
-                                           "Unmount NFS datastore with MOID \"datastore-1\" on host \"esx1:443\"",
-                                           "Unmount NFS datastore with MOID \"datastore-1\" on host \"esx9:444\"",
-                                           "Unmount NFS datastore with MOID \"datastore-2\" on host \"esx2:443\""}));
+    EXPECT_EQ(m_Log.Texts('i'), (Lines{"Start cleanup mounted NFS datastores",
+                                       "Unmount NFS datastore with MOID \"datastore-1\" on host \"esx1:443\"",
+                                       "Unmount NFS datastore with MOID \"datastore-1\" on host \"esx9:444\"",
+                                       "Unmount NFS datastore with MOID \"datastore-2\" on host \"esx2:443\""}));
     EXPECT_EQ(utilities.GetVSphereInfo(&m_Param, false), 0);
 }
 
 TEST_F(VSphereRecords, CleanUpOfNothingSaysNothing) {
     m_Utilities.RemoveAllVSphereInfoWithWebCtrl(&m_Param);
-    EXPECT_EQ(m_Capture.Texts(), Lines{});
+    EXPECT_EQ(m_Log.Texts(), Lines{});
 }
 
 TEST_F(VSphereRecords, MissingTextsCountAsEmpty) {

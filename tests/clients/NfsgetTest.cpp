@@ -60,7 +60,7 @@ TEST_F(NfsgetTest, StandardStreamsStandInForFiles) {
     ExpectUnmounted();
 }
 
-TEST_F(NfsgetTest, MkdirStatAndRemove) {
+TEST_F(NfsgetTest, FolderIsMadeFilesInItAreShownAndOnlyAnEmptyOneIsRemoved) {
     EXPECT_EQ(Run({"mkdir", "127.0.0.1:data/folder"}).iStatus, 0);
     EXPECT_TRUE(std::filesystem::is_directory(Folder() / "folder"));
     WriteWholeFile(Folder() / "folder/file", "123");

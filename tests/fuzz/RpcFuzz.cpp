@@ -77,22 +77,22 @@ RpcFuzzWorld::RpcFuzzWorld(const std::string& sFolder)
     : m_sOutside(sFolder + "/rpc-fuzz-" + std::to_string(::getpid())),
       m_sExport(m_sOutside + "/export"),
       m_pUtilities(std::make_unique<SilentUtilities>()),
-      m_RuntimeParam("fuzz", ~0),
+      m_Param("fuzz", ~0),
       m_pPortmapProg(std::make_unique<CPortmapProg>(m_pUtilities.get())),
       m_pMountProg(std::make_unique<CMountProg>(m_pUtilities.get())),
       m_pNfsProg(std::make_unique<CNfsProg>(m_pUtilities.get())),
-      m_pServer(std::make_unique<CRpcServer>(m_pUtilities.get(), &m_RuntimeParam)) {
+      m_pServer(std::make_unique<CRpcServer>(m_pUtilities.get(), &m_Param)) {
     fs::create_directories(m_sOutside);
     m_sOutside = fs::canonical(m_sOutside).string();
     m_sExport = m_sOutside + "/export";
     Restore();
-    char cStatus[kReasonBufferSize] = "";
-    LogArgu logArgu{"fuzz"};
-    if (!m_pUtilities->AddMountInfo(&m_RuntimeParam, &logArgu, m_sExport.c_str(), kExportName, "", cStatus)) {
-        throw std::runtime_error(cStatus);
+    char vcReason[kReasonBufferSize] = "";
+    LogArgu tag{"fuzz"};
+    if (!m_pUtilities->AddMountInfo(&m_Param, &tag, m_sExport.c_str(), kExportName, "", vcReason)) {
+        throw std::runtime_error(vcReason);
     }
     for (const char* pcName : {"", "/file", "/folder", "/folder/entry"}) {
-        m_pUtilities->GetFileID(&m_RuntimeParam, &logArgu, (m_sExport + pcName).c_str());
+        m_pUtilities->GetFileID(&m_Param, &tag, (m_sExport + pcName).c_str());
     }
     m_pPortmapProg->Set(100003, 2049);
     m_pServer->Set(100000, m_pPortmapProg.get());

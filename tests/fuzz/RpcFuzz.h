@@ -41,7 +41,7 @@ private:
     std::string m_sOutside;  ///< holds the export and what no client may reach
     std::string m_sExport;
     std::unique_ptr<CUtilities> m_pUtilities;
-    CRuntimeParam m_RuntimeParam;
+    CRuntimeParam m_Param;
     std::unique_ptr<CPortmapProg> m_pPortmapProg;
     std::unique_ptr<CMountProg> m_pMountProg;
     std::unique_ptr<CNfsProg> m_pNfsProg;

@@ -60,6 +60,7 @@ TEST_F(MisfortuneTest, AClientProcessThatIsKilledDuringItsRequestIsNobodysLoss) 
         EXPECT_TRUE(WaitUntil([&] { return std::filesystem::exists(Begun()); })) << "the request is under way";
         victim.Signal(SIGKILL);
         EXPECT_TRUE(victim.Wait().has_value());
+        std::filesystem::remove(Begun());
     }
     EXPECT_TRUE(ServerAnswers());
     EXPECT_EQ(m_pClient->GetMountInfo(false, false), 1);

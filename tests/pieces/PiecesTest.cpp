@@ -216,15 +216,15 @@ protected:
     PiecesWorld m_World;
 };
 
-TEST_F(PiecesStreamTest, PortmapperCallsInAnyPieces) {
+TEST_F(PiecesStreamTest, PortmapperCallsAreAnsweredAlikeInAnyPieces) {
     ExpectAlikeInAnyPieces(kPortmapProgram);
 }
 
-TEST_F(PiecesStreamTest, MountCallsInAnyPieces) {
+TEST_F(PiecesStreamTest, MountCallsAreAnsweredAlikeInAnyPieces) {
     ExpectAlikeInAnyPieces(kMountProgram);
 }
 
-TEST_F(PiecesStreamTest, NfsCallsInAnyPieces) {
+TEST_F(PiecesStreamTest, NfsCallsAreAnsweredAlikeInAnyPieces) {
     ExpectAlikeInAnyPieces(kNfsProgram);
 }
 

@@ -29,14 +29,14 @@ void PiecesWorld::Restart() {
         m_bTouched = false;
     }
     m_pUtilities = std::make_unique<CaptureUtilities>(&m_Log);
-    LogArgu logArgu{"pieces"};
+    LogArgu tag{"pieces"};
     char vcReason[kReasonBufferSize] = "";
-    if (!m_pUtilities->AddMountInfo(&m_RuntimeParam, &logArgu, m_Folder.Path().c_str(), kExportName, "", vcReason)) {
+    if (!m_pUtilities->AddMountInfo(&m_Param, &tag, m_Folder.Path().c_str(), kExportName, "", vcReason)) {
         throw std::runtime_error(vcReason);
     }
     unsigned int iID = kRoot;
     for (const char* pcName : {"", "/file", "/dir", "/dir/entry"}) {
-        if (m_pUtilities->GetFileID(&m_RuntimeParam, &logArgu, (m_Folder.Path() + pcName).c_str()) != iID++) {
+        if (m_pUtilities->GetFileID(&m_Param, &tag, (m_Folder.Path() + pcName).c_str()) != iID++) {
             throw std::runtime_error("not the ID that was expected");
         }
     }
@@ -44,7 +44,7 @@ void PiecesWorld::Restart() {
     m_pPortmapProg->Set(kNfsProgram, 2049);
     m_pMountProg = std::make_unique<CMountProg>(m_pUtilities.get());
     m_pNfsProg = std::make_unique<CNfsProg>(m_pUtilities.get());
-    m_pServer = std::make_unique<CRpcServer>(m_pUtilities.get(), &m_RuntimeParam);
+    m_pServer = std::make_unique<CRpcServer>(m_pUtilities.get(), &m_Param);
     m_pServer->Set(kPortmapProgram, m_pPortmapProg.get());
     m_pServer->Set(kMountProgram, m_pMountProg.get());
     m_pServer->Set(kNfsProgram, m_pNfsProg.get());
@@ -56,8 +56,8 @@ std::unique_ptr<CapturingSocket> PiecesWorld::Connect(unsigned long lProgram) co
 
 std::string PiecesWorld::State() {
     MountInfo info;
-    LogArgu logArgu{"pieces"};
-    m_pUtilities->GetMountInfoByPath(&m_RuntimeParam, &logArgu, m_Folder.Path().c_str(), &info);
+    LogArgu tag{"pieces"};
+    m_pUtilities->GetMountInfoByPath(&m_Param, &tag, m_Folder.Path().c_str(), &info);
     return "mounted by " + info.sRemoteIpAddr + "\n" + FolderState(m_Folder.Path());
 }
 

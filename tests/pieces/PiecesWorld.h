@@ -46,7 +46,7 @@ public:
 private:
     TempFolder m_Folder;
     LogCapture m_Log;
-    CRuntimeParam m_RuntimeParam{"pieces", 0};
+    CRuntimeParam m_Param{"pieces", 0};
     bool m_bTouched = true;
     std::unique_ptr<CaptureUtilities> m_pUtilities;
     std::unique_ptr<CPortmapProg> m_pPortmapProg;

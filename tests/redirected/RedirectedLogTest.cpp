@@ -62,8 +62,8 @@ protected:
         }
         ASSERT_EQ(::mkdir((m_Folder / "folder").c_str(), 0755), 0);
         if (GetParam().bExported) {
-            LogArgu logArgu{"test"};
-            m_Utilities.AddMountInfo(&m_Param, &logArgu, m_Folder.Path().c_str(), "data", "", nullptr);
+            LogArgu tag{"test"};
+            m_Utilities.AddMountInfo(&m_Param, &tag, m_Folder.Path().c_str(), "data", "", nullptr);
         }
         m_Log.Clear();
     }
@@ -90,8 +90,8 @@ protected:
         std::map<std::string, std::string> mNames;
         m_Param.SetLogControl(0);
         for (const std::string& sPath : model.OpenPaths()) {
-            LogArgu logArgu{"test"};
-            const CCachedFile file = m_Utilities.GetCachedFileHandle(&m_Param, &logArgu, sPath.c_str(), false);
+            LogArgu tag{"test"};
+            const CCachedFile file = m_Utilities.GetCachedFileHandle(&m_Param, &tag, sPath.c_str(), false);
             mNames[std::to_string(file.Get())] = sPath;
         }
         m_Param.SetLogControl(kBits);

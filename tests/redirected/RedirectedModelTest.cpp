@@ -42,10 +42,10 @@ public:
             m_vSources.push_back(m_Folder / pcName);
             WriteWholeFile(m_vSources.back(), "");
         }
-        LogArgu logArgu{"test"};
-        pUtilities->AddMountInfo(&m_Param, &logArgu, m_Folder.Path().c_str(), "data", "", nullptr);  // for writing
-        m_vSources.push_back("");                                                                    // no source
-        m_vSources.push_back(m_Folder / "missing");                                                  // cannot be opened
+        LogArgu tag{"test"};
+        pUtilities->AddMountInfo(&m_Param, &tag, m_Folder.Path().c_str(), "data", "", nullptr);  // for writing
+        m_vSources.push_back("");                                                                // no source
+        m_vSources.push_back(m_Folder / "missing");                                              // cannot be opened
     }
 
     void Build() {

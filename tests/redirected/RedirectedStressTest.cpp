@@ -256,13 +256,13 @@ protected:
     /// As the NFS threads do, but several at a time.
     void RunDirectReader(unsigned int iSeed) {
         CRuntimeParam param("reader", 0);
-        LogArgu logArgu{"stress"};
+        LogArgu tag{"stress"};
         std::vector<char> vcBuffer(CRedirectedFile::GetReadRoom(kMaxRead));
         ReadUntilStopped(
             [&](const std::string& sName, std::int64_t iOffset, unsigned int iLen) {
                 Answer answer;
                 const int iRead =
-                    Utilities().ReadFile(&param, &logArgu, Path(sName).c_str(), static_cast<std::uint64_t>(iOffset),
+                    Utilities().ReadFile(&param, &tag, Path(sName).c_str(), static_cast<std::uint64_t>(iOffset),
                                          SEEK_SET, vcBuffer.data(), iLen, &answer.bEof);
                 answer.bFailed = iRead < 0;
                 answer.sData.assign(vcBuffer.data(), static_cast<std::size_t>(std::max(iRead, 0)));

@@ -247,13 +247,13 @@ TEST_F(ReopenedInfoFileTest, ReadsGoOnWhileTheFileIsOpenedAnew) {
     for (int i = 0; i < 2; ++i) {
         vReaders.emplace_back([&] {
             CRuntimeParam param("reader", 0);
-            LogArgu logArgu{"test"};
+            LogArgu tag{"test"};
             std::vector<char> vcBuffer(CRedirectedFile::GetReadRoom(4096));
             while (!bStop) {
                 bool bEof = true;
-                EXPECT_EQ(m_Utilities.ReadFile(&param, &logArgu, m_sPath.c_str(), 1000, SEEK_SET, vcBuffer.data(), 4096,
-                                               &bEof),
-                          4096);
+                EXPECT_EQ(
+                    m_Utilities.ReadFile(&param, &tag, m_sPath.c_str(), 1000, SEEK_SET, vcBuffer.data(), 4096, &bEof),
+                    4096);
                 EXPECT_FALSE(bEof);
                 bStop = bStop || HasFailure();
                 ++nReads;

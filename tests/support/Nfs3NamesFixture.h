@@ -40,7 +40,7 @@ protected:
     }
     void MakeFolder(const std::string& sName) const { ASSERT_EQ(::mkdir(Path(sName).c_str(), 0755), 0) << sName; }
     void Export(const std::string& sPath, const char* pcName) {
-        ASSERT_TRUE(m_Utilities.AddMountInfo(&m_RuntimeParam, &m_LogArgu, sPath.c_str(), pcName, "", nullptr));
+        ASSERT_TRUE(m_Utilities.AddMountInfo(&m_Param, &m_Tag, sPath.c_str(), pcName, "", nullptr));
     }
     /// A link counts, wherever it leads.
     bool Exists(const std::string& sName) const {

@@ -5,8 +5,7 @@
 
 Nfs3ProgFixture::Nfs3ProgFixture() {
     char vcReason[kReasonBufferSize] = "";
-    EXPECT_TRUE(
-        m_Utilities.AddMountInfo(&m_RuntimeParam, &m_LogArgu, m_Folder.Path().c_str(), kExportName, kIpcID, vcReason))
+    EXPECT_TRUE(m_Utilities.AddMountInfo(&m_Param, &m_Tag, m_Folder.Path().c_str(), kExportName, kIpcID, vcReason))
         << vcReason;
 }
 
@@ -33,9 +32,9 @@ std::string Nfs3ProgFixture::CallWithMoreBehind(unsigned int iProc, const std::s
     param.iVersion = 3;
     param.iProc = iProc;
     param.sRemoteAddr = m_sRemoteAddr;
-    param.pRuntimeParam = &m_RuntimeParam;
-    m_RuntimeParam.SetID(m_sRemoteAddr.c_str());
-    m_RuntimeParam.SetIpcID("");
+    param.pRuntimeParam = &m_Param;
+    m_Param.SetID(m_sRemoteAddr.c_str());
+    m_Param.SetIpcID("");
     m_iResult = m_pProg->Process(&m_Input, &m_Output, &param);
     EXPECT_EQ(m_Output.GetBufferIndex(), m_Output.GetBufferSize()) << "bytes behind the reply, procedure " << iProc;
     return {m_Output.GetBuffer(), m_Output.GetBufferSize()};
@@ -58,7 +57,7 @@ std::string Nfs3ProgFixture::Handle(const std::string& sName) {
 std::string Nfs3ProgFixture::HandleOfPath(const std::string& sPath) {
     CRuntimeParam quiet("test", 0);
     std::string sHandle(kNfs3HandleSize, '\0');
-    EXPECT_TRUE(m_Utilities.GetFileHandle(&quiet, &m_LogArgu, sPath.c_str(), sHandle.data(), kNfs3HandleSize));
+    EXPECT_TRUE(m_Utilities.GetFileHandle(&quiet, &m_Tag, sPath.c_str(), sHandle.data(), kNfs3HandleSize));
     return sHandle;
 }
 

@@ -43,7 +43,7 @@ protected:
     unsigned int LookupStatus(const std::string& sName);
 
     std::string Path(const std::string& sName) const { return m_Folder / sName; }
-    void SetLog(int iBits) { m_RuntimeParam.SetLogControl(iBits); }
+    void SetLog(int iBits) { m_Param.SetLogControl(iBits); }
     /// All log texts since the last call of this.
     std::vector<std::string> TakeLog();
 
@@ -55,8 +55,8 @@ protected:
     TempFolder m_Folder;
     LogCapture m_Log;
     CaptureUtilities m_Utilities{&m_Log};
-    CRuntimeParam m_RuntimeParam{kClientID, 0};
-    LogArgu m_LogArgu{"Test"};
+    CRuntimeParam m_Param{kClientID, 0};
+    LogArgu m_Tag{"Test"};
     CNfs3Prog m_Prog{&m_Utilities};
     CNfs3Prog* m_pProg = &m_Prog;  ///< the one that is called
     CInputStream m_Input;

@@ -103,9 +103,9 @@ protected:
 
     /// Opens a TCP and a UDP port for the program and connects to both.
     void Open(unsigned long lProgram = 100003) {
-        char cStatus[kReasonBufferSize] = "";
-        ASSERT_TRUE(m_Tcp.Open(lProgram, 0, 3, nullptr, cStatus)) << cStatus;
-        ASSERT_TRUE(m_Udp.Open(lProgram, 0, nullptr, cStatus)) << cStatus;
+        char vcReason[kReasonBufferSize] = "";
+        ASSERT_TRUE(m_Tcp.Open(lProgram, 0, 3, nullptr, vcReason)) << vcReason;
+        ASSERT_TRUE(m_Udp.Open(lProgram, 0, nullptr, vcReason)) << vcReason;
         m_pTcp = std::make_unique<RpcClient>(Transport::kTcp, m_Tcp.GetPort());
         m_pUdp = std::make_unique<RpcClient>(Transport::kUdp, m_Udp.GetPort());
     }
@@ -144,9 +144,9 @@ protected:
     LeakGuard m_Leaks;
     LogCapture m_Log;
     CaptureUtilities m_Utilities{&m_Log};
-    CRuntimeParam m_RuntimeParam{"controller", 0};
+    CRuntimeParam m_Param{"controller", 0};
     FakeProgram m_Program;
-    CRpcServer m_Server{&m_Utilities, &m_RuntimeParam};
+    CRpcServer m_Server{&m_Utilities, &m_Param};
     CServerSocket m_Tcp;
     CDatagramSocket m_Udp;
     std::unique_ptr<RpcClient> m_pTcp;

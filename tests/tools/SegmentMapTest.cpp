@@ -186,8 +186,8 @@ TEST_F(SegmentMapAgainstServerTest, StretchesOfADumpAreWhatReadsDeliver) {
     ASSERT_TRUE(Add(A(), 500, 550, 350));
     const std::string sOut = m_Folder / "dump";
     WriteWholeFile(sOut, "");
-    LogArgu logArgu{"test"};
-    ASSERT_TRUE(m_Utilities.AddMountInfo(&m_Param, &logArgu, m_Folder.Path().c_str(), "data", "", nullptr));
+    LogArgu tag{"test"};
+    ASSERT_TRUE(m_Utilities.AddMountInfo(&m_Param, &tag, m_Folder.Path().c_str(), "data", "", nullptr));
     m_File.ExportInfo(&m_Param, sOut.c_str(), false);
 
     const SegmentMap map = SegmentMap::Load(sOut, SegmentMap::Form::kGuess);
