@@ -1,6 +1,4 @@
 // Log lines and notifications on their way out: host callback, file logger, standard output.
-#include "Utilities.h"
-
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -22,6 +20,7 @@
 #include "FakeJvm.h"
 #include "FileLogger.h"
 #include "TempFolder.h"
+#include "Utilities.h"
 #include "UtilitiesFixture.h"
 
 namespace {

@@ -16,8 +16,8 @@
 namespace {
 
 using testing::Contains;
-using testing::ElementsAre;
 using testing::IsEmpty;
+using Lines = std::vector<std::string>;
 
 class NfsMainForwardingTest : public testing::Test {
 protected:
@@ -51,12 +51,12 @@ TEST_F(NfsMainForwardingTest, ListingsGoOutUnderTheGivenParameterOrTheController
     EXPECT_EQ(m_Main.GetSessionInfo(&m_Other, true), 1);
     EXPECT_EQ(m_Main.GetVSphereInfo(&m_Other, true), 1);
     EXPECT_EQ(m_Main.GetNetDeviceCredential(&m_Other, true), 0);
-    EXPECT_THAT(TakeLines(), ElementsAre("other: " + sMount, "other: " + sSession, "other: " + sDatastore));
+    EXPECT_EQ(TakeLines(), (Lines{"other: " + sMount, "other: " + sSession, "other: " + sDatastore}));
     EXPECT_EQ(m_Main.GetMountInfo(false, true), 1);
     EXPECT_EQ(m_Main.GetSessionInfo(true), 1);
     EXPECT_EQ(m_Main.GetVSphereInfo(true), 1);
     EXPECT_EQ(m_Main.GetNetDeviceCredential(true), 0);
-    EXPECT_THAT(TakeLines(), ElementsAre("own: " + sMount, "own: " + sSession, "own: " + sDatastore));
+    EXPECT_EQ(TakeLines(), (Lines{"own: " + sMount, "own: " + sSession, "own: " + sDatastore}));
     EXPECT_EQ(m_Main.GetMountInfo(true, true), 0) << "no client has it mounted";
     EXPECT_EQ(m_Main.GetMountInfo(false, false), 1);
     EXPECT_EQ(m_Main.GetSessionInfo(false), 1);
@@ -73,8 +73,8 @@ TEST_F(NfsMainForwardingTest, ListingsGoOutUnderTheGivenParameterOrTheController
 
 TEST_F(NfsMainForwardingTest, TestsAndCommandsRunUnderTheGivenParameterOrTheControllersOwn) {
     EXPECT_EQ(m_Main.ExecuteSystemCmd(&m_Other, "exit 1", true), 256);
-    EXPECT_THAT(TakeLines(), ElementsAre("other: exit 1", "other: \n------\n", "other: \n------\n",
-                                         "other: Process returned 256\n"));
+    EXPECT_EQ(TakeLines(),
+              (Lines{"other: exit 1", "other: \n------\n", "other: \n------\n", "other: Process returned 256\n"}));
     EXPECT_EQ(m_Main.ExecuteSystemCmd("exit 0", true), 0);
     EXPECT_THAT(TakeLines(), Contains("own: exit 0"));
     EXPECT_EQ(m_Main.ExecuteSystemCmd("exit 1", false), 256);
@@ -82,8 +82,8 @@ TEST_F(NfsMainForwardingTest, TestsAndCommandsRunUnderTheGivenParameterOrTheCont
 
     m_Main.RunTestMode(&m_Other, "", 1);
     m_Main.RunTestMode(m_Folder.Path().c_str(), 0);
-    EXPECT_THAT(TakeLines(), ElementsAre("other: Cannot start platrorm test. Error=Target directory is NULL",
-                                         "own: Cannot start platrorm test. Error=File size is ZERO"));
+    EXPECT_EQ(TakeLines(), (Lines{"other: Cannot start platrorm test. Error=Target directory is NULL",
+                                  "own: Cannot start platrorm test. Error=File size is ZERO"}));
 
     const std::string sNone = m_Folder / "none";
     EXPECT_TRUE(m_Main.RunQuickTestMode(&m_Other, m_Folder.Path().c_str(), 0, m_vcReason));
@@ -174,20 +174,20 @@ protected:
 
 TEST_F(NfsMainCachedHandlesTest, OneIsClosedUnderItsTag) {
     m_Main.CloseCachedFileHandle((m_Folder / "a").c_str());
-    EXPECT_THAT(TakeLines(), ElementsAre(Closed("NfsMain.CloseCachedFileHandle", "a")));
+    EXPECT_EQ(TakeLines(), (Lines{Closed("NfsMain.CloseCachedFileHandle", "a")}));
     EXPECT_EQ(Opened(), 1);
 }
 
 TEST_F(NfsMainCachedHandlesTest, AllBelowAPathAreClosedUnderTheirTag) {
     m_Main.CloseAllCachedFileHandles(m_Folder.Path().c_str());
-    EXPECT_THAT(TakeLines(), ElementsAre(Closed("NfsMain.CloseAllCachedFileHandles", "a"),
-                                         Closed("NfsMain.CloseAllCachedFileHandles", "b")));
+    EXPECT_EQ(TakeLines(), (Lines{Closed("NfsMain.CloseAllCachedFileHandles", "a"),
+                                  Closed("NfsMain.CloseAllCachedFileHandles", "b")}));
     EXPECT_EQ(Opened(), 0);
 }
 
 TEST_F(NfsMainCachedHandlesTest, AStopClosesThemUnderItsTag) {
     m_Main.StopServer();
-    EXPECT_THAT(TakeLines(), ElementsAre(Closed("NfsMain.StopServer", "a"), Closed("NfsMain.StopServer", "b")));
+    EXPECT_EQ(TakeLines(), (Lines{Closed("NfsMain.StopServer", "a"), Closed("NfsMain.StopServer", "b")}));
     EXPECT_EQ(Opened(), 0);
 }
 

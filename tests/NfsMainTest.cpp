@@ -28,6 +28,7 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
+using Lines = std::vector<std::string>;
 
 constexpr int kPortmapPort = 111;
 constexpr int kNfsPort = 2049;
@@ -184,11 +185,11 @@ TEST_F(NfsMainTest, RemoteControllerOnlySaysThatThereIsNone) {
     m_pMain->SetLogControl(CRuntimeParam::kLogGeneralInfo);
     EXPECT_TRUE(m_pMain->StartRemoteController(m_vcReason));
     m_pMain->StopRemoteController();
-    EXPECT_THAT(m_Log.Texts('i'),
-                ElementsAre("[NfsMain.StartRemoteController] No remote controller to start. It is NOT support in "
-                            "internal server mode.",
-                            "[NfsMain.StopRemoteController] No remote controller to stop. It is NOT support in "
-                            "internal server mode."));
+    EXPECT_EQ(m_Log.Texts('i'),
+              (Lines{"[NfsMain.StartRemoteController] No remote controller to start. It is NOT support in "
+                     "internal server mode.",
+                     "[NfsMain.StopRemoteController] No remote controller to stop. It is NOT support in "
+                     "internal server mode."}));
 }
 
 // ---- Start and stop
@@ -380,8 +381,8 @@ TEST_F(NfsMainTest, StopUnmountsDatastoresBeforeAnythingEnds) {
     watched.AddVSphereInfo("moid", "esx", "443", "", "");  // without a user no tool is run
     watched.SetFileLogger(&logger);
     watched.StopServer();
-    EXPECT_THAT(vsLines, ElementsAre("Stop NFS", "Start cleanup mounted NFS datastores",
-                                     "Unmount NFS datastore with MOID \"moid\" on host \"esx:443\""));
+    EXPECT_EQ(vsLines, (Lines{"Stop NFS", "Start cleanup mounted NFS datastores",
+                              "Unmount NFS datastore with MOID \"moid\" on host \"esx:443\""}));
     watched.SetFileLogger(nullptr);
     logger.Close();
 }
@@ -573,10 +574,10 @@ TEST_F(NfsMainTest, LifecycleLinesGoOutInOrderWithAFileLoggerWhateverTheLogBits)
     m_pMain->StopServer();
     m_pMain->StopRemoteController();
     m_pMain->Terminate();
-    EXPECT_THAT(ReadMessages(folder / "log", "info"),
-                ElementsAre("Initial NFS", "Start Remote Controller",
-                            "Start NFS with internal portmapper: MountPort = 4058, NfsPort = 4049", "Stop NFS",
-                            "Stop Remote Controller", "Terminate NFS"));
+    EXPECT_EQ(ReadMessages(folder / "log", "info"),
+              (Lines{"Initial NFS", "Start Remote Controller",
+                     "Start NFS with internal portmapper: MountPort = 4058, NfsPort = 4049", "Stop NFS",
+                     "Stop Remote Controller", "Terminate NFS"}));
     m_pMain->SetFileLogger(nullptr);
     logger.Close();
 }
@@ -588,7 +589,7 @@ TEST_F(NfsMainTest, AnInitialThatFailsIsLoggedAsWell) {
     Make("", 0);
     m_pMain->SetFileLogger(&logger);
     EXPECT_FALSE(m_pMain->Initial(m_vcReason));
-    EXPECT_THAT(ReadMessages(folder / "log", "info"), ElementsAre("Initial NFS"));
+    EXPECT_EQ(ReadMessages(folder / "log", "info"), (Lines{"Initial NFS"}));
     m_pMain->SetFileLogger(nullptr);
     logger.Close();
 }

@@ -16,9 +16,9 @@
 
 namespace {
 
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Not;
+using Lines = std::vector<std::string>;
 
 /// A program that Debian keeps outside an ordinary user's search path.
 std::string FindProgram(const std::string& sName) {
@@ -107,23 +107,23 @@ TEST_F(RpcbindTest, ServerTakesTheNextPortsAndRegistersThemUntilItStops) {
 
 TEST_F(RpcbindTest, NfsIsRegisteredAndUnregisteredBeforeMount) {
     ASSERT_TRUE(m_pMain->StartServer(0, 0, 0, 0, false, m_vcReason)) << m_vcReason << m_Log.Dump();
-    EXPECT_THAT(m_Log.Texts(), ElementsAre("[Portmap.IsRunning] Port 111 is already in used",
-                                           "[Portmap.RegisterSvc] Creating UDP for 100003 ver=3",
-                                           "[Portmap.RegisterSvc] Registering UDP for 100003 ver=3",
-                                           "[Portmap.RegisterSvc] Registered UDP for 100003 ver=3",
-                                           "[Portmap.RegisterSvc] Creating TCP for 100003 ver=3",
-                                           "[Portmap.RegisterSvc] Registering TCP for 100003 ver=3",
-                                           "[Portmap.RegisterSvc] Registered TCP for 100003 ver=3",
-                                           "[Portmap.RegisterSvc] Creating UDP for 100005 ver=3",
-                                           "[Portmap.RegisterSvc] Registering UDP for 100005 ver=3",
-                                           "[Portmap.RegisterSvc] Registered UDP for 100005 ver=3",
-                                           "[Portmap.RegisterSvc] Creating TCP for 100005 ver=3",
-                                           "[Portmap.RegisterSvc] Registering TCP for 100005 ver=3",
-                                           "[Portmap.RegisterSvc] Registered TCP for 100005 ver=3"));
+    EXPECT_EQ(m_Log.Texts(), (Lines{"[Portmap.IsRunning] Port 111 is already in used",
+                                    "[Portmap.RegisterSvc] Creating UDP for 100003 ver=3",
+                                    "[Portmap.RegisterSvc] Registering UDP for 100003 ver=3",
+                                    "[Portmap.RegisterSvc] Registered UDP for 100003 ver=3",
+                                    "[Portmap.RegisterSvc] Creating TCP for 100003 ver=3",
+                                    "[Portmap.RegisterSvc] Registering TCP for 100003 ver=3",
+                                    "[Portmap.RegisterSvc] Registered TCP for 100003 ver=3",
+                                    "[Portmap.RegisterSvc] Creating UDP for 100005 ver=3",
+                                    "[Portmap.RegisterSvc] Registering UDP for 100005 ver=3",
+                                    "[Portmap.RegisterSvc] Registered UDP for 100005 ver=3",
+                                    "[Portmap.RegisterSvc] Creating TCP for 100005 ver=3",
+                                    "[Portmap.RegisterSvc] Registering TCP for 100005 ver=3",
+                                    "[Portmap.RegisterSvc] Registered TCP for 100005 ver=3"}));
     m_Log.Clear();
     m_pMain->StopServer();
-    EXPECT_THAT(m_Log.Texts(), ElementsAre("[Portmap.Unregister] Unregistered the program 100003 ver=3",
-                                           "[Portmap.Unregister] Unregistered the program 100005 ver=3"));
+    EXPECT_EQ(m_Log.Texts(), (Lines{"[Portmap.Unregister] Unregistered the program 100003 ver=3",
+                                    "[Portmap.Unregister] Unregistered the program 100005 ver=3"}));
 }
 
 TEST_F(RpcbindTest, RealClientFindsThePortsThroughRpcbind) {

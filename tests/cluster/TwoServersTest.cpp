@@ -23,7 +23,7 @@ class TwoServersTest : public testing::Test {
 protected:
     void SetUp() override {
         if (!IsIsolated()) {
-            GTEST_SKIP() << "needs network and mount namespaces of its own";
+            GTEST_SKIP() << kNotIsolated;
         }
         for (const char* pcName : {"a", "b", "c"}) {
             std::filesystem::create_directory(m_Tree / pcName);

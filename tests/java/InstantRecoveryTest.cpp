@@ -17,6 +17,7 @@
 #include "NfsClient.h"
 #include "TempFolder.h"
 #include "Trees.h"
+#include "WaitUntil.h"
 
 namespace {
 
@@ -205,11 +206,7 @@ TEST_F(InstantRecoveryTest, ExamplesLeaveNothingBehindAtCtrlC) {
         EXPECT_EQ(host.Wait(), 130) << host.Output();
         EXPECT_THAT(host.Output(), HasSubstr("Stopped, "));
         EXPECT_THAT(host.Output(), Not(HasSubstr("e2fsck")));
-        const auto end = std::chrono::steady_clock::now() + ChildProcess::kLimit;
-        while (!std::filesystem::is_empty(m_Folder / "tmp") && std::chrono::steady_clock::now() < end) {
-            usleep(20000);
-        }
-        EXPECT_TRUE(std::filesystem::is_empty(m_Folder / "tmp")) << pcExample;
+        EXPECT_TRUE(WaitUntil([&] { return std::filesystem::is_empty(m_Folder / "tmp"); })) << pcExample;
     }
 }
 

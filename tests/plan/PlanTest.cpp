@@ -12,9 +12,9 @@
 
 namespace {
 
-using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
+using Lines = std::vector<std::string>;
 
 const Sources& ReadSources() {
     static const Sources s_Sources = [] {
@@ -62,23 +62,23 @@ TEST(PlanTest, AnIncludeOfAHigherWingIsRefused) {
     const Sources sources{{"Low.h", "#include <map>\n"},
                           {"Low.cpp", "#include \"Low.h\"\n#include \"High.h\"\n"},
                           {"High.h", "#include \"Low.h\"\n"}};
-    EXPECT_THAT(UpwardIncludes(kTwoWings, sources), ElementsAre("Low.cpp (base) includes High.h (host binding)"));
+    EXPECT_EQ(UpwardIncludes(kTwoWings, sources), (Lines{"Low.cpp (base) includes High.h (host binding)"}));
 }
 
 TEST(PlanTest, AFileWithoutAWingIsRefusedAndOneWithTwoAndANameWithoutAFile) {
     const Wings wings{{"base", {"Low.h", "Gone.h"}}, {"host binding", {"Low.h"}}};
-    EXPECT_THAT(MisplacedFiles(wings, {{"Low.h", ""}, {"New.cpp", ""}}),
-                ElementsAre("Gone.h stands in the wing base, but there is no such file", "Low.h stands in two wings",
-                            "New.cpp stands in no wing"));
+    EXPECT_EQ(MisplacedFiles(wings, {{"Low.h", ""}, {"New.cpp", ""}}),
+              (Lines{"Gone.h stands in the wing base, but there is no such file", "Low.h stands in two wings",
+                     "New.cpp stands in no wing"}));
 }
 
 TEST(PlanTest, ListsAreReadLineByLine) {
     const Wings wings = WingsOfLists("base: Low.h Low.cpp\nhost binding: High.h\n");
     ASSERT_THAT(wings, SizeIs(2));
     EXPECT_EQ(wings[0].sName, "base");
-    EXPECT_THAT(wings[0].vsMembers, ElementsAre("Low.h", "Low.cpp"));
+    EXPECT_EQ(wings[0].vsMembers, (Lines{"Low.h", "Low.cpp"}));
     EXPECT_EQ(wings[1].sName, "host binding");
-    EXPECT_THAT(wings[1].vsMembers, ElementsAre("High.h"));
+    EXPECT_EQ(wings[1].vsMembers, (Lines{"High.h"}));
 }
 
 TEST(PlanTest, ATableThatLacksAFileOrPutsItElsewhereIsRefused) {
@@ -86,11 +86,11 @@ TEST(PlanTest, ATableThatLacksAFileOrPutsItElsewhereIsRefused) {
         "# House\n## The nine wings\n### Base\n| File | What it is |\n|---|---|\n"
         "| `High` | a text |\n| `Gone` | a text |\n### Host\n"
         "## Locks\n### Third\n| `Low` | not a table of wings |\n";
-    EXPECT_THAT(UntrueTables(kTwoWings, WingsOfDocument(sDocument)),
-                ElementsAre("Gone: src/CMakeLists.txt says no wing, docs/architecture.md the wing base",
-                            "High: src/CMakeLists.txt says the wing host binding, docs/architecture.md the wing base",
-                            "Low: src/CMakeLists.txt says the wing base, docs/architecture.md no wing",
-                            "As wing 2 src/CMakeLists.txt has host binding, docs/architecture.md host"));
+    EXPECT_EQ(UntrueTables(kTwoWings, WingsOfDocument(sDocument)),
+              (Lines{"Gone: src/CMakeLists.txt says no wing, docs/architecture.md the wing base",
+                     "High: src/CMakeLists.txt says the wing host binding, docs/architecture.md the wing base",
+                     "Low: src/CMakeLists.txt says the wing base, docs/architecture.md no wing",
+                     "As wing 2 src/CMakeLists.txt has host binding, docs/architecture.md host"}));
 }
 
 TEST(PlanTest, AMutexWithoutAPlaceInTheLockOrderIsRefused) {
@@ -100,11 +100,11 @@ TEST(PlanTest, AMutexWithoutAPlaceInTheLockOrderIsRefused) {
                            "    mutable Mutex m_hMutex;\n    Mutex m_hMutexNew GUARDED_BY(m_hMutex);\n};\n"},
                           {"High.cpp", "class COther;\nclass CHigh final {\n    Mutex m_hMutex;  ///< a word\n};\n"}};
     const std::string sDocument = "`CLow::m_hMutexNew` first\n## Locks\n1. `CLow::m_hMutex`, `CGone::m_hMutex`\n";
-    EXPECT_THAT(UntrueLocks(sources, sDocument),
-                ElementsAre("CHigh::m_hMutex has no place in the lock order",
-                            "CLow::Part::hMutexPart has no place in the lock order",
-                            "CLow::m_hMutexNew has no place in the lock order",
-                            "CGone::m_hMutex has a place in the lock order, but there is no such mutex"));
+    EXPECT_EQ(UntrueLocks(sources, sDocument),
+              (Lines{"CHigh::m_hMutex has no place in the lock order",
+                     "CLow::Part::hMutexPart has no place in the lock order",
+                     "CLow::m_hMutexNew has no place in the lock order",
+                     "CGone::m_hMutex has a place in the lock order, but there is no such mutex"}));
 }
 
 }  // namespace

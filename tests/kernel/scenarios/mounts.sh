@@ -63,6 +63,7 @@ scenario_restart() {
     stop_server
     expect "the server stops, with success" [ $? -eq 0 ]
     expect "what was written is on disk" here_is file 1000000 51
+    # Two seconds: one that did not wait would have ended, or failed, at once.
     expect "a call waits for the server" guest '{ ls -l /mnt/a; touch /tmp/listed; } >/tmp/said.2 2>&1 &
         sleep 2; [ ! -e /tmp/listed ]'
     start_server
