@@ -69,6 +69,7 @@ void CHostController::Leave() {
 
 void CHostController::End() {
     m_pMain->Terminate();
+    // From here on nobody enters; who is inside already is waited for.
     {
         const MutexLock lock(m_hMutexCalls);
         m_bEnded = true;

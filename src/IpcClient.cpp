@@ -23,7 +23,7 @@ bool CIpcClient::SendRequest(const char* pcChannel, char* pcReason) {
         return false;
     }
     if (const char* pcTooLong = m_Texts.GetReason(); pcTooLong != nullptr) {
-        m_iError = EMSGSIZE;
+        m_iError = EMSGSIZE;  // a cut text would name something else
         WriteReason(pcReason, "%s", pcTooLong);
         return false;
     }
@@ -69,7 +69,7 @@ bool CIpcClient::Exchange(const LogContext& log, const char* pcChannel, char* pc
         return false;
     }
     const bool bDone = SendAll(log, &socket, pcReason) && ReadReply(log, &socket, deadline, pcReason);
-    socket.Shutdown();
+    socket.Shutdown();  // in every case; the end of the scope closes it
     return bDone;
 }
 

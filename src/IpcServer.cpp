@@ -23,6 +23,7 @@ bool CIpcServer::Open(const char* pcChannel, char* pcReason) {
         WriteReason(pcReason, "Channel is not defined");
         return false;
     }
+    // Claimed before the work, so that of two who open it at a time one does.
     if (m_bOpened.exchange(true)) {
         WriteReason(pcReason, "Channel already opened");
         return false;
@@ -124,7 +125,7 @@ bool CIpcServer::ReadRequest(char* pcReason) {
     if (!AcceptConnection(log, pListener.get(), &connection, pcReason)) {
         return false;
     }
-    if (!m_bOpened) {
+    if (!m_bOpened) {  // Close woke the accept
         NFS_LOG_INFO(log, kLogIpcState, "[%s] Socket closed");
         return true;
     }
@@ -139,6 +140,7 @@ bool CIpcServer::AcceptConnection(const LogContext& log, CIpcListener* pListener
         return true;
     }
     WriteReason(pcReason, "Fail to accept ipc request. %s", CSystemErrorText(iError).Get());
+    // Without descriptors nobody can be served: the cache gives up its own, and the next turn tries again.
     if (iError == EMFILE || iError == ENFILE) {
         m_pNfsHandle->GetUtilities()->FreeCachedFileHandles(m_pRuntimeParam, log.pLogArgu);
     }
@@ -166,7 +168,7 @@ bool CIpcServer::ServeConnection(const LogContext& log, const CIpcListener& list
     }
     ParseData(log.pLogArgu, &data);
     const bool bSent = SendReply(log, pConnection, pcReason);
-    pConnection->DiscardInput();
+    pConnection->DiscardInput();  // what lies unread at the close would cost the requester the reply
     return bSent;
 }
 

@@ -1,4 +1,6 @@
-// CIpcServer: handing callbacks to the registries of the process that receives them.
+// CIpcServer: handing callbacks to the log of the process that receives them, and through it to that process's host.
+//
+// The server waits for the reply. Log lines are answered with true; the host's answer to a notification is the reply.
 #include "IpcServer.h"
 
 #include "Reason.h"

@@ -60,6 +60,7 @@ bool CNfsIpcServerMain::StartRemoteController(char* pcStatus) {
     }
     char vcChannel[kIpcChannelBufferSize];
     GetIpcServerThreadChannel(vcChannel);
+    // Opening puts our socket file in the place of whatever is there, so a channel that somebody serves is left alone.
     if (IsChannelServed(vcChannel)) {
         WriteReason(pcStatus, "Ipc channel is already created by others.");
         return false;

@@ -140,6 +140,7 @@ bool CNfsMain::RegisterServices() {
     if (!m_pPortmap->IsRunning()) {
         return true;
     }
+    // Both are tried, so that the log tells of both.
     char vcReason[kReasonBufferSize] = "";
     const bool bNfs =
         m_pPortmap->Register(kNfsProgramId, kNfsVersion3, m_Sockets[kNfsSockets].pServerSocket.get(), vcReason);
@@ -166,6 +167,7 @@ void CNfsMain::StopLocked() {
     if (m_bServerRunning) {
         LogLifecycle("Stop NFS");
     }
+    // While they are still served: a vSphere host unmounts what answers.
     m_pUtilities->RemoveAllVSphereInfoWithWebCtrl(m_pRuntimeParam.get());
     m_bServerRunning = false;
     CloseServices();
