@@ -2,7 +2,7 @@
 //
 // Entries share their descriptors with the operations that use them: dropping an entry never closes a descriptor
 // under somebody's hands. A path that could not be opened leaves an entry without descriptor, tried again at the next
-// request. The last-access index orders the entries by the second of their last use.
+// request. COpenedFiles holds the entries, and the order of their use.
 //
 // A descriptor serves only while it is the file that its path names. A client's call has looked at its path and brings
 // what it found. The host's own files (sources and info files, whose paths no call looks at) are looked at here, once
@@ -10,10 +10,9 @@
 #include "DescriptorCache.h"
 
 #include <cerrno>
-#include <cstdio>
 #include <ctime>
 #include <iterator>
-#include <string_view>
+#include <utility>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -23,19 +22,6 @@
 #include "Paths.h"
 
 namespace {
-
-/// Entries that are kept; more are evicted before the next open.
-constexpr std::size_t kMaxCachedFiles = 1024;
-
-/// Eviction frees one part in so many of the entries, so that it runs rarely.
-constexpr std::size_t kEvictedPart = 10;
-
-/// The key of an entry in the last-access index: the order of the keys is the order of use.
-std::string MakeTimeKey(std::time_t iTime, int iFile) {
-    char vcKey[48];
-    std::snprintf(vcKey, sizeof(vcKey), "%016llu%d", static_cast<unsigned long long>(iTime), iFile);
-    return vcKey;
-}
 
 /// Failures to open for reading and writing that leave reading to try: a read-only file system, no right to write, a
 /// file marked as unchangeable, a program that is running.
@@ -92,21 +78,19 @@ void CDescriptorCache::FileWish::LookAt(const char* pcPath) {
 /// Whether a second has begun since an open entry's path was looked at.
 bool CDescriptorCache::IsLookDue(const char* pcPath) {
     const MutexLock lock(m_hMutexOpenedFileHandles);
-    const auto itOpened = m_OpenedFileHandles.find(std::string_view(pcPath));
-    return itOpened != m_OpenedFileHandles.end() && itOpened->second.iFile.IsOpen() &&
-           itOpened->second.iLastAccess != std::time(nullptr);
+    const auto itOpened = m_OpenedFiles.FindOpen(pcPath);
+    return itOpened != m_OpenedFiles.end() && itOpened->second.iLastAccess != std::time(nullptr);
 }
 
 CCachedFile CDescriptorCache::TakeCachedFile(const LogContext& log, const char* pcPath, const FileWish& wish) {
     const CDeferredLog deferred;
     const MutexLock lock(m_hMutexOpenedFileHandles);
-    auto itOpened = m_OpenedFileHandles.find(std::string_view(pcPath));
-    if (itOpened != m_OpenedFileHandles.end() && itOpened->second.iFile.IsOpen() &&
-        IsOtherFile(itOpened->second, wish.status)) {
+    auto itOpened = m_OpenedFiles.FindOpen(pcPath);
+    if (itOpened != m_OpenedFiles.end() && IsOtherFile(itOpened->second, wish.status)) {
         EraseCachedFile(log, itOpened);
-        itOpened = m_OpenedFileHandles.end();
+        itOpened = m_OpenedFiles.end();
     }
-    if (itOpened == m_OpenedFileHandles.end() || !itOpened->second.iFile.IsOpen()) {
+    if (itOpened == m_OpenedFiles.end()) {
         return OpenCachedFile(log, pcPath, wish);
     }
     if (wish.bClient && wish.status.bKnown && !IsRegularFile(wish.status.status)) {
@@ -120,7 +104,7 @@ CCachedFile CDescriptorCache::TakeCachedFile(const LogContext& log, const char* 
     }
     OpenedFileInfo& info = itOpened->second;
     info.bHost = info.bHost || !wish.bClient;
-    StampLastAccess(info);
+    m_OpenedFiles.Touch(info, std::time(nullptr));
     return info.iFile;
 }
 
@@ -132,9 +116,8 @@ bool CDescriptorCache::IsOtherFile(const OpenedFileInfo& info, const FoundStatus
 void CDescriptorCache::DropReplacedFile(const LogContext& log, const char* pcPath, const FoundStatus& found) {
     const CDeferredLog deferred;
     const MutexLock lock(m_hMutexOpenedFileHandles);
-    const auto itOpened = m_OpenedFileHandles.find(std::string_view(pcPath));
-    if (itOpened != m_OpenedFileHandles.end() && itOpened->second.iFile.IsOpen() &&
-        IsOtherFile(itOpened->second, found)) {
+    const auto itOpened = m_OpenedFiles.FindOpen(pcPath);
+    if (itOpened != m_OpenedFiles.end() && IsOtherFile(itOpened->second, found)) {
         EraseCachedFile(log, itOpened);
     }
 }
@@ -142,8 +125,8 @@ void CDescriptorCache::DropReplacedFile(const LogContext& log, const char* pcPat
 void CDescriptorCache::DropMissingFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath) {
     const CDeferredLog deferred;
     const MutexLock lock(m_hMutexOpenedFileHandles);
-    const auto itOpened = m_OpenedFileHandles.find(std::string_view(pcPath));
-    if (itOpened != m_OpenedFileHandles.end() && itOpened->second.iFile.IsOpen() && !itOpened->second.bHost) {
+    const auto itOpened = m_OpenedFiles.FindOpen(pcPath);
+    if (itOpened != m_OpenedFiles.end() && !itOpened->second.bHost) {
         EraseCachedFile({this, pRuntimeParam, pLogArgu}, itOpened);
     }
 }
@@ -161,11 +144,11 @@ void CDescriptorCache::ReportOpenMode(const LogContext& log, const char* pcPath,
 
 CCachedFile CDescriptorCache::OpenCachedFile(const LogContext& log, const char* pcPath, const FileWish& wish) {
     OpenedFileInfo info;
-    const auto itFailed = m_OpenedFileHandles.find(std::string_view(pcPath));
-    if (itFailed != m_OpenedFileHandles.end()) {
+    const auto itFailed = m_OpenedFiles.Find(pcPath);
+    if (itFailed != m_OpenedFiles.end()) {
         info = itFailed->second;
     }
-    if (m_OpenedFileHandles.size() >= kMaxCachedFiles) {
+    if (m_OpenedFiles.IsFull()) {
         CloseExceededCachedFileHandle(log.pRuntimeParam, log.pLogArgu);
     }
     const bool bWrite = wish.bReadWrite || IsExported(log, pcPath);
@@ -179,12 +162,8 @@ CCachedFile CDescriptorCache::OpenCachedFile(const LogContext& log, const char* 
     }
     info.iFile = CCachedFile(iFile);
     info.sPath = pcPath;
-    info.iLastAccess = 0;
     info.bHost = !wish.bClient;
-    StampLastAccess(info);
-    CCachedFile file = info.iFile;
-    m_OpenedFileHandles.insert_or_assign(pcPath, std::move(info));
-    return file;
+    return m_OpenedFiles.Store(std::move(info), std::time(nullptr)).iFile;
 }
 
 /// Opens for reading and writing, and what refuses that for reading alone unless writing was asked for.
@@ -218,18 +197,6 @@ int CDescriptorCache::OpenForCache(const LogContext& log, const char* pcPath, in
     return ReportOpen(log, pcPath, iFile, *piError, nullptr);
 }
 
-/// Moves an entry to the end of the last-access index. Within one second its key stays the same.
-void CDescriptorCache::StampLastAccess(OpenedFileInfo& info) {
-    const std::time_t iNow = std::time(nullptr);
-    if (info.iLastAccess == iNow) {
-        return;
-    }
-    m_OpenedFileLastAccessList.erase(info.sTimeKey);
-    info.iLastAccess = iNow;
-    info.sTimeKey = MakeTimeKey(iNow, info.iFile.Get());
-    m_OpenedFileLastAccessList.insert_or_assign(info.sTimeKey, info.sPath);
-}
-
 /// Gives the cache's share of a descriptor up. Another user of it closes it later, which nobody is told any more.
 void CDescriptorCache::CloseCachedFile(const LogContext& log, OpenedFileInfo& info) {
     const bool bOpen = info.iFile.IsOpen();
@@ -248,17 +215,15 @@ void CDescriptorCache::CloseCachedFileHandle(CRuntimeParam* pRuntimeParam, const
     }
     const CDeferredLog deferred;
     const MutexLock lock(m_hMutexOpenedFileHandles);
-    const auto itOpened = m_OpenedFileHandles.find(std::string_view(pcPath));
-    if (itOpened != m_OpenedFileHandles.end()) {
+    const auto itOpened = m_OpenedFiles.Find(pcPath);
+    if (itOpened != m_OpenedFiles.end()) {
         EraseCachedFile({this, pRuntimeParam, pLogArgu}, itOpened);
     }
 }
 
-CDescriptorCache::OpenedFiles::iterator CDescriptorCache::EraseCachedFile(const LogContext& log,
-                                                                          OpenedFiles::iterator itOpened) {
-    m_OpenedFileLastAccessList.erase(itOpened->second.sTimeKey);
+COpenedFiles::Iterator CDescriptorCache::EraseCachedFile(const LogContext& log, COpenedFiles::Iterator itOpened) {
     CloseCachedFile(log, itOpened->second);
-    return m_OpenedFileHandles.erase(itOpened);
+    return m_OpenedFiles.Erase(itOpened);
 }
 
 void CDescriptorCache::CloseAllCachedFileHandles(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu,
@@ -270,8 +235,8 @@ void CDescriptorCache::CloseAllCachedFileHandles(CRuntimeParam* pRuntimeParam, c
     const bool bLog = pRuntimeParam->IsLogGeneralInfo();
     const CDeferredLog deferred;
     const MutexLock lock(m_hMutexOpenedFileHandles);
-    auto itOpened = m_OpenedFileHandles.begin();
-    while (itOpened != m_OpenedFileHandles.end()) {
+    auto itOpened = m_OpenedFiles.begin();
+    while (itOpened != m_OpenedFiles.end()) {
         const std::string sEntry = GetFolderPrefix(itOpened->first);
         if (bLog) {
             LogInfo(pRuntimeParam, "[CloseAllCachedFileHandles] Path compare: \"%s\" vs \"%s\"", sPrefix.c_str(),
@@ -283,7 +248,7 @@ void CDescriptorCache::CloseAllCachedFileHandles(CRuntimeParam* pRuntimeParam, c
         }
         itOpened = EraseCachedFile({this, pRuntimeParam, pLogArgu}, itOpened);
         if (bLog) {
-            itOpened = m_OpenedFileHandles.begin();  // the walk restarts; without a log nobody can tell
+            itOpened = m_OpenedFiles.begin();  // the walk restarts; without a log nobody can tell
         }
     }
 }
@@ -298,12 +263,12 @@ void CDescriptorCache::CloseCachedFilesWithin(const LogContext& log, const std::
     const auto isMeant = [bReadOnlyOnes](const OpenedFileInfo& info) {
         return !bReadOnlyOnes || (info.iFile.IsOpen() && info.bReadOnly);
     };
-    const auto itItself = m_OpenedFileHandles.find(sFolder);
-    if (itItself != m_OpenedFileHandles.end() && isMeant(itItself->second)) {
+    const auto itItself = m_OpenedFiles.Find(sFolder);
+    if (itItself != m_OpenedFiles.end() && isMeant(itItself->second)) {
         EraseCachedFile(log, itItself);
     }
-    auto itOpened = m_OpenedFileHandles.lower_bound(sPrefix);
-    while (itOpened != m_OpenedFileHandles.end() && itOpened->first.starts_with(sPrefix)) {
+    auto itOpened = m_OpenedFiles.FindFrom(sPrefix);
+    while (itOpened != m_OpenedFiles.end() && itOpened->first.starts_with(sPrefix)) {
         itOpened = isMeant(itOpened->second) ? EraseCachedFile(log, itOpened) : std::next(itOpened);
     }
 }
@@ -312,8 +277,8 @@ void CDescriptorCache::CloseCachedFileHandlesBelow(const LogContext& log, const 
     const std::string sPrefix = GetFolderPrefix(pcPath);
     const CDeferredLog deferred;
     const MutexLock lock(m_hMutexOpenedFileHandles);
-    auto itOpened = m_OpenedFileHandles.lower_bound(sPrefix);
-    while (itOpened != m_OpenedFileHandles.end() && itOpened->first.starts_with(sPrefix)) {
+    auto itOpened = m_OpenedFiles.FindFrom(sPrefix);
+    while (itOpened != m_OpenedFiles.end() && itOpened->first.starts_with(sPrefix)) {
         itOpened = EraseCachedFile(log, itOpened);
     }
 }
@@ -325,36 +290,23 @@ void CDescriptorCache::CloseAllCachedFileHandles(CRuntimeParam* pRuntimeParam, c
 }
 
 void CDescriptorCache::ClearCachedFiles(const LogContext& log) {
-    for (auto& [sPath, info] : m_OpenedFileHandles) {
+    for (auto& [sPath, info] : m_OpenedFiles) {
         CloseCachedFile(log, info);
     }
-    m_OpenedFileHandles.clear();
-    m_OpenedFileLastAccessList.clear();
+    m_OpenedFiles.Clear();
 }
 
 void CDescriptorCache::CloseExceededCachedFileHandle(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu) {
     const LogContext log{this, pRuntimeParam, pLogArgu};
-    std::size_t nExceeding = m_OpenedFileHandles.size() / kEvictedPart;
+    const std::size_t nExceeding = m_OpenedFiles.CountVictims();
     if (nExceeding == 0) {
         NFS_LOG_INFO(log, kLogFileAccess, "[%s] Close exceeded cached file handle: ALL");
         ClearCachedFiles(log);
         return;
     }
     NFS_LOG_INFO(log, kLogFileAccess, "[%s] Close exceeded cached file handle: %d", static_cast<int>(nExceeding));
-    while (nExceeding > 0 && !m_OpenedFileLastAccessList.empty()) {
-        const auto itOldest = m_OpenedFileLastAccessList.begin();
-        const auto itOpened = m_OpenedFileHandles.find(itOldest->second);
-        if (itOpened != m_OpenedFileHandles.end()) {
-            CloseCachedFile(log, itOpened->second);
-            m_OpenedFileHandles.erase(itOpened);
-            --nExceeding;
-        }
-        m_OpenedFileLastAccessList.erase(itOldest);
-    }
-    if (nExceeding > 0) {
-        // Failed opens of one second share a key, and all but the last of them are missing from the index. They must
-        // not fill the cache up.
-        std::erase_if(m_OpenedFileHandles, [](const auto& opened) { return !opened.second.iFile.IsOpen(); });
+    for (OpenedFileInfo& info : m_OpenedFiles.TakeOldest(nExceeding)) {
+        CloseCachedFile(log, info);
     }
 }
 

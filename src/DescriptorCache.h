@@ -1,26 +1,13 @@
 // CDescriptorCache: open descriptors by path, over the system's calls that open and close them.
 #pragma once
 
-#include <ctime>
-#include <map>
 #include <string>
 
 #include "CachedFile.h"
+#include "OpenedFiles.h"
 #include "OsFiles.h"
 #include "PathProbe.h"
-#include "RegularFile.h"
 #include "ThreadAnnotations.h"
-
-/// One entry of the descriptor cache. An entry whose open failed holds no descriptor (-1) and is tried again.
-struct OpenedFileInfo {
-    CCachedFile iFile;
-    std::string sTimeKey;  ///< the entry's key in the last-access index
-    std::string sPath;
-    std::time_t iLastAccess = 0;  ///< the time in that key; in each second the first use looks at the path
-    FileIdentity identity;        ///< the file that is open
-    bool bReadOnly = false;       ///< opened for reading alone
-    bool bHost = false;           ///< used as a source or info file
-};
 
 /// Keeps one open descriptor for each path in use, at most 1024 of them; the least recently used go first, also when
 /// the process runs out of descriptors.
@@ -63,8 +50,6 @@ protected:
     void CloseCachedFileHandlesBelow(const LogContext& log, const char* pcPath);
 
 private:
-    using OpenedFiles = std::map<std::string, OpenedFileInfo, std::less<>>;
-
     /// What is wanted of the cache.
     struct FileWish {
         bool bReadWrite = false;  ///< to be opened for reading and writing, whatever the path
@@ -95,14 +80,11 @@ private:
         REQUIRES(m_hMutexOpenedFileHandles);
     int OpenForCache(const LogContext& log, const char* pcPath, int iFlags, const FileWish& wish, int* piError)
         REQUIRES(m_hMutexOpenedFileHandles);
-    void StampLastAccess(OpenedFileInfo& info) REQUIRES(m_hMutexOpenedFileHandles);
     void CloseCachedFile(const LogContext& log, OpenedFileInfo& info) REQUIRES(m_hMutexOpenedFileHandles);
-    OpenedFiles::iterator EraseCachedFile(const LogContext& log, OpenedFiles::iterator itOpened)
+    COpenedFiles::Iterator EraseCachedFile(const LogContext& log, COpenedFiles::Iterator itOpened)
         REQUIRES(m_hMutexOpenedFileHandles);
     void ClearCachedFiles(const LogContext& log) REQUIRES(m_hMutexOpenedFileHandles);
 
-    /// Cached descriptors by path as given, and their paths by time of last use ("%016llu%d": seconds, descriptor).
     Mutex m_hMutexOpenedFileHandles;
-    OpenedFiles m_OpenedFileHandles GUARDED_BY(m_hMutexOpenedFileHandles);
-    std::map<std::string, std::string, std::less<>> m_OpenedFileLastAccessList GUARDED_BY(m_hMutexOpenedFileHandles);
+    COpenedFiles m_OpenedFiles GUARDED_BY(m_hMutexOpenedFileHandles);
 };
