@@ -1,5 +1,6 @@
 // Log lines and notifications on their way out: host callback, file logger, standard output.
-#include <cerrno>
+#include "Log.h"
+
 #include <climits>
 #include <cstdio>
 #include <cstring>
@@ -296,27 +297,6 @@ TEST_F(LogTest, NotificationsTakeTheirArgumentsToTheHostAndReturnItsAnswer) {
     EXPECT_EQ(vSeen[6].value.z, JNI_TRUE);
     EXPECT_EQ(vSeen[7].value.j, 3);
     m_Utilities.SetCallback(nullptr);
-}
-
-TEST_F(LogTest, ErrorTextIsTheSystemsWithItsNumber) {
-    char vcText[kReasonBufferSize] = "";
-    CUtilities::GetLastErrorText(vcText, ENOENT);
-    EXPECT_STREQ(vcText, "No such file or directory (2)");
-    CUtilities::GetLastErrorText(vcText, 99999);
-    EXPECT_STREQ(vcText, "Unknown error 99999 (99999)");
-    CUtilities::GetLastErrorText(nullptr, ENOENT);
-}
-
-using OsFilesErrorBitTest = UtilitiesFixture;
-
-TEST_F(OsFilesErrorBitTest, ErrorsAreLoggedOnlyWithTheirBit) {
-    m_Param.SetLogControl(0);
-    m_Utilities.OS_FileRemove(&m_Param, &m_Tag, "/no/such/file", nullptr);
-    EXPECT_EQ(TakeLog(), std::vector<std::string>());
-    m_Param.SetLogControl(CRuntimeParam::kLogError);
-    m_Utilities.OS_FileRemove(&m_Param, &m_Tag, "/no/such/file", nullptr);
-    EXPECT_EQ(TakeLog('e'),
-              std::vector<std::string>{"[Test] OS remove file \"/no/such/file\". Error=No such file or directory (2)"});
 }
 
 }  // namespace

@@ -1,8 +1,6 @@
 // The order of CNfsMain's virtual operations: hosts built against it call them by their place in the table.
 #include "NfsMain.h"
 
-#include <array>
-#include <bit>
 #include <cstddef>
 #include <type_traits>
 #include <utility>
@@ -10,15 +8,9 @@
 
 #include <gtest/gtest.h>
 
-namespace {
+#include "SlotOf.h"
 
-/// The place of a virtual operation in the table (Itanium C++ ABI, 2.3), or -1 for one that is not virtual.
-template <typename Operation>
-std::ptrdiff_t SlotOf(Operation pOperation) {
-    const auto vWords = std::bit_cast<std::array<std::ptrdiff_t, 2>>(pOperation);
-    const auto iSize = static_cast<std::ptrdiff_t>(sizeof(void*));
-    return vWords[0] % 2 != 0 ? (vWords[0] - 1) / iSize : -1;
-}
+namespace {
 
 /// Shows the protected operations.
 class Shown : public CNfsMain {

@@ -1,16 +1,18 @@
 // The wrappers of system calls: results, log lines, error texts.
+#include "OsFiles.h"
+
 #include <cerrno>
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include <fcntl.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
+#include "SoftLimit.h"
 #include "UtilitiesFixture.h"
 
 namespace {
@@ -328,6 +330,44 @@ TEST_F(OsFilesTest, ForceOpenReportsTheFolderThatCannotBeMade) {
     EXPECT_EQ(m_Utilities.OS_FileForceOpen(&m_Param, &m_Tag, (sFile + "/a/b").c_str(), m_vcReason), -1);
     ExpectFailure("OS create folder \"" + sFile + "/a\" (mode = 493)", "Not a directory (20)");
     EXPECT_EQ(m_Utilities.OS_FileForceOpen(&m_Param, &m_Tag, "", m_vcReason), -1);
+}
+
+TEST_F(OsFilesTest, ErrorTextIsTheSystemsWithItsNumber) {
+    char vcText[kReasonBufferSize] = "";
+    CUtilities::GetLastErrorText(vcText, ENOENT);
+    EXPECT_STREQ(vcText, "No such file or directory (2)");
+    CUtilities::GetLastErrorText(vcText, 99999);
+    EXPECT_STREQ(vcText, "Unknown error 99999 (99999)");
+    CUtilities::GetLastErrorText(nullptr, ENOENT);
+}
+
+TEST_F(OsFilesTest, ErrorsAreLoggedOnlyWithTheirBit) {
+    m_Param.SetLogControl(0);
+    m_Utilities.OS_FileRemove(&m_Param, &m_Tag, "/no/such/file", nullptr);
+    EXPECT_EQ(TakeLog(), std::vector<std::string>());
+    m_Param.SetLogControl(CRuntimeParam::kLogError);
+    m_Utilities.OS_FileRemove(&m_Param, &m_Tag, "/no/such/file", nullptr);
+    EXPECT_EQ(TakeLog('e'),
+              std::vector<std::string>{"[Test] OS remove file \"/no/such/file\". Error=No such file or directory (2)"});
+}
+
+/// One who works with files alone has nothing to free: the open is not tried again, and nobody speaks of a cache.
+TEST_F(OsFilesTest, WithoutACacheRunningOutOfDescriptorsFailsAtOnce) {
+    class Captured : public COsFiles {
+    public:
+        void LogError(CRuntimeParam* /*pRuntimeParam*/, const char* pcMessage) override {
+            m_vLines.emplace_back(pcMessage);
+        }
+        void LogInfo(CRuntimeParam* /*pRuntimeParam*/, const char* pcMessage) override {
+            m_vLines.emplace_back(pcMessage);
+        }
+        Lines m_vLines;
+    } files;
+    const std::string sFile = m_Folder / "f";
+    const int iFile =
+        WithoutDescriptors([&] { return files.OS_FileCreate(&m_Param, &m_Tag, sFile.c_str(), m_vcReason); });
+    EXPECT_EQ(iFile, -1);
+    EXPECT_EQ(files.m_vLines, Lines{"[Test] OS create file \"" + sFile + "\". Error=Too many open files (24)"});
 }
 
 }  // namespace
