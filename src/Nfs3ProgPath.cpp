@@ -228,7 +228,7 @@ MountAccess CNfs3Prog::FindExport(const LogContext& log, CRuntimeParam* pScanPar
 
 /// The same for a second path of a call: the log tells of a search once, in CheckProcessParam.
 MountAccess CNfs3Prog::FindExportQuietly(const LogContext& log, ProcessParam* pParam, const char* pcPath) {
-    CRuntimeParam silent("", 0);
+    CSilentParam silent;
     MountInfo mountInfo;
     return FindExport(log, &silent, pParam, pcPath, &mountInfo);
 }
@@ -287,7 +287,7 @@ nfsstat3 CNfs3Prog::CheckUnresolved(ProcessParam* pParam) {
 /// the client.
 bool CNfs3Prog::ResolveWithinExports(ProcessParam* pParam, const char* pcPath, std::string* psResolved) {
     const std::optional<std::string> sResolved = ResolveLinks(pcPath);
-    CRuntimeParam silent("", 0);
+    CSilentParam silent;
     if (!sResolved || m_pUtilities->GetMountAccess(&silent, &pParam->logArgu, sResolved->c_str(),
                                                    pParam->sRemoteAddr.c_str(), nullptr) != MountAccess::kServed) {
         return false;

@@ -106,7 +106,7 @@ public:
     /// Writes the map as text to an existing file; merged: one line for neighbours from the same source.
     void ExportInfo(CRuntimeParam* pRuntimeParam, const char* pcExportPath, bool bMergeRange);
 
-    // The utilities' wrappers without the error text. A descriptor of -1 stands for a source that is not there:
+    // The owner's wrappers without the error text. A descriptor of -1 stands for a source that is not there:
     // reading it yields zeros, seeking it the offset asked for, both without a system call.
     int OS_FileRead(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, int iFile, void* pvBuffer,
                     unsigned int iLen);
