@@ -186,8 +186,8 @@ private:
     bool GetCanonicalHandle(const LogContext& log, const char* pcPath, nfs_fh3* pHandle);
     post_op_attr GetPostOpAttributes(const LogContext& log, const char* pcPath, const FoundStatus* pFound = nullptr);
     static void LogAttributes(const LogContext& log, const char* pcPath, const fattr3& attributes);
-    nfsstat3 CheckGuard(ProcessParam* pParam, const std::string& sPath, const sattrguard3& guard);
-    nfsstat3 ApplyAttributes(ProcessParam* pParam, const std::string& sPath, const sattr3& attributes);
+    nfsstat3 CheckGuard(const LogContext& log, const std::string& sPath, const sattrguard3& guard);
+    nfsstat3 ApplyAttributes(const LogContext& log, const std::string& sPath, const sattr3& attributes);
     bool UpdateFileAttributes(const LogContext& log, const std::string& sPath, const sattr3& attributes);
 
     // ---- File system (Nfs3ProgFileSystem.cpp)
@@ -197,15 +197,15 @@ private:
     struct ReadCall;
     struct WriteCall;
     nfsstat3 ReadIntoReply(ProcessParam* pParam, COutputStream* pOutput, ReadCall* pCall);
-    nfsstat3 WriteFromCall(ProcessParam* pParam, CInputStream* pInput, WriteCall* pCall);
+    nfsstat3 WriteFromCall(const LogContext& log, CInputStream* pInput, WriteCall* pCall);
 
     // ---- Directories (Nfs3ProgDirectory.cpp)
     struct ListCall;
     int ListDirectory(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam, unsigned int iProc);
-    void ReadListCall(CInputStream* pInput, ProcessParam* pParam, ListCall* pCall);
+    void ReadListCall(CInputStream* pInput, const LogContext& log, ListCall* pCall);
     nfsstat3 FindEntries(ProcessParam* pParam, const FoundStatus& found, ListCall* pCall);
-    nfsstat3 ReadEntries(ProcessParam* pParam, const CKeptListings::Key& key, ListCall* pCall);
-    unsigned int GetEntryID(ProcessParam* pParam, const ListCall& call, const ListedEntry& entry, const char* pcPath);
+    nfsstat3 ReadEntries(const LogContext& log, const CKeptListings::Key& key, ListCall* pCall);
+    unsigned int GetEntryID(const LogContext& log, const ListCall& call, const ListedEntry& entry, const char* pcPath);
     void WriteEntry(COutputStream* pOutput, ProcessParam* pParam, const ListCall& call, const ListedEntry& entry);
     void WriteEntryTarget(COutputStream* pOutput, ProcessParam* pParam, const ListCall& call, const ListedEntry& entry,
                           const char* pcPath, unsigned int iFileID);
@@ -214,9 +214,9 @@ private:
     nfsstat3 CheckNewEntry(ProcessParam* pParam, const std::string& sPath);
     nfsstat3 CheckOldEntry(ProcessParam* pParam, const std::string& sPath, bool bExists);
     nfsstat3 CheckRemoval(ProcessParam* pParam, const std::string& sPath, bool bExists);
-    nfsstat3 CreateFile(ProcessParam* pParam, const std::string& sPath, const createhow3& how);
+    nfsstat3 CreateFile(const LogContext& log, const std::string& sPath, const createhow3& how);
     nfsstat3 RenameEntry(ProcessParam* pParam, const std::string& sFrom, const std::string& sTo);
-    void WriteNewEntry(COutputStream* pOutput, ProcessParam* pParam, const std::string& sPath, nfsstat3 iStatus);
+    void WriteNewEntry(COutputStream* pOutput, const LogContext& log, const std::string& sPath, nfsstat3 iStatus);
 
     std::atomic<unsigned int> m_iUId{0};
     std::atomic<unsigned int> m_iGId{0};

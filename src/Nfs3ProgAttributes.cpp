@@ -112,10 +112,10 @@ int CNfs3Prog::ProcedureSETATTR(CInputStream* pInput, COutputStream* pOutput, Pr
         iStatus = NFS3ERR_ACCES;
     }
     if (iStatus == NFS3_OK) {
-        iStatus = CheckGuard(pParam, sPath, guard);
+        iStatus = CheckGuard(log, sPath, guard);
     }
     if (iStatus == NFS3_OK) {
-        iStatus = ApplyAttributes(pParam, sPath, attributes);
+        iStatus = ApplyAttributes(log, sPath, attributes);
     }
 
     WriteStatusAndWcc(pOutput, iStatus);
@@ -124,8 +124,7 @@ int CNfs3Prog::ProcedureSETATTR(CInputStream* pInput, COutputStream* pOutput, Pr
 
 /// The server's time is that of attributes which are never had, 0: only a guard of 0 seconds holds. The log line gives
 /// the server's time first.
-nfsstat3 CNfs3Prog::CheckGuard(ProcessParam* pParam, const std::string& sPath, const sattrguard3& guard) {
-    const LogContext log = GetLog(pParam);
+nfsstat3 CNfs3Prog::CheckGuard(const LogContext& log, const std::string& sPath, const sattrguard3& guard) {
     wcc_attr before;
     GetNfsFileAttributes(sPath.c_str(), &before);
     if (!guard.check || before.ctime.seconds == guard.obj_ctime.seconds) {
@@ -136,8 +135,7 @@ nfsstat3 CNfs3Prog::CheckGuard(ProcessParam* pParam, const std::string& sPath, c
     return NFS3ERR_NOT_SYNC;
 }
 
-nfsstat3 CNfs3Prog::ApplyAttributes(ProcessParam* pParam, const std::string& sPath, const sattr3& attributes) {
-    const LogContext log = GetLog(pParam);
+nfsstat3 CNfs3Prog::ApplyAttributes(const LogContext& log, const std::string& sPath, const sattr3& attributes) {
     const bool bTimes = attributes.atime.set_it != DONT_CHANGE || attributes.mtime.set_it != DONT_CHANGE;
     if ((m_iFSF3Properties & kFsf3CanSetTime) == 0 && bTimes) {
         NFS_LOG_ERROR(log, "[%s] Server don't allow settime");

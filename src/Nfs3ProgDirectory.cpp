@@ -136,7 +136,7 @@ int CNfs3Prog::ListDirectory(CInputStream* pInput, COutputStream* pOutput, Proce
     const LogContext log = GetLog(pParam);
     ListCall call;
     call.bPlus = iProc == NFSPROC3_READDIRPLUS;
-    ReadListCall(pInput, pParam, &call);
+    ReadListCall(pInput, log, &call);
 
     FoundStatus found;
     nfsstat3 iStatus = CheckExisting(pParam, call.sPath, false, &found);
@@ -161,8 +161,7 @@ int CNfs3Prog::ListDirectory(CInputStream* pInput, COutputStream* pOutput, Proce
     return EndProcedure(log, iStatus);
 }
 
-void CNfs3Prog::ReadListCall(CInputStream* pInput, ProcessParam* pParam, ListCall* pCall) {
-    const LogContext log = GetLog(pParam);
+void CNfs3Prog::ReadListCall(CInputStream* pInput, const LogContext& log, ListCall* pCall) {
     ReadPath(log.pRuntimeParam, log.pLogArgu, pInput, &pCall->sPath);
     Read(pInput, &pCall->lCookie);
     Read(pInput, &pCall->lCookieVerf);
@@ -200,13 +199,12 @@ nfsstat3 CNfs3Prog::FindEntries(ProcessParam* pParam, const FoundStatus& found, 
             return NFS3_OK;
         }
     }
-    return ReadEntries(pParam, key, pCall);
+    return ReadEntries(GetLog(pParam), key, pCall);
 }
 
 /// Reads the directory and finds the entries behind the cookie. A directory that cannot be opened has none, or no more
 /// than were found already.
-nfsstat3 CNfs3Prog::ReadEntries(ProcessParam* pParam, const CKeptListings::Key& key, ListCall* pCall) {
-    const LogContext log = GetLog(pParam);
+nfsstat3 CNfs3Prog::ReadEntries(const LogContext& log, const CKeptListings::Key& key, ListCall* pCall) {
     const char* pcPath = pCall->sPath.c_str();
     Directory directory;
     bool bOpen = directory.Open(pcPath);
@@ -236,9 +234,8 @@ nfsstat3 CNfs3Prog::ReadEntries(ProcessParam* pParam, const CKeptListings::Key& 
 
 /// The ID of the path that an entry's path resolves to: without asking the host again, unless the entry is a link. The
 /// line that tells of the resolving goes out as ever.
-unsigned int CNfs3Prog::GetEntryID(ProcessParam* pParam, const ListCall& call, const ListedEntry& entry,
+unsigned int CNfs3Prog::GetEntryID(const LogContext& log, const ListCall& call, const ListedEntry& entry,
                                    const char* pcPath) {
-    const LogContext log = GetLog(pParam);
     char vcCanonical[kPathBufferSize];
     const bool bPlain = entry.found.bKnown && !S_ISLNK(entry.found.status.st_mode);
     const char* pcDirectory = call.sCanonicalPath == "/" ? "" : call.sCanonicalPath.c_str();
@@ -258,7 +255,7 @@ void CNfs3Prog::WriteEntry(COutputStream* pOutput, ProcessParam* pParam, const L
     const char* pcPath = AppendFilePath(call.sPath.c_str(), entry.sName.c_str(), vcPath) ? vcPath : nullptr;
 
     Write(pOutput, true);  // an entry follows
-    const unsigned int iFileID = GetEntryID(pParam, call, entry, pcPath);
+    const unsigned int iFileID = GetEntryID(log, call, entry, pcPath);
     Write(pOutput, static_cast<unsigned long>(iFileID));
     Write(pOutput, COpaquePath{entry.sName}, false);
     Write(pOutput, entry.lCookie);

@@ -30,16 +30,15 @@ int CNfs3Prog::ProcedureCREATE(CInputStream* pInput, COutputStream* pOutput, Pro
 
     nfsstat3 iStatus = CheckNewEntry(pParam, sPath);
     if (iStatus == NFS3_OK) {
-        iStatus = CreateFile(pParam, sPath, how);
+        iStatus = CreateFile(log, sPath, how);
     }
 
-    WriteNewEntry(pOutput, pParam, sPath, iStatus);
+    WriteNewEntry(pOutput, log, sPath, iStatus);
     return EndProcedure(log, iStatus);
 }
 
 /// Makes the file, or opens the one that is there; then sets the attributes asked for.
-nfsstat3 CNfs3Prog::CreateFile(ProcessParam* pParam, const std::string& sPath, const createhow3& how) {
-    const LogContext log = GetLog(pParam);
+nfsstat3 CNfs3Prog::CreateFile(const LogContext& log, const std::string& sPath, const createhow3& how) {
     const char* pcPath = sPath.c_str();
     const bool bAsk = how.mode == GUARDED || log.IsWanted(CRuntimeParam::kLogProcFuncArgu);
     const bool bExists = bAsk && m_pUtilities->OS_IsFileExists(pcPath, nullptr);
@@ -74,7 +73,7 @@ int CNfs3Prog::ProcedureMKDIR(CInputStream* pInput, COutputStream* pOutput, Proc
         }
     }
 
-    WriteNewEntry(pOutput, pParam, sPath, iStatus);
+    WriteNewEntry(pOutput, log, sPath, iStatus);
     return EndProcedure(log, iStatus);
 }
 
@@ -88,9 +87,8 @@ nfsstat3 CNfs3Prog::CheckNewEntry(ProcessParam* pParam, const std::string& sPath
 }
 
 /// The reply of CREATE and MKDIR: handle and attributes of what was made, nothing of the directory.
-void CNfs3Prog::WriteNewEntry(COutputStream* pOutput, ProcessParam* pParam, const std::string& sPath,
+void CNfs3Prog::WriteNewEntry(COutputStream* pOutput, const LogContext& log, const std::string& sPath,
                               nfsstat3 iStatus) {
-    const LogContext log = GetLog(pParam);
     if (iStatus != NFS3_OK) {
         WriteStatusAndWcc(pOutput, iStatus);
         return;

@@ -191,7 +191,7 @@ int CNfs3Prog::ProcedureWRITE(CInputStream* pInput, COutputStream* pOutput, Proc
         iStatus = NFS3ERR_ACCES;
     }
     if (iStatus == NFS3_OK) {
-        iStatus = WriteFromCall(pParam, pInput, &call);
+        iStatus = WriteFromCall(log, pInput, &call);
     }
 
     WriteStatusAndWcc(pOutput, iStatus);
@@ -207,8 +207,7 @@ int CNfs3Prog::ProcedureWRITE(CInputStream* pInput, COutputStream* pOutput, Proc
 }
 
 /// Stores as many bytes as the count says, up to the most of one WRITE.
-nfsstat3 CNfs3Prog::WriteFromCall(ProcessParam* pParam, CInputStream* pInput, WriteCall* pCall) {
-    const LogContext log = GetLog(pParam);
+nfsstat3 CNfs3Prog::WriteFromCall(const LogContext& log, CInputStream* pInput, WriteCall* pCall) {
     const char* pcPath = pCall->sPath.c_str();
     NFS_LOG_INFO(log, kLogProcFuncArgu, "[%s] Offset=%llu, length=%u, count=%u",
                  static_cast<unsigned long long>(pCall->lOffset), pCall->data.iBufLen, pCall->iCount);
