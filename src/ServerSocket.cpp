@@ -12,10 +12,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "DescriptorCache.h"
 #include "Reason.h"
 #include "RuntimeParam.h"
 #include "Socket.h"
-#include "Utilities.h"
 
 // The C library's report of a failed assertion, which <assert.h> declares only where assertions are compiled in.
 extern "C" [[noreturn]] void __assert_fail(const char* pcAssertion, const char* pcFile, unsigned int iLine,
@@ -73,7 +73,7 @@ CServerSocket::~CServerSocket() {
     Close();
 }
 
-bool CServerSocket::Open(unsigned long lProgId, int iPort, int nMaxNum, CUtilities* pUtilities, char* pcStatus) {
+bool CServerSocket::Open(unsigned long lProgId, int iPort, int nMaxNum, CDescriptorCache* pUtilities, char* pcStatus) {
     Close();
     m_nPort = iPort;
     m_nMaxNum = nMaxNum;

@@ -10,8 +10,8 @@
 
 #include "Descriptor.h"
 
+class CDescriptorCache;
 class CSocket;
-class CUtilities;
 class ISocketListener;
 
 /// Accepts IPv4 connections on one port and serves each by one of its CSocket slots.
@@ -30,9 +30,9 @@ public:
     CServerSocket& operator=(const CServerSocket&) = delete;
 
     /// Listens on the port (0: any free one) for the RPC program, serving up to nMaxNum connections. On failure a
-    /// one-line reason is left in the buffer of kReasonBufferSize characters (may be null). The utilities (may be
-    /// null) free cached descriptors when accepting runs out of them.
-    bool Open(unsigned long lProgId, int iPort, int nMaxNum, CUtilities* pUtilities, char* pcStatus);
+    /// one-line reason is left in the buffer of kReasonBufferSize characters (may be null). Of the utilities (may be
+    /// null) only the descriptor cache is used: it gives descriptors back when accepting runs out of them.
+    bool Open(unsigned long lProgId, int iPort, int nMaxNum, CDescriptorCache* pUtilities, char* pcStatus);
     /// Ends the accept thread and every connection, then closes all descriptors. Safe on a closed listener.
     void Close();
 
@@ -59,7 +59,7 @@ private:
     CDescriptor m_Standard;  ///< keeps descriptor 0 taken while listening
     std::atomic<bool> m_bClosed{true};
     ISocketListener* m_pListener = nullptr;
-    CUtilities* m_pUtilities = nullptr;
+    CDescriptorCache* m_pUtilities = nullptr;
     std::thread m_hThread;
     std::vector<std::unique_ptr<CSocket>> m_pSockets;
 };

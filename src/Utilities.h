@@ -127,8 +127,8 @@ public:
     bool GetMountInfoByPath(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
                             MountInfo* pMountInfo);
     /// The same search for a call from an address (null: anybody's). An export that is mounted serves its client alone;
-    /// where exports are nested, a client is served that has mounted any of those that hold the path. If kHeld, the
-    /// export copied is the one that is in the way, with its client.
+    /// where exports are nested, a client is served that has mounted any of those that hold the path. Of the export,
+    /// an address's call gets the name and, if kServed, the IPC ID; if kHeld, of the one in the way, the client.
     MountAccess GetMountAccess(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
                                const char* pcClientAddr, MountInfo* pMountInfo);
     /// Is a path, compared as it is, that of an export's directory, or does such a directory lie below it?

@@ -15,6 +15,16 @@
 
 namespace {
 
+/// Copies what a client's call is to know of an export that serves it, or that another client holds.
+void CopyForCall(const MountInfo& mount, bool bHeld, MountInfo* pMountInfo) {
+    pMountInfo->sExportName = mount.sExportName;
+    if (bHeld) {
+        pMountInfo->sRemoteIpAddr = mount.sRemoteIpAddr;
+    } else {
+        pMountInfo->sIcpID = mount.sIcpID;
+    }
+}
+
 /// Judges a path that an export holds, the first one in name order: of all that hold it, the client's own serves it,
 /// and where there is none, one that another client has mounted keeps it from the call.
 template <class Mounts>
@@ -34,8 +44,10 @@ MountAccess JudgeAccess(const Mounts& mounts, typename Mounts::const_iterator it
             pHeld = &mount;
         }
     }
-    if (pMountInfo != nullptr) {
-        *pMountInfo = pHeld != nullptr ? *pHeld : itFirst->second;
+    if (pMountInfo != nullptr && pcClientAddr == nullptr) {
+        *pMountInfo = itFirst->second;
+    } else if (pMountInfo != nullptr) {
+        CopyForCall(pHeld == nullptr ? itFirst->second : *pHeld, pHeld != nullptr, pMountInfo);
     }
     return pHeld != nullptr ? MountAccess::kHeld : MountAccess::kServed;
 }
