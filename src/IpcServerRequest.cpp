@@ -7,6 +7,7 @@
 #include <array>
 #include <string>
 
+#include "IpcPatience.h"
 #include "NfsMain.h"
 #include "Reason.h"
 #include "ServerIdentity.h"
@@ -37,13 +38,16 @@ struct Call {
     }
 };
 
-/// Work under the server's name whose output goes back to the requester.
+/// Work under the server's name whose output goes back to the requester: to the last line before the reply does.
 class CRequesterParam : public CRuntimeParam {
 public:
     CRequesterParam(const Call& call, const std::string& sIpcID, int iMoreLogControl = 0)
         : CRuntimeParam(call.own.GetID(), call.own.GetLogControl() | iMoreLogControl) {
         SetIpcID(sIpcID.c_str());
     }
+
+private:
+    CIpcPatience m_Patience;
 };
 
 // ---- The server

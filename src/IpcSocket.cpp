@@ -6,6 +6,7 @@
 #include <climits>
 #include <cstring>
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -102,6 +103,21 @@ int CIpcSocket::Connect(const char* pcPath, const Deadline& deadline) {
     }
 }
 
+int CIpcSocket::TryConnect(const char* pcPath) {
+    sockaddr_un address;
+    if (const int iError = MakeAddress(pcPath, &address); iError != 0) {
+        return iError;
+    }
+    if (::fcntl(Get(), F_SETFL, O_NONBLOCK) != 0) {
+        return errno;
+    }
+    int iDone;
+    do {
+        iDone = ::connect(Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+    } while (iDone != 0 && errno == EINTR);
+    return iDone == 0 ? 0 : errno;
+}
+
 int CIpcSocket::Send(const IpcDataBuf& data, long* piSent) {
     ssize_t iSent;
     do {
@@ -140,6 +156,17 @@ int CIpcSocket::Receive(IpcDataBuf* pData, int iWake, const Deadline& deadline) 
         next = std::min(now + kPauseTimeout, *rest);
     }
     return 0;
+}
+
+int CIpcSocket::ReceiveAtOnce(IpcDataBuf* pData) {
+    std::memset(pData, 0, sizeof(*pData));
+    ssize_t iReceived = 0;
+    const int iError = ReceiveSome(Get(), pData, &iReceived);
+    return iError == EAGAIN ? ETIMEDOUT : iError;
+}
+
+bool CIpcSocket::IsReadable() const {
+    return WaitReadable(Get(), -1, Clock::now()) != ETIMEDOUT;
 }
 
 void CIpcSocket::DiscardInput() {

@@ -38,12 +38,18 @@ public:
     int Create();
     /// Waits while the listener's queue is full.
     int Connect(const char* pcPath, const Deadline& deadline);
+    /// Without waiting: EAGAIN while the listener's queue is full; may be tried again. The socket is non-blocking then.
+    int TryConnect(const char* pcPath);
     /// One write of the record's bytes; their number goes to piSent. A peer that is gone is EPIPE, not a signal.
     int Send(const IpcDataBuf& data, long* piSent);
     /// Reads one record, at most a whole buffer, until it is complete by its type, the peer ends, or the peer pauses
     /// too long; lDataLen is the number of bytes that came (0: the peer ended without a message). The deadline is for
     /// the first byte.
     int Receive(IpcDataBuf* pData, int iWake, const Deadline& deadline);
+    /// Reads what there is of a record, without waiting; ETIMEDOUT if nothing has come.
+    int ReceiveAtOnce(IpcDataBuf* pData);
+    /// True if something has come, the peer's end and failures included.
+    bool IsReadable() const;
     /// Takes what else the peer has sent, up to a bound: closing with unread input would make the peer lose the reply.
     void DiscardInput();
     void Shutdown();

@@ -17,6 +17,26 @@ namespace {
 /// Who does not answer the probe by then hangs, but holds the channel all the same.
 constexpr std::chrono::seconds kProbeTimeout{30};
 
+/// A stop under way: nobody waits any longer for a remote process that hangs.
+class CHurry {
+public:
+    explicit CHurry(CUtilitiesIpcServer* pReports) : m_pReports(pReports) {
+        if (m_pReports != nullptr) {
+            m_pReports->BeginHurry();
+        }
+    }
+    ~CHurry() {
+        if (m_pReports != nullptr) {
+            m_pReports->EndHurry();
+        }
+    }
+    CHurry(const CHurry&) = delete;
+    CHurry& operator=(const CHurry&) = delete;
+
+private:
+    CUtilitiesIpcServer* const m_pReports;
+};
+
 }  // namespace
 
 CNfsIpcServerMain::CNfsIpcServerMain() = default;
@@ -27,6 +47,9 @@ CNfsIpcServerMain::CNfsIpcServerMain(const char* pcLogID, int iLogControl) {
 
 CNfsIpcServerMain::~CNfsIpcServerMain() {
     CloseIpcServerThread();
+    if (m_pReports != nullptr) {
+        m_pReports->BeginHurry();  // the base's end waits for the calls in progress
+    }
 }
 
 void CNfsIpcServerMain::InitMemberVaribles(const char* pcLogID, int iLogControl) {
@@ -36,7 +59,9 @@ void CNfsIpcServerMain::InitMemberVaribles(const char* pcLogID, int iLogControl)
 }
 
 std::unique_ptr<CUtilities> CNfsIpcServerMain::CreateUtilities() {
-    return std::make_unique<CUtilitiesIpcServer>();
+    auto pReports = std::make_unique<CUtilitiesIpcServer>();
+    m_pReports = pReports.get();
+    return pReports;
 }
 
 bool CNfsIpcServerMain::Initial(char* pcStatus) {
@@ -88,12 +113,18 @@ bool CNfsIpcServerMain::IsChannelServed(const char* pcChannel) {
     return client.GetErrorNumber() == ETIMEDOUT;
 }
 
+void CNfsIpcServerMain::StopServer() {
+    const CHurry hurry(m_pReports);
+    CNfsMain::StopServer();
+}
+
 void CNfsIpcServerMain::StopRemoteController() {
     LogLifecycle("Stop Remote Controller");
     CloseIpcServerThread();
 }
 
 void CNfsIpcServerMain::CloseIpcServerThread() {
+    const CHurry hurry(m_pReports);
     const MutexLock lock(m_hMutexRemoteController);
     m_pIpcServerThread.reset();
 }

@@ -6,6 +6,7 @@
 #include "NfsMain.h"
 
 class CIpcServerThread;
+class CUtilitiesIpcServer;
 
 /// Runs the NFS server in its own process (access mode 1) and carries out the requests that arrive on its channel,
 /// /tmp/nfs-server, on a thread of its own. What happens on behalf of a remote party is reported to that party's
@@ -21,7 +22,9 @@ public:
     /// Opens the channel and serves it; true if it is served already. Fails while another process answers on it
     /// ("Ipc channel is already created by others.").
     bool StartRemoteController(char* pcStatus) override;
-    /// Closes the channel once the message in hand is served.
+    /// Ends the service. A call that waits for a remote process's answer gets about a second more.
+    void StopServer() override;
+    /// Closes the channel once the message in hand is served. Likewise.
     void StopRemoteController() override;
     int GetAccessMode() override;
     void GetDescription(char* pcDescription) override;
@@ -38,6 +41,8 @@ protected:
     void CloseIpcServerThread();
 
 private:
+    CUtilitiesIpcServer* m_pReports = nullptr;  ///< the registries; null in a client, whose are others
+
     /// True if someone answers on the channel, or holds it without answering.
     bool IsChannelServed(const char* pcChannel);
 

@@ -51,18 +51,8 @@ void CUtilitiesIpcServer::SendLogMessage(CRuntimeParam* pRuntimeParam, const cha
     if (!HasReceiver(pRuntimeParam)) {
         return;
     }
-    const std::string sIpcID = pRuntimeParam->GetIpcID();
-    if (IsSilent(sIpcID)) {
-        return;
-    }
-    auto record = NewIpcRecord<IpcCb_LogMessage>();
-    CopyText(record.cID, pRuntimeParam->GetID());
-    CopyText(record.cMsg, pcMessage);
-    record.iType = iType;
-    CRuntimeParam own(pRuntimeParam->GetID(), pRuntimeParam->GetLogControl());
-    CIpcClient client(this, &own);
-    client.SetCallback(kIpcCbLogMessage, record);
-    SendCallback(sIpcID, client);
+    m_LineSender.Send(pRuntimeParam->GetIpcID(),
+                      {pRuntimeParam->GetID(), pRuntimeParam->GetLogControl(), pcMessage, iType});
 }
 
 // ---- Notifications
@@ -77,20 +67,14 @@ int CUtilitiesIpcServer::SendNotification(CRuntimeParam* pRuntimeParam, int iTyp
                                           const CIpcTextFields& texts) {
     const LogArgu logArgu{"UtilitiesIpcServer.SendNotification"};
     CRuntimeParam own(pRuntimeParam->GetID(), pRuntimeParam->GetLogControl());
+    const LogContext log{this, &own, &logArgu};
     if (const char* pcTooLong = texts.GetReason(); pcTooLong != nullptr) {
-        const LogContext log{this, &own, &logArgu};
         NFS_LOG_ERROR(log, "[%s] %s", pcTooLong);
         return -1;
     }
     CIpcClient client(this, &own);
     client.SetCallback(iType, record);
-    bool bAnswered = SendCallback(pRuntimeParam->GetIpcID(), client);
-    if (!bAnswered && (client.GetErrorNumber() == EMFILE || client.GetErrorNumber() == ENFILE)) {
-        // The descriptor cache grows until there are none left: a busy server is often in this state.
-        FreeCachedFileHandles(&own, &logArgu);
-        bAnswered = SendCallback(pRuntimeParam->GetIpcID(), client);
-    }
-    return bAnswered ? client.GetIntReply() : -1;
+    return Ask(log, pRuntimeParam->GetIpcID(), client);
 }
 
 int CUtilitiesIpcServer::LogUpdateRedirectedFileAttributes(CRuntimeParam* pRuntimeParam, const char* pcPath, bool bSize,
@@ -153,26 +137,35 @@ int CUtilitiesIpcServer::LogWriteRedirectedFile(CRuntimeParam* pRuntimeParam, co
     return SendNotification(pRuntimeParam, kIpcCbWriteRedirectedFile, record, texts);
 }
 
-// ---- Sending
+// ---- Asking
 
-bool CUtilitiesIpcServer::SendCallback(const std::string& sIpcID, CIpcClient& client) {
-    char vcChannel[kIpcChannelBufferSize];
-    const bool bReachable = GetIpcCallbackChannel(sIpcID.c_str(), vcChannel);
-    client.SetTimeout(m_CallbackTimeout);
-    const bool bAnswered = client.SendRequest(bReachable ? vcChannel : nullptr);
-    const auto now = std::chrono::steady_clock::now();
-    const MutexLock lock(m_hMutexSilentReceivers);
-    if (!bAnswered && client.GetErrorNumber() == ETIMEDOUT) {
-        std::erase_if(m_SilentReceivers, [now](const auto& silent) { return silent.second <= now; });
-        m_SilentReceivers[sIpcID] = now + m_CallbackTimeout;
-    } else if (!m_SilentReceivers.empty()) {
-        m_SilentReceivers.erase(sIpcID);
+/// The one place from which a receiver is asked. Its answer, or -1.
+int CUtilitiesIpcServer::Ask(const LogContext& log, const std::string& sIpcID, CIpcClient& client) {
+    auto turn = m_Receivers.BeginNotification(sIpcID);
+    if (!turn) {
+        NFS_LOG_ERROR(log, "[%s] \"%s\" has not answered in time, and is not asked again until it does",
+                      sIpcID.c_str());
+        return -1;
     }
-    return bAnswered;
+    bool bAnswered = SendInTurn(*turn, client);
+    if (!bAnswered && (client.GetErrorNumber() == EMFILE || client.GetErrorNumber() == ENFILE)) {
+        // The descriptor cache grows until there are none left: a busy server is often in this state.
+        FreeCachedFileHandles(log.pRuntimeParam, log.pLogArgu);
+        bAnswered = SendInTurn(*turn, client);
+    }
+    return bAnswered ? client.GetIntReply() : -1;
 }
 
-bool CUtilitiesIpcServer::IsSilent(const std::string& sIpcID) {
-    const MutexLock lock(m_hMutexSilentReceivers);
-    const auto silent = m_SilentReceivers.find(sIpcID);
-    return silent != m_SilentReceivers.end() && std::chrono::steady_clock::now() < silent->second;
+/// A failure is logged here. Without an answer in time the receiver is silent once the turn is over.
+bool CUtilitiesIpcServer::SendInTurn(CIpcReceivers::Turn& turn, CIpcClient& client) {
+    char vcChannel[kIpcChannelBufferSize];
+    const bool bReachable = GetIpcCallbackChannel(turn.GetIpcID().c_str(), vcChannel);
+    const auto file = FindIpcChannelFile(vcChannel);
+    client.SetTimeout(m_CallbackTimeout);
+    client.SetHurry(m_Receivers.GetHurryDescriptor(), CIpcReceivers::kHurry);
+    const bool bAnswered = client.SendRequest(bReachable ? vcChannel : nullptr);
+    if (!bAnswered && client.GetErrorNumber() == ETIMEDOUT) {
+        turn.NotAnswered(CIpcSilence(vcChannel, file, client.TakeConnection()));
+    }
+    return bAnswered;
 }

@@ -2,9 +2,10 @@
 #pragma once
 
 #include <chrono>
-#include <map>
 #include <string>
 
+#include "IpcLineSender.h"
+#include "IpcReceivers.h"
 #include "Utilities.h"
 
 class CIpcClient;
@@ -14,8 +15,10 @@ class CIpcTextFields;
 /// channel besides being logged here, and the notifications about redirected files go to it instead of to a host of
 /// this process.
 ///
-/// A callback waits for its answer at most kCallbackTimeout. It is sent, and its failure logged, under a runtime
-/// parameter without IPC ID, so that a line about a callback never causes another one.
+/// A notification waits for its answer at most kCallbackTimeout, and not at all while its receiver is silent
+/// (CIpcReceivers). Lines are queued and sent by a thread of their own: whoever logs goes on at once. Callbacks are
+/// sent, and their failure logged, under a runtime parameter without IPC ID, so that a line about a callback never
+/// causes another one.
 class CUtilitiesIpcServer : public CUtilities {
 public:
     /// A receiver that has not answered by then counts as gone: work for everybody else waits behind it.
@@ -52,24 +55,24 @@ public:
     /// text, for an ID that no client can have: the server's own, or one holding "/" or a blank.
     static bool GetIpcCallbackChannel(const char* pcIpcID, char* pcChannel);
 
+    /// From the first call on nobody waits for a receiver longer than a second, until as many calls have ended it:
+    /// whoever stops the server does not wait for a process that hangs.
+    void BeginHurry() { m_Receivers.BeginHurry(); }
+    void EndHurry() { m_Receivers.EndHurry(); }
+
     /// How long callbacks wait; tests shorten it before they start anything.
     void SetCallbackTimeout(std::chrono::milliseconds timeout) { m_CallbackTimeout = timeout; }
 
 private:
     void SendLogMessage(CRuntimeParam* pRuntimeParam, const char* pcMessage, int iType);
-    /// -1 at once, with an error line, when a text did not fit. Called with no registry's mutex held; lack of
-    /// descriptors is met at the expense of the descriptor cache.
+    /// -1 at once, with an error line, when a text did not fit or the receiver is silent. Called with no registry's
+    /// mutex held; lack of descriptors is met at the expense of the descriptor cache.
     template <typename Record>
     int SendNotification(CRuntimeParam* pRuntimeParam, int iType, const Record& record, const CIpcTextFields& texts);
-    /// Sends a callback to the party of an IPC ID. A failure is logged here.
-    bool SendCallback(const std::string& sIpcID, CIpcClient& client);
-    bool IsSilent(const std::string& sIpcID);
+    int Ask(const LogContext& log, const std::string& sIpcID, CIpcClient& client);
+    bool SendInTurn(CIpcReceivers::Turn& turn, CIpcClient& client);
 
     std::chrono::milliseconds m_CallbackTimeout = kCallbackTimeout;
-
-    /// IPC IDs whose receiver let a callback run into the time limit, and until when no log lines go there: with a
-    /// line's wait for each of them, one stopped process would bring the service for everybody else to a halt.
-    /// Notifications are always sent.
-    Mutex m_hMutexSilentReceivers;
-    std::map<std::string, std::chrono::steady_clock::time_point> m_SilentReceivers GUARDED_BY(m_hMutexSilentReceivers);
+    CIpcReceivers m_Receivers;
+    CIpcLineSender m_LineSender{this, &m_Receivers, &m_CallbackTimeout};  ///< its thread ends before all else goes
 };

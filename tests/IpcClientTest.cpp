@@ -19,6 +19,7 @@
 #include <gtest/gtest.h>
 
 #include "IpcPeer.h"
+#include "IpcWake.h"
 #include "Isolation.h"
 #include "LeakGuard.h"
 #include "LogCapture.h"
@@ -377,6 +378,79 @@ TEST_F(IpcClientTest, EveryReplyKindIsWrittenWithItsLength) {
     EXPECT_TRUE(client.SendRequest(kChannel, m_vcReason)) << m_vcReason;
     ASSERT_TRUE(server.WaitForMessages(1));
     EXPECT_EQ(Difference(RawRequest(24, 20).Byte(16, 1).Bytes(), server.Messages()[0]), "");
+}
+
+// ---- Without waiting
+
+TEST_F(IpcClientTest, AFullQueueIsTriedAgainWithoutAWord) {
+    DeafListener listener(0);
+    CIpcClient first(&m_Utilities, &m_Param);
+    first.SetRequest(1);
+    EXPECT_TRUE(first.Begin(kChannel));
+    m_Param.SetLogControl(kAllLogBits);
+    CIpcClient second(&m_Utilities, &m_Param);
+    second.SetRequest(1);
+    EXPECT_FALSE(second.Begin(kChannel));
+    const std::size_t nLines = m_Log.Lines().size();
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_FALSE(second.Begin(kChannel));
+        EXPECT_EQ(second.GetErrorNumber(), EAGAIN);
+    }
+    EXPECT_EQ(m_Log.Lines().size(), nLines);
+    EXPECT_FALSE(second.IsSent());
+    EXPECT_FALSE(second.Finish());
+    EXPECT_EQ(second.GetErrorNumber(), ETIMEDOUT);
+    EXPECT_TRUE(
+        m_Log.Has("[IpcClient.SendRequest] Fail to connect ipc client socket. Connection timed out (110)", 'e'));
+    EXPECT_FALSE(second.TakeConnection().IsOpen());
+    listener.Close();
+    EXPECT_FALSE(second.Begin(kChannel));
+    EXPECT_EQ(second.GetErrorNumber(), ECONNREFUSED);
+}
+
+TEST_F(IpcClientTest, AReplyIsTakenWhenItHasCome) {
+    FakeIpcServer server(kChannel, [](const std::string&) { return RawIntReply(7); });
+    CIpcClient client(&m_Utilities, &m_Param);
+    client.SetRequest(1);
+    ASSERT_TRUE(client.Begin(kChannel));
+    ASSERT_TRUE(client.IsSent());
+    EXPECT_EQ(CIpcSocket::WaitReadable(client.GetConnection().Get(), -1, CIpcSocket::Clock::now() + seconds(20)), 0);
+    EXPECT_TRUE(client.Finish());
+    EXPECT_EQ(client.GetIntReply(), 7);
+}
+
+TEST_F(IpcClientTest, TheConnectionOfAReplyThatDidNotComeInTimeIsKept) {
+    FakeIpcServer server(kChannel, [](const std::string&) { return RawIntReply(7); });
+    server.Hang();
+    CIpcClient client(&m_Utilities, &m_Param);
+    client.SetRequest(1);
+    ASSERT_TRUE(client.Begin(kChannel));
+    EXPECT_FALSE(client.Finish());
+    EXPECT_EQ(client.GetErrorNumber(), ETIMEDOUT);
+    const CIpcSocket connection = client.TakeConnection();
+    ASSERT_TRUE(connection.IsOpen());
+    EXPECT_FALSE(connection.IsReadable());
+    server.Recover();
+    EXPECT_EQ(CIpcSocket::WaitReadable(connection.Get(), -1, CIpcSocket::Clock::now() + seconds(20)), 0);
+}
+
+TEST_F(IpcClientTest, AHurryShortensTheWait) {
+    FakeIpcServer server(kChannel, [](const std::string&) { return RawIntReply(7); });
+    server.Hang();
+    CIpcWake hurry;
+    CIpcClient client(&m_Utilities, &m_Param);
+    client.SetRequest(1);
+    client.SetTimeout(seconds(60));
+    client.SetHurry(hurry.GetDescriptor(), milliseconds(10));
+    const auto start = std::chrono::steady_clock::now();
+    std::thread hurrying([&] {
+        EXPECT_TRUE(server.WaitForMessages(1));
+        hurry.Set();
+    });
+    EXPECT_FALSE(client.SendRequest(kChannel, m_vcReason));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, seconds(30));
+    EXPECT_STREQ(m_vcReason, "Fail to read ipc server reply. Connection timed out (110)");
+    hurrying.join();
 }
 
 }  // namespace

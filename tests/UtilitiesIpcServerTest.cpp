@@ -2,6 +2,7 @@
 #include "UtilitiesIpcServer.h"
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -15,6 +16,7 @@
 
 #include "FakeHost.h"
 #include "IpcChannel.h"
+#include "IpcPatience.h"
 #include "IpcPeer.h"
 #include "Isolation.h"
 #include "LeakGuard.h"
@@ -37,15 +39,31 @@ protected:
         m_Param.SetIpcID("client");
     }
 
-    /// What the action prints.
+    /// What the action prints, and what is printed about the lines that it sends.
     template <typename Action>
     static std::string Printed(Action action) {
         testing::internal::CaptureStdout();
-        action();
+        {
+            const CIpcPatience patience;
+            action();
+        }
         return testing::internal::GetCapturedStdout();
     }
+    void SendLine(const std::string& sText) { m_Utilities.LogInfo(&m_Param, "%s", sText.c_str()); }
 
     int Write() { return m_Utilities.LogWriteRedirectedFile(&m_Param, "/f", 5, 0, 3); }
+
+    /// What holds soon, if it ever does.
+    static bool Eventually(const std::function<bool()>& holds) {
+        const auto end = steady_clock::now() + std::chrono::seconds(20);
+        while (!holds()) {
+            if (steady_clock::now() >= end) {
+                return false;
+            }
+            std::this_thread::sleep_for(milliseconds(5));
+        }
+        return true;
+    }
 
     LeakGuard m_Leaks;
     FakeHost m_Host;  // for the tests that set its callback
@@ -289,9 +307,12 @@ TEST_F(UtilitiesIpcServerTest, TheLocalHostIsToldOnlyWhatHasNoRemoteReceiver) {
 TEST_F(UtilitiesIpcServerTest, LogLinesAreTheLocalHostsToo) {
     m_Utilities.SetCallback(m_Host.Callback());
     FakeIpcServer client(kChannel, [](const std::string&) { return RawBoolReply(true); });
-    m_Utilities.LogInfo(&m_Param, "%s", "hello");
-    m_Utilities.LogError(&m_Param, "%s", "oh");
-    m_Utilities.LogRaw(&m_Param, "%s", "raw");
+    {
+        const CIpcPatience patience;
+        m_Utilities.LogInfo(&m_Param, "%s", "hello");
+        m_Utilities.LogError(&m_Param, "%s", "oh");
+        m_Utilities.LogRaw(&m_Param, "%s", "raw");
+    }
     EXPECT_EQ(m_Host.Log().Lines(),
               (std::vector<LogLine>{{'i', "exp", "hello"}, {'e', "exp", "oh"}, {'r', "exp", "raw"}}));
     EXPECT_EQ(client.Messages().size(), 3U);
@@ -312,40 +333,168 @@ TEST_F(UtilitiesIpcServerTest, AReceiverThatDoesNotAnswerCountsAsNotAnswered) {
     EXPECT_GE(steady_clock::now() - start, milliseconds(100));
 }
 
-TEST_F(UtilitiesIpcServerTest, AReceiverThatHangsGetsNoLogLinesForAWhileButEveryNotification) {
+TEST_F(UtilitiesIpcServerTest, AReceiverThatDidNotAnswerIsAnsweredForAtOnce) {
     FakeIpcServer client(kChannel, [](const std::string&) { return RawIntReply(3); });
     client.Hang();
-    m_Utilities.SetCallbackTimeout(milliseconds(200));
+    m_Utilities.SetCallbackTimeout(milliseconds(500));
+    m_Param.SetLogControl(CRuntimeParam::kLogError);
+    EXPECT_EQ(Printed([&] { EXPECT_EQ(Write(), -1); }),
+              "[erro] (exp) [IpcClient.SendRequest] Fail to read ipc server reply. Connection timed out (110)\n");
+    const auto start = steady_clock::now();
+    EXPECT_EQ(
+        Printed([&] { EXPECT_EQ(Write(), -1); }),
+        "[erro] (exp) [UtilitiesIpcServer.SendNotification] \"client\" has not answered in time, and is not asked "
+        "again until it does\n");
     Printed([&] {
-        m_Utilities.LogInfo(&m_Param, "%s", "waits for the limit");
-        const auto start = steady_clock::now();
-        for (int i = 0; i < 10; ++i) {
-            m_Utilities.LogInfo(&m_Param, "%s", "does not wait");
+        for (int i = 0; i < 100; ++i) {
+            EXPECT_EQ(Write(), -1);
         }
-        EXPECT_LT(steady_clock::now() - start, milliseconds(10 * 200)) << "ten lines must not wait ten times";
     });
-    EXPECT_LT(client.Messages().size(), 11U);
-    client.Clear();
-    EXPECT_EQ(Write(), -1);
-    ASSERT_TRUE(client.WaitForMessages(1));
-    EXPECT_EQ(I32At(client.Messages()[0], 4), 5);
+    EXPECT_LT(steady_clock::now() - start, milliseconds(100 * 500)) << "a hundred must not wait a hundred times";
+    EXPECT_EQ(client.Messages().size(), 1U);
 }
 
-TEST_F(UtilitiesIpcServerTest, AReceiverThatAnswersAgainGetsLogLinesAgain) {
-    m_Utilities.SetCallbackTimeout(milliseconds(200));
-    Printed([&] {
-        {
-            FakeIpcServer client(kChannel, [](const std::string&) { return RawIntReply(3); });
-            client.Hang();
-            m_Utilities.LogInfo(&m_Param, "%s", "unheard");
-        }
+TEST_F(UtilitiesIpcServerTest, AReceiverThatAnswersLateIsAskedAgain) {
+    FakeIpcServer client(kChannel, [](const std::string&) { return RawIntReply(3); });
+    client.Hang();
+    m_Utilities.SetCallbackTimeout(milliseconds(300));
+    EXPECT_EQ(Write(), -1);
+    client.Recover();
+    EXPECT_TRUE(Eventually([&] { return Write() == 3; }));
+}
+
+TEST_F(UtilitiesIpcServerTest, AReceiverThatWasStartedAgainIsAskedAtOnce) {
+    m_Utilities.SetCallbackTimeout(milliseconds(300));
+    {
         FakeIpcServer client(kChannel, [](const std::string&) { return RawIntReply(3); });
-        EXPECT_EQ(Write(), 3);
-        client.Clear();
-        m_Utilities.LogInfo(&m_Param, "%s", "heard");
-        ASSERT_EQ(client.Messages().size(), 1U);
-        EXPECT_EQ(TextAt(client.Messages()[0], 272, 2048), "heard");
-    });
+        client.Hang();
+        EXPECT_EQ(Write(), -1);
+    }
+    m_Utilities.SetCallbackTimeout(CUtilitiesIpcServer::kCallbackTimeout);
+    FakeIpcServer client(kChannel, [](const std::string&) { return RawIntReply(3); });
+    EXPECT_EQ(Write(), 3);
+}
+
+TEST_F(UtilitiesIpcServerTest, LinesThatAReceiverMissedWhileItHungAreCounted) {
+    FakeIpcServer client(kChannel, [](const std::string&) { return RawIntReply(3); });
+    client.Hang();
+    m_Utilities.SetCallbackTimeout(milliseconds(300));
+    m_Utilities.SetCallback(m_Host.Callback());  // takes the lines here
+    {
+        const CIpcPatience patience;
+        SendLine("on its way when the time is over");
+    }
+    for (int i = 0; i < 10; ++i) {
+        SendLine("dropped");
+    }
+    EXPECT_EQ(client.Messages().size(), 1U);
+    client.Recover();
+    EXPECT_TRUE(Eventually([&] { return Write() == 3; }));
+    SendLine("heard");
+    ASSERT_TRUE(Eventually([&] { return TextAt(client.Messages().back(), 272, 2048) == "heard"; }));
+    std::vector<std::string> vsTexts;
+    for (const std::string& sMessage : client.Messages()) {
+        if (I32At(sMessage, 4) == 1) {
+            vsTexts.push_back(TextAt(sMessage, 272, 2048));
+        }
+    }
+    EXPECT_EQ(vsTexts,
+              (std::vector<std::string>{
+                  "on its way when the time is over",
+                  "[UtilitiesIpcServer.SendLogMessage] Dropped 10 log lines that were not taken in time", "heard"}));
+}
+
+TEST_F(UtilitiesIpcServerTest, WhoLogsNeverWaitsForTheReceiver) {
+    FakeIpcServer client(kChannel, [](const std::string&) { return RawBoolReply(true); });
+    client.Hang();
+    m_Utilities.SetCallback(m_Host.Callback());
+    const auto start = steady_clock::now();
+    for (int i = 0; i < 1000; ++i) {
+        SendLine("line");
+    }
+    EXPECT_LT(steady_clock::now() - start, CUtilitiesIpcServer::kCallbackTimeout / 2);
+    EXPECT_TRUE(client.WaitForMessages(1));
+}
+
+/// The thread of the lines ends with the registries; the test's limit for it is loose, the 30 seconds are not waited.
+TEST_F(UtilitiesIpcServerTest, LinesThatNobodyTakesDoNotHoldUpTheEnd) {
+    FakeIpcServer client(kChannel, [](const std::string&) { return RawBoolReply(true); });
+    client.Hang();
+    auto pUtilities = std::make_unique<CUtilitiesIpcServer>();
+    pUtilities->SetCallback(m_Host.Callback());
+    for (int i = 0; i < 10; ++i) {
+        pUtilities->LogInfo(&m_Param, "%s", "line");
+    }
+    ASSERT_TRUE(client.WaitForMessages(1));
+    const auto start = steady_clock::now();
+    pUtilities.reset();
+    EXPECT_LT(steady_clock::now() - start, CUtilitiesIpcServer::kCallbackTimeout / 2);
+}
+
+TEST_F(UtilitiesIpcServerTest, LinesThatAreTakenAreAllSentBeforeTheEnd) {
+    FakeIpcServer client(kChannel, [](const std::string&) { return RawBoolReply(true); });
+    auto pUtilities = std::make_unique<CUtilitiesIpcServer>();
+    pUtilities->SetCallback(m_Host.Callback());
+    for (int i = 0; i < 10; ++i) {
+        pUtilities->LogInfo(&m_Param, "%d", i);
+    }
+    pUtilities.reset();
+    ASSERT_EQ(client.Messages().size(), 10U);
+    for (std::size_t i = 0; i < 10; ++i) {
+        EXPECT_EQ(TextAt(client.Messages()[i], 272, 2048), std::to_string(i));
+    }
+}
+
+TEST_F(UtilitiesIpcServerTest, AReceiverThatHangsHoldsUpNoLinesOfOthers) {
+    FakeIpcServer hung("/tmp/nfs-hung", [](const std::string&) { return RawBoolReply(true); });
+    hung.Hang();
+    FakeIpcServer client(kChannel, [](const std::string&) { return RawBoolReply(true); });
+    m_Utilities.SetCallback(m_Host.Callback());
+    CRuntimeParam hungParam("exp", 0);
+    hungParam.SetIpcID("hung");
+    m_Utilities.LogInfo(&hungParam, "%s", "line");
+    ASSERT_TRUE(hung.WaitForMessages(1));
+    for (int i = 0; i < 100; ++i) {
+        SendLine("line");
+    }
+    EXPECT_TRUE(client.WaitForMessages(100, CUtilitiesIpcServer::kCallbackTimeout / 2));
+}
+
+TEST_F(UtilitiesIpcServerTest, ANotificationComesAfterTheLinesBeforeIt) {
+    FakeIpcServer client(kChannel, [](const std::string&) { return RawIntReply(3); });
+    m_Utilities.SetCallback(m_Host.Callback());
+    for (int i = 0; i < 5; ++i) {
+        SendLine("before");
+    }
+    EXPECT_EQ(Write(), 3);
+    ASSERT_GE(client.Messages().size(), 1U);
+    EXPECT_EQ(I32At(client.Messages().back(), 4), 5) << "all but a machine in great need sends five lines in 100 ms";
+    EXPECT_EQ(client.Messages().size(), 6U);
+}
+
+TEST_F(UtilitiesIpcServerTest, ANotificationBehindALineThatIsNotAnsweredSharesItsWait) {
+    FakeIpcServer client(kChannel, [](const std::string&) { return RawIntReply(3); });
+    client.Hang();
+    m_Utilities.SetCallbackTimeout(milliseconds(500));
+    m_Utilities.SetCallback(m_Host.Callback());
+    SendLine("line");
+    ASSERT_TRUE(client.WaitForMessages(1));
+    EXPECT_EQ(Write(), -1);
+    EXPECT_EQ(client.Messages().size(), 1U) << "nothing more was sent";
+}
+
+TEST_F(UtilitiesIpcServerTest, AHurryEndsTheWaitForAnAnswer) {
+    FakeIpcServer client(kChannel, [](const std::string&) { return RawIntReply(3); });
+    client.Hang();
+    const auto start = steady_clock::now();
+    std::thread asking([&] { EXPECT_EQ(Write(), -1); });
+    EXPECT_TRUE(client.WaitForMessages(1));
+    m_Utilities.BeginHurry();
+    asking.join();
+    EXPECT_LT(steady_clock::now() - start, CUtilitiesIpcServer::kCallbackTimeout / 2);
+    client.Recover();
+    EXPECT_TRUE(Eventually([&] { return Write() == 3; })) << "who answers is asked in a hurry, too";
+    m_Utilities.EndHurry();
 }
 
 /// A line of a search that nobody takes must not lock the exports, nor the descriptor cache, against everybody else.
@@ -366,9 +515,8 @@ TEST_F(UtilitiesIpcServerTest, AReceiverThatHangsHoldsNoLockOfARegistry) {
     EXPECT_EQ(m_Utilities.GetMountInfo(&quiet, false, false), 1);
     EXPECT_TRUE(m_Utilities.GetMountInfoByPath(&quiet, &tag, sPath.c_str(), nullptr));
     EXPECT_TRUE(m_Utilities.GetCachedFileHandle(&quiet, &tag, sPath.c_str(), false).IsOpen());
-    EXPECT_LT(steady_clock::now() - start, CUtilitiesIpcServer::kCallbackTimeout / 2);
-    pClient.reset();  // which ends the wait
     held.join();
+    EXPECT_LT(steady_clock::now() - start, CUtilitiesIpcServer::kCallbackTimeout / 2);
     m_Utilities.CloseAllCachedFileHandles(&quiet, &tag);
     testing::internal::GetCapturedStdout();
 }

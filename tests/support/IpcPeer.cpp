@@ -196,6 +196,7 @@ FakeIpcServer::FakeIpcServer(const std::string& sChannel, Answer answer)
 }
 
 FakeIpcServer::~FakeIpcServer() {
+    m_bEnd = true;
     eventfd_write(m_iWake, 1);
     m_Thread.join();
     ::close(m_iSocket);
@@ -203,43 +204,54 @@ FakeIpcServer::~FakeIpcServer() {
     ::unlink(m_sChannel.c_str());
 }
 
+void FakeIpcServer::Recover() {
+    m_bHang = false;
+    eventfd_write(m_iWake, 1);
+}
+
 void FakeIpcServer::Run() {
-    std::vector<int> viHanging;
-    for (;;) {
+    std::vector<std::pair<int, std::string>> vHanging;
+    while (!m_bEnd) {
         pollfd polled[2] = {{m_iSocket, POLLIN, 0}, {m_iWake, POLLIN, 0}};
         ::poll(polled, 2, -1);
         if (polled[1].revents != 0) {
-            break;
+            eventfd_t iCount;
+            eventfd_read(m_iWake, &iCount);
         }
-        const int iConnection = ::accept4(m_iSocket, nullptr, nullptr, SOCK_CLOEXEC);
-        if (iConnection == -1) {
-            continue;
+        if (polled[0].revents != 0) {
+            const int iConnection = ::accept4(m_iSocket, nullptr, nullptr, SOCK_CLOEXEC);
+            if (iConnection != -1) {
+                vHanging.emplace_back(iConnection, Read(iConnection));
+            }
         }
-        Serve(iConnection);
-        if (m_bHang) {
-            viHanging.push_back(iConnection);
-        } else {
-            ::close(iConnection);
+        if (!m_bHang && !m_bEnd) {
+            for (const auto& [iConnection, sMessage] : vHanging) {
+                Reply(iConnection, sMessage);
+            }
+            vHanging.clear();
         }
     }
-    for (const int iConnection : viHanging) {
+    for (const auto& [iConnection, sMessage] : vHanging) {
         ::close(iConnection);
     }
 }
 
-void FakeIpcServer::Serve(int iConnection) {
+std::string FakeIpcServer::Read(int iConnection) {
     char vcBuffer[kBufferSize];
     const ssize_t iReceived = ::recv(iConnection, vcBuffer, sizeof(vcBuffer), 0);
-    const std::string sMessage(vcBuffer, static_cast<std::size_t>(std::max<ssize_t>(iReceived, 0)));
+    std::string sMessage(vcBuffer, static_cast<std::size_t>(std::max<ssize_t>(iReceived, 0)));
     {
         const std::lock_guard lock(m_Mutex);
         m_vsMessages.push_back(sMessage);
     }
     m_Changed.notify_all();
-    if (!m_bHang) {
-        const std::string sReply = m_Answer(sMessage);
-        ::send(iConnection, sReply.data(), sReply.size(), MSG_NOSIGNAL);  // the peer may be gone: its own affair
-    }
+    return sMessage;
+}
+
+void FakeIpcServer::Reply(int iConnection, const std::string& sMessage) {
+    const std::string sReply = m_Answer(sMessage);
+    ::send(iConnection, sReply.data(), sReply.size(), MSG_NOSIGNAL);  // the peer may be gone: its own affair
+    ::close(iConnection);
 }
 
 std::vector<std::string> FakeIpcServer::Messages() const {

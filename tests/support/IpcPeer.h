@@ -91,16 +91,20 @@ public:
     void Clear();
     /// From now on connections are accepted and their messages read, but not answered until the server goes.
     void Hang() { m_bHang = true; }
+    /// Answers what is not answered yet, and all that comes from now on.
+    void Recover();
 
 private:
     void Run();
-    void Serve(int iConnection);
+    std::string Read(int iConnection);
+    void Reply(int iConnection, const std::string& sMessage);
 
     std::string m_sChannel;
     Answer m_Answer;
     int m_iSocket = -1;
     int m_iWake = -1;
     std::atomic<bool> m_bHang{false};
+    std::atomic<bool> m_bEnd{false};
     mutable std::mutex m_Mutex;
     mutable std::condition_variable m_Changed;
     std::vector<std::string> m_vsMessages;
