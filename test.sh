@@ -92,7 +92,7 @@ plain() {
     check_format
     configure build "${PLAIN_OPTIONS[@]}"
     build build
-    run build -- "$@"
+    run build -- -j $((2 * jobs)) "$@" # many tests wait more than they work
 }
 
 sanitizers() {

@@ -215,6 +215,7 @@ TEST_F(ConsoleTerminal, BackgroundJobServesOnAndLeavesTheKeyboardToTheShell) {
     EXPECT_NE(StateOf(iConsole), 'T') << "stopped by reading or setting the terminal";
     EXPECT_EQ(RunConsole({"-shutdown"}).iStatus, 0);
     EXPECT_TRUE(shell.WaitFor("Exit by request")) << shell.Output();
+    EXPECT_TRUE(WaitUntil([&] { return !Exists("/tmp/nfs-server") && !Exists(m_Folder / "pid"); })) << "it cleans up";
     shell.Send("exit\n");
     EXPECT_TRUE(shell.Wait());
 }
