@@ -17,7 +17,6 @@ import java.util.concurrent.ConcurrentHashMap;
 import java.util.concurrent.FutureTask;
 import java.util.concurrent.TimeUnit;
 import java.util.concurrent.TimeoutException;
-import java.util.concurrent.atomic.AtomicBoolean;
 import java.util.function.IntConsumer;
 
 /**
@@ -141,17 +140,11 @@ public final class HostShell {
     }
 
     private NfsLibNative.Reaction reacting(String[] fields) {
-        AtomicBoolean done = new AtomicBoolean();
+        // There to be joined from now on; a task runs once, however often the method is called.
+        FutureTask<String> task = new FutureTask<>(() -> run(fields));
+        threads.put("reaction", task);
         return arguments -> {
-            if (!done.getAndSet(true)) {
-                try {
-                    String result = run(fields);
-                    threads.put("reaction", new FutureTask<>(() -> result));
-                    threads.get("reaction").run();
-                } catch (Exception e) {
-                    throw new IllegalStateException(e);
-                }
-            }
+            task.run();
             return null;
         };
     }
