@@ -11,6 +11,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 namespace {
@@ -73,6 +74,7 @@ bool CSocket::Open(int iSocket, ISocketListener* pListener, const sockaddr_in* p
     // A slot is used again: nothing of the earlier connection may reach this one.
     m_InputStream.ResetBuffer();
     m_OutputStream.ResetBuffer();
+    m_sCollected.clear();
     m_bHasLocalAddr = false;
     m_pListener = pListener;
     if (pPeer != nullptr) {
@@ -185,28 +187,70 @@ CSocket::Received CSocket::ReceiveDatagram() {
     return Received::kBytes;
 }
 
-void CSocket::Send() {
-    if (m_Socket == -1 || m_OutputStream.GetBufferSize() == 0) {
+bool CSocket::Collect() {
+    return m_Socket != -1 && CollectOutput();
+}
+
+bool CSocket::CollectOutput() {
+    const unsigned int nSize = m_OutputStream.GetBufferSize();
+    if (m_iType != kStream || nSize > kCollectedReplyLimit || m_sCollected.size() + nSize > kCollectedLimit) {
+        return false;
+    }
+    m_sCollected.append(m_OutputStream.GetBuffer(), nSize);
+    m_OutputStream.ResetBuffer();
+    return true;
+}
+
+bool CSocket::Send() {
+    if (m_Socket == -1 || (m_sCollected.empty() && m_OutputStream.GetBufferSize() == 0)) {
+        return true;
+    }
+    return m_iType == kStream ? SendStream() : SendDatagram();
+}
+
+void CSocket::SendCollected() {
+    if (m_Socket == -1 || m_sCollected.empty()) {
         return;
     }
-    if (m_iType == kStream) {
-        SendStream();
-    } else {
-        SendDatagram();
+    const ssize_t n = ::send(m_Socket, m_sCollected.data(), m_sCollected.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (n > 0) {
+        m_sCollected.erase(0, static_cast<std::size_t>(n));
     }
 }
 
-void CSocket::SendStream() {
+/// Sends as much as goes without waiting, from that byte on; the collected replies come first. Returns the number of
+/// bytes, or -1.
+ssize_t CSocket::SendFrom(std::size_t nSent) {
+    const std::size_t nCollected = m_sCollected.size();
+    const std::size_t nFirst = std::min(nSent, nCollected);
+    const std::size_t nSecond = nSent - nFirst;
+    iovec parts[2] = {{m_sCollected.data() + nFirst, nCollected - nFirst},
+                      {m_OutputStream.GetBuffer() + nSecond, m_OutputStream.GetBufferSize() - nSecond}};
+    msghdr message{};
+    message.msg_iov = parts;
+    message.msg_iovlen = 2;
+    return ::sendmsg(m_Socket, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+}
+
+/// Forgets that many bytes of what is to be sent.
+void CSocket::Drop(std::size_t nSent) {
+    const std::size_t nCollected = std::min(nSent, m_sCollected.size());
+    m_sCollected.erase(0, nCollected);
+    if (nSent > nCollected) {
+        m_OutputStream.FreeBuffer(static_cast<unsigned int>(nSent - nCollected));
+    }
+}
+
+bool CSocket::SendStream() {
     using Clock = std::chrono::steady_clock;
-    const unsigned int nSize = m_OutputStream.GetBufferSize();
-    unsigned int nSent = 0;
+    const std::size_t nSize = m_sCollected.size() + m_OutputStream.GetBufferSize();
+    std::size_t nSent = 0;
     bool bStalled = false;
     Clock::time_point deadline;
     while (nSent < nSize) {
-        const ssize_t n =
-            ::send(m_Socket, m_OutputStream.GetBuffer() + nSent, nSize - nSent, MSG_NOSIGNAL | MSG_DONTWAIT);
+        const ssize_t n = SendFrom(nSent);
         if (n > 0) {
-            nSent += static_cast<unsigned int>(n);
+            nSent += static_cast<std::size_t>(n);
             bStalled = false;
             continue;
         }
@@ -225,12 +269,11 @@ void CSocket::SendStream() {
         static_cast<void>(::shutdown(m_Socket, SHUT_RDWR));
         break;
     }
-    if (nSent > 0) {
-        m_OutputStream.FreeBuffer(nSent);
-    }
+    Drop(nSent);
+    return nSent == nSize;
 }
 
-void CSocket::SendDatagram() {
+bool CSocket::SendDatagram() {
     PacketInfo control{};
     iovec bytes{m_OutputStream.GetBuffer(), m_OutputStream.GetBufferSize()};
     msghdr message{};
@@ -253,9 +296,11 @@ void CSocket::SendDatagram() {
     do {
         nSent = ::sendmsg(m_Socket, &message, MSG_NOSIGNAL);
     } while (nSent < 0 && errno == EINTR);
-    if (nSent > 0) {
-        m_OutputStream.FreeBuffer(static_cast<unsigned int>(nSent));
+    if (nSent <= 0) {
+        return false;
     }
+    m_OutputStream.FreeBuffer(static_cast<unsigned int>(nSent));
+    return true;
 }
 
 void CSocket::SetRemoteAddr(const sockaddr_in& address) {

@@ -2,9 +2,12 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
+#include <string>
 #include <thread>
 
 #include <netinet/in.h>
+#include <sys/types.h>
 
 #include "InputStream.h"
 #include "OutputStream.h"
@@ -21,8 +24,8 @@ class CSocket {
 public:
     enum Type : int { kStream = 1, kDatagram = 2 };
 
-    /// A send that cannot pass on a single byte for this long ends the connection: the RPC server sends under its
-    /// mutex, so one peer that stops reading would hold up every other.
+    /// A send that cannot pass on a single byte for this long ends the connection: a peer that stops reading keeps one
+    /// of few connections.
     static constexpr int kSendTimeoutSeconds = 5;
 
     /// The type is a Type; the program number is that of the RPC program served here.
@@ -42,16 +45,26 @@ public:
     /// True from a Shutdown to the next Open.
     bool IsStopping() const { return m_bStop.load(); }
 
-    /// Sends what the output stream holds: the whole of it, or else a stream socket is shut down, so that no reply
-    /// ever follows a part of another. Datagrams go to the sender of the last one received. After a failure the
-    /// unsent bytes stay in the output stream.
-    virtual void Send();
+    /// Replies that are collected to be sent together come to no more than this.
+    static constexpr std::size_t kCollectedLimit = 262144;
+    /// A reply larger than this is sent from where it stands: a copy would cost more than the call that it spares.
+    static constexpr unsigned int kCollectedReplyLimit = 16384;
+
+    /// For a stream socket: moves what the output stream holds behind the replies that the next Send sends, and leaves
+    /// the stream empty. False, with nothing moved, where it is time to send: the reply is large, or there is no room.
+    virtual bool Collect();
+    /// Sends the collected replies and what the output stream holds: the whole of it, or else a stream socket is shut
+    /// down, so that no reply ever follows a part of another. Datagrams go to the sender of the last one received.
+    /// After a failure, of which false tells, the unsent bytes stay in the output stream.
+    virtual bool Send();
+    /// Sends of the collected replies as much as goes without waiting.
+    virtual void SendCollected();
 
     int GetType() const { return m_iType; }
     /// True from Open until the receive loop has ended.
     bool IsActive() const { return m_bActive.load(); }
     /// For an open stream socket: true once the peer has closed or reset the connection, even while received bytes
-    /// wait to be worked off. For the thread that opens and closes this socket.
+    /// wait to be worked off. For the thread that opens and closes this socket, and the socket's own.
     bool IsPeerGone() const;
     /// The peer as dotted text; for a datagram socket the sender of the last datagram.
     const char* GetRemoteAddress() const { return m_cRemoteAddress; }
@@ -61,14 +74,20 @@ public:
     CInputStream* GetInputStream() { return &m_InputStream; }
     COutputStream* GetOutputStream() { return &m_OutputStream; }
 
+protected:
+    bool CollectOutput();
+    std::string& GetCollected() { return m_sCollected; }
+
 private:
     enum class Received { kBytes, kNothing, kEnd };
 
     void Run();
     Received ReceiveStream();
     Received ReceiveDatagram();
-    void SendStream();
-    void SendDatagram();
+    bool SendStream();
+    bool SendDatagram();
+    ssize_t SendFrom(std::size_t nSent);
+    void Drop(std::size_t nSent);
     void SetRemoteAddr(const sockaddr_in& address);
 
     const int m_iType;
@@ -82,6 +101,7 @@ private:
     COutputStream m_OutputStream;
 
     // Of the socket's own thread while it runs.
+    std::string m_sCollected;  ///< replies that leave before what the output stream holds
     sockaddr_in m_RemoteAddr{};
     char m_cRemoteAddress[INET_ADDRSTRLEN];
     in_addr m_LocalAddr{};  ///< where the last datagram was sent to: the reply comes from there

@@ -54,7 +54,10 @@ protected:
         std::string sBytes(nBytes, '\0');
         std::size_t nReceived = 0;
         pollfd entry{m_Peer.Get(), POLLIN, 0};
-        while (nReceived<nBytes&& ::poll(&entry, 1, 20000)> 0) {
+        while (nReceived < nBytes) {
+            if (::poll(&entry, 1, 20000) <= 0) {
+                break;
+            }
             const ssize_t n = ::recv(m_Peer.Get(), sBytes.data() + nReceived, nBytes - nReceived, 0);
             if (n <= 0) {
                 break;
@@ -206,7 +209,7 @@ TEST_F(SocketTest, AVanishedPeerLeavesTheReplyInTheStreamAndKillsNothing) {
         TakeInput(pSocket);
         m_Peer.Close();
         pSocket->GetOutputStream()->Write("reply", 5);
-        pSocket->Send();
+        EXPECT_FALSE(pSocket->Send());
         iLeft = static_cast<int>(pSocket->GetOutputStream()->GetBufferSize());
     });
     CSocket socket(CSocket::kStream, 100003);
@@ -215,6 +218,109 @@ TEST_F(SocketTest, AVanishedPeerLeavesTheReplyInTheStreamAndKillsNothing) {
     EXPECT_TRUE(WaitUntil([&] { return !socket.IsActive(); }));
     EXPECT_EQ(iLeft.load(), 5);
 }
+
+// ---- Replies that leave together
+
+TEST_F(SocketTest, CollectedRepliesLeaveInTheirOrderInFrontOfTheLast) {
+    FunctionListener listener([&](CSocket* pSocket) {
+        TakeInput(pSocket);
+        COutputStream* pOutput = pSocket->GetOutputStream();
+        for (const char* pcReply : {"one ", "two "}) {
+            pOutput->Write(pcReply, 4);
+            EXPECT_TRUE(pSocket->Collect());
+            EXPECT_EQ(pOutput->GetBufferSize(), 0U);
+            EXPECT_EQ(pOutput->GetBufferIndex(), 0U);
+        }
+        pOutput->Write("three", 5);
+        EXPECT_TRUE(pSocket->Send());
+    });
+    CSocket socket(CSocket::kStream, 100003);
+    socket.Open(m_iNear, &listener, nullptr);
+    SendFromPeer("x");
+    EXPECT_EQ(ReceiveAtPeer(13), "one two three");
+}
+
+TEST_F(SocketTest, WhatIsCollectedHasALimitAndALargeReplyStaysWhereItIs) {
+    CSocket socket(CSocket::kStream, 100003);
+    socket.Open(m_iNear, nullptr, nullptr);
+    COutputStream* pOutput = socket.GetOutputStream();
+    pOutput->Write(nullptr, CSocket::kCollectedReplyLimit + 1);
+    EXPECT_FALSE(socket.Collect());
+    EXPECT_EQ(pOutput->GetBufferSize(), CSocket::kCollectedReplyLimit + 1);
+    for (std::size_t n = 0; n < CSocket::kCollectedLimit; n += CSocket::kCollectedReplyLimit) {
+        pOutput->ResetBuffer();
+        pOutput->Write(nullptr, CSocket::kCollectedReplyLimit);
+        EXPECT_TRUE(socket.Collect());
+    }
+    pOutput->Write("x", 1);
+    EXPECT_FALSE(socket.Collect());
+    EXPECT_EQ(pOutput->GetBufferSize(), 1U);
+}
+
+TEST_F(SocketTest, CollectedRepliesLeaveAloneWhereTheyAreAskedToAndNothingTwice) {
+    std::atomic<bool> bSeen{false};
+    FunctionListener listener([&](CSocket* pSocket) {
+        TakeInput(pSocket);
+        COutputStream* pOutput = pSocket->GetOutputStream();
+        pOutput->Write("early", 5);
+        pSocket->Collect();
+        pOutput->Write("la", 2);  // a reply that is being made
+        pSocket->SendCollected();
+        EXPECT_TRUE(WaitUntil([&] { return bSeen.load(); }));
+        pOutput->Write("te", 2);
+        EXPECT_TRUE(pSocket->Send());
+        EXPECT_TRUE(pSocket->Send()) << "there is nothing left to send";
+    });
+    CSocket socket(CSocket::kStream, 100003);
+    socket.Open(m_iNear, &listener, nullptr);
+    SendFromPeer("x");
+    EXPECT_EQ(ReceiveAtPeer(5), "early");
+    bSeen = true;
+    EXPECT_EQ(ReceiveAtPeer(4), "late");
+}
+
+TEST_F(SocketTest, CollectedRepliesThatDoNotFitIntoTheSocketAreDeliveredWhole) {
+    std::string sReplies;
+    for (unsigned int i = 0; i < CSocket::kCollectedLimit / 4; ++i) {
+        sReplies += std::string(reinterpret_cast<const char*>(&i), sizeof(i));
+    }
+    FunctionListener listener([&](CSocket* pSocket) {
+        TakeInput(pSocket);
+        COutputStream* pOutput = pSocket->GetOutputStream();
+        for (std::size_t n = 0; n < sReplies.size(); n += 16) {
+            pOutput->Write(sReplies.data() + n, 16);
+            EXPECT_TRUE(pSocket->Collect());
+            if (n % 65536 == 0) {
+                pSocket->SendCollected();
+            }
+        }
+        pOutput->Write(sReplies.data(), static_cast<unsigned int>(sReplies.size()));
+        EXPECT_TRUE(pSocket->Send());
+    });
+    CSocket socket(CSocket::kStream, 100003);
+    socket.Open(m_iNear, &listener, nullptr);
+    SendFromPeer("x");
+    EXPECT_TRUE(ReceiveAtPeer(2 * sReplies.size()) == sReplies + sReplies);
+}
+
+TEST_F(SocketTest, CollectedRepliesOfAnEarlierConnectionNeverReachTheNextOne) {
+    FunctionListener keep([](CSocket* pSocket) {
+        TakeInput(pSocket);
+        pSocket->GetOutputStream()->Write("stale", 5);
+        pSocket->Collect();
+    });
+    CSocket socket(CSocket::kStream, 100003);
+    socket.Open(m_iNear, &keep, nullptr);
+    SendFromPeer("x");
+    m_Peer.Close();
+    ASSERT_TRUE(WaitUntil([&] { return !socket.IsActive(); }));
+    MakePair();
+    socket.Open(m_iNear, &m_Echo, nullptr);
+    SendFromPeer("new");
+    EXPECT_EQ(ReceiveAtPeer(3), "new");
+}
+
+// ---- Peers that do not take their replies
 
 TEST_F(SocketTest, APeerThatStopsReadingLosesItsConnectionAfterFiveSeconds) {
     std::atomic<bool> bSent{false};

@@ -9,6 +9,7 @@
 #include <string_view>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "Socket.h"
 #include "SocketListener.h"
@@ -28,11 +29,16 @@ class CapturingSocket : public CSocket {
 public:
     using CSocket::CSocket;
 
-    void Send() override {
+    bool Send() override {
         COutputStream* pOutput = GetOutputStream();
-        m_sSent.append(pOutput->GetBuffer(), pOutput->GetBufferSize());
+        Keep(std::exchange(GetCollected(), "") + std::string(pOutput->GetBuffer(), pOutput->GetBufferSize()));
         pOutput->ResetBuffer();
+        return m_bTakesMore;
     }
+    bool Collect() override { return CollectOutput(); }
+    void SendCollected() override { Keep(std::exchange(GetCollected(), "")); }
+    /// From now on nothing that is sent arrives.
+    void Break() { m_bTakesMore = false; }
     /// Hands bytes to a listener as the socket's thread does: in as many steps as the buffer needs. False once the
     /// socket's thread would have ended.
     bool Receive(ISocketListener* pListener, std::string_view sBytes) {
@@ -54,9 +60,20 @@ public:
     const std::string& Sent() const { return m_sSent; }
     /// What was sent since the last call of this.
     std::string TakeSent() { return std::exchange(m_sSent, ""); }
+    /// How many bytes each sending held.
+    const std::vector<std::size_t>& Sendings() const { return m_vnSendings; }
 
 private:
+    void Keep(const std::string& sBytes) {
+        if (!sBytes.empty()) {
+            m_sSent += sBytes;
+            m_vnSendings.push_back(sBytes.size());
+        }
+    }
+
     std::string m_sSent;
+    std::vector<std::size_t> m_vnSendings;
+    bool m_bTakesMore = true;
 };
 
 /// Takes the unread bytes out of a socket's input.
