@@ -23,9 +23,7 @@ extern "C" [[noreturn]] void __assert_fail(const char* pcAssertion, const char* 
 
 namespace {
 
-/// How long a slot whose peer has closed is given to become free before the connection limit is judged.
-constexpr std::chrono::seconds kSlotGrace{1};
-/// How often it is looked at meanwhile.
+/// How often a slot whose peer has gone is looked at by a new connection that waits for it.
 constexpr std::chrono::milliseconds kSlotPoll{1};
 /// The pause after a failed accept, so that a lasting failure does not keep a processor busy.
 constexpr std::chrono::milliseconds kAcceptPause{50};
@@ -191,9 +189,8 @@ void CServerSocket::RecoverFromAcceptFailure(int iError) {
 }
 
 int CServerSocket::WaitForFreeSlot() const {
-    const auto deadline = std::chrono::steady_clock::now() + kSlotGrace;
     int i = FindFreeSlot();
-    while (i == m_nMaxNum && !m_bClosed && IsAnyPeerGone() && std::chrono::steady_clock::now() < deadline) {
+    while (i == m_nMaxNum && !m_bClosed && IsAnyPeerGone()) {
         std::this_thread::sleep_for(kSlotPoll);
         i = FindFreeSlot();
     }
