@@ -7,6 +7,7 @@
 #include <cstring>
 #include <utility>
 
+#include "BeforeAsking.h"
 #include "Callback.h"
 #include "DeferredLog.h"
 #include "FileLogger.h"
@@ -121,7 +122,7 @@ bool CLog::CanTellOf(CRuntimeParam* /*pRuntimeParam*/, const char* /*pcPath*/) {
 // whoever reads the other end. Nobody is left to be told when that fails.
 
 void CLog::LogInfo(const char* pcID, const char* pcMessage) {
-    const auto pCallback = GetCallback();
+    const auto pCallback = GetCallbackToAsk();
     if (pCallback && pCallback->LogInfo(pcID, pcMessage)) {
         return;
     }
@@ -134,7 +135,7 @@ void CLog::LogInfo(const char* pcID, const char* pcMessage) {
 }
 
 void CLog::LogError(const char* pcID, const char* pcMessage) {
-    const auto pCallback = GetCallback();
+    const auto pCallback = GetCallbackToAsk();
     if (pCallback && pCallback->LogError(pcID, pcMessage)) {
         return;
     }
@@ -147,7 +148,7 @@ void CLog::LogError(const char* pcID, const char* pcMessage) {
 }
 
 void CLog::LogRaw(const char* pcID, const char* pcMessage) {
-    const auto pCallback = GetCallback();
+    const auto pCallback = GetCallbackToAsk();
     if (pCallback && pCallback->LogRaw(pcID, pcMessage)) {
         return;
     }
@@ -164,7 +165,7 @@ void CLog::LogRaw(const char* pcID, const char* pcMessage) {
 int CLog::LogUpdateRedirectedFileAttributes(const char* pcID, const char* pcPath, bool bSize, unsigned long long iSize,
                                             bool bAccessTime, unsigned long lAccessTimeSec, bool bLastModifiedTime,
                                             unsigned long lLastModifiedTimeSec) {
-    const auto pCallback = GetCallback();
+    const auto pCallback = GetCallbackToAsk();
     return pCallback
                ? pCallback->UpdateRedirectedFileAttributes(pcID, pcPath, bSize, iSize, bAccessTime, lAccessTimeSec,
                                                            bLastModifiedTime, lLastModifiedTimeSec)
@@ -172,18 +173,18 @@ int CLog::LogUpdateRedirectedFileAttributes(const char* pcID, const char* pcPath
 }
 
 int CLog::LogRemoveRedirectedFile(const char* pcID, const char* pcPath) {
-    const auto pCallback = GetCallback();
+    const auto pCallback = GetCallbackToAsk();
     return pCallback ? pCallback->RemoveRedirectedFile(pcID, pcPath) : -1;
 }
 
 int CLog::LogRenameRedirectedFile(const char* pcID, const char* pcPathFrom, const char* pcPathTo) {
-    const auto pCallback = GetCallback();
+    const auto pCallback = GetCallbackToAsk();
     return pCallback ? pCallback->RenameRedirectedFile(pcID, pcPathFrom, pcPathTo) : -1;
 }
 
 int CLog::LogWriteRedirectedFile(const char* pcID, const char* pcPath, unsigned long long iSeek, int iSeekType,
                                  unsigned int iLen) {
-    const auto pCallback = GetCallback();
+    const auto pCallback = GetCallbackToAsk();
     return pCallback ? pCallback->WriteRedirectedFile(pcID, pcPath, iSeek, iSeekType, iLen) : -1;
 }
 
@@ -195,6 +196,15 @@ void CLog::SetCallback(std::shared_ptr<CCallback> pCallback) {
         m_pCallback.swap(pCallback);
     }
     // The replaced one is released here, outside the lock: freeing it may call into the virtual machine.
+}
+
+/// The host's, for a call that is made at once.
+std::shared_ptr<CCallback> CLog::GetCallbackToAsk() const {
+    auto pCallback = GetCallback();
+    if (pCallback) {
+        CBeforeAsking::Run();
+    }
+    return pCallback;
 }
 
 std::shared_ptr<CCallback> CLog::GetCallback() const {

@@ -90,6 +90,8 @@ public:
     CFileLogger* GetFileLogger() const { return m_pFileLogger.load(); }
 
 private:
+    std::shared_ptr<CCallback> GetCallbackToAsk() const;
+
     mutable Mutex m_hMutexCallback;
     std::shared_ptr<CCallback> m_pCallback GUARDED_BY(m_hMutexCallback);
     std::atomic<CFileLogger*> m_pFileLogger{nullptr};

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstring>
 
+#include "BeforeAsking.h"
 #include "CallGuard.h"
 #include "InputStream.h"
 #include "Log.h"
@@ -182,7 +183,7 @@ CRpcServer::~CRpcServer() = default;
 void CRpcServer::Set(int iProgId, CRpcProg* pProg) {
     const unsigned int i = static_cast<unsigned int>(iProgId) - kFirstProgramId;
     if (i < kProgramIdCount) {
-        const MutexLock lock(m_hMutex);
+        const FairMutexLock lock(m_hMutex);
         m_pProgTable[i] = pProg;
     }
 }
@@ -192,19 +193,43 @@ void CRpcServer::SetLogControl(int iLogControl) {
 }
 
 void CRpcServer::SocketReceived(CSocket* pSocket) {
-    const LogArgu logArgu{"RpcServer.SocketReceived"};
-    const LogContext log{m_pUtilities, m_pRuntimeParam.get(), &logArgu};
-    const MutexLock lock(m_hMutex);
-    while (ProcessNext(log, pSocket)) {
+    const Clock::time_point begin = Clock::now();
+    Next next = Next::kCall;
+    while (next == Next::kCall && pSocket->GetInputStream()->GetFilledBufferSize() > 0) {
+        next = ProcessSome(pSocket);
+        // Outside the mutex: whoever does not take his replies delays nobody but himself.
+        const bool bSent = pSocket->Send();
+        // A peer that only sends no more is still waited for, unless it has had to wait itself.
+        const bool bGone = next == Next::kCall && Clock::now() - begin > kHalfClosedPatience && pSocket->IsPeerGone();
+        if (next == Next::kBroken || bGone) {
+            pSocket->Shutdown();
+        }
+        if (!bSent || pSocket->IsStopping()) {
+            break;
+        }
     }
 }
 
-/// Answers the next call of the socket's input. False when there is nothing more to do before the next receive.
-bool CRpcServer::ProcessNext(const LogContext& log, CSocket* pSocket) {
-    const CInputStream* pInput = pSocket->GetInputStream();
-    if (pInput->GetFilledBufferSize() == 0) {
-        return false;
+/// Answers calls of the socket's input until it is time to send the replies.
+CRpcServer::Next CRpcServer::ProcessSome(CSocket* pSocket) {
+    const LogArgu logArgu{"RpcServer.SocketReceived"};
+    const LogContext log{m_pUtilities, m_pRuntimeParam.get(), &logArgu};
+    const FairMutexLock lock(m_hMutex);
+    const CBeforeAsking before([pSocket] { pSocket->SendCollected(); });
+    const Clock::time_point begin = Clock::now();
+    for (;;) {
+        const Next next = ProcessNext(log, pSocket);
+        const bool bMore = next == Next::kCall && pSocket->GetInputStream()->GetFilledBufferSize() > 0;
+        if (!bMore || log.IsWanted(CRuntimeParam::kLogRpc) || !pSocket->Collect() || pSocket->IsStopping() ||
+            m_hMutex.IsDue() || Clock::now() - begin >= kLongestWaitForLater) {
+            return next;
+        }
     }
+}
+
+/// Answers the next call of the socket's input; its reply stands in the output then.
+CRpcServer::Next CRpcServer::ProcessNext(const LogContext& log, CSocket* pSocket) {
+    const CInputStream* pInput = pSocket->GetInputStream();
     // A program puts the export's name and owner in their place. A call that belongs to no export has neither.
     m_pRuntimeParam->SetID(pSocket->GetRemoteAddress());
     m_pRuntimeParam->SetIpcID("");
@@ -212,7 +237,7 @@ bool CRpcServer::ProcessNext(const LogContext& log, CSocket* pSocket) {
                  pInput->GetBufferIndex());
     if (!FindNext(log, pSocket)) {
         NFS_LOG_INFO(log, kLogRpc, "[%s] Cannot find valid header!!");
-        return false;
+        return Next::kReceive;
     }
     return ProcessFound(log, pSocket);
 }
@@ -223,8 +248,8 @@ bool CRpcServer::FindNext(const LogContext& log, CSocket* pSocket) {
                               pSocket->GetInputStream(), pSocket->GetOutputStream());
 }
 
-/// Answers the call at the read position. False when there is nothing more to do before the next receive.
-bool CRpcServer::ProcessFound(const LogContext& log, CSocket* pSocket) {
+/// Answers the call at the read position.
+CRpcServer::Next CRpcServer::ProcessFound(const LogContext& log, CSocket* pSocket) {
     const bool bStream = pSocket->GetType() == CSocket::kStream;
     const int iStatus = bStream ? ProcessCurrent(pSocket) : AnswerDatagram(pSocket);
     bool bBroken = false;
@@ -234,11 +259,10 @@ bool CRpcServer::ProcessFound(const LogContext& log, CSocket* pSocket) {
         bBroken = !PassUnread(pSocket->GetInputStream());
     }
     NFS_LOG_INFO(log, kLogRpc, "[%s] Output buf size(%u)", pSocket->GetOutputStream()->GetBufferSize());
-    pSocket->Send();
     if (bBroken) {
-        pSocket->Shutdown();
+        return Next::kBroken;
     }
-    return iStatus != kProgTruncated && bStream && !bBroken;
+    return iStatus != kProgTruncated && bStream ? Next::kCall : Next::kReceive;
 }
 
 /// Decodes and executes the call at the read position. Returns its ProgramStatus.

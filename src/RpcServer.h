@@ -2,8 +2,10 @@
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <memory>
 
+#include "FairMutex.h"
 #include "RecordMark.h"
 #include "ReplyCache.h"
 #include "RpcNumbers.h"
@@ -21,8 +23,12 @@ struct LogContext;
 struct ProcessParam;
 struct RPC_HEADER;
 
-/// The one listener of all sockets. Calls of all clients are decoded, executed and answered strictly one at a time,
-/// under one mutex.
+/// The one listener of all sockets. Calls of all clients are decoded and executed strictly one at a time, under one
+/// mutex, which nobody waits for while others are served again and again.
+///
+/// Replies to calls that were received together leave together, yet none waits long for a later one: not while the host
+/// is asked, not while another client is due. They are sent without the mutex. A batch of calls ends when its socket is
+/// told to stop or its peer is gone.
 ///
 /// Records are not delimited by their marks: a call is complete when its header and the program's arguments can be
 /// read, and is tried again from its start when more bytes have come. Bytes in front of a plausible call header are
@@ -66,9 +72,23 @@ private:
         unsigned int GetRecordEnd() const { return iStart + mark.GetSize(); }  ///< for a plausible mark
     };
 
-    bool ProcessNext(const LogContext& log, CSocket* pSocket) REQUIRES(m_hMutex);
+    /// What comes after a call.
+    enum class Next {
+        kCall,     ///< the next call, if there is any input left
+        kReceive,  ///< nothing before more has been received
+        kBroken    ///< nothing at all: the connection cannot be understood any more
+    };
+    using Clock = std::chrono::steady_clock;
+
+    /// No reply waits longer for those that may leave with it.
+    static constexpr std::chrono::milliseconds kLongestWaitForLater{1};
+    /// A batch that lasts longer than this ends when the peer has closed its sending side, as one does that is gone.
+    static constexpr std::chrono::seconds kHalfClosedPatience{1};
+
+    Next ProcessSome(CSocket* pSocket);
+    Next ProcessNext(const LogContext& log, CSocket* pSocket) REQUIRES(m_hMutex);
     bool FindNext(const LogContext& log, CSocket* pSocket) REQUIRES(m_hMutex);
-    bool ProcessFound(const LogContext& log, CSocket* pSocket) REQUIRES(m_hMutex);
+    Next ProcessFound(const LogContext& log, CSocket* pSocket) REQUIRES(m_hMutex);
     int ProcessCurrent(CSocket* pSocket) REQUIRES(m_hMutex);
     int AnswerDatagram(CSocket* pSocket) REQUIRES(m_hMutex);
     CReplyCache* FindReplyCache(CSocket* pSocket) REQUIRES(m_hMutex);
@@ -79,7 +99,7 @@ private:
                  COutputStream* pOutput) REQUIRES(m_hMutex);
     CRpcProg* FindProgram(unsigned long lProgId) const REQUIRES(m_hMutex);
 
-    Mutex m_hMutex;  ///< held for the whole of each SocketReceived
+    CFairMutex m_hMutex;  ///< held while a call is executed; replies leave without it
     std::array<CRpcProg*, kProgramIdCount> m_pProgTable GUARDED_BY(m_hMutex){};
     Current m_Current GUARDED_BY(m_hMutex);
     std::array<CReplyCache, kProgramIdCount> m_Replies GUARDED_BY(m_hMutex);  ///< of the programs' UDP ports

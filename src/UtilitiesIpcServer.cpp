@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "BeforeAsking.h"
 #include "IpcChannel.h"
 #include "IpcClient.h"
 #include "Texts.h"
@@ -141,6 +142,7 @@ int CUtilitiesIpcServer::LogWriteRedirectedFile(CRuntimeParam* pRuntimeParam, co
 
 /// The one place from which a receiver is asked. Its answer, or -1.
 int CUtilitiesIpcServer::Ask(const LogContext& log, const std::string& sIpcID, CIpcClient& client) {
+    CBeforeAsking::Run();
     auto turn = m_Receivers.BeginNotification(sIpcID);
     if (!turn) {
         NFS_LOG_ERROR(log, "[%s] \"%s\" has not answered in time, and is not asked again until it does",
