@@ -26,7 +26,7 @@ public:
     int ReleaseIfLast();
 
     /// Guards the file position for a seek and the transfer that follows. Only for an open object.
-    Mutex& GetPositionMutex() const { return m_pOpened->hMutexPosition; }
+    RegistryMutex& GetPositionMutex() const { return m_pOpened->hMutexPosition; }
 
     /// Positioned writes do not move the descriptor's own position: this notes where they would have left it, for a
     /// seek from there. Only for an open object.
@@ -44,7 +44,7 @@ private:
         Opened& operator=(const Opened&) = delete;
         std::atomic<int> iFile;
         std::atomic<long long> iLeftPosition{-1};
-        Mutex hMutexPosition;
+        RegistryMutex hMutexPosition;
     };
     std::shared_ptr<Opened> m_pOpened;
 };

@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "ThreadAnnotations.h"
+
 class CRuntimeParam;
 class CLog;
 
@@ -18,7 +20,7 @@ public:
     enum Kind { kInfo, kError, kRaw };
 
     CDeferredLog();
-    ~CDeferredLog();
+    ~CDeferredLog() EXCLUDES(kRegistryLocks);
     CDeferredLog(const CDeferredLog&) = delete;
     CDeferredLog& operator=(const CDeferredLog&) = delete;
 

@@ -85,6 +85,6 @@ private:
         REQUIRES(m_hMutexOpenedFileHandles);
     void ClearCachedFiles(const LogContext& log) REQUIRES(m_hMutexOpenedFileHandles);
 
-    Mutex m_hMutexOpenedFileHandles;
+    RegistryMutex m_hMutexOpenedFileHandles;
     COpenedFiles m_OpenedFiles GUARDED_BY(m_hMutexOpenedFileHandles);
 };

@@ -7,6 +7,7 @@
 
 #include "IpcBasic.h"
 #include "IpcSocket.h"
+#include "ThreadAnnotations.h"
 
 /// One exchange, from its making to its end: fill the request, send it, read the reply. Each exchange has a client of
 /// its own, whose request and reply are all zero at first, and a connection of its own, open while it is under way.
@@ -53,11 +54,11 @@ public:
     // zero then. Reasons have kReasonBufferSize characters.
 
     /// The caller does.
-    bool SendRequest(const char* pcChannel, char* pcReason);
+    bool SendRequest(const char* pcChannel, char* pcReason) EXCLUDES(kRegistryLocks);
     /// The log does.
-    bool SendRequest(const char* pcChannel);
+    bool SendRequest(const char* pcChannel) EXCLUDES(kRegistryLocks);
     /// Both do.
-    bool SendRequestLogged(const char* pcChannel, char* pcReason);
+    bool SendRequestLogged(const char* pcChannel, char* pcReason) EXCLUDES(kRegistryLocks);
 
     // Sending without waiting, for who has several exchanges under way. Failures go to the log.
 

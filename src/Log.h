@@ -29,27 +29,29 @@ public:
         CRuntimeParam* pRuntimeParam;
     };
 
-    // The virtual slots, in this order. The base forms route by the parameter's ID.
+    // The virtual slots, in this order. The base forms route by the parameter's ID. What is told here arrives before
+    // they return, so no lock of the registries is held.
 
     /// Emits a finished line: to the host callback, else the file logger, else standard output.
-    virtual void LogInfo(CRuntimeParam* pRuntimeParam, const char* pcMessage);
-    virtual void LogError(CRuntimeParam* pRuntimeParam, const char* pcMessage);
-    virtual void LogRaw(CRuntimeParam* pRuntimeParam, const char* pcMessage);
+    virtual void LogInfo(CRuntimeParam* pRuntimeParam, const char* pcMessage) EXCLUDES(kRegistryLocks);
+    virtual void LogError(CRuntimeParam* pRuntimeParam, const char* pcMessage) EXCLUDES(kRegistryLocks);
+    virtual void LogRaw(CRuntimeParam* pRuntimeParam, const char* pcMessage) EXCLUDES(kRegistryLocks);
 
     /// Tells the host that a client sets size or times (whole seconds since 1970) of a redirected file.
     /// The host's answer; 0 grants. -1 without a host.
     virtual int LogUpdateRedirectedFileAttributes(CRuntimeParam* pRuntimeParam, const char* pcPath, bool bSize,
                                                   unsigned long long iSize, bool bAccessTime,
                                                   unsigned long lAccessTimeSec, bool bLastModifiedTime,
-                                                  unsigned long lLastModifiedTimeSec);
+                                                  unsigned long lLastModifiedTimeSec) EXCLUDES(kRegistryLocks);
     /// Tells the host that a client removed a redirected file. 0 grants; -1 without a host.
-    virtual int LogRemoveRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath);
+    virtual int LogRemoveRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath) EXCLUDES(kRegistryLocks);
     /// Tells the host that a client renamed a redirected file. 0 grants; -1 without a host.
-    virtual int LogRenameRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPathFrom, const char* pcPathTo);
+    virtual int LogRenameRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPathFrom, const char* pcPathTo)
+        EXCLUDES(kRegistryLocks);
     /// Tells the host that a client wrote to a redirected file; the data is not kept. The answer is the byte count
     /// that the client is told; -1 without a host.
     virtual int LogWriteRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath, unsigned long long iSeek,
-                                       int iSeekType, unsigned int iLen);
+                                       int iSeekType, unsigned int iLen) EXCLUDES(kRegistryLocks);
 
     /// Would a notification about a path reach its receiver whole? Asked before something that the receiver must be
     /// told of is done to the disk. The base form has no limit. Stands behind the slots above.
@@ -68,17 +70,18 @@ public:
         __attribute__((format(printf, 3, 0)));
 
     /// The final router, by ID.
-    void LogInfo(const char* pcID, const char* pcMessage);
-    void LogError(const char* pcID, const char* pcMessage);
-    void LogRaw(const char* pcID, const char* pcMessage);
+    void LogInfo(const char* pcID, const char* pcMessage) EXCLUDES(kRegistryLocks);
+    void LogError(const char* pcID, const char* pcMessage) EXCLUDES(kRegistryLocks);
+    void LogRaw(const char* pcID, const char* pcMessage) EXCLUDES(kRegistryLocks);
 
     int LogUpdateRedirectedFileAttributes(const char* pcID, const char* pcPath, bool bSize, unsigned long long iSize,
                                           bool bAccessTime, unsigned long lAccessTimeSec, bool bLastModifiedTime,
-                                          unsigned long lLastModifiedTimeSec);
-    int LogRemoveRedirectedFile(const char* pcID, const char* pcPath);
-    int LogRenameRedirectedFile(const char* pcID, const char* pcPathFrom, const char* pcPathTo);
+                                          unsigned long lLastModifiedTimeSec) EXCLUDES(kRegistryLocks);
+    int LogRemoveRedirectedFile(const char* pcID, const char* pcPath) EXCLUDES(kRegistryLocks);
+    int LogRenameRedirectedFile(const char* pcID, const char* pcPathFrom, const char* pcPathTo)
+        EXCLUDES(kRegistryLocks);
     int LogWriteRedirectedFile(const char* pcID, const char* pcPath, unsigned long long iSeek, int iSeekType,
-                               unsigned int iLen);
+                               unsigned int iLen) EXCLUDES(kRegistryLocks);
 
     /// The host callback is shared with the calls in flight: replacing it while another thread is in a call into the
     /// host is safe, and the replaced one lives until that call ends.

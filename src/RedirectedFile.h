@@ -172,7 +172,8 @@ private:
     std::int64_t m_iInfoFileSegmentSize = 32 * kMiB;       ///< records are cut at multiples of this
     std::int64_t m_iInfoFileCheckPointSize = 1024 * kMiB;  ///< distance of check points in virtual bytes
 
-    /// One adding of a segment at a time, so that its records stand together; held while the info file is written.
+    /// One adding of a segment at a time, so that its records stand together; held while the info file is written. No
+    /// RegistryMutex: the lines about a segment of very many records go out under it.
     Mutex m_hMutexAppend;
     std::int64_t m_iInfoFilePos GUARDED_BY(m_hMutexAppend) = 0;  ///< where the last adding left the info file
     int m_nFailedWrites GUARDED_BY(m_hMutexAppend) = 0;          ///< in a row
@@ -184,7 +185,7 @@ private:
     std::atomic<bool> m_bClosed{false};
 
     /// Guards the map; held for a lookup, never for I/O.
-    mutable Mutex m_hMutex;
+    mutable RegistryMutex m_hMutex;
     CSourceList m_vSource GUARDED_BY(m_hMutex);
     CSegmentList m_vAllCachedSegment GUARDED_BY(m_hMutex);                        ///< what is not in an info file
     std::shared_ptr<const std::string> m_psRenamedInfoFile GUARDED_BY(m_hMutex);  ///< null: under its own path

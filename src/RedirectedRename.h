@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "RuntimeParam.h"
+#include "ThreadAnnotations.h"
 
 class CUtilities;
 
@@ -25,12 +26,12 @@ public:
 
     void Move(const char* pcPathFrom, const char* pcPathTo);
     /// True if everybody agreed.
-    bool Ask();
-    void AskRest();
+    bool Ask() EXCLUDES(kRegistryLocks);
+    void AskRest() EXCLUDES(kRegistryLocks);
 
     /// Have the old paths stayed free? A host that is asked may open one anew.
     bool CanMoveBack() const;
-    void MoveBack();
+    void MoveBack() EXCLUDES(kRegistryLocks);
 
 private:
     struct Renamed {

@@ -36,10 +36,19 @@ private:
     std::mutex m_Mutex;
 };
 
-/// Holds a Mutex from construction to the end of the scope.
+/// What a thread has while it holds any RegistryMutex. EXCLUDES(kRegistryLocks) thus forbids what must not happen under
+/// one of them, whichever it is.
+class CAPABILITY("role") LockRole {};
+inline constexpr LockRole kRegistryLocks;
+
+/// A mutex under which no line goes out, and nobody is asked or told: whoever receives it may hang, or ask back.
+class CAPABILITY("mutex") RegistryMutex : public Mutex {};
+
+/// Holds a mutex from construction to the end of the scope.
 class SCOPED_CAPABILITY MutexLock {
 public:
     explicit MutexLock(Mutex& mutex) ACQUIRE(mutex) : m_Mutex(mutex) { m_Mutex.lock(); }
+    explicit MutexLock(RegistryMutex& mutex) ACQUIRE(mutex, kRegistryLocks) : m_Mutex(mutex) { m_Mutex.lock(); }
     ~MutexLock() RELEASE() { m_Mutex.unlock(); }
     MutexLock(const MutexLock&) = delete;
     MutexLock& operator=(const MutexLock&) = delete;

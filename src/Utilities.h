@@ -325,30 +325,30 @@ private:
     // with another one; under the datastores' the clean-up tool has a lock of its own.
 
     /// Redirected files by the path that clients see.
-    Mutex m_hMutexRedirectedFiles;
+    RegistryMutex m_hMutexRedirectedFiles;
     std::map<std::string, RedirectedEntry, std::less<>> m_mRedirectedFiles GUARDED_BY(m_hMutexRedirectedFiles);
 
     /// Each write to an ordinary file is flushed before it is answered.
     std::atomic<bool> m_bSyncWrites{false};
 
     /// Exports by name.
-    Mutex m_hMutexMountInfos;
+    RegistryMutex m_hMutexMountInfos;
     std::map<std::string, MountInfo, std::less<>> m_MountInfos GUARDED_BY(m_hMutexMountInfos);
 
     /// Paths and their file IDs.
-    Mutex m_hMutexFileTable;
+    RegistryMutex m_hMutexFileTable;
     std::unique_ptr<CFileTable> m_pFileTable GUARDED_BY(m_hMutexFileTable);
 
     /// Sessions by ID.
-    Mutex m_hMutexSessionInfos;
+    RegistryMutex m_hMutexSessionInfos;
     std::map<std::string, SessionInfo, std::less<>> m_SessionInfos GUARDED_BY(m_hMutexSessionInfos);
 
     /// Datastores by MOID; held while the clean-up tool runs.
-    Mutex m_hMutexVSphereInfos;
+    RegistryMutex m_hMutexVSphereInfos;
     std::map<std::string, VSphereInfo, std::less<>> m_VSphereInfos GUARDED_BY(m_hMutexVSphereInfos);
     std::unique_ptr<CVSphereWebController> m_pVSphereWebController GUARDED_BY(m_hMutexVSphereInfos);
 
     /// Device paths whose credentials were added; held while the credential command runs.
-    Mutex m_hMutexNetDeviceCredential;
+    RegistryMutex m_hMutexNetDeviceCredential;
     std::vector<std::string> m_NetDeviceCredential GUARDED_BY(m_hMutexNetDeviceCredential);
 };

@@ -35,18 +35,20 @@ public:
     using CUtilities::LogUpdateRedirectedFileAttributes;
     using CUtilities::LogWriteRedirectedFile;
 
-    void LogInfo(CRuntimeParam* pRuntimeParam, const char* pcMessage) override;
-    void LogError(CRuntimeParam* pRuntimeParam, const char* pcMessage) override;
-    void LogRaw(CRuntimeParam* pRuntimeParam, const char* pcMessage) override;
+    void LogInfo(CRuntimeParam* pRuntimeParam, const char* pcMessage) EXCLUDES(kRegistryLocks) override;
+    void LogError(CRuntimeParam* pRuntimeParam, const char* pcMessage) EXCLUDES(kRegistryLocks) override;
+    void LogRaw(CRuntimeParam* pRuntimeParam, const char* pcMessage) EXCLUDES(kRegistryLocks) override;
     /// The answer of the remote party; -1 when it cannot be reached, does not answer, or a text does not fit its
     /// record: it is never told of another path.
     int LogUpdateRedirectedFileAttributes(CRuntimeParam* pRuntimeParam, const char* pcPath, bool bSize,
                                           unsigned long long iSize, bool bAccessTime, unsigned long lAccessTimeSec,
-                                          bool bLastModifiedTime, unsigned long lLastModifiedTimeSec) override;
-    int LogRemoveRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath) override;
-    int LogRenameRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPathFrom, const char* pcPathTo) override;
+                                          bool bLastModifiedTime, unsigned long lLastModifiedTimeSec)
+        EXCLUDES(kRegistryLocks) override;
+    int LogRemoveRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath) EXCLUDES(kRegistryLocks) override;
+    int LogRenameRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPathFrom, const char* pcPathTo)
+        EXCLUDES(kRegistryLocks) override;
     int LogWriteRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath, unsigned long long iSeek,
-                               int iSeekType, unsigned int iLen) override;
+                               int iSeekType, unsigned int iLen) EXCLUDES(kRegistryLocks) override;
 
     /// False for a path, or an ID of the parameter, that a remote party's record has no room for.
     bool CanTellOf(CRuntimeParam* pRuntimeParam, const char* pcPath) override;

@@ -86,7 +86,7 @@ std::string Scope(const Enclosing& classes, std::ptrdiff_t iIndentation) {
 /// The mutexes that are members of a class: "Class::member".
 std::set<std::string> MutexMembers(const Sources& sources) {
     static const std::regex s_Class(R"(^( *)(?:class|struct) (?:[A-Z_]+(?:\([^)]*\))? )?(\w+)[^;]*\{)");
-    static const std::regex s_Mutex(R"(^( +)(?:mutable )?(?:Mutex|CFairMutex|std::\w*mutex) (\w+)(?: [A-Z_]+\(.*\))?;)");
+    static const std::regex s_Mutex(R"(^( +)(?:mutable )?(?:\w*Mutex|std::\w*mutex) (\w+)(?: [A-Z_]+\(.*\))?;)");
     std::set<std::string> members;
     for (const auto& [sFile, sText] : sources) {
         Enclosing classes;
