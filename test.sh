@@ -50,7 +50,7 @@ configure() {
     shift
     local generator=()
     [ -e "$folder/CMakeCache.txt" ] || generator=(-G Ninja)
-    cmake -S . -B "$folder" "${generator[@]}" -DNFSLIB_TESTS=ON "$@" >"$folder.log" 2>&1 || {
+    cmake -S . -B "$folder" "${generator[@]}" -DNFSLIB_TESTS=ON -DNFSLIB_WERROR=ON "$@" >"$folder.log" 2>&1 || {
         cat "$folder.log" >&2
         return 1
     }
