@@ -115,9 +115,9 @@ void Upload::Run(std::uint64_t iOffset) {
     NfsConnection& connection = m_Remote.Connection();
     while (!m_bEnd || !m_Pieces.empty()) {
         const bool bRoom = !m_bEnd && m_Pieces.size() < kWritesUnderWay;
-        if (bRoom && m_Source.IsReady()) {
-            Send();
-        } else if (connection.Serve(bRoom ? Awaited{m_Source.File().Get(), POLLIN} : Awaited{})) {
+        // Only a source that is not ready yet is waited for, together with the replies.
+        if ((bRoom && m_Source.IsReady()) ||
+            connection.Serve(bRoom ? Awaited{m_Source.File().Get(), POLLIN} : Awaited{})) {
             Send();
         }
         Settle();
