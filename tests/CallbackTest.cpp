@@ -64,18 +64,18 @@ protected:
 TEST_F(CallbackTest, OnlyTheDestructorIsVirtual) {
     static_assert(std::has_virtual_destructor_v<CCallback>);
     // A pointer to a virtual member function holds an odd number (Itanium C++ ABI, 2.3).
-    const auto IsVirtual = [](auto pOperation) {
+    const auto isVirtual = [](auto pOperation) {
         return std::bit_cast<std::array<std::ptrdiff_t, 2>>(pOperation)[0] % 2 != 0;
     };
-    EXPECT_FALSE(IsVirtual(&CCallback::LogInfo));
-    EXPECT_FALSE(IsVirtual(&CCallback::LogError));
-    EXPECT_FALSE(IsVirtual(&CCallback::LogRaw));
-    EXPECT_FALSE(IsVirtual(&CCallback::UpdateRedirectedFileAttributes));
-    EXPECT_FALSE(IsVirtual(&CCallback::RemoveRedirectedFile));
-    EXPECT_FALSE(IsVirtual(&CCallback::RenameRedirectedFile));
-    EXPECT_FALSE(IsVirtual(&CCallback::WriteRedirectedFile));
-    EXPECT_FALSE(IsVirtual(&CCallback::IsInterrupted));
-    EXPECT_FALSE(IsVirtual(&CCallback::ThrowIOException));
+    EXPECT_FALSE(isVirtual(&CCallback::LogInfo));
+    EXPECT_FALSE(isVirtual(&CCallback::LogError));
+    EXPECT_FALSE(isVirtual(&CCallback::LogRaw));
+    EXPECT_FALSE(isVirtual(&CCallback::UpdateRedirectedFileAttributes));
+    EXPECT_FALSE(isVirtual(&CCallback::RemoveRedirectedFile));
+    EXPECT_FALSE(isVirtual(&CCallback::RenameRedirectedFile));
+    EXPECT_FALSE(isVirtual(&CCallback::WriteRedirectedFile));
+    EXPECT_FALSE(isVirtual(&CCallback::IsInterrupted));
+    EXPECT_FALSE(isVirtual(&CCallback::ThrowIOException));
 }
 
 TEST_F(CallbackTest, LogLinesArriveWithIDAndMessage) {

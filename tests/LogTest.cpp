@@ -191,7 +191,7 @@ TEST_F(LogTest, FileLoggerTakesLinesBeforeStandardOutput) {
 TEST_F(LogTest, EachKindOfLineHasItsOwnHostMethod) {
     FakeJvm jvm;
     std::vector<std::u16string> vTexts;
-    const auto Take = [&vTexts](const std::u16string& sMethod) {
+    const auto take = [&vTexts](const std::u16string& sMethod) {
         return [&vTexts, sMethod](const std::vector<HostArgument>& vArguments) {
             vTexts.push_back(sMethod + u" " + vArguments[0].sText + u": " + vArguments[1].sText);
             return HostAnswer{};
@@ -199,7 +199,7 @@ TEST_F(LogTest, EachKindOfLineHasItsOwnHostMethod) {
     };
     JNIEnv* pEnv = jvm.EnterJava();
     m_Utilities.SetCallback(std::make_shared<CCallback>(
-        pEnv, jvm.NewHost({{kLogInfo, Take(u"info")}, {kLogError, Take(u"error")}, {kLogRaw, Take(u"raw")}})));
+        pEnv, jvm.NewHost({{kLogInfo, take(u"info")}, {kLogError, take(u"error")}, {kLogRaw, take(u"raw")}})));
     jvm.LeaveJava();
     OutputPipe pipe;
     m_Utilities.LogInfo(&m_Param, "%s", "one");
@@ -255,7 +255,7 @@ TEST_F(LogTest, NotificationsWithoutAHostAnswerMinusOne) {
 TEST_F(LogTest, NotificationsTakeTheirArgumentsToTheHostAndReturnItsAnswer) {
     FakeJvm jvm;
     std::vector<HostArgument> vSeen;
-    const auto Answer = [&vSeen](int iAnswer) {
+    const auto answer = [&vSeen](int iAnswer) {
         return [&vSeen, iAnswer](const std::vector<HostArgument>& vArguments) {
             vSeen = vArguments;
             return HostAnswer{iAnswer};
@@ -264,7 +264,7 @@ TEST_F(LogTest, NotificationsTakeTheirArgumentsToTheHostAndReturnItsAnswer) {
     JNIEnv* pEnv = jvm.EnterJava();
     m_Utilities.SetCallback(std::make_shared<CCallback>(
         pEnv, jvm.NewHost(
-                  {{kRemove, Answer(42)}, {kRename, Answer(43)}, {kWrite, Answer(44)}, {kSetAttributes, Answer(45)}})));
+                  {{kRemove, answer(42)}, {kRename, answer(43)}, {kWrite, answer(44)}, {kSetAttributes, answer(45)}})));
     jvm.LeaveJava();
 
     EXPECT_EQ(m_Utilities.LogRemoveRedirectedFile(&m_Param, "/f"), 42);

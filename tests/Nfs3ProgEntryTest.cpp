@@ -375,7 +375,7 @@ TEST_F(Nfs3ProgClientTest, LinkIntoTheExportOfAnotherClientLeadsNowhere) {
 TEST_F(Nfs3ProgClientTest, ListingShowsNothingOfTheExportOfAnotherClient) {
     ::unlink(Path("file").c_str());
     Link(m_Other / "file", "link");
-    const auto ShowsTarget = [this] {
+    const auto showsTarget = [this] {
         XdrReader reader(Call(kNfsReaddirplus, XdrBuilder().Opaque(Handle()).U64(0).U64(0).U32(100).U32(100)));
         EXPECT_EQ(reader.U32(), 0U);
         ReadPostOpAttr(reader);
@@ -388,9 +388,9 @@ TEST_F(Nfs3ProgClientTest, ListingShowsNothingOfTheExportOfAnotherClient) {
         EXPECT_EQ(ReadPostOpHandle(reader).has_value(), bAttributes);
         return bAttributes;
     };
-    EXPECT_FALSE(ShowsTarget());
+    EXPECT_FALSE(showsTarget());
     Mount("other", nullptr);
-    EXPECT_TRUE(ShowsTarget());
+    EXPECT_TRUE(showsTarget());
 }
 
 TEST_F(Nfs3ProgClientTest, HandleWhoseFolderBecameALinkIntoTheExportOfAnotherClientIsRefused) {

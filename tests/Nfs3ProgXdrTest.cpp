@@ -160,7 +160,7 @@ TEST(Nfs3ProgXdrTest, TextEndsAtItsFirstZeroByte) {
 }
 
 TEST(Nfs3ProgXdrTest, TextThatIsNotTakenAsSentIsTold) {
-    const auto Read = [](const std::string& sText) {
+    const auto read = [](const std::string& sText) {
         const std::string sBytes = XdrBuilder().Opaque(sText).Bytes();
         CInputStream input;
         std::memcpy(input.GetFreeBuffer(), sBytes.data(), sBytes.size());
@@ -168,12 +168,12 @@ TEST(Nfs3ProgXdrTest, TextThatIsNotTakenAsSentIsTold) {
         COpaquePath path;
         return CNfs3Prog::Read(&input, &path, false);
     };
-    EXPECT_TRUE(Read(""));
-    EXPECT_TRUE(Read("name"));
-    EXPECT_TRUE(Read(std::string(4095, 'x')));
-    EXPECT_FALSE(Read(std::string(4096, 'x')));
-    EXPECT_FALSE(Read(std::string("\0", 1)));
-    EXPECT_FALSE(Read(std::string("name\0", 5)));
+    EXPECT_TRUE(read(""));
+    EXPECT_TRUE(read("name"));
+    EXPECT_TRUE(read(std::string(4095, 'x')));
+    EXPECT_FALSE(read(std::string(4096, 'x')));
+    EXPECT_FALSE(read(std::string("\0", 1)));
+    EXPECT_FALSE(read(std::string("name\0", 5)));
 }
 
 TEST(Nfs3ProgXdrTest, SetAttributesReadsOnlyWhatIsSet) {

@@ -259,19 +259,19 @@ TEST_F(NfsIpcClientMainTest, ATextThatDoesNotFitGivesTheFailureValueAndTheReason
     m_Client.GetRuntimeParam()->SetLogControl(0);
     const std::string sLong(5000, 'x');
     const char* pcLong = sLong.c_str();
-    const auto ExpectReason = [this](const std::string& sName, std::size_t iLimit) {
+    const auto expectReason = [this](const std::string& sName, std::size_t iLimit) {
         EXPECT_EQ(std::string(m_vcReason),
                   sName + " is too long for the remote control (5000 bytes, at most " + std::to_string(iLimit) + ")");
         m_vcReason[0] = '\0';
     };
     EXPECT_FALSE(m_Client.AddMountPoint(pcLong, pcLong, m_vcReason));
-    ExpectReason("Local mount path", 1023);  // the first of them
+    expectReason("Local mount path", 1023);  // the first of them
     EXPECT_FALSE(m_Client.AddMountPoint("/f", pcLong, "x", m_vcReason));
-    ExpectReason("Export name", 255);
+    expectReason("Export name", 255);
     EXPECT_FALSE(m_Client.AddRedirectedFileSegment("/f", pcLong, 0, 0, 1, m_vcReason));
-    ExpectReason("Source path", 1023);
+    expectReason("Source path", 1023);
     EXPECT_FALSE(m_Client.RunQuickTestMode(pcLong, 0, m_vcReason));
-    ExpectReason("Path", 1023);
+    expectReason("Path", 1023);
     EXPECT_FALSE(m_Client.AddMountPoint(pcLong, "n", nullptr)) << "no room for a reason";
     EXPECT_FALSE(m_Client.IsSessionExists(pcLong));
     EXPECT_FALSE(m_Client.AddNetDeviceCredential("/p", "u", pcLong));
@@ -287,20 +287,20 @@ TEST_F(NfsIpcClientMainTest, AnIDThatDoesNotFitIsNoOtherPartysID) {
     m_Other.SetID(std::string(255, 'i').c_str());
     EXPECT_EQ(m_Client.GetMountInfo(&m_Other, false, true), 6);
     m_Other.SetID(std::string(256, 'i').c_str());
-    const auto ExpectRefused = [this](const std::function<void()>& action) {
+    const auto expectRefused = [this](const std::function<void()>& action) {
         m_Log.Clear();
         ExpectNoRequest(action);
         EXPECT_EQ(m_Log.Texts('e'), Lines{"[IpcClient.SendRequest] " + TooLong("IPC ID", 255)});
     };
-    ExpectRefused([&] { EXPECT_EQ(m_Client.GetMountInfo(&m_Other, false, true), 0); });
-    ExpectRefused([&] { EXPECT_EQ(m_Client.GetSessionInfo(&m_Other, true), 0); });
-    ExpectRefused([&] { EXPECT_EQ(m_Client.GetVSphereInfo(&m_Other, true), 0); });
-    ExpectRefused([&] { EXPECT_EQ(m_Client.GetNetDeviceCredential(&m_Other, true), 0); });
-    ExpectRefused([&] { m_Client.RunTestMode(&m_Other, "/d", 1); });
-    ExpectRefused([&] { EXPECT_FALSE(m_Client.RunQuickTestMode(&m_Other, "/d", 0, m_vcReason)); });
-    ExpectRefused([&] { EXPECT_EQ(m_Client.ExecuteSystemCmd(&m_Other, "ls", true), -1); });
+    expectRefused([&] { EXPECT_EQ(m_Client.GetMountInfo(&m_Other, false, true), 0); });
+    expectRefused([&] { EXPECT_EQ(m_Client.GetSessionInfo(&m_Other, true), 0); });
+    expectRefused([&] { EXPECT_EQ(m_Client.GetVSphereInfo(&m_Other, true), 0); });
+    expectRefused([&] { EXPECT_EQ(m_Client.GetNetDeviceCredential(&m_Other, true), 0); });
+    expectRefused([&] { m_Client.RunTestMode(&m_Other, "/d", 1); });
+    expectRefused([&] { EXPECT_FALSE(m_Client.RunQuickTestMode(&m_Other, "/d", 0, m_vcReason)); });
+    expectRefused([&] { EXPECT_EQ(m_Client.ExecuteSystemCmd(&m_Other, "ls", true), -1); });
     m_Client.GetRuntimeParam()->SetID(std::string(256, 'i').c_str());
-    ExpectRefused([&] { EXPECT_FALSE(m_Client.AddMountPoint("/f", "n", m_vcReason)); });
+    expectRefused([&] { EXPECT_FALSE(m_Client.AddMountPoint("/f", "n", m_vcReason)); });
 }
 
 // ---- Replies as results

@@ -16,12 +16,12 @@ TEST(SocketStream, TheBufferHoldsOneMebibyte) {
 
 TEST(SocketStream, ReverseByteOrderReadsABigEndianWordAtAnyAddress) {
     const unsigned char cBytes[] = {0xFF, 0x00, 0x01, 0x86, 0xA3, 0xFF, 0x80};
-    const auto Word = [&](int i) {
+    const auto word = [&](int i) {
         return CSocketStream::ReverseByteOrder(reinterpret_cast<const unsigned int*>(cBytes + i));
     };
-    EXPECT_EQ(Word(1), 100003U);
-    EXPECT_EQ(Word(0), 0xFF000186U);
-    EXPECT_EQ(Word(3), 0x86A3FF80U);
+    EXPECT_EQ(word(1), 100003U);
+    EXPECT_EQ(word(0), 0xFF000186U);
+    EXPECT_EQ(word(3), 0x86A3FF80U);
 }
 
 TEST(SocketStream, AFreshBufferIsZero) {

@@ -212,20 +212,20 @@ TEST_F(UtilitiesIpcServerTest, PathsThatDoNotFitAreNotToldAndCountAsMinusOne) {
     m_Param.SetLogControl(CRuntimeParam::kLogError);
     const std::string sLong = "/" + std::string(1023, 'p');
     const char* pcLong = sLong.c_str();
-    const auto Line = [](const std::string& sName) {
+    const auto line = [](const std::string& sName) {
         return "[erro] (exp) [UtilitiesIpcServer.SendNotification] " + sName +
                " is too long for the remote control (1024 bytes, at most 1023)\n";
     };
-    const auto ExpectRefused = [&](const std::string& sName, const auto& notify) {
-        EXPECT_EQ(Printed([&] { EXPECT_EQ(notify(), -1); }), Line(sName));
+    const auto expectRefused = [&](const std::string& sName, const auto& notify) {
+        EXPECT_EQ(Printed([&] { EXPECT_EQ(notify(), -1); }), line(sName));
     };
-    ExpectRefused("Path", [&] {
+    expectRefused("Path", [&] {
         return m_Utilities.LogUpdateRedirectedFileAttributes(&m_Param, pcLong, true, 1, false, 0, false, 0);
     });
-    ExpectRefused("Path", [&] { return m_Utilities.LogRemoveRedirectedFile(&m_Param, pcLong); });
-    ExpectRefused("Old path", [&] { return m_Utilities.LogRenameRedirectedFile(&m_Param, pcLong, "/f"); });
-    ExpectRefused("New path", [&] { return m_Utilities.LogRenameRedirectedFile(&m_Param, "/f", pcLong); });
-    ExpectRefused("Path", [&] { return m_Utilities.LogWriteRedirectedFile(&m_Param, pcLong, 0, 0, 1); });
+    expectRefused("Path", [&] { return m_Utilities.LogRemoveRedirectedFile(&m_Param, pcLong); });
+    expectRefused("Old path", [&] { return m_Utilities.LogRenameRedirectedFile(&m_Param, pcLong, "/f"); });
+    expectRefused("New path", [&] { return m_Utilities.LogRenameRedirectedFile(&m_Param, "/f", pcLong); });
+    expectRefused("Path", [&] { return m_Utilities.LogWriteRedirectedFile(&m_Param, pcLong, 0, 0, 1); });
     EXPECT_FALSE(m_Utilities.CanTellOf(&m_Param, pcLong));
     m_Param.SetID(std::string(256, 'i').c_str());
     m_Param.SetLogControl(0);

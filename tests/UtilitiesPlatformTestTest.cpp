@@ -154,24 +154,24 @@ TEST_F(PlatformTest, FiguresAreThoseOfTheTarget) {
     ASSERT_EQ(::mount("none", sSmall.c_str(), "tmpfs", 0, "size=1m,nr_inodes=100"), 0);
     WriteWholeFile(sSmall + "/filler", std::string(400000, 'x'));
     const char* pcPath = sSmall.c_str();
-    const auto Size = [](const char* pcTitle, unsigned long long iBytes) {
+    const auto size = [](const char* pcTitle, unsigned long long iBytes) {
         char vcSize[32];
         CUtilities::GetPrintableFileSize(iBytes, vcSize);
         return std::string(pcTitle) + ": " + vcSize;
     };
-    const auto Slots = [](const char* pcTitle, unsigned long long nSlots) {
+    const auto slots = [](const char* pcTitle, unsigned long long nSlots) {
         std::ostringstream text;
         text << pcTitle << ": " << nSlots << "(" << std::hex << std::uppercase << nSlots << ")";
         return text.str();
     };
     const Lines vsExpected{
-        Size("Maximum File Size                       ", CUtilities::GetMaxFileSize(pcPath)),
-        Size("Total Disk Space                        ", CUtilities::GetTotalDiskSpace(pcPath)),
-        Size("Free Disk Space                         ", CUtilities::GetFreeDiskSpace(pcPath)),
-        Size("Free Disk Space To Caller               ", CUtilities::GetFreeDiskSpaceAvailableToCaller(pcPath)),
-        Slots("Total File Slots                        ", CUtilities::GetTotalFileSlots(pcPath)),
-        Slots("Free File Slots                         ", CUtilities::GetFreeFileSlots(pcPath)),
-        Slots("Free File Slots To Caller               ", CUtilities::GetFreeFileSlotsAvailableToCaller(pcPath))};
+        size("Maximum File Size                       ", CUtilities::GetMaxFileSize(pcPath)),
+        size("Total Disk Space                        ", CUtilities::GetTotalDiskSpace(pcPath)),
+        size("Free Disk Space                         ", CUtilities::GetFreeDiskSpace(pcPath)),
+        size("Free Disk Space To Caller               ", CUtilities::GetFreeDiskSpaceAvailableToCaller(pcPath)),
+        slots("Total File Slots                        ", CUtilities::GetTotalFileSlots(pcPath)),
+        slots("Free File Slots                         ", CUtilities::GetFreeFileSlots(pcPath)),
+        slots("Free File Slots To Caller               ", CUtilities::GetFreeFileSlotsAvailableToCaller(pcPath))};
     const unsigned long long iBefore = CUtilities::GetCurrentSystemTimeInMilliseconds();
     const Lines vsLines = Run(sSmall, 10);
     const unsigned long long iAfter = CUtilities::GetCurrentSystemTimeInMilliseconds();
@@ -300,14 +300,14 @@ TEST_F(PlatformTest, FailedCallsAreLoggedBeforeTheirStepsWithTheErrorBit) {
         ++iFirst;
     }
     ASSERT_LT(iFirst + 6, vLines.size());
-    const auto At = [&](std::size_t i) { return vLines[iFirst + i].sText; };
-    EXPECT_EQ(At(0),
+    const auto at = [&](std::size_t i) { return vLines[iFirst + i].sText; };
+    EXPECT_EQ(at(0),
               "[Utilities.RunTestMode] OS create folder \"" + sFolder + "\" (mode = 493). Error=Not a directory (20)");
-    EXPECT_EQ(At(1), "[FAIL] Create directory \"" + sFolder + "\". Error=Not a directory (20)");
-    EXPECT_EQ(At(2), "[Utilities.RunTestMode] OS create file \"" + sFolder + "/test.bak\". Error=Not a directory (20)");
-    EXPECT_EQ(At(3), "[FAIL] Create file \"" + sFolder + "/test.bak\". Error=Not a directory (20)");
-    EXPECT_EQ(At(4), "[Utilities.RunTestMode] OS close file \"" + sFolder + "/test.bak\". Error=Bad file descriptor");
-    EXPECT_EQ(At(5), "[FAIL] Close file \"" + sFolder + "/test.bak\". Error=Bad file descriptor");
+    EXPECT_EQ(at(1), "[FAIL] Create directory \"" + sFolder + "\". Error=Not a directory (20)");
+    EXPECT_EQ(at(2), "[Utilities.RunTestMode] OS create file \"" + sFolder + "/test.bak\". Error=Not a directory (20)");
+    EXPECT_EQ(at(3), "[FAIL] Create file \"" + sFolder + "/test.bak\". Error=Not a directory (20)");
+    EXPECT_EQ(at(4), "[Utilities.RunTestMode] OS close file \"" + sFolder + "/test.bak\". Error=Bad file descriptor");
+    EXPECT_EQ(at(5), "[FAIL] Close file \"" + sFolder + "/test.bak\". Error=Bad file descriptor");
     EXPECT_EQ(vLines.back().sText, "================================ END TEST ================================");
     EXPECT_EQ(vLines[vLines.size() - 2].cKind, 'i') << "the clean-up is silent";
 }

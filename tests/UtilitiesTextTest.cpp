@@ -74,16 +74,16 @@ TEST_F(UtilitiesTextTest, CanonicalPathNeverOverrunsItsBuffer) {
 }
 
 TEST_F(UtilitiesTextTest, CanonicalTextIsThePathAsGivenWhereItDoesNotFit) {
-    const auto Get = [this](const char* pcPath) {
+    const auto get = [this](const char* pcPath) {
         return m_Utilities.GetCanonicalText({&m_Utilities, &m_Param, &m_Tag}, pcPath);
     };
-    EXPECT_EQ(Get((m_Folder.Path() + "/.").c_str()), m_Folder.Path());
+    EXPECT_EQ(get((m_Folder.Path() + "/.").c_str()), m_Folder.Path());
     for (const std::size_t nLength : {kPathBufferSize - 1, kPathBufferSize, std::size_t{9000}}) {
         const std::string sLong = "/" + std::string(nLength - 1, 'x');
-        EXPECT_EQ(Get(sLong.c_str()), sLong);
+        EXPECT_EQ(get(sLong.c_str()), sLong);
     }
-    EXPECT_EQ(Get(""), "");
-    EXPECT_EQ(Get(nullptr), "");
+    EXPECT_EQ(get(""), "");
+    EXPECT_EQ(get(nullptr), "");
 }
 
 TEST_F(UtilitiesTextTest, PathToCompareEndsInOneSlashUnlessEmpty) {

@@ -163,13 +163,13 @@ TEST_F(RemoteHostTest, ATextThatDoesNotFitARequestThrowsWhichAndByHowMuch) {
     for (int i = 0; i < 512; ++i) {
         sLong += "\\u00E9";
     }
-    const auto Reason = [](const std::string& sName) {
+    const auto reason = [](const std::string& sName) {
         return kIOException + sName + " is too long for the remote control (1024 bytes, at most 1023)";
     };
-    EXPECT_EQ(host.Call("C", "addMountPoint", m_sClient, sLong, "data"), Reason("Local mount path"));
-    EXPECT_EQ(host.Call("C", "addRedirectedFileSegment", m_sClient, sLong, "/y", 0, 0, 1), Reason("Path"));
-    EXPECT_EQ(host.Call("C", "addRedirectedFileSegment", m_sClient, "/x", sLong, 0, 0, 1), Reason("Source path"));
-    EXPECT_EQ(host.Call("C", "runQuickTestMode", m_sClient, sLong, 0), Reason("Path"));
+    EXPECT_EQ(host.Call("C", "addMountPoint", m_sClient, sLong, "data"), reason("Local mount path"));
+    EXPECT_EQ(host.Call("C", "addRedirectedFileSegment", m_sClient, sLong, "/y", 0, 0, 1), reason("Path"));
+    EXPECT_EQ(host.Call("C", "addRedirectedFileSegment", m_sClient, "/x", sLong, 0, 0, 1), reason("Source path"));
+    EXPECT_EQ(host.Call("C", "runQuickTestMode", m_sClient, sLong, 0), reason("Path"));
     host.Events("C");
     EXPECT_EQ(host.Call("C", "openRedirectedFile", m_sClient, sLong, 1, false, 0, 0), "void");
     EXPECT_TRUE(host.WaitForEvent("C",

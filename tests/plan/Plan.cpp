@@ -85,8 +85,8 @@ std::string Scope(const Enclosing& classes, std::ptrdiff_t iIndentation) {
 
 /// The mutexes that are members of a class: "Class::member".
 std::set<std::string> MutexMembers(const Sources& sources) {
-    static const std::regex s_Class(R"(^( *)(?:class|struct) (?:[A-Z_]+(?:\([^)]*\))? )?(\w+)[^;]*\{)");
-    static const std::regex s_Mutex(R"(^( +)(?:mutable )?(?:\w*Mutex|std::\w*mutex) (\w+)(?: [A-Z_]+\(.*\))?;)");
+    static const std::regex kClass(R"(^( *)(?:class|struct) (?:[A-Z_]+(?:\([^)]*\))? )?(\w+)[^;]*\{)");
+    static const std::regex kMutex(R"(^( +)(?:mutable )?(?:\w*Mutex|std::\w*mutex) (\w+)(?: [A-Z_]+\(.*\))?;)");
     std::set<std::string> members;
     for (const auto& [sFile, sText] : sources) {
         Enclosing classes;
@@ -94,10 +94,10 @@ std::set<std::string> MutexMembers(const Sources& sources) {
             std::smatch match;
             // The plain searches spare nearly all lines the slow ones.
             if ((sLine.find("class ") != std::string::npos || sLine.find("struct ") != std::string::npos) &&
-                std::regex_search(sLine, match, s_Class)) {
+                std::regex_search(sLine, match, kClass)) {
                 classes.erase(classes.lower_bound(match.length(1)), classes.end());
                 classes[match.length(1)] = match[2];
-            } else if (sLine.find("utex ") != std::string::npos && std::regex_search(sLine, match, s_Mutex)) {
+            } else if (sLine.find("utex ") != std::string::npos && std::regex_search(sLine, match, kMutex)) {
                 members.insert(Scope(classes, match.length(1)) + match[2].str());
             }
         }
@@ -156,7 +156,7 @@ std::vector<std::string> MisplacedFiles(const Wings& wings, const Sources& sourc
 }
 
 std::vector<std::string> UpwardIncludes(const Wings& wings, const Sources& sources) {
-    static const std::regex s_Include(R"re(^\s*#\s*include\s*"([^"]+)")re");
+    static const std::regex kInclude(R"re(^\s*#\s*include\s*"([^"]+)")re");
     const std::map<std::string, std::size_t> places = Places(wings);
     std::vector<std::string> vsFaults;
     for (const auto& [sFile, iPlace] : places) {
@@ -164,7 +164,7 @@ std::vector<std::string> UpwardIncludes(const Wings& wings, const Sources& sourc
         if (source == sources.end()) {
             continue;
         }
-        for (const std::string& sIncluded : Matches(Lines(source->second), "include", s_Include)) {
+        for (const std::string& sIncluded : Matches(Lines(source->second), "include", kInclude)) {
             const auto included = places.find(sIncluded);
             if (included != places.end() && included->second > iPlace) {
                 vsFaults.push_back(sFile + " (" + wings[iPlace].sName + ") includes " + sIncluded + " (" +
@@ -209,9 +209,9 @@ std::vector<std::string> UntrueTables(const Wings& wings, const Wings& document)
 }
 
 std::vector<std::string> UntrueLocks(const Sources& sources, const std::string& sDocument) {
-    static const std::regex s_Named(R"(`((?:\w+::)+\w*[mM]utex\w*)`)");
+    static const std::regex kNamed(R"(`((?:\w+::)+\w*[mM]utex\w*)`)");
     const std::set<std::string> members = MutexMembers(sources);
-    const std::vector<std::string> vsNamed = Matches(Section(sDocument, "Locks"), "utex", s_Named);
+    const std::vector<std::string> vsNamed = Matches(Section(sDocument, "Locks"), "utex", kNamed);
     const std::set<std::string> named(vsNamed.begin(), vsNamed.end());
     std::vector<std::string> vsFaults;
     for (const std::string& sMember : members) {

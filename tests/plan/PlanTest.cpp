@@ -17,7 +17,7 @@ using testing::SizeIs;
 using Lines = std::vector<std::string>;
 
 const Sources& ReadSources() {
-    static const Sources s_Sources = [] {
+    static const Sources kSources = [] {
         Sources sources;
         for (const auto& entry : std::filesystem::directory_iterator(SourceTree() + "/src")) {
             if (entry.path().extension() == ".h" || entry.path().extension() == ".cpp") {
@@ -26,7 +26,7 @@ const Sources& ReadSources() {
         }
         return sources;
     }();
-    return s_Sources;
+    return kSources;
 }
 
 Wings ReadWings() {

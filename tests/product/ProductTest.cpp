@@ -163,7 +163,7 @@ TEST(ProductTest, ServeScriptTellsAnOrdinaryUserInOneLineWhatIsLacking) {
     for (const char* pcOpened : {"", "tools"}) {
         ASSERT_EQ(::chmod((folder / pcOpened).c_str(), 0755), 0);
     }
-    const auto Serve = [&](const std::vector<std::string>& vsOptions) {
+    const auto serve = [&](const std::vector<std::string>& vsOptions) {
         vsArguments = vsAsNobody;
         vsArguments.push_back(folder / "serve.sh");
         vsArguments.insert(vsArguments.end(), vsOptions.begin(), vsOptions.end());
@@ -173,15 +173,15 @@ TEST(ProductTest, ServeScriptTellsAnOrdinaryUserInOneLineWhatIsLacking) {
     };
     const std::string sNoRight =
         "serve.sh: the server needs port 111, for which you have no right: sudo ./serve.sh (or --check)\n";
-    EXPECT_EQ(Serve({}), sNoRight);
-    EXPECT_EQ(Serve({"/tmp", "data"}), sNoRight);
+    EXPECT_EQ(serve({}), sNoRight);
+    EXPECT_EQ(serve({"/tmp", "data"}), sNoRight);
     const std::string sCannotWrite = "serve.sh: cannot write to " + folder.Path() +
                                      "/build, where it is built: run it as root, or in a clone of your own\n";
-    EXPECT_EQ(Serve({"--check"}), sCannotWrite);
+    EXPECT_EQ(serve({"--check"}), sCannotWrite);
     std::filesystem::create_directory(folder / "build");  // root has built it here
-    EXPECT_EQ(Serve({"--check"}), sCannotWrite);
-    EXPECT_EQ(Serve({"/nowhere"}), "serve.sh: no such directory: /nowhere\n");
-    EXPECT_EQ(Serve({"/tmp", "a/b"}), "serve.sh: an export's name holds no slash, blank or equals sign: \"a/b\"\n");
+    EXPECT_EQ(serve({"--check"}), sCannotWrite);
+    EXPECT_EQ(serve({"/nowhere"}), "serve.sh: no such directory: /nowhere\n");
+    EXPECT_EQ(serve({"/tmp", "a/b"}), "serve.sh: an export's name holds no slash, blank or equals sign: \"a/b\"\n");
 }
 
 TEST(ProductTest, SourceTreeNamesNoMachine) {

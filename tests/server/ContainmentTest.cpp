@@ -20,7 +20,7 @@ constexpr const char* kOtherClient = "127.0.0.2";
 /// it holds.
 std::map<std::string, std::string> Picture(const std::string& sTree) {
     std::map<std::string, std::string> picture;
-    const auto Add = [&picture](const std::string& sPath) {
+    const auto add = [&picture](const std::string& sPath) {
         struct stat status {};
         EXPECT_EQ(::lstat(sPath.c_str(), &status), 0) << sPath;
         std::string sContent = S_ISREG(status.st_mode)   ? ReadWholeFile(sPath)
@@ -31,9 +31,9 @@ std::map<std::string, std::string> Picture(const std::string& sTree) {
                          std::to_string(status.st_mtim.tv_sec) + "." + std::to_string(status.st_mtim.tv_nsec) + " " +
                          sContent;
     };
-    Add(sTree);
+    add(sTree);
     for (const auto& entry : std::filesystem::recursive_directory_iterator(sTree)) {
-        Add(entry.path());
+        add(entry.path());
     }
     return picture;
 }
