@@ -3,9 +3,9 @@
 
 #include <functional>
 
-/// A host that is told or asked something may take its time over it. While an object of this class lives, its action is
-/// done on its thread before each such call: replies that wait to be sent with later ones leave then, as nobody can say
-/// when the later ones will come.
+/// A host that is told or asked something may take its time over it, and so may a disk. While an object of this class
+/// lives, its action is done on its thread before each such call: replies that wait to be sent with later ones leave
+/// then, as nobody can say when the later ones will come.
 ///
 /// A thread's objects nest; the innermost one's action is done.
 class CBeforeAsking {
@@ -15,7 +15,7 @@ public:
     CBeforeAsking(const CBeforeAsking&) = delete;
     CBeforeAsking& operator=(const CBeforeAsking&) = delete;
 
-    /// For whoever is about to call a host or another process that speaks for one.
+    /// For whoever is about to call a host, or another process that speaks for one, or to wait for a disk.
     static void Run();
 
 private:

@@ -32,7 +32,7 @@ public:
 private:
     using Clock = std::chrono::steady_clock;
 
-    /// A thread in lock(), on its stack.
+    /// A thread in lock().
     struct Waiter {
         Clock::time_point since;
         bool bOwner = false;  ///< the mutex was handed to it

@@ -94,10 +94,14 @@ void CIpcLineSender::Run() {
 
 void CIpcLineSender::BeginLines(Sendings& sendings) {
     m_pReceivers->GetLinesWake().Clear();  // what comes from now on wakes the thread again
-    while (auto next = m_pReceivers->TakeLine()) {
+    for (int nLines = 0; auto next = m_pReceivers->TakeLine(); ++nLines) {
         auto pSending = std::make_unique<Sending>(m_pUtilities, std::move(*next), *m_pTimeout);
         if (Begin(*pSending)) {
             sendings.push_back(std::move(pSending));
+        }
+        if (nLines == kLinesAtOnce) {
+            m_pReceivers->GetLinesWake().Set();  // to be gone on with behind the answers that have come meanwhile
+            return;
         }
     }
 }

@@ -24,6 +24,9 @@ public:
     static constexpr std::chrono::milliseconds kEndTimeout{1000};
     /// The pause between two attempts to reach a receiver whose queue is full.
     static constexpr std::chrono::milliseconds kFullPause{20};
+    /// Lines that are begun before answers are looked at again: those to a receiver that is gone fail at once, and
+    /// could keep the thread from all others for as long as more come.
+    static constexpr int kLinesAtOnce = 64;
 
     /// The time limit is that of a callback, read when a line is sent.
     CIpcLineSender(CUtilities* pUtilities, CIpcReceivers* pReceivers, const std::chrono::milliseconds* pTimeout);

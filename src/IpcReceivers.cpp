@@ -235,7 +235,13 @@ IpcLine CIpcReceivers::Pop(Receiver& receiver) {
 
 std::optional<CIpcReceivers::NextLine> CIpcReceivers::TakeLine() {
     const MutexLock lock(m_hMutex);
-    for (const auto& [sIpcID, pReceiver] : m_Receivers) {
+    // From the one behind the last: nobody is passed over for another's many lines.
+    auto itReceiver = m_Receivers.upper_bound(m_sLastTaken);
+    for (std::size_t nLeft = m_Receivers.size(); nLeft > 0; --nLeft, ++itReceiver) {
+        if (itReceiver == m_Receivers.end()) {
+            itReceiver = m_Receivers.begin();
+        }
+        const auto& [sIpcID, pReceiver] = *itReceiver;
         Receiver& receiver = *pReceiver;
         const bool bLine = !receiver.lines.empty();
         if (receiver.bBusy || receiver.nWaiting > 0 || receiver.pSilence || (!bLine && receiver.nDropped == 0)) {
@@ -244,6 +250,7 @@ std::optional<CIpcReceivers::NextLine> CIpcReceivers::TakeLine() {
         IpcLine line = bLine ? Pop(receiver) : MakeDropNotice(receiver);
         receiver.bBusy = true;
         receiver.since = Clock::now();
+        m_sLastTaken = sIpcID;
         return NextLine{std::move(line), Turn(this, sIpcID, pReceiver)};
     }
     return std::nullopt;

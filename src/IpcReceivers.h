@@ -119,6 +119,7 @@ private:
     Mutex m_hMutex;
     std::condition_variable_any m_Changed;
     std::map<std::string, ReceiverPtr> m_Receivers GUARDED_BY(m_hMutex);  ///< with all that hangs on them
+    std::string m_sLastTaken GUARDED_BY(m_hMutex);                        ///< whose line was taken last
     std::size_t m_nAllBytes GUARDED_BY(m_hMutex) = 0;
     int m_nHurries GUARDED_BY(m_hMutex) = 0;
     Clock::time_point m_HurryEnd GUARDED_BY(m_hMutex) = Clock::time_point::max();

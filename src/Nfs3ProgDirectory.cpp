@@ -13,6 +13,7 @@
 #include <dirent.h>
 #include <sys/stat.h>
 
+#include "BeforeAsking.h"
 #include "InputStream.h"
 #include "OutputStream.h"
 #include "PathProbe.h"
@@ -28,6 +29,7 @@ class Directory {
 public:
     /// False with errno.
     bool Open(const char* pcPath) {
+        CBeforeAsking::Run();  // a large one takes its time
         m_pDir.reset(::opendir(pcPath));
         return m_pDir != nullptr;
     }

@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "BeforeAsking.h"
 #include "Descriptor.h"
 #include "FileTransfer.h"
 #include "OsOutcome.h"
@@ -248,6 +249,7 @@ int COsFiles::OS_FileSync(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu,
     const LogContext log{this, pRuntimeParam, pLogArgu};
     int iResult = -1;
     if (iFile != -1) {
+        CBeforeAsking::Run();
         do {
             iResult = ::fdatasync(iFile);
         } while (iResult == -1 && errno == EINTR);

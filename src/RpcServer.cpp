@@ -199,8 +199,7 @@ void CRpcServer::SocketReceived(CSocket* pSocket) {
         next = ProcessSome(pSocket);
         // Outside the mutex: whoever does not take his replies delays nobody but himself.
         const bool bSent = pSocket->Send();
-        // A peer that only sends no more is still waited for, unless it has had to wait itself.
-        const bool bGone = next == Next::kCall && Clock::now() - begin > kHalfClosedPatience && pSocket->IsPeerGone();
+        const bool bGone = next == Next::kCall && Clock::now() - begin > kLongBatch && pSocket->IsConnectionDead();
         if (next == Next::kBroken || bGone) {
             pSocket->Shutdown();
         }
@@ -215,6 +214,9 @@ CRpcServer::Next CRpcServer::ProcessSome(CSocket* pSocket) {
     const LogArgu logArgu{"RpcServer.SocketReceived"};
     const LogContext log{m_pUtilities, m_pRuntimeParam.get(), &logArgu};
     const FairMutexLock lock(m_hMutex);
+    if (pSocket->IsStopping()) {
+        return Next::kReceive;  // it was told while it waited
+    }
     const CBeforeAsking before([pSocket] { pSocket->SendCollected(); });
     const Clock::time_point begin = Clock::now();
     for (;;) {

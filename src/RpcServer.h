@@ -82,8 +82,8 @@ private:
 
     /// No reply waits longer for those that may leave with it.
     static constexpr std::chrono::milliseconds kLongestWaitForLater{1};
-    /// A batch that lasts longer than this ends when the peer has closed its sending side, as one does that is gone.
-    static constexpr std::chrono::seconds kHalfClosedPatience{1};
+    /// From here on a batch lasts so long that it is worth looking whether its peer is still there.
+    static constexpr std::chrono::milliseconds kLongBatch{100};
 
     Next ProcessSome(CSocket* pSocket);
     Next ProcessNext(const LogContext& log, CSocket* pSocket) REQUIRES(m_hMutex);

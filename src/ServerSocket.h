@@ -17,8 +17,8 @@ class ISocketListener;
 /// Accepts IPv4 connections on one port and serves each by one of its CSocket slots.
 ///
 /// The number of slots is a hard invariant: a connection beyond it fails the assertion "i < m_nMaxNum" and ends the
-/// process, in every build. A connection whose peer has already closed does not count; its slot gets up to one second
-/// to become free.
+/// process, in every build. A connection whose peer has already closed does not count: the new one waits for its
+/// slot.
 ///
 /// Open, Close and SetListener are called by one thread at a time. The accept thread is the only user of the slots
 /// while it runs.

@@ -124,6 +124,11 @@ bool CSocket::IsPeerGone() const {
     return ::poll(&descriptor, 1, 0) > 0;
 }
 
+bool CSocket::IsConnectionDead() const {
+    pollfd descriptor{m_Socket, 0, 0};
+    return ::poll(&descriptor, 1, 0) > 0;  // an error, or the end of both directions
+}
+
 // ---- The socket's own thread
 
 void CSocket::Run() {
@@ -266,7 +271,8 @@ bool CSocket::SendStream() {
             }
         }
         // The peer is gone, or takes nothing more. The rest of this reply can never follow: end the connection.
-        static_cast<void>(::shutdown(m_Socket, SHUT_RDWR));
+        // Nor is anything executed that is still in its way: the peer may have sent it again on another connection.
+        Shutdown();
         break;
     }
     Drop(nSent);

@@ -64,8 +64,11 @@ public:
     /// True from Open until the receive loop has ended.
     bool IsActive() const { return m_bActive.load(); }
     /// For an open stream socket: true once the peer has closed or reset the connection, even while received bytes
-    /// wait to be worked off. For the thread that opens and closes this socket, and the socket's own.
+    /// wait to be worked off. For the thread that opens and closes this socket.
     bool IsPeerGone() const;
+    /// For an open stream socket: true once nothing that is sent can arrive any more. A peer that only sends no more is
+    /// still there for its replies. For the socket's own thread.
+    bool IsConnectionDead() const;
     /// The peer as dotted text; for a datagram socket the sender of the last datagram.
     const char* GetRemoteAddress() const { return m_cRemoteAddress; }
     /// In host byte order.

@@ -217,6 +217,7 @@ TEST_F(SocketTest, AVanishedPeerLeavesTheReplyInTheStreamAndKillsNothing) {
     SendFromPeer("x");
     EXPECT_TRUE(WaitUntil([&] { return !socket.IsActive(); }));
     EXPECT_EQ(iLeft.load(), 5);
+    EXPECT_TRUE(socket.IsStopping()) << "what is still to be received is executed for nobody";
 }
 
 // ---- Replies that leave together
