@@ -94,16 +94,17 @@ void CIpcLineSender::Run() {
 
 void CIpcLineSender::BeginLines(Sendings& sendings) {
     m_pReceivers->GetLinesWake().Clear();  // what comes from now on wakes the thread again
-    for (int nLines = 0; auto next = m_pReceivers->TakeLine(); ++nLines) {
+    for (int nLines = 0; nLines < kLinesAtOnce; ++nLines) {
+        auto next = m_pReceivers->TakeLine();
+        if (!next) {
+            return;
+        }
         auto pSending = std::make_unique<Sending>(m_pUtilities, std::move(*next), *m_pTimeout);
         if (Begin(*pSending)) {
             sendings.push_back(std::move(pSending));
         }
-        if (nLines == kLinesAtOnce) {
-            m_pReceivers->GetLinesWake().Set();  // to be gone on with behind the answers that have come meanwhile
-            return;
-        }
     }
+    m_pReceivers->GetLinesWake().Set();  // to be gone on with behind the answers that have come meanwhile
 }
 
 /// False if the line cannot be sent.

@@ -27,9 +27,8 @@ struct IpcLine {
 /// Keeps order among the callbacks to each receiver, an IPC ID, and between threads that must not wait for one another.
 /// Sends nothing itself.
 ///
-/// - A receiver serves one callback at a time, so it is sent one at a time: whoever has its Turn sends. Lines go in
-/// their
-///   order, a notification behind the lines that were queued before it.
+/// - A receiver serves one callback at a time, so it is sent one at a time: whoever has its Turn sends. Lines go
+///   in their order, a notification behind the lines that were queued before it.
 /// - A receiver that lets a callback run into the time limit is silent until its CIpcSilence ends. Nobody waits for
 ///   a silent one: it gets no turn, and its lines are dropped and counted.
 /// - Lines wait in a bounded queue. One that has no room is dropped and counted, except on a thread that is patient

@@ -59,7 +59,8 @@ public:
 
     /// Records that the virtual bytes from iOffset on, iLength of them, are those at iFileOffset of the source (null
     /// or empty for zeros). Clipped at the end of the file. False with a reason if the offset is not below the size
-    /// (the source is remembered all the same); false if the file is closed.
+    /// (the source is remembered all the same); false if the file is closed. The source is taken as it is: the registry
+    /// has judged it, and refuses one that is redirected itself (CUtilities::AddRedirectedFileSegment).
     bool AddSegment(CRuntimeParam* pRuntimeParam, const char* pcSource, long long iFileOffset, long long iOffset,
                     long long iLength, char* pcStatus);
 
