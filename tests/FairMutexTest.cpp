@@ -9,15 +9,9 @@
 
 #include <gtest/gtest.h>
 
-namespace {
+#include "WaitUntil.h"
 
-/// Waits for a condition that another thread brings about; the test's own time limit ends it if nobody does.
-template <class Condition>
-void Await(Condition condition) {
-    while (!condition()) {
-        std::this_thread::yield();
-    }
-}
+namespace {
 
 TEST(FairMutexTest, OneThreadAtATimeHoldsIt) {
     constexpr int kThreads = 4;
@@ -54,7 +48,7 @@ TEST(FairMutexTest, WhoHasWaitedIsNextThoughTheOwnerComesAgainAtOnce) {
         const FairMutexLock lock(mutex);
         bServed = true;
     });
-    Await([&] { return mutex.IsDue(); });
+    EXPECT_TRUE(WaitUntil([&] { return mutex.IsDue(); }));
     EXPECT_FALSE(bServed);
     mutex.unlock();
     mutex.lock();
@@ -75,11 +69,11 @@ TEST(FairMutexTest, WaitersAreServedInTheOrderInWhichTheyCame) {
             const FairMutexLock lock(mutex);
             sOrder += std::to_string(iWaiter);
             // The next one has waited long enough by then: all were there before the first was served.
-            Await([&] { return iWaiter + 1 == kWaiters || mutex.IsDue(); });
+            EXPECT_TRUE(WaitUntil([&] { return iWaiter + 1 == kWaiters || mutex.IsDue(); }));
         });
-        Await([&] { return mutex.GetWaiterCount() == vThreads.size(); });
+        EXPECT_TRUE(WaitUntil([&] { return mutex.GetWaiterCount() == vThreads.size(); }));
     }
-    Await([&] { return mutex.IsDue(); });
+    EXPECT_TRUE(WaitUntil([&] { return mutex.IsDue(); }));
     mutex.unlock();
     for (std::thread& thread : vThreads) {
         thread.join();
@@ -92,7 +86,7 @@ TEST(FairMutexTest, OwnerOfALongTimeOwesNothingToNobody) {
     CFairMutex mutex;
     const FairMutexLock lock(mutex);
     const auto until = std::chrono::steady_clock::now() + 2 * CFairMutex::kPatience;
-    Await([&] { return std::chrono::steady_clock::now() > until; });
+    EXPECT_TRUE(WaitUntil([&] { return std::chrono::steady_clock::now() > until; }));
     EXPECT_FALSE(mutex.IsDue());
 }
 

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <deque>
 #include <memory>
 #include <optional>
 #include <string>
@@ -17,6 +18,7 @@
 
 #include "IpcMessages.h"
 #include "IpcPatience.h"
+#include "WaitUntil.h"
 
 namespace {
 
@@ -169,17 +171,15 @@ TEST_F(IpcReceiversTest, WhoWaitsForATurnLearnsOfTheSilence) {
     QuietPeer peer;
     m_Receivers.Queue("a", Line("line"));
     auto line = std::make_unique<std::optional<CIpcReceivers::NextLine>>(m_Receivers.TakeLine());
-    std::vector<std::thread> vAsking;
+    std::deque<WaitingThread> asking;
     for (int i = 0; i < 3; ++i) {
-        vAsking.emplace_back([&] { EXPECT_FALSE(m_Receivers.BeginNotification("a")); });
+        asking.emplace_back([&] { EXPECT_FALSE(m_Receivers.BeginNotification("a")); });
+        EXPECT_TRUE(asking.back().WaitUntilWaiting());
     }
-    std::this_thread::sleep_for(milliseconds(50));
     const auto start = steady_clock::now();
     (*line)->turn.NotAnswered(peer.TakeSilence());
     line.reset();
-    for (std::thread& asking : vAsking) {
-        asking.join();
-    }
+    asking.clear();
     EXPECT_LT(steady_clock::now() - start, kLong);
 }
 
@@ -286,10 +286,10 @@ TEST_F(IpcReceiversTest, APatientThreadWaitsForRoomAndForItsLines) {
         ASSERT_EQ(Take(), "line");
     }
     std::string sLast;
-    const auto end = steady_clock::now() + kLong;
-    while (sLast.empty() && steady_clock::now() < end) {
+    EXPECT_TRUE(WaitUntil([&] {
         sLast = Take();
-    }
+        return !sLast.empty();
+    }));
     EXPECT_EQ(sLast, "waited for");
     patient.join();
 }
@@ -297,15 +297,15 @@ TEST_F(IpcReceiversTest, APatientThreadWaitsForRoomAndForItsLines) {
 TEST_F(IpcReceiversTest, LinesAreWaitedForUntilTheLastIsAnswered) {
     m_Receivers.Queue("a", Line("line"));
     std::atomic<bool> bOver{false};
-    std::thread waiting([&] {
+    auto line = std::make_unique<std::optional<CIpcReceivers::NextLine>>(m_Receivers.TakeLine());
+    WaitingThread waiting([&] {
         EXPECT_TRUE(m_Receivers.WaitForLines("a"));
         bOver = true;
     });
-    auto line = std::make_unique<std::optional<CIpcReceivers::NextLine>>(m_Receivers.TakeLine());
-    std::this_thread::sleep_for(milliseconds(50));
+    EXPECT_TRUE(waiting.WaitUntilWaiting());
     EXPECT_FALSE(bOver);
     line.reset();
-    waiting.join();
+    waiting.Join();
     EXPECT_TRUE(m_Receivers.WaitForLines("a"));
     EXPECT_TRUE(m_Receivers.WaitForLines("never heard of"));
 }
@@ -313,11 +313,11 @@ TEST_F(IpcReceiversTest, LinesAreWaitedForUntilTheLastIsAnswered) {
 TEST_F(IpcReceiversTest, NobodyWaitsForTheLinesOfASilentReceiver) {
     QuietPeer peer;
     m_Receivers.Queue("a", Line("line"));
-    std::thread waiting([&] { EXPECT_FALSE(m_Receivers.WaitForLines("a")); });
-    std::this_thread::sleep_for(milliseconds(50));
+    WaitingThread waiting([&] { EXPECT_FALSE(m_Receivers.WaitForLines("a")); });
+    EXPECT_TRUE(waiting.WaitUntilWaiting());
     const auto start = steady_clock::now();
     MakeSilent("a", peer);
-    waiting.join();
+    waiting.Join();
     {
         const CIpcPatience patience;
         m_Receivers.Queue("a", Line("line"));
@@ -340,15 +340,16 @@ TEST_F(IpcReceiversTest, LinesAreNotWaitedForLongWhileTheirReceiverHasANotificat
 TEST_F(IpcReceiversTest, AHurryEndsEveryWait) {
     m_Receivers.Queue("a", Line("line"));
     const auto line = m_Receivers.TakeLine();
-    std::thread waiting([&] { EXPECT_FALSE(m_Receivers.WaitForLines("a")); });
-    std::thread asking([&] { EXPECT_FALSE(m_Receivers.BeginNotification("a")); });
-    std::this_thread::sleep_for(milliseconds(50));
+    WaitingThread waiting([&] { EXPECT_FALSE(m_Receivers.WaitForLines("a")); });
+    WaitingThread asking([&] { EXPECT_FALSE(m_Receivers.BeginNotification("a")); });
+    EXPECT_TRUE(waiting.WaitUntilWaiting());
+    EXPECT_TRUE(asking.WaitUntilWaiting());
     const auto start = steady_clock::now();
     m_Receivers.BeginHurry();
     m_Receivers.BeginHurry();
     m_Receivers.EndHurry();
-    waiting.join();
-    asking.join();
+    waiting.Join();
+    asking.Join();
     EXPECT_LT(steady_clock::now() - start, kLong);
     m_Receivers.EndHurry();
 }

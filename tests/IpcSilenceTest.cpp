@@ -1,10 +1,8 @@
 // How one learns that a receiver that did not answer is back.
 #include "IpcSilence.h"
 
-#include <chrono>
 #include <memory>
 #include <string>
-#include <thread>
 
 #include <sys/socket.h>
 #include <unistd.h>
@@ -15,6 +13,7 @@
 #include "IpcPeer.h"
 #include "Isolation.h"
 #include "LeakGuard.h"
+#include "WaitUntil.h"
 
 namespace {
 
@@ -44,13 +43,6 @@ protected:
         EXPECT_EQ(connection.Send(callback, &iSent), 0);
         return {kChannel, file, std::move(connection)};
     }
-    static bool EndsSoon(CIpcSilence& silence) {
-        for (int i = 0; i < 2000 && !silence.HasEnded(); ++i) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        return silence.HasEnded();
-    }
-
     LeakGuard m_Leaks;
     std::unique_ptr<FakeIpcServer> m_pReceiver;
 };
@@ -60,7 +52,7 @@ TEST_F(IpcSilenceTest, ALateAnswerEndsIt) {
     EXPECT_TRUE(m_pReceiver->WaitForMessages(1));
     EXPECT_FALSE(silence.HasEnded());
     m_pReceiver->Recover();
-    EXPECT_TRUE(EndsSoon(silence));
+    EXPECT_TRUE(WaitUntil([&] { return silence.HasEnded(); }));
 }
 
 TEST_F(IpcSilenceTest, TheReceiversEndEndsIt) {

@@ -2,6 +2,7 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <memory>
 #include <string>
 #include <thread>
 #include <utility>
@@ -46,6 +47,16 @@ private:
 class RpcServerFairnessTest : public RpcServerFixture {
 protected:
     static constexpr unsigned int kScripted = 7;
+
+    /// A program whose scripted calls last until they are let go.
+    struct HoldingProgram {
+        std::atomic<int> nCalls{0};
+        std::atomic<bool> bGo{false};
+        ScriptedProgram program{[this](unsigned int) {
+            ++nCalls;
+            EXPECT_TRUE(WaitUntil([this] { return bGo.load(); }));
+        }};
+    };
 
     std::string Calls(unsigned int nCalls, unsigned int iProcedure) {
         std::string sCalls;
@@ -206,21 +217,20 @@ TEST_F(RpcServerFairnessTest, ABatchEndsWhenItsRepliesArriveNowhere) {
 }
 
 TEST_F(RpcServerFairnessTest, ABatchOfAPeerThatIsGoneEndsBehindTheCallThatLasted) {
-    std::atomic<int> nCalls{0};
-    std::atomic<bool> bGo{false};
-    ScriptedProgram program([&](unsigned int) {
-        ++nCalls;
-        EXPECT_TRUE(WaitUntil([&] { return bGo.load(); }));
-    });
-    m_Server.Set(100003, &program);
+    HoldingProgram holding;
+    m_Server.Set(100003, &holding.program);
     Open();
     m_pTcp->Send(Calls(3, kScripted));
-    ASSERT_TRUE(WaitUntil([&] { return nCalls == 1; }));
+    ASSERT_TRUE(WaitUntil([&] { return holding.nCalls == 1; }));
     m_pTcp->Close();
     std::this_thread::sleep_for(200ms);  // a batch that lasts is looked after
-    bGo = true;
-    m_Tcp.Close();
-    EXPECT_EQ(nCalls.load(), 1);
+    holding.bGo = true;
+    std::vector<std::unique_ptr<RpcClient>> vOthers;
+    for (unsigned int iXid = 1; iXid <= 3; ++iXid) {  // the third needs the place of the one that is gone
+        vOthers.push_back(std::make_unique<RpcClient>(Transport::kTcp, m_Tcp.GetPort()));
+        EXPECT_EQ(vOthers.back()->Call(Call(0, "", iXid)).iXid, iXid);
+    }
+    EXPECT_EQ(holding.nCalls.load(), 1);
 }
 
 TEST_F(RpcServerFairnessTest, APeerThatSendsNoMoreGetsAllItsRepliesHoweverLongTheyTake) {
@@ -235,24 +245,19 @@ TEST_F(RpcServerFairnessTest, APeerThatSendsNoMoreGetsAllItsRepliesHoweverLongTh
 }
 
 TEST_F(RpcServerFairnessTest, NothingIsExecutedForASocketThatIsToldToStopWhileItWaits) {
-    std::atomic<int> nCalls{0};
-    std::atomic<bool> bGo{false};
-    ScriptedProgram program([&](unsigned int) {
-        ++nCalls;
-        EXPECT_TRUE(WaitUntil([&] { return bGo.load(); }));
-    });
-    m_Server.Set(100003, &program);
+    HoldingProgram holding;
+    m_Server.Set(100003, &holding.program);
     CapturingSocket first(CSocket::kStream, 100003);
     CapturingSocket second(CSocket::kStream, 100003);
-    std::thread firstThread([&] { first.Receive(&m_Server, Calls(1, kScripted)); });
-    ASSERT_TRUE(WaitUntil([&] { return nCalls == 1; }));
-    std::thread secondThread([&] { second.Receive(&m_Server, Calls(1, kScripted)); });
-    // Whether it waits by then makes no difference to what must come of it.
+    WaitingThread firstThread([&] { first.Receive(&m_Server, Calls(1, kScripted)); });
+    ASSERT_TRUE(WaitUntil([&] { return holding.nCalls == 1; }));
+    WaitingThread secondThread([&] { second.Receive(&m_Server, Calls(1, kScripted)); });
+    EXPECT_TRUE(secondThread.WaitUntilWaiting());
     second.Shutdown();
-    bGo = true;
-    firstThread.join();
-    secondThread.join();
-    EXPECT_EQ(nCalls.load(), 1);
+    holding.bGo = true;
+    firstThread.Join();
+    secondThread.Join();
+    EXPECT_EQ(holding.nCalls.load(), 1);
     EXPECT_EQ(second.Sent(), "");
 }
 

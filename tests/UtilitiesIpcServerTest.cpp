@@ -2,7 +2,6 @@
 #include "UtilitiesIpcServer.h"
 
 #include <chrono>
-#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -21,6 +20,7 @@
 #include "Isolation.h"
 #include "LeakGuard.h"
 #include "TempFolder.h"
+#include "WaitUntil.h"
 
 namespace {
 
@@ -52,18 +52,6 @@ protected:
     void SendLine(const std::string& sText) { m_Utilities.LogInfo(&m_Param, "%s", sText.c_str()); }
 
     int Write() { return m_Utilities.LogWriteRedirectedFile(&m_Param, "/f", 5, 0, 3); }
-
-    /// What holds soon, if it ever does.
-    static bool Eventually(const std::function<bool()>& holds) {
-        const auto end = steady_clock::now() + std::chrono::seconds(20);
-        while (!holds()) {
-            if (steady_clock::now() >= end) {
-                return false;
-            }
-            std::this_thread::sleep_for(milliseconds(5));
-        }
-        return true;
-    }
 
     LeakGuard m_Leaks;
     FakeHost m_Host;  // for the tests that set its callback
@@ -360,7 +348,7 @@ TEST_F(UtilitiesIpcServerTest, AReceiverThatAnswersLateIsAskedAgain) {
     m_Utilities.SetCallbackTimeout(milliseconds(300));
     EXPECT_EQ(Write(), -1);
     client.Recover();
-    EXPECT_TRUE(Eventually([&] { return Write() == 3; }));
+    EXPECT_TRUE(WaitUntil([&] { return Write() == 3; }));
 }
 
 TEST_F(UtilitiesIpcServerTest, AReceiverThatWasStartedAgainIsAskedAtOnce) {
@@ -389,9 +377,9 @@ TEST_F(UtilitiesIpcServerTest, LinesThatAReceiverMissedWhileItHungAreCounted) {
     }
     EXPECT_EQ(client.Messages().size(), 1U);
     client.Recover();
-    EXPECT_TRUE(Eventually([&] { return Write() == 3; }));
+    EXPECT_TRUE(WaitUntil([&] { return Write() == 3; }));
     SendLine("heard");
-    ASSERT_TRUE(Eventually([&] { return TextAt(client.Messages().back(), 272, 2048) == "heard"; }));
+    ASSERT_TRUE(WaitUntil([&] { return TextAt(client.Messages().back(), 272, 2048) == "heard"; }));
     std::vector<std::string> vsTexts;
     for (const std::string& sMessage : client.Messages()) {
         if (I32At(sMessage, 4) == 1) {
@@ -493,7 +481,7 @@ TEST_F(UtilitiesIpcServerTest, AHurryEndsTheWaitForAnAnswer) {
     asking.join();
     EXPECT_LT(steady_clock::now() - start, CUtilitiesIpcServer::kCallbackTimeout / 2);
     client.Recover();
-    EXPECT_TRUE(Eventually([&] { return Write() == 3; })) << "who answers is asked in a hurry, too";
+    EXPECT_TRUE(WaitUntil([&] { return Write() == 3; })) << "who answers is asked in a hurry, too";
     m_Utilities.EndHurry();
 }
 

@@ -25,6 +25,7 @@
 #include "NfsIpcServerMain.h"
 #include "TempFolder.h"
 #include "UtilitiesIpcServer.h"
+#include "WaitUntil.h"
 
 namespace {
 
@@ -198,11 +199,10 @@ TEST_F(HangingReceiversTest, AProcessThatWasStoppedAndGoesOnIsAskedAgain) {
     EXPECT_LT(Elapsed(start), seconds(30)) << "twenty waits would be 40 s";
     pConsole->Signal(SIGCONT);
     ASSERT_TRUE(pConsole->WaitFor(kAsked)) << "the one that was under way";
-    const auto end = steady_clock::now() + seconds(20);
-    while (TimesAsked(*pConsole) < 3 && steady_clock::now() < end) {
+    EXPECT_TRUE(WaitUntil([&] {
         EXPECT_EQ(Write(), kInvalid);
-    }
-    EXPECT_GE(TimesAsked(*pConsole), 3U);
+        return TimesAsked(*pConsole) >= 3;
+    }));
     EXPECT_EQ(pConsole->Quit(), 0);
 }
 
@@ -280,11 +280,7 @@ TEST_F(HangingReceiversTest, AListingFromWithinANotificationHoldsUpTheAnswerShor
     const auto start = steady_clock::now();
     EXPECT_EQ(Write(), kOk);
     EXPECT_LT(Elapsed(start), seconds(20)) << "the lines could only come after 30 s";
-    const auto end = steady_clock::now() + seconds(20);
-    while (host.Log().Texts('r').size() < 2 && steady_clock::now() < end) {
-        std::this_thread::sleep_for(milliseconds(10));
-    }
-    EXPECT_EQ(host.Log().Texts('r').size(), 2U) << host.Log().Dump();
+    EXPECT_TRUE(WaitUntil([&] { return host.Log().Texts('r').size() == 2; })) << host.Log().Dump();
     owner.StopRemoteController();
     owner.SetCallback(nullptr);
 }

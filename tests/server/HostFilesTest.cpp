@@ -353,14 +353,12 @@ TEST_F(HostFilesTest, RunningProgramIsReadAndOneThatWasLookedAtCanBeRun) {
     Getattr(sHandle);
     ChildProcess child({Path("program"), "1000"});
     ASSERT_TRUE(child.IsRunning());
-    const auto end = std::chrono::steady_clock::now() + ChildProcess::kLimit;
-    char vcRunning[4096] = "";
-    while (std::string(vcRunning) != Path("program") && std::chrono::steady_clock::now() < end) {
-        const ssize_t nRunning =
-            ::readlink(("/proc/" + std::to_string(child.GetPid()) + "/exe").c_str(), vcRunning, sizeof(vcRunning) - 1);
-        vcRunning[nRunning > 0 ? nRunning : 0] = '\0';
-    }
-    ASSERT_EQ(std::string(vcRunning), Path("program")) << "it was looked at only, and can be run";
+    const std::string sLink = "/proc/" + std::to_string(child.GetPid()) + "/exe";
+    ASSERT_TRUE(WaitUntil([&] {
+        char vcRunning[4096];
+        const ssize_t nRunning = ::readlink(sLink.c_str(), vcRunning, sizeof(vcRunning));
+        return nRunning > 0 && std::string(vcRunning, static_cast<std::size_t>(nRunning)) == Path("program");
+    })) << "it was looked at only, and can be run";
     EXPECT_EQ(Read(sHandle), sProgram.substr(0, 4096));
     EXPECT_EQ(Write(sHandle, "x"), kInvalid);
     EXPECT_EQ(Read(sHandle), sProgram.substr(0, 4096));
@@ -422,23 +420,20 @@ TEST_F(HostFilesTest, DevicesAreNotOpened) {
 
 TEST_F(HostFilesTest, WriterOfAFifoStaysBlocked) {
     ASSERT_EQ(::mkfifo(Path("fifo").c_str(), 0600), 0);
-    std::atomic<pid_t> iWriter{0};
     std::atomic<bool> bReader{false};
-    std::thread writer([&] {
-        iWriter = ::gettid();
+    WaitingThread writer([&] {
         const CDescriptor fifo(::open(Path("fifo").c_str(), O_WRONLY | O_CLOEXEC));
         EXPECT_TRUE(bReader) << "let go before there was a reader";
         EXPECT_EQ(::write(fifo.Get(), "message", 7), 7);
     });
-    EXPECT_TRUE(WaitUntil([&] { return iWriter != 0 && IsAsleep(iWriter); }));
+    EXPECT_TRUE(writer.WaitUntilWaiting());
     ExpectNothingIsOpened("fifo");
-    EXPECT_TRUE(IsAsleep(iWriter));
+    EXPECT_TRUE(writer.IsWaiting());
     bReader = true;
     const CDescriptor fifo(::open(Path("fifo").c_str(), O_RDONLY | O_CLOEXEC));
     char vcMessage[8] = "";
     EXPECT_EQ(::read(fifo.Get(), vcMessage, 7), 7);
     EXPECT_STREQ(vcMessage, "message");
-    writer.join();
 }
 
 TEST_F(HostFilesTest, ListingAndLookingOpensNoFile) {
