@@ -17,17 +17,9 @@
 #include <gtest/gtest.h>
 
 #include "FakeJvm.h"
+#include "HostMethodNames.h"
 
 namespace {
-
-constexpr const char* kLogInfo = "logInfo(Ljava/lang/String;Ljava/lang/String;)V";
-constexpr const char* kLogError = "logError(Ljava/lang/String;Ljava/lang/String;)V";
-constexpr const char* kLogRaw = "logRaw(Ljava/lang/String;Ljava/lang/String;)V";
-constexpr const char* kUpdate = "setRedirectedFileAttributes(Ljava/lang/String;Ljava/lang/String;ZJZJZJ)I";
-constexpr const char* kRemove = "removeRedirectedFile(Ljava/lang/String;Ljava/lang/String;)I";
-constexpr const char* kRename = "renameRedirectedFile(Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;)I";
-constexpr const char* kWrite = "writeRedirectedFile(Ljava/lang/String;Ljava/lang/String;JII)I";
-constexpr const char* kIsInterrupted = "isInterrupted()Z";
 
 /// A host on the fake machine; what its methods get is kept, what they answer is set.
 class CallbackTest : public testing::Test {
@@ -79,11 +71,11 @@ TEST_F(CallbackTest, OnlyTheDestructorIsVirtual) {
 }
 
 TEST_F(CallbackTest, LogLinesArriveWithIDAndMessage) {
-    for (const char* pcMethod : {kLogInfo, kLogError, kLogRaw}) {
+    for (const char* pcMethod : {kHostLogInfo, kHostLogError, kHostLogRaw}) {
         const auto pCallback = MakeWith(pcMethod);
-        EXPECT_EQ(pCallback->LogInfo("10.0.0.5", "hello"), pcMethod == kLogInfo);
-        EXPECT_EQ(pCallback->LogError("10.0.0.5", "hello"), pcMethod == kLogError);
-        EXPECT_EQ(pCallback->LogRaw("10.0.0.5", "hello"), pcMethod == kLogRaw);
+        EXPECT_EQ(pCallback->LogInfo("10.0.0.5", "hello"), pcMethod == kHostLogInfo);
+        EXPECT_EQ(pCallback->LogError("10.0.0.5", "hello"), pcMethod == kHostLogError);
+        EXPECT_EQ(pCallback->LogRaw("10.0.0.5", "hello"), pcMethod == kHostLogRaw);
         ASSERT_EQ(m_vArguments.size(), 2U) << pcMethod;
         EXPECT_EQ(m_vArguments[0].sText, u"10.0.0.5");
         EXPECT_EQ(m_vArguments[1].sText, u"hello");
@@ -92,7 +84,7 @@ TEST_F(CallbackTest, LogLinesArriveWithIDAndMessage) {
 }
 
 TEST_F(CallbackTest, AttributesArriveInOrderAndTheAnswerComesBack) {
-    const auto pCallback = MakeWith(kUpdate);
+    const auto pCallback = MakeWith(kHostUpdate);
     m_Answer.iValue = 17;
     EXPECT_EQ(pCallback->UpdateRedirectedFileAttributes("id", "/x", true, 0x8000000000000001ULL, false, 5, true,
                                                         4294967295UL),
@@ -109,7 +101,7 @@ TEST_F(CallbackTest, AttributesArriveInOrderAndTheAnswerComesBack) {
 }
 
 TEST_F(CallbackTest, RemovalArrives) {
-    const auto pCallback = MakeWith(kRemove);
+    const auto pCallback = MakeWith(kHostRemove);
     EXPECT_EQ(pCallback->RemoveRedirectedFile("id", "/x"), 0);
     ASSERT_EQ(m_vArguments.size(), 2U);
     EXPECT_EQ(m_vArguments[0].sText, u"id");
@@ -117,7 +109,7 @@ TEST_F(CallbackTest, RemovalArrives) {
 }
 
 TEST_F(CallbackTest, RenameArrivesWithBothPaths) {
-    const auto pCallback = MakeWith(kRename);
+    const auto pCallback = MakeWith(kHostRename);
     m_Answer.iValue = -5;
     EXPECT_EQ(pCallback->RenameRedirectedFile("id", "/old", "/new"), -5);
     ASSERT_EQ(m_vArguments.size(), 3U);
@@ -127,7 +119,7 @@ TEST_F(CallbackTest, RenameArrivesWithBothPaths) {
 }
 
 TEST_F(CallbackTest, WriteArrivesWithPositionTypeAndLength) {
-    const auto pCallback = MakeWith(kWrite);
+    const auto pCallback = MakeWith(kHostWrite);
     m_Answer.iValue = 4096;
     EXPECT_EQ(pCallback->WriteRedirectedFile("id", "/x", 1ULL << 40, 2, 4096), 4096);
     ASSERT_EQ(m_vArguments.size(), 5U);
@@ -139,7 +131,7 @@ TEST_F(CallbackTest, WriteArrivesWithPositionTypeAndLength) {
 }
 
 TEST_F(CallbackTest, InterruptedOnlyWhenTheHostSaysSo) {
-    const auto pCallback = MakeWith(kIsInterrupted);
+    const auto pCallback = MakeWith(kHostIsInterrupted);
     EXPECT_FALSE(pCallback->IsInterrupted());
     m_Answer.iValue = JNI_TRUE;
     EXPECT_TRUE(pCallback->IsInterrupted());
@@ -165,11 +157,11 @@ TEST_F(CallbackTest, AHostThatThrowsCountsAsMinusOneAndLeavesNothingPending) {
     const JavaFrame java(m_Jvm);
     m_Answer = {12, "java/lang/IllegalStateException"};
     testing::internal::CaptureStderr();
-    EXPECT_EQ(MakeWith(kWrite)->WriteRedirectedFile("id", "/x", 0, 0, 12), -1);
-    EXPECT_EQ(MakeWith(kRemove)->RemoveRedirectedFile("id", "/x"), -1);
-    EXPECT_EQ(MakeWith(kRename)->RenameRedirectedFile("id", "/x", "/y"), -1);
-    EXPECT_EQ(MakeWith(kUpdate)->UpdateRedirectedFileAttributes("id", "/x", true, 1, false, 0, false, 0), -1);
-    EXPECT_FALSE(MakeWith(kLogInfo)->LogInfo("id", "text")) << "the line was not taken";
+    EXPECT_EQ(MakeWith(kHostWrite)->WriteRedirectedFile("id", "/x", 0, 0, 12), -1);
+    EXPECT_EQ(MakeWith(kHostRemove)->RemoveRedirectedFile("id", "/x"), -1);
+    EXPECT_EQ(MakeWith(kHostRename)->RenameRedirectedFile("id", "/x", "/y"), -1);
+    EXPECT_EQ(MakeWith(kHostUpdate)->UpdateRedirectedFileAttributes("id", "/x", true, 1, false, 0, false, 0), -1);
+    EXPECT_FALSE(MakeWith(kHostLogInfo)->LogInfo("id", "text")) << "the line was not taken";
     const std::string sDescribed = testing::internal::GetCapturedStderr();
     EXPECT_EQ(m_nCalls, 5);
     EXPECT_NE(sDescribed.find("java/lang/IllegalStateException"), std::string::npos) << sDescribed;
@@ -179,11 +171,11 @@ TEST_F(CallbackTest, AHostThatThrowsCountsAsMinusOneAndLeavesNothingPending) {
 TEST_F(CallbackTest, AHostOutOfMemoryForAnArgumentIsNotCalled) {
     const JavaFrame java(m_Jvm);
     for (const int nth : {1, 2, 3}) {
-        const auto pCallback = MakeWith(kRename);
+        const auto pCallback = MakeWith(kHostRename);
         m_Jvm.SetFailString(nth);
         EXPECT_EQ(pCallback->RenameRedirectedFile("id", "/x", "/y"), -1) << nth;
     }
-    const auto pLog = MakeWith(kLogInfo);
+    const auto pLog = MakeWith(kHostLogInfo);
     m_Jvm.SetFailString(2);
     EXPECT_FALSE(pLog->LogInfo("id", "text"));
     EXPECT_EQ(m_nCalls, 0);
@@ -191,7 +183,7 @@ TEST_F(CallbackTest, AHostOutOfMemoryForAnArgumentIsNotCalled) {
 }
 
 TEST_F(CallbackTest, NullTextsArriveAsNull) {
-    const auto pCallback = MakeWith(kRename);
+    const auto pCallback = MakeWith(kHostRename);
     EXPECT_EQ(pCallback->RenameRedirectedFile(nullptr, nullptr, ""), 0);
     ASSERT_EQ(m_vArguments.size(), 3U);
     EXPECT_TRUE(m_vArguments[0].bNull);
@@ -200,7 +192,7 @@ TEST_F(CallbackTest, NullTextsArriveAsNull) {
 }
 
 TEST_F(CallbackTest, AnyBytesOfAPathArriveAsAText) {
-    const auto pCallback = MakeWith(kRemove);
+    const auto pCallback = MakeWith(kHostRemove);
     pCallback->RemoveRedirectedFile("id", "/\xC3\xA9\xE6\x97\xA5\xF0\x9F\x98\x80/\xFF\xED\xA0\x80\xC3");
     ASSERT_EQ(m_vArguments.size(), 2U);
     const std::u16string sSurrogate = {char16_t{0xD800}};  // as the host's own form of UTF-8 has it
@@ -208,7 +200,7 @@ TEST_F(CallbackTest, AnyBytesOfAPathArriveAsAText) {
 }
 
 TEST_F(CallbackTest, AThreadOfTheLibraryIsAttachedForEachCallAndDetachedAfterIt) {
-    const auto pCallback = MakeWith(kLogInfo);
+    const auto pCallback = MakeWith(kHostLogInfo);
     std::thread([&] {
         EXPECT_TRUE(pCallback->LogInfo("id", "one"));
         EXPECT_TRUE(pCallback->LogInfo("id", "two"));
@@ -219,7 +211,7 @@ TEST_F(CallbackTest, AThreadOfTheLibraryIsAttachedForEachCallAndDetachedAfterIt)
 
 TEST_F(CallbackTest, AHostThreadIsNotAttachedButItsDetachmentIsAskedForAfterEveryCall) {
     const JavaFrame java(m_Jvm);
-    const auto pCallback = MakeWith(kLogInfo);
+    const auto pCallback = MakeWith(kHostLogInfo);
     pCallback->LogInfo("id", "line");
     pCallback->LogError("id", "no such method");
     pCallback->RemoveRedirectedFile("id", "no such method");
@@ -233,8 +225,8 @@ TEST_F(CallbackTest, AHostThreadIsNotAttachedButItsDetachmentIsAskedForAfterEver
 }
 
 TEST_F(CallbackTest, AHostThatCallsBackOnALibraryThreadKeepsItsEnvironment) {
-    std::unique_ptr<CCallback> pInner = MakeWith(kLogInfo);
-    const auto pOuter = Make({{kWrite, [&](const std::vector<HostArgument>&) {
+    std::unique_ptr<CCallback> pInner = MakeWith(kHostLogInfo);
+    const auto pOuter = Make({{kHostWrite, [&](const std::vector<HostArgument>&) {
                                    pInner->LogInfo("id", "from inside");  // must not detach the outer call's thread
                                    return HostAnswer{7};
                                }}});
@@ -244,7 +236,7 @@ TEST_F(CallbackTest, AHostThatCallsBackOnALibraryThreadKeepsItsEnvironment) {
 }
 
 TEST_F(CallbackTest, AFailedAttachmentIsPrintedAndFailsTheCall) {
-    const auto pCallback = MakeWith(kWrite);
+    const auto pCallback = MakeWith(kHostWrite);
     m_Jvm.SetRefuseAttach(true);
     std::string sExpected;
     testing::internal::CaptureStdout();
@@ -261,7 +253,7 @@ TEST_F(CallbackTest, AFailedAttachmentIsPrintedAndFailsTheCall) {
 }
 
 TEST_F(CallbackTest, AMachineOfAnotherVersionFailsTheCallQuietly) {
-    const auto pCallback = MakeWith(kWrite);
+    const auto pCallback = MakeWith(kHostWrite);
     const JavaFrame java(m_Jvm);
     m_Jvm.SetGetEnvResult(JNI_EVERSION);
     EXPECT_EQ(pCallback->WriteRedirectedFile("id", "/x", 0, 0, 1), -1);
@@ -274,7 +266,7 @@ TEST_F(CallbackTest, WithoutAVirtualMachineItSaysSoAndEveryCallFails) {
     const JavaFrame java(m_Jvm);
     m_Jvm.SetNoVm(true);
     testing::internal::CaptureStdout();
-    const auto pCallback = MakeWith(kWrite);
+    const auto pCallback = MakeWith(kHostWrite);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "[Callback::Constructor] vm = NULL\n");
     EXPECT_EQ(m_Jvm.GlobalReferences(), 0U);
     EXPECT_EQ(pCallback->WriteRedirectedFile("id", "/x", 0, 0, 1), -1);
@@ -310,7 +302,7 @@ TEST_F(CallbackTest, AnExceptionThatCannotBeMadeLeavesTheOneThatPreventedIt) {
 
 TEST_F(CallbackTest, APendingExceptionIsSetAsideForACallAndRaisedAgain) {
     const JavaFrame java(m_Jvm);
-    const auto pCallback = MakeWith(kLogInfo);
+    const auto pCallback = MakeWith(kHostLogInfo);
     pCallback->ThrowIOException("first");
     EXPECT_TRUE(pCallback->LogInfo("id", "a line in between"));
     m_Answer.sThrows = "java/lang/RuntimeException";
@@ -323,7 +315,8 @@ TEST_F(CallbackTest, APendingExceptionIsSetAsideForACallAndRaisedAgain) {
 TEST_F(CallbackTest, EveryCallGivesItsLocalReferencesBack) {
     const JavaFrame java(m_Jvm);
     HostMethods methods;
-    for (const char* pcMethod : {kLogInfo, kLogError, kLogRaw, kUpdate, kRemove, kRename, kWrite, kIsInterrupted}) {
+    for (const char* pcMethod : {kHostLogInfo, kHostLogError, kHostLogRaw, kHostUpdate, kHostRemove, kHostRename,
+                                 kHostWrite, kHostIsInterrupted}) {
         methods[pcMethod] = [this](const std::vector<HostArgument>&) { return m_Answer; };
     }
     const CCallback whole(java.Env(), m_Jvm.NewHost(methods));
@@ -356,7 +349,7 @@ TEST_F(CallbackTest, EveryCallGivesItsLocalReferencesBack) {
 }
 
 TEST_F(CallbackTest, TheLastShareMayGoOnALibraryThread) {
-    auto pCallback = MakeWith(kLogInfo);
+    auto pCallback = MakeWith(kHostLogInfo);
     EXPECT_EQ(m_Jvm.GlobalReferences(), 1U);
     std::thread([&] { pCallback.reset(); }).join();
     EXPECT_EQ(m_Jvm.GlobalReferences(), 0U);
@@ -373,12 +366,12 @@ TEST_F(CallbackTest, TheLastShareMayGoWithAnExceptionPending) {
 TEST_F(CallbackTest, ManyThreadsCallAtOnceWithoutLeavingReferencesBehind) {
     std::atomic<int> nLines{0};
     std::atomic<int> nWrites{0};
-    const auto pCallback = Make({{kLogInfo,
+    const auto pCallback = Make({{kHostLogInfo,
                                   [&](const std::vector<HostArgument>&) {
                                       ++nLines;
                                       return HostAnswer{};
                                   }},
-                                 {kWrite, [&](const std::vector<HostArgument>& vArguments) {
+                                 {kHostWrite, [&](const std::vector<HostArgument>& vArguments) {
                                       ++nWrites;
                                       return HostAnswer{vArguments[4].value.i};
                                   }}});

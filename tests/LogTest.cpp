@@ -20,19 +20,12 @@
 #include "Callback.h"
 #include "FakeJvm.h"
 #include "FileLogger.h"
+#include "HostMethodNames.h"
 #include "TempFolder.h"
 #include "Utilities.h"
 #include "UtilitiesFixture.h"
 
 namespace {
-
-constexpr const char* kLogInfo = "logInfo(Ljava/lang/String;Ljava/lang/String;)V";
-constexpr const char* kLogError = "logError(Ljava/lang/String;Ljava/lang/String;)V";
-constexpr const char* kLogRaw = "logRaw(Ljava/lang/String;Ljava/lang/String;)V";
-constexpr const char* kRemove = "removeRedirectedFile(Ljava/lang/String;Ljava/lang/String;)I";
-constexpr const char* kRename = "renameRedirectedFile(Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;)I";
-constexpr const char* kWrite = "writeRedirectedFile(Ljava/lang/String;Ljava/lang/String;JII)I";
-constexpr const char* kSetAttributes = "setRedirectedFileAttributes(Ljava/lang/String;Ljava/lang/String;ZJZJZJ)I";
 
 /// Standard output goes to a pipe from construction to the end.
 class OutputPipe {
@@ -199,7 +192,8 @@ TEST_F(LogTest, EachKindOfLineHasItsOwnHostMethod) {
     };
     JNIEnv* pEnv = jvm.EnterJava();
     m_Utilities.SetCallback(std::make_shared<CCallback>(
-        pEnv, jvm.NewHost({{kLogInfo, take(u"info")}, {kLogError, take(u"error")}, {kLogRaw, take(u"raw")}})));
+        pEnv,
+        jvm.NewHost({{kHostLogInfo, take(u"info")}, {kHostLogError, take(u"error")}, {kHostLogRaw, take(u"raw")}})));
     jvm.LeaveJava();
     OutputPipe pipe;
     m_Utilities.LogInfo(&m_Param, "%s", "one");
@@ -218,7 +212,7 @@ TEST_F(LogTest, CallbackTakesLinesBeforeTheFileLoggerAndMayDecline) {
     std::shared_ptr<CCallback> pCallback;
     JNIEnv* pEnv = jvm.EnterJava();
     pCallback = std::make_shared<CCallback>(  // a host that has no method for errors
-        pEnv, jvm.NewHost({{kLogInfo, [&vTexts](const std::vector<HostArgument>& vArguments) {
+        pEnv, jvm.NewHost({{kHostLogInfo, [&vTexts](const std::vector<HostArgument>& vArguments) {
                                 vTexts.push_back(vArguments[0].sText + u": " + vArguments[1].sText);
                                 return HostAnswer{};
                             }}}));
@@ -262,9 +256,10 @@ TEST_F(LogTest, NotificationsTakeTheirArgumentsToTheHostAndReturnItsAnswer) {
         };
     };
     JNIEnv* pEnv = jvm.EnterJava();
-    m_Utilities.SetCallback(std::make_shared<CCallback>(
-        pEnv, jvm.NewHost(
-                  {{kRemove, answer(42)}, {kRename, answer(43)}, {kWrite, answer(44)}, {kSetAttributes, answer(45)}})));
+    m_Utilities.SetCallback(std::make_shared<CCallback>(pEnv, jvm.NewHost({{kHostRemove, answer(42)},
+                                                                           {kHostRename, answer(43)},
+                                                                           {kHostWrite, answer(44)},
+                                                                           {kHostUpdate, answer(45)}})));
     jvm.LeaveJava();
 
     EXPECT_EQ(m_Utilities.LogRemoveRedirectedFile(&m_Param, "/f"), 42);

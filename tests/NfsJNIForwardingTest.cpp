@@ -15,6 +15,7 @@
 #include "Callback.h"
 #include "FakeJvm.h"
 #include "HostController.h"
+#include "HostMethodNames.h"
 #include "NfsMain.h"
 #include "RecordingNfsMain.h"
 
@@ -288,7 +289,7 @@ TEST_F(NfsJNIForwardingTest, TheWaitingLoopAsksTheControllerForNothing) {
     int nAsked = 0;
     std::shared_ptr<CCallback> pInstalled;
     const JavaFrame java(m_Jvm);
-    jobject jObj = m_Jvm.NewHost({{"isInterrupted()Z", [&](const std::vector<HostArgument>&) {
+    jobject jObj = m_Jvm.NewHost({{kHostIsInterrupted, [&](const std::vector<HostArgument>&) {
                                        pInstalled = m_pMain->GetCallback();
                                        return HostAnswer{++nAsked == 2 ? 1 : 0};
                                    }}});
@@ -304,7 +305,7 @@ TEST_F(NfsJNIForwardingTest, TheWaitingLoopAsksOncePerSecondOfItsLife) {
     using Clock = std::chrono::steady_clock;
     std::vector<Clock::time_point> vAsked;
     const JavaFrame java(m_Jvm);
-    jobject jObj = m_Jvm.NewHost({{"isInterrupted()Z", [&](const std::vector<HostArgument>&) {
+    jobject jObj = m_Jvm.NewHost({{kHostIsInterrupted, [&](const std::vector<HostArgument>&) {
                                        vAsked.push_back(Clock::now());
                                        return HostAnswer{};
                                    }}});
@@ -320,7 +321,7 @@ TEST_F(NfsJNIForwardingTest, ALoopBesideAnInstalledCallbackAsksItsOwnObjectAndLe
     const auto pLasting = std::make_shared<CCallback>(java.Env(), m_Jvm.NewHost({}));
     m_pMain->SetCallback(pLasting);
     int nAsked = 0;
-    jobject jObj = m_Jvm.NewHost({{"isInterrupted()Z", [&](const std::vector<HostArgument>&) {
+    jobject jObj = m_Jvm.NewHost({{kHostIsInterrupted, [&](const std::vector<HostArgument>&) {
                                        ++nAsked;
                                        EXPECT_EQ(m_pMain->GetCallback(), pLasting);
                                        return HostAnswer{JNI_TRUE};

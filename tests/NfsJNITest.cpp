@@ -15,6 +15,7 @@
 #include <gtest/gtest.h>
 
 #include "FakeJvm.h"
+#include "HostMethodNames.h"
 #include "Isolation.h"
 #include "LeakGuard.h"
 #include "NfsClient.h"
@@ -24,10 +25,6 @@
 
 namespace {
 
-constexpr const char* kLogInfo = "logInfo(Ljava/lang/String;Ljava/lang/String;)V";
-constexpr const char* kLogRaw = "logRaw(Ljava/lang/String;Ljava/lang/String;)V";
-constexpr const char* kWrite = "writeRedirectedFile(Ljava/lang/String;Ljava/lang/String;JII)I";
-constexpr const char* kIsInterrupted = "isInterrupted()Z";
 constexpr jint kLogControl = 3;  // errors and general information
 
 std::u16string Wide(const std::string& sText) {
@@ -42,7 +39,7 @@ std::ptrdiff_t CountThreads() {
 class NfsJNITest : public testing::Test {
 protected:
     void SetUp() override {
-        for (const char* pcLog : {kLogInfo, kLogRaw}) {
+        for (const char* pcLog : {kHostLogInfo, kHostLogRaw}) {
             m_Methods[pcLog] = [](const std::vector<HostArgument>&) { return HostAnswer{}; };
         }
     }
@@ -138,7 +135,7 @@ TEST_F(NfsJNITest, NoModeLetsOthersEndTheHostsProgram) {
 
 TEST_F(NfsJNITest, TheTemporaryCallbackIsGoneAfterTheCall) {
     int nLines = 0;
-    m_Methods[kLogRaw] = [&](const std::vector<HostArgument>& vArguments) {
+    m_Methods[kHostLogRaw] = [&](const std::vector<HostArgument>& vArguments) {
         ++nLines;
         EXPECT_EQ(m_Jvm.GlobalReferences(), 1U);
         EXPECT_EQ(vArguments[0].sText, u"host");
@@ -173,7 +170,7 @@ TEST_F(NfsJNITest, CallsOnManyThreadsWithoutALastingCallbackAreSafe) {
 
 TEST_F(NfsJNITest, TerminatingWaitsForCallsInsideTheController) {
     std::atomic<int> nInside{0};
-    m_Methods[kLogRaw] = [&](const std::vector<HostArgument>&) {
+    m_Methods[kHostLogRaw] = [&](const std::vector<HostArgument>&) {
         ++nInside;
         std::this_thread::sleep_for(std::chrono::milliseconds(2));  // calls take long enough to be met inside
         --nInside;
@@ -203,7 +200,7 @@ TEST_F(NfsJNITest, AHostMayTerminateFromInsideItsLogMethod) {
     const auto nThreads = CountThreads();
     jlong iHandle = 0;
     std::atomic<bool> bDone{false};
-    m_Methods[kLogRaw] = [&](const std::vector<HostArgument>&) {
+    m_Methods[kHostLogRaw] = [&](const std::vector<HostArgument>&) {
         Terminate(iHandle);  // on the thread that is inside getMountInfo
         bDone = true;
         return HostAnswer{};
@@ -220,7 +217,7 @@ TEST_F(NfsJNITest, AHostMayTerminateFromInsideItsLogMethod) {
 TEST_F(NfsJNITest, TheLoopTakesOverWhenTheReceiverInItsWayHasGone) {
     std::atomic<int> nAsked{0};
     std::atomic<bool> bEnd{false};
-    m_Methods[kIsInterrupted] = [&](const std::vector<HostArgument>&) {
+    m_Methods[kHostIsInterrupted] = [&](const std::vector<HostArgument>&) {
         ++nAsked;
         return HostAnswer{bEnd ? 1 : 0};
     };
@@ -251,8 +248,10 @@ TEST_F(NfsJNITest, AClientsWriteIsDecidedByTheHost) {
     WriteWholeFile(folder / "disk", "");
     std::atomic<bool> bReceiving{false};
     std::atomic<bool> bEnd{false};
-    m_Methods[kWrite] = [](const std::vector<HostArgument>& vArguments) { return HostAnswer{vArguments[4].value.i}; };
-    m_Methods[kIsInterrupted] = [&](const std::vector<HostArgument>&) {
+    m_Methods[kHostWrite] = [](const std::vector<HostArgument>& vArguments) {
+        return HostAnswer{vArguments[4].value.i};
+    };
+    m_Methods[kHostIsInterrupted] = [&](const std::vector<HostArgument>&) {
         bReceiving = true;
         return HostAnswer{bEnd ? 1 : 0};
     };

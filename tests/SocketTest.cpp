@@ -68,6 +68,22 @@ protected:
         return sBytes;
     }
 
+    /// Runs a connection on the socket that sends some bytes and goes, and then another one, which must get nothing
+    /// but its own echo.
+    void ExpectNothingOfAnEarlierConnection(ISocketListener* pEarlier, const std::string& sBytes) {
+        CSocket socket(CSocket::kStream, 100003);
+        socket.Open(m_iNear, pEarlier, nullptr);
+        SendFromPeer(sBytes);
+        m_Peer.Close();
+        ASSERT_TRUE(WaitUntil([&] { return !socket.IsActive(); }));
+        MakePair();
+        socket.Open(m_iNear, &m_Echo, nullptr);
+        SendFromPeer("new");
+        EXPECT_EQ(ReceiveAtPeer(3), "new");
+        ::shutdown(m_Peer.Get(), SHUT_WR);
+        EXPECT_TRUE(IsEndAtPeer());
+    }
+
     bool IsEndAtPeer() {
         pollfd entry{m_Peer.Get(), POLLIN, 0};
         char cByte = 0;
@@ -310,15 +326,7 @@ TEST_F(SocketTest, CollectedRepliesOfAnEarlierConnectionNeverReachTheNextOne) {
         pSocket->GetOutputStream()->Write("stale", 5);
         pSocket->Collect();
     });
-    CSocket socket(CSocket::kStream, 100003);
-    socket.Open(m_iNear, &keep, nullptr);
-    SendFromPeer("x");
-    m_Peer.Close();
-    ASSERT_TRUE(WaitUntil([&] { return !socket.IsActive(); }));
-    MakePair();
-    socket.Open(m_iNear, &m_Echo, nullptr);
-    SendFromPeer("new");
-    EXPECT_EQ(ReceiveAtPeer(3), "new");
+    ExpectNothingOfAnEarlierConnection(&keep, "x");
 }
 
 // ---- Peers that do not take their replies
@@ -395,17 +403,7 @@ TEST_F(SocketTest, CloseWakesABlockedReceiveAndClosesTheDescriptorOnce) {
 
 TEST_F(SocketTest, NothingOfAnEarlierConnectionReachesTheNextOne) {
     FunctionListener keep([](CSocket* pSocket) { pSocket->GetOutputStream()->Write("stale", 5); });
-    CSocket socket(CSocket::kStream, 100003);
-    socket.Open(m_iNear, &keep, nullptr);
-    SendFromPeer("half a call");
-    m_Peer.Close();
-    ASSERT_TRUE(WaitUntil([&] { return !socket.IsActive(); }));
-    MakePair();
-    socket.Open(m_iNear, &m_Echo, nullptr);
-    SendFromPeer("new");
-    EXPECT_EQ(ReceiveAtPeer(3), "new");
-    ::shutdown(m_Peer.Get(), SHUT_WR);
-    EXPECT_TRUE(IsEndAtPeer());
+    ExpectNothingOfAnEarlierConnection(&keep, "half a call");
 }
 
 TEST_F(SocketTest, APeerThatClosedIsGoneEvenWhileItsBytesWait) {

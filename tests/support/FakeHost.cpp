@@ -2,6 +2,7 @@
 #include "FakeHost.h"
 
 #include "Callback.h"
+#include "HostMethodNames.h"
 
 namespace {
 
@@ -34,10 +35,10 @@ HostMethods FakeHost::MakeMethods() {
     };
     const auto ask = [this](const Notification& notification) { return HostAnswer{.iValue = m_Log.Ask(notification)}; };
     HostMethods methods;
-    methods["logInfo(Ljava/lang/String;Ljava/lang/String;)V"] = line('i');
-    methods["logError(Ljava/lang/String;Ljava/lang/String;)V"] = line('e');
-    methods["logRaw(Ljava/lang/String;Ljava/lang/String;)V"] = line('r');
-    methods["setRedirectedFileAttributes(Ljava/lang/String;Ljava/lang/String;ZJZJZJ)I"] = [ask](const Arguments& v) {
+    methods[kHostLogInfo] = line('i');
+    methods[kHostLogError] = line('e');
+    methods[kHostLogRaw] = line('r');
+    methods[kHostUpdate] = [ask](const Arguments& v) {
         Notification notification;
         notification.sOperation = "update";
         notification.sID = Narrow(v[0]);
@@ -50,23 +51,22 @@ HostMethods FakeHost::MakeMethods() {
         notification.lLastModifiedTimeSec = static_cast<unsigned long>(v[7].value.j);
         return ask(notification);
     };
-    methods["removeRedirectedFile(Ljava/lang/String;Ljava/lang/String;)I"] = [ask](const Arguments& v) {
+    methods[kHostRemove] = [ask](const Arguments& v) {
         Notification notification;
         notification.sOperation = "remove";
         notification.sID = Narrow(v[0]);
         notification.sPath = Narrow(v[1]);
         return ask(notification);
     };
-    methods["renameRedirectedFile(Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;)I"] =
-        [ask](const Arguments& v) {
-            Notification notification;
-            notification.sOperation = "rename";
-            notification.sID = Narrow(v[0]);
-            notification.sPath = Narrow(v[1]);
-            notification.sPathTo = Narrow(v[2]);
-            return ask(notification);
-        };
-    methods["writeRedirectedFile(Ljava/lang/String;Ljava/lang/String;JII)I"] = [ask](const Arguments& v) {
+    methods[kHostRename] = [ask](const Arguments& v) {
+        Notification notification;
+        notification.sOperation = "rename";
+        notification.sID = Narrow(v[0]);
+        notification.sPath = Narrow(v[1]);
+        notification.sPathTo = Narrow(v[2]);
+        return ask(notification);
+    };
+    methods[kHostWrite] = [ask](const Arguments& v) {
         Notification notification;
         notification.sOperation = "write";
         notification.sID = Narrow(v[0]);
