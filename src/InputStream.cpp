@@ -86,13 +86,6 @@ unsigned int CInputStream::Read(void* pvData, unsigned int iSize) {
     return iSize;
 }
 
-unsigned int CInputStream::Read(unsigned int* piValue) {
-    std::uint32_t iBigEndian = 0;
-    Read(&iBigEndian, sizeof(iBigEndian));
-    *piValue = be32toh(iBigEndian);
-    return sizeof(iBigEndian);
-}
-
 unsigned int CInputStream::Read8(unsigned long* plValue) {
     std::uint64_t lBigEndian = 0;
     Read(&lBigEndian, sizeof(lBigEndian));
@@ -100,18 +93,10 @@ unsigned int CInputStream::Read8(unsigned long* plValue) {
     return sizeof(lBigEndian);
 }
 
-unsigned int CInputStream::Skip(unsigned int iSize) {
-    Need(iSize);
-    m_iIndex += iSize;
-    return iSize;
-}
-
 unsigned int CInputStream::SkipRemainOpaque(unsigned int iSize) {
     return Skip((4 - (iSize & 3U)) & 3U);
 }
 
-void CInputStream::Need(unsigned int iSize) const {
-    if (iSize > GetFilledBufferSize()) {
-        throw CDataTruncatedExpt(iSize, GetFilledBufferSize());
-    }
+void CInputStream::ThrowTruncated(unsigned int iSize) const {
+    throw CDataTruncatedExpt(iSize, GetFilledBufferSize());
 }

@@ -1,6 +1,11 @@
 // XDR input (RFC 4506): decodes what a socket received.
 #pragma once
 
+#include <cstdint>
+#include <cstring>
+
+#include <endian.h>
+
 #include "SocketStream.h"
 
 /// Received bytes and a read position. Every decoder throws CDataTruncatedExpt, and moves nothing, when fewer
@@ -54,9 +59,31 @@ public:
     unsigned int SkipRemainOpaque(unsigned int iSize);
 
 private:
-    void Need(unsigned int iSize) const;
+    void Need(unsigned int iSize) const {
+        if (iSize > GetFilledBufferSize()) {
+            ThrowTruncated(iSize);
+        }
+    }
+    [[noreturn]] void ThrowTruncated(unsigned int iSize) const;
 
     unsigned int m_iSearchedFrom = 0;  ///< the stretch of buffer positions searched in vain
     unsigned int m_iSearchedTo = 0;
     unsigned int m_nToDiscard = 0;  ///< of the bytes still to come; while it is not 0 nothing is unread
 };
+
+// ---- Word by word: part of every call
+
+inline unsigned int CInputStream::Read(unsigned int* piValue) {
+    std::uint32_t iBigEndian = 0;
+    Need(sizeof(iBigEndian));
+    std::memcpy(&iBigEndian, GetCurrentBuffer(), sizeof(iBigEndian));
+    m_iIndex += static_cast<unsigned int>(sizeof(iBigEndian));
+    *piValue = be32toh(iBigEndian);
+    return sizeof(iBigEndian);
+}
+
+inline unsigned int CInputStream::Skip(unsigned int iSize) {
+    Need(iSize);
+    m_iIndex += iSize;
+    return iSize;
+}

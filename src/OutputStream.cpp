@@ -3,29 +3,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstring>
-
-#include <endian.h>
-
-unsigned int COutputStream::Write(const void* pvData, unsigned int iSize) {
-    const unsigned int nWritten = std::min(iSize, GetFreeBufferSize());
-    if (pvData != nullptr && nWritten > 0) {
-        std::memcpy(GetCurrentBuffer(), pvData, nWritten);
-    }
-    m_iIndex += nWritten;
-    m_iSize = std::max(m_iSize, m_iIndex);
-    return nWritten;
-}
-
-unsigned int COutputStream::Write(unsigned int iValue) {
-    const std::uint32_t iBigEndian = htobe32(iValue);
-    return Write(&iBigEndian, sizeof(iBigEndian));
-}
-
-unsigned int COutputStream::Write8(unsigned long lValue) {
-    const std::uint64_t lBigEndian = htobe64(lValue);
-    return Write(&lBigEndian, sizeof(lBigEndian));
-}
 
 void COutputStream::Seek(int iOffset, int iType) {
     std::int64_t lPosition = iOffset;

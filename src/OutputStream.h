@@ -1,6 +1,12 @@
 // XDR output (RFC 4506): a reply being built.
 #pragma once
 
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+
+#include <endian.h>
+
 #include "SocketStream.h"
 
 /// A write position and the high-water mark of what was written. What does not fit into the buffer is dropped.
@@ -29,3 +35,25 @@ public:
     /// Drops the first bytes after they were sent. The position becomes 0 only if it lay within them.
     void FreeBuffer(unsigned int iSize);
 };
+
+// ---- Word by word: part of every reply
+
+inline unsigned int COutputStream::Write(const void* pvData, unsigned int iSize) {
+    const unsigned int nWritten = std::min(iSize, GetFreeBufferSize());
+    if (pvData != nullptr && nWritten > 0) {
+        std::memcpy(GetCurrentBuffer(), pvData, nWritten);
+    }
+    m_iIndex += nWritten;
+    m_iSize = std::max(m_iSize, m_iIndex);
+    return nWritten;
+}
+
+inline unsigned int COutputStream::Write(unsigned int iValue) {
+    const std::uint32_t iBigEndian = htobe32(iValue);
+    return Write(&iBigEndian, sizeof(iBigEndian));
+}
+
+inline unsigned int COutputStream::Write8(unsigned long lValue) {
+    const std::uint64_t lBigEndian = htobe64(lValue);
+    return Write(&lBigEndian, sizeof(lBigEndian));
+}

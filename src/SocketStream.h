@@ -1,11 +1,14 @@
 // The byte buffer under both XDR streams.
 #pragma once
 
-#include <cstdlib>
 #include <memory>
 
 /// A buffer of 1 MiB with a position and a count of valid bytes. Made once per socket and reused for every call.
 /// Not locked: the thread of the socket that owns the stream is its only user. Never copied.
+///
+/// The buffer begins on a page: where its bytes lay just behind a page's begin, as those of the C library's large
+/// blocks do, common processors would take several times as long for what the kernel copies between pages and it. A
+/// page that nobody can touch follows, so that no error could reach what lies behind.
 class CSocketStream {
 public:
     CSocketStream();
@@ -20,10 +23,13 @@ public:
     static unsigned int ReverseByteOrder(const unsigned int* piValue);
 
 protected:
-    struct Free {
-        void operator()(char* pcBuffer) const { std::free(pcBuffer); }
+    struct Unmap {
+        void operator()(char* pcBuffer) const;
     };
-    std::unique_ptr<char[], Free> m_pcBuffer;  ///< GetMaxBufferSize() bytes, zero at the start, untouched until used
-    unsigned int m_iIndex = 0;                 ///< read position (input) or write position (output)
-    unsigned int m_iSize = 0;                  ///< valid bytes; for output the high-water mark
+    std::unique_ptr<char[], Unmap> m_pcBuffer;  ///< GetMaxBufferSize() bytes, zero at the start, untouched until used
+    unsigned int m_iIndex = 0;                  ///< read position (input) or write position (output)
+    unsigned int m_iSize = 0;                   ///< valid bytes; for output the high-water mark
+
+private:
+    static char* MapBuffer();
 };

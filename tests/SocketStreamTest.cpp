@@ -1,7 +1,12 @@
 // What both XDR streams share.
 #include "SocketStream.h"
 
+#include <cerrno>
+#include <cstdint>
 #include <cstring>
+
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -31,4 +36,24 @@ TEST(SocketStream, AFreshBufferIsZero) {
     ASSERT_NE(pcBytes, nullptr);
     EXPECT_EQ(pcBytes[0], 0);
     EXPECT_EQ(std::memcmp(pcBytes, pcBytes + 1, input.GetMaxBufferSize() - 1), 0);
+}
+
+// Nothing but the time that the kernel's copies take would tell.
+TEST(SocketStream, ABufferBeginsOnAPage) {
+    constexpr std::uintptr_t kPage = 4096;
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(CInputStream().GetCurrentBuffer()) % kPage, 0U);
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(COutputStream().GetCurrentBuffer()) % kPage, 0U);
+}
+
+// The kernel refuses to write from where the process may not read, and tells so.
+TEST(SocketStream, WhatLiesBehindABufferCannotBeTouched) {
+    COutputStream output;
+    const char* pcEnd = output.GetBuffer() + COutputStream::GetMaxBufferSize();
+    int iPipe[2];
+    ASSERT_EQ(::pipe2(iPipe, O_CLOEXEC), 0);
+    EXPECT_EQ(::write(iPipe[1], pcEnd - 1, 1), 1);
+    EXPECT_EQ(::write(iPipe[1], pcEnd, 1), -1);
+    EXPECT_EQ(errno, EFAULT);
+    ::close(iPipe[0]);
+    ::close(iPipe[1]);
 }
