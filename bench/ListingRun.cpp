@@ -14,35 +14,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "LoadConnection.h"
+#include "ListingReply.h"
 #include "NfsMessages.h"
-
-namespace {
-
-constexpr std::uint32_t kProcReaddirplus = 17;
-
-/// Reads one reply: appends the names and moves the cookie on. True if it is the last one.
-bool ReadReply(std::string_view sReply, std::uint64_t* piCookie, std::vector<std::string>* pvsNames) {
-    ReplyReader reader(sReply);
-    reader.ExpectHead(0);
-    reader.Expect("status", 0);
-    reader.SkipAttributes();
-    reader.U64();  // verifier
-    while (reader.U32() != 0) {
-        reader.U64();  // file ID
-        pvsNames->emplace_back(reader.Opaque());
-        *piCookie = reader.U64();
-        reader.Expect("attributes follow", 1);
-        reader.Skip(kAttributesSize);
-        reader.Expect("handle follows", 1);
-        reader.Opaque();
-    }
-    const bool bEof = reader.U32() != 0;
-    reader.ExpectEnd();
-    return bEof;
-}
-
-}  // namespace
+#include "TcpExchange.h"
 
 LargeFolder::LargeFolder(std::string sPath, std::size_t nFiles) : m_sPath(std::move(sPath)), m_nFiles(nFiles) {
     ::mkdir(m_sPath.c_str(), 0755);
@@ -77,14 +51,17 @@ double ListFolder(int iNfsPort, const std::string& sHandle, std::size_t nFiles) 
     CallBuilder builder(kNfsProgram, kProcReaddirplus);
     builder.Opaque(sHandle);
     const std::uint32_t iCookieAt = builder.Position();
-    std::string sCall = builder.U64(0).U64(0).U32(4096).U32(32768).Finish();
+    std::string sCall = builder.U64(0).U64(0).U32(kListDirCount).U32(kListMaxCount).Finish();
     std::vector<std::string> vsNames;
     vsNames.reserve(nFiles);
-    std::uint64_t iCookie = 0;
     const auto start = std::chrono::steady_clock::now();
     for (bool bEof = false; !bEof;) {
-        PutLong(sCall.data() + iCookieAt, iCookie);
-        bEof = ReadReply(Exchange(iSocket, sCall), &iCookie, &vsNames);
+        const std::string sReply = Exchange(iSocket, sCall);
+        const ListingReply listing = ReadListing(sReply, 0);
+        vsNames.insert(vsNames.end(), listing.vsNames.begin(), listing.vsNames.end());
+        PutLong(sCall.data() + iCookieAt, listing.iCookie);
+        PutLong(sCall.data() + iCookieAt + 8, listing.iVerifier);
+        bEof = listing.bEof;
     }
     const double dSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     ::close(iSocket);

@@ -3,60 +3,71 @@
 
 #include <chrono>
 #include <cstdint>
-#include <deque>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include <sys/uio.h>
+
 #include "Row.h"
 
-/// Connects to a port on this machine; throws std::runtime_error.
-int ConnectTo(int iPort);
-/// Sends everything; throws std::runtime_error.
-void SendAll(int iSocket, std::string_view sBytes);
-/// Receives one record, mark included; throws std::runtime_error.
-std::string ReceiveRecord(int iSocket);
-/// Sends one call and receives its reply.
-std::string Exchange(int iSocket, const std::string& sCall);
-
-/// Sends calls of one row and judges their replies, which may come in any order: other servers than ours answer calls
-/// side by side.
+/// Runs operations of one row and judges their replies, which may come in any order: other servers than ours answer
+/// calls side by side. Calls that are due at the same time leave in one send, so that the load costs as little as it
+/// can and the servers' work shows.
 class LoadConnection {
 public:
     using Clock = std::chrono::steady_clock;
 
-    /// The row and the folder outlive the connection; the socket is taken over. Offsets go on from iFirstBlock.
-    LoadConnection(int iSocket, const Row& row, const LoadFolder& folder, std::uint64_t iFirstBlock);
+    /// The row and the folder outlive the connection; the socket is taken over. The number tells it from others of the
+    /// same session: offsets and names differ by it. Each slot has one call in flight.
+    LoadConnection(int iSocket, const Row& row, const LoadFolder& folder, int iNumber, int nSlots);
     ~LoadConnection();
     LoadConnection(const LoadConnection&) = delete;
     LoadConnection& operator=(const LoadConnection&) = delete;
 
     int GetSocket() const { return m_iSocket; }
-    std::size_t GetInFlight() const { return m_Pending.size(); }
-    void SendCall();
-    /// Receives once and judges every whole reply; appends the latencies in nanoseconds. Returns their number.
-    /// Throws WrongReply, or std::runtime_error when the server closes.
-    std::size_t ReceiveReplies(std::vector<std::uint32_t>* pvLatencies);
+    bool IsIdle() const { return m_nInFlight == 0; }
+    /// Begins an operation in every slot; what they write is of this generation. The blocks they write are marked.
+    void Begin(std::uint32_t iGeneration, std::vector<bool>* pvbWritten);
+    /// Receives once, judges every whole reply, and begins a new operation for each that ended, unless it is later
+    /// than the deadline. Appends the latencies in nanoseconds and returns the time of the receive. Throws WrongReply,
+    /// or std::runtime_error when the server closes or says nothing any more.
+    Clock::time_point Receive(Clock::time_point deadline, std::vector<std::uint32_t>* pvLatencies);
 
 private:
-    struct Pending {
-        std::uint32_t iXid;
-        std::uint64_t iOffset;
+    struct Slot {
+        std::vector<std::string> vsCalls;  ///< one of each kind, filled in for this slot
+        std::size_t iOperation = 0;
+        std::size_t iStep = 0;
+        std::uint32_t iXid = 0;
+        std::uint64_t iOffset = 0;
+        bool bInFlight = false;
         Clock::time_point start;
     };
 
-    std::uint64_t NextOffset();
-    /// The call in flight that a reply belongs to; throws WrongReply.
-    std::deque<Pending>::iterator FindCall(std::string_view sReply);
+    const CallKind& KindOf(const Slot& slot) const;
+    std::uint64_t NextOffset(const CallKind& kind);
+    void BeginOperation(std::size_t iSlot, Clock::time_point now);
+    /// Makes the call of the operation's present step; it leaves with Flush.
+    void QueueCall(std::size_t iSlot);
+    void Flush();
+    /// The slot whose call a reply answers; throws WrongReply.
+    std::size_t FindSlot(std::string_view sReply) const;
+    void TakeReply(std::string_view sReply, Clock::time_point now, Clock::time_point deadline,
+                   std::vector<std::uint32_t>* pvLatencies);
 
     int m_iSocket;
     const Row& m_Row;
     const LoadFolder& m_Folder;
-    std::string m_sCall;
+    std::vector<Slot> m_vSlots;
+    std::vector<iovec> m_vQueued;
+    std::vector<char> m_vcReceived;
+    std::vector<bool>* m_pvbWritten = nullptr;
+    std::size_t m_nReceived = 0;
+    std::size_t m_nInFlight = 0;
+    std::size_t m_iNextOperation = 0;
     std::uint64_t m_iBlock;
     std::uint64_t m_iRandom;
-    std::uint32_t m_iXid = 0;
-    std::deque<Pending> m_Pending;
-    std::vector<char> m_vcReceived;
-    std::size_t m_nReceived = 0;
+    std::uint32_t m_iGeneration = 0;
+    std::uint32_t m_nCalls = 0;
 };

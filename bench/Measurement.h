@@ -1,28 +1,36 @@
-// Running one row and what came of it.
+// What came of the rounds of one row.
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
-#include "Row.h"
+#include "LoadSession.h"
 
-/// How the calls of a row are made.
-struct LoadShape {
-    int nConnections = 1;
-    int nDepth = 1;  ///< calls in flight on each connection
-    std::uint64_t nOperations = 5000;
+/// The middle of some figures, and the bounds of their inner half.
+struct Spread {
+    double dLower = 0;
+    double dMedian = 0;
+    double dUpper = 0;
 };
 
-/// One run of one row.
+/// The spread of figures in any order; zeros if there are none.
+Spread SpreadOf(std::vector<double> vdFigures);
+
+/// All rounds of one row at one server.
 struct Measurement {
-    double dSeconds = 0;
-    std::vector<std::uint32_t> vLatencies;  ///< nanoseconds, sorted
+    std::string sServer;
+    bool bBare = false;
+    std::vector<Round> vRounds;
+    std::vector<std::uint32_t> vLatencies;  ///< of all rounds, nanoseconds
 
-    double OperationsPerSecond() const { return static_cast<double>(vLatencies.size()) / dSeconds; }
-    /// In microseconds; the fraction is at most 1.
+    void SortLatencies();
+    /// Operations per second: the median round.
+    double Median() const;
+    double Best() const;
+    /// After SortLatencies: in microseconds, over the operations of all rounds; the fraction is at most 1.
     double Percentile(double dFraction) const;
+    /// Round by round the speed as a share of another server's in the same round, which the same neighbours on the
+    /// machine disturbed.
+    Spread ShareOf(const Measurement& other) const;
 };
-
-/// Runs a row against a server. With a setup the server is the bare one and gets the setup and the reply first.
-Measurement RunRow(int iPort, const Row& row, const LoadFolder& folder, const LoadShape& shape,
-                   const BareSetup* pBareSetup, const std::string& sBareReply);

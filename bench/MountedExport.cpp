@@ -7,8 +7,8 @@
 
 #include <unistd.h>
 
-#include "LoadConnection.h"
 #include "NfsMessages.h"
+#include "TcpExchange.h"
 
 namespace {
 

@@ -1,182 +1,65 @@
-// Calls and the checks of their replies (RFC 1813).
+// Rows made of kinds of calls.
 #include "Row.h"
 
-#include <cstring>
-
-#include "NfsMessages.h"
+#include <utility>
 
 namespace {
 
-constexpr std::uint32_t kProcNull = 0;
-constexpr std::uint32_t kProcGetattr = 1;
-constexpr std::uint32_t kProcLookup = 3;
-constexpr std::uint32_t kProcRead = 6;
-constexpr std::uint32_t kProcWrite = 7;
-constexpr std::uint32_t kProcReaddirplus = 17;
-constexpr std::uint32_t kFileSync = 2;
-constexpr std::uint32_t kRegularFile = 1;
-/// Entries in one reply of this server.
-constexpr std::uint32_t kEntriesPerReply = 10;
-
-Row MakeNull() {
-    Row row;
-    row.sName = "NULL";
-    row.sCall = CallBuilder(kNfsProgram, kProcNull).Finish();
-    row.Check = [](std::string_view sReply, std::uint32_t iXid, std::uint64_t) -> std::uint32_t {
-        ReplyReader reader(sReply);
-        reader.ExpectHead(iXid);
-        reader.ExpectEnd();
-        return 0;
-    };
-    return row;
-}
-
-Row MakeGetattr(const LoadFolder& folder) {
-    Row row;
-    row.sName = "GETATTR";
-    row.sCall = CallBuilder(kNfsProgram, kProcGetattr).Opaque(folder.sReadHandle).Finish();
-    row.Check = [](std::string_view sReply, std::uint32_t iXid, std::uint64_t) -> std::uint32_t {
-        ReplyReader reader(sReply);
-        reader.ExpectHead(iXid);
-        reader.Expect("status", 0);
-        reader.Expect("type", kRegularFile);
-        reader.Skip(16);  // mode, links, user, group
-        if (reader.U64() != kFileSize) {
-            throw WrongReply("wrong file size");
-        }
-        reader.Skip(kAttributesSize - 28);
-        reader.ExpectEnd();
-        return 0;
-    };
-    return row;
-}
-
-Row MakeLookup(const LoadFolder& folder) {
-    Row row;
-    row.sName = "LOOKUP";
-    row.sCall = CallBuilder(kNfsProgram, kProcLookup).Opaque(folder.sRootHandle).Opaque(folder.sReadName).Finish();
-    row.Check = [&folder](std::string_view sReply, std::uint32_t iXid, std::uint64_t) -> std::uint32_t {
-        ReplyReader reader(sReply);
-        reader.ExpectHead(iXid);
-        reader.Expect("status", 0);
-        if (reader.Opaque() != folder.sReadHandle) {
-            throw WrongReply("wrong handle");
-        }
-        reader.SkipAttributes();
-        reader.SkipAttributes();
-        reader.ExpectEnd();
-        return 0;
-    };
-    return row;
-}
-
-Row MakeRead(const LoadFolder& folder, const char* pcName, std::uint32_t nData, bool bRandom) {
+Row MakeSimple(const char* pcName, CallKind kind) {
     Row row;
     row.sName = pcName;
-    CallBuilder call(kNfsProgram, kProcRead);
-    call.Opaque(folder.sReadHandle);
-    row.iOffsetAt = call.Position();
-    row.sCall = call.U64(0).U32(nData).Finish();
-    row.work = BareWork::kRead;
-    row.nData = nData;
-    row.bRandom = bRandom;
-    row.Check = [&folder, nData](std::string_view sReply, std::uint32_t iXid, std::uint64_t iOffset) {
-        ReplyReader reader(sReply);
-        reader.ExpectHead(iXid);
-        reader.Expect("status", 0);
-        reader.SkipAttributes();
-        reader.Expect("count", nData);
-        reader.Expect("end of file", 0);
-        const std::string_view sData = reader.Opaque();
-        reader.ExpectEnd();
-        if (sData.size() != nData || std::memcmp(sData.data(), folder.sContent.data() + iOffset, nData) != 0) {
-            throw WrongReply("wrong data at offset " + std::to_string(iOffset));
-        }
-        return static_cast<std::uint32_t>(sData.data() - sReply.data());
-    };
+    row.vKinds.push_back(std::move(kind));
+    row.vOperations = {{0}};
+    row.vOrder = {0};
     return row;
 }
 
-Row MakeWrite(const LoadFolder& folder, const char* pcName, std::uint32_t nData) {
+Row MakePair(const Handles& handles, const LoadFolder& folder) {
     Row row;
-    row.sName = pcName;
-    CallBuilder call(kNfsProgram, kProcWrite);
-    call.Opaque(folder.sWriteHandle);
-    row.iOffsetAt = call.Position();
-    row.sCall = call.U64(0).U32(nData).U32(kFileSync).U32(nData).Finish();
-    PutWord(row.sCall.data(), kLastFragment | static_cast<std::uint32_t>(row.sCall.size() + nData - 4));
-    row.work = BareWork::kWrite;
-    row.nData = nData;
-    auto pVerifier = std::make_shared<std::uint64_t>(0);
-    row.Check = [pVerifier, nData](std::string_view sReply, std::uint32_t iXid, std::uint64_t) -> std::uint32_t {
-        ReplyReader reader(sReply);
-        reader.ExpectHead(iXid);
-        reader.Expect("status", 0);
-        if (reader.U32() != 0) {
-            reader.Skip(24);  // wcc_attr
-        }
-        reader.SkipAttributes();
-        reader.Expect("count", nData);
-        reader.Expect("committed", kFileSync);
-        const std::uint64_t iVerifier = reader.U64();
-        if (*pVerifier != 0 && *pVerifier != iVerifier) {
-            throw WrongReply("the write verifier changed");
-        }
-        *pVerifier = iVerifier;
-        reader.ExpectEnd();
-        return 0;
-    };
+    row.sName = "CREATE+REMOVE";
+    row.vKinds = {MakeCreate(handles, folder), MakeRemove(handles, folder)};
+    row.vOperations = {{0, 1}};
+    row.vOrder = {0};
     return row;
 }
 
-Row MakeReaddirplus(const LoadFolder& folder) {
+/// Of 20 operations 6 are GETATTR, 4 LOOKUP, 3 ACCESS, 4 READ and 2 WRITE of 4 KiB, and one is CREATE and REMOVE: what
+/// a client does that works with many small files.
+Row MakeMix(const Handles& handles, const LoadFolder& folder) {
+    constexpr std::uint32_t kSmall = 4096;
     Row row;
-    row.sName = "READDIRPLUS";
-    row.sCall = CallBuilder(kNfsProgram, kProcReaddirplus)
-                    .Opaque(folder.sListHandle)
-                    .U64(0)
-                    .U64(0)
-                    .U32(4096)
-                    .U32(32768)
-                    .Finish();
-    row.bCompared = false;
-    row.Check = [](std::string_view sReply, std::uint32_t iXid, std::uint64_t) -> std::uint32_t {
-        ReplyReader reader(sReply);
-        reader.ExpectHead(iXid);
-        reader.Expect("status", 0);
-        reader.SkipAttributes();
-        reader.U64();  // verifier
-        std::uint64_t nEntries = 0;
-        while (reader.U32() != 0) {
-            reader.U64();  // file ID
-            if (reader.Opaque().empty() || reader.U64() != ++nEntries) {
-                throw WrongReply("wrong name or cookie");
-            }
-            reader.Expect("attributes follow", 1);
-            reader.Skip(kAttributesSize);
-            reader.Expect("handle follows", 1);
-            reader.Opaque();
-        }
-        reader.Expect("end of directory", 0);
-        reader.ExpectEnd();
-        if (nEntries != kEntriesPerReply) {
-            throw WrongReply(std::to_string(nEntries) + " entries");
-        }
-        return 0;
-    };
+    row.sName = "MIX";
+    row.vKinds = {MakeGetattr(handles),       MakeLookup(handles, folder),
+                  MakeAccess(handles),        MakeRead(handles, folder, kSmall, true),
+                  MakeWrite(handles, kSmall), MakeCreate(handles, folder),
+                  MakeRemove(handles, folder)};
+    row.vOperations = {{0}, {1}, {2}, {3}, {4}, {5, 6}};
+    row.vOrder = {0, 1, 3, 0, 2, 1, 4, 0, 3, 2, 5, 0, 1, 3, 0, 4, 1, 2, 0, 3};
     return row;
 }
 
 }  // namespace
 
-std::vector<Row> MakeRows(const LoadFolder& folder) {
-    std::vector<Row> vRows;
-    vRows.push_back(MakeNull());
-    vRows.push_back(MakeGetattr(folder));
-    vRows.push_back(MakeLookup(folder));
-    vRows.push_back(MakeRead(folder, "READ4K", 4096, true));
-    vRows.push_back(MakeRead(folder, "READ64K", 65536, false));
-    vRows.push_back(MakeWrite(folder, "WRITE16K", 16384));
-    vRows.push_back(MakeReaddirplus(folder));
-    return vRows;
+double Row::BytesPerOperation() const {
+    double dBytes = 0;
+    for (const std::size_t iOperation : vOrder) {
+        for (const std::size_t iKind : vOperations[iOperation]) {
+            dBytes += vKinds[iKind].nData;
+        }
+    }
+    return dBytes / static_cast<double>(vOrder.size());
+}
+
+std::vector<Row> MakeRows(const Handles& handles, const LoadFolder& folder) {
+    return {MakeSimple("NULL", MakeNull()),
+            MakeSimple("GETATTR", MakeGetattr(handles)),
+            MakeSimple("LOOKUP", MakeLookup(handles, folder)),
+            MakeSimple("ACCESS", MakeAccess(handles)),
+            MakeSimple("READ4K", MakeRead(handles, folder, 4096, true)),
+            MakeSimple("READ64K", MakeRead(handles, folder, 65536, false)),
+            MakeSimple("WRITE4K", MakeWrite(handles, 4096)),
+            MakeSimple("WRITE16K", MakeWrite(handles, 16384)),
+            MakePair(handles, folder),
+            MakeMix(handles, folder),
+            MakeSimple("READDIRPLUS", MakeReaddirplus(handles))};
 }

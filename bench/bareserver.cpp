@@ -1,10 +1,12 @@
-// The floor that the NFS server is measured against: for every call the same pread or pwrite and a reply of the same
-// size, received and sent in the same way, and nothing else.
+// The floor that an NFS server is measured against: for every call the same pread, pwrite, open or unlink and a reply
+// of the same size, received and sent with as few system calls as can be, and nothing else.
 //
 // usage: bareserver PORT
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -21,55 +23,151 @@
 namespace {
 
 bool ReceiveAll(int iSocket, void* pvBytes, std::size_t nBytes) {
-    return ::recv(iSocket, pvBytes, nBytes, MSG_WAITALL) == static_cast<ssize_t>(nBytes);
+    return nBytes == 0 || ::recv(iSocket, pvBytes, nBytes, MSG_WAITALL) == static_cast<ssize_t>(nBytes);
 }
 
-/// Does the work of one call and sends its reply.
-bool Answer(int iSocket, int iFile, const BareSetup& setup, const char* pcCall, char* pcReply) {
-    std::uint64_t iOffset = 0;
-    if (setup.work != BareWork::kNothing) {
-        std::memcpy(&iOffset, pcCall + setup.iOffsetAt, sizeof(iOffset));
-    }
-    const off_t iPosition = static_cast<off_t>(be64toh(iOffset));
-    if (setup.work == BareWork::kRead &&
-        ::pread(iFile, pcReply + setup.iDataAt, setup.nData, iPosition) != static_cast<ssize_t>(setup.nData)) {
-        return false;
-    }
-    if (setup.work == BareWork::kWrite &&
-        ::pwrite(iFile, pcCall + setup.iDataAt, setup.nData, iPosition) != static_cast<ssize_t>(setup.nData)) {
-        return false;
-    }
-    std::memcpy(pcReply + kXidAt, pcCall + kXidAt, sizeof(std::uint32_t));
-    return ::send(iSocket, pcReply, setup.iReplySize, MSG_NOSIGNAL) == static_cast<ssize_t>(setup.iReplySize);
-}
-
-/// Receives as much as there is and answers every complete call, as the NFS server does.
-void Serve(int iSocket) {
-    BareSetup setup;
-    std::vector<char> vcReply(kBareBufferSize);
-    std::vector<char> vcCalls(kBareBufferSize);
-    bool bOk = ReceiveAll(iSocket, &setup, sizeof(setup)) && setup.iCallSize > 0 &&
-               setup.iCallSize <= kBareBufferSize && setup.iReplySize <= kBareBufferSize &&
-               ReceiveAll(iSocket, vcReply.data(), setup.iReplySize);
-    setup.cPath[sizeof(setup.cPath) - 1] = '\0';
-    const int iFile = setup.work == BareWork::kNothing ? -1 : ::open(setup.cPath, O_RDWR | O_CLOEXEC);
-    std::size_t nFilled = 0;
-    while (bOk) {
-        const ssize_t nReceived = ::recv(iSocket, vcCalls.data() + nFilled, vcCalls.size() - nFilled, 0);
-        bOk = nReceived > 0;
-        nFilled += bOk ? static_cast<std::size_t>(nReceived) : 0;
-        std::size_t iNext = 0;
-        for (; bOk && nFilled - iNext >= setup.iCallSize; iNext += setup.iCallSize) {
-            bOk = Answer(iSocket, iFile, setup, vcCalls.data() + iNext, vcReply.data());
+/// A descriptor that goes with its scope.
+class OwnedDescriptor {
+public:
+    explicit OwnedDescriptor(int iDescriptor) : m_iDescriptor(iDescriptor) {}
+    ~OwnedDescriptor() {
+        if (m_iDescriptor >= 0) {
+            ::close(m_iDescriptor);
         }
-        nFilled -= iNext;
-        std::memmove(vcCalls.data(), vcCalls.data() + iNext, nFilled);
     }
-    if (iFile >= 0) {
-        ::close(iFile);
+    OwnedDescriptor(const OwnedDescriptor&) = delete;
+    OwnedDescriptor& operator=(const OwnedDescriptor&) = delete;
+    int Get() const { return m_iDescriptor; }
+
+private:
+    int m_iDescriptor;
+};
+
+/// One connection.
+class Connection {
+public:
+    explicit Connection(int iSocket) : m_Socket(iSocket) {}
+
+    /// Answers until the peer is gone or says something wrong.
+    void Run() {
+        if (!ReadSetup()) {
+            return;
+        }
+        const OwnedDescriptor readFile(::open(m_Setup.cReadPath, O_RDONLY | O_CLOEXEC));
+        const OwnedDescriptor writeFile(::open(m_Setup.cWritePath, O_RDWR | O_CLOEXEC));
+        const OwnedDescriptor folder(::open(m_Setup.cFolder, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        m_iReadFile = readFile.Get();
+        m_iWriteFile = writeFile.Get();
+        m_iFolder = folder.Get();
+        while (ServeOnce()) {
+        }
     }
-    ::close(iSocket);
-}
+
+private:
+    bool ReadSetup() {
+        if (!ReceiveAll(m_Socket.Get(), &m_Setup, sizeof(m_Setup)) || m_Setup.nKinds > kMostBareKinds) {
+            return false;
+        }
+        m_Setup.cReadPath[sizeof(m_Setup.cReadPath) - 1] = '\0';
+        m_Setup.cWritePath[sizeof(m_Setup.cWritePath) - 1] = '\0';
+        m_Setup.cFolder[sizeof(m_Setup.cFolder) - 1] = '\0';
+        for (std::uint32_t i = 0; i < m_Setup.nKinds; ++i) {
+            const BareKind& kind = m_Setup.kinds[i];
+            if (kind.iCallSize <= kXidAt + 4 || kind.iCallSize > kBareBufferSize || kind.iReplySize <= kXidAt + 4 ||
+                kind.iReplySize > kBareCollected || !Fits(kind)) {
+                return false;
+            }
+            m_vReplies.emplace_back(kind.iReplySize, '\0');
+            if (!ReceiveAll(m_Socket.Get(), m_vReplies.back().data(), kind.iReplySize)) {
+                return false;
+            }
+        }
+        return true;
+    }
+
+    /// What a kind names lies inside its calls and replies.
+    static bool Fits(const BareKind& kind) {
+        const std::uint32_t nHolder = kind.work == BareWork::kWrite ? kind.iCallSize : kind.iReplySize;
+        return kind.iDataAt <= nHolder && kind.nData <= nHolder - kind.iDataAt && kind.iCallSize >= 8 &&
+               kind.iOffsetAt <= kind.iCallSize - 8 && kind.iNameAt < kind.iCallSize;
+    }
+
+    /// Receives as much as there is and answers every complete call; the replies leave together.
+    bool ServeOnce() {
+        const ssize_t nReceived = ::recv(m_Socket.Get(), m_vcCalls.data() + m_nFilled, m_vcCalls.size() - m_nFilled, 0);
+        if (nReceived <= 0) {
+            return false;
+        }
+        m_nFilled += static_cast<std::size_t>(nReceived);
+        std::size_t iNext = 0;
+        while (m_nFilled - iNext > kXidAt) {
+            const std::size_t iKind = static_cast<unsigned char>(m_vcCalls[iNext + kXidAt]);
+            if (iKind >= m_vReplies.size()) {
+                return false;
+            }
+            const BareKind& kind = m_Setup.kinds[iKind];
+            if (m_nFilled - iNext < kind.iCallSize) {
+                break;
+            }
+            if (m_nCollected + kind.iReplySize > m_vcCollected.size() && !SendCollected()) {
+                return false;
+            }
+            if (!Answer(kind, m_vReplies[iKind], m_vcCalls.data() + iNext)) {
+                return false;
+            }
+            iNext += kind.iCallSize;
+        }
+        m_nFilled -= iNext;
+        std::memmove(m_vcCalls.data(), m_vcCalls.data() + iNext, m_nFilled);
+        return SendCollected();
+    }
+
+    /// Does the work of one call and collects its reply.
+    bool Answer(const BareKind& kind, const std::string& sReply, const char* pcCall) {
+        char* pcReply = m_vcCollected.data() + m_nCollected;
+        const std::size_t nHead = kind.work == BareWork::kRead ? kind.iDataAt : kind.iReplySize;
+        std::memcpy(pcReply, sReply.data(), nHead);
+        std::memcpy(pcReply + kXidAt, pcCall + kXidAt, sizeof(std::uint32_t));
+        m_nCollected += kind.iReplySize;
+        std::uint64_t iOffset = 0;
+        std::memcpy(&iOffset, pcCall + kind.iOffsetAt, sizeof(iOffset));
+        const off_t iPosition = static_cast<off_t>(be64toh(iOffset));
+        const auto nData = static_cast<ssize_t>(kind.nData);
+        switch (kind.work) {
+            case BareWork::kRead:
+                return ::pread(m_iReadFile, pcReply + kind.iDataAt, kind.nData, iPosition) == nData;
+            case BareWork::kWrite:
+                return ::pwrite(m_iWriteFile, pcCall + kind.iDataAt, kind.nData, iPosition) == nData;
+            case BareWork::kCreate:
+                return OwnedDescriptor(
+                           ::openat(m_iFolder, pcCall + kind.iNameAt, O_CREAT | O_EXCL | O_RDWR | O_CLOEXEC, 0644))
+                           .Get() >= 0;
+            case BareWork::kRemove:
+                return ::unlinkat(m_iFolder, pcCall + kind.iNameAt, 0) == 0;
+            case BareWork::kNothing:
+                break;
+        }
+        return true;
+    }
+
+    bool SendCollected() {
+        const auto nBytes = static_cast<ssize_t>(m_nCollected);
+        m_nCollected = 0;
+        return nBytes == 0 ||
+               ::send(m_Socket.Get(), m_vcCollected.data(), static_cast<std::size_t>(nBytes), MSG_NOSIGNAL) == nBytes;
+    }
+
+    OwnedDescriptor m_Socket;
+    BareSetup m_Setup;
+    std::vector<std::string> m_vReplies;
+    std::vector<char> m_vcCalls = std::vector<char>(kBareBufferSize);
+    std::vector<char> m_vcCollected = std::vector<char>(kBareCollected);
+    std::size_t m_nFilled = 0;
+    std::size_t m_nCollected = 0;
+    int m_iReadFile = -1;
+    int m_iWriteFile = -1;
+    int m_iFolder = -1;
+};
 
 int Listen(int iPort) {
     const int iListener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -102,6 +200,6 @@ int main(int argc, char** argv) {
         }
         const int iOn = 1;
         ::setsockopt(iSocket, IPPROTO_TCP, TCP_NODELAY, &iOn, sizeof(iOn));
-        std::thread(Serve, iSocket).detach();
+        std::thread([iSocket] { Connection(iSocket).Run(); }).detach();
     }
 }

@@ -19,10 +19,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "LoadConnection.h"
 #include "MountedExport.h"
 #include "NfsMain.h"
 #include "NfsMessages.h"
+#include "TcpExchange.h"
 
 namespace {
 

@@ -1,138 +1,259 @@
 #!/usr/bin/env bash
-# Measures the server against the bare server in one run: both on one processor, the load on another, in a network of
-# their own. NFS-Ganesha (packages nfs-ganesha, nfs-ganesha-vfs, rpcbind), where it is installed, is measured against
-# the same bare server. See usage.
+# Measures the server, a bare server that makes the same transfers and, where it is installed, NFS-Ganesha (packages
+# nfs-ganesha, nfs-ganesha-vfs, rpcbind), in turns and in a network of their own. See usage.
 set -euo pipefail
 self=$(readlink -f "${BASH_SOURCE[0]}")
 here=$(dirname "$self")
 
 usage() {
     cat <<'USAGE'
-usage: bench/run.sh [BUILD_FOLDER]   (default: build; a Release or RelWithDebInfo build counts)
-  BENCH_OPERATIONS   calls for each row and round (5000)
-  BENCH_ROUNDS       rounds of each row, in turns between the two servers; the fastest counts (15)
-  BENCH_MEMORY       calls for the memory check after the rows (1000000; 0: none)
-  BENCH_FOLDER       where the exported folder is made (/dev/shm: the servers are measured, not a disk)
-Under "taskset -c N" load and servers share one processor: the servers' own work shows most there, as nobody waits for
-another processor to wake up.
-Exit status 1 if a row misses its target, or if the server's memory grows.
+usage: bench/run.sh [OPTION...] [ROW...]     (rows: nfsload lists them; all of them unless some are named)
+  --build FOLDER     the build to measure (build); a Release or RelWithDebInfo build counts
+  --csv FOLDER       writes machine.csv, rows.csv, listings.csv, growth.csv there, and plots of them
+  --document         the same, into docs/performance, and renews the tables of docs/performance.md
+  --target           exit status 1 if a row misses its target (bench/targets.csv). Otherwise no time decides it
+  --shapes "NAME..." of one, deep, wide and both, the ones to run (all of them)
+  --rounds N         rounds of each row, in turns between the servers; the median counts (13)
+  --milliseconds N   how long each round lasts (110)
+  --rows-only        no listings, redirected files and growth after the rows
+  --no-ganesha       leaves NFS-Ganesha out
+  --memory           checks at the end that ten seconds of calls do not make the server grow by 1 MiB
+  --quick            a few seconds: two short rounds of each row, without NFS-Ganesha, that only look for wrong bytes
+                     and errors; exit status 77 where no network can be made
+BENCH_FOLDER in the environment: where the exported folder is made (/dev/shm: the servers are measured, not a disk).
+Shapes: one call in flight; deep: 16 in flight; wide: 8 connections with 4 each; all these with client and servers on
+one processor; both: as wide, the client on another processor than the servers.
+Exit status 1 if a reply or a file is not what it should be.
 USAGE
 }
 
-build=$(readlink -f "${1:-$here/../build}")
-[ -x "$build/bin/nfsload" ] || { usage >&2; exit 2; }
+build=$here/../build
+output=
+document=
+target=
+shapes="one deep wide both"
+rounds=13
+milliseconds=110
+rows_only=
+ganesha=yes
+memory=
+quick=
+rows=()
+arguments=("$@")
+while [ $# -gt 0 ]; do
+    case "$1" in
+        --build) build=$2 && shift ;;
+        --csv) output=$2 && shift ;;
+        --document) document=yes ;;
+        --target) target=yes ;;
+        --shapes) shapes=$2 && shift ;;
+        --rounds) rounds=$2 && shift ;;
+        --milliseconds) milliseconds=$2 && shift ;;
+        --rows-only) rows_only=yes ;;
+        --no-ganesha) ganesha= ;;
+        --memory) memory=yes ;;
+        --quick) quick=yes ;;
+        -h | --help) usage && exit 0 ;;
+        -*) usage >&2 && exit 2 ;;
+        *) rows+=("$1") ;;
+    esac
+    shift
+done
+build=$(readlink -f "$build")
+[ -x "$build/bin/nfsload" ] || {
+    echo "bench/run.sh: no $build/bin/nfsload" >&2
+    exit 2
+}
+say() { echo "bench/run.sh: $*" >&2; }
 
 # A network of its own: every port is free, and nothing else is heard.
 if [ -z "${BENCH_ISOLATED:-}" ]; then
-    export BENCH_ISOLATED=1
-    if [ "$(id -u)" = 0 ]; then
-        exec unshare --net --mount -- "$self" "$build"
-    fi
-    exec unshare --user --map-root-user --net --mount -- "$self" "$build"
+    isolate=(unshare --net --mount)
+    [ "$(id -u)" = 0 ] || isolate=(unshare --user --map-root-user --net --mount)
+    "${isolate[@]}" ip link set lo up 2>/dev/null || {
+        say "no network of one's own can be made here: nothing measured"
+        exit 77
+    }
+    BENCH_ISOLATED=1 exec "${isolate[@]}" -- "$self" "${arguments[@]}"
 fi
 ip link set lo up
+# Sockets that have a place in the file system are not kept apart by the network.
+mount -t tmpfs none /run
 
-operations=${BENCH_OPERATIONS:-5000}
-rounds=${BENCH_ROUNDS:-15}
-memory=${BENCH_MEMORY:-1000000}
+[ -z "$document" ] || output=$here/../docs/performance
+if [ -n "$quick" ]; then
+    rounds=2 milliseconds=8 ganesha=
+fi
 mapfile -t processors < <(taskset -cp $$ | sed 's/.*: //' | tr ',' '\n' |
     awk -F- '{ for (i = $1; i <= ($2 == "" ? $1 : $2); ++i) print i }')
+server_processor=${processors[-1]}
 load_processor=${processors[0]}
-server_processor=${processors[1]:-${processors[0]}}
+
+# ---- Servers
 
 work=$(mktemp -d "${BENCH_FOLDER:-/dev/shm}/nfsbench-XXXXXX")
-server_pid=
-bare_pid=
-ganesha_pid=
-rpcbind_pid=
+declare -A pids=()
+stop() {
+    local pid=${pids[$1]:-}
+    unset "pids[$1]"
+    [ -z "$pid" ] || { kill -TERM "$pid" 2>/dev/null && wait "$pid" 2>/dev/null; } || true
+}
 clean_up() {
     exec 5>&- || true
-    [ -z "$ganesha_pid" ] || { kill -TERM "$ganesha_pid" 2>/dev/null; wait "$ganesha_pid" 2>/dev/null || true; }
-    [ -z "$rpcbind_pid" ] || { kill -TERM "$rpcbind_pid" 2>/dev/null; wait "$rpcbind_pid" 2>/dev/null || true; }
-    [ -z "$server_pid" ] || { kill -TERM "$server_pid" 2>/dev/null; wait "$server_pid" || true; }
-    [ -z "$bare_pid" ] || { kill -TERM "$bare_pid" 2>/dev/null; wait "$bare_pid" 2>/dev/null || true; }
+    local name
+    for name in ganesha rpcbind nfslib bare; do
+        stop "$name"
+    done
     rm -rf "$work"
 }
 trap clean_up EXIT
 
-mkdir "$work/export"
-mkfifo "$work/input"
-taskset -c "$server_processor" "$build/bin/nfsconsole" -id bench -md int <"$work/input" >"$work/printed" 2>&1 &
-server_pid=$!
-exec 5>"$work/input"
-printf 'debug\nstart\nmount %s=data\nprint ready\n' "$work/export" >&5
-for ((i = 0; i < 100; ++i)); do
-    ! grep -q '(bench) ready' "$work/printed" || break
-    sleep 0.1
-done
-grep -q 'Start NFS success' "$work/printed" || { cat "$work/printed" >&2; exit 1; }
-
-taskset -c "$server_processor" "$build/bin/bareserver" 3049 &
-bare_pid=$!
-for ((i = 0; i < 100; ++i)); do
-    ! (: </dev/tcp/127.0.0.1/3049) 2>/dev/null || break
-    sleep 0.1
-done
-
-status=0
-load() {
-    taskset -c "$load_processor" "$build/bin/nfsload" --folder "$work/export" "$@" || status=1
-    echo
+# until_true SECONDS WHAT COMMAND...
+until_true() {
+    local end=$((SECONDS + $1)) what=$2
+    shift 2
+    until "$@" 2>/dev/null; do
+        [ "$SECONDS" -le "$end" ] || { say "$what did not start" && return 1; }
+        sleep 0.05
+    done
 }
-echo "processor $load_processor: load; processor $server_processor: servers"
-load --bare-port 3049 --operations "$operations" --rounds "$rounds" --target 0.7
-load --bare-port 3049 --operations "$operations" --rounds "$rounds" --target 0.7 --depth 16 READ64K WRITE16K
-load --operations "$operations" --connections 4 --depth 4
-load --list 10000 --within 0.2
-load --list 100000 --within 3
-[ "$memory" = 0 ] || load --server-pid "$server_pid" --operations "$memory" NULL GETATTR READ4K
+listens() { (: <"/dev/tcp/127.0.0.1/$1"); }
 
-# What follows wants the ports of the first server.
-kill -TERM "$server_pid"
-wait "$server_pid" || true
-server_pid=
-echo "redirected files by the number of segments in their maps, and a plain file"
-taskset -c "$server_processor" "$build/bin/redirectedload" --check --folder "${BENCH_FOLDER:-/dev/shm}" --rounds "$rounds" || status=1
-echo
+start_nfslib() {
+    mkfifo "$work/input"
+    taskset -c "$server_processor" "$build/bin/nfsconsole" -id bench -md int <"$work/input" >"$work/printed" 2>&1 &
+    pids[nfslib]=$!
+    exec 5>"$work/input"
+    printf 'debug\nstart\nmount %s=data\nprint ready\n' "$work/export" >&5
+    until_true 20 "the server" grep -q '(bench) ready' "$work/printed" &&
+        grep -q 'Start NFS success' "$work/printed" || {
+        cat "$work/printed" >&2
+        return 1
+    }
+}
 
+start_bare() {
+    taskset -c "$server_processor" "$build/bin/bareserver" 3049 &
+    pids[bare]=$!
+    until_true 10 "the bare server" listens 3049
+}
+
+# Its portmapper runs in another network, as port 111 is the first server's; they meet at a socket below /run.
 start_ganesha() {
-    mount -t tmpfs none /run
     mkdir -p /run/rpcbind /run/ganesha
     ! [ -d /var/lib/nfs ] || mount -t tmpfs none /var/lib/nfs
     mkdir -p /var/lib/nfs/ganesha
-    cat >"$work/ganesha.conf" <<CONFIGURATION
-NFS_CORE_PARAM { NFS_Protocols = 3; Enable_NLM = false; Enable_RQUOTA = false; NFS_Port = 4049; MNT_Port = 4058; }
-EXPORT {
-    Export_Id = 1; Path = $work/export; Pseudo = /data; Access_Type = RW; Squash = None; Anonymous_Uid = 0;
-    Anonymous_Gid = 0; SecType = none, sys; Protocols = 3; Transports = TCP; FSAL { Name = VFS; }
-}
-CONFIGURATION
-    rpcbind -f >"$work/rpcbind.log" 2>&1 &
-    rpcbind_pid=$!
-    for ((i = 0; i < 100; ++i)); do
-        ! (: </dev/tcp/127.0.0.1/111) 2>/dev/null || break
-        sleep 0.1
-    done
+    sed "s|@EXPORT@|$work/export|" "$here/ganesha.conf" >"$work/ganesha.conf"
+    unshare --net rpcbind -f >"$work/rpcbind.log" 2>&1 &
+    pids[rpcbind]=$!
+    until_true 10 rpcbind test -S /run/rpcbind.sock
     taskset -c "$server_processor" ganesha.nfsd -F -L "$work/ganesha.log" -f "$work/ganesha.conf" \
-        -p "$work/ganesha.pid" &
-    ganesha_pid=$!
-    for ((i = 0; i < 300; ++i)); do
-        ! (: </dev/tcp/127.0.0.1/4049) 2>/dev/null || return 0
-        sleep 0.1
-    done
-    cat "$work/ganesha.log" >&2
-    return 1
-}
-if command -v ganesha.nfsd >/dev/null && command -v rpcbind >/dev/null; then
-    start_ganesha
-    echo "NFS-Ganesha, the same rows against the same bare server"
-    peer() {
-        load --nfs-port 4049 --mount-port 4058 --export "$work/export" --bare-port 3049 --operations "$operations" \
-            --rounds "$rounds" "$@"
+        -p "$work/ganesha.pid" >"$work/ganesha.printed" 2>&1 &
+    pids[ganesha]=$!
+    until_true 30 NFS-Ganesha listens 4049 && until_true 10 "its MOUNT" listens 4058 || {
+        cat "$work/ganesha.log" "$work/ganesha.printed" >&2
+        return 1
     }
-    peer NULL GETATTR LOOKUP READ4K READ64K WRITE16K
-    peer --depth 16 READ64K WRITE16K
-else
-    echo "NFS-Ganesha is not installed: not compared"
+}
+
+mkdir "$work/export"
+start_nfslib
+start_bare
+peers=(--peer nfslib:2049:1058:data --bare 3049)
+if [ -n "$ganesha" ] && command -v ganesha.nfsd >/dev/null && command -v rpcbind >/dev/null; then
+    start_ganesha
+    peers+=(--peer "ganesha:4049:4058:$work/export")
+elif [ -z "$quick" ]; then
+    say "NFS-Ganesha is left out, or not installed: not compared"
+fi
+
+# ---- What is measured
+
+csv=$work/csv
+mkdir "$csv"
+describe_machine() {
+    local governor=/sys/devices/system/cpu/cpu0/cpufreq/scaling_governor
+    echo "what,value"
+    printf '%s,"%s"\n' \
+        date "$(date -u '+%Y-%m-%d %H:%M UTC')" \
+        commit "$(git -C "$here" describe --always --dirty --exclude '*' 2>/dev/null || echo unknown)" \
+        processor "$(awk -F ': ' '/^model name/ { print $2; exit }' /proc/cpuinfo)" \
+        processors "${#processors[@]}" \
+        virtual "$(systemd-detect-virt 2>/dev/null || echo unknown)" \
+        governor "$(cat "$governor" 2>/dev/null || echo "none told")" \
+        memory "$(awk '/^MemTotal/ { printf "%.0f GB", $2 / 1e6 }' /proc/meminfo)" \
+        kernel "$(uname -sr)" \
+        folder "$(stat -f -c %T "$work")" \
+        ganesha "$([ -z "${pids[ganesha]:-}" ] || ganesha.nfsd -v 2>&1 | awk -F '= *' '/Release/ { print $2; exit }')" \
+        rounds "$rounds of $milliseconds ms" \
+        load "$(cut -d ' ' -f 1 /proc/loadavg) at the beginning"
+}
+describe_machine >"$csv/machine.csv"
+
+shape_options=()
+for shape in $shapes; do
+    case "$shape" in
+        one) shape_options+=(--shape "one:1:1:$server_processor") ;;
+        deep) shape_options+=(--shape "deep:1:16:$server_processor") ;;
+        wide) shape_options+=(--shape "wide:8:4:$server_processor") ;;
+        both)
+            if [ "${#processors[@]}" -gt 1 ]; then
+                shape_options+=(--shape "both:8:4:$load_processor")
+            else
+                say "there is one processor only: shape \"both\" is left out"
+            fi
+            ;;
+        *) usage >&2 && exit 2 ;;
+    esac
+done
+load() { "$build/bin/nfsload" --folder "$work/export" --rounds "$rounds" "$@"; }
+resident() { awk '/^VmRSS/ { print $2 }' "/proc/${pids[nfslib]}/status"; }
+
+say "rows: step 1 of 4"
+load "${peers[@]}" "${shape_options[@]}" --milliseconds "$milliseconds" --csv "$csv/rows.csv" "${rows[@]}"
+if [ -n "$memory" ]; then
+    say "memory: step 1, at its end"
+    before=$(resident)
+    load --milliseconds $((10000 / rounds / 3)) NULL GETATTR READ4K >"$work/memory.txt"
+    after=$(resident)
+    echo "server memory: $before KiB before, $after KiB after ten seconds of calls"
+    [ $((after - before)) -lt 1024 ] || { say "the server's memory grows" && exit 1; }
+fi
+if [ -z "$rows_only" ]; then
+    echo
+    say "listings: step 2 of 4"
+    load "${peers[@]}" --shape "one:1:1:$server_processor" --list 1000 --csv "$csv/listings.csv"
+    [ -n "$quick" ] || load "${peers[@]}" --shape "one:1:1:$server_processor" --list 100000 --rounds 3 \
+        --csv "$csv/listings.csv"
+    # What follows wants the ports of the first server.
+    stop ganesha
+    stop nfslib
+    echo
+    say "redirected files: step 3 of 4"
+    redirected=()
+    [ -z "$quick" ] || redirected=(--operations 30)
+    taskset -c "$server_processor" "$build/bin/redirectedload" --folder "${BENCH_FOLDER:-/dev/shm}" \
+        --rounds "$rounds" --csv "$csv/growth.csv" "${redirected[@]}"
+    if [ -z "$quick" ] && [ -x "$build/bin/growth" ]; then
+        echo
+        say "growth: step 4 of 4"
+        taskset -c "$server_processor" "$build/bin/growth" --csv "$work/growth.csv"
+        tail -n +2 "$work/growth.csv" >>"$csv/growth.csv"
+    fi
+fi
+
+# ---- What is made of it
+
+status=0
+if [ -n "$target" ]; then
+    echo
+    "$here/judge" "$here/targets.csv" "$csv" || status=1
+fi
+if [ -n "$output" ]; then
+    mkdir -p "$output"
+    cp "$csv"/*.csv "$output/"
+    "$here/plot" "$output"
+    [ -z "$document" ] || "$here/plot" --tables "$here/../docs/performance.md" "$output"
+    say "figures and plots: $output"
 fi
 exit $status
