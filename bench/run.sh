@@ -20,7 +20,8 @@ usage: bench/run.sh [OPTION...] [ROW...]     (rows: nfsload lists them; all of t
   --memory           checks at the end that ten seconds of calls do not make the server grow by 1 MiB
   --quick            a few seconds: two short rounds of each row, without NFS-Ganesha, that only look for wrong bytes
                      and errors; exit status 77 where no network can be made
-BENCH_FOLDER in the environment: where the exported folder is made (/dev/shm: the servers are measured, not a disk).
+BENCH_FOLDER in the environment: where the exported folder is made (/dev/shm, as the servers are measured and not a
+disk; /tmp where that has no room).
 Shapes: one call in flight; deep: 16 in flight; wide: 8 connections with 4 each; all these with client and servers on
 one processor; both: as wide, the client on another processor than the servers.
 Exit status 1 if a reply or a file is not what it should be.
@@ -91,7 +92,13 @@ load_processor=${processors[0]}
 
 # ---- Servers
 
-work=$(mktemp -d "${BENCH_FOLDER:-/dev/shm}/nfsbench-XXXXXX")
+folder=${BENCH_FOLDER:-/dev/shm}
+kilobytes=$(df -Pk "$folder" 2>/dev/null | awk 'NR == 2 { print $4 }')
+if [ -z "${BENCH_FOLDER:-}" ] && [ "${kilobytes:-0}" -lt 300000 ]; then
+    folder=/tmp
+    say "no room in /dev/shm: measuring in /tmp"
+fi
+work=$(mktemp -d "$folder/nfsbench-XXXXXX")
 declare -A pids=()
 stop() {
     local pid=${pids[$1]:-}
@@ -179,7 +186,6 @@ describe_machine() {
         commit "$(git -C "$here" describe --always --dirty --exclude '*' 2>/dev/null || echo unknown)" \
         processor "$(awk -F ': ' '/^model name/ { print $2; exit }' /proc/cpuinfo)" \
         processors "${#processors[@]}" \
-        virtual "$(systemd-detect-virt 2>/dev/null || echo unknown)" \
         governor "$(cat "$governor" 2>/dev/null || echo "none told")" \
         memory "$(awk '/^MemTotal/ { printf "%.0f GB", $2 / 1e6 }' /proc/meminfo)" \
         kernel "$(uname -sr)" \
@@ -232,13 +238,13 @@ if [ -z "$rows_only" ]; then
     say "redirected files: step 3 of 4"
     redirected=()
     [ -z "$quick" ] || redirected=(--operations 30)
-    taskset -c "$server_processor" "$build/bin/redirectedload" --folder "${BENCH_FOLDER:-/dev/shm}" \
+    taskset -c "$server_processor" "$build/bin/redirectedload" --folder "$folder" \
         --rounds "$rounds" --csv "$csv/growth.csv" "${redirected[@]}"
     if [ -z "$quick" ] && [ -x "$build/bin/growth" ]; then
         echo
         say "growth: step 4 of 4"
-        taskset -c "$server_processor" "$build/bin/growth" --csv "$work/growth.csv"
-        tail -n +2 "$work/growth.csv" >>"$csv/growth.csv"
+        taskset -c "$server_processor" "$build/bin/growth" --csv >"$work/growth.csv"
+        tail -n +2 "$work/growth.csv" | tee -a "$csv/growth.csv"
     fi
 fi
 
