@@ -401,60 +401,71 @@ TEST_F(DescriptorCacheTest, ClosingBelowAPathNeedsNoLog) {
     EXPECT_TRUE(std::ranges::none_of(vOpened, IsOpenDescriptor));
 }
 
-// Readers must get the content of the path they named, or nothing, whatever happens to descriptors meanwhile.
-TEST_F(DescriptorCacheTest, ReadersNeverComeToAWrongFile) {
-    constexpr int kFiles = 24;
-    constexpr int kRounds = 400;
-    m_Param.SetLogControl(0);
-    const std::vector<std::string> vFiles = MakeFiles(kFiles);
-    const std::string sHere = MakeFile("here", "moving");
-    const std::string sThere = m_Folder / "there";
-    std::atomic<bool> bEnd{false};
+/// Readers, and others that close and rename what they read.
+class DescriptorCacheRaceTest : public DescriptorCacheTest {
+protected:
+    static constexpr int kFiles = 24;
+    static constexpr int kRounds = 400;
 
-    const auto read = [this](const std::string& sPath, CRuntimeParam& param) {
-        LogArgu tag{"Reader"};
+    void SetUp() override {
+        m_Param.SetLogControl(0);
+        m_vFiles = MakeFiles(kFiles);
+        m_sHere = MakeFile("here", "moving");
+        m_sThere = m_Folder / "there";
+    }
+
+    std::string Read(const std::string& sPath, CRuntimeParam& param) {
+        const LogArgu tag{"Reader"};
         char vcBuffer[16] = "";
         bool bEof = false;
         const int iRead =
             m_Utilities.ReadFile(&param, &tag, sPath.c_str(), 0, SEEK_SET, vcBuffer, sizeof(vcBuffer), &bEof);
-        return iRead < 0 ? std::string("none") : std::string(vcBuffer, static_cast<std::size_t>(iRead));
-    };
-    std::vector<std::thread> vReaders;
-    for (int iReader = 0; iReader < 2; ++iReader) {
-        vReaders.emplace_back([&] {
-            CRuntimeParam param("reader", 0);
-            for (int iRound = 0; iRound < kRounds; ++iRound) {
-                const auto iFile = static_cast<std::size_t>(iRound % kFiles);
-                EXPECT_EQ(read(vFiles[iFile], param), std::to_string(iFile));
-                for (const std::string& sMoving : {sHere, sThere}) {
-                    EXPECT_THAT(read(sMoving, param), testing::AnyOf("moving", "none"));
-                }
-            }
-        });
+        return iRead < 0 ? "none" : std::string(vcBuffer, static_cast<std::size_t>(iRead));
     }
-    std::thread closer([&] {
+    void ReadAll() {
+        CRuntimeParam param("reader", 0);
+        for (int iRound = 0; iRound < kRounds; ++iRound) {
+            const auto iFile = static_cast<std::size_t>(iRound % kFiles);
+            EXPECT_EQ(Read(m_vFiles[iFile], param), std::to_string(iFile));
+            for (const std::string& sMoving : {m_sHere, m_sThere}) {
+                EXPECT_THAT(Read(sMoving, param), testing::AnyOf("moving", "none"));
+            }
+        }
+    }
+    void CloseUntilTheEnd() {
         CRuntimeParam param("closer", 0);
-        LogArgu tag{"Closer"};
-        for (std::size_t iRound = 0; !bEnd; ++iRound) {
-            m_Utilities.CloseCachedFileHandle(&param, &tag, vFiles[iRound % kFiles].c_str());
+        const LogArgu tag{"Closer"};
+        for (std::size_t iRound = 0; !m_bEnd; ++iRound) {
+            m_Utilities.CloseCachedFileHandle(&param, &tag, m_vFiles[iRound % kFiles].c_str());
             m_Utilities.FreeCachedFileHandles(&param, &tag);
             if (iRound % 16 == 0) {
                 m_Utilities.CloseAllCachedFileHandles(&param, &tag, m_Folder.Path().c_str());
             }
         }
-    });
-    std::thread renamer([&] {
-        CRuntimeParam param("renamer", 0);
-        LogArgu tag{"Renamer"};
-        for (std::size_t iRound = 0; !bEnd; ++iRound) {
-            const bool bThere = iRound % 2 == 0;
-            m_Utilities.RenameFile(&param, &tag, (bThere ? sHere : sThere).c_str(), (bThere ? sThere : sHere).c_str());
-        }
-    });
-    for (std::thread& reader : vReaders) {
-        reader.join();
     }
-    bEnd = true;
+    void RenameUntilTheEnd() {
+        CRuntimeParam param("renamer", 0);
+        const LogArgu tag{"Renamer"};
+        for (std::size_t iRound = 0; !m_bEnd; ++iRound) {
+            const bool bThere = iRound % 2 == 0;
+            m_Utilities.RenameFile(&param, &tag, (bThere ? m_sHere : m_sThere).c_str(),
+                                   (bThere ? m_sThere : m_sHere).c_str());
+        }
+    }
+
+    std::vector<std::string> m_vFiles;
+    std::string m_sHere, m_sThere;  ///< one file that goes to and fro
+    std::atomic<bool> m_bEnd{false};
+};
+
+// Readers must get the content of the path they named, or nothing, whatever happens to descriptors meanwhile.
+TEST_F(DescriptorCacheRaceTest, ReadersNeverComeToAWrongFile) {
+    std::thread closer([this] { CloseUntilTheEnd(); });
+    std::thread renamer([this] { RenameUntilTheEnd(); });
+    std::thread reader([this] { ReadAll(); });
+    ReadAll();
+    reader.join();
+    m_bEnd = true;
     closer.join();
     renamer.join();
 }

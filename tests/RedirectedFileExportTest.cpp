@@ -32,15 +32,7 @@ protected:
         m_File.ExportInfo(&m_Param, Out().c_str(), bMerged);
         return ReadWholeFile(Out());
     }
-    std::string LinesWith(const std::string& sPart) const {
-        std::string sLines;
-        for (const std::string& sText : m_Log.Texts()) {
-            if (sText.find(sPart) != std::string::npos) {
-                sLines += sText + "\n";
-            }
-        }
-        return sLines;
-    }
+    std::string LinesWith(const std::string& sPart) const { return m_Log.LinesWith(sPart); }
 
     TempFolder m_Folder;
     std::string m_sContent;

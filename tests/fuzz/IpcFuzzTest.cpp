@@ -2,34 +2,19 @@
 #include "IpcFuzz.h"
 
 #include <algorithm>
-#include <filesystem>
 #include <random>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "Corpus.h"
 #include "Isolation.h"
-#include "TempFolder.h"
-#include "Trees.h"
 
 namespace {
 
 constexpr char kChannel[] = "/tmp/nfs-fuzz";
 constexpr int kRounds = 4000;
-
-std::vector<std::string> ReadCorpus() {
-    std::vector<std::filesystem::path> vPaths;
-    for (const auto& entry : std::filesystem::directory_iterator(SourceTree() + "/tests/fuzz/corpus-ipc")) {
-        vPaths.push_back(entry.path());
-    }
-    std::sort(vPaths.begin(), vPaths.end());
-    std::vector<std::string> vsCorpus;
-    for (const auto& path : vPaths) {
-        vsCorpus.push_back(ReadWholeFile(path.string()));
-    }
-    return vsCorpus;
-}
 
 /// Cuts, lengthens, overwrites, and puts odd groups and types in.
 std::string Mutate(std::string sInput, std::mt19937& random) {
@@ -68,7 +53,7 @@ protected:
 
 TEST_F(IpcFuzzTest, TheCorpusIsAnswered) {
     IpcFuzzWorld world(kChannel);
-    const std::vector<std::string> vsCorpus = ReadCorpus();
+    const std::vector<std::string> vsCorpus = ReadCorpus("corpus-ipc");
     EXPECT_EQ(vsCorpus.size(), 37U) << "every request and callback";
     for (const std::string& sInput : vsCorpus) {
         EXPECT_EQ(world.Run(sInput), "");
@@ -78,7 +63,7 @@ TEST_F(IpcFuzzTest, TheCorpusIsAnswered) {
 
 TEST_F(IpcFuzzTest, MutatedRecordsAreAnswered) {
     IpcFuzzWorld world(kChannel);
-    const std::vector<std::string> vsCorpus = ReadCorpus();
+    const std::vector<std::string> vsCorpus = ReadCorpus("corpus-ipc");
     std::mt19937 random(20240229);
     for (int i = 0; i < kRounds; ++i) {
         const std::string sInput = Mutate(vsCorpus[random() % vsCorpus.size()], random);

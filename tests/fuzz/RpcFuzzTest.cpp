@@ -5,30 +5,15 @@
 #include <chrono>
 #include <cstdint>
 #include <cstring>
-#include <filesystem>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include "TempFolder.h"
-#include "Trees.h"
+#include "Corpus.h"
 #include "Xdr.h"
 
 namespace {
-
-std::vector<std::string> ReadCorpus() {
-    std::vector<std::filesystem::path> vPaths;
-    for (const auto& entry : std::filesystem::directory_iterator(SourceTree() + "/tests/fuzz/corpus")) {
-        vPaths.push_back(entry.path());
-    }
-    std::sort(vPaths.begin(), vPaths.end());
-    std::vector<std::string> vsCorpus;
-    for (const auto& path : vPaths) {
-        vsCorpus.push_back(ReadWholeFile(path.string()));
-    }
-    return vsCorpus;
-}
 
 /// Changes inputs as hostile clients and bad networks do; from one seed always the same way.
 class Mutator {
@@ -100,7 +85,7 @@ private:
 TEST(RpcFuzz, TheCorpusIsAnsweredWithoutHarm) {
     const TempFolder folder;
     RpcFuzzWorld world(folder.Path());
-    const std::vector<std::string> vsCorpus = ReadCorpus();
+    const std::vector<std::string> vsCorpus = ReadCorpus("corpus");
     ASSERT_GE(vsCorpus.size(), 30U);
     for (const std::string& sInput : vsCorpus) {
         EXPECT_EQ(world.Run(sInput), "") << Hex(sInput);
@@ -112,7 +97,7 @@ TEST(RpcFuzz, MutatedCallsDoNoHarm) {
     constexpr std::chrono::seconds kLimit{8};  // for builds that are slowed down by sanitizers
     const TempFolder folder;
     RpcFuzzWorld world(folder.Path());
-    const std::vector<std::string> vsCorpus = ReadCorpus();
+    const std::vector<std::string> vsCorpus = ReadCorpus("corpus");
     ASSERT_FALSE(vsCorpus.empty());
     Mutator mutator(20240607);
     const auto end = std::chrono::steady_clock::now() + kLimit;

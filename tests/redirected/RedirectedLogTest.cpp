@@ -108,6 +108,56 @@ protected:
             << "\nseen:     " << (differ.first == vSeen.end() ? "nothing" : *differ.first);
     }
 
+    // The steps of a test, each taken by a file and its model.
+
+    /// One behind the other, some with a hole in front; where they begin and end is kept, none beyond the size.
+    void AddSegments(CRedirectedFile& file, ReferenceModel& model, int nSegments, std::int64_t iSize) {
+        const std::int64_t iMax = GetParam().iMaxSegment;
+        std::int64_t iNext = Pick(0, 3) == 0 ? Pick(1, iMax) : 0;
+        m_vEdges = {0};
+        for (int i = 0; i < nSegments; ++i) {
+            const std::string sSource = PickSource();
+            const std::int64_t iFox = Pick(0, 29000);
+            const std::int64_t iLen = Pick(1, iMax);
+            ASSERT_EQ(file.AddSegment(&m_Param, sSource.c_str(), iFox, iNext, iLen, nullptr),
+                      model.AddSegment(sSource, iFox, iNext, iLen));
+            ASSERT_NO_FATAL_FAILURE(CompareLog(model)) << "adding segment " << i << " at " << iNext;
+            m_vEdges.push_back(std::min(iNext, iSize));
+            iNext += iLen;
+            m_vEdges.push_back(std::min(iNext, iSize));
+            iNext += Pick(0, 3) == 0 ? Pick(1, iMax) : 0;
+        }
+    }
+    std::int64_t PickEdge() {
+        return m_vEdges[static_cast<std::size_t>(Pick(0, static_cast<std::int64_t>(m_vEdges.size()) - 1))];
+    }
+    void ReadSomewhere(CRedirectedFile& file, ReferenceModel& model, std::int64_t iSize) {
+        const std::int64_t iOffset = Pick(0, 3) == 0 ? PickEdge() : Pick(0, iSize + 5);
+        std::int64_t iLen =
+            Pick(0, 4) == 0 ? Pick(0, 70000) : Pick(0, std::min<std::int64_t>(2 * GetParam().iMaxSegment, 20000));
+        // Half of the reads end where a segment does, if one is near.
+        const std::int64_t iToEdge = PickEdge() - iOffset;
+        if (Pick(0, 1) == 0 && iToEdge >= 0 && iToEdge <= 70000) {
+            iLen = iToEdge;
+        }
+        std::string sBuffer(CRedirectedFile::GetReadRoom(static_cast<unsigned int>(iLen)) + 1, '#');
+        bool bEof = false;
+        const int iRead = file.Read(&m_Param, static_cast<unsigned long long>(iOffset), sBuffer.data(),
+                                    static_cast<unsigned int>(iLen), &bEof);
+        const ModelRead expected = model.Read(iOffset, iLen);
+        ASSERT_EQ(iRead, expected.iResult);
+        ASSERT_EQ(bEof, expected.bEof);
+        ASSERT_TRUE(sBuffer.substr(0, expected.sData.size()) == expected.sData);
+        ASSERT_NO_FATAL_FAILURE(CompareLog(model)) << "reading " << iLen << " at " << iOffset;
+    }
+    void DumpMap(CRedirectedFile& file, ReferenceModel& model, bool bMerged) {
+        const std::string sOut = m_Folder / "out";
+        WriteWholeFile(sOut, "");
+        file.ExportInfo(&m_Param, sOut.c_str(), bMerged);
+        ASSERT_EQ(model.ExportInfo(sOut, bMerged), ReadWholeFile(sOut));
+        ASSERT_NO_FATAL_FAILURE(CompareLog(model)) << "dumping the map";
+    }
+
     static constexpr int kBits =
         CRuntimeParam::kLogError | CRuntimeParam::kLogRedirectFile | CRuntimeParam::kLogFileAccess;
 
@@ -116,12 +166,12 @@ protected:
     CaptureUtilities m_Utilities{&m_Log};
     CRuntimeParam m_Param{"host", kBits};
     std::mt19937_64 m_Random;
+    std::vector<std::int64_t> m_vEdges;
 };
 
 TEST_P(RedirectedLogTest, EveryLineIsTheDescribedOneInItsPlace) {
     const std::int64_t iMax = GetParam().iMaxSegment;
     const std::string sInfo = GetParam().bInfoFile ? m_Folder / "info" : "";
-    const std::string sOut = m_Folder / "out";
     for (unsigned int iSeed = 1; iSeed <= 40; ++iSeed) {
         SCOPED_TRACE("seed " + std::to_string(iSeed));
         m_Random.seed(iSeed);
@@ -137,46 +187,12 @@ TEST_P(RedirectedLogTest, EveryLineIsTheDescribedOneInItsPlace) {
         ReferenceModel model({iSize, 3, sInfo, iCut, iCheckPoint, GetParam().bExported, true});
         ASSERT_NO_FATAL_FAILURE(CompareLog(model)) << "opening";
 
-        std::vector<std::int64_t> vEdges{0};
-        std::int64_t iNext = Pick(0, 3) == 0 ? Pick(1, iMax) : 0;
-        for (int i = 0; i < nSegments; ++i) {
-            const std::string sSource = PickSource();
-            const std::int64_t iFox = Pick(0, 29000);
-            const std::int64_t iLen = Pick(1, iMax);
-            ASSERT_EQ(file.AddSegment(&m_Param, sSource.c_str(), iFox, iNext, iLen, nullptr),
-                      model.AddSegment(sSource, iFox, iNext, iLen));
-            ASSERT_NO_FATAL_FAILURE(CompareLog(model)) << "adding segment " << i << " at " << iNext;
-            vEdges.push_back(std::min(iNext, iSize));
-            iNext += iLen;
-            vEdges.push_back(std::min(iNext, iSize));
-            iNext += Pick(0, 3) == 0 ? Pick(1, iMax) : 0;
-        }
-        const auto pickEdge = [&] {
-            return vEdges[static_cast<std::size_t>(Pick(0, static_cast<std::int64_t>(vEdges.size()) - 1))];
-        };
+        ASSERT_NO_FATAL_FAILURE(AddSegments(file, model, nSegments, iSize));
         for (int i = 0; i < 20; ++i) {
-            const std::int64_t iOffset = Pick(0, 3) == 0 ? pickEdge() : Pick(0, iSize + 5);
-            std::int64_t iLen = Pick(0, 4) == 0 ? Pick(0, 70000) : Pick(0, std::min<std::int64_t>(2 * iMax, 20000));
-            // Half of the reads end where a segment does, if one is near.
-            const std::int64_t iToEdge = pickEdge() - iOffset;
-            if (Pick(0, 1) == 0 && iToEdge >= 0 && iToEdge <= 70000) {
-                iLen = iToEdge;
-            }
-            std::string sBuffer(CRedirectedFile::GetReadRoom(static_cast<unsigned int>(iLen)) + 1, '#');
-            bool bEof = false;
-            const int iRead = file.Read(&m_Param, static_cast<unsigned long long>(iOffset), sBuffer.data(),
-                                        static_cast<unsigned int>(iLen), &bEof);
-            const ModelRead expected = model.Read(iOffset, iLen);
-            ASSERT_EQ(iRead, expected.iResult);
-            ASSERT_EQ(bEof, expected.bEof);
-            ASSERT_TRUE(sBuffer.substr(0, expected.sData.size()) == expected.sData);
-            ASSERT_NO_FATAL_FAILURE(CompareLog(model)) << "reading " << iLen << " at " << iOffset;
+            ASSERT_NO_FATAL_FAILURE(ReadSomewhere(file, model, iSize));
         }
         for (const bool bMerged : {false, true}) {
-            WriteWholeFile(sOut, "");
-            file.ExportInfo(&m_Param, sOut.c_str(), bMerged);
-            ASSERT_EQ(model.ExportInfo(sOut, bMerged), ReadWholeFile(sOut));
-            ASSERT_NO_FATAL_FAILURE(CompareLog(model)) << "dumping the map";
+            ASSERT_NO_FATAL_FAILURE(DumpMap(file, model, bMerged));
         }
         file.Close(&m_Param);
         model.Close();

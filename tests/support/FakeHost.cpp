@@ -14,6 +14,21 @@ std::string Narrow(const HostArgument& argument) {
     return sText;
 }
 
+void TakeAttributes(const std::vector<HostArgument>& v, Notification& told) {
+    told.bSize = v[2].value.z != 0;
+    told.iSize = static_cast<unsigned long long>(v[3].value.j);
+    told.bAccessTime = v[4].value.z != 0;
+    told.lAccessTimeSec = static_cast<unsigned long>(v[5].value.j);
+    told.bLastModifiedTime = v[6].value.z != 0;
+    told.lLastModifiedTimeSec = static_cast<unsigned long>(v[7].value.j);
+}
+
+void TakeRange(const std::vector<HostArgument>& v, Notification& told) {
+    told.iSeek = static_cast<unsigned long long>(v[2].value.j);
+    told.iSeekType = v[3].value.i;
+    told.iLen = static_cast<unsigned int>(v[4].value.i);
+}
+
 }  // namespace
 
 FakeHost::FakeHost() {
@@ -33,48 +48,24 @@ HostMethods FakeHost::MakeMethods() {
             return HostAnswer{};
         };
     };
-    const auto ask = [this](const Notification& notification) { return HostAnswer{.iValue = m_Log.Ask(notification)}; };
-    HostMethods methods;
-    methods[kHostLogInfo] = line('i');
-    methods[kHostLogError] = line('e');
-    methods[kHostLogRaw] = line('r');
-    methods[kHostUpdate] = [ask](const Arguments& v) {
-        Notification notification;
-        notification.sOperation = "update";
-        notification.sID = Narrow(v[0]);
-        notification.sPath = Narrow(v[1]);
-        notification.bSize = v[2].value.z != 0;
-        notification.iSize = static_cast<unsigned long long>(v[3].value.j);
-        notification.bAccessTime = v[4].value.z != 0;
-        notification.lAccessTimeSec = static_cast<unsigned long>(v[5].value.j);
-        notification.bLastModifiedTime = v[6].value.z != 0;
-        notification.lLastModifiedTimeSec = static_cast<unsigned long>(v[7].value.j);
-        return ask(notification);
+    // All begin with the ID and a path; the rest differs.
+    const auto ask = [this](const char* pcOperation, void (*takeRest)(const Arguments&, Notification&)) {
+        return [this, pcOperation, takeRest](const Arguments& v) {
+            Notification notification;
+            notification.sOperation = pcOperation;
+            notification.sID = Narrow(v[0]);
+            notification.sPath = Narrow(v[1]);
+            takeRest(v, notification);
+            return HostAnswer{.iValue = m_Log.Ask(notification)};
+        };
     };
-    methods[kHostRemove] = [ask](const Arguments& v) {
-        Notification notification;
-        notification.sOperation = "remove";
-        notification.sID = Narrow(v[0]);
-        notification.sPath = Narrow(v[1]);
-        return ask(notification);
+    return {
+        {kHostLogInfo, line('i')},
+        {kHostLogError, line('e')},
+        {kHostLogRaw, line('r')},
+        {kHostUpdate, ask("update", TakeAttributes)},
+        {kHostRemove, ask("remove", [](const Arguments&, Notification&) {})},
+        {kHostRename, ask("rename", [](const Arguments& v, Notification& told) { told.sPathTo = Narrow(v[2]); })},
+        {kHostWrite, ask("write", TakeRange)},
     };
-    methods[kHostRename] = [ask](const Arguments& v) {
-        Notification notification;
-        notification.sOperation = "rename";
-        notification.sID = Narrow(v[0]);
-        notification.sPath = Narrow(v[1]);
-        notification.sPathTo = Narrow(v[2]);
-        return ask(notification);
-    };
-    methods[kHostWrite] = [ask](const Arguments& v) {
-        Notification notification;
-        notification.sOperation = "write";
-        notification.sID = Narrow(v[0]);
-        notification.sPath = Narrow(v[1]);
-        notification.iSeek = static_cast<unsigned long long>(v[2].value.j);
-        notification.iSeekType = v[3].value.i;
-        notification.iLen = static_cast<unsigned int>(v[4].value.i);
-        return ask(notification);
-    };
-    return methods;
 }

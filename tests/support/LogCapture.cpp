@@ -39,6 +39,16 @@ bool LogCapture::Has(const std::string& sText, char cKind) const {
     return std::find(vsTexts.begin(), vsTexts.end(), sText) != vsTexts.end();
 }
 
+std::string LogCapture::LinesWith(const std::string& sPart) const {
+    std::string sLines;
+    for (const std::string& sText : Texts()) {
+        if (sText.find(sPart) != std::string::npos) {
+            sLines += sText + "\n";
+        }
+    }
+    return sLines;
+}
+
 bool LogCapture::WaitFor(const std::string& sText, std::chrono::milliseconds limit) const {
     std::unique_lock lock(m_Mutex);
     return m_Changed.wait_for(lock, limit, [&] {

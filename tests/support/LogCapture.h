@@ -48,6 +48,8 @@ public:
     /// The texts alone, of one kind or ('\0') of all.
     std::vector<std::string> Texts(char cKind = '\0') const;
     bool Has(const std::string& sText, char cKind = '\0') const;
+    /// The lines that contain a text, each with its end.
+    std::string LinesWith(const std::string& sPart) const;
     /// True as soon as a line with exactly that text has come.
     bool WaitFor(const std::string& sText, std::chrono::milliseconds limit = std::chrono::seconds(20)) const;
     /// The same for a line that begins with the text.

@@ -77,15 +77,7 @@ protected:
     void WriteRecords(const std::vector<Segment>& vRecords) {
         WriteWholeFile(Info(), {reinterpret_cast<const char*>(vRecords.data()), vRecords.size() * 32});
     }
-    std::string LinesWith(const std::string& sPart) const {
-        std::string sLines;
-        for (const std::string& sText : m_Log.Texts()) {
-            if (sText.find(sPart) != std::string::npos) {
-                sLines += sText + "\n";
-            }
-        }
-        return sLines;
-    }
+    std::string LinesWith(const std::string& sPart) const { return m_Log.LinesWith(sPart); }
 
     TempFolder m_Folder;
     LogCapture m_Log;
