@@ -56,7 +56,7 @@ CFileLogger::~CFileLogger() {
 }
 
 bool CFileLogger::Open(int iLogControl) {
-    LogArgu logArgu{"CFileLogger.Open"};
+    const LogArgu logArgu{"CFileLogger.Open"};
     const MutexLock lock(m_hMutex);
     if (m_iLogFile != -1) {
         return true;
@@ -74,7 +74,7 @@ bool CFileLogger::Open(int iLogControl) {
 }
 
 void CFileLogger::Close() {
-    LogArgu logArgu{"CFileLogger.Close"};
+    const LogArgu logArgu{"CFileLogger.Close"};
     const MutexLock lock(m_hMutex);
     if (m_iLogFile != -1) {
         m_pUtilities->OS_FileClose(m_pRuntimeParam.get(), &logArgu, m_iLogFile, m_LogFile.c_str(), nullptr);
@@ -101,7 +101,7 @@ void CFileLogger::SetMaxLogSize(long long iSize) {
 }
 
 bool CFileLogger::LogMessage(const char* pcType, const char* pcMsg) {
-    LogArgu logArgu{"CFileLogger.LogMessage"};
+    const LogArgu logArgu{"CFileLogger.LogMessage"};
     const MutexLock lock(m_hMutex);
     if (m_iLogFile == -1) {
         return false;

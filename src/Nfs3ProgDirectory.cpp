@@ -36,7 +36,7 @@ public:
     /// The next entry's name, valid until the next call; null at the end, or if the directory cannot be read on.
     const char* ReadName() {
         errno = 0;
-        while (const dirent64* pEntry = readdir64(m_pDir.get())) {
+        while (const dirent64* pEntry = ::readdir64(m_pDir.get())) {
             if (!CNfs3Prog::IsInVaildDirName(pEntry->d_name)) {
                 return pEntry->d_name;
             }
@@ -45,7 +45,7 @@ public:
         return nullptr;
     }
     /// Goes back to the first name.
-    void Rewind() { rewinddir(m_pDir.get()); }
+    void Rewind() { ::rewinddir(m_pDir.get()); }
     /// Did the last name not come because of an error?
     bool HasFailed() const { return m_bFailed; }
     /// Reads all names that are left. False, with the rest unread, if they need more memory than given.

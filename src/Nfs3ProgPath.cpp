@@ -80,7 +80,7 @@ std::string FindEntry(const char* pcJoined, bool* pbExists) {
     }
     std::string sBare(WithoutTrailingSlashes(*sEntry));
     struct stat status {};
-    *pbExists = lstat(sBare.c_str(), &status) == 0;
+    *pbExists = ::lstat(sBare.c_str(), &status) == 0;
     if (!*pbExists || sBare == *sEntry) {
         return *sEntry;
     }

@@ -31,7 +31,7 @@ jstring NFSLIB_NATIVE(getVersion)(JNIEnv* pEnv, jobject jObj, jlong iHandle) {
 }
 
 jstring NFSLIB_NATIVE(getDescription)(JNIEnv* pEnv, jobject jObj, jlong iHandle) {
-    return AskForText(pEnv, jObj, iHandle, "Unknown", &CNfsMain::GetDescription);
+    return AskForText(pEnv, jObj, iHandle, kUnknownServer, &CNfsMain::GetDescription);
 }
 
 jint NFSLIB_NATIVE(getAccessMode)(JNIEnv* pEnv, jobject jObj, jlong iHandle) {

@@ -182,7 +182,7 @@ void CServerSocket::RecoverFromAcceptFailure(int iError) {
     }
     if ((iError == EMFILE || iError == ENFILE) && m_pUtilities != nullptr) {
         CSilentParam silent;
-        LogArgu logArgu{"ServerSocket.Run"};
+        const LogArgu logArgu{"ServerSocket.Run"};
         m_pUtilities->FreeCachedFileHandles(&silent, &logArgu);
     }
     std::this_thread::sleep_for(kAcceptPause);

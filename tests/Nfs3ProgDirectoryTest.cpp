@@ -234,7 +234,7 @@ TEST_F(Nfs3ProgDirectoryTest, DirectoryReachedThroughALinkGivesTheIdsOfItsFiles)
     WriteWholeFile(Path("a/dir/file"), "");
     const std::string sHandle = Handle("a/dir");
     // The host moves it and leaves a link: the handle's path is not the files' own any more.
-    ASSERT_EQ(rename(Path("a").c_str(), Path("b").c_str()), 0);
+    ASSERT_EQ(::rename(Path("a").c_str(), Path("b").c_str()), 0);
     ASSERT_EQ(::symlink("b", Path("a").c_str()), 0);
     XdrReader reader(CallList(false, sHandle, 0));
     ASSERT_EQ(reader.U32(), 0U);
@@ -374,7 +374,7 @@ TEST_F(Nfs3ProgDirectoryTest, WhatStaysIsListedOnceWhileOthersGoAndCome) {
         ::unlink(Path("file" + std::to_string(100 + iCall * 5)).c_str());
         WriteWholeFile(Path("new" + std::to_string(iCall)), "");
         if (iCall == 3) {
-            ASSERT_EQ(rename(Path("file1").c_str(), Path("renamed").c_str()), 0);
+            ASSERT_EQ(::rename(Path("file1").c_str(), Path("renamed").c_str()), 0);
         }
         ASSERT_LT(iCall, 100);
     }
@@ -461,8 +461,8 @@ TEST_F(Nfs3ProgDirectoryTest, DirectoryThatWasReplacedIsReadAnew) {
     }
     const std::string sHandle = Handle("dir");
     CallList(false, sHandle, 0);
-    ASSERT_EQ(rename(Path("dir").c_str(), Path("old").c_str()), 0);
-    ASSERT_EQ(rename(Path("other").c_str(), Path("dir").c_str()), 0);
+    ASSERT_EQ(::rename(Path("dir").c_str(), Path("old").c_str()), 0);
+    ASSERT_EQ(::rename(Path("other").c_str(), Path("dir").c_str()), 0);
     XdrReader reader(CallList(false, sHandle, 20));
     reader.Skip(4 + 88 + 8);
     int nEntries = 0;

@@ -56,7 +56,7 @@ public:
         for (const int iPipe : OpenPipes()) {
             if (!m_viBefore.contains(iPipe)) {
                 const CDescriptor folder(::open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-                EXPECT_EQ(dup3(folder.Get(), iPipe, O_CLOEXEC), iPipe);
+                EXPECT_EQ(::dup3(folder.Get(), iPipe, O_CLOEXEC), iPipe);
                 ++m_nBroken;
             }
         }
