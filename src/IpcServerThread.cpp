@@ -1,11 +1,19 @@
 // The thread of a CIpcServer.
 #include "IpcServerThread.h"
 
+#include <chrono>
 #include <cstring>
+#include <new>
 #include <system_error>
 
 #include "IpcServer.h"
 #include "Reason.h"
+
+namespace {
+
+constexpr std::chrono::milliseconds kPauseWithoutMemory{10};
+
+}  // namespace
 
 CIpcServerThread::CIpcServerThread() = default;
 
@@ -44,11 +52,20 @@ void CIpcServerThread::Close() {
 
 void CIpcServerThread::Run() {
     while (m_pServer->IsOpened()) {
-        if (!m_pServer->ReadRequest() && m_pServer->IsAutoShutdownRequested()) {
-            m_pServer->WaitForClose();  // nothing more is served; whoever owns this is about to close it
+        try {
+            ServeNext();
+        } catch (const std::bad_alloc&) {
+            // The connection is closed, and its requester learns that there is no reply. The next one may fare better.
+            std::this_thread::sleep_for(kPauseWithoutMemory);
         }
     }
     m_bActive = false;
+}
+
+void CIpcServerThread::ServeNext() {
+    if (!m_pServer->ReadRequest() && m_pServer->IsAutoShutdownRequested()) {
+        m_pServer->WaitForClose();  // nothing more is served; whoever owns this is about to close it
+    }
 }
 
 void* CIpcServerThread::ThreadProc(void* pvThis) {

@@ -27,6 +27,7 @@ public:
     bool IsActive() const { return m_bActive; }
     /// The body of the thread.
     void Run();
+    void ServeNext();
 
 private:
     static void* ThreadProc(void* pvThis);

@@ -119,12 +119,17 @@ int CIpcSocket::TryConnect(const char* pcPath) {
 }
 
 int CIpcSocket::Send(const IpcDataBuf& data, long* piSent) {
-    ssize_t iSent;
-    do {
-        iSent = ::send(Get(), data.cBuf, static_cast<std::size_t>(data.lDataLen), MSG_NOSIGNAL);
-    } while (iSent < 0 && errno == EINTR);
-    *piSent = iSent;
-    return iSent < 0 ? errno : 0;
+    *piSent = 0;
+    while (*piSent < data.lDataLen) {
+        const ssize_t iSent =
+            ::send(Get(), data.cBuf + *piSent, static_cast<std::size_t>(data.lDataLen - *piSent), MSG_NOSIGNAL);
+        if (iSent > 0) {
+            *piSent += iSent;
+        } else if (errno != EINTR) {
+            return *piSent == 0 ? errno : 0;
+        }
+    }
+    return 0;
 }
 
 int CIpcSocket::Receive(IpcDataBuf* pData, int iWake, const Deadline& deadline) {

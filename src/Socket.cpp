@@ -5,7 +5,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <system_error>
+#include <exception>
 
 #include <arpa/inet.h>
 #include <poll.h>
@@ -91,7 +91,7 @@ bool CSocket::Open(int iSocket, ISocketListener* pListener, const sockaddr_in* p
     m_bActive = true;
     try {
         m_hThread = std::thread(&CSocket::Run, this);
-    } catch (const std::system_error&) {
+    } catch (const std::exception&) {  // no thread, or no memory for one
         m_bActive = false;
         Close();
         return false;
@@ -132,18 +132,26 @@ bool CSocket::IsConnectionDead() const {
 // ---- The socket's own thread
 
 void CSocket::Run() {
-    while (!m_bStop) {
-        const Received received = m_iType == kStream ? ReceiveStream() : ReceiveDatagram();
-        if (received == Received::kEnd) {
-            break;
-        }
-        if (received == Received::kBytes && m_pListener != nullptr) {
-            m_pListener->SocketReceived(this);
-        }
+    while (!m_bStop && ReceiveAndHandOn()) {
     }
     // The peer learns at once that nobody listens any more; the descriptor stays until the slot is used again.
     static_cast<void>(::shutdown(m_Socket, SHUT_RDWR));
     m_bActive = false;
+}
+
+/// One receive, and what the listener does with it. False at the end of the socket.
+bool CSocket::ReceiveAndHandOn() {
+    const Received received = m_iType == kStream ? ReceiveStream() : ReceiveDatagram();
+    if (received != Received::kBytes || m_pListener == nullptr) {
+        return received != Received::kEnd;
+    }
+    try {
+        m_pListener->SocketReceived(this);
+        return true;
+    } catch (const std::exception&) {
+        // There is no memory to go on with: a call in the middle of a stream cannot be passed over, a datagram can.
+        return m_iType == kDatagram;
+    }
 }
 
 CSocket::Received CSocket::ReceiveStream() {

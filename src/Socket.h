@@ -85,6 +85,7 @@ private:
     enum class Received { kBytes, kNothing, kEnd };
 
     void Run();
+    bool ReceiveAndHandOn();
     Received ReceiveStream();
     Received ReceiveDatagram();
     bool SendStream();
