@@ -3,9 +3,13 @@
 
 #include <unistd.h>
 
+#include "Descriptor.h"
+
 CCachedFile::CCachedFile(int iFile) {
-    if (iFile != -1) {
+    CDescriptor owned(iFile);  // closes it if there is no memory for the rest
+    if (owned.IsOpen()) {
         m_pOpened = std::make_shared<Opened>(iFile);
+        static_cast<void>(owned.Release());
     }
 }
 
