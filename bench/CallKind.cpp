@@ -209,24 +209,26 @@ CallKind MakeRemove(const Handles& handles, const LoadFolder& folder) {
     return kind;
 }
 
-CallKind MakeReaddirplus(const Handles& handles) {
+CallKind MakeReaddirplus(const Handles& handles, std::size_t iPosition) {
     CallKind kind;
     kind.sCall = CallBuilder(kNfsProgram, kProcReaddirplus)
                      .Opaque(handles.sList)
-                     .U64(0)
-                     .U64(0)
+                     .U64(handles.vListing[iPosition].iCookie)
+                     .U64(handles.vListing[iPosition].iVerifier)
                      .U32(kListDirCount)
                      .U32(kListMaxCount)
                      .Finish();
-    kind.Check = [](std::string_view sReply, std::uint32_t iXid, std::uint64_t) -> std::uint32_t {
+    const bool bLast = iPosition + 1 == handles.vListing.size();
+    const std::uint64_t iNext = bLast ? 0 : handles.vListing[iPosition + 1].iCookie;
+    kind.Check = [bLast, iNext](std::string_view sReply, std::uint32_t iXid, std::uint64_t) -> std::uint32_t {
         const ListingReply listing = ReadListing(sReply, iXid);
         for (const std::string_view sName : listing.vsNames) {
             if (!sName.starts_with("entry-")) {
                 throw WrongReply("wrong name in a listing");
             }
         }
-        if (listing.vsNames.empty()) {
-            throw WrongReply("no entry in a listing");
+        if (listing.bEof != bLast || (!bLast && listing.iCookie != iNext)) {
+            throw WrongReply("a listing that went on otherwise before");
         }
         return 0;
     };

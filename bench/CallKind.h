@@ -5,9 +5,16 @@
 #include <functional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "BareProtocol.h"
 #include "LoadFolder.h"
+
+/// Where a call goes on with a listing.
+struct ListPosition {
+    std::uint64_t iCookie = 0;
+    std::uint64_t iVerifier = 0;
+};
 
 /// The handles that one server gave for the folder and its files.
 struct Handles {
@@ -15,6 +22,7 @@ struct Handles {
     std::string sRead;
     std::string sWrite;
     std::string sList;
+    std::vector<ListPosition> vListing;  ///< the calls that this server needs to list the folder of that handle
 };
 
 /// One kind of call. The bytes are complete but for transaction ID, file offset, name and written data, which are
@@ -43,5 +51,5 @@ CallKind MakeRead(const Handles& handles, const LoadFolder& folder, std::uint32_
 CallKind MakeWrite(const Handles& handles, std::uint32_t nData);
 CallKind MakeCreate(const Handles& handles, const LoadFolder& folder);
 CallKind MakeRemove(const Handles& handles, const LoadFolder& folder);
-/// The first reply of a listing. How many entries it holds is the server's choice.
-CallKind MakeReaddirplus(const Handles& handles);
+/// The call of a listing that goes on from one of the positions.
+CallKind MakeReaddirplus(const Handles& handles, std::size_t iPosition);

@@ -27,6 +27,7 @@ void Usage() {
         "  --list N           instead of the rows: lists a folder of N files by READDIRPLUS\n"
         "rows: NULL GETATTR LOOKUP ACCESS READ4K READ64K WRITE4K WRITE16K CREATE+REMOVE MIX READDIRPLUS (all)\n"
         "MIX: of 20 operations 6 GETATTR, 4 LOOKUP, 3 ACCESS, 4 READ and 2 WRITE of 4 KiB, 1 CREATE and REMOVE\n"
+        "READDIRPLUS: a whole listing of 25 entries, in as many calls as the server makes of it\n"
         "Every reply is checked, and what was written is read back. Exit status 1 if anything is wrong.\n");
 }
 

@@ -8,7 +8,38 @@
 
 #include <unistd.h>
 
+#include "ListingReply.h"
+#include "NfsMessages.h"
 #include "TcpExchange.h"
+
+namespace {
+
+/// Lists the folder once, to learn how many calls that takes. Throws WrongReply unless all its entries are there.
+std::vector<ListPosition> WalkListing(int iNfsPort, const std::string& sHandle) {
+    std::vector<ListPosition> vListing;
+    const int iSocket = ConnectTo(iNfsPort);
+    ListingReply listing;
+    std::size_t nNames = 0;
+    while (!listing.bEof && vListing.size() < kMostBareKinds) {
+        vListing.push_back({listing.iCookie, listing.iVerifier});
+        const std::string sReply = Exchange(iSocket, CallBuilder(kNfsProgram, kProcReaddirplus)
+                                                         .Opaque(sHandle)
+                                                         .U64(listing.iCookie)
+                                                         .U64(listing.iVerifier)
+                                                         .U32(kListDirCount)
+                                                         .U32(kListMaxCount)
+                                                         .Finish());
+        listing = ReadListing(sReply, 0);
+        nNames += listing.vsNames.size();
+    }
+    ::close(iSocket);
+    if (nNames != LoadFolder::kListEntries || !listing.bEof) {
+        throw WrongReply(std::to_string(nNames) + " entries in a listing");
+    }
+    return vListing;
+}
+
+}  // namespace
 
 Peer::Peer(PeerAddress address, const LoadFolder& folder, const Peer* pExample)
     : m_Address(std::move(address)), m_Folder(folder) {
@@ -25,6 +56,7 @@ Peer::Peer(PeerAddress address, const LoadFolder& folder, const Peer* pExample)
     handles.sRead = m_pMounted->Lookup(folder.GetReadName());
     handles.sWrite = m_pMounted->Lookup(folder.GetWriteName());
     handles.sList = m_pMounted->Lookup(folder.GetListName());
+    handles.vListing = WalkListing(m_Address.iNfsPort, handles.sList);
     m_vRows = MakeRows(handles, folder);
 }
 

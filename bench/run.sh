@@ -253,7 +253,7 @@ fi
 status=0
 if [ -n "$target" ]; then
     echo
-    "$here/judge" "$here/targets.csv" "$csv" || status=1
+    "$here/plot" --judge "$csv" || status=1
 fi
 if [ -n "$output" ]; then
     mkdir -p "$output"

@@ -1,0 +1,1 @@
+"""Plots, tables and judgement from the CSV files of bench/run.sh."""
