@@ -17,6 +17,7 @@ usage: bench/run.sh [OPTION...] [ROW...]     (rows: nfsload lists them; all of t
   --milliseconds N   how long each round lasts (110)
   --rows-only        no listings, redirected files and growth after the rows
   --no-ganesha       leaves NFS-Ganesha out
+  --profile          tells with perf and strace where the server's time goes in each row: profile.csv
   --memory           checks at the end that ten seconds of calls do not make the server grow by 1 MiB
   --quick            a few seconds: two short rounds of each row, without NFS-Ganesha, that only look for wrong bytes
                      and errors; exit status 77 where no network can be made
@@ -38,6 +39,7 @@ milliseconds=110
 rows_only=
 ganesha=yes
 memory=
+profile=
 quick=
 rows=()
 arguments=("$@")
@@ -53,6 +55,7 @@ while [ $# -gt 0 ]; do
         --rows-only) rows_only=yes ;;
         --no-ganesha) ganesha= ;;
         --memory) memory=yes ;;
+        --profile) profile=yes ;;
         --quick) quick=yes ;;
         -h | --help) usage && exit 0 ;;
         -*) usage >&2 && exit 2 ;;
@@ -66,6 +69,14 @@ build=$(readlink -f "$build")
     exit 2
 }
 say() { echo "bench/run.sh: $*" >&2; }
+if [ -n "$output$document$target$profile" ] && ! command -v python3 >/dev/null; then
+    say "plots, tables and targets need python3"
+    exit 2
+fi
+if [ -n "$profile" ] && ! command -v perf >/dev/null; then
+    say "--profile needs perf"
+    exit 2
+fi
 
 # A network of its own: every port is free, and nothing else is heard.
 if [ -z "${BENCH_ISOLATED:-}" ]; then
@@ -108,7 +119,7 @@ stop() {
 clean_up() {
     exec 5>&- || true
     local name
-    for name in ganesha rpcbind nfslib bare; do
+    for name in strace ganesha rpcbind nfslib bare; do
         stop "$name"
     done
     rm -rf "$work"
@@ -224,6 +235,32 @@ if [ -n "$memory" ]; then
     after=$(resident)
     echo "server memory: $before KiB before, $after KiB after ten seconds of calls"
     [ $((after - before)) -lt 1024 ] || { say "the server's memory grows" && exit 1; }
+fi
+# One row at a time and the server alone: samples of its processor time, then (calls one by one) its system calls.
+profile_row() {
+    local trace=()
+    perf record -q -e cpu-clock -F 4000 -g -p "${pids[nfslib]}" -o "$work/perf.data" -- \
+        "$build/bin/nfsload" --folder "$work/export" --shape "$1" --rounds 1 --milliseconds 1000 "$2" \
+        >/dev/null 2>"$work/perf.log" || { cat "$work/perf.log" >&2 && return 1; }
+    perf script -i "$work/perf.data" -F ip,sym,dso >"$work/perf.txt" 2>/dev/null
+    if [[ $1 = one:* ]] && command -v strace >/dev/null; then
+        strace -f -qq -p "${pids[nfslib]}" -o "$work/trace.txt" 2>/dev/null &
+        pids[strace]=$!
+        load --shape "$1" --rounds 1 --milliseconds 100 "$2" >/dev/null 2>&1
+        stop strace
+        trace=("$work/trace.txt")
+    fi
+    python3 "$here/report/profile.py" "${1%%:*}" "$2" "$work/perf.txt" "${trace[@]}" | tee -a "$csv/profile.csv"
+}
+if [ -n "$profile" ]; then
+    echo
+    say "where the time goes"
+    echo "shape,row,samples,own,send,receive,names,data,locks,switch,kernel,calls" | tee "$csv/profile.csv"
+    for shape in "one:1:1:$server_processor" "deep:1:16:$server_processor"; do
+        for row in $(awk -F, 'NR > 1 { print $4 }' "$csv/rows.csv" | awk '!seen[$0]++'); do
+            profile_row "$shape" "$row"
+        done
+    done
 fi
 if [ -z "$rows_only" ]; then
     echo

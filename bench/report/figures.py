@@ -4,10 +4,10 @@ import csv
 import os
 
 SHAPES = {
-    "one": "one call in flight, one processor",
-    "deep": "16 calls in flight, one processor",
-    "wide": "8 connections with 4 calls each, one processor",
-    "both": "8 connections with 4 calls each, client and servers on a processor each",
+    "one": "one: 1 call in flight, one processor",
+    "deep": "deep: 16 calls in flight, one processor",
+    "wide": "wide: 8 connections with 4 calls, one processor",
+    "both": "both: 8 connections with 4 calls, two processors",
 }
 OURS = "nfslib"
 BARE = "bare"
@@ -37,6 +37,7 @@ class Run:
         self.rows = read(folder, "rows.csv")
         self.listings = read(folder, "listings.csv")
         self.growth = read(folder, "growth.csv")
+        self.profile = read(folder, "profile.csv")
 
     def shapes(self):
         """The shapes that were run, in the order of SHAPES."""

@@ -6,8 +6,7 @@ from . import figures, svg
 from .targets import Targets
 
 WIDTH = 1000
-PANEL = 430        # width of what lies between a panel's axes and its right end, labels not counted
-LABELS = 118       # room for the names of rows
+LABELS = 134       # room for the names of rows
 LINE = 26          # height of a row
 HEAD = 76          # title and legend
 FOOT = 44          # axis and its label
@@ -156,7 +155,7 @@ def growth(run):
             panels.append((title, x_label, unit, lines))
     if not panels:
         return None
-    panel_height = 270
+    panel_height = 290
     picture = svg.Picture(WIDTH, 50 + panel_height * ((len(panels) + 1) // 2), "Growth")
     picture.text(20, 28, "What grows, and how much", style="title")
     for i, panel in enumerate(panels):
@@ -168,7 +167,7 @@ def growth_panel(picture, left, top, panel):
     title, x_label, unit, lines = panel
     points = [point for _, line in lines for point in line]
     x_axis = svg.Axis(*svg.bounds([x for x, _ in points], True), left + 70, left + WIDTH / 2 - 26, True)
-    y_axis = svg.Axis(*svg.bounds([y for _, y in points], False), top + 210, top + 48)
+    y_axis = svg.Axis(*svg.bounds([y for _, y in points], False), top + 226, top + 70)
     picture.text(left + 20, top + 14, title, style="head")
     for tick in x_axis.ticks():
         picture.line(x_axis.at(tick), y_axis.start, x_axis.at(tick), y_axis.end, "grid")
@@ -178,17 +177,16 @@ def growth_panel(picture, left, top, panel):
         picture.text(x_axis.start - 8, y_axis.at(tick) + 4.5, svg.short(tick), "end", "small")
     picture.text((x_axis.start + x_axis.end) / 2, y_axis.start + 34, x_label, "middle", "soft small")
     picture.text(left + 26, (y_axis.start + y_axis.end) / 2, unit, "middle", "soft small", -90)
-    x = left + 70
-    for (name, line), style, dash in zip(lines, STROKES, DASHES):
+    for k, ((name, line), style, dash) in enumerate(zip(lines, STROKES, DASHES)):
+        x, y = left + 70 + (k % 2) * 190, top + 34 + (k // 2) * 20
         places = [(x_axis.at(a), y_axis.at(b)) for a, b in line]
         picture.path(places, style)
         picture.parts[-1] = picture.parts[-1].replace("/>", f' stroke-dasharray="{dash}"/>' if dash else "/>")
         for place in places:
             small_mark(picture, *place, style)
-        picture.path([(x, top + 30), (x + 22, top + 30)], style)
+        picture.path([(x, y), (x + 22, y)], style)
         picture.parts[-1] = picture.parts[-1].replace("/>", f' stroke-dasharray="{dash}"/>' if dash else "/>")
-        picture.text(x + 28, top + 34, name, style="small")
-        x += 44 + 6.4 * len(name)
+        picture.text(x + 28, y + 4, name, style="small")
 
 
 def write_all(run, folder):

@@ -84,6 +84,26 @@ def growth(run):
     return table(["Figure", "Unit", "Value at size"], lines)
 
 
+def profile(run, shape):
+    """Where the server's processor time goes, in percent; calls one by one also by their system calls."""
+    heads = ["Row", "own code", "send", "receive", "look at paths", "file data", "change of threads", "rest of the kernel"]
+    lines = []
+    for line in run.profile:
+        if line["shape"] == shape:
+            parts = [float(line[use]) for use in ("own", "send", "receive", "names", "data", "switch")]
+            rest = float(line["kernel"]) + float(line["locks"])
+            lines.append([line["row"]] + [f"{part * 100:.0f}" for part in parts + [rest]])
+    return table(heads, lines)
+
+
+def calls(run):
+    """The system calls of one operation."""
+    lines = [[line["row"], ", ".join(f"`{call}`" for call in line["calls"].split())]
+             for line in run.profile if line["calls"]]
+    return "| Row | System calls from one receive to the next |\n|---|---|\n" + "\n".join(
+        "| " + " | ".join(line) + " |" for line in lines)
+
+
 def missed(run):
     """Every target that was not met."""
     judged = targets.judge_run(run)
@@ -98,6 +118,10 @@ def named(run):
     for shape in run.shapes():
         found["rows-" + shape] = rows(run, shape)
         found["latency-" + shape] = latency(run, shape)
+    if run.profile:
+        found["calls"] = calls(run)
+        for shape in dict.fromkeys(line["shape"] for line in run.profile):
+            found["profile-" + shape] = profile(run, shape)
     return found
 
 
