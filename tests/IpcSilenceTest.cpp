@@ -23,7 +23,7 @@ class IpcSilenceTest : public testing::Test {
 protected:
     void SetUp() override {
         if (!IsIsolated()) {
-            GTEST_SKIP() << "needs a /tmp of its own";
+            GTEST_SKIP() << kNotIsolated;
         }
         m_pReceiver = MakeReceiver();
         m_pReceiver->Hang();

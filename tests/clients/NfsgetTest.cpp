@@ -235,20 +235,28 @@ TEST_F(NfsgetTest, RefusedMountIsNotTakenBack) {
     EXPECT_EQ(Server().GetMountInfo(true, false), 1);
 }
 
+class InterruptedNfsgetTest : public NfsgetTest {
+protected:
+    /// Sends a client a signal some time after it has mounted. False if it was through by then.
+    bool IsInterrupted(ChildProcess& client, int iMicroseconds, int iSignal) {
+        while (Server().GetMountInfo(true, false) == 0 && client.IsRunning()) {
+            ::usleep(100);  // the moments counted from here are to be close to each other
+        }
+        ::usleep(static_cast<useconds_t>(iMicroseconds));
+        client.Signal(iSignal);
+        const std::optional<int> iStatus = client.Wait();
+        EXPECT_TRUE(iStatus == 0 || iStatus == 1) << iStatus.value_or(-1) << " after " << iMicroseconds << " us";
+        return iStatus == 1;
+    }
+};
+
 /// The call under way is given up and its reply, if it still comes, finds nobody.
-TEST_F(NfsgetTest, ClientInterruptedAtAnyMomentOfItsWorkUnmounts) {
+TEST_F(InterruptedNfsgetTest, ClientInterruptedAtAnyMomentOfItsWorkUnmounts) {
     WriteWholeFile(Folder() / "file", std::string(std::size_t{8} << 20, 'x'));
     int iInterrupted = 0;
     for (int iMicroseconds = 0; iMicroseconds < 40000; iMicroseconds += 1000) {
         ChildProcess get({Program(), "get", "127.0.0.1:data/file", "-"});
-        while (Server().GetMountInfo(true, false) == 0 && get.IsRunning()) {
-            ::usleep(100);  // the moments counted from here are to be close to each other
-        }
-        ::usleep(static_cast<useconds_t>(iMicroseconds));
-        get.Signal(SIGTERM);
-        const std::optional<int> iStatus = get.Wait();
-        ASSERT_TRUE(iStatus == 0 || iStatus == 1) << iStatus.value_or(-1) << " after " << iMicroseconds << " us";
-        if (iStatus == 1) {
+        if (IsInterrupted(get, iMicroseconds, SIGTERM)) {
             ++iInterrupted;
             EXPECT_THAT(get.Output(), testing::EndsWith("nfsget: interrupted\n"));
         }
@@ -257,20 +265,13 @@ TEST_F(NfsgetTest, ClientInterruptedAtAnyMomentOfItsWorkUnmounts) {
     EXPECT_GT(iInterrupted, 0);
 }
 
-TEST_F(NfsgetTest, PutInterruptedAtAnyMomentOfItsWorkUnmounts) {
+TEST_F(InterruptedNfsgetTest, PutInterruptedAtAnyMomentOfItsWorkUnmounts) {
     const TempFolder local;
     WriteWholeFile(local / "file", Numbers(8 << 20));
     int iInterrupted = 0;
     for (int iMicroseconds = 0; iMicroseconds < 40000; iMicroseconds += 2000) {
         ChildProcess put({Program(), "put", local / "file", "127.0.0.1:data/file"});
-        while (Server().GetMountInfo(true, false) == 0 && put.IsRunning()) {
-            ::usleep(100);  // the moments counted from here are to be close to each other
-        }
-        ::usleep(static_cast<useconds_t>(iMicroseconds));
-        put.Signal(SIGINT);
-        const std::optional<int> iStatus = put.Wait();
-        ASSERT_TRUE(iStatus == 0 || iStatus == 1) << iStatus.value_or(-1) << " after " << iMicroseconds << " us";
-        if (iStatus == 1) {
+        if (IsInterrupted(put, iMicroseconds, SIGINT)) {
             ++iInterrupted;
             EXPECT_THAT(put.Output(), StartsWith("nfsget: interrupted"));
         }

@@ -48,7 +48,7 @@ class HangingReceiversTest : public testing::Test {
 protected:
     void SetUp() override {
         if (!IsIsolated()) {
-            GTEST_SKIP() << "needs network and /tmp of its own";
+            GTEST_SKIP() << kNotIsolated;
         }
         m_pOwned = std::make_unique<TempFolder>();
         m_pFree = std::make_unique<TempFolder>();
