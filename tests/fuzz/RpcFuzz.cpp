@@ -8,6 +8,7 @@
 #include <iterator>
 #include <stdexcept>
 
+#include <sys/inotify.h>
 #include <unistd.h>
 
 #include "Limits.h"
@@ -85,6 +86,11 @@ RpcFuzzWorld::RpcFuzzWorld(const std::string& sFolder)
     fs::create_directories(m_sOutside);
     m_sOutside = fs::canonical(m_sOutside).string();
     m_sExport = m_sOutside + "/export";
+    constexpr unsigned int kTouches = IN_OPEN | IN_MODIFY | IN_ATTRIB | IN_CREATE | IN_DELETE | IN_MOVE;
+    m_Watch = CDescriptor(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    if (::inotify_add_watch(m_Watch.Get(), m_sOutside.c_str(), kTouches) == -1) {
+        throw std::runtime_error("no watch on " + m_sOutside);
+    }
     Restore();
     char vcReason[kReasonBufferSize] = "";
     LogArgu tag{"fuzz"};
@@ -114,6 +120,8 @@ void RpcFuzzWorld::Restore() {
             fs::remove_all(entry.path(), ignored);
         }
         WriteFile(m_sOutside + "/secret", kSecret);
+        fs::create_directories(m_sExport, ignored);
+        WasOutsideTouched();  // by this
     }
     std::error_code ignored;
     fs::create_directories(m_sExport + "/folder", ignored);
@@ -132,8 +140,8 @@ std::string RpcFuzzWorld::Run(std::string_view sInput) {
     const unsigned char iKind = static_cast<unsigned char>(sInput[0]);
     const std::size_t nPiece = static_cast<unsigned char>(sInput[1]);
     sInput.remove_prefix(2);
-    const bool bDatagram = (iKind & 1U) != 0;
-    CapturingSocket socket(bDatagram ? CSocket::kDatagram : CSocket::kStream, kPrograms[(iKind >> 1U) & 3U]);
+    CapturingSocket& socket = *TakeSocket(iKind);
+    const bool bDatagram = socket.GetType() == CSocket::kDatagram;
     std::string sFailure;
     bool bOpen = true;
     while (!sInput.empty() && sFailure.empty() && bOpen) {
@@ -143,6 +151,19 @@ std::string RpcFuzzWorld::Run(std::string_view sInput) {
         sFailure = Judge(&socket);
     }
     return sFailure;
+}
+
+/// The socket for inputs of that kind, as good as new: its buffers are what takes long to make.
+CapturingSocket* RpcFuzzWorld::TakeSocket(unsigned char iKind) {
+    const bool bDatagram = (iKind & 1U) != 0;
+    const unsigned long lProgram = kPrograms[(iKind >> 1U) & 3U];
+    std::unique_ptr<CapturingSocket>& pSocket = m_Sockets[{bDatagram, lProgram}];
+    if (!pSocket || pSocket->IsStopping()) {
+        pSocket = std::make_unique<CapturingSocket>(bDatagram ? CSocket::kDatagram : CSocket::kStream, lProgram);
+    }
+    pSocket->GetInputStream()->ResetBuffer();
+    pSocket->GetOutputStream()->ResetBuffer();
+    return pSocket.get();
 }
 
 std::string RpcFuzzWorld::Judge(CapturingSocket* pSocket) {
@@ -158,12 +179,38 @@ std::string RpcFuzzWorld::Judge(CapturingSocket* pSocket) {
     if (pOutput->GetBufferSize() != 0 || !AreReplies(sReplies, pSocket->GetType() == CSocket::kStream)) {
         return "something other than whole replies was sent";
     }
-    if (sReplies.find(kSecret) != std::string_view::npos || ReadFile(m_sOutside + "/secret") != kSecret) {
-        return "a file outside the export was reached";
+    if (sReplies.find(kSecret) != std::string_view::npos) {
+        return "a file outside the export was read";
     }
+    return WasOutsideTouched() ? JudgeOutside() : "";
+}
+
+/// Whether anything happened beside the export, or to its own entry there, since this was last asked.
+bool RpcFuzzWorld::WasOutsideTouched() {
+    constexpr std::size_t kEventsSize = 4096;
+    alignas(inotify_event) char cEvents[kEventsSize];
+    bool bTouched = false;
+    for (ssize_t nRead = 0; (nRead = ::read(m_Watch.Get(), cEvents, sizeof(cEvents))) > 0;) {
+        for (ssize_t i = 0; i < nRead;) {
+            const auto* pEvent = reinterpret_cast<const inotify_event*>(cEvents + i);
+            // The export itself is listed, and given another mode.
+            bTouched |= (pEvent->mask & IN_ISDIR) == 0 || (pEvent->mask & (IN_OPEN | IN_ATTRIB)) == 0;
+            i += static_cast<ssize_t>(sizeof(inotify_event)) + static_cast<ssize_t>(pEvent->len);
+        }
+    }
+    return bTouched;
+}
+
+/// Something happened outside, which is wrong, whatever is there now.
+std::string RpcFuzzWorld::JudgeOutside() {
+    const bool bChanged = ReadFile(m_sOutside + "/secret") != kSecret;
     const auto nOutside = std::distance(fs::directory_iterator(m_sOutside), fs::directory_iterator());
+    WasOutsideTouched();  // by this
+    if (bChanged) {
+        return "a file outside the export was changed";
+    }
     if (nOutside != 2 || !fs::is_directory(fs::symlink_status(m_sExport))) {
         return "something outside the export, or the export itself, was made or removed";
     }
-    return "";
+    return "a file outside the export was opened";
 }

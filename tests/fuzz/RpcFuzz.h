@@ -2,10 +2,13 @@
 // programs behind it.
 #pragma once
 
+#include <map>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 
+#include "Descriptor.h"
 #include "RuntimeParam.h"
 
 class CMountProg;
@@ -36,7 +39,10 @@ public:
 
 private:
     void Restore();
+    CapturingSocket* TakeSocket(unsigned char iKind);
     std::string Judge(CapturingSocket* pSocket);
+    std::string JudgeOutside();
+    bool WasOutsideTouched();
 
     std::string m_sOutside;  ///< holds the export and what no client may reach
     std::string m_sExport;
@@ -46,5 +52,7 @@ private:
     std::unique_ptr<CMountProg> m_pMountProg;
     std::unique_ptr<CNfsProg> m_pNfsProg;
     std::unique_ptr<CRpcServer> m_pServer;
+    std::map<std::pair<bool, unsigned long>, std::unique_ptr<CapturingSocket>> m_Sockets;  ///< used again and again
+    CDescriptor m_Watch;  ///< tells of what is opened, made, changed or removed beside the export
     unsigned int m_nInputs = 0;
 };

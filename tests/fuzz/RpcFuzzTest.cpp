@@ -8,9 +8,12 @@
 #include <string>
 #include <vector>
 
+#include <unistd.h>
+
 #include <gtest/gtest.h>
 
 #include "Corpus.h"
+#include "TempFolder.h"
 #include "Xdr.h"
 
 namespace {
@@ -90,6 +93,19 @@ TEST(RpcFuzz, TheCorpusIsAnsweredWithoutHarm) {
     for (const std::string& sInput : vsCorpus) {
         EXPECT_EQ(world.Run(sInput), "") << Hex(sInput);
     }
+}
+
+TEST(RpcFuzz, WhatHappensOutsideTheExportIsNoticed) {
+    const TempFolder folder;
+    RpcFuzzWorld world(folder.Path());
+    const std::string sInput = ReadCorpus("corpus").front();
+    ASSERT_EQ(world.Run(sInput), "");
+    const std::string sOutside = folder / ("rpc-fuzz-" + std::to_string(::getpid()));
+    ReadWholeFile(sOutside + "/secret");
+    EXPECT_EQ(world.Run(sInput), "a file outside the export was opened");
+    EXPECT_EQ(world.Run(sInput), "");
+    WriteWholeFile(sOutside + "/new", "");
+    EXPECT_EQ(world.Run(sInput), "something outside the export, or the export itself, was made or removed");
 }
 
 TEST(RpcFuzz, MutatedCallsDoNoHarm) {
