@@ -9,12 +9,12 @@ usage() {
     cat <<'USAGE'
 usage: bench/run.sh [OPTION...] [ROW...]     (rows: nfsload lists them; all of them unless some are named)
   --build FOLDER     the build to measure (build); a Release or RelWithDebInfo build counts
-  --csv FOLDER       writes machine.csv, rows.csv, listings.csv, growth.csv there, and plots of them
+  --csv FOLDER       writes machine.csv, rows.csv, listings.csv, options.csv, growth.csv there, and plots
   --document         the same, into docs/performance, and renews the tables of docs/performance.md
   --target           exit status 1 if a row misses its target (bench/targets.csv). Otherwise no time decides it
   --shapes "NAME..." of one, deep, wide and both, the ones to run (all of them)
-  --rounds N         rounds of each row, in turns between the servers; the median counts (13)
-  --milliseconds N   how long each round lasts (110)
+  --rounds N         rounds of each row, in turns between the servers; the median counts (11)
+  --milliseconds N   how long each round lasts (100)
   --rows-only        no listings, redirected files and growth after the rows
   --no-ganesha       leaves NFS-Ganesha out
   --profile          tells with perf and strace where the server's time goes in each row: profile.csv
@@ -22,7 +22,7 @@ usage: bench/run.sh [OPTION...] [ROW...]     (rows: nfsload lists them; all of t
   --quick            a few seconds: two short rounds of each row, without NFS-Ganesha, that only look for wrong bytes
                      and errors; exit status 77 where no network can be made
 BENCH_FOLDER in the environment: where the exported folder is made (/dev/shm, as the servers are measured and not a
-disk; /tmp where that has no room).
+disk; /tmp where that has no room). BENCH_DISK: a folder on a disk, for what flushing costs (/var/tmp).
 Shapes: one call in flight; deep: 16 in flight; wide: 8 connections with 4 each; all these with client and servers on
 one processor; both: as wide, the client on another processor than the servers.
 Exit status 1 if a reply or a file is not what it should be.
@@ -34,8 +34,8 @@ output=
 document=
 target=
 shapes="one deep wide both"
-rounds=13
-milliseconds=110
+rounds=11
+milliseconds=100
 rows_only=
 ganesha=yes
 memory=
@@ -116,13 +116,14 @@ stop() {
     unset "pids[$1]"
     [ -z "$pid" ] || { kill -TERM "$pid" 2>/dev/null && wait "$pid" 2>/dev/null; } || true
 }
+disk=
 clean_up() {
     exec 5>&- || true
     local name
     for name in strace ganesha rpcbind nfslib bare; do
         stop "$name"
     done
-    rm -rf "$work"
+    rm -rf "$work" ${disk:+"$disk"}
 }
 trap clean_up EXIT
 
@@ -137,12 +138,15 @@ until_true() {
 }
 listens() { (: <"/dev/tcp/127.0.0.1/$1"); }
 
+# start_nfslib FOLDER [OPTION...]
 start_nfslib() {
+    rm -f "$work/input"
     mkfifo "$work/input"
-    taskset -c "$server_processor" "$build/bin/nfsconsole" -id bench -md int <"$work/input" >"$work/printed" 2>&1 &
+    taskset -c "$server_processor" "$build/bin/nfsconsole" -id bench -md int "${@:2}" <"$work/input" \
+        >"$work/printed" 2>&1 &
     pids[nfslib]=$!
     exec 5>"$work/input"
-    printf 'debug\nstart\nmount %s=data\nprint ready\n' "$work/export" >&5
+    printf 'debug\nstart\nmount %s=data\nprint ready\n' "$1" >&5
     until_true 20 "the server" grep -q '(bench) ready' "$work/printed" &&
         grep -q 'Start NFS success' "$work/printed" || {
         cat "$work/printed" >&2
@@ -175,7 +179,7 @@ start_ganesha() {
 }
 
 mkdir "$work/export"
-start_nfslib
+start_nfslib "$work/export"
 start_bare
 peers=(--peer nfslib:2049:1058:data --bare 3049)
 if [ -n "$ganesha" ] && command -v ganesha.nfsd >/dev/null && command -v rpcbind >/dev/null; then
@@ -226,7 +230,7 @@ done
 load() { "$build/bin/nfsload" --folder "$work/export" --rounds "$rounds" "$@"; }
 resident() { awk '/^VmRSS/ { print $2 }' "/proc/${pids[nfslib]}/status"; }
 
-say "rows: step 1 of 4"
+say "rows: step 1 of 5"
 load "${peers[@]}" "${shape_options[@]}" --milliseconds "$milliseconds" --csv "$csv/rows.csv" "${rows[@]}"
 if [ -n "$memory" ]; then
     say "memory: step 1, at its end"
@@ -236,6 +240,33 @@ if [ -n "$memory" ]; then
     echo "server memory: $before KiB before, $after KiB after ten seconds of calls"
     [ $((after - before)) -lt 1024 ] || { say "the server's memory grows" && exit 1; }
 fi
+# measure_option NAME FOLDER ROW...: one call in flight, beside the bare server.
+measure_option() {
+    rm -f "$work/option.csv"
+    "$build/bin/nfsload" --folder "$2" --peer nfslib:2049:1058:data --bare 3049 --shape "one:1:1:$server_processor" \
+        --rounds 7 --milliseconds 80 --csv "$work/option.csv" "${@:3}" >/dev/null 2>&1
+    awk -F, -v option="$1" 'NR > 1 && $5 == "nfslib" { print option "," $4 "," $7 "," $10 "," $14 }' "$work/option.csv" |
+        tee -a "$csv/options.csv"
+}
+# Bits are those of the console's "log"; what they say goes to a file in memory.
+measure_options() {
+    local bits
+    echo "option,row,ops_per_s,p50_us,of_bare" | tee "$csv/options.csv"
+    for bits in 0 3 12 28 1023; do
+        printf 'log %s\nprint bits %s\n' "$bits" "$bits" >&5
+        until_true 10 "logging" grep -q "(bench) bits $bits" "$work/printed"
+        measure_option "log $bits" "$work/export" GETATTR READ4K WRITE16K
+    done
+    stop nfslib
+    disk=$(mktemp -d "${BENCH_DISK:-/var/tmp}/nfsbench-XXXXXX")
+    start_nfslib "$disk"
+    measure_option "a disk" "$disk" WRITE4K WRITE16K
+    stop nfslib
+    start_nfslib "$disk" -sync
+    measure_option "a disk with -sync" "$disk" WRITE4K WRITE16K
+    stop nfslib
+}
+
 # One row at a time and the server alone: samples of its processor time, then (calls one by one) its system calls.
 profile_row() {
     local trace=()
@@ -264,22 +295,27 @@ if [ -n "$profile" ]; then
 fi
 if [ -z "$rows_only" ]; then
     echo
-    say "listings: step 2 of 4"
+    say "listings: step 2 of 5"
     load "${peers[@]}" --shape "one:1:1:$server_processor" --list 1000 --csv "$csv/listings.csv"
     [ -n "$quick" ] || load "${peers[@]}" --shape "one:1:1:$server_processor" --list 100000 --rounds 3 \
         --csv "$csv/listings.csv"
-    # What follows wants the ports of the first server.
     stop ganesha
+    if [ -z "$quick" ]; then
+        echo
+        say "log bits and -sync: step 3 of 5"
+        measure_options
+    fi
+    # What follows wants the ports of the first server.
     stop nfslib
     echo
-    say "redirected files: step 3 of 4"
+    say "redirected files: step 4 of 5"
     redirected=()
     [ -z "$quick" ] || redirected=(--operations 30)
     taskset -c "$server_processor" "$build/bin/redirectedload" --folder "$folder" \
         --rounds "$rounds" --csv "$csv/growth.csv" "${redirected[@]}"
     if [ -z "$quick" ] && [ -x "$build/bin/growth" ]; then
         echo
-        say "growth: step 4 of 4"
+        say "growth: step 5 of 5"
         taskset -c "$server_processor" "$build/bin/growth" --csv >"$work/growth.csv"
         tail -n +2 "$work/growth.csv" | tee -a "$csv/growth.csv"
     fi

@@ -38,6 +38,7 @@ class Run:
         self.listings = read(folder, "listings.csv")
         self.growth = read(folder, "growth.csv")
         self.profile = read(folder, "profile.csv")
+        self.options = read(folder, "options.csv")
 
     def shapes(self):
         """The shapes that were run, in the order of SHAPES."""

@@ -84,6 +84,17 @@ def growth(run):
     return table(["Figure", "Unit", "Value at size"], lines)
 
 
+def options(run):
+    """What options and log bits cost: rows against options, operations a second and the share of the bare server."""
+    rows_run = list(dict.fromkeys(line["row"] for line in run.options))
+    lines = []
+    for option in dict.fromkeys(line["option"] for line in run.options):
+        cells = {line["row"]: f"{count(float(line['ops_per_s']))} ({float(line['of_bare']):.2f})"
+                 for line in run.options if line["option"] == option}
+        lines.append([option] + [cells.get(row, "") for row in rows_run])
+    return table(["Setting"] + rows_run, lines)
+
+
 def profile(run, shape):
     """Where the server's processor time goes, in percent; calls one by one also by their system calls."""
     heads = ["Row", "own code", "send", "receive", "look at paths", "file data", "change of threads", "rest of the kernel"]
@@ -118,6 +129,8 @@ def named(run):
     for shape in run.shapes():
         found["rows-" + shape] = rows(run, shape)
         found["latency-" + shape] = latency(run, shape)
+    if run.options:
+        found["options"] = options(run)
     if run.profile:
         found["calls"] = calls(run)
         for shape in dict.fromkeys(line["shape"] for line in run.profile):
