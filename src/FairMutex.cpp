@@ -7,27 +7,39 @@ void CFairMutex::lock() {
         m_bLocked = true;
         return;
     }
-    const auto itWaiter = m_Waiters.emplace(m_Waiters.end());
-    itWaiter->since = Clock::now();
-    m_nWaiters.store(m_Waiters.size(), std::memory_order_relaxed);
+    Waiter self;
+    self.since = Clock::now();
+    Append(self);
     // Woken without being the owner: the mutex is free, unless somebody else has been faster.
-    while (!itWaiter->bOwner && m_bLocked) {
-        itWaiter->wake.wait(state);
+    while (!self.bOwner && m_bLocked) {
+        self.wake.wait(state);
     }
     m_bLocked = true;
-    m_Waiters.erase(itWaiter);
-    m_nWaiters.store(m_Waiters.size(), std::memory_order_relaxed);
+    Remove(self);
+}
+
+void CFairMutex::Append(Waiter& waiter) {
+    waiter.pBefore = m_pLast;
+    (m_pLast != nullptr ? m_pLast->pBehind : m_pFirst) = &waiter;
+    m_pLast = &waiter;
+    m_nWaiters.fetch_add(1, std::memory_order_relaxed);
+}
+
+void CFairMutex::Remove(const Waiter& waiter) {
+    (waiter.pBefore != nullptr ? waiter.pBefore->pBehind : m_pFirst) = waiter.pBehind;
+    (waiter.pBehind != nullptr ? waiter.pBehind->pBefore : m_pLast) = waiter.pBefore;
+    m_nWaiters.fetch_sub(1, std::memory_order_relaxed);
 }
 
 void CFairMutex::unlock() {
     const std::lock_guard state(m_hMutexState);
     if (IsFirstDue()) {
-        m_Waiters.front().bOwner = true;  // and the mutex stays locked
+        m_pFirst->bOwner = true;  // and the mutex stays locked
     } else {
         m_bLocked = false;
     }
-    if (!m_Waiters.empty()) {
-        m_Waiters.front().wake.notify_one();
+    if (m_pFirst != nullptr) {
+        m_pFirst->wake.notify_one();
     }
 }
 
@@ -40,5 +52,5 @@ bool CFairMutex::IsDue() const {
 }
 
 bool CFairMutex::IsFirstDue() const {
-    return !m_Waiters.empty() && Clock::now() - m_Waiters.front().since >= kPatience;
+    return m_pFirst != nullptr && Clock::now() - m_pFirst->since >= kPatience;
 }

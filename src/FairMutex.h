@@ -5,7 +5,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
-#include <list>
 #include <mutex>
 
 #include "ThreadAnnotations.h"
@@ -32,19 +31,24 @@ public:
 private:
     using Clock = std::chrono::steady_clock;
 
-    /// A thread in lock().
+    /// A thread in lock(), on whose stack it stands.
     struct Waiter {
         Clock::time_point since;
         bool bOwner = false;  ///< the mutex was handed to it
         std::condition_variable wake;
+        Waiter* pBefore = nullptr;
+        Waiter* pBehind = nullptr;
     };
 
+    void Append(Waiter& waiter);
+    void Remove(const Waiter& waiter);
     bool IsFirstDue() const;
 
     /// Guards what follows; never held while somebody waits.
     mutable std::mutex m_hMutexState;
     bool m_bLocked = false;
-    std::list<Waiter> m_Waiters;             ///< in the order in which they came
+    Waiter* m_pFirst = nullptr;  ///< of the waiters, in the order in which they came
+    Waiter* m_pLast = nullptr;
     std::atomic<std::size_t> m_nWaiters{0};  ///< how many they are, to be asked without m_hMutexState
 };
 
