@@ -88,6 +88,10 @@ bool IsConsoleEndRequested() {
     return g_bEndRequested.load();
 }
 
+int GetConsoleEndDescriptor() {
+    return g_iEndEvent.load();
+}
+
 void SleepUnlessConsoleEnds(int iMilliseconds) {
     pollfd event{g_iEndEvent.load(), POLLIN, 0};
     ::poll(&event, 1, iMilliseconds);  // interrupted early: the caller looks at its conditions and comes back

@@ -12,5 +12,8 @@ void PrepareConsoleProcess();
 /// True once a signal has asked for the end of the program. Any thread.
 bool IsConsoleEndRequested();
 
+/// A descriptor that is readable from then on, to be polled; -1 where there was none to be had.
+int GetConsoleEndDescriptor();
+
 /// Sleeps for a time, or until a signal asks for the end of the program.
 void SleepUnlessConsoleEnds(int iMilliseconds);

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "EndWatch.h"
 #include "Limits.h"
 #include "Reason.h"
 
@@ -17,7 +18,8 @@ constexpr std::chrono::milliseconds kFullPause{20};
 
 }  // namespace
 
-CIpcClient::CIpcClient(CLog* pUtilities, CRuntimeParam* pRuntimeParam) : CIpcBasic(pUtilities, pRuntimeParam) {}
+CIpcClient::CIpcClient(CLog* pUtilities, CRuntimeParam* pRuntimeParam)
+    : CIpcBasic(pUtilities, pRuntimeParam), m_iHurry(CEndWatch::GetStop()) {}
 
 // ---- Sending
 
@@ -139,13 +141,13 @@ bool CIpcClient::SendAll(char* pcReason) {
     return true;
 }
 
-bool CIpcClient::ReadReply(CIpcSocket::Deadline deadline, char* pcReason) {
+bool CIpcClient::ReadReply(const CIpcSocket::Deadline& deadline, char* pcReason) {
     NFS_LOG_INFO(GetLog(&kLogArgu), kLogIpcState, "[%s] Read ipc server reply");
-    if (CIpcSocket::WaitReadable(m_Connection.Get(), m_iHurry, deadline) == ECANCELED) {
+    m_iError = m_Connection.Receive(&m_IpcDataInst.reply, m_iHurry, deadline);
+    if (m_iError == ECANCELED) {
         const auto hurryEnd = CIpcSocket::Clock::now() + m_HurryRest;
-        deadline = deadline ? std::min(*deadline, hurryEnd) : hurryEnd;
+        m_iError = m_Connection.ReceiveRest(&m_IpcDataInst.reply, deadline ? std::min(*deadline, hurryEnd) : hurryEnd);
     }
-    m_iError = m_Connection.Receive(&m_IpcDataInst.reply, -1, deadline);
     return EndReply(pcReason);
 }
 

@@ -17,13 +17,15 @@
 /// kind of reply, came.
 class CIpcClient : public CIpcBasic {
 public:
+    static constexpr std::chrono::milliseconds kStopRest{1000};
+
     CIpcClient(CLog* pUtilities, CRuntimeParam* pRuntimeParam);
 
     /// A limit for all of connecting, sending and waiting for the reply. Without one the client waits as long as the
     /// peer lives.
     void SetTimeout(std::chrono::milliseconds timeout) { m_Timeout = timeout; }
     /// From when the descriptor is readable on the reply is waited for no longer than the rest; for who may have to
-    /// hurry. It goes with a limit.
+    /// hurry. At first it is that of the thread's CEndWatch, with a rest of kStopRest.
     void SetHurry(int iDescriptor, std::chrono::milliseconds rest) {
         m_iHurry = iDescriptor;
         m_HurryRest = rest;
@@ -91,7 +93,7 @@ private:
     bool Open(const char* pcChannel, char* pcReason);
     bool Connect(const char* pcChannel, const CIpcSocket::Deadline& deadline, char* pcReason);
     bool SendAll(char* pcReason);
-    bool ReadReply(CIpcSocket::Deadline deadline, char* pcReason);
+    bool ReadReply(const CIpcSocket::Deadline& deadline, char* pcReason);
     bool EndReply(char* pcReason);
 
     int ConnectInTime(const char* pcChannel, const CIpcSocket::Deadline& deadline);
@@ -103,8 +105,8 @@ private:
     IpcDataInst m_IpcDataInst{};
     CIpcTextFields m_Texts;  ///< whether every text fit its field
     std::optional<std::chrono::milliseconds> m_Timeout;
-    int m_iHurry = -1;
-    std::chrono::milliseconds m_HurryRest{0};
+    int m_iHurry;
+    std::chrono::milliseconds m_HurryRest = kStopRest;
     CIpcSocket m_Connection;
     bool m_bSent = false;
     int m_iError = 0;

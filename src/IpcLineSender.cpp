@@ -18,19 +18,24 @@
 struct CIpcLineSender::Sending {
     Sending(CLog* pLog, CIpcReceivers::NextLine next, std::chrono::milliseconds timeout)
         : turn(std::move(next.turn)),
-          own(next.line.sID.c_str(), next.line.iLogControl),
+          line(std::move(next.line)),
+          own(line.sID.c_str(), line.iLogControl),
           client(pLog, &own),
           end(Clock::now() + timeout) {
         bReachable = CUtilitiesIpcServer::GetIpcCallbackChannel(turn.GetIpcID().c_str(), vcChannel);
         file = FindIpcChannelFile(vcChannel);
         auto record = NewIpcRecord<IpcCb_LogMessage>();
-        CopyText(record.cID, next.line.sID.c_str());
-        CopyText(record.cMsg, next.line.sMessage.c_str());
-        record.iType = next.line.iType;
+        CopyText(record.cID, line.sID.c_str());
+        CopyText(record.cMsg, line.sMessage.c_str());
+        record.iType = line.iType;
         client.SetCallback(kIpcCbLogMessage, record);
     }
 
+    /// The receiver cannot be reached; it is not tried again until it can be.
+    void NotReached() { turn.NotReached(CIpcSilence::OfAbsent(vcChannel, file), std::move(line)); }
+
     CIpcReceivers::Turn turn;
+    IpcLine line;
     CRuntimeParam own;
     CIpcClient client;
     Clock::time_point end;
@@ -113,13 +118,16 @@ bool CIpcLineSender::Begin(Sending& sending) {
     if (sending.client.Begin(pcChannel) || sending.client.GetErrorNumber() == EAGAIN) {
         return true;
     }
-    if (sending.client.GetErrorNumber() != EMFILE && sending.client.GetErrorNumber() != ENFILE) {
-        return false;
+    if (sending.client.GetErrorNumber() == EMFILE || sending.client.GetErrorNumber() == ENFILE) {
+        // The descriptor cache grows until there are none left: a busy server is often in this state.
+        const LogArgu logArgu{"UtilitiesIpcServer.SendLogMessage"};
+        m_pUtilities->FreeCachedFileHandles(&sending.own, &logArgu);
+        if (sending.client.Begin(pcChannel) || sending.client.GetErrorNumber() == EAGAIN) {
+            return true;
+        }
     }
-    // The descriptor cache grows until there are none left: a busy server is often in this state.
-    const LogArgu logArgu{"UtilitiesIpcServer.SendLogMessage"};
-    m_pUtilities->FreeCachedFileHandles(&sending.own, &logArgu);
-    return sending.client.Begin(pcChannel) || sending.client.GetErrorNumber() == EAGAIN;
+    sending.NotReached();
+    return false;
 }
 
 /// Waits until there is something to do: an answer, a new line, a full queue to be tried again, or a time limit.

@@ -32,8 +32,11 @@ struct CIpcReceivers::Receiver {
     int nWaiting = 0;            ///< notifications for which lines let the turn be
     int nUsers = 0;              ///< threads that wait for something of it
 
-    std::unique_ptr<CIpcSilence> pSilence;
+    std::unique_ptr<CIpcSilence> pSilence;  ///< while it hangs or is absent: it gets no lines
     Clock::time_point silentSince;
+
+    /// Whoever waits for it would wait in vain.
+    bool IsHanging() const { return pSilence != nullptr && !pSilence->IsAbsence(); }
 
     /// Counts on through all lines: what GetLinesBefore was when a line was queued is reached by nTaken when it is
     /// sent.
@@ -60,6 +63,9 @@ void CIpcReceivers::End(Turn& turn) {
     receiver.bNotification = false;
     if (turn.m_pSilence) {
         BecomeSilent(receiver, std::move(turn.m_pSilence));
+    }
+    if (turn.m_UnsentLine) {
+        CountDropped(receiver, *turn.m_UnsentLine);
     }
     m_Changed.notify_all();
     if (!receiver.lines.empty() || receiver.nDropped > 0) {
@@ -99,7 +105,7 @@ bool CIpcReceivers::IsSilent(Receiver& receiver) {
 }
 
 void CIpcReceivers::BecomeSilent(Receiver& receiver, std::unique_ptr<CIpcSilence> pSilence) {
-    ForgetFirstSilent();
+    ForgetFirstSilent(pSilence->IsAbsence());
     receiver.pSilence = std::move(pSilence);
     receiver.silentSince = Clock::now();
     while (!receiver.lines.empty()) {
@@ -108,11 +114,12 @@ void CIpcReceivers::BecomeSilent(Receiver& receiver, std::unique_ptr<CIpcSilence
     }
 }
 
-void CIpcReceivers::ForgetFirstSilent() {
+/// Makes room for another receiver that hangs, or that is absent.
+void CIpcReceivers::ForgetFirstSilent(bool bAbsent) {
     std::size_t nSilent = 0;
     auto first = m_Receivers.end();
     for (auto it = m_Receivers.begin(); it != m_Receivers.end(); ++it) {
-        if (it->second->pSilence == nullptr) {
+        if (it->second->pSilence == nullptr || it->second->pSilence->IsAbsence() != bAbsent) {
             continue;
         }
         ++nSilent;
@@ -120,7 +127,7 @@ void CIpcReceivers::ForgetFirstSilent() {
             first = it;
         }
     }
-    if (nSilent >= kMaxSilent) {
+    if (nSilent >= (bAbsent ? kMaxAbsent : kMaxSilent)) {
         first->second->pSilence.reset();
         first->second->nDropped = 0;
         const ReceiverPtr pFirst = first->second;
@@ -134,7 +141,7 @@ std::optional<CIpcReceivers::Turn> CIpcReceivers::BeginNotification(const std::s
     const MutexLock lock(m_hMutex);
     const ReceiverPtr pReceiver = GetReceiver(sIpcID);
     Receiver& receiver = *pReceiver;
-    if (IsSilent(receiver)) {
+    if (receiver.IsHanging() && IsSilent(receiver)) {
         return std::nullopt;
     }
     ++receiver.nUsers;
@@ -159,10 +166,10 @@ bool CIpcReceivers::WaitForTurn(Receiver& receiver) {
     while (receiver.nTaken < nBefore && !receiver.pSilence && WaitForChange(linesEnd)) {
     }
     ++receiver.nWaiting;
-    while (receiver.bBusy && !receiver.pSilence && WaitForChange(kNever)) {
+    while (receiver.bBusy && !receiver.IsHanging() && WaitForChange(kNever)) {
     }
     --receiver.nWaiting;
-    if (receiver.bBusy || receiver.pSilence) {
+    if (receiver.bBusy || receiver.IsHanging()) {
         m_LinesWake.Set();
         return false;
     }
@@ -175,13 +182,8 @@ void CIpcReceivers::Queue(const std::string& sIpcID, IpcLine line) {
     const MutexLock lock(m_hMutex);
     const ReceiverPtr pReceiver = GetReceiver(sIpcID);
     Receiver& receiver = *pReceiver;
-    if (!IsSilent(receiver) && CIpcPatience::IsPatientWith(this, sIpcID)) {
-        ++receiver.nUsers;
-        while (!HasRoom(receiver, line) && !receiver.pSilence && WaitForChange(GetPatienceEnd(receiver))) {
-        }
-        --receiver.nUsers;
-    }
-    if (receiver.pSilence || !HasRoom(receiver, line)) {
+    const bool bPatient = !IsSilent(receiver) && WaitForRoom(sIpcID, receiver, line);
+    if (receiver.pSilence || !HasRoom(receiver, line, bPatient)) {
         CountDropped(receiver, line);
         return;
     }
@@ -192,13 +194,26 @@ void CIpcReceivers::Queue(const std::string& sIpcID, IpcLine line) {
     m_LinesWake.Set();
 }
 
+/// On a patient thread, which true tells: waits until the receiver has taken enough lines. It does not wait for other
+/// receivers, whose lines leave no room either.
+bool CIpcReceivers::WaitForRoom(const std::string& sIpcID, Receiver& receiver, const IpcLine& line) {
+    if (!CIpcPatience::IsPatientWith(this, sIpcID)) {
+        return false;
+    }
+    ++receiver.nUsers;
+    while (!HasRoomOfItsOwn(receiver, line) && !receiver.pSilence && WaitForChange(GetPatienceEnd(receiver))) {
+    }
+    --receiver.nUsers;
+    return true;
+}
+
 void CIpcReceivers::Drop(const std::string& sIpcID, const IpcLine& line) {
     const MutexLock lock(m_hMutex);
     CountDropped(*GetReceiver(sIpcID), line);
 }
 
 void CIpcReceivers::CountDropped(Receiver& receiver, const IpcLine& line) {
-    ++receiver.nDropped;
+    receiver.nDropped += line.nLines;
     receiver.lastDropped.sID = line.sID;
     receiver.lastDropped.iLogControl = line.iLogControl;
 }
@@ -208,14 +223,18 @@ IpcLine CIpcReceivers::MakeDropNotice(Receiver& receiver) {
     notice.sMessage = "[UtilitiesIpcServer.SendLogMessage] Dropped " + std::to_string(receiver.nDropped) +
                       " log lines that were not taken in time";
     notice.iType = kIpcLogError;
+    notice.nLines = receiver.nDropped;
     receiver.nDropped = 0;
     return notice;
 }
 
-bool CIpcReceivers::HasRoom(const Receiver& receiver, const IpcLine& line) const {
-    const std::size_t nBytes = GetSize(line);
-    return receiver.lines.size() < kMaxLines && receiver.nBytes + nBytes <= kMaxBytes &&
-           m_nAllBytes + nBytes <= kMaxAllBytes;
+bool CIpcReceivers::HasRoomOfItsOwn(const Receiver& receiver, const IpcLine& line) {
+    return receiver.lines.size() < kMaxLines && receiver.nBytes + GetSize(line) <= kMaxBytes;
+}
+
+bool CIpcReceivers::HasRoom(const Receiver& receiver, const IpcLine& line, bool bPatient) const {
+    const std::size_t nMost = kMaxAllBytes + (bPatient ? kPatientBytes : 0);
+    return HasRoomOfItsOwn(receiver, line) && m_nAllBytes + GetSize(line) <= nMost;
 }
 
 void CIpcReceivers::Push(Receiver& receiver, IpcLine line) {

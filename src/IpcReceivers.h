@@ -13,15 +13,16 @@
 #include <utility>
 
 #include "IpcSilence.h"
-#include "IpcWake.h"
 #include "ThreadAnnotations.h"
+#include "Wake.h"
 
 /// A log line on its way to a remote process.
 struct IpcLine {
     std::string sID;      ///< of the runtime parameter under which it was logged
     int iLogControl = 0;  ///< likewise
     std::string sMessage;
-    int iType = 0;  ///< an IpcLogMessageType
+    int iType = 0;             ///< an IpcLogMessageType
+    std::uint64_t nLines = 1;  ///< how many lines it stands for: one that tells of dropped ones stands for all of these
 };
 
 /// Keeps order among the callbacks to each receiver, an IPC ID, and between threads that must not wait for one another.
@@ -31,6 +32,8 @@ struct IpcLine {
 ///   in their order, a notification behind the lines that were queued before it.
 /// - A receiver that lets a callback run into the time limit is silent until its CIpcSilence ends. Nobody waits for
 ///   a silent one: it gets no turn, and its lines are dropped and counted.
+/// - A receiver to which a line could not be sent is absent until its CIpcSilence ends: its lines are dropped and
+///   counted without being tried. Notifications are tried: they fail at once.
 /// - Lines wait in a bounded queue. One that has no room is dropped and counted, except on a thread that is patient
 ///   (CIpcPatience). The next line that goes through stands behind one that says how many were dropped.
 ///
@@ -46,8 +49,12 @@ public:
     static constexpr std::size_t kMaxBytes = std::size_t{1} << 20;
     /// The size of all receivers' lines: IDs come from outside, and anybody may bring new ones.
     static constexpr std::size_t kMaxAllBytes = 16 * kMaxBytes;
+    /// What patient threads may use beyond that: they wait for their own receiver, and not for those of others.
+    static constexpr std::size_t kPatientBytes = kMaxBytes;
     /// Silent receivers that are known as such: each holds a descriptor. Those that came first are forgotten.
     static constexpr std::size_t kMaxSilent = 64;
+    /// Absent receivers that are known as such. Those that came first are forgotten, with the number of their lines.
+    static constexpr std::size_t kMaxAbsent = 256;
     /// How long a notification waits for the lines before it: long enough for some hundreds of them, and hardly to be
     /// noticed by others, who wait behind the notification.
     static constexpr std::chrono::milliseconds kLinesFirst{100};
@@ -83,7 +90,7 @@ public:
     /// goes on taking them. False if it does not.
     bool WaitForLines(const std::string& sIpcID);
     /// Set when TakeLine may have a line again; cleared by whoever takes them.
-    CIpcWake& GetLinesWake() { return m_LinesWake; }
+    CWake& GetLinesWake() { return m_LinesWake; }
 
     // ---- Stopping
 
@@ -100,20 +107,22 @@ private:
     ReceiverPtr GetReceiver(const std::string& sIpcID) REQUIRES(m_hMutex);
     bool IsSilent(Receiver& receiver) REQUIRES(m_hMutex);
     void BecomeSilent(Receiver& receiver, std::unique_ptr<CIpcSilence> pSilence) REQUIRES(m_hMutex);
-    void ForgetFirstSilent() REQUIRES(m_hMutex);
-    bool HasRoom(const Receiver& receiver, const IpcLine& line) const REQUIRES(m_hMutex);
+    void ForgetFirstSilent(bool bAbsent) REQUIRES(m_hMutex);
+    static bool HasRoomOfItsOwn(const Receiver& receiver, const IpcLine& line);
+    bool HasRoom(const Receiver& receiver, const IpcLine& line, bool bPatient) const REQUIRES(m_hMutex);
     void Push(Receiver& receiver, IpcLine line) REQUIRES(m_hMutex);
     IpcLine Pop(Receiver& receiver) REQUIRES(m_hMutex);
     static void CountDropped(Receiver& receiver, const IpcLine& line);
     static IpcLine MakeDropNotice(Receiver& receiver);
     Clock::time_point GetPatienceEnd(const Receiver& receiver) const REQUIRES(m_hMutex);
     bool WaitForChange(Clock::time_point end) REQUIRES(m_hMutex);
+    bool WaitForRoom(const std::string& sIpcID, Receiver& receiver, const IpcLine& line) REQUIRES(m_hMutex);
     bool WaitForTurn(Receiver& receiver) REQUIRES(m_hMutex);
     void End(Turn& turn);
     void Forget(const std::string& sIpcID, const ReceiverPtr& pReceiver) REQUIRES(m_hMutex);
 
-    CIpcWake m_LinesWake;
-    CIpcWake m_HurryWake;
+    CWake m_LinesWake;
+    CWake m_HurryWake;
 
     Mutex m_hMutex;
     std::condition_variable_any m_Changed;
@@ -134,6 +143,11 @@ public:
     const std::string& GetIpcID() const { return m_sIpcID; }
     /// The callback was not answered in time.
     void NotAnswered(CIpcSilence silence) { m_pSilence = std::make_unique<CIpcSilence>(std::move(silence)); }
+    /// The line could not be sent.
+    void NotReached(CIpcSilence absence, IpcLine line) {
+        NotAnswered(std::move(absence));
+        m_UnsentLine = std::move(line);
+    }
 
 private:
     friend class CIpcReceivers;
@@ -143,6 +157,7 @@ private:
     std::string m_sIpcID;
     ReceiverPtr m_pReceiver;  ///< null in an object that was moved from
     std::unique_ptr<CIpcSilence> m_pSilence;
+    std::optional<IpcLine> m_UnsentLine;
 };
 
 /// A line and the right to send it.

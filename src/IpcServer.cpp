@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "EndWatch.h"
 #include "NfsMain.h"
 #include "Reason.h"
 #include "Texts.h"
@@ -166,7 +167,10 @@ bool CIpcServer::ServeConnection(const LogContext& log, const CIpcListener& list
     if (data.request.lDataLen == 0) {
         return true;  // somebody looked in and left
     }
-    ParseData(log.pLogArgu, &data);
+    {
+        const CEndWatch watch(pConnection->Get(), listener.GetWakeDescriptor());
+        ParseData(log.pLogArgu, &data);
+    }
     const bool bSent = SendReply(log, pConnection, pcReason);
     pConnection->DiscardInput();  // what lies unread at the close would cost the requester the reply
     return bSent;

@@ -29,7 +29,8 @@ struct IpcServerInst {
 ///
 /// Messages are served on the thread that calls ReadRequest, one at a time. Open, Close and the questions may be
 /// called from other threads; Close wakes a ReadRequest that waits for a connection or for its message, and lets one
-/// that carries a message out finish. Between calls the channel is open or closed, and nothing of a message is kept.
+/// that carries a message out finish, except for a shell command: that ends then, as it does when its requester hangs
+/// up. Between calls the channel is open or closed, and nothing of a message is kept.
 /// An automatic shutdown that a message requested stays requested: the channel remains open, and nothing is served.
 ///
 /// Everything that arrives is taken for hostile: missing bytes are zero, texts end with their field, connections that

@@ -163,6 +163,23 @@ int CIpcSocket::Receive(IpcDataBuf* pData, int iWake, const Deadline& deadline) 
     return 0;
 }
 
+int CIpcSocket::ReceiveRest(IpcDataBuf* pData, const Deadline& deadline) {
+    while (static_cast<std::size_t>(pData->lDataLen) < TargetLength(*pData)) {
+        int iError = WaitReadable(Get(), -1, deadline);
+        ssize_t iReceived = 0;
+        if (iError == 0) {
+            iError = ReceiveSome(Get(), pData, &iReceived);
+        }
+        if (iError == EAGAIN) {
+            continue;
+        }
+        if (iError != 0 || iReceived == 0) {
+            return pData->lDataLen == 0 ? iError : 0;
+        }
+    }
+    return 0;
+}
+
 int CIpcSocket::ReceiveAtOnce(IpcDataBuf* pData) {
     std::memset(pData, 0, sizeof(*pData));
     ssize_t iReceived = 0;

@@ -47,6 +47,9 @@ public:
     /// too long; lDataLen is the number of bytes that came (0: the peer ended without a message). The deadline is for
     /// the first byte.
     int Receive(IpcDataBuf* pData, int iWake, const Deadline& deadline);
+    /// Goes on with a record out of which ECANCELED came: what has come until the deadline is all of it. ETIMEDOUT if
+    /// that is nothing.
+    int ReceiveRest(IpcDataBuf* pData, const Deadline& deadline);
     /// Reads what there is of a record, without waiting; ETIMEDOUT if nothing has come.
     int ReceiveAtOnce(IpcDataBuf* pData);
     /// True if something has come, the peer's end and failures included.

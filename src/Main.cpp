@@ -7,6 +7,7 @@
 #include "ConsoleOptions.h"
 #include "ConsoleProcess.h"
 #include "ConsoleUtilities.h"
+#include "EndWatch.h"
 
 namespace {
 
@@ -31,6 +32,7 @@ std::string JoinArguments(int nArguments, char** vpcArguments) {
 __attribute__((visibility("default"))) int main(int argc, char** argv) {
     try {
         PrepareConsoleProcess();
+        const CEndWatch watch(-1, GetConsoleEndDescriptor());  // a signal ends the command in hand, too
         CConsoleUtilities console;
         return console.Run(GetProgramName(argc > 0 ? argv[0] : ""), JoinArguments(argc, argv).c_str());
     } catch (const std::exception& error) {

@@ -73,6 +73,7 @@ bool CNfsMain::Initial(char* pcStatus) {
 
 void CNfsMain::Terminate() {
     LogLifecycle("Terminate NFS");
+    m_pUtilities->GetRunningCommands().EndAll();  // whoever is in one is about to be waited for
     TerminateNetwork();
 }
 
@@ -257,6 +258,7 @@ bool CNfsMain::RequestAutoShutdown() {
         return false;
     }
     m_bAutoShutdownRequested = true;
+    m_pUtilities->GetRunningCommands().EndAll();  // the owner may be waiting for one
     return true;
 }
 

@@ -72,7 +72,8 @@ public:
     /// nothing is left open.
     virtual bool StartServer(int iMountPort, int iNfsPort, unsigned int iUId, unsigned int iGId, bool bReadOnly,
                              char* pcStatus);
-    /// Unmounts recorded vSphere datastores, ends all services and empties every registry. Safe on a stopped server.
+    /// Unmounts recorded vSphere datastores, ends all services and shell commands and empties every registry. Safe on a
+    /// stopped server.
     virtual void StopServer();
 
     // ---- What the controller is

@@ -158,6 +158,7 @@ bool CNfsMain::RegisterServices() {
 // ---- Stop
 
 void CNfsMain::StopServer() {
+    const CRunningCommands::Stop stop(m_pUtilities->GetRunningCommands());
     const MutexLock lock(m_hMutexLifecycle);
     StopLocked();
 }

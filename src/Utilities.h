@@ -20,6 +20,7 @@
 #include "DescriptorCache.h"
 #include "Limits.h"
 #include "PathProbe.h"
+#include "RunningCommands.h"
 #include "RuntimeParam.h"
 #include "ThreadAnnotations.h"
 
@@ -253,8 +254,11 @@ public:
 
     // ---- Shell command and network-device credentials (UtilitiesAdmin.cpp)
 
-    /// Runs a shell command; its output goes to the log. The raw wait status, or -1.
+    /// Runs a shell command (CShellCommand); its output goes to the log. The raw wait status, or -1, also for one that
+    /// was ended before its output was.
     int ExecuteSystemCmd(CRuntimeParam* pRuntimeParam, const char* pcCmd, bool bLogResult);
+    /// Those that run now, credential commands included.
+    CRunningCommands& GetRunningCommands() { return m_RunningCommands; }
     int GetNetDeviceCredential(CRuntimeParam* pRuntimeParam, bool bPrintDetails);
     bool AddNetDeviceCredential(CRuntimeParam* pRuntimeParam, const char* pcPath, const char* pcUser,
                                 const char* pcPwd);
@@ -347,6 +351,8 @@ private:
     RegistryMutex m_hMutexVSphereInfos;
     std::map<std::string, VSphereInfo, std::less<>> m_VSphereInfos GUARDED_BY(m_hMutexVSphereInfos);
     std::unique_ptr<CVSphereWebController> m_pVSphereWebController GUARDED_BY(m_hMutexVSphereInfos);
+
+    CRunningCommands m_RunningCommands;
 
     /// Device paths whose credentials were added; held while the credential command runs.
     RegistryMutex m_hMutexNetDeviceCredential;

@@ -2,31 +2,16 @@
 #include "Utilities.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <cstdio>
 
 #include "DeferredLog.h"
+#include "ShellCommand.h"
 #include "Texts.h"
 
 namespace {
 
-/// Output of a command is passed to the log in pieces of at most this many characters, plus terminator.
-constexpr std::size_t kOutputPieceSize = 128;
-
 /// The commands that add and remove a network device's credentials are the installation's to provide.
 constexpr const char* kAddNetDeviceCredentialCmd = "Add_Net_Device_Credential_Command_Not_Defined";
 constexpr const char* kRemoveNetDeviceCredentialCmd = "Remove_Net_Device_Credential_Command_Not_Defined";
-
-/// The next piece of a command's output. False at its end, or when reading failed (ferror tells).
-bool ReadPiece(FILE* pPipe, char (&vcPiece)[kOutputPieceSize]) {
-    while (std::fgets(vcPiece, sizeof(vcPiece), pPipe) == nullptr) {
-        if (std::ferror(pPipe) == 0 || errno != EINTR) {
-            return false;
-        }
-        std::clearerr(pPipe);  // a signal that a host handles is no end of the output
-    }
-    return true;
-}
 
 }  // namespace
 
@@ -36,9 +21,9 @@ int CUtilities::ExecuteSystemCmd(CRuntimeParam* pRuntimeParam, const char* pcCmd
     if (bLog) {
         LogInfo(pRuntimeParam, "%s", pcCommandLine);
     }
-    // "e": no other child inherits the pipe
-    FILE* pPipe = ::popen(pcCommandLine, "re");  // NOLINT(bugprone-command-processor): running commands is its purpose
-    if (pPipe == nullptr) {
+    CShellCommand command;
+    const CRunningCommands::Entry entry(m_RunningCommands, command);
+    if (!command.Start(pcCommandLine)) {
         if (bLog) {
             LogInfo(pRuntimeParam, "%s", "Fail to execute cmd (popen() failed)");
         }
@@ -47,14 +32,14 @@ int CUtilities::ExecuteSystemCmd(CRuntimeParam* pRuntimeParam, const char* pcCmd
     if (bLog) {
         LogRaw(pRuntimeParam, "%s", "\n------\n");
     }
-    char vcPiece[kOutputPieceSize];
-    while (ReadPiece(pPipe, vcPiece)) {
+    char vcPiece[CShellCommand::kPieceSize];
+    while (command.ReadPiece(vcPiece)) {
         if (bLog) {
             LogRaw(pRuntimeParam, "%s", vcPiece);
         }
     }
-    const bool bComplete = std::feof(pPipe) != 0;
-    const int iStatus = ::pclose(pPipe);
+    const bool bComplete = command.IsComplete();
+    const int iStatus = command.Wait();
     const int iResult = bComplete ? iStatus : -1;
     if (bLog) {
         LogRaw(pRuntimeParam, "%s", "\n------\n");

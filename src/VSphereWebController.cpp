@@ -5,11 +5,11 @@
 #include <cstdio>
 #include <string_view>
 
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "Paths.h"
+#include "ShellCommand.h"
 
 namespace {
 
@@ -66,16 +66,10 @@ std::string QuoteValue(std::string_view sValue) {
 /// Runs a command line with the shell and waits for its end. Unlike system() it leaves the signal dispositions of
 /// the process, which may be a host's, alone.
 void RunShell(const std::string& sCommandLine) {
-    std::string sShell = "sh";
-    std::string sOption = "-c";
-    std::string sLine = sCommandLine;
-    char* const vpcArguments[] = {sShell.data(), sOption.data(), sLine.data(), nullptr};
-    pid_t iPid = -1;
-    if (::posix_spawn(&iPid, "/bin/sh", nullptr, nullptr, vpcArguments, environ) != 0) {
-        return;
-    }
+    constexpr int kOurOutput = -1;
+    const pid_t iPid = CShellCommand::Spawn(sCommandLine.c_str(), kOurOutput);
     int iStatus = 0;
-    while (::waitpid(iPid, &iStatus, 0) < 0 && errno == EINTR) {
+    while (iPid != -1 && ::waitpid(iPid, &iStatus, 0) < 0 && errno == EINTR) {
     }
 }
 

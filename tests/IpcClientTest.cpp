@@ -19,11 +19,11 @@
 #include <gtest/gtest.h>
 
 #include "IpcPeer.h"
-#include "IpcWake.h"
 #include "Isolation.h"
 #include "LeakGuard.h"
 #include "LogCapture.h"
 #include "WaitUntil.h"
+#include "Wake.h"
 
 namespace {
 
@@ -437,7 +437,7 @@ TEST_F(IpcClientTest, TheConnectionOfAReplyThatDidNotComeInTimeIsKept) {
 TEST_F(IpcClientTest, AHurryShortensTheWait) {
     FakeIpcServer server(kChannel, [](const std::string&) { return RawIntReply(7); });
     server.Hang();
-    CIpcWake hurry;
+    CWake hurry;
     CIpcClient client(&m_Utilities, &m_Param);
     client.SetRequest(1);
     client.SetTimeout(seconds(60));

@@ -142,6 +142,20 @@ TEST_F(ShellCommand, OutputThatCannotBeReadToItsEndIsReported) {
                                                    {'r', "tester", "Error: Failed to read the pipe to the end\n"}}));
 }
 
+TEST_F(ShellCommand, OneThatIsEndedCountsAsNotReadToItsEnd) {
+    std::thread other([this] {
+        EXPECT_TRUE(m_Log.WaitFor("one\n"));
+        m_Utilities.GetRunningCommands().EndAll();
+    });
+    EXPECT_EQ(m_Utilities.ExecuteSystemCmd(&m_Param, "echo one; sleep 1000", true), -1);
+    other.join();
+    EXPECT_EQ(m_Log.Lines(), (std::vector<LogLine>{{'i', "tester", "echo one; sleep 1000"},
+                                                   {'r', "tester", "\n------\n"},
+                                                   {'r', "tester", "one\n"},
+                                                   {'r', "tester", "\n------\n"},
+                                                   {'r', "tester", "Error: Failed to read the pipe to the end\n"}}));
+}
+
 // ---- Network-device credentials
 
 namespace {

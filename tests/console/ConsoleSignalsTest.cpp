@@ -127,19 +127,19 @@ TEST_F(ConsoleSignal, ClosedTerminalEndsTheProgramInOrder) {
     EXPECT_FALSE(Exists("/tmp/nfs-server"));
 }
 
-TEST_F(ConsoleSignal, CommandInProgressIsFinishedFirst) {
+TEST_F(ConsoleSignal, EndsTheShellCommandInProgressFirst) {
     ConsoleProcess console({"-md", "int"});
     ASSERT_TRUE(console.WaitForPrompt());
     console.Command("debug");
-    const std::string sGo = m_Folder / "go";
-    console.Send("exec echo begun; while [ ! -e " + sGo + " ]; do sleep 0.05; done; echo finished\n");
+    const std::string sEnded = m_Folder / "ended";
+    console.Send("exec trap 'touch " + sEnded + "; exit' TERM; echo begun; while :; do sleep 0.05; done\n");
     ASSERT_TRUE(console.WaitFor("begun\n"));
     console.Signal(SIGTERM);
-    EXPECT_FALSE(console.Wait(std::chrono::milliseconds(300)));
-    WriteWholeFile(sGo, "");
     EXPECT_EQ(console.Wait(), 0);
+    EXPECT_TRUE(Exists(sEnded));
     EXPECT_TRUE(
-        console.Output().ends_with("finished\n\n------\nProcess returned 0\nReturn code: 0\n\nCommand: \nExit\n"))
+        console.Output().ends_with("begun\n\n------\nError: Failed to read the pipe to the end\n"
+                                   "Return code: -1\n\nCommand: \nExit\n"))
         << console.Output();
 }
 

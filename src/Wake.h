@@ -1,15 +1,15 @@
-// CIpcWake: a descriptor that is readable while something is to be noticed.
+// CWake: a descriptor that is readable while something is to be noticed.
 #pragma once
 
 #include "Descriptor.h"
 
 /// For threads that wait in poll for sockets and for a word from another thread as well. Any thread may set and clear
 /// it. Without a descriptor to be had it is never readable: who waits then waits until its own limit.
-class CIpcWake {
+class CWake {
 public:
-    CIpcWake();
-    CIpcWake(const CIpcWake&) = delete;
-    CIpcWake& operator=(const CIpcWake&) = delete;
+    CWake();
+    CWake(const CWake&) = delete;
+    CWake& operator=(const CWake&) = delete;
 
     void Set();
     void Clear();
