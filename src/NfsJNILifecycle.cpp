@@ -15,9 +15,12 @@
 #include "JniText.h"
 #include "JniThread.h"
 #include "Limits.h"
+#include "Log.h"
 #include "NfsMain.h"
 #include "Reason.h"
+#include "RuntimeParam.h"
 #include "ServerIdentity.h"
+#include "Utilities.h"
 
 namespace {
 
@@ -27,7 +30,8 @@ std::unique_ptr<CNfsMain> MakeController(const char* pcLogID, jint iAccessMode, 
     return pMain ? std::move(pMain) : CreateController(kAccessModeInternal, pcLogID, iLogControl);
 }
 
-/// Set while this thread starts or stops a server: a log line may call the host, and the host call back.
+/// Set while this thread starts or stops a server or a remote controller: a log line may call the host, and the host
+/// call back.
 thread_local bool t_bStartingOrStopping = false;
 
 class StartOrStop {
@@ -50,14 +54,32 @@ void RunAside(Work work) {
     std::thread(std::move(work)).detach();
 }
 
-/// What waits for a controller's callers and threads, done now or aside. The controller stays until it is done.
-void StopNowOrAside(CHostCall& call, void (CNfsMain::*pStop)()) {
+/// Waits for a controller's callers and threads, now or aside. The controller stays until it is done.
+void StopServerNowOrAside(CHostCall& call) {
     if (WouldWaitForItself()) {
-        RunAside([pMain = call.Share(), pStop] { (pMain.get()->*pStop)(); });
+        RunAside([pMain = call.Share()] { pMain->StopServer(); });
         return;
     }
     const StartOrStop guard;
-    (call.Main()->*pStop)();
+    call.Main()->StopServer();
+}
+
+/// Starting and stopping a remote controller likewise; in internal mode there is none, and both do nothing.
+bool WouldRemoteControllerWait(CNfsMain& main) {
+    return WouldWaitForItself() && main.GetAccessMode() != kAccessModeInternal;
+}
+
+/// Says in the log that a method that throws nothing did nothing: once, where the log method is what calls it.
+void LogRefusal(CNfsMain& main, const char* pcMethod, const char* pcReason) {
+    static thread_local bool t_bInside = false;
+    if (t_bInside) {
+        return;
+    }
+    t_bInside = true;
+    const LogArgu logArgu{pcMethod};
+    const LogContext log{main.GetUtilities(), main.GetRuntimeParam(), &logArgu};
+    NFS_LOG_ERROR(log, "[%s] %s", pcReason);
+    t_bInside = false;
 }
 
 /// Installs a callback, on a visit of its own. False once the controller has ended.
@@ -111,13 +133,25 @@ jboolean NFSLIB_NATIVE(isServerRunning)(JNIEnv* pEnv, jobject jObj, jlong iHandl
 
 jboolean NFSLIB_NATIVE(startRemoteController)(JNIEnv* pEnv, jobject jObj, jlong iHandle) {
     return RunHostCall(pEnv, jObj, iHandle, jboolean{JNI_FALSE}, [](CHostCall& call, CNfsMain& main) {
+        if (WouldRemoteControllerWait(main)) {
+            WriteReason(call.Reason(), "Remote controller cannot be started from inside a host callback");
+            return call.OrThrow(false);
+        }
+        const StartOrStop guard;
         return call.OrThrow(main.StartRemoteController(call.Reason()));
     });
 }
 
 void NFSLIB_NATIVE(stopRemoteController)(JNIEnv* pEnv, jobject jObj, jlong iHandle) {
-    RunHostCall(pEnv, jObj, iHandle,
-                [](CHostCall& call, CNfsMain&) { StopNowOrAside(call, &CNfsMain::StopRemoteController); });
+    RunHostCall(pEnv, jObj, iHandle, [](CHostCall&, CNfsMain& main) {
+        if (WouldRemoteControllerWait(main)) {
+            LogRefusal(main, "NfsJNI.StopRemoteController",
+                       "Remote controller cannot be stopped from inside a host callback");
+            return;
+        }
+        const StartOrStop guard;
+        main.StopRemoteController();
+    });
 }
 
 jboolean NFSLIB_NATIVE(startServer)(JNIEnv* pEnv, jobject jObj, jlong iHandle, jint iMountPort, jint iNfsPort,
@@ -138,7 +172,7 @@ jboolean NFSLIB_NATIVE(startServer)(JNIEnv* pEnv, jobject jObj, jlong iHandle, j
 }
 
 void NFSLIB_NATIVE(stopServer)(JNIEnv* pEnv, jobject jObj, jlong iHandle) {
-    RunHostCall(pEnv, jObj, iHandle, [](CHostCall& call, CNfsMain&) { StopNowOrAside(call, &CNfsMain::StopServer); });
+    RunHostCall(pEnv, jObj, iHandle, [](CHostCall& call, CNfsMain&) { StopServerNowOrAside(call); });
 }
 
 jboolean NFSLIB_NATIVE(receiveCallbackLoop)(JNIEnv* pEnv, jobject jObj, jlong iHandle, jint iLifeTimeInSec) {
