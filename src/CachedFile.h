@@ -36,6 +36,10 @@ public:
     /// What LeavePosition noted last, forgotten now; -1 for nothing: the descriptor's own position holds.
     long long TakePosition() const { return m_pOpened->iLeftPosition.exchange(-1, std::memory_order_relaxed); }
 
+    /// False once the file system is known to have no reads that wait for no disk. Only for an open object.
+    bool HasQuickReads() const { return m_pOpened->bQuickReads.load(std::memory_order_relaxed); }
+    void SetNoQuickReads() const { m_pOpened->bQuickReads.store(false, std::memory_order_relaxed); }
+
 private:
     struct Opened {
         explicit Opened(int iFileOpened) : iFile(iFileOpened) {}
@@ -44,6 +48,7 @@ private:
         Opened& operator=(const Opened&) = delete;
         std::atomic<int> iFile;
         std::atomic<long long> iLeftPosition{-1};
+        std::atomic<bool> bQuickReads{true};
         RegistryMutex hMutexPosition;
     };
     std::shared_ptr<Opened> m_pOpened;

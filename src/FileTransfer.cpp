@@ -7,8 +7,10 @@
 
 #include <cerrno>
 
+#include <sys/uio.h>
 #include <unistd.h>
 
+#include "BeforeAsking.h"
 #include "OsOutcome.h"
 
 namespace {
@@ -23,6 +25,34 @@ bool IsSought(const LogContext& log, int iFile, long long iOffset, char* pcStatu
         return true;
     }
     ReportSeek(log, iFile, -1, errno, pcStatus);
+    return false;
+}
+
+/// As much as can be read without waiting for a disk. -1 also where nothing can be.
+ssize_t ReadSomeQuickly(const CCachedFile& file, long long iOffset, void* pvBuffer, std::size_t nLen) {
+    const iovec part{pvBuffer, nLen};
+    const ssize_t iRead = ::preadv2(file, &part, 1, iOffset, RWF_NOWAIT);
+    if (iRead == -1 && errno == EOPNOTSUPP) {
+        file.SetNoQuickReads();
+    }
+    return iRead;
+}
+
+/// True if the whole range is in memory, and read. If it is not, for another reason than the end of the file, what is
+/// to be done before a wait is done. (That nothing can be read is not trusted as the end: some kernels say so for what
+/// is on the disk.)
+bool ReadQuickly(const CCachedFile& file, long long iOffset, void* pvBuffer, unsigned int iLen) {
+    if (!file.HasQuickReads()) {
+        return false;
+    }
+    const ssize_t iRead = ReadSomeQuickly(file, iOffset, pvBuffer, iLen);
+    if (iRead == static_cast<ssize_t>(iLen)) {
+        return true;
+    }
+    const bool bEnd = iRead > 0 && ReadSomeQuickly(file, iOffset + iRead, pvBuffer, iLen) == 0;
+    if ((iRead > 0 && !bEnd) || (iRead == -1 && errno == EAGAIN)) {
+        CBeforeAsking::Run();
+    }
     return false;
 }
 
@@ -48,9 +78,14 @@ void ReportTell(const LogContext& log, int iFile, long long iPosition, int iErro
                  "[%s] OS tell file (%d). Error=%s", iFile);
 }
 
-bool ReadAt(const LogContext& log, int iFile, long long iOffset, void* pvBuffer, unsigned int iLen, char* pcStatus,
-            int* piRead) {
-    const ssize_t iRead = iFile == -1 ? -1 : ::pread(iFile, pvBuffer, iLen, iOffset);
+bool ReadAt(const LogContext& log, const CCachedFile& file, long long iOffset, void* pvBuffer, unsigned int iLen,
+            char* pcStatus, int* piRead) {
+    const int iFile = file;
+    const bool bWhole = iFile != -1 && CBeforeAsking::IsNeeded() && ReadQuickly(file, iOffset, pvBuffer, iLen);
+    ssize_t iRead = iLen;
+    if (!bWhole) {
+        iRead = iFile == -1 ? -1 : ::pread(iFile, pvBuffer, iLen, iOffset);
+    }
     const int iError = errno;
     if (iRead <= 0 && !IsSought(log, iFile, iOffset, pcStatus)) {
         return false;

@@ -217,7 +217,7 @@ CRpcServer::Next CRpcServer::ProcessSome(CSocket* pSocket) {
     if (pSocket->IsStopping()) {
         return Next::kReceive;  // it was told while it waited
     }
-    const CBeforeAsking before([pSocket] { pSocket->SendCollected(); });
+    const CBeforeAsking before([pSocket] { pSocket->SendCollected(); }, [pSocket] { return pSocket->HasCollected(); });
     const Clock::time_point begin = Clock::now();
     for (;;) {
         const Next next = ProcessNext(log, pSocket);

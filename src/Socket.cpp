@@ -52,6 +52,9 @@ bool ReadLocalAddr(msghdr* pMessage, in_addr* pAddress) {
     return false;
 }
 
+/// How often it is looked whether a send that stands still can go on.
+constexpr std::chrono::milliseconds kSendPause{250};
+
 /// Waits until the socket can take more bytes or the time is over.
 void WaitWritable(int iSocket, std::chrono::steady_clock::duration limit) {
     pollfd descriptor{iSocket, POLLOUT, 0};
@@ -274,7 +277,9 @@ bool CSocket::SendStream() {
                 deadline = now + std::chrono::seconds(kSendTimeoutSeconds);
             }
             if (now < deadline) {
-                WaitWritable(m_Socket, deadline - now);
+                // Not to the end at once: the socket counts as writable only when a good part of its buffer is free,
+                // and the little that goes before that is progress, too.
+                WaitWritable(m_Socket, std::min<Clock::duration>(deadline - now, kSendPause));
                 continue;
             }
         }

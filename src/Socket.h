@@ -59,6 +59,8 @@ public:
     virtual bool Send();
     /// Sends of the collected replies as much as goes without waiting.
     virtual void SendCollected();
+    /// True if there are any.
+    bool HasCollected() const { return !m_sCollected.empty(); }
 
     int GetType() const { return m_iType; }
     /// True from Open until the receive loop has ended.
