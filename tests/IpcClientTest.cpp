@@ -1,6 +1,7 @@
 // One request and its reply: what goes over the socket, what is logged, and what becomes of every failure.
 #include "IpcClient.h"
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -18,6 +19,8 @@
 
 #include <gtest/gtest.h>
 
+#include "EndWatch.h"
+#include "IpcListener.h"
 #include "IpcPeer.h"
 #include "Isolation.h"
 #include "LeakGuard.h"
@@ -451,6 +454,66 @@ TEST_F(IpcClientTest, AHurryShortensTheWait) {
     EXPECT_LT(std::chrono::steady_clock::now() - start, seconds(30));
     EXPECT_STREQ(m_vcReason, "Fail to read ipc server reply. Connection timed out (110)");
     hurrying.join();
+}
+
+/// A reply that comes byte by byte is given five seconds, but not in a hurry.
+TEST_F(IpcClientTest, AHurryEndsATrickleToo) {
+    CIpcListener listener;
+    ASSERT_TRUE(listener.Open(kChannel, m_vcReason));
+    CWake hurry;
+    std::atomic<bool> bOver{false};
+    std::thread trickling([&] {
+        CIpcSocket connection;
+        ASSERT_EQ(listener.Accept(&connection), 0);
+        const std::string sReply = RawIntReply(7);
+        for (std::size_t i = 0; i < sReply.size() && !bOver; ++i) {
+            ::send(connection.Get(), &sReply[i], 1, MSG_NOSIGNAL);
+            hurry.Set();
+            std::this_thread::sleep_for(milliseconds(500));
+        }
+    });
+    CIpcClient client(&m_Utilities, &m_Param);
+    client.SetRequest(1);
+    client.SetTimeout(seconds(60));
+    client.SetHurry(hurry.GetDescriptor(), milliseconds(100));
+    const auto start = std::chrono::steady_clock::now();
+    client.SendRequest(kChannel, m_vcReason);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, seconds(4));
+    EXPECT_EQ(client.GetIntReply(), -1) << "it had not come";
+    bOver = true;
+    trickling.join();
+}
+
+/// A reply that is there when the hurry begins, or comes soon, is taken.
+TEST_F(IpcClientTest, AHurryLeavesTimeForAReplyUnderWay) {
+    FakeIpcServer server(kChannel, [](const std::string&) {
+        std::this_thread::sleep_for(milliseconds(100));
+        return RawIntReply(7);
+    });
+    CWake hurry;
+    hurry.Set();
+    CIpcClient client(&m_Utilities, &m_Param);
+    client.SetRequest(1);
+    client.SetHurry(hurry.GetDescriptor(), seconds(20));
+    EXPECT_TRUE(client.SendRequest(kChannel, m_vcReason)) << m_vcReason;
+    EXPECT_EQ(client.GetIntReply(), 7);
+}
+
+TEST_F(IpcClientTest, TheStopOfTheThreadsWatchIsAHurry) {
+    FakeIpcServer server(kChannel, [](const std::string&) { return RawIntReply(7); });
+    server.Hang();
+    CWake stop;
+    const CEndWatch watch(-1, stop.GetDescriptor());
+    CIpcClient client(&m_Utilities, &m_Param);
+    client.SetRequest(1);
+    const auto start = std::chrono::steady_clock::now();
+    std::thread stopping([&] {
+        EXPECT_TRUE(server.WaitForMessages(1));
+        stop.Set();
+    });
+    EXPECT_FALSE(client.SendRequest(kChannel, m_vcReason));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, CIpcClient::kStopRest);
+    stopping.join();
 }
 
 }  // namespace

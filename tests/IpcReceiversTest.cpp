@@ -18,6 +18,8 @@
 
 #include "IpcMessages.h"
 #include "IpcPatience.h"
+#include "IpcPeer.h"
+#include "Isolation.h"
 #include "WaitUntil.h"
 
 namespace {
@@ -70,6 +72,13 @@ protected:
         auto turn = m_Receivers.BeginNotification(sIpcID);
         ASSERT_TRUE(turn);
         turn->NotAnswered(peer.TakeSilence());
+    }
+    /// By the next line for it, which is not sent.
+    void MakeAbsent(const std::string& sIpcID, const char* pcChannel) {
+        auto next = m_Receivers.TakeLine();
+        ASSERT_TRUE(next);
+        ASSERT_EQ(next->turn.GetIpcID(), sIpcID);
+        next->turn.NotReached(CIpcSilence::OfAbsent(pcChannel, FindIpcChannelFile(pcChannel)), next->line);
     }
     bool IsSilent(const std::string& sIpcID) { return !m_Receivers.BeginNotification(sIpcID); }
     void Fill() {
@@ -215,6 +224,72 @@ TEST_F(IpcReceiversTest, OfTooManySilentReceiversTheFirstIsAskedAgain) {
     }
 }
 
+// ---- Absence
+
+TEST_F(IpcReceiversTest, LinesForAnAbsentReceiverAreCountedAndNotTried) {
+    m_Receivers.Queue("a", Line("one"));
+    m_Receivers.Queue("a", Line("two"));
+    MakeAbsent("a", "/nonexistent/channel");
+    m_Receivers.Queue("a", Line("three"));
+    EXPECT_FALSE(m_Receivers.TakeLine()) << "nor is it told, for as long as it is not there";
+    EXPECT_EQ(m_Receivers.BeginNotification("a").has_value(), true) << "it fails at once by itself";
+    EXPECT_FALSE(m_Receivers.TakeLine());
+    m_Receivers.Queue("b", Line("of another"));
+    EXPECT_EQ(Take(), "of another");
+}
+
+TEST_F(IpcReceiversTest, AnAbsentReceiverThatIsBackIsToldHowManyLinesItMissed) {
+    if (!IsIsolated()) {
+        GTEST_SKIP() << kNotIsolated;
+    }
+    constexpr char kChannel[] = "/tmp/nfs-a";
+    m_Receivers.Queue("a", Line("one"));
+    m_Receivers.Queue("a", Line("two"));
+    MakeAbsent("a", kChannel);
+    m_Receivers.Queue("a", Line("three"));
+    {
+        const FakeIpcServer back(kChannel, [](const std::string&) { return RawBoolReply(true); });
+        m_Receivers.Queue("a", Line("heard"));
+        EXPECT_EQ(Take(), "[UtilitiesIpcServer.SendLogMessage] Dropped 3 log lines that were not taken in time");
+        EXPECT_EQ(Take(), "heard");
+    }
+    EXPECT_EQ(Take(), "");
+}
+
+/// What tells of dropped lines stands for them all.
+TEST_F(IpcReceiversTest, WhatCouldNotBeToldOfDroppedLinesIsToldLater) {
+    if (!IsIsolated()) {
+        GTEST_SKIP() << kNotIsolated;
+    }
+    constexpr char kChannel[] = "/tmp/nfs-a";
+    Fill();
+    for (int i = 0; i < 5; ++i) {
+        m_Receivers.Queue("a", Line("too many"));
+    }
+    for (std::size_t i = 0; i < CIpcReceivers::kMaxLines; ++i) {
+        ASSERT_EQ(Take(), "line");
+    }
+    MakeAbsent("a", kChannel);  // by the line that tells it
+    const FakeIpcServer back(kChannel, [](const std::string&) { return RawBoolReply(true); });
+    m_Receivers.Queue("a", Line("heard"));
+    EXPECT_EQ(Take(), "[UtilitiesIpcServer.SendLogMessage] Dropped 5 log lines that were not taken in time");
+    EXPECT_EQ(Take(), "heard");
+}
+
+TEST_F(IpcReceiversTest, OfTooManyAbsentReceiversTheFirstIsForgottenAndNoSilentOne) {
+    QuietPeer peer;
+    MakeSilent("silent", peer);
+    for (std::size_t i = 0; i <= CIpcReceivers::kMaxAbsent; ++i) {
+        m_Receivers.Queue("r" + std::to_string(i), Line("line"));
+        MakeAbsent("r" + std::to_string(i), "/nonexistent/channel");
+    }
+    EXPECT_TRUE(IsSilent("silent"));
+    m_Receivers.Queue("r1", Line("dropped"));
+    EXPECT_FALSE(m_Receivers.TakeLine());
+    m_Receivers.Queue("r0", Line("tried"));
+    EXPECT_EQ(Take(), "tried");
+}
+
 // ---- The bound
 
 TEST_F(IpcReceiversTest, AFullQueueDropsLinesAndSaysHowMany) {
@@ -292,6 +367,32 @@ TEST_F(IpcReceiversTest, APatientThreadWaitsForRoomAndForItsLines) {
     }));
     EXPECT_EQ(sLast, "waited for");
     patient.join();
+}
+
+TEST_F(IpcReceiversTest, APatientThreadDoesNotWaitForTheRoomThatOthersTake) {
+    const std::string sLong(2047, 'l');
+    for (int iReceiver = 0; iReceiver < 40; ++iReceiver) {
+        for (int i = 0; i < 500; ++i) {
+            m_Receivers.Queue("r" + std::to_string(iReceiver), Line(sLong));
+        }
+    }
+    const auto start = steady_clock::now();
+    std::atomic<bool> bOver{false};
+    std::thread patient([&] {
+        const CIpcPatience patience;
+        m_Receivers.Queue("a", Line("of one that others leave no room"));
+        bOver = true;
+    });
+    EXPECT_TRUE(WaitUntil([&] { return bOver.load(); }, kLong));
+    m_Receivers.BeginHurry();  // nor would it ever get its line: nobody takes any
+    patient.join();
+    m_Receivers.EndHurry();
+    EXPECT_LT(steady_clock::now() - start, kLong);
+    std::string sText;
+    do {
+        sText = Take();
+    } while (!sText.empty() && sText != "of one that others leave no room");
+    EXPECT_NE(sText, "") << "it was dropped";
 }
 
 TEST_F(IpcReceiversTest, LinesAreWaitedForUntilTheLastIsAnswered) {

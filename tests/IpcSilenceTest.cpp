@@ -90,4 +90,23 @@ TEST_F(IpcSilenceTest, RoomInAFullQueueEndsIt) {
     ::unlink(kChannel);
 }
 
+/// Nobody can be reached through a socket's file alone, which one that was killed leaves behind.
+TEST_F(IpcSilenceTest, OfAnAbsentOneItEndsWhenItCanBeReached) {
+    m_pReceiver.reset();
+    CIpcSilence nowhere = CIpcSilence::OfAbsent(kChannel, FindIpcChannelFile(kChannel));
+    EXPECT_TRUE(nowhere.IsAbsence());
+    EXPECT_FALSE(nowhere.HasEnded());
+    const CDescriptor listener(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address;
+    ASSERT_EQ(CIpcSocket::MakeAddress(kChannel, &address), 0);
+    ASSERT_EQ(::bind(listener.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+    EXPECT_TRUE(nowhere.HasEnded()) << "there is a file now";
+    CIpcSilence deaf = CIpcSilence::OfAbsent(kChannel, FindIpcChannelFile(kChannel));
+    EXPECT_FALSE(deaf.HasEnded());
+    EXPECT_FALSE(deaf.HasEnded());
+    ASSERT_EQ(::listen(listener.Get(), 0), 0);
+    EXPECT_TRUE(deaf.HasEnded());
+    ::unlink(kChannel);
+}
+
 }  // namespace

@@ -16,10 +16,12 @@
 
 #include "FakeJvm.h"
 #include "HostMethodNames.h"
+#include "IpcPeer.h"
 #include "Isolation.h"
 #include "LeakGuard.h"
 #include "NfsClient.h"
 #include "NfsMain.h"
+#include "RuntimeParam.h"
 #include "TempFolder.h"
 #include "WaitUntil.h"
 
@@ -212,6 +214,69 @@ TEST_F(NfsJNITest, AHostMayTerminateFromInsideItsLogMethod) {
     EXPECT_EQ(GetMountInfo(iHandle), 0);
     // The deletion happens aside, on a thread that must have ended before the machine goes.
     EXPECT_TRUE(WaitUntil([&] { return CountThreads() <= nThreads; }));
+}
+
+/// They would wait for the thread they are on, or for a lock that it holds: the caller's own in the first lines of
+/// a start, the remote controller's in those of a stop.
+TEST_F(NfsJNITest, TheRemoteControllerIsNeitherStartedNorStoppedFromInsideALogLine) {
+    if (!IsIsolated()) {
+        GTEST_SKIP() << kNotIsolated;
+    }
+    const jlong iHandle = Initial(1);
+    const auto start = [&](JNIEnv* pEnv, jobject jObj, const auto&) {
+        NFSLIB_NATIVE(startRemoteController)(pEnv, jObj, iHandle);
+    };
+    const auto stop = [&](JNIEnv* pEnv, jobject jObj, const auto&) {
+        NFSLIB_NATIVE(stopRemoteController)(pEnv, jObj, iHandle);
+    };
+    auto* pMain = reinterpret_cast<CNfsMain*>(iHandle);  // NOLINT(performance-no-int-to-ptr): what a handle is
+    pMain->SetLogControl(CRuntimeParam::kLogError | CRuntimeParam::kLogIpcState);
+    const std::thread::id own = std::this_thread::get_id();
+    std::atomic<int> nLinesOnOwn{0};
+    std::atomic<int> nLinesOnOthers{0};
+    std::atomic<int> nErrors{0};
+    m_Methods[kHostLogInfo] = [&](const std::vector<HostArgument>&) {
+        ++(std::this_thread::get_id() == own ? nLinesOnOwn : nLinesOnOthers);
+        EXPECT_EQ(Run(start), "java/io/IOException: Remote controller cannot be started from inside a host callback");
+        EXPECT_EQ(Run(stop), "");
+        return HostAnswer{};
+    };
+    m_Methods[kHostLogError] = [&](const std::vector<HostArgument>& vArguments) {
+        ++nErrors;
+        EXPECT_EQ(vArguments[1].sText,
+                  u"[NfsJNI.StopRemoteController] Remote controller cannot be stopped from inside a host callback");
+        EXPECT_EQ(Run(stop), "") << "and says no more about it";
+        return HostAnswer{};
+    };
+    EXPECT_EQ(Run(start), "");
+    EXPECT_GT(nLinesOnOwn, 0);
+    IpcConnection request("/tmp/nfs-server");
+    ASSERT_TRUE(request.Send("half a request"));
+    ASSERT_TRUE(WaitUntil([&] { return request.IsTaken(); }));  // in the middle of which it is told to end
+    EXPECT_EQ(Run(stop), "");
+    EXPECT_GT(nLinesOnOthers, 0) << "the end of the thread that serves";
+    EXPECT_EQ(nErrors, nLinesOnOwn + nLinesOnOthers);
+    m_Methods.erase(kHostLogError);
+    pMain->SetLogControl(0);
+    Terminate(iHandle);
+}
+
+TEST_F(NfsJNITest, WithoutARemoteControllerThereIsNothingToRefuse) {
+    const jlong iHandle = Initial(0);
+    int nLines = 0;
+    m_Methods[kHostLogRaw] = [&](const std::vector<HostArgument>&) {
+        ++nLines;
+        EXPECT_EQ(Run([&](JNIEnv* pEnv, jobject jObj, const auto&) {
+                      EXPECT_EQ(NFSLIB_NATIVE(startRemoteController)(pEnv, jObj, iHandle), JNI_TRUE);
+                      NFSLIB_NATIVE(stopRemoteController)(pEnv, jObj, iHandle);
+                  }),
+                  "");
+        return HostAnswer{};
+    };
+    AddMountPoint(iHandle, "/", "data");
+    EXPECT_EQ(GetMountInfo(iHandle), 1);
+    EXPECT_EQ(nLines, 1);
+    Terminate(iHandle);
 }
 
 TEST_F(NfsJNITest, TheLoopTakesOverWhenTheReceiverInItsWayHasGone) {

@@ -351,6 +351,28 @@ TEST_F(SocketTest, APeerThatStopsReadingLosesItsConnectionAfterFiveSeconds) {
     EXPECT_TRUE(IsEndAtPeer()) << "nothing may follow a part of a reply";
 }
 
+/// However little that was: the system says that a socket can be written to when much of its buffer is free again.
+TEST_F(SocketTest, TheFiveSecondsBeginWithTheLastThatThePeerTook) {
+    std::atomic<bool> bSent{false};
+    FunctionListener listener([&](CSocket* pSocket) {
+        TakeInput(pSocket);
+        pSocket->GetOutputStream()->Write(nullptr, kBufferSize);
+        pSocket->Send();
+        bSent = true;
+    });
+    CSocket socket(CSocket::kStream, 100003);
+    socket.Open(m_iNear, &listener, nullptr);
+    SendFromPeer("x");
+    ReceiveAtPeer(1);                 // sending has begun
+    std::this_thread::sleep_for(1s);  // and stood still for a while
+    ReceiveAtPeer(40000);
+    const auto taken = std::chrono::steady_clock::now();
+    EXPECT_TRUE(WaitUntil([&] { return bSent.load(); }, 60s));
+    const auto elapsed = std::chrono::steady_clock::now() - taken;
+    EXPECT_GE(elapsed, 4900ms);
+    EXPECT_LT(elapsed, 8s) << "noticed only at the end of the first five seconds";
+}
+
 TEST_F(SocketTest, ASlowReaderThatGoesOnReadingGetsItsWholeReply) {
     FunctionListener listener([&](CSocket* pSocket) {
         TakeInput(pSocket);

@@ -2,6 +2,7 @@
 //
 // The server runs in the test's process, so that its time limit can be short. Limits are loose for a loaded machine,
 // but tell waiting from not waiting: each is well below what it would be with a wait more.
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <memory>
@@ -181,6 +182,33 @@ TEST_F(HangingReceiversTest, LogLinesForOneThatHangsHoldUpNobody) {
     }
     EXPECT_LT(Elapsed(start), seconds(25));
     EXPECT_TRUE(pOwner->WaitForMessages(1));
+    m_pServer->SetLogControl(0);
+}
+
+/// An export may outlive the process that added it for as long as it likes.
+TEST_F(HangingReceiversTest, LinesForOneThatIsGoneAreCountedAndItIsToldWhenItIsBack) {
+    constexpr int kCalls = 50;
+    m_pServer->SetLogControl(kAllLogBits);
+    Fattr3 attributes;
+    for (int i = 0; i < kCalls; ++i) {
+        EXPECT_EQ(m_pOwnersClient->Getattr(m_sDisk, attributes), kOk);
+    }
+    EXPECT_EQ(Write(), kInvalid) << "the question is tried, and fails at once";
+    const auto countFailures = [this] {
+        const std::vector<std::string> vsTexts = m_Host.Log().Texts('e');
+        return std::count_if(vsTexts.begin(), vsTexts.end(), [](const std::string& sText) {
+            return sText.find("Fail to connect ipc client socket.") != std::string::npos;
+        });
+    };
+    EXPECT_TRUE(WaitUntil([&] { return countFailures() >= 2; }));
+    EXPECT_EQ(countFailures(), 2) << "of the first line, and of the question";
+    const auto pOwner = MakeOwner();
+    EXPECT_EQ(m_pOwnersClient->Getattr(m_sDisk, attributes), kOk);
+    ASSERT_TRUE(pOwner->WaitForMessages(1));
+    const std::string sFirst = TextAt(pOwner->Messages().front(), 272, 2048);
+    const std::string sBeginning = "[UtilitiesIpcServer.SendLogMessage] Dropped ";
+    ASSERT_TRUE(sFirst.starts_with(sBeginning)) << sFirst;
+    EXPECT_GT(std::stoi(sFirst.substr(sBeginning.size())), kCalls);
     m_pServer->SetLogControl(0);
 }
 

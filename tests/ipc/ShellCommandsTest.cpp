@@ -6,6 +6,7 @@
 #include <thread>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "IpcPeer.h"
 #include "IpcProcesses.h"
@@ -65,6 +66,7 @@ TEST_F(ShellCommandsTest, ARequesterThatIsKilledTakesItsCommandWithIt) {
     const auto start = steady_clock::now();
     pOther->Signal(SIGKILL);
     EXPECT_EQ(pOther->Wait(), 128 + SIGKILL);
+    EXPECT_EQ(::unlink("/tmp/nfs-other"), 0) << "nobody was left to do it";
     EXPECT_TRUE(m_pClient->IsServerRunning());
     EXPECT_LT(steady_clock::now() - start, kSoon);
     EXPECT_TRUE(WaitForEnd(sPid));

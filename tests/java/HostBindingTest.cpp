@@ -11,8 +11,10 @@
 #include <gtest/gtest.h>
 
 #include "HostMethods.h"
+#include "IpcPeer.h"
 #include "JavaHost.h"
 #include "TempFolder.h"
+#include "WaitUntil.h"
 
 namespace {
 
@@ -169,6 +171,50 @@ TEST_F(HostBindingTest, AStartFromInsideALineOfAStartIsRefused) {
     EXPECT_EQ(host.Call("A", "isServerRunning", sHandle), "false");
     EXPECT_EQ(host.Call("A", "startServer", sHandle, 3058, 3049, false), "true") << "but afterwards it works";
     host.Call("A", "stopServer", sHandle);
+    host.Call("A", "terminate", sHandle);
+}
+
+/// On the host's own thread, which holds what it would wait for.
+TEST_F(HostBindingTest, TheRemoteControllerIsNotStartedFromInsideALineOfItsStart) {
+    JavaHost host;
+    const std::string sHandle = host.Initial("A", "host", 1, 129);
+    host.Do({"react", "A", "logInfo", "call\tA\tstartRemoteController\t" + sHandle});
+    host.Start("starter", "A", "startRemoteController", sHandle);
+    EXPECT_EQ(host.Join("starter"), "true");
+    EXPECT_EQ(host.Join("reaction"),
+              std::string(kIOException) + "Remote controller cannot be started from inside a host callback");
+    host.Call("A", "setLogControl", sHandle, 0);
+    host.Call("A", "stopRemoteController", sHandle);
+    host.Call("A", "terminate", sHandle);
+}
+
+/// On the library's thread, which the stop under way waits for.
+TEST_F(HostBindingTest, TheRemoteControllerIsNeitherStartedNorStoppedFromInsideALineOfItsStop) {
+    JavaHost host;
+    const std::string sHandle = host.Initial("A", "host", 1, 1);
+    for (const char* pcMethod : {"startRemoteController", "stopRemoteController"}) {
+        SCOPED_TRACE(pcMethod);
+        EXPECT_EQ(host.Call("A", "startRemoteController", sHandle), "true");
+        IpcConnection request("/tmp/nfs-server");
+        ASSERT_TRUE(request.Send("half a request"));
+        ASSERT_TRUE(WaitUntil([&] { return request.IsTaken(); }));  // in the middle of which it is told to end
+        host.Call("A", "setLogControl", sHandle, 129);
+        host.Events("A");
+        host.Do({"react", "A", "logInfo", "call\tA\t" + std::string(pcMethod) + "\t" + sHandle});
+        host.Start("stopper", "A", "stopRemoteController", sHandle);
+        EXPECT_EQ(host.Join("stopper"), "void");
+        const std::string sReaction = host.Join("reaction");
+        if (std::string(pcMethod) == "startRemoteController") {
+            EXPECT_EQ(sReaction,
+                      std::string(kIOException) + "Remote controller cannot be started from inside a host callback");
+        } else {
+            EXPECT_EQ(sReaction, "void");
+            EXPECT_TRUE(host.WaitForEvent("A",
+                                          "logError(host, [NfsJNI.StopRemoteController] Remote controller cannot "
+                                          "be stopped from inside a host callback)"));
+        }
+        host.Call("A", "setLogControl", sHandle, 1);
+    }
     host.Call("A", "terminate", sHandle);
 }
 
