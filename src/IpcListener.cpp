@@ -42,14 +42,15 @@ bool CIpcListener::Bind(char* pcReason) {
         return false;
     }
     m_bBound = true;
-    // After the bind, because the umask narrows the mode that bind gives.
-    if (::chmod(m_Address.sun_path, kSocketFileMode) != 0 || ::lstat(m_Address.sun_path, &m_File) != 0) {
-        WriteReason(pcReason, "Fail to bind ipc server socket. %s", CSystemErrorText(errno).Get());
+    // At once: who sees the file takes the socket for one that is served.
+    if (::listen(m_Socket.Get(), kBacklog) != 0) {
+        WriteReason(pcReason, "Fail to listen ipc server socket. %s", CSystemErrorText(errno).Get());
         Close();
         return false;
     }
-    if (::listen(m_Socket.Get(), kBacklog) != 0) {
-        WriteReason(pcReason, "Fail to listen ipc server socket. %s", CSystemErrorText(errno).Get());
+    // After the bind, because the umask narrows the mode that bind gives.
+    if (::chmod(m_Address.sun_path, kSocketFileMode) != 0 || ::lstat(m_Address.sun_path, &m_File) != 0) {
+        WriteReason(pcReason, "Fail to bind ipc server socket. %s", CSystemErrorText(errno).Get());
         Close();
         return false;
     }
