@@ -444,7 +444,7 @@ TEST_F(Nfs3ProgDirectoryTest, NewListingAfterAnEndedOneIsInTheHostsOrder) {
 
 TEST_F(Nfs3ProgDirectoryTest, ReplyThatWasLostCanBeHadAgain) {
     MakeFiles(25);
-    for (const std::uint64_t lCookie : {0, 10, 20}) {
+    for (const std::uint64_t lCookie : {0U, 10U, 20U}) {
         // Apart from the directory's attributes: listing it may move its access time.
         const std::string sEntries = CallList(true, Handle(), lCookie).substr(92);
         EXPECT_EQ(Hex(CallList(true, Handle(), lCookie).substr(92)), Hex(sEntries)) << lCookie;
