@@ -33,7 +33,8 @@ Function* Next(const char* pcName) {
 /// Null before the control file is mapped.
 FaultControl* g_pControl = nullptr;
 
-__attribute__((constructor)) void MapControl() {
+/// Not before the program has begun: the sanitizers' own preparations make calls too.
+void MapControl() {
     const char* pcPath = std::getenv(FaultControl::kFileVariable);
     const long iFile = pcPath == nullptr ? -1 : ::syscall(SYS_openat, AT_FDCWD, pcPath, O_RDWR | O_CLOEXEC);
     if (iFile < 0) {
@@ -201,10 +202,18 @@ FAULTY ssize_t sendmsg(int iSocket, const msghdr* pMessage, int iFlags) {
 
 PASS(kAccept, int, accept4, (int iSocket, sockaddr* pAddress, socklen_t* pnAddress, int iFlags),
      (iSocket, pAddress, pnAddress, iFlags))
-PASS(kConnect, int, bind, (int iSocket, const sockaddr* pAddress, socklen_t nAddress), (iSocket, pAddress, nAddress))
 PASS(kConnect, int, listen, (int iSocket, int nWaiting), (iSocket, nWaiting))
 PASS(kConnect, int, connect, (int iSocket, const sockaddr* pAddress, socklen_t nAddress), (iSocket, pAddress, nAddress))
 PASS(kMap, int, mprotect, (void* pvMemory, std::size_t nBytes, int iProtection), (pvMemory, nBytes, iProtection))
+
+// The first thing that a server does which others can see.
+FAULTY int bind(int iSocket, const sockaddr* pAddress, socklen_t nAddress) noexcept {
+    static auto* const pNext = Next<int(int, const sockaddr*, socklen_t)>("bind");
+    if (g_pControl == nullptr) {
+        MapControl();
+    }
+    return IsDue(FaultyCall::kConnect) ? -1 : pNext(iSocket, pAddress, nAddress);
+}
 
 FAULTY int socket(int iDomain, int iType, int iProtocol) noexcept {
     static auto* const pNext = Next<int(int, int, int)>("socket");
@@ -223,7 +232,7 @@ FAULTY int pthread_create(pthread_t* pThread, const pthread_attr_t* pAttributes,
 }
 
 // The sanitizers have operators of their own, which must stay a pair.
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+#if !defined(NFSLIB_SANITIZED)
 __attribute__((visibility("default"))) void* operator new(std::size_t nBytes) {
     void* pvMemory = IsDue(FaultyCall::kMemory) ? nullptr : std::malloc(nBytes);
     if (pvMemory == nullptr) {
