@@ -225,8 +225,8 @@ TEST_F(DataUnderLoadTest, NotOneByteDiffersFromWhatWasAcknowledged) {
     for (int i = 0; i < kClients; ++i) {
         ModelledWorld world{Name(i), "127.0.0." + std::to_string(10 + i), m_sDisk, pause};
         vpClients.push_back(std::make_unique<ModelledClient>(std::move(world), static_cast<std::uint32_t>(1 + i)));
-        vThreads.emplace_back(
-            [&, i] { vsWrong[static_cast<std::size_t>(i)] = vpClients[static_cast<std::size_t>(i)]->Run(bStop); });
+        std::string* psWrong = &vsWrong[static_cast<std::size_t>(i)];
+        vThreads.emplace_back([pClient = vpClients.back().get(), psWrong, &bStop] { *psWrong = pClient->Run(bStop); });
     }
     std::mt19937 random(7);
     std::vector<Usage> vUsage;
