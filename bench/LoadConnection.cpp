@@ -23,11 +23,13 @@ constexpr std::uint64_t kBlocksApart = 100;
 
 }  // namespace
 
-LoadConnection::LoadConnection(int iSocket, const Row& row, const LoadFolder& folder, int iNumber, int nSlots)
+LoadConnection::LoadConnection(int iSocket, const Row& row, const LoadFolder& folder, int iNumber,
+                               const LoadShape& shape)
     : m_iSocket(iSocket),
       m_Row(row),
       m_Folder(folder),
-      m_vSlots(static_cast<std::size_t>(nSlots)),
+      m_bSingly(shape.bSingly),
+      m_vSlots(static_cast<std::size_t>(shape.nDepth)),
       m_vcReceived(kReceiveSize),
       m_iBlock(static_cast<std::uint64_t>(iNumber) * kBlocksApart),
       m_iRandom(static_cast<std::uint64_t>(iNumber) * 2 + 1) {
@@ -98,13 +100,14 @@ void LoadConnection::QueueCall(std::size_t iSlot) {
         PutLong(sCall.data() + kind.iOffsetAt, slot.iOffset);
     }
     m_vQueued.push_back({sCall.data(), sCall.size()});
-    if (kind.work != BareWork::kWrite) {
-        return;
-    }
-    for (std::uint64_t i = slot.iOffset; i < slot.iOffset + kind.nData; i += Content::kBlock) {
+    const std::uint64_t iEnd = slot.iOffset + (kind.work == BareWork::kWrite ? kind.nData : 0);
+    for (std::uint64_t i = slot.iOffset; i < iEnd; i += Content::kBlock) {
         // sendmsg does not write to what it sends.
         m_vQueued.push_back({const_cast<char*>(m_Folder.GetContent().BlockAt(i, m_iGeneration)), Content::kBlock});
         (*m_pvbWritten)[i / Content::kBlock] = true;
+    }
+    if (m_bSingly) {
+        Flush();
     }
 }
 

@@ -9,6 +9,7 @@
 
 #include <sys/uio.h>
 
+#include "LoadShape.h"
 #include "Row.h"
 
 /// Runs operations of one row and judges their replies, which may come in any order: other servers than ours answer
@@ -19,8 +20,9 @@ public:
     using Clock = std::chrono::steady_clock;
 
     /// The row and the folder outlive the connection; the socket is taken over. The number tells it from others of the
-    /// same session: offsets and names differ by it. Each slot has one call in flight.
-    LoadConnection(int iSocket, const Row& row, const LoadFolder& folder, int iNumber, int nSlots);
+    /// same session: offsets and names differ by it. As many calls are in flight as
+    /// the shape says.
+    LoadConnection(int iSocket, const Row& row, const LoadFolder& folder, int iNumber, const LoadShape& shape);
     ~LoadConnection();
     LoadConnection(const LoadConnection&) = delete;
     LoadConnection& operator=(const LoadConnection&) = delete;
@@ -59,6 +61,7 @@ private:
     int m_iSocket;
     const Row& m_Row;
     const LoadFolder& m_Folder;
+    bool m_bSingly;
     std::vector<Slot> m_vSlots;
     std::vector<iovec> m_vQueued;
     std::vector<char> m_vcReceived;

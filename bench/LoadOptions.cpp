@@ -23,6 +23,8 @@ void Usage() {
         "                     (one:1:1). Given more than once, the rows are run in each shape\n"
         "  --rounds N         rounds of each row, in turns between the peers; medians over the rounds count (15)\n"
         "  --milliseconds N   how long each round lasts (200)\n"
+        "  --singly           each call leaves by itself; otherwise those that are due at the same time leave "
+        "together\n"
         "  --csv FILE         appends the figures to a file\n"
         "  --list N           instead of the rows: lists a folder of N files by READDIRPLUS\n"
         "rows: NULL GETATTR LOOKUP ACCESS READ4K READ64K WRITE4K WRITE16K CREATE+REMOVE MIX READDIRPLUS (all)\n"
@@ -58,7 +60,7 @@ LoadShape ParseShape(const char* pcText) {
     if (vsPieces.size() != 3 && vsPieces.size() != 4) {
         Refuse();
     }
-    const LoadShape shape{vsPieces[0], std::atoi(vsPieces[1].c_str()), std::atoi(vsPieces[2].c_str()),
+    const LoadShape shape{vsPieces[0], std::atoi(vsPieces[1].c_str()), std::atoi(vsPieces[2].c_str()), false,
                           vsPieces.size() == 4 ? std::atoi(vsPieces[3].c_str()) : -1};
     if (shape.nConnections < 1 || shape.nDepth < 1 || shape.nDepth > 256) {
         Refuse();
@@ -66,7 +68,7 @@ LoadShape ParseShape(const char* pcText) {
     return shape;
 }
 
-enum Choice { kFolder, kPeer, kBare, kShape, kRounds, kMilliseconds, kCsv, kList };
+enum Choice { kFolder, kPeer, kBare, kShape, kRounds, kMilliseconds, kCsv, kList, kSingly };
 
 void TakeOption(int iChoice, const char* pcValue, LoadOptions* pParsed) {
     switch (iChoice) {
@@ -91,6 +93,9 @@ void TakeOption(int iChoice, const char* pcValue, LoadOptions* pParsed) {
         case kCsv:
             pParsed->sCsv = pcValue;
             break;
+        case kSingly:
+            pParsed->bSingly = true;
+            break;
         case kList:
             pParsed->nListed = std::strtoull(pcValue, nullptr, 10);
             break;
@@ -105,7 +110,8 @@ LoadOptions ParseLoadOptions(int argc, char** argv) {
     static const option options[] = {
         {"folder", 1, nullptr, kFolder}, {"peer", 1, nullptr, kPeer},     {"bare", 1, nullptr, kBare},
         {"shape", 1, nullptr, kShape},   {"rounds", 1, nullptr, kRounds}, {"milliseconds", 1, nullptr, kMilliseconds},
-        {"csv", 1, nullptr, kCsv},       {"list", 1, nullptr, kList},     {nullptr, 0, nullptr, 0},
+        {"csv", 1, nullptr, kCsv},       {"list", 1, nullptr, kList},     {"singly", 0, nullptr, kSingly},
+        {nullptr, 0, nullptr, 0},
     };
     LoadOptions parsed;
     for (int iOption = 0; (iOption = getopt_long(argc, argv, "", options, nullptr)) != -1;) {
@@ -117,6 +123,9 @@ LoadOptions ParseLoadOptions(int argc, char** argv) {
     }
     if (parsed.vShapes.empty()) {
         parsed.vShapes.push_back(LoadShape{});
+    }
+    for (LoadShape& shape : parsed.vShapes) {
+        shape.bSingly = parsed.bSingly;
     }
     if (parsed.sFolder.empty()) {
         Refuse();

@@ -18,6 +18,7 @@ struct LoadOptions {
     std::set<std::string> rows;  ///< empty: all
     int nRounds = 15;
     std::chrono::milliseconds roundTime{200};
+    bool bSingly = false;
     std::size_t nListed = 0;  ///< files in a folder that is listed instead of running rows
     std::string sCsv;         ///< file to append to, or empty
 };

@@ -26,7 +26,7 @@ LoadSession::LoadSession(int iPort, const Row& row, const LoadFolder& folder, co
     : m_Folder(folder) {
     for (int i = 0; i < shape.nConnections; ++i) {
         const int iSocket = ConnectTo(iPort);
-        m_vpConnections.push_back(std::make_unique<LoadConnection>(iSocket, row, folder, i, shape.nDepth));
+        m_vpConnections.push_back(std::make_unique<LoadConnection>(iSocket, row, folder, i, shape));
         if (pBare != nullptr) {
             SendAll(iSocket, {reinterpret_cast<const char*>(&pBare->setup), sizeof(pBare->setup)});
             SendAll(iSocket, pBare->sReplies);

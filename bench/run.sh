@@ -15,6 +15,7 @@ usage: bench/run.sh [OPTION...] [ROW...]     (rows: nfsload lists them; all of t
   --shapes "NAME..." of one, deep, wide and both, the ones to run (all of them)
   --rounds N         rounds of each row, in turns between the servers; the median counts (11)
   --milliseconds N   how long each round lasts (100)
+  --singly           the load sends each call by itself, also when several are due
   --rows-only        no listings, redirected files and growth after the rows
   --no-ganesha       leaves NFS-Ganesha out
   --profile          tells with perf and strace where the server's time goes in each row: profile.csv
@@ -36,6 +37,7 @@ target=
 shapes="one deep wide both"
 rounds=11
 milliseconds=100
+singly=()
 rows_only=
 ganesha=yes
 memory=
@@ -52,6 +54,7 @@ while [ $# -gt 0 ]; do
         --shapes) shapes=$2 && shift ;;
         --rounds) rounds=$2 && shift ;;
         --milliseconds) milliseconds=$2 && shift ;;
+        --singly) singly=(--singly) ;;
         --rows-only) rows_only=yes ;;
         --no-ganesha) ganesha= ;;
         --memory) memory=yes ;;
@@ -231,7 +234,8 @@ load() { "$build/bin/nfsload" --folder "$work/export" --rounds "$rounds" "$@"; }
 resident() { awk '/^VmRSS/ { print $2 }' "/proc/${pids[nfslib]}/status"; }
 
 say "rows: step 1 of 5"
-load "${peers[@]}" "${shape_options[@]}" --milliseconds "$milliseconds" --csv "$csv/rows.csv" "${rows[@]}"
+load "${peers[@]}" "${shape_options[@]}" --milliseconds "$milliseconds" --csv "$csv/rows.csv" \
+    "${singly[@]}" "${rows[@]}"
 if [ -n "$memory" ]; then
     say "memory: step 1, at its end"
     before=$(resident)
