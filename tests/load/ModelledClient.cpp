@@ -93,7 +93,7 @@ void ModelledClient::WorkOnce() {
 // ---- The pieces of work
 
 void ModelledClient::Create() {
-    const std::string sName = "file-" + std::to_string(m_iNextName++);
+    const std::string sName = MakeName();
     std::string sHandle;
     if (Try([&] { return m_pClient->Create(m_sRoot, sName, sHandle) == kOk; })) {
         m_Handles[sName] = sHandle;
@@ -148,8 +148,7 @@ void ModelledClient::Cut(File file) {
 void ModelledClient::Rename(File file) {
     const std::string sFrom = file->first;
     const File other = std::next(m_Files.begin(), static_cast<std::ptrdiff_t>(Below(m_Files.size())));
-    const std::string sTo =
-        other->first == sFrom || Below(2) == 0 ? "file-" + std::to_string(m_iNextName++) : other->first;
+    const std::string sTo = other->first == sFrom || Below(2) == 0 ? MakeName() : other->first;
     static_cast<void>(Try([&] { return !GetHandle(sFrom).empty(); }));  // RENAME answers by what has a handle
     const bool bDone = Try([&] { return m_pClient->Rename(m_sRoot, sFrom, m_sRoot, sTo) == kOk; });
     if (bDone || !Exists(sFrom)) {
@@ -321,6 +320,15 @@ void ModelledClient::Require(bool bHolds, const std::string& sWhat) const {
     if (!bHolds) {
         throw WrongAnswer(sWhat);
     }
+}
+
+/// A name that no file has at the moment. There are few: each name that a server has ever seen costs it memory.
+std::string ModelledClient::MakeName() {
+    std::string sName;
+    do {
+        sName = "file-" + std::to_string(Below(4 * kMostFiles));
+    } while (m_Files.contains(sName));
+    return sName;
 }
 
 std::string ModelledClient::MakeContent(std::size_t nBytes) {

@@ -60,6 +60,7 @@ private:
     std::string ReadWhole(const std::string& sName);
     void Settle(const std::string& sName, const std::string& sOther);
     void Require(bool bHolds, const std::string& sWhat) const;
+    std::string MakeName();
     std::string MakeContent(std::size_t nBytes);
     std::size_t Below(std::size_t n) { return n == 0 ? 0 : m_Random() % n; }
 
@@ -72,5 +73,4 @@ private:
     std::map<std::string, std::string> m_Files;  ///< name to content
     std::uint64_t m_nCalls = 0;
     unsigned int m_nRecoveries = 0;
-    unsigned int m_iNextName = 0;
 };
