@@ -132,7 +132,8 @@ TEST_F(ConsoleSignal, EndsTheShellCommandInProgressFirst) {
     ASSERT_TRUE(console.WaitForPrompt());
     console.Command("debug");
     const std::string sEnded = m_Folder / "ended";
-    console.Send("exec trap 'touch " + sEnded + "; exit' TERM; echo begun; while :; do sleep 0.05; done\n");
+    console.Send("exec exec 2>/dev/null; trap 'touch " + sEnded +
+                 "; exit' TERM; echo begun; while :; do sleep 0.05; done\n");
     ASSERT_TRUE(console.WaitFor("begun\n"));
     console.Signal(SIGTERM);
     EXPECT_EQ(console.Wait(), 0);

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <chrono>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -245,6 +246,72 @@ TEST_F(HangingReceiversTest, AProcessThatWasStartedAgainIsAskedAtOnce) {
     EXPECT_EQ(Write(), kInvalid);
     EXPECT_TRUE(pConsole->WaitFor(kAsked)) << pConsole->Output();
     EXPECT_EQ(pConsole->Quit(), 0);
+}
+
+/// They are gone, though the threads that serve them wait for the call in progress and cannot leave.
+TEST_F(HangingReceiversTest, PeersThatGiveUpDuringAStallDoNotCountTowardsTheLimit) {
+    const auto pOwner = MakeOwner();
+    pOwner->Hang();
+    SetTimeout(CUtilitiesIpcServer::kCallbackTimeout);
+    SendWrites(1);
+    ASSERT_TRUE(pOwner->WaitForMessages(1));
+    RpcCall call;
+    for (int i = 0; i < 2 * CNfsMain::kMaxMountConnections; ++i) {
+        call.iProgram = kMountProgram;
+        call.iProcedure = kMountMnt;
+        call.sArguments = XdrBuilder().Opaque("free").Bytes();
+        RpcClient(Transport::kTcp, 1058).Send(call.Bytes(Transport::kTcp));
+    }
+    for (int i = 0; i < 2 * CNfsMain::kMaxNfsConnections; ++i) {
+        call.iProgram = kNfsProgram;
+        call.iProcedure = kNfsGetattr;
+        call.sArguments = XdrBuilder().Opaque(m_sFree).Bytes();
+        RpcClient(Transport::kTcp, 2049).Send(call.Bytes(Transport::kTcp));
+    }
+    pOwner->Recover();
+    EXPECT_EQ(WordAt(m_pOwnersClient->Nfs().ReceiveReply().sBody, 0), kOk);
+    NfsClient late;
+    EXPECT_EQ(late.Mount().Call(kMountProgram, 3, kMountNull, "").iReplyStatus, 0U);
+    Fattr3 attributes;
+    EXPECT_EQ(late.Getattr(m_sFree, attributes), kOk);
+}
+
+TEST_F(HangingReceiversTest, ReadersThatAreSlowOrStandStillDelayNeitherOthersNorAStop) {
+    constexpr std::uint32_t kBlock = 65536;
+    WriteWholeFile(*m_pFree / "big", std::string(kBlock, 'b'));
+    RpcCall call;
+    call.iProgram = kNfsProgram;
+    call.iProcedure = kNfsRead;
+    std::string sBig;
+    ASSERT_EQ(m_pOther->Lookup(m_sFree, "big", sBig), kOk);
+    call.sArguments = XdrBuilder().Opaque(sBig).U64(0).U32(kBlock).Bytes();
+    std::string sCalls;
+    for (int i = 0; i < 256; ++i) {
+        sCalls += call.Bytes(Transport::kTcp);
+    }
+    RpcClient still(Transport::kTcp, 2049);
+    still.Send(sCalls);
+    RpcClient slow(Transport::kTcp, 2049);
+    slow.Send(sCalls);
+    std::atomic<bool> bStopped{false};
+    std::thread reading([&] {
+        try {
+            while (!bStopped) {
+                slow.ReceiveBytes(kBlock / 2);
+                std::this_thread::sleep_for(milliseconds(100));
+            }
+        } catch (const std::runtime_error&) {
+            // the stop may reset the connection
+        }
+    });
+    for (int i = 0; i < 20; ++i) {
+        EXPECT_LT(TimeOfGetattr(), seconds(2)) << "what is sent takes a minute, and five seconds without progress";
+    }
+    const auto start = steady_clock::now();
+    m_pServer->StopServer();
+    EXPECT_LT(Elapsed(start), seconds(4));
+    bStopped = true;
+    reading.join();
 }
 
 TEST_F(HangingReceiversTest, StoppingDoesNotWaitForOneThatHangs) {
