@@ -3,46 +3,23 @@
 
 #include <algorithm>
 #include <cstring>
-#include <iterator>
 #include <utility>
 
 #include "Limits.h"
-#include "Paths.h"
 
-FileItem* CFileTable::AddItem(const char* pcPath) {
+std::optional<FileItem> CFileTable::AddItem(const char* pcPath) {
     if (pcPath == nullptr) {
-        return nullptr;
+        return std::nullopt;
     }
-    if (m_vvTable.empty() || m_vvTable.back().size() == kChunkSize) {
-        m_vvTable.emplace_back().reserve(kChunkSize);
-    }
-    std::vector<FileItem>& vChunk = m_vvTable.back();
-    const auto iID = static_cast<unsigned int>((m_vvTable.size() - 1) * kChunkSize + vChunk.size());
-    FileItem& item = vChunk.emplace_back(FileItem{pcPath, iID, iID});
-    ++m_nItems;
-    const auto itKnown = m_mEntryByPath.find(item.sPath);
-    if (itKnown != m_mEntryByPath.end()) {
-        JoinRings(itKnown->second->iLowestID, iID);
-    } else {
-        PathEntry& entry = m_mEntries.emplace(item.sPath, PathEntry{iID, {}}).first->second;
-        m_mEntryByPath.emplace(item.sPath, &entry);
-    }
-    return &item;
+    return FileItem{pcPath, Add(pcPath)};
 }
 
-FileItem* CFileTable::FindItemByPath(const char* pcPath) {
-    if (pcPath == nullptr) {
-        return nullptr;
+std::optional<FileItem> CFileTable::FindItemByPath(const char* pcPath) {
+    const unsigned int iID = Find(pcPath);
+    if (iID == kNoFileID) {
+        return std::nullopt;
     }
-    const auto itEntry = m_mEntryByPath.find(pcPath);
-    if (itEntry == m_mEntryByPath.end()) {
-        return nullptr;
-    }
-    PathEntry& entry = *itEntry->second;
-    if (entry.vRecentHits.empty()) {
-        RememberHit(entry);
-    }
-    return &GetItem(entry.vRecentHits.front().iID);
+    return FileItem{pcPath, iID};
 }
 
 bool CFileTable::IsMatchItem(const FileItem* pItem, const char* pcPath, std::size_t nLength) {
@@ -50,122 +27,129 @@ bool CFileTable::IsMatchItem(const FileItem* pItem, const char* pcPath, std::siz
            std::memcmp(pItem->sPath.data(), pcPath, nLength) == 0;
 }
 
-FileItem* CFileTable::GetItemByID(unsigned int iID) {
-    const unsigned int iChunk = iID / kChunkSize;
-    const unsigned int iPlace = iID % kChunkSize;
-    if (iID > 0x7FFFFFFFU || iChunk >= m_vvTable.size() || iPlace >= m_vvTable[iChunk].size()) {
-        return nullptr;
+std::optional<FileItem> CFileTable::GetItemByID(unsigned int iID) {
+    if (!IsKnown(iID)) {
+        return std::nullopt;
     }
-    return &m_vvTable[iChunk][iPlace];
+    return FileItem{m_Tree.GetPath(GetPlace(iID)), iID};
 }
 
 unsigned int CFileTable::GetIDByPath(const char* pcPath) {
-    FileItem* pItem = FindItemByPath(pcPath);
-    if (pItem == nullptr) {
-        pItem = AddItem(pcPath);
-    }
-    return pItem == nullptr ? kNoFileID : pItem->iID;
+    const unsigned int iID = Find(pcPath);
+    return iID == kNoFileID && pcPath != nullptr ? Add(pcPath) : iID;
 }
 
 bool CFileTable::GetPathByID(unsigned int iID, char* pcPath, unsigned int iSize) {
-    const FileItem* pItem = GetItemByID(iID);
-    if (pItem == nullptr || pcPath == nullptr) {
-        return pItem != nullptr;
+    if (!IsKnown(iID) || pcPath == nullptr) {
+        return IsKnown(iID);
     }
-    if (iSize <= pItem->sPath.size()) {
-        return false;
-    }
-    std::memcpy(pcPath, pItem->sPath.c_str(), pItem->sPath.size() + 1);
-    return true;
+    return m_Tree.CopyPath(GetPlace(iID), pcPath, iSize);
 }
 
 bool CFileTable::UpdateItemPath(const char* pcPathOld, const char* pcPathNew) {
     if (pcPathOld == nullptr || pcPathNew == nullptr) {
         return false;
     }
-    const bool bFound = FindItemByPath(pcPathOld) != nullptr;
+    const bool bFound = Find(pcPathOld) != kNoFileID;
     if (std::strcmp(pcPathOld, pcPathNew) == 0) {
         return bFound;
     }
-    // Everything is taken out before anything is put back: a new path may be an old one of the same rename.
-    std::vector<MovingEntry> vMoving;
+    // What carries the path itself is taken out before anything is moved: the new path may be one below the old one.
+    const CPathTree::Tenant iLeader = m_Tree.TakeTenant(pcPathOld);
+    for (const CPathTree::Resettled& resettled : m_Tree.MoveBelow(pcPathOld, pcPathNew)) {
+        Settle(resettled.iTenant, resettled.iPlace);
+    }
     if (bFound) {
-        vMoving.push_back(TakeOut(m_mEntries.find(pcPathOld), pcPathNew));
-    }
-    const std::string sPrefixOld = GetFolderPrefix(pcPathOld);
-    const std::string sPrefixNew = GetFolderPrefix(pcPathNew);
-    auto itEntry = sPrefixOld.empty() ? m_mEntries.end() : m_mEntries.lower_bound(sPrefixOld);
-    while (itEntry != m_mEntries.end() && itEntry->first.starts_with(sPrefixOld)) {
-        const auto itThis = itEntry++;
-        vMoving.push_back(TakeOut(itThis, sPrefixNew + std::string(itThis->first.substr(sPrefixOld.size()))));
-    }
-    for (MovingEntry& moving : vMoving) {
-        PutBack(std::move(moving));
+        Settle(iLeader, m_Tree.FindOrAdd(pcPathNew));
     }
     return bFound;
 }
 
 void CFileTable::Clear() {
-    m_mEntryByPath = {};
-    m_mEntries.clear();
+    m_Tree.Clear();
     m_vvTable.clear();
     m_vCache.clear();
-    m_nItems = 0;
+    m_mHitsByLeader.clear();
 }
 
-/// Appends an entry's item to the recent hits. None of the entry's items is among them.
-void CFileTable::RememberHit(PathEntry& entry) {
+// ---- Items
+
+unsigned int CFileTable::Add(const char* pcPath) {
+    const auto iID = static_cast<unsigned int>(m_vvTable.size());
+    m_vvTable.push_back(kLeads);
+    Settle(iID, m_Tree.FindOrAdd(pcPath));
+    return iID;
+}
+
+unsigned int CFileTable::Find(const char* pcPath) {
+    const CPathTree::Tenant iLeader = pcPath == nullptr ? CPathTree::kNobody : m_Tree.GetTenant(m_Tree.Find(pcPath));
+    if (iLeader == CPathTree::kNobody) {
+        return kNoFileID;
+    }
+    const auto itHits = m_mHitsByLeader.find(iLeader);
+    if (itHits != m_mHitsByLeader.end()) {
+        return itHits->second.front().iID;
+    }
+    RememberHit(iLeader);
+    return iLeader;
+}
+
+/// Halves the way for those who come after.
+unsigned int CFileTable::GetLeader(unsigned int iID) {
+    while ((m_vvTable[iID] & kLeads) == 0) {
+        const std::uint32_t iNext = m_vvTable[iID];
+        if ((m_vvTable[iNext] & kLeads) == 0) {
+            m_vvTable[iID] = m_vvTable[iNext];
+        }
+        iID = iNext;
+    }
+    return iID;
+}
+
+/// Gives an item, and all that follow it, the path of a place, together with the items that carry it already.
+void CFileTable::Settle(unsigned int iLeader, CPathTree::Place iPlace) {
+    const CPathTree::Tenant iMet = m_Tree.GetTenant(iPlace);
+    if (iMet != CPathTree::kNobody) {
+        Follow(std::max(iLeader, iMet), std::min(iLeader, iMet));
+        iLeader = std::min(iLeader, iMet);
+    }
+    m_vvTable[iLeader] = iPlace | kLeads;
+    m_Tree.SetTenant(iPlace, iLeader);
+}
+
+void CFileTable::Follow(unsigned int iFollower, unsigned int iLeader) {
+    m_vvTable[iFollower] = iLeader;
+    auto found = m_mHitsByLeader.extract(iFollower);
+    if (found.empty()) {
+        return;
+    }
+    RecentHits& vHits = m_mHitsByLeader[iLeader];
+    const bool bYounger = vHits.empty() || vHits.back().iAge < found.mapped().front().iAge;
+    const auto itJoined = vHits.insert(vHits.end(), found.mapped().begin(), found.mapped().end());
+    if (!bYounger) {
+        std::ranges::inplace_merge(vHits, itJoined, {}, &RecentHit::iAge);
+    }
+}
+
+// ---- Recent hits
+
+/// Appends a leader to the recent hits. None of the items that carry its path is among them.
+void CFileTable::RememberHit(unsigned int iLeader) {
     if (m_vCache.size() >= kMaxRecentHits) {
         for (std::size_t nExceeding = m_vCache.size() / 10; nExceeding > 0; --nExceeding) {
             ForgetOldestHit();
         }
     }
-    m_vCache.push_back(entry.iLowestID);
-    entry.vRecentHits.push_back({m_iNextAge++, entry.iLowestID});
+    m_vCache.push_back(iLeader);
+    m_mHitsByLeader[iLeader].push_back({m_iNextAge++, iLeader});
 }
 
-/// The oldest hit of all is the oldest of its entry, too.
+/// The oldest hit of all is the oldest of its path, too.
 void CFileTable::ForgetOldestHit() {
-    PathEntry& entry = *m_mEntryByPath.find(GetItem(m_vCache.front()).sPath)->second;
-    entry.vRecentHits.erase(entry.vRecentHits.begin());
-    m_vCache.pop_front();
-}
-
-/// Takes an entry out of both indexes, whose keys view the items' paths.
-CFileTable::MovingEntry CFileTable::TakeOut(OrderedEntries::iterator itEntry, std::string sPathNew) {
-    MovingEntry moving{std::move(sPathNew), std::move(itEntry->second)};
-    m_mEntryByPath.erase(itEntry->first);
-    m_mEntries.erase(itEntry);
-    return moving;
-}
-
-/// Gives an entry's items the new path and files the entry under it, together with items that carry it already.
-void CFileTable::PutBack(MovingEntry moving) {
-    PathEntry& arriving = moving.entry;
-    unsigned int iID = arriving.iLowestID;
-    do {
-        FileItem& item = GetItem(iID);
-        item.sPath = moving.sPathNew;
-        iID = item.iPeer;
-    } while (iID != arriving.iLowestID);
-
-    const auto itKnown = m_mEntryByPath.find(moving.sPathNew);
-    if (itKnown == m_mEntryByPath.end()) {
-        const std::string_view sKey = GetItem(arriving.iLowestID).sPath;
-        PathEntry& entry = m_mEntries.emplace(sKey, std::move(arriving)).first->second;
-        m_mEntryByPath.emplace(sKey, &entry);
-        return;
+    const auto itHits = m_mHitsByLeader.find(GetLeader(m_vCache.front()));
+    itHits->second.erase(itHits->second.begin());
+    if (itHits->second.empty()) {
+        m_mHitsByLeader.erase(itHits);
     }
-    PathEntry& entry = *itKnown->second;
-    JoinRings(entry.iLowestID, arriving.iLowestID);
-    entry.iLowestID = std::min(entry.iLowestID, arriving.iLowestID);
-    std::vector<RecentHit> vHits;
-    std::ranges::merge(entry.vRecentHits, arriving.vRecentHits, std::back_inserter(vHits), {}, &RecentHit::iAge,
-                       &RecentHit::iAge);
-    entry.vRecentHits = std::move(vHits);
-}
-
-/// Makes one ring of the rings of two items.
-void CFileTable::JoinRings(unsigned int iID, unsigned int iOtherID) {
-    std::swap(GetItem(iID).iPeer, GetItem(iOtherID).iPeer);
+    m_vCache.pop_front();
 }

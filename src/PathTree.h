@@ -1,0 +1,92 @@
+// CPathTree: paths kept as a tree of their components.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "ChunkedArray.h"
+#include "HashIndex.h"
+
+/// A tree of places, one for each component of a path, under which an owner files a number, the tenant of the place. A
+/// component is what stands between slashes, be it empty: every text is a path of its own, "/a", "/a/" and "a" too. Not
+/// one byte of a folder's path is repeated for what lies below, and moving a folder touches nothing below.
+///
+/// A place has a number that stays while it is in use. Between calls each place but the top has a tenant, or places
+/// below: what has neither is gone, and its number is given to a new one. (A place that FindOrAdd made has until the
+/// next call to be let.)
+///
+/// Paths must not hold NUL bytes. Not thread-safe.
+class CPathTree {
+public:
+    using Place = std::uint32_t;
+    using Tenant = std::uint32_t;
+    static constexpr Place kNowhere = UINT32_MAX;
+    static constexpr Tenant kNobody = UINT32_MAX;
+
+    /// A tenant whose place was given up for another one, which may have a tenant of its own.
+    struct Resettled {
+        Tenant iTenant;
+        Place iPlace;
+    };
+
+    CPathTree() { Clear(); }
+
+    /// kNowhere for a path that is not in the tree.
+    Place Find(std::string_view sPath) const;
+    Place FindOrAdd(std::string_view sPath);
+    /// kNobody for kNowhere, and for a place that is there for those below it.
+    Tenant GetTenant(Place iPlace) const { return iPlace == kNowhere ? kNobody : m_vNodes[iPlace].iTenant; }
+    void SetTenant(Place iPlace, Tenant iTenant) { m_vNodes[iPlace].iTenant = iTenant; }
+    /// Takes a path's tenant out; kNobody if it has none.
+    Tenant TakeTenant(std::string_view sPath);
+
+    std::string GetPath(Place iPlace) const;
+    /// Writes the path with its terminator. False, and nothing is written, if that does not fit.
+    bool CopyPath(Place iPlace, char* pcPath, std::size_t nSize) const;
+
+    /// Moves all that lies below a folder, which itself stays, to below another path. A slash at the end of either does
+    /// not count; below an empty path lies nothing, and what comes there loses the slash in front.
+    ///
+    /// Where nothing lies there yet the time does not depend on how much is moved. Else two trees become one, which
+    /// takes time for each place of the one with fewer; tenants whose places are given up for that are returned, for
+    /// the caller to settle them.
+    std::vector<Resettled> MoveBelow(std::string_view sOld, std::string_view sNew);
+    void Clear();
+
+private:
+    /// One place. Unused ones are chained by iNextSibling.
+    struct Node {
+        std::unique_ptr<char[]> pcName;
+        Place iParent = kNowhere;
+        Place iFirstChild = kNowhere;
+        Place iNextSibling = kNowhere;
+        Place iPreviousSibling = kNowhere;
+        std::uint32_t nChildren = 0;
+        Tenant iTenant = kNobody;
+    };
+    /// Two places for one path: one that is not in the tree, and is given up, and one that is and is kept.
+    using Pair = std::pair<Place, Place>;
+
+    static constexpr Place kTop = 0;  ///< above the first components
+
+    static std::uint32_t HashOf(Place iParent, std::string_view sName);
+    Place FindChild(Place iParent, std::string_view sName) const;
+    Place AddChild(Place iParent, std::string_view sName);
+    Place TakeUnused();
+    void GiveBack(Place iPlace);
+    void GiveBackUnlessUsed(Place iPlace);
+    void Hang(Place iPlace, Place iParent, std::unique_ptr<char[]> pcName);
+    void TakeOff(Place iPlace);
+    Place TakeOffBelow(Place iFolder);
+    Pair ChooseOne(Place iMoving, Place iStanding);
+    std::vector<Resettled> Unite(Pair pair);
+
+    CChunkedArray<Node> m_vNodes;
+    CHashIndex m_Index;  ///< the places in the tree by parent and name
+    Place m_iFirstUnused = kNowhere;
+};

@@ -1,0 +1,190 @@
+// Paths kept as a tree.
+#include "PathTree.h"
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using Place = CPathTree::Place;
+using Tenant = CPathTree::Tenant;
+
+constexpr Place kNowhere = CPathTree::kNowhere;
+constexpr Tenant kNobody = CPathTree::kNobody;
+
+void Let(CPathTree& tree, const std::string& sPath, Tenant iTenant) {
+    tree.SetTenant(tree.FindOrAdd(sPath), iTenant);
+}
+
+/// The tenant of a path, kNobody for none.
+Tenant At(const CPathTree& tree, const std::string& sPath) {
+    return tree.GetTenant(tree.Find(sPath));
+}
+
+/// Moves, and lets the tenants that have to settle have their new places, which are to be free.
+void MoveToFreePlaces(CPathTree& tree, const std::string& sOld, const std::string& sNew) {
+    for (const CPathTree::Resettled& resettled : tree.MoveBelow(sOld, sNew)) {
+        ASSERT_EQ(tree.GetTenant(resettled.iPlace), kNobody);
+        tree.SetTenant(resettled.iPlace, resettled.iTenant);
+    }
+}
+
+TEST(PathTreeTest, TextsThatDifferHavePlacesThatDiffer) {
+    CPathTree tree;
+    const std::vector<std::string> vPaths{"", "/", "//", "a", "/a", "/a/", "/a//b", "/a/b", "a/b", "/a/b/c", "/A"};
+    std::vector<Place> vPlaces;
+    for (const std::string& sPath : vPaths) {
+        vPlaces.push_back(tree.FindOrAdd(sPath));
+        tree.SetTenant(vPlaces.back(), 1);
+    }
+    for (std::size_t i = 0; i < vPaths.size(); ++i) {
+        EXPECT_EQ(tree.Find(vPaths[i]), vPlaces[i]) << vPaths[i];
+        EXPECT_EQ(tree.FindOrAdd(vPaths[i]), vPlaces[i]) << vPaths[i];
+        EXPECT_EQ(tree.GetPath(vPlaces[i]), vPaths[i]);
+        EXPECT_EQ(std::ranges::count(vPlaces, vPlaces[i]), 1) << vPaths[i];
+    }
+    EXPECT_EQ(tree.Find("/b"), kNowhere);
+    EXPECT_EQ(tree.Find("/a/b/c/d"), kNowhere);
+}
+
+TEST(PathTreeTest, FolderOfAKnownPathHasNoTenant) {
+    CPathTree tree;
+    Let(tree, "/a/b", 1);
+    EXPECT_NE(tree.Find("/a"), kNowhere);
+    EXPECT_EQ(At(tree, "/a"), kNobody);
+    EXPECT_EQ(tree.GetTenant(kNowhere), kNobody);
+}
+
+TEST(PathTreeTest, PathIsCopiedOnlyWhereItFitsWithItsTerminator) {
+    CPathTree tree;
+    for (const std::string sPath : {"/abc/d", "", "/", "abc", "/abc/d/"}) {
+        const Place iPlace = tree.FindOrAdd(sPath);
+        tree.SetTenant(iPlace, 1);
+        std::string sBuffer(16, '#');
+        EXPECT_FALSE(tree.CopyPath(iPlace, sBuffer.data(), sPath.size()));
+        EXPECT_EQ(sBuffer, std::string(16, '#')) << sPath;
+        EXPECT_TRUE(tree.CopyPath(iPlace, sBuffer.data(), sPath.size() + 1));
+        EXPECT_EQ(sBuffer.substr(0, sPath.size() + 2), sPath + '\0' + '#');
+    }
+}
+
+TEST(PathTreeTest, LongComponentsAndDeepPathsAreKept) {
+    CPathTree tree;
+    std::string sDeep;
+    for (int i = 0; i < 2047; ++i) {
+        sDeep += "/d";
+    }
+    const std::string sLong = "/" + std::string(100000, 'x');
+    Let(tree, sDeep, 1);
+    Let(tree, sLong, 2);
+    EXPECT_EQ(tree.GetPath(tree.Find(sDeep)), sDeep);
+    EXPECT_EQ(tree.GetPath(tree.Find(sLong)), sLong);
+    MoveToFreePlaces(tree, "/d", "/e");
+    EXPECT_EQ(At(tree, "/e" + sDeep.substr(2)), 1U);
+}
+
+TEST(PathTreeTest, PlacesThatNobodyNeedsAreUsedAgain) {
+    CPathTree tree;
+    Let(tree, "/a/b/c", 1);
+    const Place iHighest = std::max({tree.Find("/a"), tree.Find("/a/b"), tree.Find("/a/b/c")});
+    for (int i = 0; i < 1000; ++i) {
+        EXPECT_EQ(tree.TakeTenant("/a/b/c"), 1U);
+        EXPECT_EQ(tree.Find("/a"), kNowhere) << "its folders are gone with it";
+        Let(tree, "/a/b/c", 1);
+        MoveToFreePlaces(tree, "/a", "/m");
+        MoveToFreePlaces(tree, "/m", "/a");
+    }
+    EXPECT_LE(tree.FindOrAdd("/new"), iHighest + 2);
+}
+
+TEST(PathTreeTest, PlaceStaysAsLongAsItHasATenantOrPlacesBelow) {
+    CPathTree tree;
+    Let(tree, "/a", 1);
+    Let(tree, "/a/b", 2);
+    EXPECT_EQ(tree.TakeTenant("/a"), 1U);
+    EXPECT_EQ(tree.TakeTenant("/a"), kNobody);
+    EXPECT_EQ(At(tree, "/a/b"), 2U);
+    EXPECT_EQ(tree.TakeTenant("/a/b"), 2U);
+    EXPECT_EQ(tree.Find("/a"), kNowhere);
+    EXPECT_EQ(tree.TakeTenant("/a/b"), kNobody);
+}
+
+TEST(PathTreeTest, WhatLiesBelowMovesAndTheFolderStays) {
+    CPathTree tree;
+    Let(tree, "/a", 1);
+    Let(tree, "/a/x", 2);
+    Let(tree, "/a/sub/y", 3);
+    Let(tree, "/ab", 4);
+    MoveToFreePlaces(tree, "/a", "/c/d");
+    EXPECT_EQ(At(tree, "/a"), 1U);
+    EXPECT_EQ(tree.Find("/a/x"), kNowhere);
+    EXPECT_EQ(At(tree, "/c/d/x"), 2U);
+    EXPECT_EQ(At(tree, "/c/d/sub/y"), 3U);
+    EXPECT_EQ(At(tree, "/c/d"), kNobody);
+    EXPECT_EQ(At(tree, "/ab"), 4U);
+}
+
+TEST(PathTreeTest, NothingIsMadeWhereNothingMoves) {
+    CPathTree tree;
+    Let(tree, "/a", 1);
+    EXPECT_TRUE(tree.MoveBelow("/a", "/b").empty());
+    EXPECT_TRUE(tree.MoveBelow("/unknown", "/b").empty());
+    EXPECT_TRUE(tree.MoveBelow("", "/b").empty());
+    EXPECT_EQ(tree.Find("/b"), kNowhere);
+    EXPECT_EQ(At(tree, "/a"), 1U);
+}
+
+TEST(PathTreeTest, TreeMovesBelowItself) {
+    CPathTree tree;
+    Let(tree, "/a/x", 1);
+    MoveToFreePlaces(tree, "/a", "/a/x/y");
+    EXPECT_EQ(At(tree, "/a/x/y/x"), 1U);
+    EXPECT_EQ(At(tree, "/a/x"), kNobody);
+    MoveToFreePlaces(tree, "/a/x/y", "/a");
+    EXPECT_EQ(At(tree, "/a/x"), 1U);
+    EXPECT_EQ(tree.Find("/a/x/y"), kNowhere);
+}
+
+// Whichever of the two is kept, the one that was there or the one that came.
+TEST(PathTreeTest, WhereTwoTreesMeetTheirTenantsMeet) {
+    for (const bool bComesWithMore : {false, true}) {
+        CPathTree tree;
+        Let(tree, "/from/both", 1);
+        Let(tree, "/from/mine", 2);
+        Let(tree, "/to/both", 3);
+        Let(tree, "/to/yours", 4);
+        Let(tree, bComesWithMore ? "/from/more" : "/to/more", 5);
+        Let(tree, "/to", 6);
+        const auto vResettled = tree.MoveBelow("/from", "/to");
+        const Place iBoth = tree.Find("/to/both");
+        std::vector<Tenant> vMet{tree.GetTenant(iBoth)};
+        for (const CPathTree::Resettled& resettled : vResettled) {
+            if (resettled.iTenant == 6U) {
+                EXPECT_EQ(resettled.iPlace, tree.Find("/to"));
+            } else {
+                EXPECT_EQ(resettled.iPlace, iBoth);
+                vMet.push_back(resettled.iTenant);
+            }
+        }
+        std::ranges::sort(vMet);
+        EXPECT_EQ(vMet, (std::vector<Tenant>{1, 3}));
+        EXPECT_EQ(At(tree, "/to/mine"), 2U);
+        EXPECT_EQ(At(tree, "/to/yours"), 4U);
+        EXPECT_EQ(At(tree, "/to/more"), 5U);
+        EXPECT_EQ(tree.Find("/from"), kNowhere);
+    }
+}
+
+TEST(PathTreeTest, ClearedTreeIsEmpty) {
+    CPathTree tree;
+    Let(tree, "/a/b", 1);
+    const Place iFirst = tree.Find("/a");
+    tree.Clear();
+    EXPECT_EQ(tree.Find("/a"), kNowhere);
+    EXPECT_EQ(tree.FindOrAdd("/c"), iFirst);
+}
+
+}  // namespace
