@@ -232,25 +232,37 @@ void CDescriptorCache::CloseAllCachedFileHandles(CRuntimeParam* pRuntimeParam, c
         return;
     }
     const std::string sPrefix = GetFolderPrefix(pcPath);
-    const bool bLog = pRuntimeParam->IsLogGeneralInfo();
+    const bool bTold = pRuntimeParam->IsLogGeneralInfo();
+    std::string sClosed;
+    while (CloseNextWithPrefix({this, pRuntimeParam, pLogArgu}, sPrefix, bTold, &sClosed)) {
+    }
+}
+
+/// Walks the entries and closes what begins with a prefix. A walk that tells what it compares ends with the first one
+/// it closes, for the next walk to start over: true then. So no more lines are kept back than there are entries. What
+/// was opened again in front of the one closed last stays: there might be no end.
+bool CDescriptorCache::CloseNextWithPrefix(const LogContext& log, const std::string& sPrefix, bool bTold,
+                                           std::string* psClosed) {
     const CDeferredLog deferred;
     const MutexLock lock(m_hMutexOpenedFileHandles);
     auto itOpened = m_OpenedFiles.begin();
     while (itOpened != m_OpenedFiles.end()) {
         const std::string sEntry = GetFolderPrefix(itOpened->first);
-        if (bLog) {
-            LogInfo(pRuntimeParam, "[CloseAllCachedFileHandles] Path compare: \"%s\" vs \"%s\"", sPrefix.c_str(),
+        if (bTold) {
+            LogInfo(log.pRuntimeParam, "[CloseAllCachedFileHandles] Path compare: \"%s\" vs \"%s\"", sPrefix.c_str(),
                     sEntry.c_str());
         }
-        if (!sEntry.starts_with(sPrefix)) {
+        if (!sEntry.starts_with(sPrefix) || itOpened->first <= *psClosed) {
             ++itOpened;
             continue;
         }
-        itOpened = EraseCachedFile({this, pRuntimeParam, pLogArgu}, itOpened);
-        if (bLog) {
-            itOpened = m_OpenedFiles.begin();  // the walk restarts; without a log nobody can tell
+        *psClosed = itOpened->first;
+        itOpened = EraseCachedFile(log, itOpened);
+        if (bTold) {
+            return true;
         }
     }
+    return false;
 }
 
 void CDescriptorCache::CloseCachedFilesWithin(const LogContext& log, const std::string& sFolder, bool bReadOnlyOnes) {

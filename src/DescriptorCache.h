@@ -70,6 +70,7 @@ private:
     CCachedFile TakeCachedFile(const LogContext& log, const char* pcPath, const FileWish& wish);
     bool IsLookDue(const char* pcPath);
     static bool IsOtherFile(const OpenedFileInfo& info, const FoundStatus& found);
+    bool CloseNextWithPrefix(const LogContext& log, const std::string& sPrefix, bool bTold, std::string* psClosed);
     static void ReportOpenMode(const LogContext& log, const char* pcPath, bool bWrite);
     void ReportNotRegular(const LogContext& log, const char* pcPath, int iError);
 

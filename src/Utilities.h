@@ -19,6 +19,7 @@
 
 #include "DescriptorCache.h"
 #include "Limits.h"
+#include "MountTable.h"
 #include "PathProbe.h"
 #include "RunningCommands.h"
 #include "RuntimeParam.h"
@@ -28,21 +29,6 @@ class CFileTable;
 class CRedirectedFile;
 class CRedirectedRename;
 class CVSphereWebController;
-
-/// One export: a local directory and the name under which clients mount it.
-struct MountInfo {
-    std::string sLocalMountPath;  ///< canonical
-    std::string sExportName;      ///< the key
-    std::string sIcpID;           ///< IPC ID of the party that added the export
-    std::string sRemoteIpAddr;    ///< dotted address of the client that has it mounted; empty while nobody has
-};
-
-/// What the exports say to a client's call on a path.
-enum class MountAccess {
-    kNone,    ///< no export holds the path
-    kServed,  ///< one does, and nobody or this client has it mounted
-    kHeld     ///< another client has it mounted, and this client none that holds the path
-};
 
 /// One session of the host.
 struct SessionInfo {
@@ -335,9 +321,9 @@ private:
     /// Each write to an ordinary file is flushed before it is answered.
     std::atomic<bool> m_bSyncWrites{false};
 
-    /// Exports by name.
+    /// The exports.
     RegistryMutex m_hMutexMountInfos;
-    std::map<std::string, MountInfo, std::less<>> m_MountInfos GUARDED_BY(m_hMutexMountInfos);
+    CMountTable m_MountInfos GUARDED_BY(m_hMutexMountInfos);
 
     /// Paths and their file IDs.
     RegistryMutex m_hMutexFileTable;

@@ -5,54 +5,15 @@
 #include "Utilities.h"
 
 #include <algorithm>
+#include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "DeferredLog.h"
 #include "Paths.h"
 #include "Reason.h"
 #include "Texts.h"
-
-namespace {
-
-/// Copies what a client's call is to know of an export that serves it, or that another client holds.
-void CopyForCall(const MountInfo& mount, bool bHeld, MountInfo* pMountInfo) {
-    pMountInfo->sExportName = mount.sExportName;
-    if (bHeld) {
-        pMountInfo->sRemoteIpAddr = mount.sRemoteIpAddr;
-    } else {
-        pMountInfo->sIcpID = mount.sIcpID;
-    }
-}
-
-/// Judges a path that an export holds, the first one in name order: of all that hold it, the client's own serves it,
-/// and where there is none, one that another client has mounted keeps it from the call.
-template <class Mounts>
-MountAccess JudgeAccess(const Mounts& mounts, typename Mounts::const_iterator itFirst, std::string_view sPath,
-                        const char* pcClientAddr, MountInfo* pMountInfo) {
-    const MountInfo* pHeld = nullptr;
-    for (auto it = itFirst; pcClientAddr != nullptr && it != mounts.end(); ++it) {
-        const MountInfo& mount = it->second;
-        if (mount.sRemoteIpAddr.empty() || (it != itFirst && !IsAtOrBelow(sPath, mount.sLocalMountPath))) {
-            continue;
-        }
-        if (mount.sRemoteIpAddr == pcClientAddr) {
-            pHeld = nullptr;
-            break;
-        }
-        if (pHeld == nullptr) {
-            pHeld = &mount;
-        }
-    }
-    if (pMountInfo != nullptr && pcClientAddr == nullptr) {
-        *pMountInfo = itFirst->second;
-    } else if (pMountInfo != nullptr) {
-        CopyForCall(pHeld == nullptr ? itFirst->second : *pHeld, pHeld != nullptr, pMountInfo);
-    }
-    return pHeld != nullptr ? MountAccess::kHeld : MountAccess::kServed;
-}
-
-}  // namespace
 
 bool CUtilities::AddMountInfo(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcLocalMountPath,
                               const char* pcExportName, const char* pcIpcID, char* pcStatus) {
@@ -79,8 +40,7 @@ bool CUtilities::InsertMountInfo(const LogContext& log, MountInfo mountInfo, cha
         WriteReason(pcStatus, "Invalid char \"%c\" inside export name", sExportName[iInvalid]);
         return false;
     }
-    const std::string sKey = sExportName;
-    m_MountInfos.insert_or_assign(sKey, std::move(mountInfo));
+    m_MountInfos.Add(std::move(mountInfo));
     return true;
 }
 
@@ -93,7 +53,7 @@ bool CUtilities::IsMountInfoExists(CRuntimeParam* pRuntimeParam, const LogArgu* 
 
 bool CUtilities::FindMountInfoClash(const LogContext& log, const char* pcLocalMountPath, const char* pcExportName,
                                     char* pcStatus) {
-    if (pcExportName != nullptr && m_MountInfos.contains(pcExportName)) {
+    if (pcExportName != nullptr && m_MountInfos.FindByName(pcExportName) != nullptr) {
         WriteReason(pcStatus, "Export name \"%s\" already defined", pcExportName);
         return true;
     }
@@ -101,8 +61,7 @@ bool CUtilities::FindMountInfoClash(const LogContext& log, const char* pcLocalMo
         return false;
     }
     const std::string sCanonical = GetCanonicalText(log, pcLocalMountPath);
-    if (std::ranges::none_of(m_MountInfos,
-                             [&sCanonical](const auto& mount) { return mount.second.sLocalMountPath == sCanonical; })) {
+    if (m_MountInfos.FindByPath(sCanonical) == nullptr) {
         return false;
     }
     WriteReason(pcStatus, "Local mount path \"%s\" already defined", sCanonical.c_str());
@@ -114,13 +73,12 @@ void CUtilities::RemoveMountInfoByLocalMountPath(CRuntimeParam* pRuntimeParam, c
     const std::string sCanonical = GetCanonicalText({this, pRuntimeParam, pLogArgu}, pcLocalMountPath);
     {
         const MutexLock lock(m_hMutexMountInfos);
-        const auto itMount = std::ranges::find_if(
-            m_MountInfos, [&sCanonical](const auto& mount) { return mount.second.sLocalMountPath == sCanonical; });
-        if (itMount == m_MountInfos.end()) {
+        const MountInfo* pMount = m_MountInfos.FindByPath(sCanonical);
+        if (pMount == nullptr) {
             ResetFileTableWithoutExports();
             return;
         }
-        m_MountInfos.erase(itMount);
+        m_MountInfos.Remove(*pMount);
         ResetFileTableWithoutExports();
     }
     CloseCachedFilesWithin({this, pRuntimeParam, pLogArgu}, sCanonical, false);
@@ -130,13 +88,13 @@ void CUtilities::RemoveMountInfoByExportName(const char* pcExportName) {
     std::string sLocalMountPath;
     {
         const MutexLock lock(m_hMutexMountInfos);
-        const auto itMount = m_MountInfos.find(OrEmpty(pcExportName));
-        if (itMount == m_MountInfos.end()) {
+        const MountInfo* pMount = m_MountInfos.FindByName(OrEmpty(pcExportName));
+        if (pMount == nullptr) {
             ResetFileTableWithoutExports();
             return;
         }
-        sLocalMountPath = itMount->second.sLocalMountPath;
-        m_MountInfos.erase(itMount);
+        sLocalMountPath = pMount->sLocalMountPath;
+        m_MountInfos.Remove(*pMount);
         ResetFileTableWithoutExports();
     }
     CSilentParam silent;
@@ -151,10 +109,10 @@ void CUtilities::RemoveAllMountInfo() {
 }
 
 void CUtilities::RemoveAllMountInfo(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu) {
-    decltype(m_MountInfos) mountInfos;
+    CMountTable::Mounts mountInfos;
     {
         const MutexLock lock(m_hMutexMountInfos);
-        mountInfos.swap(m_MountInfos);
+        mountInfos = m_MountInfos.TakeAll();
         ResetFileTableWithoutExports();
     }
     for (const auto& [sName, mount] : mountInfos) {
@@ -164,7 +122,7 @@ void CUtilities::RemoveAllMountInfo(CRuntimeParam* pRuntimeParam, const LogArgu*
 
 /// With the last export go the handles that clients hold.
 void CUtilities::ResetFileTableWithoutExports() {
-    if (m_MountInfos.empty()) {
+    if (m_MountInfos.GetAll().empty()) {
         ResetFileTable();
     }
 }
@@ -173,12 +131,12 @@ bool CUtilities::UpdateMountClientIpAddrByExportName(const char* pcExportName, c
                                                      MountInfo* pMountInfo, char* pcStatus) {
     const char* pcName = OrEmpty(pcExportName);
     const MutexLock lock(m_hMutexMountInfos);
-    const auto itMount = m_MountInfos.find(pcName);
-    if (itMount == m_MountInfos.end()) {
+    MountInfo* pMount = m_MountInfos.FindByName(pcName);
+    if (pMount == nullptr) {
         WriteReason(pcStatus, "Undefined export name \"%s\"", pcName);
         return false;
     }
-    MountInfo& mount = itMount->second;
+    MountInfo& mount = *pMount;
     // Emptiness counts, not another address: the holder itself is refused a second time as well.
     if (pcClientAddr != nullptr && !mount.sRemoteIpAddr.empty()) {
         WriteReason(pcStatus, "This mount point \"%s\" already mounted by %s", mount.sExportName.c_str(),
@@ -214,23 +172,26 @@ MountAccess CUtilities::GetMountAccess(CRuntimeParam* pRuntimeParam, const LogAr
         return MountAccess::kNone;
     }
     const MutexLock lock(m_hMutexMountInfos);
-    const auto itMount = std::ranges::find_if(
-        m_MountInfos, [sPath](const auto& mount) { return IsAtOrBelow(sPath, mount.second.sLocalMountPath); });
-    return itMount == m_MountInfos.end() ? MountAccess::kNone
-                                         : JudgeAccess(m_MountInfos, itMount, sPath, pcClientAddr, pMountInfo);
+    return m_MountInfos.Judge(sPath, pcClientAddr, pMountInfo);
 }
 
-/// The search that says what it compares. It walks a copy, so that its lines go out without the lock.
+/// The search that says what it compares: each export in name order up to the first that holds the path. What it says
+/// is made from a copy, so that the lines go out without the lock.
 MountAccess CUtilities::ScanMountInfos(const LogContext& log, std::string_view sPath, bool bReachable,
                                        const char* pcClientAddr, MountInfo* pMountInfo) {
-    decltype(m_MountInfos) mountInfos;
+    MountAccess access = MountAccess::kNone;
+    std::vector<std::string> vLocalPaths;
     {
         const MutexLock lock(m_hMutexMountInfos);
-        mountInfos = m_MountInfos;
+        if (bReachable) {
+            access = m_MountInfos.Judge(sPath, pcClientAddr, pMountInfo);
+        }
+        for (const auto& [sName, mount] : m_MountInfos.GetAll()) {
+            vLocalPaths.push_back(mount.sLocalMountPath);
+        }
     }
     const std::string sCompared = sPath.size() + 1 < kPathBufferSize ? GetFolderPrefix(sPath) : "";
-    for (auto it = mountInfos.cbegin(); it != mountInfos.cend(); ++it) {
-        const std::string& sLocal = it->second.sLocalMountPath;
+    for (const std::string& sLocal : vLocalPaths) {
         NFS_LOG_INFO(log, kLogGeneralInfo, "[%s] Path scan: \"%s\" vs \"%s\"", sCompared.c_str(), sLocal.c_str());
         if (sCompared.starts_with(sLocal)) {
             NFS_LOG_INFO(log, kLogGeneralInfo, "[%s] Path compare: \"%s\" vs \"%s\"", sCompared.c_str(),
@@ -238,16 +199,16 @@ MountAccess CUtilities::ScanMountInfos(const LogContext& log, std::string_view s
         }
         if (bReachable && IsAtOrBelow(sPath, sLocal)) {
             NFS_LOG_INFO(log, kLogGeneralInfo, "[%s] Path match");
-            return JudgeAccess(mountInfos, it, sPath, pcClientAddr, pMountInfo);
+            break;
         }
     }
-    return MountAccess::kNone;
+    return access;
 }
 
 bool CUtilities::HoldsMountPoint(const char* pcCanonicalPath) {
     const std::string_view sPath = WithoutTrailingSlashes(OrEmpty(pcCanonicalPath));
     const MutexLock lock(m_hMutexMountInfos);
-    return std::ranges::any_of(m_MountInfos, [sPath](const auto& mount) {
+    return std::ranges::any_of(m_MountInfos.GetAll(), [sPath](const auto& mount) {
         const std::string_view sLocal = mount.second.sLocalMountPath;
         return sLocal == sPath || IsAtOrBelow(sLocal, sPath);
     });
@@ -256,16 +217,16 @@ bool CUtilities::HoldsMountPoint(const char* pcCanonicalPath) {
 bool CUtilities::IsRemoteAddrExists(const char* pcClientAddr) {
     const std::string_view sClientAddr = OrEmpty(pcClientAddr);
     const MutexLock lock(m_hMutexMountInfos);
-    return std::ranges::any_of(m_MountInfos,
+    return std::ranges::any_of(m_MountInfos.GetAll(),
                                [sClientAddr](const auto& mount) { return mount.second.sRemoteIpAddr == sClientAddr; });
 }
 
 int CUtilities::GetMountInfo(CRuntimeParam* pRuntimeParam, bool bClientMountedOnly, bool bPrintDetails) {
     // Printed from a copy: the lines may go to a client that takes its time, or to a host that asks back.
-    decltype(m_MountInfos) mountInfos;
+    CMountTable::Mounts mountInfos;
     {
         const MutexLock lock(m_hMutexMountInfos);
-        mountInfos = m_MountInfos;
+        mountInfos = m_MountInfos.GetAll();
     }
     int nMounts = 0;
     for (const auto& [sName, mount] : mountInfos) {

@@ -1,9 +1,12 @@
 // The cache of open descriptors.
 #include <algorithm>
 #include <atomic>
+#include <cstddef>
 #include <ctime>
+#include <map>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <fcntl.h>
@@ -388,6 +391,72 @@ TEST_F(DescriptorCacheTest, ClosingBelowAPathEndsAtTheComponent) {
                          }));
     Get(sBeside);
     EXPECT_EQ(TakeLog(), Lines()) << "still cached";
+}
+
+/// Counts the lines by how many of some files are open when they come.
+class PortionCounter : public CaptureUtilities {
+public:
+    explicit PortionCounter(LogCapture* pCapture) : CaptureUtilities(pCapture) {}
+
+    using CaptureUtilities::LogInfo;
+    void LogInfo(CRuntimeParam* /*pRuntimeParam*/, const char* /*pcMessage*/) override {
+        ++m_mLinesByOpen[std::ranges::count_if(m_vFiles, IsOpenDescriptor)];
+    }
+
+    std::vector<int> m_vFiles;
+    std::map<std::ptrdiff_t, int> m_mLinesByOpen;
+};
+
+// There is a walk for each file that is closed, each of which tells about all entries in front of it.
+TEST_F(DescriptorCacheTest, LinesAboutClosingBelowAPathComeAWalkAtATime) {
+    constexpr int kFiles = 40;
+    m_Param.SetLogControl(0);
+    PortionCounter utilities(&m_Log);
+    ASSERT_EQ(::mkdir((m_Folder / "a").c_str(), 0755), 0);
+    ASSERT_EQ(::mkdir((m_Folder / "b").c_str(), 0755), 0);
+    for (int i = 0; i < kFiles; ++i) {
+        const std::string sBefore = MakeFile("a/" + std::to_string(i), "");
+        const std::string sInside = MakeFile("b/" + std::to_string(i), "");
+        ASSERT_TRUE(utilities.GetCachedFileHandle(&m_Param, &m_Tag, sBefore.c_str(), false).IsOpen());
+        utilities.m_vFiles.push_back(utilities.GetCachedFileHandle(&m_Param, &m_Tag, sInside.c_str(), false).Get());
+    }
+    m_Param.SetLogControl(CRuntimeParam::kLogGeneralInfo | CRuntimeParam::kLogFileAccess);
+    utilities.CloseAllCachedFileHandles(&m_Param, &m_Tag, (m_Folder / "b").c_str());
+    EXPECT_TRUE(std::ranges::none_of(utilities.m_vFiles, IsOpenDescriptor));
+    for (std::ptrdiff_t nOpen = 1; nOpen < kFiles; ++nOpen) {
+        EXPECT_EQ(utilities.m_mLinesByOpen[nOpen], kFiles + 2) << "one walk and the line about closing";
+    }
+    EXPECT_EQ(utilities.m_mLinesByOpen[0], kFiles + 2 + kFiles) << "and the walk that found no more";
+}
+
+// Each time a line comes, somebody opens what was closed.
+TEST_F(DescriptorCacheTest, ClosingBelowAPathEndsAlthoughOthersOpenAgain) {
+    class Reopener : public CaptureUtilities {
+    public:
+        Reopener(LogCapture* pCapture, std::string sFile) : CaptureUtilities(pCapture), m_sFile(std::move(sFile)) {}
+
+        using CaptureUtilities::LogInfo;
+        void LogInfo(CRuntimeParam* pRuntimeParam, const char* pcMessage) override {
+            CaptureUtilities::LogInfo(pRuntimeParam, pcMessage);
+            CRuntimeParam silent("silent", 0);
+            const LogArgu tag{"Reopener"};
+            EXPECT_TRUE(GetCachedFileHandle(&silent, &tag, m_sFile.c_str(), false).IsOpen());
+        }
+
+    private:
+        std::string m_sFile;
+    };
+    const std::string sFirst = MakeFile("0", "");
+    const std::string sSecond = MakeFile("1", "");
+    Reopener utilities(&m_Log, sFirst);
+    m_Param.SetLogControl(0);
+    const CCachedFile first = utilities.GetCachedFileHandle(&m_Param, &m_Tag, sFirst.c_str(), false);
+    const int iSecond = utilities.GetCachedFileHandle(&m_Param, &m_Tag, sSecond.c_str(), false).Get();
+    m_Param.SetLogControl(CRuntimeParam::kLogGeneralInfo);
+    utilities.CloseAllCachedFileHandles(&m_Param, &m_Tag, m_Folder.Path().c_str());
+    EXPECT_FALSE(IsOpenDescriptor(iSecond)) << "what was open before is closed";
+    const CCachedFile again = utilities.GetCachedFileHandle(&m_Param, &m_Tag, sFirst.c_str(), false);
+    EXPECT_NE(again.Get(), first.Get()) << "opened anew";
 }
 
 TEST_F(DescriptorCacheTest, ClosingBelowAPathNeedsNoLog) {

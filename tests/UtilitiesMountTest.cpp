@@ -1,5 +1,7 @@
 // The registry of exports.
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <string>
 #include <thread>
 #include <vector>
@@ -384,6 +386,30 @@ TEST_F(UtilitiesMountTest, SearchThatIsLoggedFindsTheSameClient) {
                   "[" + std::string(m_Tag.pcName) + "] Path compare: \"" + sInner + "/\" vs \"" + sOuter + "/\"",
                   "[" + std::string(m_Tag.pcName) + "] Path match"}))
         << "the search ends with the first export that holds the path";
+}
+
+// A walk through all exports would take a thousand times as long for the last one.
+TEST_F(UtilitiesMountTest, LastOfManyExportsIsFoundAsFastAsTheFirst) {
+    constexpr int kExports = 2000;
+    const auto nameOf = [](int i) { return "e" + std::to_string(10000 + i); };
+    for (int i = 0; i < kExports; ++i) {
+        ASSERT_TRUE(Add("/missing/exports/" + nameOf(i), nameOf(i)));
+    }
+    const auto time = [&](int i) {
+        const std::string sPath = "/missing/exports/" + nameOf(i) + "/folder/file";
+        double fBest = 1e9;
+        for (int iRound = 0; iRound < 5; ++iRound) {
+            const auto start = std::chrono::steady_clock::now();
+            for (int iLookup = 0; iLookup < 500; ++iLookup) {
+                EXPECT_EQ(Access(sPath, "10.0.0.5"), nameOf(i));
+            }
+            fBest = std::min(fBest, std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
+        }
+        return fBest;
+    };
+    const double fFirst = time(0);
+    const double fLast = time(kExports - 1);
+    EXPECT_LT(fLast, fFirst * 4) << "first " << fFirst << " s, last " << fLast << " s";
 }
 
 TEST_F(UtilitiesMountTest, FoldersOnTheWayToAnExportAreKnown) {
