@@ -20,7 +20,9 @@ public:
     const T& operator[](std::size_t i) const { return m_vvChunks[i / kChunkSize][i % kChunkSize]; }
     void push_back(T element) {
         if (empty() || LastSize() == kChunkSize) {
-            m_vvChunks.emplace_back().reserve(kChunkSize);
+            std::vector<T> vChunk;
+            vChunk.reserve(kChunkSize);
+            m_vvChunks.push_back(std::move(vChunk));
         }
         m_vvChunks.back().push_back(std::move(element));
     }

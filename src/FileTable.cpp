@@ -56,9 +56,11 @@ bool CFileTable::UpdateItemPath(const char* pcPathOld, const char* pcPathNew) {
     }
     // What carries the path itself is taken out before anything is moved: the new path may be one below the old one.
     const CPathTree::Tenant iLeader = m_Tree.TakeTenant(pcPathOld);
-    for (const CPathTree::Resettled& resettled : m_Tree.MoveBelow(pcPathOld, pcPathNew)) {
-        Settle(resettled.iTenant, resettled.iPlace);
+    if (bFound) {
+        m_vvTable[iLeader] = kLeadsNowhere;
     }
+    m_Tree.MoveBelow(pcPathOld, pcPathNew,
+                     [this](CPathTree::Tenant iTenant, CPathTree::Place iPlace) { Settle(iTenant, iPlace); });
     if (bFound) {
         Settle(iLeader, m_Tree.FindOrAdd(pcPathNew));
     }
@@ -76,7 +78,7 @@ void CFileTable::Clear() {
 
 unsigned int CFileTable::Add(const char* pcPath) {
     const auto iID = static_cast<unsigned int>(m_vvTable.size());
-    m_vvTable.push_back(kLeads);
+    m_vvTable.push_back(kLeadsNowhere);
     Settle(iID, m_Tree.FindOrAdd(pcPath));
     return iID;
 }
@@ -118,20 +120,29 @@ void CFileTable::Settle(unsigned int iLeader, CPathTree::Place iPlace) {
 }
 
 void CFileTable::Follow(unsigned int iFollower, unsigned int iLeader) {
-    m_vvTable[iFollower] = iLeader;
-    auto found = m_mHitsByLeader.extract(iFollower);
-    if (found.empty()) {
-        return;
+    const auto itFollower = m_mHitsByLeader.find(iFollower);
+    const auto itLeader = m_mHitsByLeader.find(iLeader);
+    if (itFollower != m_mHitsByLeader.end() && itLeader != m_mHitsByLeader.end()) {
+        JoinHits(itLeader->second, itFollower->second);
+        m_mHitsByLeader.erase(itFollower);
+    } else if (itFollower != m_mHitsByLeader.end()) {
+        auto hits = m_mHitsByLeader.extract(itFollower);
+        hits.key() = iLeader;
+        m_mHitsByLeader.insert(std::move(hits));
     }
-    RecentHits& vHits = m_mHitsByLeader[iLeader];
-    const bool bYounger = vHits.empty() || vHits.back().iAge < found.mapped().front().iAge;
-    const auto itJoined = vHits.insert(vHits.end(), found.mapped().begin(), found.mapped().end());
+    m_vvTable[iFollower] = iLeader;
+}
+
+// ---- Recent hits
+
+/// Those that join are mostly the younger ones.
+void CFileTable::JoinHits(RecentHits& vHits, const RecentHits& vJoining) {
+    const bool bYounger = vHits.back().iAge < vJoining.front().iAge;
+    const auto itJoined = vHits.insert(vHits.end(), vJoining.begin(), vJoining.end());
     if (!bYounger) {
         std::ranges::inplace_merge(vHits, itJoined, {}, &RecentHit::iAge);
     }
 }
-
-// ---- Recent hits
 
 /// Appends a leader to the recent hits. None of the items that carry its path is among them.
 void CFileTable::RememberHit(unsigned int iLeader) {
@@ -140,8 +151,8 @@ void CFileTable::RememberHit(unsigned int iLeader) {
             ForgetOldestHit();
         }
     }
+    m_mHitsByLeader.emplace(iLeader, RecentHits{{m_iNextAge++, iLeader}});
     m_vCache.push_back(iLeader);
-    m_mHitsByLeader[iLeader].push_back({m_iNextAge++, iLeader});
 }
 
 /// The oldest hit of all is the oldest of its path, too.

@@ -79,10 +79,13 @@ private:
     unsigned int GetLeader(unsigned int iID);
     void Settle(unsigned int iLeader, CPathTree::Place iPlace);
     void Follow(unsigned int iFollower, unsigned int iLeader);
+    static void JoinHits(RecentHits& vHits, const RecentHits& vJoining);
     void RememberHit(unsigned int iLeader);
     void ForgetOldestHit();
 
     static constexpr std::uint32_t kLeads = 0x80000000U;
+    /// A leader without path: until it has one, or for good if memory ran out before.
+    static constexpr std::uint32_t kLeadsNowhere = kLeads | CPathTree::kTop;
 
     CPathTree m_Tree;
     CChunkedArray<std::uint32_t> m_vvTable;  ///< by ID: a leader's place and kLeads, or an item of lower ID

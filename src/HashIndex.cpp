@@ -2,12 +2,19 @@
 #include "HashIndex.h"
 
 #include <algorithm>
+#include <new>
 #include <utility>
 
 void CHashIndex::Add(std::uint32_t iHash, std::uint32_t iNumber) {
     Part& part = PartOf(iHash);
     if ((part.nUsed + 1) * 4 > part.vSlots.size() * 3) {
-        part.Grow();
+        try {
+            part.Grow();
+        } catch (const std::bad_alloc&) {
+            if (part.nUsed + 1 >= part.vSlots.size()) {
+                throw;
+            }
+        }
     }
     part.Put({iHash, iNumber});
     ++part.nUsed;
@@ -40,8 +47,8 @@ void CHashIndex::Part::Put(Slot slot) {
 
 void CHashIndex::Part::Grow() {
     constexpr std::size_t kFirstSize = 4;
-    const std::vector<Slot> vOld =
-        std::exchange(vSlots, std::vector<Slot>(std::max(kFirstSize, vSlots.size() * 2), Slot{0, kNone}));
+    std::vector<Slot> vOld(std::max(kFirstSize, vSlots.size() * 2), Slot{0, kNone});
+    vSlots.swap(vOld);
     for (const Slot& slot : vOld) {
         if (slot.iNumber != kNone) {
             Put(slot);

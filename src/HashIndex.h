@@ -31,7 +31,7 @@ public:
         }
         return part.vSlots[iSlot].iNumber;
     }
-    /// For a number that is not there, and not kNone.
+    /// For a number that is not there, and not kNone. A part that cannot grow for lack of memory is filled up first.
     void Add(std::uint32_t iHash, std::uint32_t iNumber);
     /// For a number that is there under that hash.
     void Remove(std::uint32_t iHash, std::uint32_t iNumber);
@@ -42,8 +42,8 @@ private:
         std::uint32_t iHash;
         std::uint32_t iNumber;  ///< kNone: free
     };
-    /// Slots in a power of two, at most three quarters of them in use. A number stands in the first slot from its
-    /// hash's home on that was free, and each one between is in use.
+    /// Slots in a power of two, three quarters of them in use before there are more, and never all. A number stands in
+    /// the first slot from its hash's home on that was free, and each one between is in use.
     struct Part {
         std::vector<Slot> vSlots;
         std::size_t nUsed = 0;

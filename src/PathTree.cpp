@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstring>
 #include <functional>
+#include <vector>
 
 // ---- Paths
 
@@ -45,9 +46,12 @@ CPathTree::Tenant CPathTree::TakeTenant(std::string_view sPath) {
 }
 
 std::string CPathTree::GetPath(Place iPlace) const {
-    std::string sPath = m_vNodes[iPlace].pcName.get();
-    while ((iPlace = m_vNodes[iPlace].iParent) != kTop) {
-        sPath.insert(0, "/").insert(0, m_vNodes[iPlace].pcName.get());
+    std::string sPath;
+    for (const char* pcBehind = ""; iPlace != kTop; iPlace = m_vNodes[iPlace].iParent, pcBehind = "/") {
+        if (!IsNamed(iPlace)) {
+            return {};
+        }
+        sPath.insert(0, pcBehind).insert(0, m_vNodes[iPlace].pcName.get());
     }
     return sPath;
 }
@@ -55,9 +59,12 @@ std::string CPathTree::GetPath(Place iPlace) const {
 bool CPathTree::CopyPath(Place iPlace, char* pcPath, std::size_t nSize) const {
     std::size_t nNeeded = 0;
     for (Place i = iPlace; i != kTop; i = m_vNodes[i].iParent) {
+        if (!IsNamed(i)) {
+            return false;
+        }
         nNeeded += std::strlen(m_vNodes[i].pcName.get()) + 1;
     }
-    if (nNeeded > nSize) {
+    if (nNeeded == 0 || nNeeded > nSize) {
         return false;
     }
     // From the end to the beginning; each component ends in what stands behind it.
@@ -81,16 +88,16 @@ void CPathTree::Clear() {
 
 // ---- Moving
 
-std::vector<CPathTree::Resettled> CPathTree::MoveBelow(std::string_view sOld, std::string_view sNew) {
+void CPathTree::MoveBelow(std::string_view sOld, std::string_view sNew, const Settle& settle) {
     const auto withoutSlash = [](std::string_view sPath) {
         return sPath.substr(0, sPath.size() - (sPath.ends_with('/') ? 1 : 0));
     };
     const Place iFolder = sOld.empty() ? kNowhere : Find(withoutSlash(sOld));
     if (iFolder == kNowhere || m_vNodes[iFolder].nChildren == 0) {
-        return {};
+        return;
     }
     const Place iMoving = TakeOffBelow(iFolder);
-    return Unite(sNew.empty() ? Pair{iMoving, kTop} : ChooseOne(iMoving, FindOrAdd(withoutSlash(sNew))));
+    Unite(sNew.empty() ? Pair{iMoving, kTop} : ChooseOne(iMoving, FindOrAdd(withoutSlash(sNew))), settle);
 }
 
 /// Takes all that lies below a folder out of the tree, as what lies below the place that is returned: the folder's own,
@@ -116,22 +123,21 @@ CPathTree::Pair CPathTree::ChooseOne(Place iMoving, Place iStanding) {
     if (m_vNodes[iMoving].nChildren <= m_vNodes[iStanding].nChildren) {
         return {iMoving, iStanding};
     }
+    const Place iParent = m_vNodes[iStanding].iParent;
     TakeOff(iStanding);
-    Hang(iMoving, m_vNodes[iStanding].iParent, std::move(m_vNodes[iStanding].pcName));
+    Hang(iMoving, iParent, std::move(m_vNodes[iStanding].pcName));
     return {iStanding, iMoving};
 }
 
-/// Hangs what is below one place below another, and so on with what meets its name there. The tenants of places that
-/// are given up are returned.
-std::vector<CPathTree::Resettled> CPathTree::Unite(Pair pair) {
-    std::vector<Resettled> vResettled;
+/// Hangs what is below one place below another, and so on with what meets its name there.
+void CPathTree::Unite(Pair pair, const Settle& settle) {
     std::vector<Pair> vUniting{pair};  // each one below the one before it
     while (!vUniting.empty()) {
         const auto [iGiven, iKept] = vUniting.back();
         const Place iChild = m_vNodes[iGiven].iFirstChild;
         if (iChild == kNowhere) {
             if (m_vNodes[iGiven].iTenant != kNobody) {
-                vResettled.push_back({m_vNodes[iGiven].iTenant, iKept});
+                settle(m_vNodes[iGiven].iTenant, iKept);
             }
             GiveBack(iGiven);
             vUniting.pop_back();
@@ -145,7 +151,6 @@ std::vector<CPathTree::Resettled> CPathTree::Unite(Pair pair) {
             vUniting.push_back(ChooseOne(iChild, iMet));
         }
     }
-    return vResettled;
 }
 
 // ---- Places
@@ -209,9 +214,10 @@ void CPathTree::Hang(Place iPlace, Place iParent, std::unique_ptr<char[]> pcName
 
 /// What is below it, and its name, stay with it.
 void CPathTree::TakeOff(Place iPlace) {
-    const Node& node = m_vNodes[iPlace];
+    Node& node = m_vNodes[iPlace];
     Node& parent = m_vNodes[node.iParent];
     m_Index.Remove(HashOf(node.iParent, node.pcName.get()), iPlace);
+    node.iParent = kNowhere;
     --parent.nChildren;
     (node.iPreviousSibling != kNowhere ? m_vNodes[node.iPreviousSibling].iNextSibling : parent.iFirstChild) =
         node.iNextSibling;

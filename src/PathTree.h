@@ -3,11 +3,11 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
-#include <vector>
 
 #include "ChunkedArray.h"
 #include "HashIndex.h"
@@ -27,12 +27,11 @@ public:
     using Tenant = std::uint32_t;
     static constexpr Place kNowhere = UINT32_MAX;
     static constexpr Tenant kNobody = UINT32_MAX;
+    /// The place above the first components, which has no path.
+    static constexpr Place kTop = 0;
 
-    /// A tenant whose place was given up for another one, which may have a tenant of its own.
-    struct Resettled {
-        Tenant iTenant;
-        Place iPlace;
-    };
+    /// Gives a tenant whose place is given up for another one a home there, where somebody may live already.
+    using Settle = std::function<void(Tenant iTenant, Place iPlace)>;
 
     CPathTree() { Clear(); }
 
@@ -45,21 +44,25 @@ public:
     /// Takes a path's tenant out; kNobody if it has none.
     Tenant TakeTenant(std::string_view sPath);
 
+    /// Empty for a place that is not in the tree.
     std::string GetPath(Place iPlace) const;
-    /// Writes the path with its terminator. False, and nothing is written, if that does not fit.
+    /// Writes the path with its terminator. False, and nothing is written, if that does not fit or the place is not in
+    /// the tree.
     bool CopyPath(Place iPlace, char* pcPath, std::size_t nSize) const;
 
     /// Moves all that lies below a folder, which itself stays, to below another path. A slash at the end of either does
     /// not count; below an empty path lies nothing, and what comes there loses the slash in front.
     ///
     /// Where nothing lies there yet the time does not depend on how much is moved. Else two trees become one, which
-    /// takes time for each place of the one with fewer; tenants whose places are given up for that are returned, for
-    /// the caller to settle them.
-    std::vector<Resettled> MoveBelow(std::string_view sOld, std::string_view sNew);
+    /// takes time for each place of the one with fewer, and settle is asked to settle tenants.
+    ///
+    /// When memory runs out (std::bad_alloc), what was being moved is not in the tree any more: it has no path, but
+    /// never another one's.
+    void MoveBelow(std::string_view sOld, std::string_view sNew, const Settle& settle);
     void Clear();
 
 private:
-    /// One place. Unused ones are chained by iNextSibling.
+    /// One place. Unused ones are chained by iNextSibling. What is not in the tree has no parent.
     struct Node {
         std::unique_ptr<char[]> pcName;
         Place iParent = kNowhere;
@@ -72,8 +75,7 @@ private:
     /// Two places for one path: one that is not in the tree, and is given up, and one that is and is kept.
     using Pair = std::pair<Place, Place>;
 
-    static constexpr Place kTop = 0;  ///< above the first components
-
+    bool IsNamed(Place iPlace) const { return iPlace != kNowhere && m_vNodes[iPlace].pcName != nullptr; }
     static std::uint32_t HashOf(Place iParent, std::string_view sName);
     Place FindChild(Place iParent, std::string_view sName) const;
     Place AddChild(Place iParent, std::string_view sName);
@@ -84,7 +86,7 @@ private:
     void TakeOff(Place iPlace);
     Place TakeOffBelow(Place iFolder);
     Pair ChooseOne(Place iMoving, Place iStanding);
-    std::vector<Resettled> Unite(Pair pair);
+    void Unite(Pair pair, const Settle& settle);
 
     CChunkedArray<Node> m_vNodes;
     CHashIndex m_Index;  ///< the places in the tree by parent and name

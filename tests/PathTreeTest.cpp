@@ -2,6 +2,7 @@
 #include "PathTree.h"
 
 #include <algorithm>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -26,10 +27,10 @@ Tenant At(const CPathTree& tree, const std::string& sPath) {
 
 /// Moves, and lets the tenants that have to settle have their new places, which are to be free.
 void MoveToFreePlaces(CPathTree& tree, const std::string& sOld, const std::string& sNew) {
-    for (const CPathTree::Resettled& resettled : tree.MoveBelow(sOld, sNew)) {
-        ASSERT_EQ(tree.GetTenant(resettled.iPlace), kNobody);
-        tree.SetTenant(resettled.iPlace, resettled.iTenant);
-    }
+    tree.MoveBelow(sOld, sNew, [&tree](Tenant iTenant, Place iPlace) {
+        ASSERT_EQ(tree.GetTenant(iPlace), kNobody);
+        tree.SetTenant(iPlace, iTenant);
+    });
 }
 
 TEST(PathTreeTest, TextsThatDifferHavePlacesThatDiffer) {
@@ -130,9 +131,9 @@ TEST(PathTreeTest, WhatLiesBelowMovesAndTheFolderStays) {
 TEST(PathTreeTest, NothingIsMadeWhereNothingMoves) {
     CPathTree tree;
     Let(tree, "/a", 1);
-    EXPECT_TRUE(tree.MoveBelow("/a", "/b").empty());
-    EXPECT_TRUE(tree.MoveBelow("/unknown", "/b").empty());
-    EXPECT_TRUE(tree.MoveBelow("", "/b").empty());
+    for (const char* pcOld : {"/a", "/unknown", ""}) {
+        MoveToFreePlaces(tree, pcOld, "/b");
+    }
     EXPECT_EQ(tree.Find("/b"), kNowhere);
     EXPECT_EQ(At(tree, "/a"), 1U);
 }
@@ -158,17 +159,16 @@ TEST(PathTreeTest, WhereTwoTreesMeetTheirTenantsMeet) {
         Let(tree, "/to/yours", 4);
         Let(tree, bComesWithMore ? "/from/more" : "/to/more", 5);
         Let(tree, "/to", 6);
-        const auto vResettled = tree.MoveBelow("/from", "/to");
-        const Place iBoth = tree.Find("/to/both");
-        std::vector<Tenant> vMet{tree.GetTenant(iBoth)};
-        for (const CPathTree::Resettled& resettled : vResettled) {
-            if (resettled.iTenant == 6U) {
-                EXPECT_EQ(resettled.iPlace, tree.Find("/to"));
+        std::vector<Tenant> vMet;
+        tree.MoveBelow("/from", "/to", [&](Tenant iTenant, Place iPlace) {
+            if (iTenant == 6U) {
+                EXPECT_EQ(iPlace, tree.Find("/to"));
             } else {
-                EXPECT_EQ(resettled.iPlace, iBoth);
-                vMet.push_back(resettled.iTenant);
+                EXPECT_EQ(iPlace, tree.Find("/to/both"));
+                vMet.push_back(iTenant);
             }
-        }
+        });
+        vMet.push_back(At(tree, "/to/both"));
         std::ranges::sort(vMet);
         EXPECT_EQ(vMet, (std::vector<Tenant>{1, 3}));
         EXPECT_EQ(At(tree, "/to/mine"), 2U);
@@ -176,6 +176,23 @@ TEST(PathTreeTest, WhereTwoTreesMeetTheirTenantsMeet) {
         EXPECT_EQ(At(tree, "/to/more"), 5U);
         EXPECT_EQ(tree.Find("/from"), kNowhere);
     }
+}
+
+// As happens when memory runs out.
+TEST(PathTreeTest, WhatIsLostOnTheWayHasNoPath) {
+    CPathTree tree;
+    Let(tree, "/from/sub/both", 1);
+    Let(tree, "/from/sub/mine", 2);
+    Let(tree, "/to/sub/both", 3);
+    Let(tree, "/to/sub/yours", 4);
+    const Place iLost = tree.Find("/from/sub/both");
+    const auto fail = [](Tenant, Place) { throw std::bad_alloc(); };
+    EXPECT_THROW(tree.MoveBelow("/from", "/to", fail), std::bad_alloc);
+    char vcPath[64];
+    EXPECT_TRUE(!tree.CopyPath(iLost, vcPath, sizeof(vcPath)) || At(tree, vcPath) == 1U);
+    Let(tree, "/new", 5);
+    EXPECT_NE(tree.Find("/new"), iLost) << "its number is not given to another path";
+    EXPECT_FALSE(tree.CopyPath(CPathTree::kTop, vcPath, sizeof(vcPath)));
 }
 
 TEST(PathTreeTest, ClearedTreeIsEmpty) {
