@@ -2,6 +2,7 @@
 #include "DatagramSocket.h"
 
 #include <cerrno>
+#include <new>
 
 #include <sys/socket.h>
 
@@ -27,13 +28,18 @@ bool CDatagramSocket::Open(unsigned long lProgId, int iPort, CUtilities* /*pUtil
         WriteReason(pcStatus, "Fail to bind datagram socket. %s", CSystemErrorText(errno).Get());
         return false;
     }
-    m_pSocket = std::make_unique<CSocket>(CSocket::kDatagram, lProgId);
-    if (!m_pSocket->Open(descriptor.Release(), m_pListener, nullptr)) {
-        WriteReason(pcStatus, "Fail to create datagram socket. %s", CSystemErrorText(EAGAIN).Get());
-        Close();
-        return false;
+    int iError = 0;
+    try {
+        m_pSocket = std::make_unique<CSocket>(CSocket::kDatagram, lProgId);
+        iError = m_pSocket->Open(descriptor.Release(), m_pListener, nullptr) ? 0 : EAGAIN;
+    } catch (const std::bad_alloc&) {
+        iError = ENOMEM;
     }
-    return true;
+    if (iError != 0) {
+        WriteReason(pcStatus, "Fail to create datagram socket. %s", CSystemErrorText(iError).Get());
+        Close();
+    }
+    return iError == 0;
 }
 
 void CDatagramSocket::Close() {

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <new>
 #include <system_error>
 #include <utility>
 
@@ -81,18 +82,23 @@ bool CServerSocket::Open(unsigned long lProgId, int iPort, int nMaxNum, CDescrip
         m_Standard.Close();
         return false;
     }
-    for (int i = 0; i < m_nMaxNum; ++i) {
-        m_pSockets.push_back(std::make_unique<CSocket>(CSocket::kStream, lProgId));
-    }
     m_bClosed = false;
+    int iError = 0;
     try {
+        for (int i = 0; i < m_nMaxNum; ++i) {
+            m_pSockets.push_back(std::make_unique<CSocket>(CSocket::kStream, lProgId));
+        }
         m_hThread = std::thread(&CServerSocket::Run, this);
     } catch (const std::system_error& error) {
-        WriteReason(pcStatus, "Fail to create server socket. %s", CSystemErrorText(error.code().value()).Get());
-        Close();
-        return false;
+        iError = error.code().value();
+    } catch (const std::bad_alloc&) {
+        iError = ENOMEM;
     }
-    return true;
+    if (iError != 0) {
+        WriteReason(pcStatus, "Fail to create server socket. %s", CSystemErrorText(iError).Get());
+        Close();
+    }
+    return iError == 0;
 }
 
 bool CServerSocket::Listen(char* pcStatus) {

@@ -1,6 +1,8 @@
 // One system call of the server goes wrong: the first of its kind in a fixed round of work, then the second, and so on
 // to the last. Whatever a client or host is answered meanwhile, the server lives, what was acknowledged is there, the
 // next call works, and nothing is kept open.
+#include "Faults.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
@@ -11,62 +13,23 @@
 #include <string>
 #include <vector>
 
-#include <fcntl.h>
-#include <sys/mman.h>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "ChildProcess.h"
-#include "Descriptor.h"
 #include "FakeHost.h"
-#include "FaultControl.h"
 #include "Isolation.h"
 #include "LeakGuard.h"
 #include "Limits.h"
 #include "NfsClient.h"
 #include "NfsIpcClientMain.h"
 #include "TempFolder.h"
-#include "Trees.h"
 #include "WaitUntil.h"
 
 namespace {
 
 constexpr std::uint32_t kOk = 0;
 constexpr std::uint32_t kMaxTransfer = 65536;
-
-/// Switches faults of a process that maps the same file.
-class Faults {
-public:
-    explicit Faults(std::string sPath) : m_sPath(std::move(sPath)) {
-        WriteWholeFile(m_sPath, std::string(sizeof(FaultControl), '\0'));
-        const CDescriptor file(::open(m_sPath.c_str(), O_RDWR | O_CLOEXEC));
-        void* pvControl = ::mmap(nullptr, sizeof(FaultControl), PROT_READ | PROT_WRITE, MAP_SHARED, file.Get(), 0);
-        if (pvControl == MAP_FAILED) {
-            throw std::runtime_error("no control of faults");
-        }
-        m_pControl = static_cast<FaultControl*>(pvControl);
-    }
-    ~Faults() { ::munmap(m_pControl, sizeof(FaultControl)); }
-    Faults(const Faults&) = delete;
-    Faults& operator=(const Faults&) = delete;
-
-    const std::string& Path() const { return m_sPath; }
-    /// The n-th call of that kind from now on, counted from 1, goes wrong.
-    void Arm(FaultyCall call, FaultKind kind, int iError, int n) {
-        m_pControl->nCountdown = 0;
-        m_pControl->iCall = static_cast<int>(call);
-        m_pControl->iKind = static_cast<int>(kind);
-        m_pControl->iError = iError;
-        m_pControl->nCountdown = n;
-    }
-    /// Lets everything go right; false if nothing had gone wrong.
-    bool Disarm() { return m_pControl->nCountdown.exchange(0) == 0; }
-
-private:
-    std::string m_sPath;
-    FaultControl* m_pControl = nullptr;
-};
 
 /// What a file must hold by what was acknowledged: bytes that are sure, and others of which nobody knows whether a call
 /// that failed has written them.
@@ -378,15 +341,9 @@ protected:
         WriteWholeFile(*m_pFolder / "seed", Pattern(50000, 3));
         WriteWholeFile(*m_pFolder / "source", Pattern(100, 5));
         WriteWholeFile(*m_pFolder / "disk", "");
-        const char* pcAsanOptions = std::getenv("ASAN_OPTIONS");
-        ChildOptions options;
-        options.vEnvironment = {
-            {"LD_PRELOAD", BuildTree() + "/tests/faults/libfault_shim.so"},
-            {FaultControl::kFileVariable, m_pFaults->Path()},
-            {"ASAN_OPTIONS", std::string(pcAsanOptions != nullptr ? pcAsanOptions : "") + ":verify_asan_link_order=0"}};
         m_pServer = std::make_unique<ConsoleProcess>(
             std::vector<std::string>{"-md", "svr", "-id", "srv", "-log", "33", "-logfile", *m_pElsewhere / "log"},
-            options);
+            m_pFaults->Surroundings());
         ASSERT_TRUE(m_pServer->WaitForPrompt()) << m_pServer->Output();
         m_pHostSide = std::make_unique<CNfsIpcClientMain>("client", 0);
         m_pHostSide->SetCallback(m_Host.Callback());
