@@ -316,9 +316,9 @@ TEST_F(PiecesDataTest, IsStoredInPiecesOfAnySize) {
 // What a network monitor writes to a file: whole connections, packet heads and all.
 TEST_F(PiecesDataTest, ACapturedStreamIsStoredAsWhatItIs) {
     std::string sCapture;
-    for (int i = 0; i < 40; ++i) {
+    for (std::uint32_t i = 0; i < 40; ++i) {
         sCapture += std::string(54, static_cast<char>(i));
-        sCapture += Write(PiecesWorld::kEntry, std::string(static_cast<std::size_t>(i) * 5, 'w'), 100 + i);
+        sCapture += Write(PiecesWorld::kEntry, std::string(std::size_t{i} * 5, 'w'), 100 + i);
         sCapture += Call(kNfsRename, Handle(PiecesWorld::kDir).Opaque("entry").Raw(HandleArgument(0)).Opaque("gone"),
                          Transport::kTcp);
     }
