@@ -69,17 +69,19 @@ bool WouldRemoteControllerWait(CNfsMain& main) {
     return WouldWaitForItself() && main.GetAccessMode() != kAccessModeInternal;
 }
 
+/// Set while this thread logs a refusal.
+thread_local bool t_bRefusing = false;
+
 /// Says in the log that a method that throws nothing did nothing: once, where the log method is what calls it.
 void LogRefusal(CNfsMain& main, const char* pcMethod, const char* pcReason) {
-    static thread_local bool t_bInside = false;
-    if (t_bInside) {
+    if (t_bRefusing) {
         return;
     }
-    t_bInside = true;
+    t_bRefusing = true;
     const LogArgu logArgu{pcMethod};
     const LogContext log{main.GetUtilities(), main.GetRuntimeParam(), &logArgu};
     NFS_LOG_ERROR(log, "[%s] %s", pcReason);
-    t_bInside = false;
+    t_bRefusing = false;
 }
 
 /// Installs a callback, on a visit of its own. False once the controller has ended.
