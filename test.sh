@@ -22,7 +22,7 @@ USAGE
 
 BUILD_PACKAGES=(cmake g++ ninja-build pkg-config libtirpc-dev libnfs-dev)
 TEST_PACKAGES=(libgtest-dev libgmock-dev libbenchmark-dev rpcbind iproute2 nftables e2fsprogs binutils util-linux
-    default-jdk-headless systemd groff-base python3)
+    default-jdk-headless systemd groff-base logrotate python3)
 PLAIN_OPTIONS=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DNFSLIB_TOOLS=ON -DNFSLIB_BENCH=ON)
 KERNEL_CLIENT_PACKAGES=(libgtest-dev libgmock-dev iproute2 util-linux qemu-system-x86 busybox-static cpio e2fsprogs
     default-jdk-headless)

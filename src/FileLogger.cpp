@@ -130,6 +130,6 @@ bool CFileLogger::Rotate(const LogArgu* pLogArgu) {
     if (m_pUtilities->OS_FileRename(pParam, pLogArgu, m_LogFile.c_str(), sRotated.c_str(), nullptr) == -1) {
         return false;
     }
-    m_iLogFile = m_pUtilities->OS_FileCreate(pParam, pLogArgu, m_LogFile.c_str(), nullptr);
+    m_iLogFile = m_pUtilities->OS_FileCreateToAppend(pParam, pLogArgu, m_LogFile.c_str(), nullptr);
     return m_iLogFile != -1;
 }

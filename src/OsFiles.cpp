@@ -50,9 +50,17 @@ int COsFiles::OpenWithRetry(const LogContext& log, const Open& open) {
 // ---- Files by path
 
 int COsFiles::OS_FileCreate(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, char* pcStatus) {
-    const LogContext log{this, pRuntimeParam, pLogArgu};
-    const int iFile =
-        OpenWithRetry(log, [pcPath] { return ::open(pcPath, O_RDWR | O_CREAT | kOpenFlags, kNewFileMode); });
+    return CreateFile({this, pRuntimeParam, pLogArgu}, pcPath, 0, pcStatus);
+}
+
+int COsFiles::OS_FileCreateToAppend(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
+                                    char* pcStatus) {
+    return CreateFile({this, pRuntimeParam, pLogArgu}, pcPath, O_APPEND, pcStatus);
+}
+
+int COsFiles::CreateFile(const LogContext& log, const char* pcPath, int iMoreFlags, char* pcStatus) {
+    const int iFile = OpenWithRetry(
+        log, [pcPath, iMoreFlags] { return ::open(pcPath, O_RDWR | O_CREAT | iMoreFlags | kOpenFlags, kNewFileMode); });
     return ReportCreate(log, pcPath, iFile, errno, pcStatus);
 }
 
@@ -187,7 +195,7 @@ int COsFiles::OS_FileForceOpen(CRuntimeParam* pRuntimeParam, const LogArgu* pLog
     if (OS_IsFileExists(pcPath, nullptr)) {
         return OS_FileOpen(pRuntimeParam, pLogArgu, pcPath, O_RDWR | O_APPEND, true, pcStatus);
     }
-    return OS_FileCreate(pRuntimeParam, pLogArgu, pcPath, pcStatus);
+    return OS_FileCreateToAppend(pRuntimeParam, pLogArgu, pcPath, pcStatus);
 }
 
 bool COsFiles::CreateFoldersAbove(const LogContext& log, const char* pcPath, char* pcStatus) {

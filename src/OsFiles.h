@@ -24,6 +24,9 @@ public:
     static void GetLastErrorText(char* pcOut, int iError);
 
     int OS_FileCreate(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, char* pcStatus);
+    /// The same for a file that only grows: every write goes to its end, wherever that is by then.
+    int OS_FileCreateToAppend(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
+                              char* pcStatus);
     int OS_FileRemove(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, char* pcStatus);
     int OS_FileRename(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPathFrom,
                       const char* pcPathTo, char* pcStatus);
@@ -79,6 +82,7 @@ private:
 
     template <class Open>
     int OpenWithRetry(const LogContext& log, const Open& open);
+    int CreateFile(const LogContext& log, const char* pcPath, int iMoreFlags, char* pcStatus);
     static int ReportCreate(const LogContext& log, const char* pcPath, int iFile, int iError, char* pcStatus);
     bool CreateFoldersAbove(const LogContext& log, const char* pcPath, char* pcStatus);
 };

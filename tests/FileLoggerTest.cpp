@@ -75,6 +75,29 @@ TEST_F(FileLoggerTest, LinesCarryLocalTimeAndLevel) {
     EXPECT_NEAR(static_cast<double>(::timegm(&stamp) - 5 * 3600), static_cast<double>(iNow), 60.0);
 }
 
+// As logrotate does with "copytruncate".
+TEST_F(FileLoggerTest, AFileThatIsEmptiedFromOutsideGoesOnAtItsBeginning) {
+    for (const bool bThere : {false, true}) {
+        const std::string sLog = m_Folder / (bThere ? "there" : "fresh");
+        if (bThere) {
+            WriteWholeFile(sLog, "[2025/01/02 03:04:05][info] earlier\n");
+        }
+        auto pLogger = Open(sLog);
+        EXPECT_TRUE(pLogger->LogInfo("one"));
+        ASSERT_EQ(::truncate(sLog.c_str(), 0), 0);
+        EXPECT_TRUE(pLogger->LogInfo("two"));
+        EXPECT_EQ(Lines(sLog), std::vector<std::string>{"[info] two"}) << sLog;
+        pLogger->Close();
+    }
+    auto pLogger = Open(m_sLog, 1);
+    EXPECT_TRUE(pLogger->LogInfo("aside"));
+    EXPECT_TRUE(pLogger->LogInfo("in a file that rotation made"));
+    pLogger->SetMaxLogSize(CFileLogger::kDefaultMaxLogSize);
+    ASSERT_EQ(::truncate(m_sLog.c_str(), 0), 0);
+    EXPECT_TRUE(pLogger->LogInfo("two"));
+    EXPECT_EQ(Lines(m_sLog), std::vector<std::string>{"[info] two"});
+}
+
 TEST_F(FileLoggerTest, NothingIsWrittenUnlessOpen) {
     CFileLogger logger(m_sLog.c_str());
     EXPECT_FALSE(logger.LogInfo("x"));
