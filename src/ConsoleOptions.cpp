@@ -12,6 +12,7 @@
 
 std::optional<int> ConsoleOptions::Parse(CConsoleUtilities& console, const char* pcProgramName,
                                          const char* pcCommandLine) {
+    server = ServerOptions::FromEnvironment();
     std::vector<std::string> vTokens;
     AppendPieces(pcCommandLine, '\n', vTokens);
     for (std::size_t i = 0; i < vTokens.size(); ++i) {
@@ -24,8 +25,8 @@ std::optional<int> ConsoleOptions::Parse(CConsoleUtilities& console, const char*
             bShutdownMode = true;
         } else if (sOption == kOptionQuery) {
             bQueryMode = true;
-        } else if (sOption == kOptionSync) {
-            bSync = true;
+        } else if (const ServerOptionName* pName = FindServerOption(sOption); pName != nullptr && pName->pFlag) {
+            server.*pName->pFlag = true;
         } else if (++i < vTokens.size() && !SetValue(console, sOption, vTokens[i])) {
             return 1;
         }
@@ -48,6 +49,8 @@ bool ConsoleOptions::SetValue(CConsoleUtilities& console, const std::string& sOp
         sPidFile = sValue;
     } else if (sOption == kOptionTest) {
         return SetTest(console, sValue);
+    } else if (const ServerOptionName* pName = FindServerOption(sOption); pName != nullptr) {
+        server.*pName->pText = sValue;
     }
     return true;  // an unknown option is skipped together with its value
 }

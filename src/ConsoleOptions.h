@@ -5,6 +5,7 @@
 #include <string>
 
 #include "Limits.h"
+#include "ServerOptions.h"
 
 class CConsoleUtilities;
 
@@ -18,7 +19,6 @@ inline constexpr const char* kOptionLog = "-log";
 inline constexpr const char* kOptionMode = "-md";
 inline constexpr const char* kOptionLogFile = "-logfile";
 inline constexpr const char* kOptionPidFile = "-pidfile";
-inline constexpr const char* kOptionSync = "-sync";  ///< not in the usage, whose lines are as scripts know them
 inline constexpr const char* kModeInternal = "int";
 inline constexpr const char* kModeServer = "svr";
 inline constexpr const char* kModeClient = "cli";
@@ -40,7 +40,7 @@ struct ConsoleOptions {
     bool bShutdownMode = false;
     bool bQueryMode = false;
     bool bTestMode = false;
-    bool bSync = false;
+    ServerOptions server;  ///< what the environment asks for, unless the command line says otherwise
     bool bDefaultAccessMode = true;
     bool bDefaultID = true;
 

@@ -32,11 +32,12 @@ private:
 std::unique_ptr<CNfsMain> MakeController(const ConsoleOptions& options) {
     std::unique_ptr<CNfsMain> pNfsMain =
         CreateController(options.iAccessMode, options.sID.c_str(), options.iLogControl);
-    if (pNfsMain && options.iAccessMode != kAccessModeClient) {
+    if (!pNfsMain) {
+        return nullptr;
+    }
+    pNfsMain->SetOptions(options.server);
+    if (options.iAccessMode != kAccessModeClient) {
         pNfsMain->EnableAutoShutdown(true);
-        if (options.bSync) {
-            pNfsMain->SetSyncWrites(true);
-        }
     }
     return pNfsMain;
 }

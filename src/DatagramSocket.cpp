@@ -24,7 +24,7 @@ bool CDatagramSocket::Open(unsigned long lProgId, int iPort, CUtilities* /*pUtil
         return false;
     }
     m_iPort = iPort;
-    if (!descriptor.BindToPort(&m_iPort)) {
+    if (!descriptor.BindToPort(&m_iPort, m_iBindAddress)) {
         WriteReason(pcStatus, "Fail to bind datagram socket. %s", CSystemErrorText(errno).Get());
         return false;
     }

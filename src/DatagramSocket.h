@@ -1,6 +1,7 @@
 // CDatagramSocket: a UDP port.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 
 class CSocket;
@@ -24,9 +25,12 @@ public:
 
     /// Not owned; set before Open.
     void SetListener(ISocketListener* pListener) { m_pListener = pListener; }
+    /// The IPv4 address, in host byte order, to serve from the next Open on; 0: all of the machine's.
+    void SetBindAddress(std::uint32_t iAddress) { m_iBindAddress = iAddress; }
     int GetPort() const { return m_iPort; }
 
 private:
+    std::uint32_t m_iBindAddress = 0;
     int m_iPort = 0;
     std::unique_ptr<CSocket> m_pSocket;  ///< null when closed
     ISocketListener* m_pListener = nullptr;

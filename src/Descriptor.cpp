@@ -11,6 +11,8 @@
 
 namespace {
 
+static_assert(INADDR_ANY == 0);
+
 /// The first number above standard input, output and error.
 constexpr int kFirstOwnDescriptor = 3;
 
@@ -36,14 +38,14 @@ void CDescriptor::Close() {
     }
 }
 
-bool CDescriptor::BindToPort(int* piPort) const {
+bool CDescriptor::BindToPort(int* piPort, std::uint32_t iAddress) const {
     if (*piPort < 0 || *piPort > UINT16_MAX) {
         errno = EINVAL;
         return false;
     }
     sockaddr_in address{};
     address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_ANY);
+    address.sin_addr.s_addr = htonl(iAddress);
     address.sin_port = htons(static_cast<in_port_t>(*piPort));
     if (::bind(m_iDescriptor, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
         return false;

@@ -1,6 +1,8 @@
 // An open descriptor with one owner.
 #pragma once
 
+#include <cstdint>
+
 /// Owns a descriptor and closes it exactly once. -1 stands for none. Not locked.
 class CDescriptor {
 public:
@@ -18,9 +20,9 @@ public:
     int Release();
     void Close();
 
-    /// Binds a socket to the wildcard address and the port; port 0 is replaced by the free one that the system chose.
-    /// False, with errno set, on failure.
-    bool BindToPort(int* piPort) const;
+    /// Binds a socket to the port of an IPv4 address (in host byte order; 0: all of the machine's); port 0 is replaced
+    /// by the free one that the system chose. False, with errno set, on failure.
+    bool BindToPort(int* piPort, std::uint32_t iAddress = 0) const;
 
     /// A new IPv4 socket of the type (SOCK_STREAM, SOCK_DGRAM), close-on-exec and never one of the three standard
     /// descriptors; empty, with errno set, on failure.

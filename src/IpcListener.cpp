@@ -13,12 +13,12 @@
 
 namespace {
 
-/// Whoever runs the server, processes of every user may steer it.
-constexpr mode_t kSocketFileMode = 0777;
+/// What a socket file is made with, before it gets its group and mode.
+constexpr mode_t kOwnerOnly = 0700;
 
 }  // namespace
 
-bool CIpcListener::Open(const char* pcPath, char* pcReason) {
+bool CIpcListener::Open(const char* pcPath, char* pcReason, const IpcSocketAccess& access) {
     m_Wake = CDescriptor::AboveStandard(CDescriptor(::eventfd(0, EFD_CLOEXEC)));
     int iError = m_Wake.IsOpen() ? m_Socket.Create() : errno;
     if (iError != 0) {
@@ -30,13 +30,13 @@ bool CIpcListener::Open(const char* pcPath, char* pcReason) {
         WriteReason(pcReason, "Fail to bind ipc server socket. %s", CSystemErrorText(iError).Get());
         return false;
     }
-    return Bind(pcReason);
+    return Bind(access, pcReason);
 }
 
-bool CIpcListener::Bind(char* pcReason) {
+bool CIpcListener::Bind(const IpcSocketAccess& access, char* pcReason) {
     ::unlink(m_Address.sun_path);  // a file that stays makes the bind fail
     // Non-blocking, so that a connection that vanishes between poll and accept blocks nobody.
-    if (::fcntl(m_Socket.Get(), F_SETFL, O_NONBLOCK) != 0 ||
+    if (::fcntl(m_Socket.Get(), F_SETFL, O_NONBLOCK) != 0 || ::fchmod(m_Socket.Get(), kOwnerOnly) != 0 ||
         ::bind(m_Socket.Get(), reinterpret_cast<const sockaddr*>(&m_Address), sizeof(m_Address)) != 0) {
         WriteReason(pcReason, "Fail to bind ipc server socket. %s", CSystemErrorText(errno).Get());
         return false;
@@ -48,10 +48,28 @@ bool CIpcListener::Bind(char* pcReason) {
         Close();
         return false;
     }
-    // After the bind, because the umask narrows the mode that bind gives.
-    if (::chmod(m_Address.sun_path, kSocketFileMode) != 0 || ::lstat(m_Address.sun_path, &m_File) != 0) {
-        WriteReason(pcReason, "Fail to bind ipc server socket. %s", CSystemErrorText(errno).Get());
+    if (!Admit(access, pcReason)) {
         Close();
+        return false;
+    }
+    return true;
+}
+
+/// Opens the socket file, which is its owner's alone so far, to whom it is meant for. The mode comes behind the group,
+/// so that no other group has it in between; it cannot be given to bind, whose modes the umask narrows.
+bool CIpcListener::Admit(const IpcSocketAccess& access, char* pcReason) {
+    if (::lstat(m_Address.sun_path, &m_File) != 0) {
+        WriteReason(pcReason, "Fail to bind ipc server socket. %s", CSystemErrorText(errno).Get());
+        return false;
+    }
+    if (access.iGroup != IpcSocketAccess::kOwnGroup &&
+        ::lchown(m_Address.sun_path, static_cast<uid_t>(-1), access.iGroup) != 0) {
+        WriteReason(pcReason, "Fail to give ipc server socket to group %lu. %s",
+                    static_cast<unsigned long>(access.iGroup), CSystemErrorText(errno).Get());
+        return false;
+    }
+    if (::chmod(m_Address.sun_path, access.iMode) != 0) {
+        WriteReason(pcReason, "Fail to bind ipc server socket. %s", CSystemErrorText(errno).Get());
         return false;
     }
     return true;

@@ -7,6 +7,7 @@
 #include <sys/un.h>
 
 #include "IpcSocket.h"
+#include "IpcSocketAccess.h"
 
 /// Listens on a channel from Open to Close; the socket file exists exactly as long.
 ///
@@ -22,8 +23,8 @@ public:
     CIpcListener(const CIpcListener&) = delete;
     CIpcListener& operator=(const CIpcListener&) = delete;
 
-    /// Replaces whatever file is at the path. Processes of every user may connect. False with a reason.
-    bool Open(const char* pcPath, char* pcReason);
+    /// Replaces whatever file is at the path. Nobody may connect who may not for good. False with a reason.
+    bool Open(const char* pcPath, char* pcReason, const IpcSocketAccess& access = {});
     /// Waits for a connection. ECANCELED after Close, else the error of accept.
     int Accept(CIpcSocket* pConnection);
     /// Waits for Close, at most so long.
@@ -40,7 +41,8 @@ public:
     bool IsFileLeft() const { return m_bFileLeft; }
 
 private:
-    bool Bind(char* pcReason);
+    bool Bind(const IpcSocketAccess& access, char* pcReason);
+    bool Admit(const IpcSocketAccess& access, char* pcReason);
     void RemoveFile();
 
     CIpcSocket m_Socket;

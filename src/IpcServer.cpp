@@ -30,7 +30,8 @@ bool CIpcServer::Open(const char* pcChannel, char* pcReason) {
         return false;
     }
     auto pListener = std::make_shared<CIpcListener>();
-    if (!pListener->Open(pcChannel, pcReason)) {
+    IpcSocketAccess access;
+    if (!access.Set(m_pNfsHandle->GetOptions(), pcReason) || !pListener->Open(pcChannel, pcReason, access)) {
         Close();
         return false;
     }

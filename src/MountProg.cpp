@@ -54,6 +54,9 @@ int CMountProg::Process(CInputStream* pInput, COutputStream* pOutput, ProcessPar
     const LogArgu logArgu{"MountProg.Process"};
     const LogContext log{m_pLog, pParam->pRuntimeParam, &logArgu};
     LogEntered(log);
+    if (m_pUtilities != nullptr) {
+        m_pUtilities->RefreshAccess(log);
+    }
     return kProcedures.Run(this, log, pInput, pOutput, pParam);
 }
 
@@ -104,8 +107,7 @@ bool CMountProg::FindRootHandle(CInputStream* pInput, ProcessParam* pParam, char
 bool CMountProg::BindExport(ProcessParam* pParam, const std::string& sExportName, char* pcHandle) {
     const LogContext log = GetLog(pParam);
     MountInfo mountInfo;
-    if (!m_pUtilities->UpdateMountClientIpAddrByExportName(sExportName.c_str(), pParam->sRemoteAddr.c_str(), &mountInfo,
-                                                           pcHandle)) {
+    if (!m_pUtilities->MountExport(sExportName.c_str(), pParam->sRemoteAddr.c_str(), &mountInfo, pcHandle)) {
         NFS_LOG_ERROR(log, "[%s] %s", pcHandle);
         return false;
     }
@@ -134,7 +136,7 @@ int CMountProg::ProcedureUMNT(CInputStream* pInput, COutputStream* /*pOutput*/, 
     }
     NFS_LOG_INFO(log, kLogGeneralInfo, "[%s] Umount OK");
     // An unknown name has nothing to release; UMNT has no way to say so (RFC 1813, 5.2.3).
-    m_pUtilities->UpdateMountClientIpAddrByExportName(exportName.sPath.c_str(), nullptr, nullptr, nullptr);
+    m_pUtilities->UnmountExport(exportName.sPath.c_str(), pParam->sRemoteAddr.c_str());
     return kProgHandled;
 }
 

@@ -20,7 +20,8 @@ struct MountInfo {
 enum class MountAccess {
     kNone,    ///< no export holds the path
     kServed,  ///< one does, and nobody or this client has it mounted
-    kHeld     ///< another client has it mounted, and this client none that holds the path
+    kHeld,    ///< another client has it mounted, and this client none that holds the path
+    kDenied   ///< one does, and the access file does not admit the client
 };
 
 /// The exports in the order of their names, which decides among those that lie in one another. What holds a path is

@@ -89,6 +89,9 @@ int CNfs3Prog::Process(CInputStream* pInput, COutputStream* pOutput, ProcessPara
     const LogArgu logArgu{"Nfs3Prog.Process"};
     const LogContext log{m_pLog, pParam->pRuntimeParam, &logArgu};
     LogEntered(log);
+    if (m_pUtilities != nullptr) {
+        m_pUtilities->RefreshAccess(log);
+    }
     return kProcedures.Run(this, log, pInput, pOutput, pParam);
 }
 

@@ -172,6 +172,7 @@ private:
     nfsstat3 CheckExisting(ProcessParam* pParam, const std::string& sPath, bool bResolved = false,
                            FoundStatus* pStatus = nullptr);
     nfsstat3 CheckUnresolved(ProcessParam* pParam);
+    bool IsReadOnly(const ProcessParam& param) const;
     static nfsstat3 TellMissing(const ProcessParam& param, nfsstat3 iStatus);
     MountAccess FindExport(const LogContext& log, CRuntimeParam* pScanParam, ProcessParam* pParam, const char* pcPath,
                            MountInfo* pMountInfo);

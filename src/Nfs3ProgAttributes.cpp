@@ -108,7 +108,7 @@ int CNfs3Prog::ProcedureSETATTR(CInputStream* pInput, COutputStream* pOutput, Pr
                  static_cast<long long>(guard.obj_ctime.seconds));
 
     nfsstat3 iStatus = CheckExisting(pParam, sPath);
-    if (m_bReadOnly && attributes.SetsAnything()) {
+    if (IsReadOnly(*pParam) && attributes.SetsAnything()) {
         iStatus = NFS3ERR_ACCES;
     }
     if (iStatus == NFS3_OK) {
@@ -179,7 +179,7 @@ int CNfs3Prog::ProcedureACCESS(CInputStream* pInput, COutputStream* pOutput, Pro
     Read(pInput, &iAccess);
 
     const nfsstat3 iStatus = CheckExisting(pParam, sPath);
-    const bool bReadOnly = m_bReadOnly;
+    const bool bReadOnly = IsReadOnly(*pParam);
     NFS_LOG_INFO(log, kLogProcFuncArgu, "[%s] Readonly: %d, access: %x", bReadOnly ? 1 : 0, iAccess);
     if (iStatus != NFS3_OK) {
         WriteStatusAndAttributes(pOutput, iStatus);

@@ -83,7 +83,7 @@ nfsstat3 CNfs3Prog::CheckNewEntry(ProcessParam* pParam, const std::string& sPath
     if (iStatus == NFS3_OK) {
         iStatus = IsFolderItself(sPath) ? NFS3ERR_IO : CheckPath(pParam, &pParam->logArgu, sPath.c_str(), false);
     }
-    return m_bReadOnly ? NFS3ERR_ACCES : iStatus;
+    return IsReadOnly(*pParam) ? NFS3ERR_ACCES : iStatus;
 }
 
 /// The reply of CREATE and MKDIR: handle and attributes of what was made, nothing of the directory.
@@ -172,6 +172,9 @@ nfsstat3 CNfs3Prog::RenameEntry(ProcessParam* pParam, const std::string& sFrom, 
     if (access != MountAccess::kServed || IsFolderItself(sTo)) {
         return NFS3ERR_IO;
     }
+    if (IsReadOnly(*pParam)) {  // the target's export may be so where the source's is not
+        return NFS3ERR_ACCES;
+    }
     if (sFrom == sTo) {
         return NFS3_OK;
     }
@@ -194,7 +197,7 @@ nfsstat3 CNfs3Prog::CheckOldEntry(ProcessParam* pParam, const std::string& sPath
     if (iStatus == NFS3ERR_IO) {
         return TellMissing(*pParam, iStatus);
     }
-    if (m_bReadOnly) {
+    if (IsReadOnly(*pParam)) {
         return NFS3ERR_ACCES;
     }
     return iStatus == NFS3_OK && IsFolderItself(sPath) ? NFS3ERR_IO : iStatus;

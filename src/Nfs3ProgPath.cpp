@@ -212,16 +212,21 @@ nfsstat3 CNfs3Prog::CheckProcessParam(ProcessParam* pParam, const LogArgu* pLogA
     return NFS3ERR_IO;
 }
 
-/// Finds the export that holds a path, telling of the search in the name of the scan's parameter, and says who has it
-/// mounted if that is another client.
+/// Finds the export that holds a path, telling of the search in the name of the scan's parameter, and says why if it
+/// does not serve the client.
 MountAccess CNfs3Prog::FindExport(const LogContext& log, CRuntimeParam* pScanParam, ProcessParam* pParam,
                                   const char* pcPath, MountInfo* pMountInfo) {
+    const char* pcClient = pParam->sRemoteAddr.c_str();
     const MountAccess access =
-        m_pUtilities->GetMountAccess(pScanParam, log.pLogArgu, pcPath, pParam->sRemoteAddr.c_str(), pMountInfo);
+        m_pUtilities->GetClientAccess(pScanParam, log.pLogArgu, pcPath, pcClient, pMountInfo, &pParam->bReadOnly);
     if (access == MountAccess::kHeld) {
-        pParam->bHeldByAnother = true;
+        pParam->bNotForClient = true;
         NFS_LOG_ERROR(log, "[%s] Export \"%s\" is mounted by %s", pMountInfo->sExportName.c_str(),
                       pMountInfo->sRemoteIpAddr.c_str());
+    } else if (access == MountAccess::kDenied) {
+        pParam->bNotForClient = true;
+        NFS_LOG_ERROR(log, "[%s] The access file does not admit %s to export \"%s\"", pcClient,
+                      pMountInfo->sExportName.c_str());
     }
     return access;
 }
@@ -273,9 +278,14 @@ nfsstat3 CNfs3Prog::CheckExisting(ProcessParam* pParam, const std::string& sPath
 }
 
 /// The status of a check as the procedures tell it that go by an existing name: what cannot be reached is missing. Not
-/// so in an export of another client, where a tool that heard so would believe the file gone.
+/// so in an export of others, where a tool that heard so would believe the file gone.
 nfsstat3 CNfs3Prog::TellMissing(const ProcessParam& param, nfsstat3 iStatus) {
-    return iStatus == NFS3ERR_IO && !param.bHeldByAnother ? NFS3ERR_NOENT : iStatus;
+    return iStatus == NFS3ERR_IO && !param.bNotForClient ? NFS3ERR_NOENT : iStatus;
+}
+
+/// Is the server one for reading only, or any export that the call has come to so far, for this client?
+bool CNfs3Prog::IsReadOnly(const ProcessParam& param) const {
+    return m_bReadOnly || param.bReadOnly;
 }
 
 /// The check of the procedures that are not served and do not resolve their handles.
@@ -288,8 +298,10 @@ nfsstat3 CNfs3Prog::CheckUnresolved(ProcessParam* pParam) {
 bool CNfs3Prog::ResolveWithinExports(ProcessParam* pParam, const char* pcPath, std::string* psResolved) {
     const std::optional<std::string> sResolved = ResolveLinks(pcPath);
     CSilentParam silent;
-    if (!sResolved || m_pUtilities->GetMountAccess(&silent, &pParam->logArgu, sResolved->c_str(),
-                                                   pParam->sRemoteAddr.c_str(), nullptr) != MountAccess::kServed) {
+    bool bReadOnly = false;  // nothing is done here to what the path names
+    if (!sResolved ||
+        m_pUtilities->GetClientAccess(&silent, &pParam->logArgu, sResolved->c_str(), pParam->sRemoteAddr.c_str(),
+                                      nullptr, &bReadOnly) != MountAccess::kServed) {
         return false;
     }
     *psResolved = *sResolved;

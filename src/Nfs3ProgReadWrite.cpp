@@ -187,7 +187,7 @@ int CNfs3Prog::ProcedureWRITE(CInputStream* pInput, COutputStream* pOutput, Proc
     NeedRecord(*pParam, *pInput, call.data, call.iCount);
 
     nfsstat3 iStatus = CheckExisting(pParam, call.sPath, false, &call.found);
-    if (m_bReadOnly) {
+    if (IsReadOnly(*pParam)) {
         iStatus = NFS3ERR_ACCES;
     }
     if (iStatus == NFS3_OK) {

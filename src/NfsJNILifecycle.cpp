@@ -5,6 +5,7 @@
 #include <array>
 #include <chrono>
 #include <memory>
+#include <string>
 #include <thread>
 #include <utility>
 
@@ -52,6 +53,14 @@ bool WouldWaitForItself() {
 template <typename Work>
 void RunAside(Work work) {
     std::thread(std::move(work)).detach();
+}
+
+/// Why a start failed that left no reason.
+std::string GetStartFailure(CNfsMain& main) {
+    if (main.GetAccessMode() == kAccessModeClient) {
+        return "The external server gave no reason; its log tells it";
+    }
+    return main.GetStartFailure();
 }
 
 /// Waits for a controller's callers and threads, now or aside. The controller stays until it is done.
@@ -168,8 +177,12 @@ jboolean NFSLIB_NATIVE(startServer)(JNIEnv* pEnv, jobject jObj, jlong iHandle, j
         }
         const StartOrStop guard;
         constexpr unsigned int kRoot = 0;  // a host names no user and group of its own
-        return call.OrThrow(
-            main.StartServer(iMountPort, iNfsPort, kRoot, kRoot, bReadOnly != JNI_FALSE, call.Reason()));
+        const bool bStarted =
+            main.StartServer(iMountPort, iNfsPort, kRoot, kRoot, bReadOnly != JNI_FALSE, call.Reason());
+        if (!bStarted && call.Reason()[0] == '\0') {
+            WriteReason(call.Reason(), "%s", GetStartFailure(main).c_str());
+        }
+        return call.OrThrow(bStarted);
     });
 }
 

@@ -2,8 +2,6 @@
 #include "NfsMain.h"
 
 #include <cstdarg>
-#include <cstdlib>
-#include <cstring>
 #include <utility>
 
 #include "Callback.h"
@@ -20,18 +18,6 @@
 #include "Texts.h"
 #include "Utilities.h"
 
-namespace {
-
-/// The variable by which a host, which has no command line, asks for synchronous writes: "1"; all else means no.
-constexpr const char* kSyncVariable = "NFSLIB_SYNC";
-
-bool IsSyncAskedFor() {
-    const char* pcValue = std::getenv(kSyncVariable);
-    return pcValue != nullptr && std::strcmp(pcValue, "1") == 0;
-}
-
-}  // namespace
-
 // ---- Construction
 
 CNfsMain::CNfsMain() = default;
@@ -43,7 +29,7 @@ CNfsMain::CNfsMain(const char* pcLogID, int iLogControl) {
 void CNfsMain::InitMemberVaribles(const char* pcLogID, int iLogControl) {
     m_pRuntimeParam = std::make_unique<CRuntimeParam>(pcLogID, iLogControl);
     m_pUtilities = CreateUtilities();  // NOLINT(clang-analyzer-optin.cplusplus.VirtualCall): each class its own
-    m_pUtilities->SetSyncWrites(IsSyncAskedFor());
+    SetOptions(ServerOptions::FromEnvironment());
     m_bNetworkInitialized = false;
     m_bServerRunning = false;
     m_bAutoShutdownEnabled = false;
@@ -243,6 +229,11 @@ std::shared_ptr<CCallback> CNfsMain::GetCallback() {
 
 void CNfsMain::SetFileLogger(CFileLogger* pFileLogger) {
     m_pUtilities->SetFileLogger(pFileLogger);
+}
+
+void CNfsMain::SetOptions(const ServerOptions& options) {
+    m_Options = options;
+    SetSyncWrites(options.bSyncWrites);
 }
 
 void CNfsMain::SetSyncWrites(bool bSyncWrites) {

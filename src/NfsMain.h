@@ -3,9 +3,12 @@
 
 #include <array>
 #include <atomic>
+#include <cstdint>
 #include <memory>
+#include <string>
 
 #include "Limits.h"
+#include "ServerOptions.h"
 #include "ThreadAnnotations.h"
 
 class CCallback;
@@ -166,9 +169,16 @@ public:
     /// Not owned; it outlives the controller, or null is set before it goes.
     void SetFileLogger(CFileLogger* pFileLogger);
 
-    /// Each WRITE to an ordinary file is flushed before its reply. Off at first, unless the environment of the process
-    /// has NFSLIB_SYNC=1 when the controller is made.
+    /// What the operator asks for; at first what the environment of the process asked for when the controller was made.
+    /// Set before Initial. A server that runs keeps what it was started with, but for synchronous writes.
+    void SetOptions(const ServerOptions& options);
+    const ServerOptions& GetOptions() const { return m_Options; }
+    /// The one option that takes effect at once.
     void SetSyncWrites(bool bSyncWrites);
+
+    /// Why the last start failed, where the reason it left is empty: a text for whom an empty one would not do. Empty
+    /// if the reason says it.
+    std::string GetStartFailure();
 
     /// The registries and the runtime parameter; both live as long as the controller.
     CUtilities* GetUtilities() { return m_pUtilities.get(); }
@@ -185,6 +195,7 @@ protected:
 
     std::unique_ptr<CRuntimeParam> m_pRuntimeParam;
     std::unique_ptr<CUtilities> m_pUtilities;
+    ServerOptions m_Options;
 
     std::atomic<bool> m_bNetworkInitialized{false};
     std::atomic<bool> m_bServerRunning{false};
@@ -201,7 +212,11 @@ private:
     /// Places in m_Sockets; sockets are closed in this order.
     enum SocketIndex : unsigned int { kPortmapSockets = 0, kNfsSockets = 1, kMountSockets = 2, kSocketPairs = 3 };
 
+    /// Makes ready what the options ask for. False with a reason.
+    bool ApplyOptions(char* pcStatus) REQUIRES(m_hMutexLifecycle);
+    bool LoadAccessFile(char* pcStatus) REQUIRES(m_hMutexLifecycle);
     void CreatePrograms() REQUIRES(m_hMutexLifecycle);
+    bool IsPortmapperRunning() const REQUIRES(m_hMutexLifecycle);
     /// The port, or for one below 1 the default, as it is beside the portmapper that runs.
     int GetPort(int iPort, int iDefaultPort) const REQUIRES(m_hMutexLifecycle);
     /// Logs the ports, and tells them to our own portmapper if it is the one that clients ask.
@@ -214,6 +229,7 @@ private:
     /// Opens the TCP listener, then the UDP socket, of one port.
     bool OpenPort(SocketHandle& handle, unsigned long lProgId, int iPort, int iMaxConnections, char* pcReason);
     bool RegisterServices() REQUIRES(m_hMutexLifecycle);
+    void ReportUnregistered(const char* pcReason) REQUIRES(m_hMutexLifecycle);
     void StopLocked() REQUIRES(m_hMutexLifecycle);
     /// Closes the sockets, then deletes what they served.
     void CloseServices() REQUIRES(m_hMutexLifecycle);
@@ -225,7 +241,9 @@ private:
     std::unique_ptr<CMountProg> m_pMountProg GUARDED_BY(m_hMutexLifecycle);
     std::array<SocketHandle, kSocketPairs> m_Sockets GUARDED_BY(m_hMutexLifecycle);
     std::unique_ptr<CPortmapProg> m_pPortmapProg GUARDED_BY(m_hMutexLifecycle);  ///< without a system portmapper only
-    std::unique_ptr<CPortmap> m_pPortmap GUARDED_BY(m_hMutexLifecycle);
+    std::unique_ptr<CPortmap> m_pPortmap GUARDED_BY(m_hMutexLifecycle);          ///< null without any portmapper
+    std::uint32_t m_iBindAddress GUARDED_BY(m_hMutexLifecycle) = 0;              ///< in host byte order; 0: all
+    std::string m_sStartFailure GUARDED_BY(m_hMutexLifecycle);
     std::unique_ptr<CNfsProg> m_pNfsProg GUARDED_BY(m_hMutexLifecycle);
 
     /// The RPC server has a mutex of its own, so that SetLogControl never waits for a start or stop in progress, also

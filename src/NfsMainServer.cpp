@@ -6,6 +6,7 @@
 
 #include <utility>
 
+#include "AccessFile.h"
 #include "DatagramSocket.h"
 #include "MountProg.h"
 #include "NfsProg.h"
@@ -28,12 +29,17 @@ bool CNfsMain::StartServer(int iMountPort, int iNfsPort, unsigned int iUId, unsi
         return false;
     }
     CloseServices();  // what a start that ran out of memory may have left
+    m_sStartFailure.clear();
+    if (!ApplyOptions(pcStatus)) {
+        StopLocked();
+        return false;
+    }
     CreatePrograms();
     iMountPort = GetPort(iMountPort, kDefaultMountPort);
     iNfsPort = GetPort(iNfsPort, kDefaultNfsPort);
     AnnouncePorts(iMountPort, iNfsPort);
     m_pNfsProg->SetUserID(iUId, iGId);
-    m_pNfsProg->SetReadOnly(bReadOnly);
+    m_pNfsProg->SetReadOnly(bReadOnly || m_Options.bReadOnly);
     CreateSockets();
 
     const bool bSuccess = OpenServices(iMountPort, iNfsPort, pcStatus) && RegisterServices();
@@ -44,11 +50,37 @@ bool CNfsMain::StartServer(int iMountPort, int iNfsPort, unsigned int iUId, unsi
     return bSuccess;
 }
 
+bool CNfsMain::ApplyOptions(char* pcStatus) {
+    char vcReason[kReasonBufferSize] = "";
+    if (m_Options.GetBindAddress(&m_iBindAddress, vcReason) && LoadAccessFile(vcReason)) {
+        return true;
+    }
+    const LogArgu logArgu{"NfsMain.StartServer"};
+    NFS_LOG_ERROR(GetLog(&logArgu), "[%s] %s", vcReason);
+    LogLifecycle("Fail to start NFS. Reason=%s", vcReason);
+    WriteReason(pcStatus, "%s", vcReason);
+    return false;
+}
+
+bool CNfsMain::LoadAccessFile(char* pcStatus) {
+    if (m_Options.sAccessFile.empty()) {
+        return true;
+    }
+    auto pAccessFile = std::make_unique<CAccessFile>(m_Options.sAccessFile);
+    if (!pAccessFile->Load(pcStatus)) {
+        return false;
+    }
+    m_pUtilities->SetAccessFile(std::move(pAccessFile));
+    return true;
+}
+
 void CNfsMain::CreatePrograms() {
     m_pMountProg = std::make_unique<CMountProg>(m_pUtilities.get());
-    m_pPortmap = std::make_unique<CPortmap>(m_pUtilities.get(), m_pRuntimeParam.get());
-    if (!m_pPortmap->IsRunning()) {
-        m_pPortmapProg = std::make_unique<CPortmapProg>(m_pUtilities.get());
+    if (!m_Options.bNoPortmapper) {
+        m_pPortmap = std::make_unique<CPortmap>(m_pUtilities.get(), m_pRuntimeParam.get(), m_iBindAddress);
+        if (!m_pPortmap->IsRunning()) {
+            m_pPortmapProg = std::make_unique<CPortmapProg>(m_pUtilities.get());
+        }
     }
     m_pNfsProg = std::make_unique<CNfsProg>(m_pUtilities.get());
     auto pRpcServer = std::make_unique<CRpcServer>(m_pUtilities.get(), m_pRuntimeParam.get());
@@ -61,15 +93,23 @@ void CNfsMain::CreatePrograms() {
     SetLogControl(m_pRuntimeParam->GetLogControl());
 }
 
+bool CNfsMain::IsPortmapperRunning() const {
+    return m_pPortmap && m_pPortmap->IsRunning();
+}
+
 int CNfsMain::GetPort(int iPort, int iDefaultPort) const {
     if (iPort >= 1) {
         return iPort;
     }
     // Beside a system portmapper there may be a system NFS server on the well-known ports.
-    return m_pPortmap->IsRunning() ? iDefaultPort + 1 : iDefaultPort;
+    return IsPortmapperRunning() ? iDefaultPort + 1 : iDefaultPort;
 }
 
 void CNfsMain::AnnouncePorts(int iMountPort, int iNfsPort) {
+    if (!m_pPortmap) {
+        LogLifecycle("Start NFS without portmapper: MountPort = %d, NfsPort = %d", iMountPort, iNfsPort);
+        return;
+    }
     if (!m_pPortmapProg) {
         LogLifecycle("Start NFS with external portmapper: MountPort = %d, NfsPort = %d", iMountPort, iNfsPort);
         return;
@@ -84,8 +124,10 @@ void CNfsMain::CreateSockets() {
     for (SocketHandle& handle : m_Sockets) {
         handle.pServerSocket = std::make_unique<CServerSocket>();
         handle.pServerSocket->SetListener(m_pRpcServer.get());
+        handle.pServerSocket->SetBindAddress(m_iBindAddress);
         handle.pDatagramSocket = std::make_unique<CDatagramSocket>();
         handle.pDatagramSocket->SetListener(m_pRpcServer.get());
+        handle.pDatagramSocket->SetBindAddress(m_iBindAddress);
     }
 }
 
@@ -137,7 +179,7 @@ bool CNfsMain::OpenMountService(int iMountPort, char* pcStatus) {
 }
 
 bool CNfsMain::RegisterServices() {
-    if (!m_pPortmap->IsRunning()) {
+    if (!IsPortmapperRunning()) {
         return true;
     }
     // Both are tried, so that the log tells of both.
@@ -152,7 +194,25 @@ bool CNfsMain::RegisterServices() {
     if (!bMount) {
         LogLifecycle("Fail to register Mount daemon to external portmapper. Reason=%s", vcReason);
     }
+    if (!bNfs || !bMount) {
+        ReportUnregistered(vcReason);
+    }
     return bNfs && bMount;
+}
+
+/// The reason of such a start stays empty, as its callers know it. What stands behind it is told here, to the log and
+/// for GetStartFailure: most often an ordinary user, for whom port 111 looks as if somebody held it.
+void CNfsMain::ReportUnregistered(const char* pcReason) {
+    m_sStartFailure =
+        FormatText("Port %d cannot be opened (%s), so a system portmapper was asked to register the server. %s",
+                   static_cast<int>(kPortmapperPort), CSystemErrorText(m_pPortmap->GetProbeError()).Get(), pcReason);
+    const LogArgu logArgu{"NfsMain.StartServer"};
+    NFS_LOG_ERROR(GetLog(&logArgu), "[%s] %s", m_sStartFailure.c_str());
+}
+
+std::string CNfsMain::GetStartFailure() {
+    const MutexLock lock(m_hMutexLifecycle);
+    return m_sStartFailure;
 }
 
 // ---- Stop
@@ -182,7 +242,7 @@ void CNfsMain::CloseServices() {
     }
     m_pMountProg.reset();
     m_pPortmapProg.reset();
-    if (m_pPortmap && m_pPortmap->IsRunning()) {
+    if (IsPortmapperRunning()) {
         char vcReason[kReasonBufferSize] = "";
         m_pPortmap->Unregister(kNfsProgramId, kNfsVersion3, vcReason);
         m_pPortmap->Unregister(kMountProgramId, kNfsVersion3, vcReason);
@@ -190,6 +250,9 @@ void CNfsMain::CloseServices() {
     m_pPortmap.reset();
     m_pNfsProg.reset();
     ExchangeRpcServer(nullptr);
+    if (m_pUtilities) {
+        m_pUtilities->SetAccessFile(nullptr);
+    }
 }
 
 std::unique_ptr<CRpcServer> CNfsMain::ExchangeRpcServer(std::unique_ptr<CRpcServer> pRpcServer) {

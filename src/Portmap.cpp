@@ -63,8 +63,8 @@ SVCXPRT* CreateTcp(int iSocket) {
 
 }  // namespace
 
-CPortmap::CPortmap(CLog* pUtilities, CRuntimeParam* pRuntimeParam)
-    : m_pUtilities(pUtilities), m_pRuntimeParam(pRuntimeParam) {
+CPortmap::CPortmap(CLog* pUtilities, CRuntimeParam* pRuntimeParam, std::uint32_t iBindAddress)
+    : m_iBindAddress(iBindAddress), m_pUtilities(pUtilities), m_pRuntimeParam(pRuntimeParam) {
     bIsRunning = IsRunning(true);
 }
 
@@ -78,8 +78,10 @@ bool CPortmap::IsRunning(bool bForceCheck) {
     const int iSocket = CreateSocket(kPortmapperPort, nullptr);
     if (iSocket != kNotBound) {
         CDescriptor(iSocket).Close();
+        m_iProbeError = 0;
         return false;
     }
+    m_iProbeError = errno;
     const LogContext log{m_pUtilities, m_pRuntimeParam, &logArgu};
     NFS_LOG_INFO(log, kLogPortmap, "[%s] Port %ld is already in used", static_cast<long>(kPortmapperPort));
     return true;
@@ -166,7 +168,7 @@ bool CPortmap::RegisterTcp(const LogContext& log, long lProgNum, long lProgVer, 
 }
 
 /// The caller owns the socket.
-int CPortmap::CreateSocket(unsigned long lPort, char* pcStatus) {
+int CPortmap::CreateSocket(unsigned long lPort, char* pcStatus) const {
     CDescriptor descriptor = CDescriptor::OpenSocket(SOCK_STREAM);
     if (!descriptor.IsOpen()) {
         WriteReason(pcStatus, "Error opening socket for port %lu", lPort);
@@ -176,8 +178,11 @@ int CPortmap::CreateSocket(unsigned long lPort, char* pcStatus) {
     // Where it fails, a port whose last connections time out counts as taken.
     static_cast<void>(::setsockopt(descriptor.Get(), SOL_SOCKET, SO_REUSEADDR, &iOn, sizeof(iOn)));
     int iPort = static_cast<int>(lPort);
-    if (!descriptor.BindToPort(&iPort)) {
+    if (!descriptor.BindToPort(&iPort, m_iBindAddress)) {
+        const int iError = errno;
         WriteReason(pcStatus, "Error binding socket with port %lu", lPort);
+        descriptor.Close();
+        errno = iError;  // for the probe
         return kNotBound;
     }
     return descriptor.Release();

@@ -1,6 +1,7 @@
 // CPortmap: registration of ports with the portmapper of the system (RFC 1833).
 #pragma once
 
+#include <cstdint>
 #include <map>
 #include <utility>
 
@@ -18,8 +19,9 @@ struct LogContext;
 /// Not locked: used by the controller that starts and stops the server. Messages need the portmap log bit.
 class CPortmap {
 public:
-    /// Neither the log (may be null) nor the parameter is owned; both outlive this object.
-    CPortmap(CLog* pUtilities, CRuntimeParam* pRuntimeParam);
+    /// Neither the log (may be null) nor the parameter is owned; both outlive this object. Port 111 is probed on the
+    /// address that the server listens on (0: all), as that is where clients ask.
+    CPortmap(CLog* pUtilities, CRuntimeParam* pRuntimeParam, std::uint32_t iBindAddress = 0);
     virtual ~CPortmap();
     CPortmap(const CPortmap&) = delete;
     CPortmap& operator=(const CPortmap&) = delete;
@@ -27,6 +29,8 @@ public:
     bool IsRunning() const { return bIsRunning; }
     /// With bForceCheck port 111 is probed anew (the stored answer stays).
     bool IsRunning(bool bForceCheck);
+    /// Why port 111 could not be bound, an error number; 0 if it could.
+    int GetProbeError() const { return m_iProbeError; }
 
     /// Registers a program version for UDP and TCP with the port that the TCP socket is bound to; earlier entries of
     /// the program version are dropped first. The socket stays the caller's. With socket 0 one is made for the port
@@ -44,9 +48,11 @@ private:
     bool RegisterSvc(long lProgNum, long lProgVer, int sock, char* pcStatus);
     static bool RegisterUdp(const LogContext& log, long lProgNum, long lProgVer, int sock, char* pcStatus);
     static bool RegisterTcp(const LogContext& log, long lProgNum, long lProgVer, int sock, char* pcStatus);
-    int CreateSocket(unsigned long lPort, char* pcStatus);
+    int CreateSocket(unsigned long lPort, char* pcStatus) const;
 
     bool bIsRunning = false;
+    int m_iProbeError = 0;
+    const std::uint32_t m_iBindAddress;
     CLog* m_pUtilities;  ///< of the utilities only the log is used
     CRuntimeParam* m_pRuntimeParam;
     /// Sockets made here, by program and version.

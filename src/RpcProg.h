@@ -20,7 +20,8 @@ struct ProcessParam {
     unsigned int nStillToCome = 0;           ///< bytes of the call's record that, by its mark, have not come yet
     unsigned int nReplyLimit = 0xFFFFFFFFU;  ///< the most bytes, head included, that the reply may have
     bool bArgumentsLeft = false;  ///< set by a program that leaves arguments unread: nothing in them is a call
-    bool bHeldByAnother = false;  ///< set by a program that refuses the call as another client has mounted the export
+    bool bNotForClient = false;   ///< set by a program for a call on an export of others: held, or not open to it
+    bool bReadOnly = false;       ///< set by a program for a call on an export that the client may only read
 };
 
 /// What a program answers to the RPC server.

@@ -109,7 +109,7 @@ bool CServerSocket::Listen(char* pcStatus) {
     }
     // A restart need not wait for the connections of the last run to time out.
     SetOption(listener.Get(), SOL_SOCKET, SO_REUSEADDR, 1);
-    if (!listener.BindToPort(&m_nPort)) {
+    if (!listener.BindToPort(&m_nPort, m_iBindAddress)) {
         WriteReason(pcStatus, "Fail to bind server socket. %s", CSystemErrorText(errno).Get());
         return false;
     }

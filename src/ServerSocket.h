@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -38,6 +39,8 @@ public:
 
     /// The listener is handed to every connection accepted from now on. Not owned; set before Open.
     void SetListener(ISocketListener* pListener) { m_pListener = pListener; }
+    /// The IPv4 address, in host byte order, to listen on from the next Open on; 0: all of the machine's.
+    void SetBindAddress(std::uint32_t iAddress) { m_iBindAddress = iAddress; }
     int GetPort() const { return m_nPort; }
     /// The listening descriptor, -1 when closed. It stays owned by this object.
     int GetSocket() const { return m_ServerSocket.Get(); }
@@ -53,6 +56,7 @@ private:
     int FindFreeSlot() const;
     bool IsAnyPeerGone() const;
 
+    std::uint32_t m_iBindAddress = 0;
     int m_nPort = 0;
     int m_nMaxNum = 0;
     CDescriptor m_ServerSocket;

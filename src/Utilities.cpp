@@ -2,6 +2,7 @@
 // one.
 #include "Utilities.h"
 
+#include "AccessFile.h"
 #include "FileTable.h"
 #include "RedirectedFile.h"
 #include "VSphereWebController.h"

@@ -25,6 +25,7 @@
 #include "RuntimeParam.h"
 #include "ThreadAnnotations.h"
 
+class CAccessFile;
 class CFileTable;
 class CRedirectedFile;
 class CRedirectedRename;
@@ -123,6 +124,29 @@ public:
     bool IsRemoteAddrExists(const char* pcClientAddr);
     /// Counts the exports (only the mounted ones if asked) and prints each as a raw line if asked.
     int GetMountInfo(CRuntimeParam* pRuntimeParam, bool bClientMountedOnly, bool bPrintDetails);
+
+    // ---- The access file (UtilitiesAccess.cpp)
+    // Off unless an operator asks for it. All of this is for the clients' calls, which come one at a time; the file is
+    // put in place before and taken away after them.
+
+    /// Null for none.
+    void SetAccessFile(std::unique_ptr<CAccessFile> pAccessFile);
+    /// Called before each call is judged: takes over the rules of a file that has changed.
+    void RefreshAccess(const LogContext& log) {
+        if (m_pAccessFile) {
+            LookAtAccessFile(log);
+        }
+    }
+    /// GetMountAccess for a client's call, with what the access file says of the client: the rules of the innermost
+    /// export that holds the path decide. *pbReadOnly is set, and else left, where they admit it for reading only.
+    MountAccess GetClientAccess(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
+                                const char* pcClientAddr, MountInfo* pMountInfo, bool* pbReadOnly);
+    /// Binds an export to a client as UpdateMountClientIpAddrByExportName does, for a client that the access file
+    /// admits. One that may share it is not refused when another holds it, and leaves it to that one; who is not
+    /// admitted any more holds nothing.
+    bool MountExport(const char* pcExportName, const char* pcClientAddr, MountInfo* pMountInfo, char* pcStatus);
+    /// Sets an export free; with an access file only for the client that holds it.
+    void UnmountExport(const char* pcExportName, const char* pcClientAddr);
 
     // ---- Sessions (UtilitiesSession.cpp)
 
@@ -278,6 +302,11 @@ private:
     MountAccess ScanMountInfos(const LogContext& log, std::string_view sPath, bool bReachable, const char* pcClientAddr,
                                MountInfo* pMountInfo);
 
+    // Steps of what the access file says.
+    void LookAtAccessFile(const LogContext& log);
+    void GetInnermostExport(std::string_view sPath, std::string* psExportName);
+    bool FindExport(const char* pcExportName, MountInfo* pMountInfo);
+
     // Steps of the clean-up.
     bool GetFirstVSphereInfo(VSphereInfo* pInfo);
     void UnmountWithWebCtrl(const VSphereInfo& info);
@@ -324,6 +353,9 @@ private:
     /// The exports.
     RegistryMutex m_hMutexMountInfos;
     CMountTable m_MountInfos GUARDED_BY(m_hMutexMountInfos);
+
+    /// Not locked: see SetAccessFile.
+    std::unique_ptr<CAccessFile> m_pAccessFile;
 
     /// Paths and their file IDs.
     RegistryMutex m_hMutexFileTable;

@@ -542,6 +542,11 @@ TEST_F(NfsMainTest, PortmapperThatAnswersNobodyFailsTheRegistrationAndTheStart) 
         EXPECT_FALSE(Start());
     }
     EXPECT_STREQ(m_vcReason, "untouched") << "this failure fills no reason";
+    const std::string sCause =
+        "Port 111 cannot be opened (Address already in use (98)), so a system portmapper was asked to register the "
+        "server. Fail to register socket for port 1059. Reason=Unable to register UDP for 100005 ver=3";
+    EXPECT_EQ(m_pMain->GetStartFailure(), sCause);
+    EXPECT_EQ(ReadMessages(folder / "log", "error"), std::vector<std::string>{"[NfsMain.StartServer] " + sCause});
     EXPECT_THAT(ReadMessages(folder / "log", "info"),
                 ElementsAre("Start NFS with external portmapper: MountPort = 1059, NfsPort = 2050",
                             HasSubstr("Fail to register NFS daemon to external portmapper. Reason="),

@@ -160,6 +160,19 @@ TEST_F(PortmapTest, AnybodyOnPort111CountsAsAPortmapperFoundOnceAtConstruction) 
     EXPECT_TRUE(portmap.IsRunning()) << "and leaves the answer alone";
 }
 
+TEST_F(PortmapTest, AServerOnOneAddressLooksForAPortmapperOnThatAddress) {
+    constexpr std::uint32_t kOne = 0x7F000001;
+    constexpr std::uint32_t kTwo = 0x7F000002;
+    CDescriptor holder = CDescriptor::OpenSocket(SOCK_STREAM);
+    int iPort = 111;
+    ASSERT_TRUE(holder.BindToPort(&iPort, kOne));
+    EXPECT_TRUE(CPortmap(&m_Utilities, &m_Param).IsRunning());
+    EXPECT_EQ(CPortmap(&m_Utilities, &m_Param).GetProbeError(), EADDRINUSE);
+    EXPECT_TRUE(CPortmap(&m_Utilities, &m_Param, kOne).IsRunning());
+    EXPECT_FALSE(CPortmap(&m_Utilities, &m_Param, kTwo).IsRunning());
+    EXPECT_EQ(CPortmap(&m_Utilities, &m_Param, kTwo).GetProbeError(), 0);
+}
+
 TEST_F(PortmapTest, APortmapperThatDoesNotAnswerFailsTheRegistration) {
     CDescriptor holder = CDescriptor::OpenSocket(SOCK_STREAM);
     int iPort = 111;

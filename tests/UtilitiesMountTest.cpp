@@ -40,6 +40,8 @@ protected:
                 return info.sExportName;
             case MountAccess::kHeld:
                 return info.sExportName + " held by " + info.sRemoteIpAddr;
+            case MountAccess::kDenied:
+                return info.sExportName + " denied";
             case MountAccess::kNone:
                 break;
         }

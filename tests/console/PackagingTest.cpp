@@ -1,10 +1,13 @@
 // The service unit and the list of exports, with real processes.
+#include <algorithm>
 #include <csignal>
 #include <filesystem>
 #include <sstream>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include "AccessRules.h"
 #include "ConsoleSupport.h"
 #include "NfsClient.h"
 #include "Trees.h"
@@ -171,4 +174,55 @@ TEST_F(Packaging, UnitStartsExportsAndStops) {
               std::string::npos)
         << sLog;
     EXPECT_NE(sLog.find("[info] Stop NFS\n"), std::string::npos) << sLog;
+}
+
+TEST_F(Packaging, LogrotateSampleTakesTheLogAwayUnderARunningServer) {
+    if (RunProgram({"logrotate", "--version"}).iStatus != 0) {
+        GTEST_SKIP() << "needs logrotate";
+    }
+    const std::string sLog = m_Folder / "nfs.log";
+    std::string sSample = ReadWholeFile(SourceTree() + "/packaging/logrotate.example");
+    ReplacePaths(sSample, "/var/log/nfslib/nfs.log", sLog);
+    const std::size_t iUser = sSample.find("su nfslib nfslib\n");
+    ASSERT_NE(iUser, std::string::npos) << sSample;
+    sSample.replace(iUser, 16, "su #" + std::to_string(::geteuid()) + " #" + std::to_string(::getegid()));
+    WriteWholeFile(m_Folder / "sample", sSample);
+    ASSERT_EQ(::chmod((m_Folder / "sample").c_str(), 0644), 0);
+    ConsoleProcess console({"-md", "int", "-logfile", sLog});
+    ASSERT_TRUE(console.WaitForPrompt());
+    console.Command("debug");
+    console.Command("print before");
+    const RunResult result = RunProgram({"logrotate", "--force", "--state", m_Folder / "state", m_Folder / "sample"});
+    EXPECT_EQ(result.iStatus, 0) << result.sOutput;
+    EXPECT_EQ(ReadWholeFile(sLog), "");
+    console.Command("print after");
+    const std::string sRest = ReadWholeFile(sLog);
+    EXPECT_TRUE(sRest.starts_with("[2") && sRest.ends_with("][info] after\n")) << sRest;
+    EXPECT_EQ(std::count(sRest.begin(), sRest.end(), '\n'), 1);
+    EXPECT_EQ(console.Quit(), 0);
+    std::string sAside;
+    for (const auto& entry : std::filesystem::directory_iterator(m_Folder.Path())) {
+        if (entry.path().filename().string().starts_with("nfs.log-")) {
+            sAside = entry.path();
+        }
+    }
+    EXPECT_NE(RunProgram({"zcat", sAside}).sOutput.find("][info] before\n"), std::string::npos) << sAside;
+}
+
+TEST_F(Packaging, SampleOfAnAccessFileIsOneThatAdmitsNobodyUntilItIsEdited) {
+    std::string sSample = ReadWholeFile(SourceTree() + "/packaging/access.example");
+    std::string sReason;
+    const auto rules = CAccessRules::Parse(sSample, &sReason);
+    ASSERT_TRUE(rules) << sReason;
+    EXPECT_EQ(rules->GetCount(), 0U);
+    // Its rules, with the mark of the comment taken away.
+    const std::size_t iRules = sSample.find("\n#\n") + 3;
+    ASSERT_GE(iRules, 3U);
+    std::string sRules = sSample.substr(iRules);
+    std::replace(sRules.begin(), sRules.end(), '#', ' ');
+    const auto edited = CAccessRules::Parse(sRules, &sReason);
+    ASSERT_TRUE(edited) << sReason;
+    EXPECT_EQ(edited->GetCount(), 4U);
+    EXPECT_EQ(edited->Find("backup", "192.0.2.7").right, AccessRight::kReadWrite);
+    EXPECT_EQ(edited->Find("backup", "192.0.2.8").right, AccessRight::kReadOnly);
 }

@@ -141,7 +141,9 @@ TEST_F(HostBindingTest, StartServerThrowsWhichPortFailed) {
         const char* pcReason;
     } vPorts[] = {
         {111, SOCK_DGRAM, "PortMap daemon failed to open port 111"},
-        {111, SOCK_STREAM, ""},  // taken for a system portmapper, with which registration then fails without a reason
+        {111, SOCK_STREAM,  // taken for a system portmapper
+         "Port 111 cannot be opened (Address already in use (98)), so a system portmapper was asked to register the "
+         "server. Fail to register socket for port 1059. Reason=Unable to register UDP for 100005 ver=3"},
         {2049, SOCK_STREAM, "NFS daemon failed to open port 2049"},
         {2049, SOCK_DGRAM, "NFS daemon failed to open port 2049"},
         {1058, SOCK_STREAM, "Mount daemon failed to open port 1058"},

@@ -109,9 +109,9 @@ TEST(ProductTest, InstalledUnitRunsWhatWasInstalled) {
     EXPECT_THAT(sUnit, Not(HasSubstr("@NFSLIB")));
     for (const char* pcFile :
          {"libexec/nfslib/nfs-exports", "lib/sysusers.d/nfslib.conf", "share/man/man8/nfsconsole.8",
-          "share/man/man5/nfslib-exports.5", "share/bash-completion/completions/nfsconsole", "share/doc/nfslib/LICENSE",
-          "share/doc/nfslib/host-guide.md", "share/doc/nfslib/exports.example",
-          "share/doc/nfslib/examples/java-host/DiskHost.java",
+          "share/man/man5/nfslib-exports.5", "share/man/man5/nfslib-access.5",
+          "share/bash-completion/completions/nfsconsole", "share/doc/nfslib/LICENSE", "share/doc/nfslib/host-guide.md",
+          "share/doc/nfslib/exports.example", "share/doc/nfslib/examples/java-host/DiskHost.java",
           "share/doc/nfslib/examples/instant-recovery/rules.txt"}) {
         EXPECT_TRUE(std::filesystem::exists(sPlace + "/" + pcFile)) << pcFile;
     }
@@ -138,7 +138,7 @@ TEST(ProductTest, ManualPagesAreWellFormed) {
     if (RunProgram({"/bin/sh", "-c", "command -v groff"}).iStatus != 0) {
         GTEST_SKIP() << "needs the package groff-base";
     }
-    for (const char* pcPage : {"nfsconsole.8", "nfsget.1", "nfslib-exports.5"}) {
+    for (const char* pcPage : {"nfsconsole.8", "nfsget.1", "nfslib-exports.5", "nfslib-access.5"}) {
         const RunResult result = RunProgram({"groff", "-ww", "-man", "-z", SourceTree() + "/packaging/man/" + pcPage});
         EXPECT_EQ(result.iStatus, 0) << pcPage;
         EXPECT_EQ(result.sOutput, "") << pcPage;
