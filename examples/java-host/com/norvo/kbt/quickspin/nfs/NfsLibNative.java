@@ -31,6 +31,7 @@ public class NfsLibNative {
 
     /**
      * Makes a controller that calls itself logID in its log lines; a mode other than 1 and 2 is the internal server.
+     * What variables of the environment ask for (NFSLIB_BIND and others, see the guide) is taken over now.
      * @return its handle
      * @throws IOException with the reason: the ID is empty or cannot name a socket
      */
