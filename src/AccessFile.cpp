@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <ctime>
+#include <exception>
 #include <utility>
 
 #include <fcntl.h>
@@ -68,6 +69,14 @@ void CAccessFile::LookAgain(const LogContext& log) {
     }
     m_Stamp = stamp;
     m_bRecent = stamp.IsRecent();
+    try {
+        ReadAgain(log);
+    } catch (const std::exception&) {  // no memory: it may be there at the next look
+        m_bRecent = true;
+    }
+}
+
+void CAccessFile::ReadAgain(const LogContext& log) {
     const std::string sText = m_sText;
     std::string sReason;
     if (!ReadRules(&sReason)) {

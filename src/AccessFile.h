@@ -51,6 +51,7 @@ private:
 
     Stamp Look() const;
     void LookAgain(const LogContext& log);
+    void ReadAgain(const LogContext& log);
     bool Read(std::string* psText, std::string* psReason) const;
     bool ReadRules(std::string* psReason);
 
