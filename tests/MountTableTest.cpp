@@ -18,6 +18,7 @@ std::string Tell(MountAccess access, const MountInfo& mount) {
             return "served " + mount.sExportName + " " + mount.sIcpID + " " + mount.sRemoteIpAddr;
         case MountAccess::kHeld:
             return "held " + mount.sExportName + " " + mount.sIcpID + " " + mount.sRemoteIpAddr;
+        case MountAccess::kDenied:
         case MountAccess::kNone:
             break;
     }
