@@ -455,6 +455,8 @@ std::size_t GetAllocated() {
     return info.uordblks + info.hblkhd;
 }
 
+// A sanitizer's allocator takes more, and does not tell.
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 TEST(FileTableTest, KnownPathOf40CharactersTakesAtMost120Bytes) {
     constexpr unsigned int kPaths = 200000;
     for (const unsigned int nInFolder : {100U, kPaths}) {
@@ -468,13 +470,11 @@ TEST(FileTableTest, KnownPathOf40CharactersTakesAtMost120Bytes) {
             ASSERT_EQ(table.GetIDByPath(vcPath), iPath);
         }
         const std::size_t nTaken = GetAllocated() - nBefore;
-        if (nTaken == 0) {
-            GTEST_SKIP() << "the C library's allocator, which tells what it gave, is not in use";
-        }
         EXPECT_LE(nTaken / kPaths, 120U) << nInFolder << " in a folder";
         EXPECT_GE(nTaken / kPaths, 20U) << "measured at all";
     }
 }
+#endif
 
 // Each rename brings a new name along, but no new file.
 TEST(FileTableTest, RenamesTakeNoMemory) {
