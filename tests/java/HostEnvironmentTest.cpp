@@ -23,8 +23,9 @@ constexpr std::uint32_t kAccess = 13;
 /// Variables that virtual machines started meanwhile have.
 class Environment {
 public:
-    explicit Environment(std::vector<std::pair<const char*, std::string>> vVariables)
-        : m_vVariables(std::move(vVariables)) {
+    using Variables = std::vector<std::pair<const char*, std::string>>;
+
+    explicit Environment(Variables vVariables) : m_vVariables(std::move(vVariables)) {
         for (const auto& [pcName, sValue] : m_vVariables) {
             ::setenv(pcName, sValue.c_str(), 1);
         }
@@ -38,7 +39,7 @@ public:
     Environment& operator=(const Environment&) = delete;
 
 private:
-    std::vector<std::pair<const char*, std::string>> m_vVariables;
+    Variables m_vVariables;
 };
 
 class HostEnvironmentTest : public JavaTest {
@@ -57,10 +58,10 @@ protected:
 
 TEST_F(HostEnvironmentTest, VariablesReachTheServer) {
     WriteWholeFile(m_Folder / "access", "data 127.0.0.1 rw\n");
-    const Environment environment({{"NFSLIB_BIND", "127.0.0.2"},
-                                   {"NFSLIB_READONLY", "1"},
-                                   {"NFSLIB_NOPORTMAP", "1"},
-                                   {"NFSLIB_ACCESS", m_Folder / "access"}});
+    const Environment environment(Environment::Variables{{"NFSLIB_BIND", "127.0.0.2"},
+                                                         {"NFSLIB_READONLY", "1"},
+                                                         {"NFSLIB_NOPORTMAP", "1"},
+                                                         {"NFSLIB_ACCESS", m_Folder / "access"}});
     JavaHost host;
     const std::string sHandle = host.Initial("A", "host", 0, 1);
     ASSERT_EQ(host.Call("A", "startServer", sHandle, 0, 0, false), "true");
@@ -88,7 +89,7 @@ TEST_F(HostEnvironmentTest, WrongValuesAreThrownByTheStart) {
           "Access file \"" + (m_Folder / "access") + "\": line 2: \"everybody\" is no IPv4 address"}},
     };
     for (const auto& [pcName, wrong] : vWrong) {
-        const Environment environment({{pcName, wrong.first}});
+        const Environment environment(Environment::Variables{{pcName, wrong.first}});
         JavaHost host;
         const std::string sHandle = host.Initial("A", "host", 0, 0);
         EXPECT_EQ(host.Call("A", "startServer", sHandle, 0, 0, false), kIOException + wrong.second);
@@ -98,7 +99,7 @@ TEST_F(HostEnvironmentTest, WrongValuesAreThrownByTheStart) {
 }
 
 TEST_F(HostEnvironmentTest, ControlSocketsOfServersAndClientsGetTheirMode) {
-    const Environment environment({{"NFSLIB_SOCKET_MODE", "0600"}});
+    const Environment environment(Environment::Variables{{"NFSLIB_SOCKET_MODE", "0600"}});
     JavaHost host;
     const std::string sServer = host.Initial("S", "host", 1, 0);
     EXPECT_EQ(host.Call("S", "startRemoteController", sServer), "true");
@@ -117,7 +118,7 @@ TEST_F(HostEnvironmentTest, ControlSocketsOfServersAndClientsGetTheirMode) {
 }
 
 TEST_F(HostEnvironmentTest, WrongModeOfControlSocketsIsThrownWhereThereAreSome) {
-    const Environment environment({{"NFSLIB_SOCKET_MODE", "everybody"}});
+    const Environment environment(Environment::Variables{{"NFSLIB_SOCKET_MODE", "everybody"}});
     JavaHost host;
     for (const int iMode : {0, 1, 2}) {
         const std::string sHandle = host.Initial("A", "host", iMode, 0);
