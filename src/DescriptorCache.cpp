@@ -62,7 +62,7 @@ CCachedFile CDescriptorCache::GetClientFile(const LogContext& log, const char* p
     wish.bWrite = bWrite;
     wish.bCalled = pFound != nullptr;
     if (pFound != nullptr && pFound->bKnown) {
-        wish.status = *pFound;
+        wish.pFound = pFound;
     } else if (pFound != nullptr || IsLookDue(pcPath)) {
         wish.LookAt(pcPath);
     }
@@ -71,8 +71,8 @@ CCachedFile CDescriptorCache::GetClientFile(const LogContext& log, const char* p
 
 /// Made without the lock: a file system may take its time.
 void CDescriptorCache::FileWish::LookAt(const char* pcPath) {
-    status.bKnown = ::stat(pcPath, &status.status) == 0;
-    status.bLinks = true;
+    looked.bKnown = ::stat(pcPath, &looked.status) == 0;
+    looked.bLinks = true;
 }
 
 /// Whether a second has begun since an open entry's path was looked at.
@@ -86,14 +86,14 @@ CCachedFile CDescriptorCache::TakeCachedFile(const LogContext& log, const char* 
     const CDeferredLog deferred;
     const MutexLock lock(m_hMutexOpenedFileHandles);
     auto itOpened = m_OpenedFiles.FindOpen(pcPath);
-    if (itOpened != m_OpenedFiles.end() && IsOtherFile(itOpened->second, wish.status)) {
+    if (itOpened != m_OpenedFiles.end() && IsOtherFile(itOpened->second, *wish.pFound)) {
         EraseCachedFile(log, itOpened);
         itOpened = m_OpenedFiles.end();
     }
     if (itOpened == m_OpenedFiles.end()) {
         return OpenCachedFile(log, pcPath, wish);
     }
-    if (wish.bClient && wish.status.bKnown && !IsRegularFile(wish.status.status)) {
+    if (wish.bClient && wish.pFound->bKnown && !IsRegularFile(wish.pFound->status)) {
         ReportNotRegular(log, pcPath, errno);
         return {};
     }
@@ -157,7 +157,9 @@ CCachedFile CDescriptorCache::OpenCachedFile(const LogContext& log, const char* 
         return CCachedFile(iFile);  // its export was removed during the call: nothing stays open below it
     }
     struct stat status {};
-    if (iFile != -1 && ::fstat(iFile, &status) == 0) {
+    if (iFile != -1 && wish.pFound->name.IsOpen()) {
+        info.identity = FileIdentity(wish.pFound->status);  // it was opened through that descriptor
+    } else if (iFile != -1 && ::fstat(iFile, &status) == 0) {
         info.identity = FileIdentity(status);
     }
     info.iFile = CCachedFile(iFile);
@@ -185,8 +187,7 @@ int CDescriptorCache::OpenForCache(const LogContext& log, const char* pcPath, in
                                    int* piError) {
     const auto open = [pcPath, iFlags, &wish] {
         // Where the look met no link, there is to be none now.
-        const PathLinks links = wish.status.bKnown && !wish.status.bLinks ? PathLinks::kRefused : PathLinks::kFollowed;
-        return wish.bClient ? OpenRegularFile(pcPath, iFlags, links) : ::open(pcPath, iFlags | kOpenFlags);
+        return wish.bClient ? OpenRegularFile(pcPath, iFlags, *wish.pFound) : ::open(pcPath, iFlags | kOpenFlags);
     };
     int iFile = open();
     if (iFile == -1 && errno == EMFILE) {

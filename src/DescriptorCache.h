@@ -56,9 +56,13 @@ private:
         bool bClient = false;     ///< for a client: a regular file or none
         bool bWrite = false;      ///< for a WRITE, which does not put up with a descriptor opened for reading alone
         bool bCalled = false;     ///< by a call that found the path in an export
-        FoundStatus status;       ///< what a look at the path found, if there was one
+        FoundStatus looked;       ///< the look of one who has none from elsewhere
+        const FoundStatus* pFound = &looked;  ///< what a look at the path found, if there was one
 
-        /// The look of one who has none from elsewhere, links followed.
+        FileWish() = default;
+        FileWish(const FileWish&) = delete;
+        FileWish& operator=(const FileWish&) = delete;
+        /// Looks, links followed.
         void LookAt(const char* pcPath);
     };
 

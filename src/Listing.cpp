@@ -29,7 +29,7 @@ bool CListing::ShowHandedOut(std::size_t iPlace, const EntryLook& look, std::vec
     if (pcName[0] == '\0' || !look(pcName, &found)) {
         return false;
     }
-    pvEntries->push_back({pcName, iPlace + 1, found});
+    pvEntries->push_back({pcName, iPlace + 1, std::move(found)});
     return true;
 }
 

@@ -1,6 +1,7 @@
 // The frame of the NFS version 3 program: its table of procedures, and what each of them ends with.
 #include "Nfs3Prog.h"
 
+#include "BatchLooks.h"
 #include "Utilities.h"
 
 namespace {
@@ -31,6 +32,14 @@ constexpr ProcedureTable<CNfs3Prog, CNfs3Prog::kProcedureCount> kProcedures{
         {"Nfs3Prog.ProcedureCOMMIT", &CNfs3Prog::ProcedureCOMMIT},
     }},
     {"Nfs3Prog.ProcedureNOIMP", &CNfs3Prog::ProcedureNOIMP}};
+
+CBatchLooks::Effect GetEffect(const ProcessParam& param) {
+    if (param.iProc == NFSPROC3_WRITE) {
+        return CBatchLooks::Effect::kWrites;
+    }
+    const bool bModifying = CNfs3Prog::IsModifyingCall(CNfs3Prog::kVersion, param.iProc);
+    return bModifying ? CBatchLooks::Effect::kChanges : CBatchLooks::Effect::kNone;
+}
 
 }  // namespace
 
@@ -92,6 +101,7 @@ int CNfs3Prog::Process(CInputStream* pInput, COutputStream* pOutput, ProcessPara
     if (m_pUtilities != nullptr) {
         m_pUtilities->RefreshAccess(log);
     }
+    const CBatchLooks::CCall call(GetEffect(*pParam));
     return kProcedures.Run(this, log, pInput, pOutput, pParam);
 }
 

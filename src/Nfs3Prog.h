@@ -18,6 +18,7 @@
 #include "RpcProg.h"
 #include "RuntimeParam.h"
 
+class CFolderEntry;
 struct FoundStatus;
 struct MountInfo;
 enum class MountAccess;
@@ -123,23 +124,26 @@ public:
     /// Reads a file handle. False, with the path left empty, if it names nothing.
     bool ReadPath(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, CInputStream* pInput, std::string* psPath);
     /// Reads a directory handle and a name, and finds the entry's path: links resolved as far as it exists. False,
-    /// with the path left empty, if the handle names nothing or the path does not fit kPathBufferSize. *pbResolved, if
-    /// given, tells whether the entry exists; its path holds no link then. *pStatus, if given, may be filled.
-    /// *pbEntryName, if given, tells whether the name is one that an entry can have.
+    /// with the path left empty, if the handle names nothing or the path does not fit kPathBufferSize. *pStatus, if
+    /// given, is filled where the entry exists and no link led to it: its path needs no look any more.
     bool ReadPath(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, CInputStream* pInput, diropargs3* pDirOp,
-                  std::string* psPath, bool* pbResolved = nullptr, FoundStatus* pStatus = nullptr,
-                  bool* pbEntryName = nullptr);
+                  std::string* psPath, FoundStatus* pStatus = nullptr);
     /// The same for the entry itself, to be made, removed or renamed: its folder's links are resolved, and it may be a
     /// link, which is not followed. The path is empty for a name that no entry can have (too long, or with a NUL
     /// inside), and one of no entry (IsFolderItself) for a name that stands for a folder: none, "." or "..".
-    bool ReadEntryPath(const LogContext& log, CInputStream* pInput, diropargs3* pDirOp, std::string* psPath,
+    bool ReadEntryPath(const LogContext& log, CInputStream* pInput, diropargs3* pDirOp, CFolderEntry* pEntry,
                        bool* pbExists);
+    /// The same for a file to be made or opened: of a link, where it leads. The path is empty for a name that no entry
+    /// can have.
+    bool ReadNewFile(const LogContext& log, CInputStream* pInput, diropargs3* pDirOp, CFolderEntry* pEntry,
+                     bool* pbExists);
 
     /// Finds the export of a path and makes the call's runtime parameter carry its name and IPC ID. NFS3ERR_IO for a
     /// path in no export, or in one that another client has mounted.
     nfsstat3 CheckProcessParam(ProcessParam* pParam, const LogArgu* pLogArgu, const char* pcPath);
     /// NFS3ERR_STALE for a null path. If it must exist: NFS3ERR_IO for one that does not (its last link followed), or
-    /// that links lead out of the exports that serve the client.
+    /// that links lead out of the exports that serve the client. What is found goes to pStatus, if given: from then on
+    /// it is what the call acts on, wherever the path leads by then.
     nfsstat3 CheckPath(ProcessParam* pParam, const LogArgu* pLogArgu, const char* pcPath, bool bMustExist,
                        FoundStatus* pStatus = nullptr);
 
@@ -178,6 +182,11 @@ private:
                            MountInfo* pMountInfo);
     MountAccess FindExportQuietly(const LogContext& log, ProcessParam* pParam, const char* pcPath);
     static void ReportNoExport(const LogContext& log);
+    nfsstat3 CheckLinks(ProcessParam* pParam, const LogContext& log, const char* pcPath, FoundStatus* pStatus);
+    bool LookAtResolved(const LogContext& log, const std::string& sResolved, FoundStatus* pStatus);
+    CFolderEntry OpenEntry(const LogContext& log, std::string sPath);
+    bool FindEntryInOneStep(const LogContext& log, const char* pcJoined, CFolderEntry* pEntry, FoundStatus* pStatus);
+    std::string FindJoinedPath(const LogContext& log, const char* pcJoined, FoundStatus* pStatus);
     bool ReadJoinedPath(const LogContext& log, CInputStream* pInput, diropargs3* pDirOp, char* pcJoined, bool* pbWhole);
     static void LogPath(const LogContext& log, const std::string& sPath);
     static bool IsFolderItself(const std::string& sPath);
@@ -188,11 +197,14 @@ private:
     post_op_attr GetPostOpAttributes(const LogContext& log, const char* pcPath, const FoundStatus* pFound = nullptr);
     static void LogAttributes(const LogContext& log, const char* pcPath, const fattr3& attributes);
     nfsstat3 CheckGuard(const LogContext& log, const std::string& sPath, const sattrguard3& guard);
-    nfsstat3 ApplyAttributes(const LogContext& log, const std::string& sPath, const sattr3& attributes);
-    bool UpdateFileAttributes(const LogContext& log, const std::string& sPath, const sattr3& attributes);
+    nfsstat3 ApplyAttributes(const LogContext& log, const std::string& sPath, const sattr3& attributes,
+                             const FoundStatus& found);
+    bool UpdateFileAttributes(const LogContext& log, const std::string& sPath, const sattr3& attributes,
+                              const FoundStatus& found);
 
     // ---- File system (Nfs3ProgFileSystem.cpp)
-    nfsstat3 CheckFileSystem(ProcessParam* pParam, const std::string& sPath, post_op_attr* pAttributes);
+    nfsstat3 CheckFileSystem(ProcessParam* pParam, const std::string& sPath, FoundStatus* pFound,
+                             post_op_attr* pAttributes);
 
     // ---- READ and WRITE (Nfs3ProgReadWrite.cpp)
     struct ReadCall;
@@ -204,20 +216,22 @@ private:
     struct ListCall;
     int ListDirectory(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam, unsigned int iProc);
     void ReadListCall(CInputStream* pInput, const LogContext& log, ListCall* pCall);
-    nfsstat3 FindEntries(ProcessParam* pParam, const FoundStatus& found, ListCall* pCall);
-    nfsstat3 ReadEntries(const LogContext& log, const CKeptListings::Key& key, ListCall* pCall);
+    nfsstat3 FindEntries(ProcessParam* pParam, FoundStatus* pFound, ListCall* pCall);
+    nfsstat3 ReadEntries(const LogContext& log, FoundStatus* pFound, const CKeptListings::Key& key, ListCall* pCall);
     unsigned int GetEntryID(const LogContext& log, const ListCall& call, const ListedEntry& entry, const char* pcPath);
     void WriteEntry(COutputStream* pOutput, ProcessParam* pParam, const ListCall& call, const ListedEntry& entry);
-    void WriteEntryTarget(COutputStream* pOutput, ProcessParam* pParam, const ListCall& call, const ListedEntry& entry,
-                          const char* pcPath, unsigned int iFileID);
+    void WriteEntryTarget(COutputStream* pOutput, ProcessParam* pParam, const ListedEntry& entry, const char* pcPath,
+                          unsigned int iFileID);
 
     // ---- Namespace (Nfs3ProgNamespace.cpp)
     nfsstat3 CheckNewEntry(ProcessParam* pParam, const std::string& sPath);
     nfsstat3 CheckOldEntry(ProcessParam* pParam, const std::string& sPath, bool bExists);
     nfsstat3 CheckRemoval(ProcessParam* pParam, const std::string& sPath, bool bExists);
-    nfsstat3 CreateFile(const LogContext& log, const std::string& sPath, const createhow3& how);
-    nfsstat3 RenameEntry(ProcessParam* pParam, const std::string& sFrom, const std::string& sTo);
-    void WriteNewEntry(COutputStream* pOutput, const LogContext& log, const std::string& sPath, nfsstat3 iStatus);
+    nfsstat3 CreateFile(const LogContext& log, const CFolderEntry& entry, bool bExists, const createhow3& how,
+                        FoundStatus* pMade);
+    nfsstat3 RenameEntry(ProcessParam* pParam, const CFolderEntry& from, const CFolderEntry& to);
+    void WriteNewEntry(COutputStream* pOutput, const LogContext& log, const std::string& sPath, nfsstat3 iStatus,
+                       const FoundStatus& made);
 
     std::atomic<unsigned int> m_iUId{0};
     std::atomic<unsigned int> m_iGId{0};

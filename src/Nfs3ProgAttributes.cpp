@@ -57,15 +57,15 @@ nfstime3 GetSeconds(const timespec& time) {
 }
 
 /// The ID of the file system that a path lies on; a link may lead to another one.
-unsigned long long GetFileSystemID(const char* pcPath, const struct stat& status) {
+unsigned long long GetFileSystemID(const char* pcPath, const struct stat& status, const FoundStatus* pFound) {
     if (S_ISLNK(status.st_mode)) {
-        return CUtilities::GetFileSystemID(pcPath);
+        return CUtilities::GetFileSystemID(pcPath, pFound);
     }
     thread_local CDeviceAnswer last;
     if (const auto iKept = last.Find(status.st_dev)) {
         return *iKept;
     }
-    const unsigned long long iID = CUtilities::GetFileSystemID(pcPath);
+    const unsigned long long iID = CUtilities::GetFileSystemID(pcPath, pFound);
     if (iID != kUnknownFileSystemID) {  // the file has gone meanwhile, say; that tells nothing of the others there
         last.Keep(status.st_dev, iID);
     }
@@ -107,7 +107,8 @@ int CNfs3Prog::ProcedureSETATTR(CInputStream* pInput, COutputStream* pOutput, Pr
     NFS_LOG_INFO(log, kLogProcFuncArgu, "[%s] Guard check: %d, time: %lld", guard.check ? 1 : 0,
                  static_cast<long long>(guard.obj_ctime.seconds));
 
-    nfsstat3 iStatus = CheckExisting(pParam, sPath);
+    FoundStatus found;
+    nfsstat3 iStatus = CheckExisting(pParam, sPath, false, &found);
     if (IsReadOnly(*pParam) && attributes.SetsAnything()) {
         iStatus = NFS3ERR_ACCES;
     }
@@ -115,7 +116,7 @@ int CNfs3Prog::ProcedureSETATTR(CInputStream* pInput, COutputStream* pOutput, Pr
         iStatus = CheckGuard(log, sPath, guard);
     }
     if (iStatus == NFS3_OK) {
-        iStatus = ApplyAttributes(log, sPath, attributes);
+        iStatus = ApplyAttributes(log, sPath, attributes, found);
     }
 
     WriteStatusAndWcc(pOutput, iStatus);
@@ -135,13 +136,14 @@ nfsstat3 CNfs3Prog::CheckGuard(const LogContext& log, const std::string& sPath, 
     return NFS3ERR_NOT_SYNC;
 }
 
-nfsstat3 CNfs3Prog::ApplyAttributes(const LogContext& log, const std::string& sPath, const sattr3& attributes) {
+nfsstat3 CNfs3Prog::ApplyAttributes(const LogContext& log, const std::string& sPath, const sattr3& attributes,
+                                    const FoundStatus& found) {
     const bool bTimes = attributes.atime.set_it != DONT_CHANGE || attributes.mtime.set_it != DONT_CHANGE;
     if ((m_iFSF3Properties & kFsf3CanSetTime) == 0 && bTimes) {
         NFS_LOG_ERROR(log, "[%s] Server don't allow settime");
         return NFS3ERR_INVAL;
     }
-    if (!UpdateFileAttributes(log, sPath, attributes)) {
+    if (!UpdateFileAttributes(log, sPath, attributes, found)) {
         NFS_LOG_ERROR(log, "[%s] Update file attribute to %s fail", sPath.c_str());
         return NFS3ERR_INVAL;
     }
@@ -152,11 +154,10 @@ int CNfs3Prog::ProcedureLOOKUP(CInputStream* pInput, COutputStream* pOutput, Pro
     const LogContext log = GetLog(pParam);
     diropargs3 dirOp;
     std::string sPath;
-    bool bResolved = false;
     FoundStatus found;
-    ReadPath(log.pRuntimeParam, log.pLogArgu, pInput, &dirOp, &sPath, &bResolved, &found);
+    ReadPath(log.pRuntimeParam, log.pLogArgu, pInput, &dirOp, &sPath, &found);
 
-    const nfsstat3 iStatus = TellMissing(*pParam, CheckExisting(pParam, sPath, bResolved));
+    const nfsstat3 iStatus = TellMissing(*pParam, CheckExisting(pParam, sPath, found.bKnown, &found));
     if (iStatus != NFS3_OK) {
         WriteStatusAndAttributes(pOutput, iStatus);
         return EndProcedure(log, iStatus);
@@ -178,7 +179,8 @@ int CNfs3Prog::ProcedureACCESS(CInputStream* pInput, COutputStream* pOutput, Pro
     ReadPath(log.pRuntimeParam, log.pLogArgu, pInput, &sPath);
     Read(pInput, &iAccess);
 
-    const nfsstat3 iStatus = CheckExisting(pParam, sPath);
+    FoundStatus found;
+    const nfsstat3 iStatus = CheckExisting(pParam, sPath, false, &found);
     const bool bReadOnly = IsReadOnly(*pParam);
     NFS_LOG_INFO(log, kLogProcFuncArgu, "[%s] Readonly: %d, access: %x", bReadOnly ? 1 : 0, iAccess);
     if (iStatus != NFS3_OK) {
@@ -189,7 +191,7 @@ int CNfs3Prog::ProcedureACCESS(CInputStream* pInput, COutputStream* pOutput, Pro
     const unsigned int iGranted = bReadOnly ? iAccess & ~kAccessesOfWriters : iAccess;
 
     Write(pOutput, static_cast<unsigned int>(iStatus));
-    Write(pOutput, GetPostOpAttributes(log, sPath.c_str()));
+    Write(pOutput, GetPostOpAttributes(log, sPath.c_str(), &found));
     Write(pOutput, iGranted);
     return EndProcedure(log, iStatus);
 }
@@ -228,18 +230,19 @@ bool CNfs3Prog::GetCanonicalHandle(const LogContext& log, const char* pcPath, nf
 
 bool CNfs3Prog::GetNfsFileAttributes(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
                                      fattr3* pAttributes, const FoundStatus* pFound) {
-    FoundStatus found;
-    const struct stat& status = found.status;
-    if (m_pUtilities->OS_GetFileStat(pRuntimeParam, pLogArgu, pcPath, &found.status, nullptr, pFound) != 0) {
+    FoundStatus looked;
+    const struct stat& status = looked.status;
+    if (m_pUtilities->OS_GetFileStat(pRuntimeParam, pLogArgu, pcPath, &looked.status, nullptr, pFound) != 0) {
         return false;
     }
-    found.bKnown = true;
-    found.bLinks = pFound == nullptr || !pFound->bKnown;
+    looked.bKnown = true;
+    looked.bLinks = true;
+    const bool bFound = pFound != nullptr && pFound->bKnown;
     unsigned long long iSize = static_cast<unsigned long long>(status.st_size);
     const ftype3 iType = GetFileType(status.st_mode);
-    const unsigned long long iFileSystemID = GetFileSystemID(pcPath, status);
+    const unsigned long long iFileSystemID = GetFileSystemID(pcPath, status, pFound);
     if (iType == NF3REG) {
-        iSize = m_pUtilities->GetFileSize(pRuntimeParam, pLogArgu, pcPath, iSize, &found);
+        iSize = m_pUtilities->GetFileSize(pRuntimeParam, pLogArgu, pcPath, iSize, bFound ? pFound : &looked);
     }
     fattr3& attributes = *pAttributes;
     attributes.type = iType;
@@ -284,13 +287,15 @@ post_op_attr CNfs3Prog::GetPostOpAttributes(const LogContext& log, const char* p
 }
 
 /// Hands what a client set on to the files. The server's time goes as 0 seconds.
-bool CNfs3Prog::UpdateFileAttributes(const LogContext& log, const std::string& sPath, const sattr3& attributes) {
-    return m_pUtilities->UpdateFileAttributes(
-        log.pRuntimeParam, log.pLogArgu, sPath.c_str(), attributes.mode.set_it,
-        ConvertNfsFileModeToFileMode(attributes.mode.mode), attributes.uid.set_it, attributes.uid.uid,
-        attributes.gid.set_it, attributes.gid.gid, attributes.size.set_it, attributes.size.size,
-        attributes.atime.set_it != DONT_CHANGE, attributes.atime.atime.seconds, attributes.atime.atime.nseconds,
-        attributes.mtime.set_it != DONT_CHANGE, attributes.mtime.mtime.seconds, attributes.mtime.mtime.nseconds);
+bool CNfs3Prog::UpdateFileAttributes(const LogContext& log, const std::string& sPath, const sattr3& attributes,
+                                     const FoundStatus& found) {
+    return m_pUtilities->UpdateFileAttributes(log.pRuntimeParam, log.pLogArgu, sPath.c_str(), attributes.mode.set_it,
+                                              ConvertNfsFileModeToFileMode(attributes.mode.mode), attributes.uid.set_it,
+                                              attributes.uid.uid, attributes.gid.set_it, attributes.gid.gid,
+                                              attributes.size.set_it, attributes.size.size,
+                                              attributes.atime.set_it != DONT_CHANGE, attributes.atime.atime.seconds,
+                                              attributes.atime.atime.nseconds, attributes.mtime.set_it != DONT_CHANGE,
+                                              attributes.mtime.mtime.seconds, attributes.mtime.mtime.nseconds, &found);
 }
 
 unsigned int CNfs3Prog::ConvertFileModeToNfsFileMode(mode_t iMode) {

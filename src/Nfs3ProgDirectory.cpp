@@ -8,15 +8,19 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include "BeforeAsking.h"
+#include "Descriptor.h"
 #include "InputStream.h"
 #include "OutputStream.h"
 #include "PathProbe.h"
+#include "RegularFile.h"
 #include "Utilities.h"
 
 namespace {
@@ -27,12 +31,19 @@ constexpr std::size_t kEntriesPerReply = 10;
 /// An open directory; "." and ".." are not among its entries.
 class Directory {
 public:
-    /// False with errno.
-    bool Open(const char* pcPath) {
-        CBeforeAsking::Run();  // a large one takes its time
-        m_pDir.reset(::opendir(pcPath));
-        return m_pDir != nullptr;
+    /// Opens the directory that a descriptor names. False with errno.
+    bool Open(const CDescriptor& name) {
+        return Read(CDescriptor(::openat(name.Get(), ".", O_RDONLY | O_DIRECTORY | kOpenFlags)));
     }
+    /// The same by the path under which it was found, giving up its descriptor for that: there are no others.
+    bool OpenAgain(const char* pcPath, FoundStatus* pFound) {
+        pFound->name.Close();
+        CDescriptor directory(OpenWithoutLinks(AT_FDCWD, pcPath, O_RDONLY | O_DIRECTORY | kOpenFlags));
+        struct stat status {};
+        return directory.IsOpen() && ::fstat(directory.Get(), &status) == 0 &&
+               FileIdentity(status) == FileIdentity(pFound->status) && Read(std::move(directory));
+    }
+    int GetDescriptor() const { return ::dirfd(m_pDir.get()); }
     /// The next entry's name, valid until the next call; null at the end, or if the directory cannot be read on.
     const char* ReadName() {
         errno = 0;
@@ -60,6 +71,15 @@ public:
     }
 
 private:
+    bool Read(CDescriptor directory) {
+        CBeforeAsking::Run();  // a large one takes its time
+        m_pDir.reset(directory.IsOpen() ? ::fdopendir(directory.Get()) : nullptr);
+        if (m_pDir != nullptr) {
+            directory.Release();
+        }
+        return m_pDir != nullptr;
+    }
+
     struct Close {
         void operator()(DIR* pDir) const { ::closedir(pDir); }  // read only: nothing to lose
     };
@@ -67,22 +87,19 @@ private:
     bool m_bFailed = false;
 };
 
-/// Looks at the entries of one directory; a link is looked at itself. What cannot be looked at is there: it was read.
+/// Looks at the entries of the directory that a descriptor names (not owned); a link is looked at itself. What cannot
+/// be looked at is there: it was read.
 class LookAt {
 public:
-    explicit LookAt(const std::string& sDirectory) : m_sDirectory(sDirectory) {}
+    explicit LookAt(int iDirectory) : m_iDirectory(iDirectory) {}
     /// False if the entry is gone.
     bool operator()(const char* pcName, FoundStatus* pStatus) const {
-        char vcPath[kPathBufferSize];
-        if (!CNfs3Prog::AppendFilePath(m_sDirectory.c_str(), pcName, vcPath)) {
-            return true;
-        }
-        pStatus->bKnown = ::lstat(vcPath, &pStatus->status) == 0;
+        pStatus->bKnown = ::fstatat(m_iDirectory, pcName, &pStatus->status, AT_SYMLINK_NOFOLLOW) == 0;
         return pStatus->bKnown || (errno != ENOENT && errno != ENOTDIR);
     }
 
 private:
-    const std::string& m_sDirectory;
+    int m_iDirectory;
 };
 
 /// The road for a directory with more names than are ever kept: passes over as many entries as the cookie says and
@@ -102,7 +119,7 @@ bool TakeEntries(Directory* pDirectory, unsigned long lCookie, const LookAt& loo
         }
         ListedEntry entry{pcName, lCookie + 1, {}};
         if (look(pcName, &entry.found)) {
-            pvEntries->push_back(entry);
+            pvEntries->push_back(std::move(entry));
             ++lCookie;
         }
     }
@@ -124,6 +141,11 @@ struct CNfs3Prog::ListCall {
     std::string sCanonicalPath;  ///< the directory's, with all links resolved
     std::vector<ListedEntry> vEntries;
     bool bEof = false;  ///< a reply full of entries does not look whether there are more
+
+    /// Where the directory lies, all links resolved.
+    const char* GetPlace(const FoundStatus& found) const {
+        return found.sResolved.empty() ? sPath.c_str() : found.sResolved.c_str();
+    }
 };
 
 int CNfs3Prog::ProcedureREADDIR(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam) {
@@ -145,7 +167,7 @@ int CNfs3Prog::ListDirectory(CInputStream* pInput, COutputStream* pOutput, Proce
     post_op_attr attributes;
     if (iStatus == NFS3_OK) {
         attributes = GetPostOpAttributes(log, call.sPath.c_str(), &found);
-        iStatus = attributes.attributes_follow ? FindEntries(pParam, found, &call) : NFS3ERR_IO;
+        iStatus = attributes.attributes_follow ? FindEntries(pParam, &found, &call) : NFS3ERR_IO;
     }
     if (iStatus != NFS3_OK) {
         WriteStatusAndAttributes(pOutput, iStatus);
@@ -184,42 +206,43 @@ void CNfs3Prog::ReadListCall(CInputStream* pInput, const LogContext& log, ListCa
 
 /// Finds the entries behind the cookie, from what is kept or from the directory, whose status may be known. A directory
 /// that cannot be read to its end gives NFS3ERR_IO.
-nfsstat3 CNfs3Prog::FindEntries(ProcessParam* pParam, const FoundStatus& found, ListCall* pCall) {
-    FoundStatus resolved = found;
-    pCall->sCanonicalPath = pCall->sPath;
-    if (!found.bKnown || !IsPlainPath(pCall->sPath.c_str())) {
-        if (!ResolveWithinExports(pParam, pCall->sPath.c_str(), &pCall->sCanonicalPath) ||
-            ::stat(pCall->sCanonicalPath.c_str(), &resolved.status) != 0) {
-            return NFS3ERR_IO;  // gone since it was checked
-        }
+nfsstat3 CNfs3Prog::FindEntries(ProcessParam* pParam, FoundStatus* pFound, ListCall* pCall) {
+    FoundStatus& found = *pFound;
+    if (!found.name.IsOpen() && FindWithoutLinks(pCall->GetPlace(found), &found) != Finding::kFound) {
+        return NFS3ERR_IO;  // what was found is another call's, or there was no descriptor for it
     }
-    const CKeptListings::Key key{pParam->sRemoteAddr, pCall->sPath, resolved.status.st_dev, resolved.status.st_ino};
+    pCall->sCanonicalPath = pCall->GetPlace(found);
+    if (!IsPlainPath(pCall->sCanonicalPath.c_str()) &&
+        !ResolveWithinExports(pParam, pCall->sPath.c_str(), &pCall->sCanonicalPath)) {
+        return NFS3ERR_IO;  // gone since it was checked
+    }
+    const CKeptListings::Key key{pParam->sRemoteAddr, pCall->sPath, found.status.st_dev, found.status.st_ino};
     if (pCall->lCookie != 0) {
-        const auto outcome = m_Listings.Show(key, pCall->lCookie, nullptr, kEntriesPerReply, LookAt(pCall->sPath),
+        const auto outcome = m_Listings.Show(key, pCall->lCookie, nullptr, kEntriesPerReply, LookAt(found.name.Get()),
                                              std::chrono::steady_clock::now(), &pCall->vEntries);
         if (outcome != CKeptListings::Outcome::kReadFirst) {
             return NFS3_OK;
         }
     }
-    return ReadEntries(GetLog(pParam), key, pCall);
+    return ReadEntries(GetLog(pParam), pFound, key, pCall);
 }
 
 /// Reads the directory and finds the entries behind the cookie. A directory that cannot be opened has none, or no more
 /// than were found already.
-nfsstat3 CNfs3Prog::ReadEntries(const LogContext& log, const CKeptListings::Key& key, ListCall* pCall) {
-    const char* pcPath = pCall->sPath.c_str();
+nfsstat3 CNfs3Prog::ReadEntries(const LogContext& log, FoundStatus* pFound, const CKeptListings::Key& key,
+                                ListCall* pCall) {
     Directory directory;
-    bool bOpen = directory.Open(pcPath);
+    bool bOpen = directory.Open(pFound->name);
     if (!bOpen && errno == EMFILE) {
         // A list that is empty for want of a descriptor would pass for an empty directory.
         m_pUtilities->FreeCachedFileHandles(log.pRuntimeParam, log.pLogArgu);
-        bOpen = directory.Open(pcPath);
+        bOpen = directory.OpenAgain(pCall->GetPlace(*pFound), pFound);
     }
     if (!bOpen) {
         pCall->bEof = true;
         return NFS3_OK;
     }
-    const LookAt look(pCall->sPath);
+    const LookAt look(directory.GetDescriptor());
     CNameList names;
     if (directory.ReadNames(m_Listings.GetMaxMemory(), &names)) {
         if (!directory.HasFailed()) {
@@ -264,25 +287,28 @@ void CNfs3Prog::WriteEntry(COutputStream* pOutput, ProcessParam* pParam, const L
     NFS_LOG_INFO(log, kLogProcFuncArgu, "[%s] Cookie=%llu, name=%s", static_cast<unsigned long long>(entry.lCookie),
                  entry.sName.c_str());
     if (call.bPlus) {
-        WriteEntryTarget(pOutput, pParam, call, entry, pcPath, iFileID);
+        WriteEntryTarget(pOutput, pParam, entry, pcPath, iFileID);
     }
 }
 
 /// Writes what an entry of READDIRPLUS has besides: the attributes and the handle of what it leads to. Clients never
 /// see a link: one that leads nowhere, or out of the exports, has neither.
-void CNfs3Prog::WriteEntryTarget(COutputStream* pOutput, ProcessParam* pParam, const ListCall& call,
-                                 const ListedEntry& entry, const char* pcPath, unsigned int iFileID) {
+void CNfs3Prog::WriteEntryTarget(COutputStream* pOutput, ProcessParam* pParam, const ListedEntry& entry,
+                                 const char* pcPath, unsigned int iFileID) {
     const LogContext log = GetLog(pParam);
     post_op_attr attributes;
     post_op_fh3 handle;
     if (pcPath != nullptr) {
         const bool bLink = entry.found.bKnown && S_ISLNK(entry.found.status.st_mode);
         std::string sTarget;
-        const bool bShown = !bLink || ResolveWithinExports(pParam, pcPath, &sTarget);
+        FoundStatus target;
+        const bool bShown = !bLink || (ResolveWithinExports(pParam, pcPath, &sTarget) &&
+                                       FindWithoutLinks(sTarget.c_str(), &target) == Finding::kFound);
+        const FoundStatus& found = bLink ? target : entry.found;
         if (bShown) {
-            // What was found holds for a path without links.
-            const FoundStatus* pFound = !bLink && call.sCanonicalPath == call.sPath ? &entry.found : nullptr;
-            attributes = GetPostOpAttributes(log, bLink ? sTarget.c_str() : pcPath, pFound);
+            if (found.bKnown) {
+                attributes = GetPostOpAttributes(log, bLink ? sTarget.c_str() : pcPath, &found);
+            }
             // The ID is that of the handle; the path is resolved once more only where that is to be logged.
             handle.handle_follows = log.pRuntimeParam->IsLogGeneralInfo()
                                         ? GetNfsFileHandle(log.pRuntimeParam, log.pLogArgu, pcPath, &handle.handle)

@@ -3,6 +3,7 @@
 
 #include "InputStream.h"
 #include "OutputStream.h"
+#include "PathProbe.h"
 #include "Utilities.h"
 
 namespace {
@@ -23,23 +24,24 @@ int CNfs3Prog::ProcedureFSSTAT(CInputStream* pInput, COutputStream* pOutput, Pro
     std::string sPath;
     ReadPath(log.pRuntimeParam, log.pLogArgu, pInput, &sPath);
 
+    FoundStatus found;
     post_op_attr attributes;
-    const nfsstat3 iStatus = CheckFileSystem(pParam, sPath, &attributes);
+    const nfsstat3 iStatus = CheckFileSystem(pParam, sPath, &found, &attributes);
     if (iStatus != NFS3_OK) {
         WriteStatusAndAttributes(pOutput, iStatus);
         return EndProcedure(log, iStatus);
     }
-    const char* pcPath = sPath.c_str();
+    const FileSystemFigures figures = CUtilities::GetFileSystemFigures(sPath.c_str(), &found);
 
     Write(pOutput, static_cast<unsigned int>(iStatus));
     Write(pOutput, attributes);
-    pOutput->Write8(CUtilities::GetTotalDiskSpace(pcPath));
-    pOutput->Write8(CUtilities::GetFreeDiskSpace(pcPath));
-    pOutput->Write8(CUtilities::GetFreeDiskSpaceAvailableToCaller(pcPath));
-    pOutput->Write8(CUtilities::GetTotalFileSlots(pcPath));
-    pOutput->Write8(CUtilities::GetFreeFileSlots(pcPath));
-    pOutput->Write8(CUtilities::GetFreeFileSlotsAvailableToCaller(pcPath));
-    Write(pOutput, 0U);  // invarsec: the figures may change at any time
+    pOutput->Write8(figures.lTotalBytes);
+    pOutput->Write8(figures.lFreeBytes);
+    pOutput->Write8(figures.lFreeBytesForCaller);
+    pOutput->Write8(figures.lTotalSlots);
+    pOutput->Write8(figures.lFreeSlots);
+    pOutput->Write8(figures.lFreeSlots);  // the caller's: all of them
+    Write(pOutput, 0U);                   // invarsec: the figures may change at any time
     return EndProcedure(log, iStatus);
 }
 
@@ -48,8 +50,9 @@ int CNfs3Prog::ProcedureFSINFO(CInputStream* pInput, COutputStream* pOutput, Pro
     std::string sPath;
     ReadPath(log.pRuntimeParam, log.pLogArgu, pInput, &sPath);
 
+    FoundStatus found;
     post_op_attr attributes;
-    const nfsstat3 iStatus = CheckFileSystem(pParam, sPath, &attributes);
+    const nfsstat3 iStatus = CheckFileSystem(pParam, sPath, &found, &attributes);
     if (iStatus != NFS3_OK) {
         WriteStatusAndAttributes(pOutput, iStatus);
         return EndProcedure(log, iStatus);
@@ -64,20 +67,21 @@ int CNfs3Prog::ProcedureFSINFO(CInputStream* pInput, COutputStream* pOutput, Pro
     Write(pOutput, kMaxWriteSize);       // wtpref
     Write(pOutput, kPreferredMultiple);  // wtmult
     Write(pOutput, kPreferredListSize);  // dtpref
-    pOutput->Write8(CUtilities::GetMaxFileSize(sPath.c_str()));
+    pOutput->Write8(CUtilities::GetMaxFileSize(sPath.c_str(), &found));
     Write(pOutput, kTimeDelta);
     Write(pOutput, m_iFSF3Properties);
     return EndProcedure(log, iStatus);
 }
 
 /// The checks of FSSTAT and FSINFO: a path in an export that exists and has attributes.
-nfsstat3 CNfs3Prog::CheckFileSystem(ProcessParam* pParam, const std::string& sPath, post_op_attr* pAttributes) {
+nfsstat3 CNfs3Prog::CheckFileSystem(ProcessParam* pParam, const std::string& sPath, FoundStatus* pFound,
+                                    post_op_attr* pAttributes) {
     const LogContext log = GetLog(pParam);
-    const nfsstat3 iStatus = CheckExisting(pParam, sPath);
+    const nfsstat3 iStatus = CheckExisting(pParam, sPath, false, pFound);
     if (iStatus != NFS3_OK) {
         return iStatus;
     }
-    *pAttributes = GetPostOpAttributes(log, sPath.c_str());
+    *pAttributes = GetPostOpAttributes(log, sPath.c_str(), pFound);
     return pAttributes->attributes_follow ? NFS3_OK : NFS3ERR_IO;
 }
 

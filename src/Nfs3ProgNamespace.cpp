@@ -3,8 +3,12 @@
 // Regular files and directories only; links and special files are refused.
 #include "Nfs3Prog.h"
 
+#include <sys/stat.h>
+
+#include "FolderEntry.h"
 #include "InputStream.h"
 #include "OutputStream.h"
+#include "PathProbe.h"
 #include "Utilities.h"
 
 namespace {
@@ -20,39 +24,37 @@ int CNfs3Prog::ProcedureCREATE(CInputStream* pInput, COutputStream* pOutput, Pro
     const LogContext log = GetLog(pParam);
     diropargs3 dirOp;
     createhow3 how;
-    std::string sPath;
-    bool bEntryName = false;
-    ReadPath(log.pRuntimeParam, log.pLogArgu, pInput, &dirOp, &sPath, nullptr, nullptr, &bEntryName);
+    CFolderEntry entry;
+    bool bExists = false;
+    ReadNewFile(log, pInput, &dirOp, &entry, &bExists);
     Read(pInput, &how);
-    if (!bEntryName) {
-        sPath.clear();  // nothing is made under a name that is not wholly used
-    }
 
-    nfsstat3 iStatus = CheckNewEntry(pParam, sPath);
+    FoundStatus made;
+    nfsstat3 iStatus = CheckNewEntry(pParam, entry.GetPath());
     if (iStatus == NFS3_OK) {
-        iStatus = CreateFile(log, sPath, how);
+        iStatus = CreateFile(log, entry, bExists, how, &made);
     }
 
-    WriteNewEntry(pOutput, log, sPath, iStatus);
+    WriteNewEntry(pOutput, log, entry.GetPath(), iStatus, made);
     return EndProcedure(log, iStatus);
 }
 
 /// Makes the file, or opens the one that is there; then sets the attributes asked for.
-nfsstat3 CNfs3Prog::CreateFile(const LogContext& log, const std::string& sPath, const createhow3& how) {
-    const char* pcPath = sPath.c_str();
-    const bool bAsk = how.mode == GUARDED || log.IsWanted(CRuntimeParam::kLogProcFuncArgu);
-    const bool bExists = bAsk && m_pUtilities->OS_IsFileExists(pcPath, nullptr);
+nfsstat3 CNfs3Prog::CreateFile(const LogContext& log, const CFolderEntry& entry, bool bExists, const createhow3& how,
+                               FoundStatus* pMade) {
     NFS_LOG_INFO(log, kLogProcFuncArgu, "[%s] Mode: %d, Is file exist before create: %d", static_cast<int>(how.mode),
                  bExists ? 1 : 0);
     nfsstat3 iStatus = NFS3_OK;
     if (how.mode == GUARDED && bExists) {
         iStatus = NFS3ERR_EXIST;
-    } else if (how.mode > EXCLUSIVE || !m_pUtilities->NewFile(log.pRuntimeParam, log.pLogArgu, pcPath) ||
-               !UpdateFileAttributes(log, sPath, how.obj_attributes)) {
+    } else if (how.mode > EXCLUSIVE || !m_pUtilities->NewFile(log.pRuntimeParam, log.pLogArgu, entry, pMade) ||
+               !UpdateFileAttributes(log, entry.GetPath(), how.obj_attributes, *pMade)) {
         iStatus = NFS3ERR_IO;
     }
-    NFS_LOG_INFO(log, kLogProcFuncArgu, "[%s] Is file exist after create: %d",
-                 m_pUtilities->OS_IsFileExists(pcPath, nullptr) ? 1 : 0);
+    NFS_LOG_INFO(log, kLogProcFuncArgu, "[%s] Is file exist after create: %d", entry.Exists() ? 1 : 0);
+    if (iStatus == NFS3_OK && how.obj_attributes.SetsAnything()) {
+        pMade->bKnown = ::fstat(pMade->name.Get(), &pMade->status) == 0;
+    }
     return iStatus;
 }
 
@@ -60,20 +62,23 @@ int CNfs3Prog::ProcedureMKDIR(CInputStream* pInput, COutputStream* pOutput, Proc
     const LogContext log = GetLog(pParam);
     diropargs3 dirOp;
     sattr3 attributes;
-    std::string sPath;
+    CFolderEntry entry;
     bool bExists = false;
-    ReadEntryPath(log, pInput, &dirOp, &sPath, &bExists);
+    ReadEntryPath(log, pInput, &dirOp, &entry, &bExists);
     Read(pInput, &attributes, false);
 
-    nfsstat3 iStatus = CheckNewEntry(pParam, sPath);
+    FoundStatus made;
+    nfsstat3 iStatus = CheckNewEntry(pParam, entry.GetPath());
     if (iStatus == NFS3_OK) {
         const unsigned int iMode = attributes.mode.set_it ? attributes.mode.mode : kDefaultFolderMode;
-        if (m_pUtilities->OS_FolderCreate(log.pRuntimeParam, log.pLogArgu, sPath.c_str(), iMode, nullptr) == -1) {
+        if (m_pUtilities->OS_FolderCreate(log.pRuntimeParam, log.pLogArgu, entry, iMode, nullptr) == -1) {
             iStatus = NFS3ERR_IO;
+        } else {
+            made.bKnown = entry.Look(&made.status);
         }
     }
 
-    WriteNewEntry(pOutput, log, sPath, iStatus);
+    WriteNewEntry(pOutput, log, entry.GetPath(), iStatus, made);
     return EndProcedure(log, iStatus);
 }
 
@@ -87,17 +92,20 @@ nfsstat3 CNfs3Prog::CheckNewEntry(ProcessParam* pParam, const std::string& sPath
 }
 
 /// The reply of CREATE and MKDIR: handle and attributes of what was made, nothing of the directory.
-void CNfs3Prog::WriteNewEntry(COutputStream* pOutput, const LogContext& log, const std::string& sPath,
-                              nfsstat3 iStatus) {
+void CNfs3Prog::WriteNewEntry(COutputStream* pOutput, const LogContext& log, const std::string& sPath, nfsstat3 iStatus,
+                              const FoundStatus& made) {
     if (iStatus != NFS3_OK) {
         WriteStatusAndWcc(pOutput, iStatus);
         return;
     }
+    const char* pcPath = sPath.c_str();
     post_op_fh3 handle;
-    handle.handle_follows = GetNfsFileHandle(log.pRuntimeParam, log.pLogArgu, sPath.c_str(), &handle.handle);
+    handle.handle_follows = IsPlainPath(pcPath)
+                                ? GetCanonicalHandle(log, pcPath, &handle.handle)
+                                : GetNfsFileHandle(log.pRuntimeParam, log.pLogArgu, pcPath, &handle.handle);
     Write(pOutput, static_cast<unsigned int>(iStatus));
     Write(pOutput, handle);
-    Write(pOutput, GetPostOpAttributes(log, sPath.c_str()));
+    Write(pOutput, made.bKnown ? GetPostOpAttributes(log, pcPath, &made) : post_op_attr{});
     Write(pOutput, wcc_data{});
 }
 
@@ -106,12 +114,12 @@ void CNfs3Prog::WriteNewEntry(COutputStream* pOutput, const LogContext& log, con
 int CNfs3Prog::ProcedureREMOVE(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam) {
     const LogContext log = GetLog(pParam);
     diropargs3 dirOp;
-    std::string sPath;
+    CFolderEntry entry;
     bool bExists = false;
-    ReadEntryPath(log, pInput, &dirOp, &sPath, &bExists);
+    ReadEntryPath(log, pInput, &dirOp, &entry, &bExists);
 
-    nfsstat3 iStatus = CheckRemoval(pParam, sPath, bExists);
-    if (iStatus == NFS3_OK && !m_pUtilities->RemoveFile(log.pRuntimeParam, log.pLogArgu, sPath.c_str())) {
+    nfsstat3 iStatus = CheckRemoval(pParam, entry.GetPath(), bExists);
+    if (iStatus == NFS3_OK && !m_pUtilities->RemoveFile(log.pRuntimeParam, log.pLogArgu, entry)) {
         iStatus = NFS3ERR_IO;
     }
 
@@ -122,13 +130,12 @@ int CNfs3Prog::ProcedureREMOVE(CInputStream* pInput, COutputStream* pOutput, Pro
 int CNfs3Prog::ProcedureRMDIR(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam) {
     const LogContext log = GetLog(pParam);
     diropargs3 dirOp;
-    std::string sPath;
+    CFolderEntry entry;
     bool bExists = false;
-    ReadEntryPath(log, pInput, &dirOp, &sPath, &bExists);
+    ReadEntryPath(log, pInput, &dirOp, &entry, &bExists);
 
-    nfsstat3 iStatus = CheckRemoval(pParam, sPath, bExists);
-    if (iStatus == NFS3_OK &&
-        m_pUtilities->OS_FolderRemove(log.pRuntimeParam, log.pLogArgu, sPath.c_str(), nullptr) == -1) {
+    nfsstat3 iStatus = CheckRemoval(pParam, entry.GetPath(), bExists);
+    if (iStatus == NFS3_OK && m_pUtilities->OS_FolderRemove(log.pRuntimeParam, log.pLogArgu, entry, nullptr) == -1) {
         iStatus = NFS3ERR_IO;
     }
 
@@ -138,18 +145,18 @@ int CNfs3Prog::ProcedureRMDIR(CInputStream* pInput, COutputStream* pOutput, Proc
 
 int CNfs3Prog::ProcedureRENAME(CInputStream* pInput, COutputStream* pOutput, ProcessParam* pParam) {
     const LogContext log = GetLog(pParam);
-    diropargs3 from;
-    diropargs3 to;
-    std::string sFrom;
-    std::string sTo;
+    diropargs3 dirFrom;
+    diropargs3 dirTo;
+    CFolderEntry from;
+    CFolderEntry to;
     bool bFromExists = false;
     bool bToExists = false;  // the host's business
-    ReadEntryPath(log, pInput, &from, &sFrom, &bFromExists);
-    ReadEntryPath(log, pInput, &to, &sTo, &bToExists);
+    ReadEntryPath(log, pInput, &dirFrom, &from, &bFromExists);
+    ReadEntryPath(log, pInput, &dirTo, &to, &bToExists);
 
-    nfsstat3 iStatus = CheckOldEntry(pParam, sFrom, bFromExists);
+    nfsstat3 iStatus = CheckOldEntry(pParam, from.GetPath(), bFromExists);
     if (iStatus == NFS3_OK) {
-        iStatus = RenameEntry(pParam, sFrom, sTo);
+        iStatus = RenameEntry(pParam, from, to);
     }
 
     WriteStatusAndWcc(pOutput, iStatus);
@@ -159,8 +166,10 @@ int CNfs3Prog::ProcedureRENAME(CInputStream* pInput, COutputStream* pOutput, Pro
 
 /// Renames an existing entry to a path that lies in an export too. An export's directory stays where it is, and so does
 /// every folder on the way to it: the export would come to be something else, or nothing.
-nfsstat3 CNfs3Prog::RenameEntry(ProcessParam* pParam, const std::string& sFrom, const std::string& sTo) {
+nfsstat3 CNfs3Prog::RenameEntry(ProcessParam* pParam, const CFolderEntry& from, const CFolderEntry& to) {
     const LogContext log = GetLog(pParam);
+    const std::string& sFrom = from.GetPath();
+    const std::string& sTo = to.GetPath();
     const nfsstat3 iStatus = CheckPath(pParam, &pParam->logArgu, sTo.c_str(), false);
     if (iStatus != NFS3_OK) {
         return iStatus;
@@ -181,7 +190,7 @@ nfsstat3 CNfs3Prog::RenameEntry(ProcessParam* pParam, const std::string& sFrom, 
     if (m_pUtilities->HoldsMountPoint(sFrom.c_str()) || m_pUtilities->HoldsMountPoint(sTo.c_str())) {
         return NFS3ERR_IO;
     }
-    return m_pUtilities->RenameFile(log.pRuntimeParam, log.pLogArgu, sFrom.c_str(), sTo.c_str()) ? NFS3_OK : NFS3ERR_IO;
+    return m_pUtilities->RenameFile(log.pRuntimeParam, log.pLogArgu, from, to) ? NFS3_OK : NFS3ERR_IO;
 }
 
 /// The checks of REMOVE and RMDIR: an entry that is no export's directory and not on the way to one.

@@ -4,16 +4,23 @@
 // to in three places: a path is made with all links resolved (ReadPath), or all but a link that is the entry itself and
 // is not followed either when it is acted on (ReadEntryPath), and a path that has to exist holds no link, or only such
 // as stay within the exports that serve the client (CheckPath).
+//
+// Somebody on the host may put a link in a path's way at any moment. So what a call looked at is what it acts on: a
+// descriptor of the file that was found (FoundStatus), or of the folder that an entry is in (CFolderEntry), each opened
+// by a path without links. A path is not gone by a second time.
 #include "Nfs3Prog.h"
 
 #include <cerrno>
 #include <cstring>
 #include <optional>
 #include <string_view>
+#include <utility>
 
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "BatchLooks.h"
+#include "FolderEntry.h"
 #include "InputStream.h"
 #include "PathProbe.h"
 #include "Paths.h"
@@ -111,51 +118,105 @@ bool CNfs3Prog::ReadPath(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, 
 }
 
 bool CNfs3Prog::ReadPath(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, CInputStream* pInput,
-                         diropargs3* pDirOp, std::string* psPath, bool* pbResolved, FoundStatus* pStatus,
-                         bool* pbEntryName) {
+                         diropargs3* pDirOp, std::string* psPath, FoundStatus* pStatus) {
     psPath->clear();
     char vcJoined[kPathBufferSize];
     bool bWhole = false;
     const LogContext log{m_pLog, pRuntimeParam, pLogArgu};
-    const bool bJoined = ReadJoinedPath(log, pInput, pDirOp, vcJoined, &bWhole);
-    bool bResolved = false;
-    if (bJoined) {
-        char vcPath[kPathBufferSize];
-        bResolved = m_pUtilities->GetCanonicalPath(pRuntimeParam, pLogArgu, vcPath, vcJoined, pStatus);
-        *psPath = bResolved ? vcPath : FindMissingFile(vcJoined);
-        LogPath(log, *psPath);
+    if (!ReadJoinedPath(log, pInput, pDirOp, vcJoined, &bWhole)) {
+        return false;
     }
-    if (pbResolved != nullptr) {
-        *pbResolved = bResolved;
-    }
-    if (pbEntryName != nullptr) {
-        *pbEntryName = bWhole && IsEntryName(pDirOp->name.sPath);
-    }
-    return bJoined;
+    FoundStatus found;
+    *psPath = FindJoinedPath(log, vcJoined, pStatus != nullptr ? pStatus : &found);
+    LogPath(log, *psPath);
+    return true;
 }
 
-bool CNfs3Prog::ReadEntryPath(const LogContext& log, CInputStream* pInput, diropargs3* pDirOp, std::string* psPath,
+/// The path with all links resolved as far as it exists.
+std::string CNfs3Prog::FindJoinedPath(const LogContext& log, const char* pcJoined, FoundStatus* pStatus) {
+    if (!log.pRuntimeParam->IsLogGeneralInfo() && IsPlainPath(pcJoined) && CBatchLooks::Find(pcJoined, pStatus)) {
+        return pcJoined;
+    }
+    char vcPath[kPathBufferSize];
+    if (m_pUtilities->GetCanonicalPath(log.pRuntimeParam, log.pLogArgu, vcPath, pcJoined, pStatus)) {
+        CBatchLooks::Keep(vcPath, *pStatus);
+        return vcPath;
+    }
+    return pStatus->bMissing ? pcJoined : FindMissingFile(pcJoined);
+}
+
+bool CNfs3Prog::ReadEntryPath(const LogContext& log, CInputStream* pInput, diropargs3* pDirOp, CFolderEntry* pEntry,
                               bool* pbExists) {
-    psPath->clear();
     *pbExists = false;
     char vcJoined[kPathBufferSize];
     bool bWhole = false;
     if (!ReadJoinedPath(log, pInput, pDirOp, vcJoined, &bWhole) || !bWhole) {
         return false;
     }
+    FoundStatus found;
     char vcPath[kPathBufferSize];
-    const bool bResolved = m_pUtilities->GetCanonicalPath(log.pRuntimeParam, log.pLogArgu, vcPath, vcJoined);
-    if (!IsEntryName(pDirOp->name.sPath)) {
-        *pbExists = bResolved;
-        psPath->append(vcPath).append(kFolderItself);
-    } else if (bResolved && std::strcmp(vcPath, vcJoined) == 0) {
-        *pbExists = true;  // nothing of it is a link
-        *psPath = vcJoined;
+    if (FindEntryInOneStep(log, vcJoined, pEntry, &found)) {
+        *pbExists = found.bKnown;
+    } else if (!IsEntryName(pDirOp->name.sPath)) {
+        *pbExists = m_pUtilities->GetCanonicalPath(log.pRuntimeParam, log.pLogArgu, vcPath, vcJoined);
+        *pEntry = CFolderEntry(std::string(vcPath).append(kFolderItself).c_str());
     } else {
-        *psPath = FindEntry(vcJoined, pbExists);
+        m_pUtilities->GetCanonicalPath(log.pRuntimeParam, log.pLogArgu, vcPath, vcJoined);
+        *pEntry = OpenEntry(log, FindEntry(vcJoined, pbExists));
     }
-    LogPath(log, *psPath);
+    LogPath(log, pEntry->GetPath());
     return true;
+}
+
+bool CNfs3Prog::ReadNewFile(const LogContext& log, CInputStream* pInput, diropargs3* pDirOp, CFolderEntry* pEntry,
+                            bool* pbExists) {
+    char vcJoined[kPathBufferSize];
+    bool bWhole = false;
+    if (!ReadJoinedPath(log, pInput, pDirOp, vcJoined, &bWhole)) {
+        return false;
+    }
+    FoundStatus found;
+    if (!FindEntryInOneStep(log, vcJoined, pEntry, &found) || (found.bKnown && S_ISLNK(found.status.st_mode))) {
+        FoundStatus target;
+        *pEntry = OpenEntry(log, FindJoinedPath(log, vcJoined, &target));
+        found.bKnown = pEntry->Exists();
+    }
+    *pbExists = found.bKnown;
+    LogPath(log, pEntry->GetPath());
+    if (!bWhole || !IsEntryName(pDirOp->name.sPath)) {
+        *pEntry = CFolderEntry();  // nothing is made under a name that is not wholly used
+    }
+    return true;
+}
+
+/// Opens the folder that holds an entry and looks for the entry, which may be missing, and the folder with it. False if
+/// the path is to be resolved first. The lines that tell of the resolving go out as ever.
+bool CNfs3Prog::FindEntryInOneStep(const LogContext& log, const char* pcJoined, CFolderEntry* pEntry,
+                                   FoundStatus* pStatus) {
+    if (!IsPlainPath(pcJoined)) {
+        return false;
+    }
+    *pEntry = OpenEntry(log, pcJoined);
+    const int iError = pEntry->GetError();
+    if (iError != 0 && iError != ENOENT && iError != ENOTDIR) {
+        return false;
+    }
+    pStatus->bKnown = pEntry->Look(&pStatus->status);
+    if (log.pRuntimeParam->IsLogGeneralInfo() && !(pStatus->bKnown && S_ISLNK(pStatus->status.st_mode))) {
+        char vcPath[kPathBufferSize];
+        m_pUtilities->GetCanonicalPath(log.pRuntimeParam, log.pLogArgu, vcPath, pcJoined);
+    }
+    return true;
+}
+
+/// An entry in its folder, opened with the help of descriptors that the cache gives up if there are no others.
+CFolderEntry CNfs3Prog::OpenEntry(const LogContext& log, std::string sPath) {
+    CFolderEntry entry = CFolderEntry::InItsFolder(std::move(sPath));
+    if (entry.GetError() == EMFILE) {
+        m_pUtilities->FreeCachedFileHandles(log.pRuntimeParam, log.pLogArgu);
+        entry = CFolderEntry::InItsFolder(entry.GetPath());
+    }
+    return entry;
 }
 
 /// Reads a directory handle and a name and joins the paths; *pbWhole tells whether the name is as it was sent. The name
@@ -250,8 +311,14 @@ nfsstat3 CNfs3Prog::CheckPath(ProcessParam* pParam, const LogArgu* pLogArgu, con
     if (!bMustExist) {
         return NFS3_OK;
     }
-    switch (FindWithoutLinks(pcPath, pStatus)) {
+    FoundStatus unasked;
+    FoundStatus* pFound = pStatus != nullptr ? pStatus : &unasked;
+    if (CBatchLooks::Find(pcPath, pFound)) {
+        return NFS3_OK;
+    }
+    switch (FindWithoutLinks(pcPath, pFound)) {
         case Finding::kFound:
+            CBatchLooks::Keep(pcPath, *pFound);
             return NFS3_OK;
         case Finding::kMissing:
             m_pUtilities->DropMissingFile(pParam->pRuntimeParam, pLogArgu, pcPath);
@@ -259,14 +326,35 @@ nfsstat3 CNfs3Prog::CheckPath(ProcessParam* pParam, const LogArgu* pLogArgu, con
         case Finding::kUnknown:
             break;
     }
+    return CheckLinks(pParam, {m_pLog, pParam->pRuntimeParam, pLogArgu}, pcPath, pFound);
+}
+
+/// The check of a path that holds links: it is judged by where they lead, and what is found there without any is what
+/// the call is about.
+nfsstat3 CNfs3Prog::CheckLinks(ProcessParam* pParam, const LogContext& log, const char* pcPath, FoundStatus* pStatus) {
     if (!m_pUtilities->OS_IsFileExists(pcPath, nullptr)) {
-        m_pUtilities->DropMissingFile(pParam->pRuntimeParam, pLogArgu, pcPath);
+        m_pUtilities->DropMissingFile(log.pRuntimeParam, log.pLogArgu, pcPath);
         return NFS3ERR_IO;
     }
     const std::optional<std::string> sResolved = ResolveLinks(pcPath);
-    const LogContext log{m_pLog, pParam->pRuntimeParam, pLogArgu};
-    return sResolved && FindExportQuietly(log, pParam, sResolved->c_str()) == MountAccess::kServed ? NFS3_OK
-                                                                                                   : NFS3ERR_IO;
+    if (!sResolved || FindExportQuietly(log, pParam, sResolved->c_str()) != MountAccess::kServed) {
+        return NFS3ERR_IO;
+    }
+    pStatus->sResolved = *sResolved != pcPath ? *sResolved : "";
+    return LookAtResolved(log, *sResolved, pStatus) ? NFS3_OK : NFS3ERR_IO;
+}
+
+/// Finds what a path leads to that held no link a moment ago.
+bool CNfs3Prog::LookAtResolved(const LogContext& log, const std::string& sResolved, FoundStatus* pStatus) {
+    Finding finding = FindWithoutLinks(sResolved.c_str(), pStatus);
+    if (finding == Finding::kUnknown && errno == EMFILE) {
+        m_pUtilities->FreeCachedFileHandles(log.pRuntimeParam, log.pLogArgu);
+        finding = FindWithoutLinks(sResolved.c_str(), pStatus);
+    }
+    if (finding == Finding::kUnknown && errno == EMFILE) {
+        pStatus->bKnown = ::lstat(sResolved.c_str(), &pStatus->status) == 0;  // that takes no descriptor
+    }
+    return pStatus->bKnown;
 }
 
 /// The first two checks of most procedures: the path lies in an export, and it exists, which need not be asked again of

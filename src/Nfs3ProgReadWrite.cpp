@@ -84,7 +84,7 @@ unsigned long long GetMaxFileSize(const char* pcPath, const FoundStatus& found) 
     if (const auto lKept = last.Find(found.status.st_dev)) {
         return *lKept;
     }
-    const unsigned long long lMaxSize = CUtilities::GetMaxFileSize(pcPath);
+    const unsigned long long lMaxSize = CUtilities::GetMaxFileSize(pcPath, &found);
     last.Keep(found.status.st_dev, lMaxSize);
     return lMaxSize;
 }

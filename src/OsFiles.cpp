@@ -26,6 +26,10 @@ constexpr mode_t kNewFileMode = 0666;
 constexpr mode_t kResizedFileMode = 0755;
 constexpr unsigned int kNewFolderMode = 0755;
 
+bool IsKnown(const FoundStatus* pFound) {
+    return pFound != nullptr && pFound->bKnown;
+}
+
 }  // namespace
 
 COsFiles::COsFiles() = default;
@@ -64,9 +68,9 @@ int COsFiles::CreateFile(const LogContext& log, const char* pcPath, int iMoreFla
     return ReportCreate(log, pcPath, iFile, errno, pcStatus);
 }
 
-int COsFiles::CreateRegular(const LogContext& log, const char* pcPath) {
-    const int iFile = OpenWithRetry(log, [pcPath] { return CreateRegularFile(pcPath, kNewFileMode); });
-    return ReportCreate(log, pcPath, iFile, errno, nullptr);
+int COsFiles::CreateRegular(const LogContext& log, const CFolderEntry& entry) {
+    const int iFile = OpenWithRetry(log, [&entry] { return CreateRegularFile(entry, kNewFileMode); });
+    return ReportCreate(log, entry.GetPathText(), iFile, errno, nullptr);
 }
 
 /// Logs how the making of a file went; returns its descriptor.
@@ -76,22 +80,23 @@ int COsFiles::ReportCreate(const LogContext& log, const char* pcPath, int iFile,
     return iFile;
 }
 
-int COsFiles::OS_FileRemove(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, char* pcStatus) {
+int COsFiles::OS_FileRemove(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const CFolderEntry& entry,
+                            char* pcStatus) {
     const LogContext log{this, pRuntimeParam, pLogArgu};
-    const int iResult = std::remove(pcPath);
+    const int iResult = entry.Remove();
     NFS_LOG_CALL(log, iResult != -1, errno, pcStatus, "[%s] OS remove file \"%s\"",
-                 "[%s] OS remove file \"%s\". Error=%s", pcPath);
+                 "[%s] OS remove file \"%s\". Error=%s", entry.GetPathText());
     return iResult;
 }
 
-int COsFiles::OS_FileRename(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPathFrom,
-                            const char* pcPathTo, char* pcStatus) {
+int COsFiles::OS_FileRename(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const CFolderEntry& from,
+                            const CFolderEntry& to, char* pcStatus) {
     const LogContext log{this, pRuntimeParam, pLogArgu};
-    const int iResult = std::rename(pcPathFrom, pcPathTo);
+    const int iResult = from.RenameTo(to);
     if (iResult == -1) {
-        ReportRenameFailure(log, pcPathFrom, pcPathTo, errno, pcStatus);
+        ReportRenameFailure(log, from.GetPathText(), to.GetPathText(), errno, pcStatus);
     } else {
-        ReportRename(log, pcPathFrom, pcPathTo);
+        ReportRename(log, from.GetPathText(), to.GetPathText());
     }
     return iResult;
 }
@@ -130,37 +135,39 @@ bool COsFiles::OS_IsFileExists(const char* pcPath, char* pcStatus) {
     return false;
 }
 
-int COsFiles::OS_FolderCreate(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
+int COsFiles::OS_FolderCreate(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const CFolderEntry& entry,
                               unsigned int iMode, char* pcStatus) {
     const LogContext log{this, pRuntimeParam, pLogArgu};
-    const int iResult = ::mkdir(pcPath, iMode);
+    const int iResult = entry.MakeFolder(iMode);
     NFS_LOG_CALL(log, iResult != -1, errno, pcStatus, "[%s] OS create folder \"%s\" (mode = %d)",
-                 "[%s] OS create folder \"%s\" (mode = %d). Error=%s", pcPath, static_cast<int>(iMode));
+                 "[%s] OS create folder \"%s\" (mode = %d). Error=%s", entry.GetPathText(), static_cast<int>(iMode));
     return iResult;
 }
 
-int COsFiles::OS_FolderRemove(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
+int COsFiles::OS_FolderRemove(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const CFolderEntry& entry,
                               char* pcStatus) {
     const LogContext log{this, pRuntimeParam, pLogArgu};
-    const int iResult = ::rmdir(pcPath);
+    const int iResult = entry.RemoveFolder();
     NFS_LOG_CALL(log, iResult != -1, errno, pcStatus, "[%s] OS remove folder \"%s\"",
-                 "[%s] OS remove folder \"%s\". Error=%s", pcPath);
+                 "[%s] OS remove folder \"%s\". Error=%s", entry.GetPathText());
     return iResult;
 }
 
 int COsFiles::OS_SetFileMode(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
-                             unsigned int iMode, char* pcStatus) {
+                             unsigned int iMode, char* pcStatus, const FoundStatus* pFound) {
     const LogContext log{this, pRuntimeParam, pLogArgu};
-    const int iResult = ::chmod(pcPath, iMode);
+    const int iResult = IsKnown(pFound) ? SetModeOf(pcPath, *pFound, iMode) : ::chmod(pcPath, iMode);
     NFS_LOG_CALL(log, iResult != -1, errno, pcStatus, "[%s] OS set file mode \"%s\" (mode = %d)",
                  "[%s] OS set file mode \"%s\" (mode = %d). Error=%s", pcPath, static_cast<int>(iMode));
     return iResult;
 }
 
 bool COsFiles::OS_SetFileSize(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
-                              unsigned long long iSize, char* pcStatus) {
+                              unsigned long long iSize, char* pcStatus, const FoundStatus* pFound) {
     const LogContext log{this, pRuntimeParam, pLogArgu};
-    const CDescriptor file(OpenWithRetry(log, [pcPath] { return CreateRegularFile(pcPath, kResizedFileMode); }));
+    const CDescriptor file(OpenWithRetry(log, [pcPath, pFound] {
+        return IsKnown(pFound) ? OpenRegularFile(pcPath, O_RDWR, *pFound) : CreateRegularFile(pcPath, kResizedFileMode);
+    }));
     struct stat attributes {};
     bool bSuccess = file.IsOpen() && ::fstat(file.Get(), &attributes) == 0;
     if (bSuccess && static_cast<unsigned long long>(attributes.st_size) == iSize) {
@@ -177,7 +184,7 @@ int COsFiles::OS_GetFileStat(CRuntimeParam* pRuntimeParam, const LogArgu* pLogAr
                              struct stat* pStat, char* pcStatus, const FoundStatus* pFound) {
     const LogContext log{this, pRuntimeParam, pLogArgu};
     int iResult = 0;
-    if (pFound != nullptr && pFound->bKnown) {
+    if (IsKnown(pFound)) {
         *pStat = pFound->status;
     } else {
         iResult = ::lstat(pcPath, pStat);

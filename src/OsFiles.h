@@ -5,6 +5,7 @@
 #include <sys/types.h>
 
 #include "CachedFile.h"
+#include "FolderEntry.h"
 #include "Log.h"
 #include "PathProbe.h"
 
@@ -27,9 +28,9 @@ public:
     /// The same for a file that only grows: every write goes to its end, wherever that is by then.
     int OS_FileCreateToAppend(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
                               char* pcStatus);
-    int OS_FileRemove(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, char* pcStatus);
-    int OS_FileRename(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPathFrom,
-                      const char* pcPathTo, char* pcStatus);
+    int OS_FileRemove(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const CFolderEntry& entry, char* pcStatus);
+    int OS_FileRename(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const CFolderEntry& from,
+                      const CFolderEntry& to, char* pcStatus);
     /// With bRetry, running out of descriptors frees some and tries once more.
     int OS_FileOpen(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, int iFlags, bool bRetry,
                     char* pcStatus);
@@ -50,14 +51,16 @@ public:
     int OS_FileWriteAt(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const CCachedFile& file,
                        long long iOffset, const void* pvBuffer, unsigned int iLen, char* pcStatus);
     bool OS_IsFileExists(const char* pcPath, char* pcStatus);
-    int OS_FolderCreate(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, unsigned int iMode,
+    int OS_FolderCreate(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const CFolderEntry& entry,
+                        unsigned int iMode, char* pcStatus);
+    int OS_FolderRemove(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const CFolderEntry& entry,
                         char* pcStatus);
-    int OS_FolderRemove(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, char* pcStatus);
+    /// What was just found for the path, if there is such a look, is what is changed, here and below.
     int OS_SetFileMode(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, unsigned int iMode,
-                       char* pcStatus);
+                       char* pcStatus, const FoundStatus* pFound = nullptr);
     /// Makes the file if it is missing. What is not a regular file is not opened.
     bool OS_SetFileSize(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
-                        unsigned long long iSize, char* pcStatus);
+                        unsigned long long iSize, char* pcStatus, const FoundStatus* pFound = nullptr);
     /// Links are not followed. With the status that was just found for the path, if there is one, nothing is asked.
     int OS_GetFileStat(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, struct stat* pStat,
                        char* pcStatus, const FoundStatus* pFound = nullptr);
@@ -66,7 +69,7 @@ public:
 
 protected:
     /// OS_FileCreate for a client: a regular file or none.
-    int CreateRegular(const LogContext& log, const char* pcPath);
+    int CreateRegular(const LogContext& log, const CFolderEntry& entry);
 
     // The lines of calls that are made in more than one place. -1 as descriptor or result is a failure.
     static int ReportOpen(const LogContext& log, const char* pcPath, int iFile, int iError, char* pcStatus);

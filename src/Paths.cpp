@@ -99,6 +99,9 @@ bool FindCanonicalPath(const char* pcPath, char (&vcCanonical)[kPathBufferSize],
                 std::memcpy(vcCanonical, pcPath, nLength + 1);
                 return true;
             case Finding::kMissing:
+                if (pStatus != nullptr) {
+                    pStatus->bMissing = true;
+                }
                 return false;
             case Finding::kUnknown:
                 break;

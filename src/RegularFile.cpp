@@ -7,8 +7,6 @@
 #include <cerrno>
 #include <cstdio>
 
-#include <linux/openat2.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "Descriptor.h"
@@ -17,17 +15,6 @@ namespace {
 
 /// "/proc/self/fd/" and a descriptor.
 constexpr std::size_t kDescriptorPathSize = 32;
-
-/// A descriptor that only names what the path leads to.
-CDescriptor OpenName(const char* pcPath, PathLinks links) {
-    if (links == PathLinks::kFollowed) {
-        return CDescriptor(::open(pcPath, O_PATH | O_CLOEXEC));
-    }
-    open_how how{};
-    how.flags = O_PATH | O_CLOEXEC;
-    how.resolve = RESOLVE_NO_SYMLINKS;
-    return CDescriptor(static_cast<int>(::syscall(SYS_openat2, AT_FDCWD, pcPath, &how, sizeof(how))));
-}
 
 /// errno outlives the closing of descriptors.
 class ErrorKeeper {
@@ -46,23 +33,67 @@ private:
     int m_iError = errno;
 };
 
+/// Opens a path, whatever it names.
+int OpenPath(const char* pcPath, PathLinks links, int iFlags) {
+    return links == PathLinks::kFollowed ? ::open(pcPath, iFlags) : OpenWithoutLinks(AT_FDCWD, pcPath, iFlags);
+}
+
+/// Where what was found lies, and whether links lead there.
+const char* GetPlace(const char* pcPath, const FoundStatus& found) {
+    return found.sResolved.empty() ? pcPath : found.sResolved.c_str();
+}
+PathLinks GetLinks(const FoundStatus& found) {
+    return found.bKnown && !found.bLinks ? PathLinks::kRefused : PathLinks::kFollowed;
+}
+
+/// The path under which the process finds what its descriptor names.
+class DescriptorPath {
+public:
+    explicit DescriptorPath(int iDescriptor) {
+        std::snprintf(m_vcPath, sizeof(m_vcPath), "/proc/self/fd/%d", iDescriptor);
+    }
+    const char* Get() const { return m_vcPath; }
+
+private:
+    char m_vcPath[kDescriptorPathSize];
+};
+
 /// Without /proc, or with one descriptor left, a descriptor cannot be opened anew. The path is opened once more then;
 /// what it names by now is kept only if it is still the file that was looked at.
-int OpenAgainByPath(const char* pcPath, int iFlags, const FileIdentity& identity) {
+template <class Open>
+int OpenSame(const Open& open, int iFlags, const struct stat& looked) {
     ErrorKeeper error;
-    CDescriptor file(::open(pcPath, iFlags | kOpenFlags));
-    if (!file.IsOpen()) {
-        return error.Fail();
-    }
+    CDescriptor file(open(iFlags | kOpenFlags));
     struct stat status {};
-    if (::fstat(file.Get(), &status) != 0) {
+    if (!file.IsOpen() || ::fstat(file.Get(), &status) != 0) {
         return error.Fail();
     }
-    if (FileIdentity(status) != identity) {
+    if (FileIdentity(status) != FileIdentity(looked)) {
         errno = ESTALE;
         return error.Fail();
     }
     return file.Release();
+}
+
+bool IsWorthAnotherTry() {
+    return errno == ENOENT || errno == EMFILE;
+}
+
+/// Opens a file in two steps; open leads to it with the flags that it is given.
+template <class Open>
+int OpenIfRegular(const Open& open, int iFlags) {
+    ErrorKeeper error;  // lives longer than the descriptor below, whose closing might change it
+    CDescriptor name(open(O_PATH | O_CLOEXEC));
+    struct stat status {};
+    if (!name.IsOpen() || ::fstat(name.Get(), &status) != 0 || !IsRegularFile(status)) {
+        return error.Fail();
+    }
+    int iFile = ::open(DescriptorPath(name.Get()).Get(), iFlags | kOpenFlags);
+    if (iFile == -1 && IsWorthAnotherTry()) {
+        name.Close();
+        iFile = OpenSame(open, iFlags, status);
+    }
+    return iFile == -1 ? error.Fail() : iFile;
 }
 
 }  // namespace
@@ -76,37 +107,62 @@ bool IsRegularFile(const struct stat& status) {
 }
 
 int OpenRegularFile(const char* pcPath, int iFlags, PathLinks links) {
-    ErrorKeeper error;  // lives longer than the descriptor below, whose closing might change it
-    CDescriptor name = OpenName(pcPath, links);
-    struct stat status {};
-    if (!name.IsOpen() || ::fstat(name.Get(), &status) != 0 || !IsRegularFile(status)) {
-        return error.Fail();
-    }
-    char vcName[kDescriptorPathSize];
-    std::snprintf(vcName, sizeof(vcName), "/proc/self/fd/%d", name.Get());
-    int iFile = ::open(vcName, iFlags | kOpenFlags);
-    if (iFile == -1 && (errno == ENOENT || errno == EMFILE)) {
-        name.Close();
-        iFile = OpenAgainByPath(pcPath, iFlags, FileIdentity(status));
-    }
-    return iFile == -1 ? error.Fail() : iFile;
+    return OpenIfRegular([=](int iOpenFlags) { return OpenPath(pcPath, links, iOpenFlags); }, iFlags);
 }
 
-int CreateRegularFile(const char* pcPath, mode_t iMode) {
-    const int iNew = ::open(pcPath, O_RDWR | O_CREAT | O_EXCL | kOpenFlags, iMode);
+int OpenRegularFile(const char* pcPath, int iFlags, const FoundStatus& found) {
+    const char* pcPlace = GetPlace(pcPath, found);
+    const PathLinks links = GetLinks(found);
+    if (!found.name.IsOpen()) {
+        return OpenRegularFile(pcPlace, iFlags, links);
+    }
+    if (!IsRegularFile(found.status)) {
+        return -1;
+    }
+    const int iFile = ::open(DescriptorPath(found.name.Get()).Get(), iFlags | kOpenFlags);
+    if (iFile != -1 || !IsWorthAnotherTry()) {
+        return iFile;
+    }
+    return OpenSame([=](int iOpenFlags) { return OpenPath(pcPlace, links, iOpenFlags); }, iFlags, found.status);
+}
+
+int CreateRegularFile(const CFolderEntry& entry, mode_t iMode) {
+    const int iNew = entry.Open(O_RDWR | O_CREAT | O_EXCL | kOpenFlags, iMode);
     if (iNew != -1 || errno != EEXIST) {
         return iNew;
     }
-    const int iOld = OpenRegularFile(pcPath, O_RDWR, PathLinks::kFollowed);
-    if (iOld != -1 || errno != ENOENT) {
+    const int iOld = OpenIfRegular([&entry](int iOpenFlags) { return entry.Open(iOpenFlags); }, O_RDWR);
+    if (iOld != -1 || errno != ENOENT || entry.IsInItsFolder()) {
         return iOld;
     }
     // A link that leads nowhere yet: the file is made where it points to.
     ErrorKeeper error;
-    CDescriptor target(::open(pcPath, O_RDWR | O_CREAT | kOpenFlags, iMode));
+    CDescriptor target(entry.Open(O_RDWR | O_CREAT | kOpenFlags, iMode));
     struct stat status {};
     if (!target.IsOpen() || ::fstat(target.Get(), &status) != 0 || !IsRegularFile(status)) {
         return error.Fail();
     }
     return target.Release();
+}
+
+int SetModeOf(const char* pcPath, const FoundStatus& found, mode_t iMode) {
+    const auto open = [pcPlace = GetPlace(pcPath, found), links = GetLinks(found)](int iFlags) {
+        return OpenPath(pcPlace, links, iFlags);
+    };
+    ErrorKeeper error;
+    const CDescriptor own(found.name.IsOpen() ? -1 : open(O_PATH | O_CLOEXEC));
+    const int iName = found.name.IsOpen() ? found.name.Get() : own.Get();
+    if (iName == -1) {
+        return error.Fail();
+    }
+    int iResult = ::fchmod(iName, iMode);
+    if (iResult == -1 && errno == EBADF) {  // the descriptor only names the file
+        iResult = ::chmod(DescriptorPath(iName).Get(), iMode);
+    }
+    const bool bPlain = S_ISREG(found.status.st_mode) || S_ISDIR(found.status.st_mode);
+    if (iResult == -1 && errno == ENOENT && bPlain) {  // there is no /proc
+        const CDescriptor file(OpenSame(open, O_RDONLY, found.status));
+        iResult = file.IsOpen() ? ::fchmod(file.Get(), iMode) : -1;
+    }
+    return iResult == -1 ? error.Fail() : iResult;
 }

@@ -5,6 +5,9 @@
 #include <sys/stat.h>
 #include <sys/types.h>
 
+#include "FolderEntry.h"
+#include "PathProbe.h"
+
 /// On every open: no child inherits the descriptor, nothing waits for the other end of a pipe or a line, and no
 /// terminal becomes the process's own. Regular files do not care.
 inline constexpr int kOpenFlags = O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
@@ -30,6 +33,13 @@ bool IsRegularFile(const struct stat& status);
 /// Opens an existing regular file. What else a path names is never opened, whoever puts it there and when: opening a
 /// device or a FIFO may already have an effect. The descriptor, or -1 with errno set.
 int OpenRegularFile(const char* pcPath, int iFlags, PathLinks links);
+/// The same for what was found under a path, and no other file: the path leads to it without links if there is no
+/// descriptor that names it.
+int OpenRegularFile(const char* pcPath, int iFlags, const FoundStatus& found);
 
 /// Makes a regular file, or opens the one that is there, for reading and writing. The descriptor, or -1 with errno set.
-int CreateRegularFile(const char* pcPath, mode_t iMode);
+/// By a path alone a link is followed, also one that leads nowhere yet.
+int CreateRegularFile(const CFolderEntry& entry, mode_t iMode);
+
+/// Sets the permissions of what was found under a path. 0, or -1 with errno set.
+int SetModeOf(const char* pcPath, const FoundStatus& found, mode_t iMode);

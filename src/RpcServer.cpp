@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstring>
 
+#include "BatchLooks.h"
 #include "BeforeAsking.h"
 #include "CallGuard.h"
 #include "InputStream.h"
@@ -217,7 +218,12 @@ CRpcServer::Next CRpcServer::ProcessSome(CSocket* pSocket) {
     if (pSocket->IsStopping()) {
         return Next::kReceive;  // it was told while it waited
     }
-    const CBeforeAsking before([pSocket] { pSocket->SendCollected(); }, [pSocket] { return pSocket->HasCollected(); });
+    const CBatchLooks looks;
+    const auto beforeAsking = [pSocket] {
+        pSocket->SendCollected();
+        CBatchLooks::Forget();
+    };
+    const CBeforeAsking before(beforeAsking, [pSocket] { return pSocket->HasCollected(); });
     const Clock::time_point begin = Clock::now();
     for (;;) {
         const Next next = ProcessNext(log, pSocket);

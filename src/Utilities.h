@@ -48,6 +48,15 @@ struct VSphereInfo {
     bool operator==(const VSphereInfo&) const = default;
 };
 
+/// What the file system that holds a path tells of itself: bytes and counts, all ones for what cannot be had.
+struct FileSystemFigures {
+    unsigned long long lTotalBytes = ~0ULL;
+    unsigned long long lFreeBytes = ~0ULL;
+    unsigned long long lFreeBytesForCaller = ~0ULL;
+    unsigned long long lTotalSlots = ~0ULL;
+    unsigned long long lFreeSlots = ~0ULL;
+};
+
 /// One open redirected file.
 struct RedirectedEntry {
     std::shared_ptr<CRedirectedFile> pFile;
@@ -181,19 +190,21 @@ public:
     /// found yet; the default is for one that cannot be opened.
     unsigned long long GetFileSize(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
                                    unsigned long long iDefaultSize, const FoundStatus* pFound = nullptr);
-    /// Makes a file; one that is there stays as it is.
-    bool NewFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath);
+    /// Makes a file; one that is there stays as it is. What it is then goes to pMade, if given.
+    bool NewFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const CFolderEntry& entry,
+                 FoundStatus* pMade = nullptr);
     /// Pairs of (set it, value); times in seconds and nanoseconds since 1970. Ordinary files take mode and size;
     /// owner and times are accepted and ignored. A redirected file's size and times are the host's to grant.
     bool UpdateFileAttributes(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, bool bMode,
                               unsigned int iMode, bool bUid, unsigned int iUid, bool bGid, unsigned int iGid,
                               bool bSize, unsigned long long iSize, bool bAtime, unsigned int iAtimeSec,
-                              unsigned int iAtimeNsec, bool bMtime, unsigned int iMtimeSec, unsigned int iMtimeNsec);
+                              unsigned int iAtimeNsec, bool bMtime, unsigned int iMtimeSec, unsigned int iMtimeNsec,
+                              const FoundStatus* pFound = nullptr);
     /// Takes the place of what stands under the new path, and its handle along (UtilitiesRename.cpp). False also when
     /// the path never had a handle, though it is renamed. Onto itself: true, and nothing changes.
-    bool RenameFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPathFrom,
-                    const char* pcPathTo);
-    bool RemoveFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath);
+    bool RenameFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const CFolderEntry& from,
+                    const CFolderEntry& to);
+    bool RemoveFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const CFolderEntry& entry);
     /// Reads up to iLen bytes; the result is their number, or -1. A redirected file may deliver more than iLen when
     /// zeros stand for a gap (up to GetReadRoom(iLen)); the buffer has that room.
     int ReadFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath, unsigned long long iSeek,
@@ -207,8 +218,11 @@ public:
     bool IsSyncWrites() const { return m_bSyncWrites; }
 
     // ---- File-system figures (UtilitiesFileSystem.cpp)
-    // Bytes or counts; all ones when the figure cannot be had.
+    // Bytes or counts; all ones when the figure cannot be had. With what was found for the path, if it is given, the
+    // file system that holds that file is asked, wherever links lead by now.
 
+    /// All of them in one step.
+    static FileSystemFigures GetFileSystemFigures(const char* pcPath, const FoundStatus* pFound = nullptr);
     static unsigned long long GetTotalDiskSpace(const char* pcPath);
     static unsigned long long GetFreeDiskSpace(const char* pcPath);
     static unsigned long long GetFreeDiskSpaceAvailableToCaller(const char* pcPath);
@@ -216,9 +230,9 @@ public:
     static unsigned long long GetFreeFileSlots(const char* pcPath);
     static unsigned long long GetFreeFileSlotsAvailableToCaller(const char* pcPath);
     /// 4 when it cannot be had.
-    static unsigned long long GetFileSystemID(const char* pcPath);
+    static unsigned long long GetFileSystemID(const char* pcPath, const FoundStatus* pFound = nullptr);
     /// By file-system type; 2^41 when in doubt.
-    static unsigned long long GetMaxFileSize(const char* pcPath);
+    static unsigned long long GetMaxFileSize(const char* pcPath, const FoundStatus* pFound = nullptr);
 
     // ---- Redirected files (UtilitiesRedirected.cpp)
     // The registry shares each object with the operations in flight: a file that is closed while it is read frees
@@ -330,10 +344,10 @@ private:
     bool IsSourceRedirected(const CRedirectedFile& file, const char* pcSource);
 
     // Steps of a rename.
-    bool RenameOnDisk(const LogContext& log, const char* pcPathFrom, const char* pcPathTo);
-    bool ReplaceFile(const LogContext& log, const char* pcPathFrom, const char* pcPathTo);
-    bool RemoveTarget(const LogContext& log, const char* pcPathFrom, const char* pcPathTo);
-    bool UndoRename(const LogContext& log, const char* pcPathFrom, const char* pcPathTo, bool bOnDisk,
+    bool RenameOnDisk(const LogContext& log, const CFolderEntry& from, const CFolderEntry& to);
+    bool ReplaceFile(const LogContext& log, const CFolderEntry& from, const CFolderEntry& to);
+    bool RemoveTarget(const LogContext& log, const CFolderEntry& from, const CFolderEntry& to);
+    bool UndoRename(const LogContext& log, const CFolderEntry& from, const CFolderEntry& to, bool bOnDisk,
                     CRedirectedRename& redirected);
     void CloseRenamedFileHandles(const LogContext& log, const char* pcPathFrom, const char* pcPathTo, bool bFolder);
     /// Handles of the old path, and of paths below it, name the new one from now on. The table knows canonical paths;

@@ -7,6 +7,7 @@
 
 #include <utility>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "DeferredLog.h"
@@ -47,21 +48,29 @@ unsigned long long CUtilities::GetFileSize(CRuntimeParam* pRuntimeParam, const L
     return iEnd == -1 ? iDefaultSize : static_cast<unsigned long long>(iEnd);
 }
 
-bool CUtilities::NewFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath) {
+bool CUtilities::NewFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const CFolderEntry& entry,
+                         FoundStatus* pMade) {
     const LogContext log{this, pRuntimeParam, pLogArgu};
-    const int iFile = CreateRegular(log, pcPath);
+    const int iFile = CreateRegular(log, entry);
     if (iFile == -1) {
         return false;
     }
-    OS_FileClose(pRuntimeParam, pLogArgu, iFile, pcPath, nullptr);
+    if (pMade == nullptr) {
+        OS_FileClose(pRuntimeParam, pLogArgu, iFile, entry.GetPathText(), nullptr);
+        return true;
+    }
+    pMade->name = CDescriptor(iFile);
+    pMade->bKnown = ::fstat(iFile, &pMade->status) == 0;
+    ReportClose(log, entry.GetPathText());  // with the last that the caller asks of the file
     return true;
 }
 
-bool CUtilities::RemoveFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath) {
+bool CUtilities::RemoveFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const CFolderEntry& entry) {
     const LogContext log{this, pRuntimeParam, pLogArgu};
+    const char* pcPath = entry.GetPathText();
     NFS_LOG_INFO(log, kLogFileAccess, "[%s] Remove file, path=%s", pcPath);
     CloseCachedFileHandle(pRuntimeParam, pLogArgu, pcPath);
-    if (OS_FileRemove(pRuntimeParam, pLogArgu, pcPath, nullptr) == -1) {
+    if (OS_FileRemove(pRuntimeParam, pLogArgu, entry, nullptr) == -1) {
         return false;
     }
     // Another thread may have opened the file since: its descriptor must not stand for a later file of that path.
@@ -73,7 +82,7 @@ bool CUtilities::UpdateFileAttributes(CRuntimeParam* pRuntimeParam, const LogArg
                                       bool bMode, unsigned int iMode, bool bUid, unsigned int iUid, bool bGid,
                                       unsigned int iGid, bool bSize, unsigned long long iSize, bool bAtime,
                                       unsigned int iAtimeSec, unsigned int iAtimeNsec, bool bMtime,
-                                      unsigned int iMtimeSec, unsigned int iMtimeNsec) {
+                                      unsigned int iMtimeSec, unsigned int iMtimeNsec, const FoundStatus* pFound) {
     const LogContext log{this, pRuntimeParam, pLogArgu};
     NFS_LOG_INFO(log, kLogFileAccess,
                  "[%s] Update file attributes, path=%s, set_mode=%d, mode=%u, set_uid=%d, uid=%u, set_gid=%d, gid=%u, "
@@ -92,10 +101,10 @@ bool CUtilities::UpdateFileAttributes(CRuntimeParam* pRuntimeParam, const LogArg
     if (bMode || bSize) {
         CloseCachedFileHandle(pRuntimeParam, pLogArgu, pcPath);
     }
-    if (bMode && OS_SetFileMode(pRuntimeParam, pLogArgu, pcPath, iMode, nullptr) == -1) {
+    if (bMode && OS_SetFileMode(pRuntimeParam, pLogArgu, pcPath, iMode, nullptr, pFound) == -1) {
         return false;
     }
-    return !bSize || OS_SetFileSize(pRuntimeParam, pLogArgu, pcPath, iSize, nullptr);
+    return !bSize || OS_SetFileSize(pRuntimeParam, pLogArgu, pcPath, iSize, nullptr, pFound);
 }
 
 int CUtilities::ReadFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,

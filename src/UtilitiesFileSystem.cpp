@@ -3,66 +3,90 @@
 
 #include <cstdint>
 
+#include <fcntl.h>
 #include <sys/statfs.h>
 #include <sys/statvfs.h>
 
+#include "Descriptor.h"
 #include "FileSystemID.h"
 #include "MaxFileSize.h"
+#include "PathProbe.h"
 
 namespace {
 
-/// What a figure reads as when it cannot be had.
-constexpr unsigned long long kUnknownFigure = ~0ULL;
-
-/// The figures of the file system that holds a path, if they can be had.
-class VfsFigures {
+/// The file system that holds a path, or what was found there: asked through a descriptor, so that a link that somebody
+/// puts in the path's way leads to no other one.
+class FileSystemOf {
 public:
-    explicit VfsFigures(const char* pcPath) : m_bValid(::statvfs(pcPath, &m_Figures) == 0) {}
-    bool IsValid() const { return m_bValid; }
-    const struct statvfs& Get() const { return m_Figures; }
+    FileSystemOf(const char* pcPath, const FoundStatus* pFound) : m_pcPath(pcPath) {
+        if (pFound == nullptr || !pFound->bKnown) {
+            return;
+        }
+        m_bByName = true;
+        if (pFound->name.IsOpen()) {
+            m_iName = pFound->name.Get();
+            return;
+        }
+        const char* pcPlace = pFound->sResolved.empty() ? pcPath : pFound->sResolved.c_str();
+        m_Own = CDescriptor(OpenWithoutLinks(AT_FDCWD, pcPlace, O_PATH | O_CLOEXEC));
+        m_iName = m_Own.Get();
+    }
+    bool Get(struct statvfs* pFigures) const {
+        return (m_bByName ? ::fstatvfs(m_iName, pFigures) : ::statvfs(m_pcPath, pFigures)) == 0;
+    }
+    bool Get(struct statfs* pFigures) const {
+        return (m_bByName ? ::fstatfs(m_iName, pFigures) : ::statfs(m_pcPath, pFigures)) == 0;
+    }
 
 private:
-    struct statvfs m_Figures {};
-    bool m_bValid;
+    const char* m_pcPath;
+    bool m_bByName = false;
+    CDescriptor m_Own;
+    int m_iName = -1;
 };
 
 }  // namespace
 
+FileSystemFigures CUtilities::GetFileSystemFigures(const char* pcPath, const FoundStatus* pFound) {
+    struct statvfs vfs {};
+    if (!FileSystemOf(pcPath, pFound).Get(&vfs)) {
+        return {};
+    }
+    return {vfs.f_frsize * vfs.f_blocks, vfs.f_frsize * vfs.f_bfree, vfs.f_frsize * vfs.f_bavail, vfs.f_files,
+            vfs.f_ffree};
+}
+
 unsigned long long CUtilities::GetTotalDiskSpace(const char* pcPath) {
-    const VfsFigures figures(pcPath);
-    return figures.IsValid() ? figures.Get().f_frsize * figures.Get().f_blocks : kUnknownFigure;
+    return GetFileSystemFigures(pcPath).lTotalBytes;
 }
 
 unsigned long long CUtilities::GetFreeDiskSpace(const char* pcPath) {
-    const VfsFigures figures(pcPath);
-    return figures.IsValid() ? figures.Get().f_frsize * figures.Get().f_bfree : kUnknownFigure;
+    return GetFileSystemFigures(pcPath).lFreeBytes;
 }
 
 unsigned long long CUtilities::GetFreeDiskSpaceAvailableToCaller(const char* pcPath) {
-    const VfsFigures figures(pcPath);
-    return figures.IsValid() ? figures.Get().f_frsize * figures.Get().f_bavail : kUnknownFigure;
+    return GetFileSystemFigures(pcPath).lFreeBytesForCaller;
 }
 
 unsigned long long CUtilities::GetTotalFileSlots(const char* pcPath) {
-    const VfsFigures figures(pcPath);
-    return figures.IsValid() ? figures.Get().f_files : kUnknownFigure;
+    return GetFileSystemFigures(pcPath).lTotalSlots;
 }
 
 unsigned long long CUtilities::GetFreeFileSlots(const char* pcPath) {
-    const VfsFigures figures(pcPath);
-    return figures.IsValid() ? figures.Get().f_ffree : kUnknownFigure;
+    return GetFileSystemFigures(pcPath).lFreeSlots;
 }
 
 unsigned long long CUtilities::GetFreeFileSlotsAvailableToCaller(const char* pcPath) {
     return GetFreeFileSlots(pcPath);
 }
 
-unsigned long long CUtilities::GetFileSystemID(const char* pcPath) {
-    const VfsFigures figures(pcPath);
-    return figures.IsValid() ? figures.Get().f_fsid : kUnknownFileSystemID;
+unsigned long long CUtilities::GetFileSystemID(const char* pcPath, const FoundStatus* pFound) {
+    struct statvfs vfs {};
+    return FileSystemOf(pcPath, pFound).Get(&vfs) ? vfs.f_fsid : kUnknownFileSystemID;
 }
 
-unsigned long long CUtilities::GetMaxFileSize(const char* pcPath) {
+unsigned long long CUtilities::GetMaxFileSize(const char* pcPath, const FoundStatus* pFound) {
     struct statfs figures {};
-    return GetMaxFileSizeOfType(::statfs(pcPath, &figures) == 0 ? static_cast<std::uint64_t>(figures.f_type) : 0);
+    const bool bTold = FileSystemOf(pcPath, pFound).Get(&figures);
+    return GetMaxFileSizeOfType(bTold ? static_cast<std::uint64_t>(figures.f_type) : 0);
 }

@@ -70,7 +70,9 @@ TEST_F(Nfs3ProgAttributesTest, FileThatVanishesMeanwhileDoesNotSpoilTheIdOfItsNe
     CRuntimeParam param("test", 0);
     fattr3 attributes;
     ASSERT_TRUE(m_Prog.GetNfsFileAttributes(&param, &tag, "/proc", &attributes));  // elsewhere
-    const FoundStatus found{true, Stat("file")};
+    FoundStatus found;
+    found.bKnown = true;
+    found.status = Stat("file");
     ASSERT_TRUE(m_Prog.GetNfsFileAttributes(&param, &tag, Path("gone").c_str(), &attributes, &found));
     EXPECT_EQ(attributes.fsid, 4U);
     struct statvfs figures {};

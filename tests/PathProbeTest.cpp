@@ -1,8 +1,10 @@
 // Looking for paths without following links: the answer is what resolving them says.
 #include "PathProbe.h"
 
+#include <cerrno>
 #include <string>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -58,6 +60,28 @@ TEST_F(PathProbeTest, StatusIsThatOfLstatWhereThePathIsFound) {
     EXPECT_FALSE(found.bKnown);
     FindWithoutLinks((m_Folder / "link").c_str(), &found);
     EXPECT_FALSE(found.bKnown);
+}
+
+// A kernel before Linux 5.6 gets there step by step.
+TEST_F(PathProbeTest, StepByStepIsOpenedWhatOneStepOpens) {
+    ASSERT_EQ(::symlink("f", (m_Folder / "d/inner").c_str()), 0);
+    for (const char* pcPath : {"", "/", "d", "d/", "d//", "d/f", "d//f", "./d/./f", "d/../d/f", "d/f/", "d/none",
+                               "none/f", "d/f/below", "link", "link/", "link/f", "link/..", "dangling", "d/inner"}) {
+        for (const int iFlags : {O_PATH | O_CLOEXEC, O_RDONLY | O_CLOEXEC}) {
+            for (const std::string& sPrefix : {m_Folder.Path() + "/", "//" + m_Folder.Path() + "//"}) {
+                const std::string sPath = sPrefix + pcPath;
+                const CDescriptor atOnce(OpenWithoutLinks(AT_FDCWD, sPath.c_str(), iFlags));
+                const int iError = atOnce.IsOpen() ? 0 : errno;
+                const CDescriptor stepByStep(OpenStepByStep(AT_FDCWD, sPath.c_str(), iFlags));
+                EXPECT_EQ(stepByStep.IsOpen() ? 0 : errno, iError) << sPath;
+                struct stat one {};
+                struct stat other {};
+                ::fstat(atOnce.Get(), &one);
+                ::fstat(stepByStep.Get(), &other);
+                EXPECT_EQ(one.st_ino, other.st_ino) << sPath;
+            }
+        }
+    }
 }
 
 TEST_F(PathProbeTest, NoDescriptorIsLeft) {
