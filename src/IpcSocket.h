@@ -40,8 +40,8 @@ public:
     int Connect(const char* pcPath, const Deadline& deadline);
     /// Without waiting: EAGAIN while the listener's queue is full; may be tried again. The socket is non-blocking then.
     int TryConnect(const char* pcPath);
-    /// Writes the whole record. How many bytes of it went goes to piSent: fewer if the peer went away meanwhile, or if a
-    /// non-blocking socket takes no more; an error only if none did. A peer that is gone is EPIPE, not a signal.
+    /// Writes the whole record. How many bytes of it went goes to piSent: fewer if the peer went away meanwhile, or if
+    /// a non-blocking socket takes no more; an error only if none did. A peer that is gone is EPIPE, not a signal.
     int Send(const IpcDataBuf& data, long* piSent);
     /// Reads one record, at most a whole buffer, until it is complete by its type, the peer ends, or the peer pauses
     /// too long; lDataLen is the number of bytes that came (0: the peer ended without a message). The deadline is for

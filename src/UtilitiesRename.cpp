@@ -21,8 +21,12 @@ namespace {
 /// What stands on disk under a path, links not followed.
 class DiskEntry {
 public:
-    explicit DiskEntry(const CFolderEntry& entry) : m_bExists(entry.Look(&m_Attributes)) {}
+    explicit DiskEntry(const CFolderEntry& entry) : m_bExists(entry.Look(&m_Attributes)) {
+        m_iError = m_bExists || errno == ENOENT || errno == ENOTDIR ? 0 : errno;
+    }
     bool Exists() const { return m_bExists; }
+    /// Why nobody knows whether there is anything (errno); 0 if it is known.
+    int GetError() const { return m_iError; }
     bool IsFolder() const { return m_bExists && S_ISDIR(m_Attributes.st_mode); }
     bool IsLink() const { return m_bExists && S_ISLNK(m_Attributes.st_mode); }
     bool IsOnDeviceOf(const DiskEntry& other) const { return m_Attributes.st_dev == other.m_Attributes.st_dev; }
@@ -34,6 +38,7 @@ public:
 private:
     struct stat m_Attributes {};
     bool m_bExists;
+    int m_iError = 0;
 };
 
 /// The canonical path of the folder entry that a path names: the folder resolved, the entry itself not followed.
@@ -64,7 +69,9 @@ bool CUtilities::RenameFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArg
         return true;
     }
     int iObstacle = 0;
-    if (source.Exists() && IsAtOrBelow(sEntryTo, sEntryFrom)) {
+    if (source.GetError() != 0) {
+        iObstacle = source.GetError();
+    } else if (source.Exists() && IsAtOrBelow(sEntryTo, sEntryFrom)) {
         iObstacle = EINVAL;
     } else if (!CanTellOfRename(pRuntimeParam, pcPathFrom, pcPathTo)) {
         iObstacle = ENAMETOOLONG;

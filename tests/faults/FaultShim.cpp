@@ -16,6 +16,7 @@
 #include <sys/statfs.h>
 #include <sys/statvfs.h>
 #include <sys/syscall.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include "FaultControl.h"
@@ -177,6 +178,11 @@ TRANSFER(kWrite, pwrite, (int iFile, const void* pvData, std::size_t nBytes, off
 TRANSFER(kReceive, recv, (int iSocket, void* pvData, std::size_t nBytes, int iFlags), (iSocket, pvData, nBytes, iFlags))
 TRANSFER(kSend, send, (int iSocket, const void* pvData, std::size_t nBytes, int iFlags),
          (iSocket, pvData, nBytes, iFlags))
+
+FAULTY ssize_t preadv2(int iFile, const iovec* pParts, int nParts, off_t iOffset, int iFlags) {
+    static auto* const pNext = Next<ssize_t(int, const iovec*, int, off_t, int)>("preadv2");
+    return IsDue(FaultyCall::kRead) ? -1 : pNext(iFile, pParts, nParts, iOffset, iFlags);
+}
 
 PASS(kReceive, ssize_t, recvmsg, (int iSocket, msghdr* pMessage, int iFlags), (iSocket, pMessage, iFlags))
 

@@ -437,6 +437,7 @@ TEST_P(FaultSweepTest, NothingAcknowledgedIsLostAndTheServerGoesOn) {
 constexpr Sweep kSweeps[] = {
     {"OpenDenied", FaultyCall::kOpen, FaultKind::kError, EACCES},
     {"OpenWithoutDescriptors", FaultyCall::kOpen, FaultKind::kError, EMFILE},
+    {"Stat", FaultyCall::kStat, FaultKind::kError, EIO},
     {"Read", FaultyCall::kRead, FaultKind::kError, EIO},
     {"ShortRead", FaultyCall::kRead, FaultKind::kShort, 0},
     {"WriteOnAFullDisk", FaultyCall::kWrite, FaultKind::kError, ENOSPC},
