@@ -17,7 +17,7 @@
 #include <gtest/gtest.h>
 
 #include "ChildProcess.h"
-#include "FakeHost.h"
+#include "HostSide.h"
 #include "Isolation.h"
 #include "LeakGuard.h"
 #include "Limits.h"
@@ -345,28 +345,21 @@ protected:
             std::vector<std::string>{"-md", "svr", "-id", "srv", "-log", "33", "-logfile", *m_pElsewhere / "log"},
             m_pFaults->Surroundings());
         ASSERT_TRUE(m_pServer->WaitForPrompt()) << m_pServer->Output();
-        m_pHostSide = std::make_unique<CNfsIpcClientMain>("client", 0);
-        m_pHostSide->SetCallback(m_Host.Callback());
-        m_Host.Log().SetHost([](const Notification& told) { return static_cast<int>(told.iLen) - 1; });
+        m_pHostSide = std::make_unique<HostSide>("client");
+        m_pHostSide->Log().SetHost([](const Notification& told) { return static_cast<int>(told.iLen) - 1; });
         char vcReason[kReasonBufferSize] = "";
-        ASSERT_TRUE(m_pHostSide->Initial(vcReason)) << vcReason;
-        ASSERT_TRUE(m_pHostSide->StartRemoteController(vcReason)) << vcReason;
-        ASSERT_TRUE(m_pHostSide->StartServer(0, 0, 0, 0, false, vcReason)) << vcReason;
-        ASSERT_TRUE(m_pHostSide->AddMountPoint(m_pFolder->Path().c_str(), "exp", vcReason)) << vcReason;
+        ASSERT_TRUE(m_pHostSide->Start(vcReason)) << vcReason;
+        ASSERT_TRUE(m_pHostSide->Client().StartServer(0, 0, 0, 0, false, vcReason)) << vcReason;
+        ASSERT_TRUE(m_pHostSide->Client().AddMountPoint(m_pFolder->Path().c_str(), "exp", vcReason)) << vcReason;
         const std::string sDisk = *m_pFolder / "disk";
-        m_pHostSide->OpenRedirectedFile(sDisk.c_str(), 40000, false, 0, 0);
-        ASSERT_TRUE(m_pHostSide->AddRedirectedFileSegment(sDisk.c_str(), (*m_pFolder / "seed").c_str(), 10000, 0, 40000,
-                                                          vcReason))
+        m_pHostSide->Client().OpenRedirectedFile(sDisk.c_str(), 40000, false, 0, 0);
+        ASSERT_TRUE(m_pHostSide->Client().AddRedirectedFileSegment(sDisk.c_str(), (*m_pFolder / "seed").c_str(), 10000,
+                                                                   0, 40000, vcReason))
             << vcReason;
     }
 
     void TearDown() override {
-        if (m_pHostSide) {
-            m_pHostSide->StopRemoteController();
-            m_pHostSide->Terminate();
-            m_pHostSide->SetCallback(nullptr);
-            m_pHostSide.reset();
-        }
+        m_pHostSide.reset();
         if (m_pServer && m_pServer->IsRunning()) {
             EXPECT_EQ(m_pServer->Quit(), 0) << m_pServer->Output();
         }
@@ -392,7 +385,7 @@ protected:
 
     /// One round without a fault, and one call of each kind that comes in it: what the server keeps open in the end.
     void RunOnce(int iRound) {
-        Round round(*m_pFolder, m_pHostSide.get(), &m_Host.Log(), iRound);
+        Round round(*m_pFolder, &m_pHostSide->Client(), &m_pHostSide->Log(), iRound);
         round.Run();
         m_bFired = m_pFaults->Disarm();
         ASSERT_TRUE(m_pServer->IsRunning()) << m_pServer->Output();
@@ -403,19 +396,18 @@ private:
     LeakGuard m_Leaks;
 
 protected:
-    FakeHost m_Host;
     std::unique_ptr<TempFolder> m_pFolder;
     std::unique_ptr<TempFolder> m_pElsewhere;
     std::unique_ptr<Faults> m_pFaults;
     std::unique_ptr<ConsoleProcess> m_pServer;
-    std::unique_ptr<CNfsIpcClientMain> m_pHostSide;
+    std::unique_ptr<HostSide> m_pHostSide;
     bool m_bFired = false;
 };
 
 TEST_P(FaultSweepTest, NothingAcknowledgedIsLostAndTheServerGoesOn) {
     const Sweep& sweep = GetParam();
     RunOnce(0);
-    m_pHostSide->CloseAllCachedFileHandles(m_pFolder->Path().c_str());
+    m_pHostSide->Client().CloseAllCachedFileHandles(m_pFolder->Path().c_str());
     const std::vector<std::string> vsOpen = GetOpen();
     int n = 1;
     for (m_bFired = true; m_bFired && n < kMostCalls; ++n) {
@@ -428,7 +420,7 @@ TEST_P(FaultSweepTest, NothingAcknowledgedIsLostAndTheServerGoesOn) {
     }
     EXPECT_GT(n, 2) << "nothing went wrong at all";
     EXPECT_FALSE(m_bFired) << "not all calls were reached";
-    m_pHostSide->CloseAllCachedFileHandles(m_pFolder->Path().c_str());
+    m_pHostSide->Client().CloseAllCachedFileHandles(m_pFolder->Path().c_str());
     EXPECT_TRUE(WaitUntil([&] { return GetOpen().size() <= vsOpen.size(); }, std::chrono::seconds(5)))
         << testing::PrintToString(GetOpen()) << ", and at first " << testing::PrintToString(vsOpen);
     RecordProperty("calls", n - 2);

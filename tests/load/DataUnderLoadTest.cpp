@@ -20,12 +20,11 @@
 #include <gtest/gtest.h>
 
 #include "ChildProcess.h"
-#include "FakeHost.h"
+#include "HostSide.h"
 #include "Isolation.h"
 #include "LeakGuard.h"
 #include "Limits.h"
 #include "ModelledClient.h"
-#include "NfsIpcClientMain.h"
 #include "RuntimeParam.h"
 #include "TempFolder.h"
 
@@ -90,21 +89,14 @@ protected:
             WriteWholeFile(Export(i) + "/hosted", std::string(50000, 'a'));
         }
         StartConsole();
-        m_pHostSide = std::make_unique<CNfsIpcClientMain>("host", 0);
-        m_pHostSide->SetCallback(m_Host.Callback());
-        m_Host.Log().SetHost([](const Notification& told) { return static_cast<int>(told.iLen); });
+        m_pHostSide = std::make_unique<HostSide>("host");
+        m_pHostSide->Log().SetHost([](const Notification& told) { return static_cast<int>(told.iLen); });
         char vcReason[kReasonBufferSize] = "";
-        ASSERT_TRUE(m_pHostSide->Initial(vcReason)) << vcReason;
-        ASSERT_TRUE(m_pHostSide->StartRemoteController(vcReason)) << vcReason;
+        ASSERT_TRUE(m_pHostSide->Start(vcReason)) << vcReason;
         Start();
     }
     void TearDown() override {
-        if (m_pHostSide) {
-            m_pHostSide->StopRemoteController();
-            m_pHostSide->Terminate();
-            m_pHostSide->SetCallback(nullptr);
-            m_pHostSide.reset();
-        }
+        m_pHostSide.reset();
         if (m_pServer && m_pServer->IsRunning()) {
             EXPECT_EQ(m_pServer->Quit(), 0) << m_pServer->Output();
         }
@@ -127,19 +119,19 @@ protected:
         char vcReason[kReasonBufferSize] = "";
         for (int i = 0; i < kClients; ++i) {
             const std::string sPath = Export(i) + "/disk";
-            m_pHostSide->OpenRedirectedFile(sPath.c_str(), kDiskSize, false, 0, 0);
+            m_pHostSide->Client().OpenRedirectedFile(sPath.c_str(), kDiskSize, false, 0, 0);
             for (std::size_t iOffset = 0; iOffset < kDiskSize; iOffset += kPieceSize) {
                 const std::size_t iPiece = iOffset / kPieceSize;
                 const std::string sSource = *m_pFolder / ("source-" + std::to_string(iPiece % 2));
-                ASSERT_TRUE(m_pHostSide->AddRedirectedFileSegment(
+                ASSERT_TRUE(m_pHostSide->Client().AddRedirectedFileSegment(
                     sPath.c_str(), sSource.c_str(), static_cast<long long>(iPiece / 2 * kPieceSize),
                     static_cast<long long>(iOffset), static_cast<long long>(kPieceSize), vcReason))
                     << vcReason;
             }
         }
-        ASSERT_TRUE(m_pHostSide->StartServer(0, 0, 0, 0, false, vcReason)) << vcReason;
+        ASSERT_TRUE(m_pHostSide->Client().StartServer(0, 0, 0, 0, false, vcReason)) << vcReason;
         for (int i = 0; i < kClients; ++i) {
-            ASSERT_TRUE(m_pHostSide->AddMountPoint(Export(i).c_str(), Name(i).c_str(), vcReason)) << vcReason;
+            ASSERT_TRUE(m_pHostSide->Client().AddMountPoint(Export(i).c_str(), Name(i).c_str(), vcReason)) << vcReason;
         }
     }
 
@@ -157,14 +149,14 @@ protected:
                 }
                 break;
             case 1:
-                m_pHostSide->SetLogControl(kLogControls[random() % std::size(kLogControls)]);
+                m_pHostSide->Client().SetLogControl(kLogControls[random() % std::size(kLogControls)]);
                 break;
             case 2:
-                m_pHostSide->CloseAllCachedFileHandles(Export(iExport).c_str());
+                m_pHostSide->Client().CloseAllCachedFileHandles(Export(iExport).c_str());
                 break;
             case 3: {
                 CRuntimeParam param("host", 0);
-                m_pHostSide->GetMountInfo(&param, false, true);
+                m_pHostSide->Client().GetMountInfo(&param, false, true);
                 break;
             }
             default:
@@ -173,7 +165,7 @@ protected:
         }
         for (int i = 1; std::filesystem::remove(m_sLogFile + "." + std::to_string(i)); ++i) {
         }
-        m_Host.Log().Clear();
+        m_pHostSide->Log().Clear();
     }
 
     char NextLetter() {
@@ -186,10 +178,9 @@ private:
     LeakGuard m_Leaks;
 
 protected:
-    FakeHost m_Host;
     std::unique_ptr<TempFolder> m_pFolder;
     std::unique_ptr<ConsoleProcess> m_pServer;
-    std::unique_ptr<CNfsIpcClientMain> m_pHostSide;
+    std::unique_ptr<HostSide> m_pHostSide;
     std::string m_sLogFile;
     std::string m_sDisk;
     bool m_bRestarts = GetNumber("NFSLIB_LOAD_RESTARTS", 1) != 0;

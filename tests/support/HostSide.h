@@ -1,0 +1,27 @@
+// A host in this process that steers an external server.
+#pragma once
+
+#include "FakeHost.h"
+#include "NfsIpcClientMain.h"
+
+/// The remote control's client, with a host behind it that answers as the test says, from Start to its end.
+class HostSide {
+public:
+    explicit HostSide(const char* pcID) : m_Client(pcID, 0) { m_Client.SetCallback(m_Host.Callback()); }
+    ~HostSide() {
+        m_Client.StopRemoteController();
+        m_Client.Terminate();
+        m_Client.SetCallback(nullptr);
+    }
+    HostSide(const HostSide&) = delete;
+    HostSide& operator=(const HostSide&) = delete;
+
+    /// Needs the server; false with a reason (a buffer of kReasonBufferSize) if it does not answer.
+    bool Start(char* pcReason) { return m_Client.Initial(pcReason) && m_Client.StartRemoteController(pcReason); }
+    LogCapture& Log() { return m_Host.Log(); }
+    CNfsIpcClientMain& Client() { return m_Client; }
+
+private:
+    FakeHost m_Host;
+    CNfsIpcClientMain m_Client;
+};
