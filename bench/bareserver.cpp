@@ -63,8 +63,8 @@ public:
     ~PageBuffer() { ::munmap(m_pvBytes, m_nSize); }
     PageBuffer(const PageBuffer&) = delete;
     PageBuffer& operator=(const PageBuffer&) = delete;
-    char* data() { return static_cast<char*>(m_pvBytes); }
-    std::size_t size() const { return m_nSize; }
+    char* Get() { return static_cast<char*>(m_pvBytes); }
+    std::size_t GetSize() const { return m_nSize; }
 
 private:
     std::size_t m_nSize;
@@ -132,14 +132,14 @@ private:
 
     /// Receives as much as there is and answers every complete call; the replies leave together.
     bool ServeOnce() {
-        const ssize_t nReceived = ::recv(m_Socket.Get(), m_vcCalls.data() + m_nFilled, m_vcCalls.size() - m_nFilled, 0);
+        const ssize_t nReceived = ::recv(m_Socket.Get(), m_Calls.Get() + m_nFilled, m_Calls.GetSize() - m_nFilled, 0);
         if (nReceived <= 0) {
             return false;
         }
         m_nFilled += static_cast<std::size_t>(nReceived);
         std::size_t iNext = 0;
         while (m_nFilled - iNext > kXidAt) {
-            const std::size_t iKind = static_cast<unsigned char>(m_vcCalls.data()[iNext + kXidAt]);
+            const std::size_t iKind = static_cast<unsigned char>(m_Calls.Get()[iNext + kXidAt]);
             if (iKind >= m_vReplies.size()) {
                 return false;
             }
@@ -147,22 +147,22 @@ private:
             if (m_nFilled - iNext < kind.iCallSize) {
                 break;
             }
-            if (m_nCollected + kind.iReplySize > m_vcCollected.size() && !SendCollected()) {
+            if (m_nCollected + kind.iReplySize > m_Collected.GetSize() && !SendCollected()) {
                 return false;
             }
-            if (!Answer(kind, m_vReplies[iKind], m_vcCalls.data() + iNext)) {
+            if (!Answer(kind, m_vReplies[iKind], m_Calls.Get() + iNext)) {
                 return false;
             }
             iNext += kind.iCallSize;
         }
         m_nFilled -= iNext;
-        std::memmove(m_vcCalls.data(), m_vcCalls.data() + iNext, m_nFilled);
+        std::memmove(m_Calls.Get(), m_Calls.Get() + iNext, m_nFilled);
         return SendCollected();
     }
 
     /// Does the work of one call and collects its reply.
     bool Answer(const BareKind& kind, const std::string& sReply, const char* pcCall) {
-        char* pcReply = m_vcCollected.data() + m_nCollected;
+        char* pcReply = m_Collected.Get() + m_nCollected;
         const std::size_t nHead = kind.work == BareWork::kRead ? kind.iDataAt : kind.iReplySize;
         std::memcpy(pcReply, sReply.data(), nHead);
         std::memcpy(pcReply + kXidAt, pcCall + kXidAt, sizeof(std::uint32_t));
@@ -195,15 +195,15 @@ private:
         const auto nBytes = static_cast<ssize_t>(m_nCollected);
         m_nCollected = 0;
         return nBytes == 0 ||
-               ::send(m_Socket.Get(), m_vcCollected.data(), static_cast<std::size_t>(nBytes), MSG_NOSIGNAL) == nBytes;
+               ::send(m_Socket.Get(), m_Collected.Get(), static_cast<std::size_t>(nBytes), MSG_NOSIGNAL) == nBytes;
     }
 
     OwnedDescriptor m_Socket;
     const bool m_bLook;
     BareSetup m_Setup;
     std::vector<std::string> m_vReplies;
-    PageBuffer m_vcCalls{kBareBufferSize};
-    PageBuffer m_vcCollected{kBareCollected};
+    PageBuffer m_Calls{kBareBufferSize};
+    PageBuffer m_Collected{kBareCollected};
     std::size_t m_nFilled = 0;
     std::size_t m_nCollected = 0;
     int m_iReadFile = -1;

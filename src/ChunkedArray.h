@@ -14,6 +14,7 @@ class CChunkedArray {
 public:
     static constexpr std::size_t kChunkSize = 1024;
 
+    // NOLINTBEGIN(readability-identifier-naming): named as in the standard's containers
     std::size_t size() const { return m_vvChunks.empty() ? 0 : (m_vvChunks.size() - 1) * kChunkSize + LastSize(); }
     bool empty() const { return m_vvChunks.empty(); }
     T& operator[](std::size_t i) { return m_vvChunks[i / kChunkSize][i % kChunkSize]; }
@@ -27,6 +28,7 @@ public:
         m_vvChunks.back().push_back(std::move(element));
     }
     void clear() { m_vvChunks.clear(); }
+    // NOLINTEND(readability-identifier-naming)
 
 private:
     std::size_t LastSize() const { return m_vvChunks.back().size(); }

@@ -74,7 +74,7 @@ bool CPathTree::CopyPath(Place iPlace, char* pcPath, std::size_t nSize) const {
         const std::size_t nName = std::strlen(pcName);
         *--pcEnd = cBehind;
         pcEnd -= nName;
-        std::memcpy(pcEnd, pcName, nName);
+        std::memcpy(pcEnd, pcName, nName);  // NOLINT: what ends the name stands behind it already
     }
     return true;
 }

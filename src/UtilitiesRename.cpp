@@ -44,7 +44,7 @@ private:
 /// The canonical path of the folder entry that a path names: the folder resolved, the entry itself not followed.
 /// The path as it is when there is no such folder. What is acted on in its folder was resolved before.
 std::string ResolveEntry(const CFolderEntry& entry) {
-    const std::string sPath(WithoutTrailingSlashes(entry.GetPath()));
+    std::string sPath(WithoutTrailingSlashes(entry.GetPath()));
     if (entry.IsInItsFolder()) {
         return sPath;
     }
