@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <functional>
 #include <string>
 #include <thread>
 
@@ -95,6 +96,16 @@ protected:
     CDescriptor m_Peer;
     FunctionListener m_Echo{Echo};
 };
+
+/// Takes what came and sends more than a socket holds; says when that is over, in whatever way.
+std::function<void(CSocket*)> SendMuch(std::atomic<bool>* pbSent) {
+    return [pbSent](CSocket* pSocket) {
+        TakeInput(pSocket);
+        pSocket->GetOutputStream()->Write(nullptr, kBufferSize);
+        pSocket->Send();
+        *pbSent = true;
+    };
+}
 
 }  // namespace
 
@@ -333,12 +344,7 @@ TEST_F(SocketTest, CollectedRepliesOfAnEarlierConnectionNeverReachTheNextOne) {
 
 TEST_F(SocketTest, APeerThatStopsReadingLosesItsConnectionAfterFiveSeconds) {
     std::atomic<bool> bSent{false};
-    FunctionListener listener([&](CSocket* pSocket) {
-        TakeInput(pSocket);
-        pSocket->GetOutputStream()->Write(nullptr, kBufferSize);
-        pSocket->Send();
-        bSent = true;
-    });
+    FunctionListener listener(SendMuch(&bSent));
     CSocket socket(CSocket::kStream, 100003);
     socket.Open(m_iNear, &listener, nullptr);
     const auto start = std::chrono::steady_clock::now();
@@ -354,12 +360,7 @@ TEST_F(SocketTest, APeerThatStopsReadingLosesItsConnectionAfterFiveSeconds) {
 /// However little that was: the system says that a socket can be written to when much of its buffer is free again.
 TEST_F(SocketTest, TheFiveSecondsBeginWithTheLastThatThePeerTook) {
     std::atomic<bool> bSent{false};
-    FunctionListener listener([&](CSocket* pSocket) {
-        TakeInput(pSocket);
-        pSocket->GetOutputStream()->Write(nullptr, kBufferSize);
-        pSocket->Send();
-        bSent = true;
-    });
+    FunctionListener listener(SendMuch(&bSent));
     CSocket socket(CSocket::kStream, 100003);
     socket.Open(m_iNear, &listener, nullptr);
     SendFromPeer("x");

@@ -35,7 +35,6 @@ struct FaultControl {
     std::atomic<int> iKind;
     std::atomic<int> iError;
     std::atomic<int> nCountdown;  ///< 0: nothing is to go wrong (any more)
-    std::atomic<int> nCalls;      ///< of the kind that was asked for, since they were last set to 0
 
     static constexpr const char* kFileVariable = "NFSLIB_TEST_FAULTS";
 };

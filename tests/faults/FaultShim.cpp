@@ -53,7 +53,6 @@ bool IsDue(FaultyCall call, FaultKind kind = FaultKind::kError) {
         g_pControl->iKind != static_cast<int>(kind)) {
         return false;
     }
-    g_pControl->nCalls.fetch_add(1);
     int nLeft = g_pControl->nCountdown;
     while (nLeft > 0 && !g_pControl->nCountdown.compare_exchange_weak(nLeft, nLeft - 1)) {
     }

@@ -130,7 +130,7 @@ public:
             EXPECT_EQ(ReadAll(sHandle).substr(0, 100), Pattern(100, 5)) << "a segment was accepted and lost";
         }
         m_pHostSide->CloseRedirectedFile((m_Folder / DiskName()).c_str());
-        for (const std::string& sLeft : {m_sName, m_sName + "-renamed", DiskName(), DiskName() + "-info"}) {
+        for (const std::string& sLeft : {m_sName, m_sName + "-renamed", DiskName()}) {
             std::string sHandle;
             if (m_pClient->Lookup(m_sRoot, sLeft, sHandle) == kOk) {
                 EXPECT_EQ(m_pClient->Remove(m_sRoot, sLeft), kOk) << sLeft;
@@ -267,11 +267,10 @@ private:
             EXPECT_EQ(m_pHost->Notifications()[0].iLen, 5000U);
         }
     }
-    /// A new redirected file with an info file, and a segment; the host side is told whether it holds.
+    /// A new redirected file, whose map is in memory, and a segment; the host is told whether it holds.
     void AddSegment() {
         const std::string sDisk = m_Folder / DiskName();
         WriteWholeFile(sDisk, "");
-        WriteWholeFile(sDisk + "-info", "");
         m_pHostSide->OpenRedirectedFile(sDisk.c_str(), 100, false, 0, 0);
         char vcReason[kReasonBufferSize] = "";
         m_bSegmentAdded =
@@ -383,7 +382,7 @@ protected:
         return vsOpen;
     }
 
-    /// One round without a fault, and one call of each kind that comes in it: what the server keeps open in the end.
+    /// One round with whatever fault is armed, and what it leaves.
     void RunOnce(int iRound) {
         Round round(*m_pFolder, &m_pHostSide->Client(), &m_pHostSide->Log(), iRound);
         round.Run();

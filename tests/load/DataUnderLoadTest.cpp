@@ -1,4 +1,4 @@
-// Four clients work on files and redirected files, each with a model of what must be there, while the host replaces
+// Clients work on files and redirected files, each with a model of what must be there, while the host replaces
 // files, lists its state, changes the log control, closes cached descriptors, and stops and starts the server: not one
 // byte differs from what was acknowledged, and the server does not grow.
 //

@@ -245,7 +245,6 @@ bool ModelledClient::Try(const std::function<bool()>& call) {
 
 /// Mounts anew, for as long as it takes the server to come back.
 void ModelledClient::Recover() {
-    ++m_nRecoveries;
     const auto end = std::chrono::steady_clock::now() + kPatience;
     m_Handles.clear();
     for (;;) {

@@ -33,8 +33,6 @@ public:
     /// What the files must hold in the end, by name.
     const std::map<std::string, std::string>& GetFiles() const { return m_Files; }
     std::uint64_t GetCallCount() const { return m_nCalls; }
-    /// How often it had to mount anew.
-    unsigned int GetRecoveryCount() const { return m_nRecoveries; }
 
 private:
     using File = std::map<std::string, std::string>::iterator;
@@ -72,5 +70,4 @@ private:
     std::map<std::string, std::string> m_Handles;
     std::map<std::string, std::string> m_Files;  ///< name to content
     std::uint64_t m_nCalls = 0;
-    unsigned int m_nRecoveries = 0;
 };
