@@ -231,9 +231,7 @@ bool CNfs3Prog::ReadJoinedPath(const LogContext& log, CInputStream* pInput, diro
         !m_pUtilities->GetFilePath(log.pRuntimeParam, handle.pBuf, vcFolder, sizeof(vcFolder))) {
         return false;
     }
-    pDirOp->dir.sPath = vcFolder;
-    NFS_LOG_INFO(log, kLogProcFuncArgu, "[%s] Read path=%s, name=%s", pDirOp->dir.sPath.c_str(),
-                 pDirOp->name.sPath.c_str());
+    NFS_LOG_INFO(log, kLogProcFuncArgu, "[%s] Read path=%s, name=%s", vcFolder, pDirOp->name.sPath.c_str());
     return AppendFilePath(vcFolder, pDirOp->name.sPath.c_str(), pcJoined);
 }
 

@@ -131,6 +131,18 @@ void CNfs3Prog::Read(CInputStream* pInput, mknoddata3* pData, bool bSkip) {
 
 // ---- Encoders
 
+namespace {
+
+constexpr unsigned int HighWord(unsigned long lValue) {
+    return static_cast<unsigned int>(lValue >> 32U);
+}
+
+constexpr unsigned int LowWord(unsigned long lValue) {
+    return static_cast<unsigned int>(lValue);
+}
+
+}  // namespace
+
 void CNfs3Prog::Write(COutputStream* pOutput, bool bValue) {
     pOutput->Write(bValue ? 1U : 0U);
 }
@@ -169,20 +181,17 @@ void CNfs3Prog::Write(COutputStream* pOutput, const nfs_fh3& handle, bool bLengt
     Write(pOutput, opaque{handle.cHandle, kNfs3HandleSize}, bLengthOnly);
 }
 
+/// The longest of all that replies repeat: in one piece.
 void CNfs3Prog::Write(COutputStream* pOutput, const fattr3& attributes) {
-    Write(pOutput, attributes.type);
-    Write(pOutput, attributes.mode);
-    Write(pOutput, attributes.nlink);
-    Write(pOutput, attributes.uid);
-    Write(pOutput, attributes.gid);
-    Write(pOutput, attributes.size);
-    Write(pOutput, attributes.used);
-    Write(pOutput, attributes.rdev);
-    Write(pOutput, attributes.fsid);
-    Write(pOutput, attributes.fileid);
-    Write(pOutput, attributes.atime);
-    Write(pOutput, attributes.mtime);
-    Write(pOutput, attributes.ctime);
+    pOutput->WriteWords(attributes.type, attributes.mode, attributes.nlink, attributes.uid, attributes.gid,
+                        HighWord(attributes.size), LowWord(attributes.size),      //
+                        HighWord(attributes.used), LowWord(attributes.used),      //
+                        attributes.rdev.specdata1, attributes.rdev.specdata2,     //
+                        HighWord(attributes.fsid), LowWord(attributes.fsid),      //
+                        HighWord(attributes.fileid), LowWord(attributes.fileid),  //
+                        attributes.atime.seconds, attributes.atime.nseconds,      //
+                        attributes.mtime.seconds, attributes.mtime.nseconds,      //
+                        attributes.ctime.seconds, attributes.ctime.nseconds);
 }
 
 void CNfs3Prog::Write(COutputStream* pOutput, const wcc_attr& attributes) {

@@ -87,7 +87,7 @@ struct COpaquePath {
 };
 
 struct diropargs3 {
-    COpaquePath dir;
+    COpaquePath dir;  ///< of calls that are not served; another call's handle is resolved where it lies
     COpaquePath name;
 };
 

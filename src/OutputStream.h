@@ -16,6 +16,9 @@ public:
     unsigned int Write(const void* pvData, unsigned int iSize);
     /// A big-endian 32-bit word.
     unsigned int Write(unsigned int iValue);
+    /// Several big-endian 32-bit words in a row, written together.
+    template <class... Words>
+    unsigned int WriteWords(Words... iValues);
     /// A big-endian 64-bit word.
     unsigned int Write8(unsigned long lValue);
     /// Moves the write position: type 0 to the offset, 1 by it, 2 to the size plus it. Kept within the buffer;
@@ -51,6 +54,12 @@ inline unsigned int COutputStream::Write(const void* pvData, unsigned int iSize)
 inline unsigned int COutputStream::Write(unsigned int iValue) {
     const std::uint32_t iBigEndian = htobe32(iValue);
     return Write(&iBigEndian, sizeof(iBigEndian));
+}
+
+template <class... Words>
+unsigned int COutputStream::WriteWords(Words... iValues) {
+    const std::uint32_t viBigEndian[] = {htobe32(std::uint32_t{iValues})...};
+    return Write(viBigEndian, sizeof(viBigEndian));
 }
 
 inline unsigned int COutputStream::Write8(unsigned long lValue) {

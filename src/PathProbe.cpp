@@ -2,6 +2,7 @@
 #include "PathProbe.h"
 
 #include <cerrno>
+#include <cstring>
 #include <string_view>
 
 #include <fcntl.h>
@@ -66,18 +67,25 @@ int OpenStepByStep(int iFolder, const char* pcPath, int iFlags, mode_t iMode) {
     return OpenComponent(folder.IsOpen() ? folder.Get() : iFolder, sRest.c_str(), iFlags, iMode);
 }
 
+namespace {
+
+/// Does a component that is a name begin here, behind a slash?
+bool BeginsName(const char* pc) {
+    for (int nDots = 0; *pc == '.' && nDots < 2; ++nDots) {  // "." and ".." are none
+        ++pc;
+    }
+    return *pc != '/' && *pc != '\0';
+}
+
+}  // namespace
+
 bool IsPlainPath(const char* pcPath) {
-    std::string_view sRest = pcPath;
-    if (!sRest.starts_with('/')) {
+    if (pcPath[0] != '/') {
         return false;
     }
-    while (!sRest.empty()) {
-        sRest.remove_prefix(1);
-        const std::string_view sName = sRest.substr(0, sRest.find('/'));
-        if (sName.empty() || sName == "." || sName == "..") {
-            return false;
-        }
-        sRest.remove_prefix(sName.size());
+    const char* pcSlash = pcPath;
+    while (pcSlash != nullptr && BeginsName(pcSlash + 1)) {
+        pcSlash = std::strchr(pcSlash + 1, '/');
     }
-    return true;
+    return pcSlash == nullptr;
 }

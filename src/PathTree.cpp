@@ -2,6 +2,7 @@
 #include "PathTree.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <functional>
 #include <vector>
@@ -9,6 +10,25 @@
 // ---- Paths
 
 CPathTree::Place CPathTree::Find(std::string_view sPath) const {
+    const void* pvLastSlash = ::memrchr(sPath.data(), '/', sPath.size());
+    if (pvLastSlash == nullptr) {
+        return FindChild(kTop, sPath);
+    }
+    const auto nFolder = static_cast<std::size_t>(static_cast<const char*>(pvLastSlash) - sPath.data());
+    const Place iFolder = FindFolder(sPath.substr(0, nFolder));
+    return iFolder == kNowhere ? kNowhere : FindChild(iFolder, sPath.substr(nFolder + 1));
+}
+
+CPathTree::Place CPathTree::FindFolder(std::string_view sFolder) const {
+    if (m_iLastFolder == kNowhere || m_sLastFolder != sFolder) {
+        m_iLastFolder = kNowhere;  // also if there is no memory for the text
+        m_sLastFolder = sFolder;
+        m_iLastFolder = FindStepByStep(sFolder);
+    }
+    return m_iLastFolder;
+}
+
+CPathTree::Place CPathTree::FindStepByStep(std::string_view sPath) const {
     Place iPlace = kTop;
     for (std::size_t iBegin = 0; iPlace != kNowhere;) {
         const std::size_t iEnd = sPath.find('/', iBegin);
@@ -57,21 +77,28 @@ std::string CPathTree::GetPath(Place iPlace) const {
 }
 
 bool CPathTree::CopyPath(Place iPlace, char* pcPath, std::size_t nSize) const {
+    std::array<std::size_t, 32> vnNames;  // of the last components; what stands before them is measured twice
     std::size_t nNeeded = 0;
+    std::size_t nMeasured = 0;
     for (Place i = iPlace; i != kTop; i = m_vNodes[i].iParent) {
         if (!IsNamed(i)) {
             return false;
         }
-        nNeeded += std::strlen(m_vNodes[i].pcName.get()) + 1;
+        const std::size_t nName = std::strlen(m_vNodes[i].pcName.get());
+        if (nMeasured < vnNames.size()) {
+            vnNames[nMeasured++] = nName;
+        }
+        nNeeded += nName + 1;
     }
     if (nNeeded == 0 || nNeeded > nSize) {
         return false;
     }
     // From the end to the beginning; each component ends in what stands behind it.
     char* pcEnd = pcPath + nNeeded;
+    std::size_t i = 0;
     for (char cBehind = '\0'; iPlace != kTop; iPlace = m_vNodes[iPlace].iParent, cBehind = '/') {
         const char* pcName = m_vNodes[iPlace].pcName.get();
-        const std::size_t nName = std::strlen(pcName);
+        const std::size_t nName = i < nMeasured ? vnNames[i++] : std::strlen(pcName);
         *--pcEnd = cBehind;
         pcEnd -= nName;
         std::memcpy(pcEnd, pcName, nName);  // NOLINT: what ends the name stands behind it already
@@ -83,6 +110,7 @@ void CPathTree::Clear() {
     m_vNodes.clear();
     m_Index.Clear();
     m_iFirstUnused = kNowhere;
+    m_iLastFolder = kNowhere;
     m_vNodes.push_back({});
 }
 
@@ -157,7 +185,9 @@ void CPathTree::Unite(Pair pair, const Settle& settle) {
 
 CPathTree::Place CPathTree::FindChild(Place iParent, std::string_view sName) const {
     return m_Index.Find(HashOf(iParent, sName), [&](Place iPlace) {
-        return m_vNodes[iPlace].iParent == iParent && sName == m_vNodes[iPlace].pcName.get();
+        const char* pcName = m_vNodes[iPlace].pcName.get();
+        return m_vNodes[iPlace].iParent == iParent && std::strncmp(pcName, sName.data(), sName.size()) == 0 &&
+               pcName[sName.size()] == '\0';
     });
 }
 
@@ -216,6 +246,7 @@ void CPathTree::Hang(Place iPlace, Place iParent, std::unique_ptr<char[]> pcName
 void CPathTree::TakeOff(Place iPlace) {
     Node& node = m_vNodes[iPlace];
     Node& parent = m_vNodes[node.iParent];
+    m_iLastFolder = kNowhere;
     m_Index.Remove(HashOf(node.iParent, node.pcName.get()), iPlace);
     node.iParent = kNowhere;
     --parent.nChildren;

@@ -20,7 +20,7 @@
 /// below: what has neither is gone, and its number is given to a new one. (A place that FindOrAdd made has until the
 /// next call to be let.)
 ///
-/// Paths must not hold NUL bytes. Not thread-safe.
+/// Paths must not hold NUL bytes. Not thread-safe, not even for those who only search.
 class CPathTree {
 public:
     using Place = std::uint32_t;
@@ -77,6 +77,8 @@ private:
 
     bool IsNamed(Place iPlace) const { return iPlace != kNowhere && m_vNodes[iPlace].pcName != nullptr; }
     static std::uint32_t HashOf(Place iParent, std::string_view sName);
+    Place FindFolder(std::string_view sFolder) const;
+    Place FindStepByStep(std::string_view sPath) const;
     Place FindChild(Place iParent, std::string_view sName) const;
     Place AddChild(Place iParent, std::string_view sName);
     Place TakeUnused();
@@ -91,4 +93,7 @@ private:
     CChunkedArray<Node> m_vNodes;
     CHashIndex m_Index;  ///< the places in the tree by parent and name
     Place m_iFirstUnused = kNowhere;
+    // The folder that was found last: most searches stay in one for a while.
+    mutable std::string m_sLastFolder;
+    mutable Place m_iLastFolder = kNowhere;  ///< kNowhere: none, or its path may have become another one
 };

@@ -403,11 +403,8 @@ int CRpcServer::Process(CRuntimeParam* pRuntimeParam, unsigned long /*lProgId*/,
     if (iSocketType == CSocket::kStream) {
         pOutput->Write(header.lHeader);  // holds the place of the reply's own mark
     }
-    pOutput->Write(header.call.lXID);
-    pOutput->Write(kRpcReply);
-    pOutput->Write(kMsgAccepted);
-    pOutput->Write(header.call.verf.lFlavor);
-    pOutput->Write(header.call.verf.lLength);
+    const OPAQUE_AUTH& verifier = header.call.verf;
+    pOutput->WriteWords(header.call.lXID, kRpcReply, kMsgAccepted, verifier.lFlavor, verifier.lLength);
     ProcessParam param{header.call.lVers, header.call.lProc, pcRemoteAddress, pRuntimeParam};
     param.nStillToCome = GetStillToCome(*pInput);
     if (iSocketType == CSocket::kDatagram) {

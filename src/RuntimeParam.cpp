@@ -12,5 +12,7 @@ void CRuntimeParam::SetID(const char* pcID) {
 }
 
 void CRuntimeParam::SetIpcID(const char* pcIpcID) {
-    m_sIpcID.assign(OrEmpty(pcIpcID));
+    if (!m_sIpcID.empty() || *OrEmpty(pcIpcID) != '\0') {  // for most calls there is none, before and after
+        m_sIpcID.assign(OrEmpty(pcIpcID));
+    }
 }

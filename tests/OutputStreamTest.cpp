@@ -26,6 +26,20 @@ TEST(OutputStream, WordsAreBigEndian) {
     EXPECT_EQ(output.GetFreeBufferSize(), kBufferSize - 12);
 }
 
+TEST(OutputStream, WordsInARowAreCutAsSingleOnesAre) {
+    COutputStream together;
+    COutputStream singly;
+    for (COutputStream* pOutput : {&together, &singly}) {
+        pOutput->Write(nullptr, kBufferSize - 10);
+    }
+    EXPECT_EQ(together.WriteWords(0x01020304U, 0x05060708U, 0x090A0B0CU, 0U), 10U);
+    for (const unsigned int iWord : {0x01020304U, 0x05060708U, 0x090A0B0CU, 0U}) {
+        singly.Write(iWord);
+    }
+    EXPECT_EQ(Sent(together).substr(kBufferSize - 10), "\x01\x02\x03\x04\x05\x06\x07\x08\x09\x0A");
+    EXPECT_TRUE(Sent(together) == Sent(singly));
+}
+
 TEST(OutputStream, NullDataReservesRoomAndKeepsWhatTheBufferHeld) {
     COutputStream output;
     output.Write("abcdef", 6);

@@ -59,6 +59,41 @@ TEST(PathTreeTest, FolderOfAKnownPathHasNoTenant) {
     EXPECT_EQ(tree.GetTenant(kNowhere), kNobody);
 }
 
+// A search that follows another one in the same folder goes by what that one found.
+TEST(PathTreeTest, FolderThatWasJustSearchedIsNotFoundWhereItNoLongerIs) {
+    CPathTree tree;
+    Let(tree, "/top/folder/a", 1);
+    Let(tree, "/top/folder/b", 2);
+    EXPECT_EQ(At(tree, "/top/folder/a"), 1U);
+    MoveToFreePlaces(tree, "/top", "/other");
+    EXPECT_EQ(At(tree, "/top/folder/b"), kNobody) << "moved with what holds it";
+    EXPECT_EQ(At(tree, "/other/folder/b"), 2U);
+    EXPECT_EQ(At(tree, "/other/folder/a"), 1U);
+
+    const Place iFolder = tree.Find("/other/folder");
+    EXPECT_EQ(tree.TakeTenant("/other/folder/a"), 1U);
+    EXPECT_EQ(tree.TakeTenant("/other/folder/b"), 2U);
+    Let(tree, "/x/y", 3);
+    EXPECT_NE(tree.Find("/x/y"), kNowhere);
+    EXPECT_LE(tree.Find("/x"), iFolder) << "the given up numbers are in use again";
+    EXPECT_EQ(At(tree, "/other/folder/y"), kNobody);
+
+    Let(tree, "/top/folder/c", 4);
+    EXPECT_EQ(At(tree, "/top/folder/c"), 4U);
+    tree.Clear();
+    EXPECT_EQ(At(tree, "/top/folder/c"), kNobody);
+    Let(tree, "/new/folder/c", 5);
+    EXPECT_EQ(At(tree, "/top/folder/c"), kNobody);
+}
+
+TEST(PathTreeTest, FolderThatWasMissingIsFoundOnceItIsThere) {
+    CPathTree tree;
+    EXPECT_EQ(At(tree, "/folder/a"), kNobody);
+    Let(tree, "/folder/b", 1);
+    EXPECT_EQ(At(tree, "/folder/a"), kNobody);
+    EXPECT_EQ(At(tree, "/folder/b"), 1U);
+}
+
 TEST(PathTreeTest, PathIsCopiedOnlyWhereItFitsWithItsTerminator) {
     CPathTree tree;
     for (const std::string sPath : {"/abc/d", "", "/", "abc", "/abc/d/"}) {
