@@ -13,6 +13,7 @@ CListing::CListing(CNameList names, std::size_t nHandedOut)
 bool CListing::Show(std::size_t iPosition, std::size_t nMost, const EntryLook& look,
                     std::vector<ListedEntry>* pvEntries) {
     const std::size_t nFull = pvEntries->size() + nMost;
+    pvEntries->reserve(std::min(nFull, pvEntries->size() + m_Names.GetSize()));
     for (std::size_t i = iPosition; i < m_nHandedOut && pvEntries->size() < nFull; ++i) {
         ShowHandedOut(i, look, pvEntries);
     }
