@@ -140,17 +140,6 @@ TEST_F(BadInputTest, ForgedAndStaleHandlesAreRefusedByEveryProcedure) {
     EXPECT_TRUE(std::filesystem::is_empty(Folder().Path()));
 }
 
-TEST_F(BadInputTest, HandlesOfAnotherExportDoNotOutliveIt) {
-    const TempFolder folder;
-    Export(folder.Path(), "second");
-    NfsClient client;
-    const std::string sRoot = MountRoot(client, "second");
-    Fattr3 attributes;
-    EXPECT_EQ(client.Getattr(sRoot, attributes), 0U);
-    Server().RemoveMountPoint(folder.Path().c_str());
-    EXPECT_EQ(client.Getattr(sRoot, attributes), 5U) << "its path belongs to no export any more";
-}
-
 TEST_F(BadInputTest, EndlessLengthWaitsForeverAndHarmsNobody) {
     NfsClient client;
     const std::string sRoot = MountRoot(client);
@@ -252,29 +241,6 @@ TEST_F(BadInputTest, ClientThatNeverReadsItsRepliesDoesNotHoldUpTheOthers) {
     deaf.Send(sBatch);
     Fattr3 attributes;
     EXPECT_EQ(client.Getattr(sRoot, attributes), 0U) << "served at the latest when the deaf one has been given up";
-}
-
-TEST_F(BadInputTest, NoClientReachesWhatLiesOutsideTheExport) {
-    const TempFolder outside;
-    WriteWholeFile(outside / "secret", "secret");
-    std::filesystem::create_symlink(outside.Path(), Folder() / "link");
-    NfsClient client;
-    const std::string sRoot = MountRoot(client);
-    const std::string sUp = "../" + std::filesystem::path(outside.Path()).filename().string();
-    std::string sHandle;
-    EXPECT_NE(client.Lookup(sRoot, "..", sHandle), 0U);
-    EXPECT_NE(client.Lookup(sRoot, sUp + "/secret", sHandle), 0U);
-    EXPECT_NE(client.Lookup(sRoot, "link/secret", sHandle), 0U);
-    EXPECT_NE(client.Create(sRoot, sUp + "/new", sHandle), 0U);
-    EXPECT_NE(client.Create(sRoot, "link/new", sHandle), 0U);
-    EXPECT_NE(client.Mkdir(sRoot, "../new", sHandle), 0U);
-    EXPECT_NE(client.Remove(sRoot, sUp + "/secret"), 0U);
-    ASSERT_EQ(client.Create(sRoot, "mine", sHandle), 0U);
-    EXPECT_NE(client.Rename(sRoot, "mine", sRoot, sUp + "/stolen"), 0U);
-    EXPECT_NE(client.Rename(sRoot, sUp + "/secret", sRoot, "stolen"), 0U);
-    EXPECT_EQ(ReadWholeFile(outside / "secret"), "secret");
-    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(outside.Path()), {}), 1);
-    EXPECT_TRUE(std::filesystem::exists(Folder() / "mine"));
 }
 
 }  // namespace

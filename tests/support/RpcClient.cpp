@@ -147,6 +147,14 @@ std::string RpcClient::ReceiveBytes(std::size_t iSize, std::chrono::milliseconds
 }
 
 std::string RpcClient::Receive(std::chrono::milliseconds limit) {
+    std::string sBytes = ReceiveRecord(limit);
+    if (m_Look) {
+        m_Look(sBytes);
+    }
+    return sBytes;
+}
+
+std::string RpcClient::ReceiveRecord(std::chrono::milliseconds limit) {
     if (m_Transport == Transport::kTcp) {
         const std::string sMark = ReceiveBytes(4, limit);
         const std::size_t iSize = WordAt(sMark, 0) & ~kLastFragment;

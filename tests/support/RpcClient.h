@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -80,6 +81,8 @@ public:
     RpcReply ReceiveReply(std::chrono::milliseconds limit = kLimit) {
         return RpcReply::Parse(m_Transport, Receive(limit));
     }
+    /// Shows each record or datagram that Receive gets, as it came, to the function before it is returned.
+    void ShowReplies(std::function<void(const std::string&)> look) { m_Look = std::move(look); }
     /// Receives exactly that many bytes of a stream.
     std::string ReceiveBytes(std::size_t iSize, std::chrono::milliseconds limit = kLimit);
     /// Whatever comes within the time, up to the first pause of that length: for bytes behind a reply.
@@ -95,7 +98,9 @@ public:
 
 private:
     bool WaitReadable(std::chrono::milliseconds limit);
+    std::string ReceiveRecord(std::chrono::milliseconds limit);
 
+    std::function<void(const std::string&)> m_Look;
     Transport m_Transport;
     int m_iSocket = -1;
     std::uint32_t m_iNextXid = 1;
