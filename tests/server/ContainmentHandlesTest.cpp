@@ -15,7 +15,7 @@
 namespace {
 
 /// IDs that are asked for one by one; there are a few dozen files.
-constexpr std::uint32_t kCountedHandles = 20000;
+constexpr std::uint32_t kCountedHandles = 5000;
 /// Calls that are on their way together.
 constexpr std::uint32_t kWindow = 500;
 constexpr int kListed = 200;
