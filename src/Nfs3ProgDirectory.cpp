@@ -292,7 +292,8 @@ void CNfs3Prog::WriteEntry(COutputStream* pOutput, ProcessParam* pParam, const L
 }
 
 /// Writes what an entry of READDIRPLUS has besides: the attributes and the handle of what it leads to. Clients never
-/// see a link: one that leads nowhere, or out of the exports, has neither.
+/// see a link: one that leads nowhere, or out of the exports, has neither. Nor has the directory of an export that does
+/// not admit the client.
 void CNfs3Prog::WriteEntryTarget(COutputStream* pOutput, ProcessParam* pParam, const ListedEntry& entry,
                                  const char* pcPath, unsigned int iFileID) {
     const LogContext log = GetLog(pParam);
@@ -302,8 +303,9 @@ void CNfs3Prog::WriteEntryTarget(COutputStream* pOutput, ProcessParam* pParam, c
         const bool bLink = entry.found.bKnown && S_ISLNK(entry.found.status.st_mode);
         std::string sTarget;
         FoundStatus target;
-        const bool bShown = !bLink || (ResolveWithinExports(pParam, pcPath, &sTarget) &&
-                                       FindWithoutLinks(sTarget.c_str(), &target) == Finding::kFound);
+        const bool bShown = bLink ? ResolveWithinExports(pParam, pcPath, &sTarget) &&
+                                        FindWithoutLinks(sTarget.c_str(), &target) == Finding::kFound
+                                  : m_pUtilities->IsAdmitted(pcPath, pParam->sRemoteAddr.c_str());
         const FoundStatus& found = bLink ? target : entry.found;
         if (bShown) {
             if (found.bKnown) {

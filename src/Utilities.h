@@ -150,6 +150,8 @@ public:
     /// export that holds the path decide. *pbReadOnly is set, and else left, where they admit it for reading only.
     MountAccess GetClientAccess(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
                                 const char* pcClientAddr, MountInfo* pMountInfo, bool* pbReadOnly);
+    /// Do the rules of the innermost export that holds a path admit a client? True without an access file.
+    bool IsAdmitted(const char* pcPath, const char* pcClientAddr);
     /// Binds an export to a client as UpdateMountClientIpAddrByExportName does, for a client that the access file
     /// admits. One that may share it is not refused when another holds it, and leaves it to that one; who is not
     /// admitted any more holds nothing.

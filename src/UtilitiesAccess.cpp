@@ -47,6 +47,15 @@ MountAccess CUtilities::GetClientAccess(CRuntimeParam* pRuntimeParam, const LogA
     return access;
 }
 
+bool CUtilities::IsAdmitted(const char* pcPath, const char* pcClientAddr) {
+    if (!m_pAccessFile) {
+        return true;
+    }
+    thread_local std::string sExport;
+    GetInnermostExport(OrEmpty(pcPath), &sExport);
+    return m_pAccessFile->GetRules().Find(sExport, pcClientAddr).IsAdmitted();
+}
+
 /// The name of the export that holds a path and lies deepest; empty if there is none.
 void CUtilities::GetInnermostExport(std::string_view sPath, std::string* psExportName) {
     const MutexLock lock(m_hMutexMountInfos);

@@ -2,6 +2,7 @@
 #include <cstdio>
 #include <ctime>
 #include <functional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -307,6 +308,23 @@ TEST_F(AccessTest, AnExportInsideAnotherHasRulesOfItsOwn) {
     EXPECT_EQ(outer.Lookup(sOuter, "f", sHandle), kOk);
     EXPECT_EQ(inner.Lookup(sInner, "secret", sHandle), kOk);
     EXPECT_EQ(Look(inner, sOuter), kIo);
+
+    // A listing of what holds it gives its name alone.
+    XdrReader listing =
+        outer.Nfs3(kNfsReaddirplus, XdrBuilder().Opaque(sOuter).Raw(std::string(16, '\0')).U32(4096).U32(8192).Bytes());
+    EXPECT_EQ(listing.U32(), kOk);
+    ReadPostOpAttr(listing);
+    listing.U64();
+    std::set<std::string> names;
+    while (listing.Bool()) {
+        listing.U64();
+        const std::string sName = listing.Opaque();
+        listing.U64();
+        EXPECT_EQ(ReadPostOpAttr(listing).has_value(), sName != "d") << sName;
+        EXPECT_EQ(ReadPostOpHandle(listing).has_value(), sName != "d") << sName;
+        names.insert(sName);
+    }
+    EXPECT_EQ(names, (std::set<std::string>{"d", "f"}));
 }
 
 // ---- Changes while it serves
