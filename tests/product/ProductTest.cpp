@@ -10,12 +10,14 @@
 #include <gtest/gtest.h>
 
 #include "ChildProcess.h"
+#include "DocumentLinks.h"
 #include "TempFolder.h"
 #include "Trees.h"
 
 namespace {
 
 using testing::HasSubstr;
+using testing::IsEmpty;
 using testing::Not;
 
 const std::string kLibrary = BuildTree() + "/lib/libNfsLib.so";
@@ -107,14 +109,25 @@ TEST(ProductTest, InstalledUnitRunsWhatWasInstalled) {
     EXPECT_THAT(sUnit, HasSubstr("\nEnvironment=NFSCONSOLE=" + sPlace + "/bin/nfsconsole\n"));
     EXPECT_THAT(sUnit, Not(HasSubstr("/usr/local")));
     EXPECT_THAT(sUnit, Not(HasSubstr("@NFSLIB")));
-    for (const char* pcFile :
-         {"libexec/nfslib/nfs-exports", "lib/sysusers.d/nfslib.conf", "share/man/man8/nfsconsole.8",
-          "share/man/man5/nfslib-exports.5", "share/man/man5/nfslib-access.5",
-          "share/bash-completion/completions/nfsconsole", "share/doc/nfslib/LICENSE", "share/doc/nfslib/host-guide.md",
-          "share/doc/nfslib/exports.example", "share/doc/nfslib/examples/java-host/DiskHost.java",
-          "share/doc/nfslib/examples/instant-recovery/rules.txt"}) {
+    for (const char* pcFile : {"libexec/nfslib/nfs-exports", "lib/sysusers.d/nfslib.conf",
+                               "share/man/man8/nfsconsole.8", "share/man/man5/nfslib-exports.5",
+                               "share/man/man5/nfslib-access.5", "share/bash-completion/completions/nfsconsole",
+                               "share/doc/nfslib/LICENSE", "share/doc/nfslib/docs/host-guide.md",
+                               "share/doc/nfslib/exports.example", "share/doc/nfslib/examples/java-host/DiskHost.java",
+                               "share/doc/nfslib/examples/instant-recovery/rules.txt"}) {
         EXPECT_TRUE(std::filesystem::exists(sPlace + "/" + pcFile)) << pcFile;
     }
+}
+
+TEST(ProductTest, InstalledDocumentsReachEachOther) {
+    const TempFolder folder;
+    const std::string sPlace = folder / "place";
+    ASSERT_EQ(RunProgram({"cmake", "--install", BuildTree(), "--prefix", sPlace}).iStatus, 0);
+    EXPECT_THAT(BrokenLinks(sPlace + "/share/doc/nfslib"), IsEmpty());
+    const std::string sUnit = ReadWholeFile(sPlace + "/lib/systemd/system/nfsconsole.service");
+    const std::string sGuide = sPlace + "/share/doc/nfslib/docs/operators-guide.md";
+    EXPECT_THAT(sUnit, HasSubstr(" file:" + sGuide + "\n"));
+    EXPECT_TRUE(std::filesystem::exists(sGuide));
 }
 
 TEST(ProductTest, UnitIsWellFormedAndConfined) {
@@ -138,7 +151,7 @@ TEST(ProductTest, ManualPagesAreWellFormed) {
     if (RunProgram({"/bin/sh", "-c", "command -v groff"}).iStatus != 0) {
         GTEST_SKIP() << "needs the package groff-base";
     }
-    for (const char* pcPage : {"nfsconsole.8", "nfsget.1", "nfslib-exports.5", "nfslib-access.5"}) {
+    for (const char* pcPage : {"nfsconsole.8", "nfsget.1", "nfsmap.1", "nfslib-exports.5", "nfslib-access.5"}) {
         const RunResult result = RunProgram({"groff", "-ww", "-man", "-z", SourceTree() + "/packaging/man/" + pcPage});
         EXPECT_EQ(result.iStatus, 0) << pcPage;
         EXPECT_EQ(result.sOutput, "") << pcPage;

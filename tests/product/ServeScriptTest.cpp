@@ -1,6 +1,9 @@
 // serve.sh as a user meets it, on a build that a stand-in for cmake reports.
 #include <cstdlib>
 #include <filesystem>
+#include <regex>
+#include <sstream>
+#include <utility>
 #include <vector>
 
 #include <arpa/inet.h>
@@ -128,6 +131,44 @@ TEST_F(ServeScriptTest, EmptyExportNameIsRefused) {
     const RunResult result = RunProgram({m_Folder / "serve.sh", m_Folder / "served", ""}, Options(false));
     EXPECT_EQ(result.iStatus, 1);
     EXPECT_EQ(result.sOutput, "serve.sh: an export's name holds no slash, blank or equals sign: \"\"\n");
+}
+
+/// The commands of README's tour with what they print: the lines behind four blanks from the first "$ " on.
+std::vector<std::pair<std::string, std::string>> ReadmeTour() {
+    std::istringstream readme(ReadWholeFile(SourceTree() + "/README.md"));
+    std::vector<std::pair<std::string, std::string>> vTour;
+    for (std::string sLine; std::getline(readme, sLine);) {
+        if (sLine.starts_with("    $ ")) {
+            vTour.emplace_back(sLine.substr(6), "");
+        } else if (!vTour.empty() && sLine.starts_with("    ")) {
+            vTour.back().second += sLine.substr(4) + "\n";
+        } else if (!vTour.empty()) {
+            break;
+        }
+    }
+    return vTour;
+}
+
+/// Without what differs between two runs: times, and the sizes of folders.
+std::string Timeless(const std::string& sText) {
+    static const std::regex kTime(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d)");
+    static const std::regex kFolder(R"([ \d]{12}  (\w+/))");
+    return std::regex_replace(std::regex_replace(sText, kTime, "TIME"), kFolder, "SIZE  $1");
+}
+
+TEST_F(ServeScriptTest, TourOfTheReadmePrintsWhatStandsThere) {
+    std::filesystem::copy_file(SourceTree() + "/LICENSE", m_Folder / "LICENSE");
+    ChildProcess serve({m_Folder / "serve.sh"}, Options(false));
+    ASSERT_TRUE(serve.WaitFor(kReady)) << serve.Output();
+    const auto vTour = ReadmeTour();
+    EXPECT_GE(vTour.size(), 4U);
+    for (const auto& [sCommand, sPrinted] : vTour) {
+        const RunResult result = RunProgram({"/bin/sh", "-c", sCommand}, Options(false));
+        EXPECT_EQ(result.iStatus, 0) << sCommand;
+        EXPECT_EQ(Timeless(result.sOutput), Timeless(sPrinted)) << sCommand;
+    }
+    serve.Send("quit\n");
+    EXPECT_EQ(serve.Wait(), 0);
 }
 
 TEST_F(ServeScriptTest, SaysWhoMayDoWhat) {
