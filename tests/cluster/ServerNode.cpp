@@ -1,7 +1,10 @@
 // Namespaces by unshare and nsenter, interfaces by ip.
 #include "ServerNode.h"
 
+#include <cstdlib>
+#include <functional>
 #include <stdexcept>
+#include <string_view>
 #include <vector>
 
 #include <signal.h>
@@ -32,13 +35,8 @@ ServerNode::ServerNode(int iNumber) : m_iNumber(iNumber) {
     RunOrThrow({"ip", "address", "add", Address(1) + "/24", "dev", Interface()});
     RunOrThrow({"ip", "address", "add", Address(3) + "/24", "dev", Interface()});
     RunOrThrow({"ip", "link", "set", Interface(), "up"});
-    const std::vector<std::string> vsInside = {"nsenter", "--net=/proc/" + sPid + "/ns/net", "ip"};
-    const auto runInside = [&vsInside](std::vector<std::string> vsArguments) {
-        vsArguments.insert(vsArguments.begin(), vsInside.begin(), vsInside.end());
-        RunOrThrow(vsArguments);
-    };
-    runInside({"address", "add", Address(2) + "/24", "dev", "eth0"});
-    runInside({"link", "set", "eth0", "up"});
+    RunInside({"ip", "address", "add", Address(2) + "/24", "dev", "eth0"});
+    RunInside({"ip", "link", "set", "eth0", "up"});
     m_pConsole->Send("debug\n");
     EXPECT_NE(Type("start").find("Start NFS success"), std::string::npos) << m_pConsole->Output();
 }
@@ -46,6 +44,7 @@ ServerNode::ServerNode(int iNumber) : m_iNumber(iNumber) {
 ServerNode::~ServerNode() {
     // The kernel takes its time with a network that is left; the name is free at once this way.
     RunProgram({"ip", "link", "delete", Interface()});
+    RunProgram({"nft", "delete", "table", "ip", "lossy" + std::to_string(m_iNumber)});
 }
 
 void ServerNode::Export(const std::string& sFolder, const std::string& sName) {
@@ -54,6 +53,34 @@ void ServerNode::Export(const std::string& sFolder, const std::string& sName) {
 
 void ServerNode::Withdraw(const std::string& sFolder) {
     Type("umount " + sFolder);
+}
+
+void ServerNode::Worsen(int nLostOfThousand) {
+    using Run = std::function<void(const std::vector<std::string>&)>;
+    const std::string sTable = "lossy" + std::to_string(m_iNumber);
+    const auto worsen = [&](const std::string& sInterface, const Run& run) {
+        const std::string sRule =
+            "iifname " + sInterface + " numgen random mod 1000 < " + std::to_string(nLostOfThousand) + " counter drop";
+        run({"ip", "link", "set", sInterface, "mtu", "600", "gso_max_segs", "1"});
+        run({"nft", "add table ip " + sTable});
+        run({"nft", "add chain ip " + sTable + " input { type filter hook input priority 0; }"});
+        run({"nft", "add rule ip " + sTable + " input " + sRule});
+    };
+    worsen(Interface(), RunOrThrow);
+    worsen("eth0", [this](const std::vector<std::string>& vsArguments) { RunInside(vsArguments); });
+}
+
+int ServerNode::CountLost() const {
+    const std::string sRules = RunProgram({"nft", "list", "table", "ip", "lossy" + std::to_string(m_iNumber)}).sOutput;
+    const std::string_view sCounter = "counter packets ";
+    const std::size_t iCounter = sRules.find(sCounter);
+    return iCounter == std::string::npos ? 0 : std::atoi(sRules.c_str() + iCounter + sCounter.size());
+}
+
+void ServerNode::RunInside(std::vector<std::string> vsArguments) const {
+    const std::string sNetwork = "--net=/proc/" + std::to_string(m_pConsole->GetPid()) + "/ns/net";
+    vsArguments.insert(vsArguments.begin(), {"nsenter", sNetwork});
+    RunOrThrow(vsArguments);
 }
 
 void ServerNode::Fail() {

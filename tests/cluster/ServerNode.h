@@ -3,6 +3,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "ChildProcess.h"
 #include "NfsClient.h"
@@ -22,16 +23,25 @@ public:
     void Export(const std::string& sFolder, const std::string& sName);
     /// Takes an export back.
     void Withdraw(const std::string& sFolder);
+    /// From now on the network takes small segments, each by itself, and so many of a thousand are lost on the way, in
+    /// both directions.
+    void Worsen(int nLostOfThousand);
+    /// How many have been lost.
+    int CountLost() const;
     /// The machine loses power.
     void Fail();
 
     /// A client at the first or at the second address.
     NfsClient Client() const { return ClientAt(1); }
     NfsClient OtherClient() const { return ClientAt(3); }
+    /// The server's own address.
+    std::string GetHost() const { return Address(2); }
 
 private:
     NfsClient ClientAt(int iHost) const;
     std::string Address(int iHost) const;
+    /// Runs a program in the server's network; throws std::runtime_error if it fails.
+    void RunInside(std::vector<std::string> vsArguments) const;
     /// The test's end of the pair.
     std::string Interface() const { return "node" + std::to_string(m_iNumber); }
     /// Types a line and waits until it is carried out; what was printed meanwhile.
