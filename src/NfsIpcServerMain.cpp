@@ -7,6 +7,7 @@
 #include "IpcChannel.h"
 #include "IpcClient.h"
 #include "IpcServerThread.h"
+#include "IpcStartLock.h"
 #include "Reason.h"
 #include "ServerIdentity.h"
 #include "Texts.h"
@@ -85,7 +86,9 @@ bool CNfsIpcServerMain::StartRemoteController(char* pcStatus) {
     }
     char vcChannel[kIpcChannelBufferSize];
     GetIpcServerThreadChannel(vcChannel);
-    // Opening puts our socket file in the place of whatever is there, so a channel that somebody serves is left alone.
+    // Opening puts our socket file in the place of whatever is there, so a channel that somebody serves is left alone,
+    // and nobody else opens one between our look and our opening.
+    const CIpcStartLock startLock(vcChannel);
     if (IsChannelServed(vcChannel)) {
         WriteReason(pcStatus, "Ipc channel is already created by others.");
         return false;

@@ -9,6 +9,7 @@
 
 #include "ChildProcess.h"
 #include "Isolation.h"
+#include "NfsIpcServerMain.h"
 #include "ServerFixture.h"
 
 namespace {
@@ -100,9 +101,37 @@ TEST_F(TwoServersAtOnceTest, InTwoProcessesAtMostOneServes) {
     EXPECT_FALSE(IsServed());
 }
 
+// The socket file of the first is not replaced by that of the second.
+TEST_F(TwoServersAtOnceTest, OfTwoThatTakeTheControlSocketOneHasIt) {
+    CNfsIpcServerMain vServers[] = {{"one", 0}, {"two", 0}};
+    char vcReasons[2][kReasonBufferSize] = {};
+    for (CNfsIpcServerMain& server : vServers) {
+        ASSERT_TRUE(server.Initial(vcReasons[0]));
+    }
+    for (int iRound = 0; iRound < 10 * kRounds; ++iRound) {
+        bool vbStarted[2] = {};
+        std::barrier together(2);
+        const auto start = [&](int i) {
+            together.arrive_and_wait();
+            vbStarted[i] = vServers[i].StartRemoteController(vcReasons[i]);
+        };
+        std::thread other(start, 1);
+        start(0);
+        other.join();
+        ASSERT_NE(vbStarted[0], vbStarted[1]) << "round " << iRound;
+        EXPECT_STREQ(vcReasons[vbStarted[0] ? 1 : 0], "Ipc channel is already created by others.");
+        for (CNfsIpcServerMain& server : vServers) {
+            server.StopRemoteController();
+        }
+    }
+    for (CNfsIpcServerMain& server : vServers) {
+        server.Terminate();
+    }
+}
+
 // With the control socket there is one who decides: the first. The second ends, and says so.
 TEST_F(TwoServersAtOnceTest, OfTwoExternalServersOneIsThere) {
-    for (int iRound = 0; iRound < 5; ++iRound) {
+    for (int iRound = 0; iRound < 3; ++iRound) {
         ConsoleProcess one({"-md", "svr", "-id", "one"});
         ConsoleProcess two({"-md", "svr", "-id", "two"});
         const bool bOne = one.WaitForPrompt();
