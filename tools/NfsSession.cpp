@@ -122,9 +122,9 @@ NfsSession::NfsSession(const NfsTarget& target, int iInterrupt)
 void NfsSession::FailMount(const NfsResult& result) {
     // A refused MNT bound nothing, and the export may be somebody else's.
     if (result.sText.find("MNT3ERR_") != std::string::npos) {
-        throw NfsError("mount of \"" + m_Target.sExport + "\" refused: no such export, or a client has it mounted " +
-                       "already (after a run that was cut short: nfsget release " + m_Target.sHost + ":" +
-                       m_Target.sExport + ")");
+        throw NfsError("mount of \"" + m_Target.sExport + "\" refused: no such export, not open to this address, or " +
+                       "a client has it mounted already (after a run that was cut short: nfsget release " +
+                       m_Target.sHost + ":" + m_Target.sExport + ")");
     }
     TakeBack(m_Target, kLeaveMilliseconds);
     const int iInterrupt = m_Connection.GetInterrupt();

@@ -98,8 +98,8 @@ TEST_F(NfsgetTest, RefusedMountSaysWhatToDoAndReleaseDoesIt) {
     RunResult result = Run({"list", "127.0.0.1:data"});
     EXPECT_EQ(result.iStatus, 1);
     EXPECT_EQ(result.sOutput,
-              "nfsget: mount of \"data\" refused: no such export, or a client has it mounted already (after a run that "
-              "was cut short: nfsget release 127.0.0.1:data)\n");
+              "nfsget: mount of \"data\" refused: no such export, not open to this address, or a client has it mounted "
+              "already (after a run that was cut short: nfsget release 127.0.0.1:data)\n");
     result = Run({"release", "127.0.0.1:data"});
     EXPECT_EQ(result.iStatus, 0) << result.sOutput;
     EXPECT_EQ(Run({"list", "127.0.0.1:data"}).iStatus, 0);

@@ -10,21 +10,36 @@ import java.io.IOException;
  * docs/host-guide.md tells the rest: which thread calls what, and what each answer means.
  */
 public class NfsLibNative {
-    /** Access modes of {@link #initial}. */
+    // ---- Access modes of initial ----------------------------------------------------------------------------------
+
+    /** The server runs in this process, and nobody else steers it. */
     public static final int INTERNAL_SERVER = 0;
+    /** The server runs in this process; others steer it by /tmp/nfs-server. One per machine. */
     public static final int EXTERNAL_SERVER = 1;
+    /** No server: each method asks the external server of this machine. */
     public static final int CLIENT = 2;
 
-    /** Bits of a log control. */
+    // ---- Bits of a log control ------------------------------------------------------------------------------------
+
+    /** What failed, and why. */
     public static final int LOG_ERRORS = 1;
+    /** General information. */
     public static final int LOG_GENERAL = 2;
+    /** Heads of calls; each reply then leaves by itself. */
     public static final int LOG_RPC = 4;
+    /** The names of the procedures that clients call. */
     public static final int LOG_PROCEDURES = 8;
+    /** Their arguments and results. */
     public static final int LOG_ARGUMENTS = 16;
+    /** Redirected files: opened, fed, exported. */
     public static final int LOG_REDIRECTED_FILES = 32;
+    /** Messages of the remote control. */
     public static final int LOG_IPC = 64;
+    /** Connections of the remote control. */
     public static final int LOG_IPC_STATE = 128;
+    /** Each access to a file on disk. */
     public static final int LOG_FILE_ACCESS = 256;
+    /** Registration with the system's portmapper. */
     public static final int LOG_PORTMAPPER = 512;
 
     // ---- Life of a controller -------------------------------------------------------------------------------------
@@ -195,16 +210,22 @@ public class NfsLibNative {
     public native boolean removeNetDeviceCredential(long handle, String path);
 
     // ---- Host methods: the library calls these, on any thread -----------------------------------------------------
+    // While one of the four notifications runs, every client waits. A method that throws counts as answered with -1.
 
     /** Asked once a second by {@link #receiveCallbackLoop}: true ends it. */
     public boolean isInterrupted() {
         return false;
     }
 
+    /**
+     * A line of the log. Without this method, or when it throws, the line goes to standard output.
+     * @param id whom it is about: an export, a client's address, or the controller's logID
+     */
     public void logInfo(String id, String message) {
         System.out.println("[info] (" + id + ") " + message);
     }
 
+    /** The line of an error; see {@link #logInfo}. */
     public void logError(String id, String message) {
         System.out.println("[erro] (" + id + ") " + message);
     }
@@ -214,23 +235,44 @@ public class NfsLibNative {
         System.out.println(message);
     }
 
-    /** A client wants to change size or times (seconds since 1970) of a redirected file. 0 grants it. */
+    /**
+     * A client wants to change size or times (seconds since 1970) of a redirected file, or, with all three flags false,
+     * its mode or owner. Nothing changes by itself: another size is seen when the file is opened anew with it.
+     * @param id the export that the file lies in
+     * @return 0: the client is told of success; anything else: it fails
+     */
     public int setRedirectedFileAttributes(String id, String path, boolean hasSize, long size, boolean hasAccessTime,
                                            long accessTime, boolean hasModificationTime, long modificationTime) {
         return -1;
     }
 
-    /** A client has removed a redirected file. 0 lets it succeed. */
+    /**
+     * A client has removed a redirected file: the entry on disk is gone, and the file is closed.
+     * @param id the export that it lay in
+     * @return 0: the client is told of success; anything else: of a failure, and the file stays removed
+     */
     public int removeRedirectedFile(String id, String path) {
         return -1;
     }
 
-    /** A client has renamed a redirected file. 0 lets it succeed. */
+    /**
+     * A client has renamed a redirected file, or a folder above it.
+     * @param id the export that the file lies in
+     * @return 0: the client is told of success; anything else: of a failure, and the rename is undone, unless it
+     *         replaced something
+     */
     public int renameRedirectedFile(String id, String oldPath, String newPath) {
         return -1;
     }
 
-    /** A client has written. The answer is the number of bytes it is told were stored; a negative one fails it. */
+    /**
+     * A client writes to a redirected file; where, not what: nobody keeps the data.
+     * @param id the export that the file lies in
+     * @param seek the offset
+     * @param seekType 0, from the start of the file
+     * @param length the number of bytes, at most 16384
+     * @return the number of bytes that the client is told were stored, as a rule length; negative: the write fails
+     */
     public int writeRedirectedFile(String id, String path, long seek, int seekType, int length) {
         return -1;
     }
