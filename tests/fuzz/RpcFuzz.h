@@ -8,7 +8,8 @@
 #include <string_view>
 #include <utility>
 
-#include "Descriptor.h"
+#include "FuzzTarget.h"
+#include "OutsideWatch.h"
 #include "RuntimeParam.h"
 
 class CMountProg;
@@ -26,26 +27,21 @@ class CUtilities;
 ///   then the bytes received
 ///
 /// File handles of the input's world: 0 the exported folder, 1 a file, 2 a folder with entries, 3 a file in it.
-class RpcFuzzWorld {
+class RpcFuzzWorld : public FuzzTarget {
 public:
     /// Works in a folder that it makes below the given one.
     explicit RpcFuzzWorld(const std::string& sFolder);
-    ~RpcFuzzWorld();
-    RpcFuzzWorld(const RpcFuzzWorld&) = delete;
-    RpcFuzzWorld& operator=(const RpcFuzzWorld&) = delete;
+    ~RpcFuzzWorld() override;
 
-    /// Feeds one input. Empty if all went as it must, else what went wrong.
-    std::string Run(std::string_view sInput);
+    std::string Run(std::string_view sInput) override;
 
 private:
     void Restore();
     CapturingSocket* TakeSocket(unsigned char iKind);
     std::string Judge(CapturingSocket* pSocket);
-    std::string JudgeOutside();
-    bool WasOutsideTouched();
+    void Export();
 
-    std::string m_sOutside;  ///< holds the export and what no client may reach
-    std::string m_sExport;
+    OutsideWatch m_Outside;
     std::unique_ptr<CUtilities> m_pUtilities;
     CRuntimeParam m_Param;
     std::unique_ptr<CPortmapProg> m_pPortmapProg;
@@ -53,6 +49,5 @@ private:
     std::unique_ptr<CNfsProg> m_pNfsProg;
     std::unique_ptr<CRpcServer> m_pServer;
     std::map<std::pair<bool, unsigned long>, std::unique_ptr<CapturingSocket>> m_Sockets;  ///< used again and again
-    CDescriptor m_Watch;  ///< tells of what is opened, made, changed or removed beside the export
     unsigned int m_nInputs = 0;
 };

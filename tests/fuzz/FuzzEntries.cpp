@@ -1,0 +1,88 @@
+// The doors that fuzzers come in by.
+#include "FuzzEntries.h"
+
+#include <algorithm>
+
+#include "IpcFuzz.h"
+#include "RpcFuzz.h"
+#include "Xdr.h"
+
+namespace {
+
+/// "PREFIX1" to "PREFIXn", or with numbers of two digits as a corpus has them.
+std::vector<std::string> Numbered(const std::string& sPrefix, int nLast) {
+    std::vector<std::string> vsNames;
+    for (int i = 1; i <= nLast; ++i) {
+        vsNames.push_back(sPrefix + std::to_string(i));
+    }
+    return vsNames;
+}
+
+// ---- RPC
+
+FuzzVocabulary MakeRpcVocabulary() {
+    FuzzVocabulary vocabulary{.nHead = 2, .vsWords = {}};
+    for (const char* pcName : {"..", ".", "/", "../secret", "../export", "file", "folder", "entry", "folder/entry",
+                               "link", "link/secret", "fuzz", ""}) {
+        vocabulary.vsWords.push_back(XdrBuilder().Opaque(pcName).Bytes());
+    }
+    for (std::uint32_t i = 0; i < 22; ++i) {  // another procedure's number
+        vocabulary.vsWords.push_back(XdrBuilder().U32(100003).U32(3).U32(i).Bytes());
+    }
+    return vocabulary;
+}
+
+std::vector<std::string> MakeRpcWanted() {
+    std::vector<std::string> vsNames{"MountProg.ProcedureNULL",      "MountProg.ProcedureMNT",
+                                     "MountProg.ProcedureUMNT",      "MountProg.ProcedureNOIMP",
+                                     "PortmapProg.ProcedureGETPORT", "PortmapProg.ProcedureNOIMP"};
+    for (const char* pcName : {"NULL",    "GETATTR",     "SETATTR", "LOOKUP", "ACCESS",   "READLINK", "READ",   "WRITE",
+                               "CREATE",  "MKDIR",       "SYMLINK", "MKNOD",  "REMOVE",   "RMDIR",    "RENAME", "LINK",
+                               "READDIR", "READDIRPLUS", "FSSTAT",  "FSINFO", "PATHCONF", "COMMIT"}) {
+        vsNames.push_back(std::string("Nfs3Prog.Procedure") + pcName);
+    }
+    return vsNames;
+}
+
+// ---- Remote control
+
+FuzzVocabulary MakeIpcVocabulary() {
+    FuzzVocabulary vocabulary{.nHead = 0, .vsWords = {"/tmp", "/", "..", "%s%n", std::string(300, 'x')}};
+    for (int i = 0; i < 40; ++i) {  // another type
+        vocabulary.vsWords.push_back({'\2', '\0', '\0', '\0', static_cast<char>(i), '\0', '\0', '\0'});
+    }
+    return vocabulary;
+}
+
+std::vector<std::string> MakeIpcWanted() {
+    std::vector<std::string> vsNames = Numbered("request ", 32);
+    std::ranges::copy(Numbered("callback ", 5), std::back_inserter(vsNames));
+    return vsNames;
+}
+
+// ---- All
+
+template <class Target>
+std::unique_ptr<FuzzTarget> MakeTarget(const std::string& sFolder) {
+    return std::make_unique<Target>(sFolder);
+}
+
+std::unique_ptr<FuzzTarget> MakeIpcTarget(const std::string& sFolder) {
+    return std::make_unique<IpcFuzzWorld>(sFolder + "/channel");
+}
+
+constexpr FuzzEntry kEntries[] = {
+    {"rpc", "corpus", MakeRpcVocabulary, MakeTarget<RpcFuzzWorld>, MakeRpcWanted},
+    {"ipc", "corpus-ipc", MakeIpcVocabulary, MakeIpcTarget, MakeIpcWanted},
+};
+
+}  // namespace
+
+std::span<const FuzzEntry> GetFuzzEntries() {
+    return kEntries;
+}
+
+const FuzzEntry* FindFuzzEntry(std::string_view sName) {
+    const auto itEntry = std::ranges::find_if(kEntries, [&](const FuzzEntry& entry) { return sName == entry.pcName; });
+    return itEntry == std::end(kEntries) ? nullptr : &*itEntry;
+}
