@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include "InfoFuzz.h"
 #include "IpcFuzz.h"
 #include "RpcFuzz.h"
 #include "Xdr.h"
@@ -60,6 +61,27 @@ std::vector<std::string> MakeIpcWanted() {
     return vsNames;
 }
 
+// ---- Info files
+
+FuzzVocabulary MakeInfoVocabulary() {
+    FuzzVocabulary vocabulary{
+        .nHead = 2,
+        .vsWords = {"Segment path=", "--> Merged Segment path=", "--> CheckPoint Segment ", "-------------------\n",
+                    ", fox=", ", ox=", ", len=", "Null", "18446744073709551615", "9223372036854775808", "\n"}};
+    vocabulary.vsWords.push_back(std::string(8, '\0'));
+    vocabulary.vsWords.push_back(std::string(8, '\xFF'));
+    vocabulary.vsWords.push_back(std::string(7, '\xFF') + '\x7F');
+    return vocabulary;
+}
+
+std::vector<std::string> MakeInfoWanted() {
+    return {"open",           "add segment",          "check point",
+            "no check point", "read refused",         "read of a source",
+            "read of zeros",  "read of nothing",      "step along the records",
+            "dump",           "empty dump",           "export",
+            "nfsmap: a dump", "nfsmap: an info file", "nfsmap: refused"};
+}
+
 // ---- All
 
 template <class Target>
@@ -74,6 +96,7 @@ std::unique_ptr<FuzzTarget> MakeIpcTarget(const std::string& sFolder) {
 constexpr FuzzEntry kEntries[] = {
     {"rpc", "corpus", MakeRpcVocabulary, MakeTarget<RpcFuzzWorld>, MakeRpcWanted},
     {"ipc", "corpus-ipc", MakeIpcVocabulary, MakeIpcTarget, MakeIpcWanted},
+    {"info", "corpus-info", MakeInfoVocabulary, MakeTarget<InfoFuzzWorld>, MakeInfoWanted},
 };
 
 }  // namespace
