@@ -3,8 +3,12 @@
 
 #include <algorithm>
 
+#include "ConsoleCommands.h"
+#include "ConsoleFuzz.h"
+#include "ConsoleOptions.h"
 #include "InfoFuzz.h"
 #include "IpcFuzz.h"
+#include "OptionsFuzz.h"
 #include "RpcFuzz.h"
 #include "Xdr.h"
 
@@ -82,6 +86,60 @@ std::vector<std::string> MakeInfoWanted() {
             "nfsmap: a dump", "nfsmap: an info file", "nfsmap: refused"};
 }
 
+// ---- The console
+
+FuzzVocabulary MakeConsoleVocabulary() {
+    FuzzVocabulary vocabulary{
+        .nHead = 2, .vsWords = {"\n", "\ndebug\n", "quit\n", "=", "/tmp", " ", "-1", "99999999999999999999", "%n%s"}};
+    for (const ConsoleCommand& command : GetConsoleCommands()) {
+        vocabulary.vsWords.push_back(std::string("\n") + command.pcKeyword);
+    }
+    return vocabulary;
+}
+
+std::vector<std::string> MakeConsoleWanted() {
+    std::vector<std::string> vsNames{"empty line", "unknown command"};
+    for (const ConsoleCommand& command : GetConsoleCommands()) {
+        vsNames.push_back(std::string("command ") + command.pcKeyword);
+    }
+    return vsNames;
+}
+
+// ---- An operator's settings
+
+FuzzVocabulary MakeOptionsVocabulary() {
+    FuzzVocabulary vocabulary{.nHead = 1,
+                              .vsWords = {"\n",      "\t",       " ",         "#",           ",",
+                                          "/",       "*",        "rw",        "ro",          "none",
+                                          ",shared", "10.0.0.1", "0.0.0.0/0", "10.0.0.0/24", "255.255.255.255/32",
+                                          "fuzz",    "/33",      "/00",       "1",           "99999999999999999999",
+                                          "int",     "svr",      "cli",       "/tmp=5"}};
+    for (const char* pcOption : {kOptionHelp, kOptionShutdown, kOptionQuery, kOptionTest, kOptionID, kOptionLog,
+                                 kOptionMode, kOptionLogFile, kOptionPidFile}) {
+        vocabulary.vsWords.push_back(std::string("\n") + pcOption + "\n");
+    }
+    for (const ServerOptionName& name : GetServerOptionNames()) {
+        vocabulary.vsWords.push_back(std::string("\n") + name.pcOption + "\n");
+    }
+    return vocabulary;
+}
+
+std::vector<std::string> MakeOptionsWanted() {
+    return {"command line: usage",
+            "command line: refused",
+            "command line: shutdown",
+            "command line: query",
+            "command line: test",
+            "command line: serve",
+            "environment",
+            "access file",
+            "access file: refused",
+            "pid file",
+            "pid file: of a living process",
+            "bind address",
+            "bind address: refused"};
+}
+
 // ---- All
 
 template <class Target>
@@ -97,6 +155,8 @@ constexpr FuzzEntry kEntries[] = {
     {"rpc", "corpus", MakeRpcVocabulary, MakeTarget<RpcFuzzWorld>, MakeRpcWanted},
     {"ipc", "corpus-ipc", MakeIpcVocabulary, MakeIpcTarget, MakeIpcWanted},
     {"info", "corpus-info", MakeInfoVocabulary, MakeTarget<InfoFuzzWorld>, MakeInfoWanted},
+    {"console", "corpus-console", MakeConsoleVocabulary, MakeTarget<ConsoleFuzzWorld>, MakeConsoleWanted},
+    {"options", "corpus-options", MakeOptionsVocabulary, MakeTarget<OptionsFuzzWorld>, MakeOptionsWanted},
 };
 
 }  // namespace
