@@ -81,6 +81,8 @@ public:
 
 protected:
     bool CollectOutput();
+    /// Whom the bytes that come next are from.
+    void SetRemoteAddr(const sockaddr_in& address);
     std::string& GetCollected() { return m_sCollected; }
 
 private:
@@ -94,7 +96,6 @@ private:
     bool SendDatagram();
     ssize_t SendFrom(std::size_t nSent);
     void Drop(std::size_t nSent);
-    void SetRemoteAddr(const sockaddr_in& address);
 
     const int m_iType;
     const unsigned long m_lProgId;

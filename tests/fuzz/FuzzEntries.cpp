@@ -10,6 +10,7 @@
 #include "IpcFuzz.h"
 #include "OptionsFuzz.h"
 #include "RpcFuzz.h"
+#include "SessionFuzz.h"
 #include "Xdr.h"
 
 namespace {
@@ -140,6 +141,37 @@ std::vector<std::string> MakeOptionsWanted() {
             "bind address: refused"};
 }
 
+// ---- Whole sessions
+
+FuzzVocabulary MakeSessionVocabulary() {
+    FuzzVocabulary vocabulary{.nHead = 1, .vsWords = {}};
+    for (int i = 0; i < 23; ++i) {  // calls on the first handles, and heard
+        const auto cProcedure = static_cast<char>(i);
+        vocabulary.vsWords.push_back({'\1', '\0', cProcedure, '\1', '\0', '\4', '\5', '\0'});
+        vocabulary.vsWords.push_back({'\1', '\1', cProcedure, '\4', '\0', '\1', '\6', '\0', '\x11'});
+    }
+    for (int i = 0; i < 32; ++i) {  // what a host asks for
+        vocabulary.vsWords.push_back({'\x8', '\0', static_cast<char>(i), '\0', '\4'});
+    }
+    for (int i = 0; i < 8; ++i) {  // and a local user does
+        vocabulary.vsWords.push_back({'\x8', '\5', '\4', static_cast<char>(i)});
+    }
+    return vocabulary;
+}
+
+std::vector<std::string> MakeSessionWanted() {
+    std::vector<std::string> vsNames = MakeRpcWanted();
+    std::ranges::copy(Numbered("request ", 32), std::back_inserter(vsNames));
+    for (const char* pcName :
+         {"step: connect", "step: call", "step: bytes", "step: hear some", "step: hear one", "step: hear all in turns",
+          "step: hang up", "step: host asks", "step: host sends bytes", "step: host answers otherwise",
+          "step: local user", "host: setRedirectedFileAttributes", "host: removeRedirectedFile",
+          "host: renameRedirectedFile", "host: writeRedirectedFile"}) {
+        vsNames.emplace_back(pcName);
+    }
+    return vsNames;
+}
+
 // ---- All
 
 template <class Target>
@@ -157,6 +189,7 @@ constexpr FuzzEntry kEntries[] = {
     {"info", "corpus-info", MakeInfoVocabulary, MakeTarget<InfoFuzzWorld>, MakeInfoWanted},
     {"console", "corpus-console", MakeConsoleVocabulary, MakeTarget<ConsoleFuzzWorld>, MakeConsoleWanted},
     {"options", "corpus-options", MakeOptionsVocabulary, MakeTarget<OptionsFuzzWorld>, MakeOptionsWanted},
+    {"session", "corpus-session", MakeSessionVocabulary, MakeTarget<SessionFuzzWorld>, MakeSessionWanted},
 };
 
 }  // namespace

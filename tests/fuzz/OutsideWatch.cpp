@@ -37,12 +37,10 @@ OutsideWatch::~OutsideWatch() {
     fs::remove_all(m_sOutside, ignored);
 }
 
-void OutsideWatch::Clear(std::string_view sKept) {
+void OutsideWatch::Clear() {
     std::error_code ignored;
     for (const auto& entry : fs::directory_iterator(m_sOutside)) {
-        if (sKept.empty() || entry.path().filename() != sKept) {
-            fs::remove_all(entry.path(), ignored);
-        }
+        fs::remove_all(entry.path(), ignored);
     }
     WriteWholeFile(m_sOutside + "/" + kSecretName, kSecret);
     fs::create_directories(m_sExport, ignored);

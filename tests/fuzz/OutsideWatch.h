@@ -19,8 +19,8 @@ public:
     const std::string& GetOutside() const { return m_sOutside; }
     const std::string& GetExport() const { return m_sExport; }
 
-    /// Empties the folder, but for what this object keeps there and folders of the given name.
-    void Clear(std::string_view sKept = {});
+    /// Empties the folder, but for what this object keeps there.
+    void Clear();
     /// Empty if nothing was touched since this was last asked, else what.
     std::string Judge();
     /// Does a text hold a part of the secret file?

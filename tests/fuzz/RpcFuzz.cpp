@@ -104,8 +104,7 @@ CapturingSocket* RpcFuzzWorld::TakeSocket(unsigned char iKind) {
     if (!pSocket || pSocket->IsStopping()) {
         pSocket = std::make_unique<CapturingSocket>(bDatagram ? CSocket::kDatagram : CSocket::kStream, lProgram);
     }
-    pSocket->GetInputStream()->ResetBuffer();
-    pSocket->GetOutputStream()->ResetBuffer();
+    pSocket->Renew({});
     return pSocket.get();
 }
 

@@ -57,6 +57,7 @@ struct FakeJvm::Impl {
     jint iGetEnvResult = JNI_OK;
     int nFailString = 0;
     bool bFailFindClass = false;
+    bool bQuiet = false;
 
     static Impl& Of(JNIEnv* pEnv) { return *reinterpret_cast<ThreadEnv*>(pEnv)->pImpl; }
     static Impl& Of(JavaVM* pVM) { return *reinterpret_cast<Impl*>(pVM); }
@@ -289,8 +290,10 @@ void FakeJvm::Impl::FillTables() {
         Impl& impl = Of(pEnv);
         const Lock lock(impl.mutex);
         const ThreadEnv& thread = impl.Check(pEnv, "ExceptionDescribe", true);
-        std::fprintf(stderr, "Exception in a fake thread: %s\n",
-                     thread.pPending != nullptr ? thread.pPending->sClass.c_str() : "none");
+        if (!impl.bQuiet) {
+            std::fprintf(stderr, "Exception in a fake thread: %s\n",
+                         thread.pPending != nullptr ? thread.pPending->sClass.c_str() : "none");
+        }
     };
     envTable.ExceptionClear = [](JNIEnv* pEnv) {
         Impl& impl = Of(pEnv);
@@ -472,6 +475,10 @@ void FakeJvm::SetFailString(int nth) {
     m_pImpl->nFailString = nth;
 }
 
+void FakeJvm::SetQuiet(bool bQuiet) {
+    const Lock lock(m_pImpl->mutex);
+    m_pImpl->bQuiet = bQuiet;
+}
 void FakeJvm::SetFailFindClass(bool bFail) {
     const Lock lock(m_pImpl->mutex);
     m_pImpl->bFailFindClass = bFail;

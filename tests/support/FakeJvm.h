@@ -64,6 +64,8 @@ public:
     /// The n-th NewString from now on (1: the next) throws OutOfMemoryError.
     void SetFailString(int nth);
     void SetFailFindClass(bool bFail);
+    /// Exceptions are not described on standard error.
+    void SetQuiet(bool bQuiet);
 
     struct Impl;  ///< the tables and what stands behind them; of no use to tests
 

@@ -37,6 +37,15 @@ public:
     }
     bool Collect() override { return CollectOutput(); }
     void SendCollected() override { Keep(std::exchange(GetCollected(), "")); }
+    /// As good as new, with another peer.
+    void Renew(const sockaddr_in& peer) {
+        SetRemoteAddr(peer);
+        GetInputStream()->ResetBuffer();
+        GetOutputStream()->ResetBuffer();
+        GetCollected().clear();
+        m_sSent.clear();
+        m_vnSendings.clear();
+    }
     /// From now on nothing that is sent arrives.
     void Break() { m_bTakesMore = false; }
     /// Hands bytes to a listener as the socket's thread does: in as many steps as the buffer needs. False once the
