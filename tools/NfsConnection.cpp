@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <utility>
 
@@ -115,7 +116,7 @@ NfsResult NfsConnection::Finish(const NfsCall& call, const NfsLimits& limits) {
     }
     if (call.IsDone()) {
         const bool bSenseless = call.Result().iResult == kLost && !IsAnswer(call.Result()) && m_bUsable;
-        return bSenseless ? NfsResult{-EPROTO, ""} : call.Result();
+        return bSenseless ? AnswerInText() : call.Result();
     }
     const bool bLost = !m_bUsable;
     m_bUsable = false;  // a call was given up: what follows it may not be sent
@@ -150,6 +151,17 @@ bool NfsConnection::Serve(Awaited other) {
 void NfsConnection::Close() {
     m_bUsable = false;
     m_pContext.reset();
+}
+
+NfsResult NfsConnection::AnswerInText() const {
+    const char* pcText = nfs_get_error(m_pContext.get());
+    const NfsResult result{-EPROTO, pcText != nullptr ? pcText : ""};
+    const std::size_t iNumber = result.sText.rfind('(');
+    if (!IsAnswer(result) || iNumber == std::string::npos) {
+        return {-EPROTO, ""};
+    }
+    const int iAnswer = std::atoi(result.sText.c_str() + iNumber + 1);
+    return {iAnswer < 0 ? iAnswer : -EPROTO, result.sText};
 }
 
 NfsResult NfsConnection::Lost() {

@@ -97,6 +97,9 @@ private:
     };
     static void Report(int iResult, nfs_context* pContext, void* pvData, void* pvState);
     Ready ServeWithin(Awaited other, int iInterrupt);
+    /// The outcome of a READ or WRITE that was refused: libnfs passes it on as broken, and tells the status only in its
+    /// text. An answer without a status makes no sense.
+    NfsResult AnswerInText() const;
 
     int m_iInterrupt;
     /// The calls that libnfs still reports to: it does so for each, at the latest when the context is destroyed, so

@@ -57,6 +57,11 @@ TEST_F(NfsgetTest, WriteReachesTheHostOfARedirectedFile) {
     EXPECT_EQ(Run({"write", local / "change", "127.0.0.1:data/disk", "0"}).sOutput,
               "nfsget: write \"disk\": the server's answer makes no sense; \"disk\" on the server is changed up to "
               "byte 0\n");
+    m_Log.SetHost([](const Notification&) { return -1; });
+    EXPECT_EQ(
+        Run({"write", local / "change", "127.0.0.1:data/disk", "0"}).sOutput,
+        "nfsget: write \"disk\": the server, or the host behind it, refuses that (invalid argument); \"disk\" on the "
+        "server is changed up to byte 0\n");
     m_Log.SetHost({});
     const RunResult refused = Run({"put", local / "change", "127.0.0.1:data/disk"});
     EXPECT_EQ(refused.iStatus, 1);

@@ -1,5 +1,7 @@
 // The documents against the program: links lead somewhere, and every option, variable and command is told where people
 // look for it.
+#include <regex>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -12,6 +14,7 @@
 
 namespace {
 
+using testing::ContainsRegex;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -83,6 +86,19 @@ TEST(DocumentsTest, EveryCommandOfTheConsoleIsTold) {
         EXPECT_THAT(sGuide, HasSubstr("`" + sKeyword + sEnd)) << "operator's guide";
         EXPECT_THAT(sPage, HasSubstr((command.bArgument ? "\n.BI " : "\n.B ") + sKeyword)) << "nfsconsole(8)";
     }
+}
+
+// The guide's tables begin their rows with the methods' names.
+TEST(DocumentsTest, EveryMethodOfTheHostsClassIsTold) {
+    const std::string sGuide = Document("docs/host-guide.md");
+    const std::string sClass = Document("examples/java-host/com/norvo/kbt/quickspin/nfs/NfsLibNative.java");
+    static const std::regex kMethod(R"(public (?:native )?\w+ (\w+)\()");
+    int nMethods = 0;
+    for (std::sregex_iterator it(sClass.begin(), sClass.end(), kMethod); it != std::sregex_iterator();
+         ++it, ++nMethods) {
+        EXPECT_THAT(sGuide, ContainsRegex("[|,] `" + (*it)[1].str() + "[`(]"));
+    }
+    EXPECT_GT(nMethods, 40);
 }
 
 // What the first test would say of documents that are out of date.
