@@ -182,11 +182,15 @@ std::size_t JavaHost::ResidentKiB() const {
 }
 
 std::string JavaHost::Quit() {
-    const std::unique_ptr<ChildProcess> pProcess = std::move(m_pProcess);
-    if (pProcess->IsRunning()) {
-        pProcess->Send("quit\n");
+    if (m_pProcess->IsRunning()) {
+        m_pProcess->Send("quit\n");
     }
-    EXPECT_EQ(pProcess->Wait(), 0) << pProcess->Output();
+    return WaitForEnd(0);
+}
+
+std::string JavaHost::WaitForEnd(int iStatus) {
+    const std::unique_ptr<ChildProcess> pProcess = std::move(m_pProcess);
+    EXPECT_EQ(pProcess->Wait(), iStatus) << pProcess->Output();
     std::string sOutput = pProcess->Output();
     EXPECT_EQ(ComplaintsIn(sOutput), std::vector<std::string>()) << sOutput;
     return sOutput;

@@ -64,6 +64,8 @@ public:
     ChildProcess& Process() { return *m_pProcess; }
     /// Ends the machine; everything it printed. The checks of the destructor are made.
     std::string Quit();
+    /// Waits for a machine that ends by itself, with the status given, instead of Quit.
+    std::string WaitForEnd(int iStatus);
 
 private:
     static std::string Text(const std::string& sText) { return sText; }

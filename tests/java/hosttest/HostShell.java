@@ -14,6 +14,7 @@ import java.util.List;
 import java.util.Map;
 import java.util.concurrent.Callable;
 import java.util.concurrent.ConcurrentHashMap;
+import java.util.concurrent.CountDownLatch;
 import java.util.concurrent.FutureTask;
 import java.util.concurrent.TimeUnit;
 import java.util.concurrent.TimeoutException;
@@ -32,6 +33,10 @@ import java.util.function.IntConsumer;
  * answer NAME METHOD VALUE        what a host method answers; "length": its last argument
  * throw NAME METHOD CLASS         what a host method throws
  * react NAME METHOD LINE...       a line of this kind that a host method carries out when called (once)
+ * block NAME METHOD               a host method that answers (its last argument) only when released
+ * release                         lets those that are blocked go on, for good
+ * exit CODE, halt CODE            ends the machine from a thread of its own
+ * loaders LIBRARY COPY FOLDER     see HostLoaders
  * events NAME                     what happened to the object since last asked
  * record NAME on|off
  * stress NAME ...                 see HostStress
@@ -43,6 +48,7 @@ public final class HostShell {
 
     private final Map<String, NfsLibNative> hosts = new ConcurrentHashMap<>();
     private final Map<String, FutureTask<String>> threads = new ConcurrentHashMap<>();
+    private final CountDownLatch released = new CountDownLatch(1);
 
     private HostShell() {}
 
@@ -79,6 +85,20 @@ public final class HostShell {
             case "react":
                 host.setReaction(fields[2], reacting(Arrays.copyOfRange(fields, 3, fields.length)));
                 return "ok";
+            case "block":
+                host.setReaction(fields[2], this::block);
+                return "ok";
+            case "release":
+                released.countDown();
+                return "ok";
+            case "exit":
+                new Thread(() -> System.exit(Integer.parseInt(fields[1]))).start();
+                return "ok";
+            case "halt":
+                new Thread(() -> Runtime.getRuntime().halt(Integer.parseInt(fields[1]))).start();
+                return "ok";
+            case "loaders":
+                return HostLoaders.run(fields[1], fields[2], fields[3]);
             case "events":
                 return escape(String.join("\t", host.takeEvents()));
             case "record":
@@ -106,6 +126,15 @@ public final class HostShell {
         } catch (TimeoutException e) {
             return "running";
         }
+    }
+
+    private Object block(Object[] arguments) {
+        try {
+            released.await();
+        } catch (InterruptedException e) {
+            Thread.currentThread().interrupt();
+        }
+        return arguments[arguments.length - 1];
     }
 
     private static NfsLibNative.Reaction answering(String value) {
