@@ -11,8 +11,8 @@
 // These want what libnfs.h defines.
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
-#include <functional>
 #include <stdexcept>
 
 #include <nfsc/libnfs-raw-mount.h>
@@ -22,6 +22,8 @@
 namespace {
 
 constexpr int kTimeoutMilliseconds = 60000;
+constexpr int kTickMilliseconds = 50;
+constexpr int kMostTicksWithoutSocket = 5;  // between two connections there is none for a moment
 constexpr int kMode = 0644;
 constexpr int kNfsPort = 2049;
 constexpr int kMountPort = 1058;
@@ -32,13 +34,72 @@ void LibnfsClient::Deleter::operator()(nfs_context* pContext) const {
     nfs_destroy_context(pContext);
 }
 
-LibnfsClient::LibnfsClient() : m_pContext(nfs_init_context()) {
+LibnfsClient::LibnfsClient() {
+    Renew();
+}
+
+void LibnfsClient::Renew() {
+    m_pContext.reset(nfs_init_context());
     if (!m_pContext) {
         throw std::runtime_error("nfs_init_context");
     }
 }
 
+/// A call in flight. It outlives its context, which calls back for what it never finished when it is destroyed:
+/// libnfs's own waiting calls have what they wait with on a stack that is gone by then.
+struct LibnfsClient::PendingCall {
+    bool bDone = false;
+    int iResult = 0;
+    std::function<void(int, void*)> take;
+
+    static void Finish(int iResult, nfs_context* /*pContext*/, void* pvData, void* pvCall) {
+        auto* pCall = static_cast<PendingCall*>(pvCall);
+        if (iResult >= 0 && pCall->take) {
+            pCall->take(iResult, pvData);
+        }
+        pCall->iResult = iResult;
+        pCall->bDone = true;
+    }
+};
+
+LibnfsClient::~LibnfsClient() = default;
+
+int LibnfsClient::Await(const std::function<int(void*)>& start, std::function<void(int, void*)> take) {
+    m_Pending.push_back(std::make_unique<PendingCall>());
+    PendingCall& call = *m_Pending.back();
+    call.take = std::move(take);
+    if (start(&call) != 0) {
+        m_Pending.pop_back();
+        return -EIO;
+    }
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(kTimeoutMilliseconds);
+    for (int nWithoutSocket = 0; !call.bDone;) {
+        pollfd entry{nfs_get_fd(m_pContext.get()), static_cast<short>(nfs_which_events(m_pContext.get())), 0};
+        nWithoutSocket = entry.fd < 0 ? nWithoutSocket + 1 : 0;
+        if (::poll(&entry, 1, kTickMilliseconds) < 0 || nfs_service(m_pContext.get(), entry.revents) < 0 ||
+            nWithoutSocket > kMostTicksWithoutSocket || std::chrono::steady_clock::now() > end) {
+            call.take = nullptr;
+            return -EIO;
+        }
+    }
+    const int iResult = call.iResult;
+    m_Pending.pop_back();
+    return iResult;
+}
+
+template <typename Function, typename... Arguments>
+int LibnfsClient::DoAndTake(const std::function<void(int, void*)>& take, Function* pFunction, Arguments... arguments) {
+    return Await([&](void* pvCall) { return pFunction(m_pContext.get(), arguments..., PendingCall::Finish, pvCall); },
+                 take);
+}
+
+template <typename Function, typename... Arguments>
+int LibnfsClient::Do(Function* pFunction, Arguments... arguments) {
+    return DoAndTake(nullptr, pFunction, arguments...);
+}
+
 int LibnfsClient::Mount(const std::string& sExport, int iNfsPort, int iMountPort) {
+    Renew();  // one that was refused stays connected, and then cannot connect
     const std::string sSettings =
         "nfs://?version=3&auto-traverse-mounts=0&autoreconnect=0&nfsport=" + std::to_string(iNfsPort) +
         "&mountport=" + std::to_string(iMountPort);
@@ -48,11 +109,11 @@ int LibnfsClient::Mount(const std::string& sExport, int iNfsPort, int iMountPort
     }
     nfs_destroy_url(pUrl);
     nfs_set_timeout(m_pContext.get(), kTimeoutMilliseconds);
-    return nfs_mount(m_pContext.get(), "127.0.0.1", sExport.c_str());
+    return Do(nfs_mount_async, "127.0.0.1", sExport.c_str());
 }
 
 int LibnfsClient::Umount() {
-    return nfs_umount(m_pContext.get());
+    return Do(nfs_umount_async);
 }
 
 std::string LibnfsClient::Error() const {
@@ -61,74 +122,127 @@ std::string LibnfsClient::Error() const {
 }
 
 int LibnfsClient::Mkdir(const std::string& sPath) {
-    return nfs_mkdir(m_pContext.get(), sPath.c_str());
+    return Do(nfs_mkdir_async, sPath.c_str());
 }
 
 int LibnfsClient::Rmdir(const std::string& sPath) {
-    return nfs_rmdir(m_pContext.get(), sPath.c_str());
+    return Do(nfs_rmdir_async, sPath.c_str());
 }
 
 int LibnfsClient::Unlink(const std::string& sPath) {
-    return nfs_unlink(m_pContext.get(), sPath.c_str());
+    return Do(nfs_unlink_async, sPath.c_str());
 }
 
 int LibnfsClient::Rename(const std::string& sFrom, const std::string& sTo) {
-    return nfs_rename(m_pContext.get(), sFrom.c_str(), sTo.c_str());
+    return Do(nfs_rename_async, sFrom.c_str(), sTo.c_str());
 }
 
 int LibnfsClient::Truncate(const std::string& sPath, std::uint64_t iSize) {
-    return nfs_truncate(m_pContext.get(), sPath.c_str(), iSize);
+    return Do(nfs_truncate_async, sPath.c_str(), iSize);
 }
 
 int LibnfsClient::Chmod(const std::string& sPath, int iMode) {
-    return nfs_chmod(m_pContext.get(), sPath.c_str(), iMode);
+    return Do(nfs_chmod_async, sPath.c_str(), iMode);
 }
 
 int LibnfsClient::Stat(const std::string& sPath, nfs_stat_64& state) {
-    return nfs_stat64(m_pContext.get(), sPath.c_str(), &state);
+    const auto take = [&](int /*iResult*/, void* pvData) { state = *static_cast<nfs_stat_64*>(pvData); };
+    return DoAndTake(take, nfs_stat64_async, sPath.c_str());
 }
 
 int LibnfsClient::Statvfs(const std::string& sPath, struct statvfs& figures) {
-    return nfs_statvfs(m_pContext.get(), sPath.c_str(), &figures);
+    const auto take = [&](int /*iResult*/, void* pvData) { figures = *static_cast<struct statvfs*>(pvData); };
+    return DoAndTake(take, nfs_statvfs_async, sPath.c_str());
+}
+
+int LibnfsClient::Access(const std::string& sPath, int iMode) {
+    return Do(nfs_access_async, sPath.c_str(), iMode);
+}
+
+int LibnfsClient::Utimes(const std::string& sPath, long iSeconds) {
+    timeval times[2] = {{iSeconds, 0}, {iSeconds, 0}};
+    return Do(nfs_utimes_async, sPath.c_str(), &times[0]);
+}
+
+int LibnfsClient::Symlink(const std::string& sTarget, const std::string& sPath) {
+    return Do(nfs_symlink_async, sTarget.c_str(), sPath.c_str());
+}
+
+int LibnfsClient::Readlink(const std::string& sPath) {
+    return Do(nfs_readlink_async, sPath.c_str());
+}
+
+int LibnfsClient::Link(const std::string& sPath, const std::string& sNew) {
+    return Do(nfs_link_async, sPath.c_str(), sNew.c_str());
+}
+
+int LibnfsClient::Mknod(const std::string& sPath, int iMode) {
+    return Do(nfs_mknod_async, sPath.c_str(), iMode, 0);
+}
+
+int LibnfsClient::Sync(const std::string& sPath) {
+    return WithFile(sPath, O_RDWR, [this](nfsfh* pFile) { return Do(nfs_fsync_async, pFile); });
+}
+
+// ---- Content
+
+int LibnfsClient::WithFile(const std::string& sPath, int iFlags, const std::function<int(nfsfh*)>& work) {
+    nfsfh* pFile = nullptr;
+    const auto take = [&](int /*iResult*/, void* pvData) { pFile = static_cast<nfsfh*>(pvData); };
+    const int iOpened = DoAndTake(take, nfs_open2_async, sPath.c_str(), iFlags, kMode);
+    if (iOpened != 0) {
+        return iOpened;
+    }
+    const int iResult = work(pFile);
+    // libnfs sends a COMMIT when it closes a written file; the server, which answers every WRITE with FILE_SYNC,
+    // refuses it.
+    const int iClosed = Do(nfs_close_async, pFile);
+    return iResult == 0 && iClosed != -EIO ? iClosed : iResult;
+}
+
+int LibnfsClient::WriteAt(const std::string& sPath, std::uint64_t iOffset, std::string_view sData) {
+    return WithFile(sPath, O_RDWR, [&](nfsfh* pFile) { return WritePiece(pFile, iOffset, sData); });
+}
+
+int LibnfsClient::WritePiece(nfsfh* pFile, std::uint64_t iOffset, std::string_view sData) {
+    return Do(nfs_pwrite_async, pFile, iOffset, sData.size(), sData.data());
+}
+
+int LibnfsClient::ReadAt(const std::string& sPath, std::uint64_t iOffset, std::size_t nBytes, std::string& sData) {
+    sData.clear();
+    return std::min(WithFile(sPath, O_RDONLY, [&](nfsfh* pFile) { return AppendPiece(pFile, iOffset, nBytes, sData); }),
+                    0);
+}
+
+int LibnfsClient::AppendPiece(nfsfh* pFile, std::uint64_t iOffset, std::size_t nBytes, std::string& sData) {
+    const auto take = [&](int iResult, void* pvData) {
+        sData.append(static_cast<const char*>(pvData), static_cast<std::size_t>(iResult));
+    };
+    return DoAndTake(take, nfs_pread_async, pFile, iOffset, nBytes);
 }
 
 int LibnfsClient::WriteFile(const std::string& sPath, std::string_view sContent, std::size_t iPiece) {
-    nfsfh* pFile = nullptr;
-    int iResult = nfs_open2(m_pContext.get(), sPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, kMode, &pFile);
-    if (iResult != 0) {
-        return iResult;
-    }
-    std::size_t iDone = 0;
-    while (iDone < sContent.size()) {
-        iResult =
-            nfs_write(m_pContext.get(), pFile, std::min(iPiece, sContent.size() - iDone), sContent.data() + iDone);
-        if (iResult <= 0) {
-            break;
+    return WithFile(sPath, O_WRONLY | O_CREAT | O_TRUNC, [&](nfsfh* pFile) {
+        for (std::size_t iDone = 0; iDone < sContent.size();) {
+            const int iResult = WritePiece(pFile, iDone, sContent.substr(iDone, iPiece));
+            if (iResult <= 0) {
+                return iResult < 0 ? iResult : -EIO;
+            }
+            iDone += static_cast<std::size_t>(iResult);
         }
-        iDone += static_cast<std::size_t>(iResult);
-    }
-    // libnfs sends a COMMIT when it closes a written file; the server, which answers every WRITE with FILE_SYNC,
-    // refuses it.
-    const int iClosed = nfs_close(m_pContext.get(), pFile);
-    if (iDone < sContent.size()) {
-        return iResult < 0 ? iResult : -EIO;
-    }
-    return iClosed == -EIO && !sContent.empty() ? 0 : iClosed;
+        return 0;
+    });
 }
 
 int LibnfsClient::ReadFile(const std::string& sPath, std::string& sContent, std::size_t iPiece) {
     sContent.clear();
-    nfsfh* pFile = nullptr;
-    int iResult = nfs_open(m_pContext.get(), sPath.c_str(), O_RDONLY, &pFile);
-    if (iResult != 0) {
+    return WithFile(sPath, O_RDONLY, [&](nfsfh* pFile) {
+        int iResult = 0;
+        do {
+            iResult = AppendPiece(pFile, sContent.size(), iPiece, sContent);
+        } while (iResult > 0);
         return iResult;
-    }
-    std::vector<char> vcPiece(iPiece);
-    while ((iResult = nfs_read(m_pContext.get(), pFile, iPiece, vcPiece.data())) > 0) {
-        sContent.append(vcPiece.data(), static_cast<std::size_t>(iResult));
-    }
-    const int iClosed = nfs_close(m_pContext.get(), pFile);
-    return iResult != 0 ? iResult : iClosed;
+    });
 }
 
 // ---- Listings
@@ -136,7 +250,8 @@ int LibnfsClient::ReadFile(const std::string& sPath, std::string& sContent, std:
 int LibnfsClient::ListPlus(const std::string& sPath, std::multiset<std::string>& names) {
     names.clear();
     nfsdir* pFolder = nullptr;
-    const int iResult = nfs_opendir(m_pContext.get(), sPath.c_str(), &pFolder);
+    const auto take = [&](int /*iResult*/, void* pvData) { pFolder = static_cast<nfsdir*>(pvData); };
+    const int iResult = DoAndTake(take, nfs_opendir_async, sPath.c_str());
     if (iResult != 0) {
         return iResult;
     }
@@ -266,4 +381,13 @@ int LibnfsClient::ListPlain(const std::string& sExport, std::uint32_t iCount, st
     iResult = mount.Call(
         [&](rpc_context* pRpc, RawCall* pCall) { return rpc_mount3_umnt_async(pRpc, Finish, sName.data(), pCall); });
     return iListed != 0 ? iListed : iResult;
+}
+
+int LibnfsClient::Release(const std::string& sExport) {
+    RawConnection mount;
+    std::string sName = sExport;
+    const int iResult = mount.Connect(kMountPort, MOUNT_PROGRAM, MOUNT_V3);
+    return iResult != 0 ? iResult : mount.Call([&](rpc_context* pRpc, RawCall* pCall) {
+        return rpc_mount3_umnt_async(pRpc, Finish, sName.data(), pCall);
+    });
 }

@@ -2,7 +2,9 @@
 #include "ModelledClient.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
+#include <mutex>
 #include <stdexcept>
 #include <thread>
 #include <utility>
@@ -10,12 +12,11 @@
 
 namespace {
 
-constexpr std::uint32_t kOk = 0;
-constexpr std::uint32_t kMissing = 2;
 constexpr std::size_t kMostFiles = 12;
 constexpr std::size_t kLargestFile = 200000;
 constexpr std::size_t kLargestWrite = 16384;
-constexpr std::uint32_t kLargestRead = 65536;
+constexpr std::size_t kLargestRead = 65536;
+constexpr std::size_t kRemountEvery = 50;
 constexpr std::chrono::seconds kPatience{60};
 
 /// What is wrong with the server: ends the run.
@@ -38,13 +39,15 @@ std::string Overwrite(std::string sContent, std::size_t iOffset, std::string_vie
 
 }  // namespace
 
-ModelledClient::ModelledClient(ModelledWorld world, std::uint32_t iSeed) : m_World(std::move(world)), m_Random(iSeed) {}
+ModelledClient::ModelledClient(ModelledWorld world, std::unique_ptr<ExportFiles> pCalls, std::uint32_t iSeed)
+    : m_World(std::move(world)), m_Random(iSeed), m_pCalls(std::move(pCalls)) {}
 
 std::string ModelledClient::Run(const std::atomic<bool>& bStop) {
     m_pbStop = &bStop;
     try {
         Recover();
         while (!bStop) {
+            ++m_nWork;
             WorkOnce();
             if (m_World.pause.count() > 0) {
                 std::this_thread::sleep_for(m_World.pause);
@@ -54,16 +57,18 @@ std::string ModelledClient::Run(const std::atomic<bool>& bStop) {
         return m_World.sExport + ": " + wrong.what();
     } catch (const Stopped&) {
     }
-    m_pClient.reset();
     return "";
 }
 
 void ModelledClient::WorkOnce() {
-    const std::size_t iWork = Below(16);
+    const std::size_t iWork = Below(20);
     if (m_Files.empty() || (iWork == 0 && m_Files.size() < kMostFiles)) {
         return Create();
     }
     const File file = std::next(m_Files.begin(), static_cast<std::ptrdiff_t>(Below(m_Files.size())));
+    if (m_iQuestion < m_pCalls->GetQuestionCount()) {  // each of them once before all else
+        return AskNext();
+    }
     switch (iWork) {
         case 1:
             return Cut(file);
@@ -82,11 +87,16 @@ void ModelledClient::WorkOnce() {
         case 8:
             return ReadHosted();
         case 9:
+            return GetSize(file);
         case 10:
         case 11:
+            return AskNext();
+        case 12:
+        case 13:
+        case 14:
             return Write(file);
         default:
-            return Read(file);
+            return Below(kRemountEvery) == 0 ? Recover() : Read(file);
     }
 }
 
@@ -94,9 +104,7 @@ void ModelledClient::WorkOnce() {
 
 void ModelledClient::Create() {
     const std::string sName = MakeName();
-    std::string sHandle;
-    if (Try([&] { return m_pClient->Create(m_sRoot, sName, sHandle) == kOk; })) {
-        m_Handles[sName] = sHandle;
+    if (Try([&] { return m_pCalls->Create(sName); })) {
         m_Files[sName] = "";
     } else if (Exists(sName)) {
         m_Files[sName] = "";
@@ -109,8 +117,8 @@ void ModelledClient::Write(File file) {
     const std::string sData = MakeContent(1 + Below(kLargestWrite));
     const std::string sNew = Overwrite(file->second, iOffset, sData);
     const std::string sName = file->first;
-    std::uint32_t nWritten = 0;
-    if (Try([&] { return m_pClient->Write(GetHandle(sName), iOffset, sData, nWritten) == kOk; })) {
+    std::size_t nWritten = 0;
+    if (TryOn(sName, [&] { return m_pCalls->Write(sName, iOffset, sData, nWritten); })) {
         Require(nWritten == sData.size(), sName + ": only " + std::to_string(nWritten) + " bytes were written");
         m_Files[sName] = sNew;
     } else {
@@ -120,14 +128,21 @@ void ModelledClient::Write(File file) {
 
 void ModelledClient::Read(File file) {
     const std::size_t iOffset = Below(file->second.size() + 100);
-    const auto nCount = static_cast<std::uint32_t>(1 + Below(kLargestRead));
-    std::string sData;
-    bool bEof = false;
-    if (Try([&] { return m_pClient->Read(GetHandle(file->first), iOffset, nCount, sData, bEof) == kOk; })) {
+    const std::size_t nCount = 1 + Below(kLargestRead);
+    Piece piece;
+    if (TryOn(file->first, [&] { return m_pCalls->Read(file->first, iOffset, nCount, piece); })) {
         const std::string sExpected =
             iOffset < file->second.size() ? file->second.substr(iOffset, nCount) : std::string();
-        Require(sData == sExpected, file->first + ": wrong bytes at " + std::to_string(iOffset));
-        Require(bEof == (iOffset + nCount >= file->second.size()), file->first + ": wrong end of file");
+        const bool bEnd = iOffset + nCount >= file->second.size();
+        Require(piece.sData == sExpected, file->first + ": wrong bytes at " + std::to_string(iOffset));
+        Require(piece.bEof.value_or(bEnd) == bEnd, file->first + ": wrong end of file");
+    }
+}
+
+void ModelledClient::GetSize(File file) {
+    std::uint64_t nBytes = 0;
+    if (TryOn(file->first, [&] { return m_pCalls->GetSize(file->first, nBytes); })) {
+        Require(nBytes == file->second.size(), file->first + ": a size of " + std::to_string(nBytes));
     }
 }
 
@@ -135,9 +150,7 @@ void ModelledClient::Cut(File file) {
     const std::string sName = file->first;
     std::string sNew = file->second;
     sNew.resize(Below(kLargestFile / 2), '\0');
-    Sattr3 attributes;
-    attributes.iSize = sNew.size();
-    if (Try([&] { return m_pClient->Setattr(GetHandle(sName), attributes) == kOk; })) {
+    if (TryOn(sName, [&] { return m_pCalls->Cut(sName, sNew.size()); })) {
         m_Files[sName] = sNew;
     } else {
         Settle(sName, sNew);
@@ -149,11 +162,9 @@ void ModelledClient::Rename(File file) {
     const std::string sFrom = file->first;
     const File other = std::next(m_Files.begin(), static_cast<std::ptrdiff_t>(Below(m_Files.size())));
     const std::string sTo = other->first == sFrom || Below(2) == 0 ? MakeName() : other->first;
-    static_cast<void>(Try([&] { return !GetHandle(sFrom).empty(); }));  // RENAME answers by what has a handle
-    const bool bDone = Try([&] { return m_pClient->Rename(m_sRoot, sFrom, m_sRoot, sTo) == kOk; });
+    static_cast<void>(TryOn(sFrom, [&] { return m_pCalls->Find(sFrom); }));  // RENAME answers by what has a handle
+    const bool bDone = Try([&] { return m_pCalls->Rename(sFrom, sTo); });
     if (bDone || !Exists(sFrom)) {
-        m_Handles.erase(sFrom);
-        m_Handles.erase(sTo);
         m_Files[sTo] = std::move(m_Files[sFrom]);
         m_Files.erase(sFrom);
     }
@@ -161,16 +172,15 @@ void ModelledClient::Rename(File file) {
 
 void ModelledClient::Remove(File file) {
     const std::string sName = file->first;
-    const bool bDone = Try([&] { return m_pClient->Remove(m_sRoot, sName) == kOk; });
+    const bool bDone = Try([&] { return m_pCalls->Remove(sName); });
     if (bDone || !Exists(sName)) {
-        m_Handles.erase(sName);
         m_Files.erase(sName);
     }
 }
 
 void ModelledClient::List() {
     std::vector<std::string> vsNames;
-    if (!Try([&] { return m_pClient->Readdir(m_sRoot, vsNames, 1024) == kOk; })) {
+    if (!Try([&] { return m_pCalls->List(vsNames); })) {
         return;
     }
     std::vector<std::string> vsExpected = {"disk", "hosted"};
@@ -184,32 +194,31 @@ void ModelledClient::List() {
 }
 
 void ModelledClient::MakeFolder() {
-    std::string sHandle;
-    static_cast<void>(Try([&] { return m_pClient->Mkdir(m_sRoot, "folder", sHandle) == kOk; }));
+    static_cast<void>(Try([&] { return m_pCalls->MakeFolder("folder"); }));
     static_cast<void>(Try([&] {
-        const std::uint32_t iStatus = m_pClient->Rmdir(m_sRoot, "folder");
-        return iStatus == kOk || iStatus == kMissing;
+        const int iStatus = m_pCalls->RemoveFolder("folder");
+        return iStatus == ENOENT ? 0 : iStatus;
     }));
     while (Exists("folder")) {
-        static_cast<void>(Try([&] { return m_pClient->Rmdir(m_sRoot, "folder") == kOk; }));
+        static_cast<void>(Try([&] { return m_pCalls->RemoveFolder("folder"); }));
     }
 }
 
 void ModelledClient::ReadDisk() {
     const std::size_t iOffset = Below(m_World.sDisk.size());
-    const auto nCount = static_cast<std::uint32_t>(1 + Below(kLargestRead));
-    std::string sData;
-    bool bEof = false;
-    if (Try([&] { return m_pClient->Read(GetHandle("disk"), iOffset, nCount, sData, bEof) == kOk; })) {
-        Require(sData == m_World.sDisk.substr(iOffset, nCount), "disk: wrong bytes at " + std::to_string(iOffset));
+    const std::size_t nCount = 1 + Below(kLargestRead);
+    Piece piece;
+    if (TryOn("disk", [&] { return m_pCalls->Read("disk", iOffset, nCount, piece); })) {
+        Require(piece.sData == m_World.sDisk.substr(iOffset, nCount),
+                "disk: wrong bytes at " + std::to_string(iOffset));
     }
 }
 
 // The host says how much it takes of it: all.
 void ModelledClient::WriteDisk() {
     const std::string sData = MakeContent(1 + Below(kLargestWrite));
-    std::uint32_t nWritten = 0;
-    if (Try([&] { return m_pClient->Write(GetHandle("disk"), 0, sData, nWritten) == kOk; })) {
+    std::size_t nWritten = 0;
+    if (TryOn("disk", [&] { return m_pCalls->Write("disk", 0, sData, nWritten); })) {
         Require(nWritten == sData.size(), "disk: the host took all, and the client was told another number");
     }
 }
@@ -217,25 +226,34 @@ void ModelledClient::WriteDisk() {
 // A file that the host replaces as a whole: each version holds one letter. A handle of the version before may be
 // answered with that version or the next, never with both.
 void ModelledClient::ReadHosted() {
-    std::string sData;
-    bool bEof = false;
-    if (Try([&] { return m_pClient->Read(GetHandle("hosted"), 0, kLargestRead, sData, bEof) == kOk; })) {
-        Require(!sData.empty() && sData.find_first_not_of(sData[0]) == std::string::npos,
+    Piece piece;
+    if (TryOn("hosted", [&] { return m_pCalls->Read("hosted", 0, kLargestRead, piece); })) {
+        Require(!piece.sData.empty() && piece.sData.find_first_not_of(piece.sData[0]) == std::string::npos,
                 "hosted: a mixture of two versions");
     }
 }
 
+void ModelledClient::AskNext() {
+    const std::string sName = m_Files.begin()->first;
+    std::string sWrong;
+    const bool bAnswered = Try([&] {
+        const bool bRight = m_pCalls->Ask(m_iQuestion % m_pCalls->GetQuestionCount(), sName, sWrong);
+        // A client that can still look something up has not lost its connection.
+        const int iStatus = bRight ? 0 : m_pCalls->Find("disk");
+        Require(bRight || iStatus != 0, sWrong);
+        return iStatus;
+    });
+    m_iQuestion += bAnswered ? 1 : 0;
+}
+
 // ---- Calls that fail
 
-bool ModelledClient::Try(const std::function<bool()>& call) {
+bool ModelledClient::Try(const std::function<int()>& call) {
     try {
-        ++m_nCalls;
-        if (call()) {
+        if (call() == 0) {
             return true;
         }
     } catch (const WrongAnswer&) {
-        throw;
-    } catch (const Stopped&) {
         throw;
     } catch (const std::exception&) {  // the connection is gone
     }
@@ -243,22 +261,18 @@ bool ModelledClient::Try(const std::function<bool()>& call) {
     return false;
 }
 
+bool ModelledClient::TryOn(const std::string& sName, const std::function<int()>& call) {
+    return Try([&] {
+        const int iStatus = call();
+        Require(iStatus != ENOENT, sName + " is gone");
+        return iStatus;
+    });
+}
+
 /// Mounts anew, for as long as it takes the server to come back.
 void ModelledClient::Recover() {
     const auto end = std::chrono::steady_clock::now() + kPatience;
-    m_Handles.clear();
-    for (;;) {
-        try {
-            m_pClient.reset();
-            m_pClient = std::make_unique<NfsClient>(Transport::kTcp, m_World.sAddress);
-            m_pClient->Umnt(m_World.sExport);
-            m_sRoot = m_pClient->Mnt(m_World.sExport).value_or("");
-            std::string sHandle;
-            if (!m_sRoot.empty() && m_pClient->Lookup(m_sRoot, "disk", sHandle) == kOk) {
-                return;
-            }
-        } catch (const std::exception&) {
-        }
+    while (!Mount()) {
         if (*m_pbStop) {
             throw Stopped();
         }
@@ -267,44 +281,38 @@ void ModelledClient::Recover() {
     }
 }
 
-std::string ModelledClient::GetHandle(const std::string& sName) {
-    std::string& sHandle = m_Handles[sName];
-    if (sHandle.empty()) {
-        const std::uint32_t iStatus = m_pClient->Lookup(m_sRoot, sName, sHandle);
-        Require(iStatus != kMissing, sName + " is gone");
-        if (iStatus != kOk) {
-            throw std::runtime_error("LOOKUP fails");
-        }
+bool ModelledClient::Mount() {
+    static std::mutex hOneAfterTheOther;
+    const std::lock_guard lock(hOneAfterTheOther);
+    try {
+        return m_pCalls->Mount() == 0 && m_pCalls->Find("disk") == 0;
+    } catch (const std::exception&) {
+        return false;
     }
-    return sHandle;
 }
 
 bool ModelledClient::Exists(const std::string& sName) {
-    std::uint32_t iStatus = kOk;
-    std::string sHandle;
+    int iStatus = 0;
     while (!Try([&] {
-        iStatus = m_pClient->Lookup(m_sRoot, sName, sHandle);
-        return iStatus == kOk || iStatus == kMissing;
+        iStatus = m_pCalls->Find(sName);
+        return iStatus == ENOENT ? 0 : iStatus;
     })) {
     }
-    return iStatus == kOk;
+    return iStatus == 0;
 }
 
 std::string ModelledClient::ReadWhole(const std::string& sName) {
     std::string sAll;
-    bool bEof = false;
-    while (!bEof) {
-        std::string sPart;
-        const bool bRead =
-            Try([&] { return m_pClient->Read(GetHandle(sName), sAll.size(), kLargestRead, sPart, bEof) == kOk; });
-        if (!bRead) {
+    for (;;) {
+        Piece piece;
+        if (!TryOn(sName, [&] { return m_pCalls->Read(sName, sAll.size(), kLargestRead, piece); })) {
             sAll.clear();
-            bEof = false;
+        } else if (piece.sData.empty()) {
+            return sAll;
         } else {
-            sAll += sPart;
+            sAll += piece.sData;
         }
     }
-    return sAll;
 }
 
 /// Nobody knows whether a file has its old content or the other one: looks, and takes what it finds.

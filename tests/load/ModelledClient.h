@@ -11,28 +11,28 @@
 #include <string>
 #include <string_view>
 
-#include "NfsClient.h"
+#include "ExportFiles.h"
 
 /// What a ModelledClient finds in its export beside its own files, and how long it may wait.
 struct ModelledWorld {
     std::string sExport;                 ///< the export's name
-    std::string sAddress;                ///< where the client calls from
     std::string sDisk;                   ///< what the redirected file "disk" must read as
     std::chrono::microseconds pause{0};  ///< between two pieces of work
 };
 
-/// Writes, reads, cuts, renames, removes and lists files, and compares every reply with what was acknowledged before.
-/// Where a call fails or its connection is lost, it mounts anew and finds out which of the two possible states holds:
-/// any third one is an error. One thread.
+/// Writes, reads, cuts, renames, removes and lists files, and compares every reply with what was acknowledged before;
+/// makes each of the other calls too, and mounts anew now and then. Clients mount one after the other, since the MOUNT
+/// port serves few at the same time. Where a call fails or its connection is lost, it mounts anew and finds out which
+/// of the two possible states holds: any third one is an error. One thread.
 class ModelledClient {
 public:
-    ModelledClient(ModelledWorld world, std::uint32_t iSeed);
+    ModelledClient(ModelledWorld world, std::unique_ptr<ExportFiles> pCalls, std::uint32_t iSeed);
 
     /// Works until it is told to stop, or until something is wrong. Empty, or what was wrong.
     std::string Run(const std::atomic<bool>& bStop);
     /// What the files must hold in the end, by name.
     const std::map<std::string, std::string>& GetFiles() const { return m_Files; }
-    std::uint64_t GetCallCount() const { return m_nCalls; }
+    std::uint64_t GetWorkCount() const { return m_nWork; }
 
 private:
     using File = std::map<std::string, std::string>::iterator;
@@ -49,11 +49,16 @@ private:
     void ReadDisk();
     void WriteDisk();
     void ReadHosted();
+    void GetSize(File file);
+    void AskNext();
 
-    /// Does one call; false if it failed or nobody knows whether it was done, and then the client has mounted anew.
-    bool Try(const std::function<bool()>& call);
+    /// Does one call, by its status; false if it failed or nobody knows whether it was done, and then the client has
+    /// mounted anew.
+    bool Try(const std::function<int()>& call);
+    /// The same for a file that must be there.
+    bool TryOn(const std::string& sName, const std::function<int()>& call);
     void Recover();
-    std::string GetHandle(const std::string& sName);
+    bool Mount();
     bool Exists(const std::string& sName);
     std::string ReadWhole(const std::string& sName);
     void Settle(const std::string& sName, const std::string& sOther);
@@ -65,9 +70,8 @@ private:
     const ModelledWorld m_World;
     std::mt19937 m_Random;
     const std::atomic<bool>* m_pbStop = nullptr;
-    std::unique_ptr<NfsClient> m_pClient;
-    std::string m_sRoot;
-    std::map<std::string, std::string> m_Handles;
+    const std::unique_ptr<ExportFiles> m_pCalls;
     std::map<std::string, std::string> m_Files;  ///< name to content
-    std::uint64_t m_nCalls = 0;
+    std::size_t m_iQuestion = 0;
+    std::uint64_t m_nWork = 0;
 };
