@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <utility>
 
 #include "Limits.h"
 #include "OsFiles.h"
@@ -119,10 +120,11 @@ bool CFileLogger::LogMessage(const char* pcType, const char* pcMsg) {
 /// Moves the file aside and begins a new one. When that fails the logger stays closed.
 bool CFileLogger::Rotate(const LogArgu* pLogArgu) {
     CRuntimeParam* pParam = m_pRuntimeParam.get();
-    if (m_pUtilities->OS_FileClose(pParam, pLogArgu, m_iLogFile, m_LogFile.c_str(), nullptr) == -1) {
+    // A close that fails has closed the descriptor all the same: its number may be a client's file or connection next.
+    const int iClosing = std::exchange(m_iLogFile, -1);
+    if (m_pUtilities->OS_FileClose(pParam, pLogArgu, iClosing, m_LogFile.c_str(), nullptr) == -1) {
         return false;
     }
-    m_iLogFile = -1;
     std::string sRotated;
     do {
         sRotated = m_LogFile + "." + std::to_string(m_iLastLogIndex++);

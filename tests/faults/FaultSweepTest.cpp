@@ -111,6 +111,7 @@ public:
         Step([this] { ReadDisk(); });
         Step([this] { WriteDisk(); });
         Step([this] { AddSegment(); });
+        Step([this] { ReadRecordedDisk(); });
         Step([this] { AskForStatus(); });
     }
 
@@ -130,7 +131,12 @@ public:
             EXPECT_EQ(ReadAll(sHandle).substr(0, 100), Pattern(100, 5)) << "a segment was accepted and lost";
         }
         m_pHostSide->CloseRedirectedFile((m_Folder / DiskName()).c_str());
-        for (const std::string& sLeft : {m_sName, m_sName + "-renamed", DiskName()}) {
+        OpenRecordedDisk();
+        std::string sRecorded;
+        ASSERT_EQ(m_pClient->Lookup(m_sRoot, RecordedName(), sRecorded), kOk);
+        EXPECT_EQ(ReadAll(sRecorded), Pattern(100, 5)) << "opened anew";
+        m_pHostSide->CloseRedirectedFile((m_Folder / RecordedName()).c_str());
+        for (const std::string& sLeft : {m_sName, m_sName + "-renamed", DiskName(), RecordedName()}) {
             std::string sHandle;
             if (m_pClient->Lookup(m_sRoot, sLeft, sHandle) == kOk) {
                 EXPECT_EQ(m_pClient->Remove(m_sRoot, sLeft), kOk) << sLeft;
@@ -277,9 +283,35 @@ private:
             m_pHostSide->AddRedirectedFileSegment(sDisk.c_str(), (m_Folder / "source").c_str(), 0, 0, 100, vcReason);
         EXPECT_TRUE(m_bSegmentAdded || vcReason[0] != '\0') << "a refusal without a reason";
     }
+    /// The same with a map in an info file. A record that could not be written is missing, and then zeros are read.
+    void OpenRecordedDisk() {
+        const std::string sDisk = m_Folder / RecordedName();
+        WriteWholeFile(sDisk, "");
+        m_pHostSide->OpenRedirectedFile(sDisk.c_str(), 100, true, 0, 0);
+        char vcReason[kReasonBufferSize] = "";
+        for (long long iOffset : {0, 50}) {
+            m_pHostSide->AddRedirectedFileSegment(sDisk.c_str(), (m_Folder / "source").c_str(), iOffset, iOffset, 50,
+                                                  vcReason);
+        }
+    }
+    void ReadRecordedDisk() {
+        OpenRecordedDisk();
+        std::string sHandle;
+        std::string sData;
+        bool bEof = false;
+        if (m_pClient->Lookup(m_sRoot, RecordedName(), sHandle) == kOk &&
+            m_pClient->Read(sHandle, 0, kMaxTransfer, sData, bEof) == kOk) {
+            const std::string sContent = Pattern(100, 5);
+            ASSERT_LE(sData.size(), sContent.size());
+            for (std::size_t i = 0; i < sData.size(); ++i) {
+                ASSERT_TRUE(sData[i] == sContent[i] || sData[i] == '\0') << i;
+            }
+        }
+    }
     void AskForStatus() { m_pHostSide->GetServerStatus(); }
 
     std::string DiskName() const { return "disk" + std::to_string(m_iRound); }
+    std::string RecordedName() const { return "recorded" + std::to_string(m_iRound); }
 
     /// The file, under whichever of its names it may be, holds what was acknowledged: by the client and on disk.
     void CheckFile() {
@@ -433,6 +465,7 @@ constexpr Sweep kSweeps[] = {
     {"ShortRead", FaultyCall::kRead, FaultKind::kShort, 0},
     {"WriteOnAFullDisk", FaultyCall::kWrite, FaultKind::kError, ENOSPC},
     {"ShortWrite", FaultyCall::kWrite, FaultKind::kShort, 0},
+    {"Seek", FaultyCall::kSeek, FaultKind::kError, EIO},
     {"Change", FaultyCall::kChange, FaultKind::kError, EIO},
     {"Listing", FaultyCall::kListing, FaultKind::kError, EIO},
     {"Close", FaultyCall::kClose, FaultKind::kError, EIO},
