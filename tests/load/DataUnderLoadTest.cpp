@@ -4,7 +4,8 @@
 //
 // NFSLIB_LOAD_SECONDS makes it last, NFSLIB_LOAD_PAUSE (microseconds) makes the clients pause between two pieces of
 // work, NFSLIB_LOAD_DISTURBANCE (milliseconds) sets the time between two of the host's, NFSLIB_LOAD_RESTARTS=0 leaves
-// the server running, and NFSLIB_LOAD_CSV names a file for the server's memory, threads and descriptors over time.
+// the server running, and NFSLIB_LOAD_CSV names a file, not below /tmp, which is the test's own, for the memory,
+// threads and descriptors of the server over time.
 #include <algorithm>
 #include <atomic>
 #include <chrono>
