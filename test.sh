@@ -130,7 +130,7 @@ lint() {
 }
 
 package() {
-    need_packages "${BUILD_PACKAGES[@]}" dpkg-dev iproute2 util-linux
+    need_packages "${BUILD_PACKAGES[@]}" dpkg-dev file iproute2 util-linux
     configure build "${PLAIN_OPTIONS[@]}"
     build build
     (cd build && rm -f nfslib_*.deb && cpack -G DEB) >build/package.log 2>&1 || {

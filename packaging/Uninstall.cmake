@@ -9,7 +9,7 @@ foreach(file ${files})
   file(REMOVE "$ENV{DESTDIR}${file}")
   # Folders that only this installation used.
   cmake_path(GET file PARENT_PATH folder)
-  while(folder MATCHES "/(nfslib|java-host|instant-recovery|com|norvo|kbt|quickspin|nfs|examples|pictures)$")
+  while(folder MATCHES "/(nfslib|java-host|instant-recovery|com|norvo|kbt|quickspin|nfs|examples|docs|pictures|performance)$")
     list(APPEND folders "${folder}")
     cmake_path(GET folder PARENT_PATH folder)
   endwhile()

@@ -130,6 +130,25 @@ TEST(ProductTest, InstalledDocumentsReachEachOther) {
     EXPECT_TRUE(std::filesystem::exists(sGuide));
 }
 
+// From a list of its own: the build's is that of whichever test has installed last.
+TEST(ProductTest, UninstallingLeavesNoFileAndNoFolderOfOurs) {
+    const TempFolder folder;
+    const std::string sPlace = folder / "place";
+    ASSERT_EQ(RunProgram({"cmake", "--install", BuildTree(), "--prefix", sPlace}).iStatus, 0);
+    std::string sManifest;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(sPlace)) {
+        sManifest += entry.is_directory() ? "" : entry.path().string() + "\n";
+    }
+    WriteWholeFile(folder / "manifest", sManifest);
+    const RunResult result =
+        RunProgram({"cmake", "-DMANIFEST=" + (folder / "manifest"), "-P", SourceTree() + "/packaging/Uninstall.cmake"});
+    EXPECT_EQ(result.iStatus, 0) << result.sOutput;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(sPlace)) {
+        EXPECT_TRUE(entry.is_directory()) << entry.path();
+        EXPECT_THAT(entry.path().string().substr(sPlace.size()), Not(HasSubstr("nfslib")));
+    }
+}
+
 TEST(ProductTest, UnitIsWellFormedAndConfined) {
     const TempFolder folder;
     if (RunProgram({"/bin/sh", "-c", "command -v systemd-analyze"}).iStatus != 0) {
