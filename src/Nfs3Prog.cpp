@@ -46,7 +46,8 @@ CBatchLooks::Effect GetEffect(const ProcessParam& param) {
 CNfs3Prog::CNfs3Prog(CUtilities* pUtilities, std::size_t nMaxListingMemory)
     : CRpcProg(pUtilities),
       m_iSysUpTime(CUtilities::GetCurrentSystemTimeInMilliseconds()),
-      m_Listings(nMaxListingMemory) {}
+      m_Listings(nMaxListingMemory),
+      m_Spare(OpenSpare()) {}
 
 unsigned int CNfs3Prog::GetVersion() {
     return kVersion;

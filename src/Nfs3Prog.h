@@ -11,6 +11,7 @@
 
 #include <sys/types.h>
 
+#include "Descriptor.h"
 #include "KeptListings.h"
 #include "Nfs3Types.h"
 #include "ProgramFrame.h"
@@ -184,6 +185,8 @@ private:
     static void ReportNoExport(const LogContext& log);
     nfsstat3 CheckLinks(ProcessParam* pParam, const LogContext& log, const char* pcPath, FoundStatus* pStatus);
     bool LookAtResolved(const LogContext& log, const std::string& sResolved, FoundStatus* pStatus);
+    void LookWithSpare(const char* pcPath, FoundStatus* pStatus);
+    static CDescriptor OpenSpare();
     CFolderEntry OpenEntry(const LogContext& log, std::string sPath);
     bool FindEntryInOneStep(const LogContext& log, const char* pcJoined, CFolderEntry* pEntry, FoundStatus* pStatus);
     std::string FindJoinedPath(const LogContext& log, const char* pcJoined, FoundStatus* pStatus);
@@ -239,4 +242,5 @@ private:
     const unsigned int m_iFSF3Properties = kFsf3Homogeneous | kFsf3CanSetTime;
     std::atomic<bool> m_bReadOnly{false};
     CKeptListings m_Listings;
+    CDescriptor m_Spare;  ///< given up for the look at a file when there is no other descriptor
 };

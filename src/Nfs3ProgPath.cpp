@@ -16,6 +16,7 @@
 #include <string_view>
 #include <utility>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -350,9 +351,26 @@ bool CNfs3Prog::LookAtResolved(const LogContext& log, const std::string& sResolv
         finding = FindWithoutLinks(sResolved.c_str(), pStatus);
     }
     if (finding == Finding::kUnknown && errno == EMFILE) {
-        pStatus->bKnown = ::lstat(sResolved.c_str(), &pStatus->status) == 0;  // that takes no descriptor
+        LookWithSpare(sResolved.c_str(), pStatus);
     }
     return pStatus->bKnown;
+}
+
+/// The same with the descriptor that is kept for it, so that also then nothing is looked at but what no link leads to.
+/// Nothing names afterwards what was found; who wants to act on it needs a descriptor anyway.
+void CNfs3Prog::LookWithSpare(const char* pcPath, FoundStatus* pStatus) {
+    m_Spare.Close();
+    {
+        FoundStatus found;
+        FindWithoutLinks(pcPath, &found);
+        pStatus->bKnown = found.bKnown;
+        pStatus->status = found.status;
+    }
+    m_Spare = OpenSpare();
+}
+
+CDescriptor CNfs3Prog::OpenSpare() {
+    return CDescriptor::AboveStandard(CDescriptor(::open("/", O_PATH | O_CLOEXEC)));
 }
 
 /// The first two checks of most procedures: the path lies in an export, and it exists, which need not be asked again of

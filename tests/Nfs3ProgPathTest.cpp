@@ -227,7 +227,9 @@ TEST_F(Nfs3ProgPathTest, FilesAreFoundWithoutADescriptorToSpare) {
     WriteWholeFile(Path("file"), "content");
     const std::string sHandle = Handle("file");
     const XdrBuilder arguments = XdrBuilder().Opaque(sHandle).U32(1);
-    EXPECT_EQ(WithoutDescriptors([&] { return Status(kNfsAccess, arguments); }), 0U);
+    const FullDescriptorTable full;
+    EXPECT_EQ(Status(kNfsAccess, arguments), 0U);
+    EXPECT_EQ(Status(kNfsAccess, arguments), 0U) << "once more";
 }
 
 TEST_F(Nfs3ProgPathTest, JoinIsBounded) {

@@ -20,6 +20,7 @@
 
 #include "ContainmentFixture.h"
 #include "Isolation.h"
+#include "SoftLimit.h"
 
 namespace {
 
@@ -396,6 +397,22 @@ TEST_F(ContainmentRaceTest, NoCallGetsOutWhenAFolderIsSwappedWithALinkAtAnyOfIts
             Server().SetLogControl(CRuntimeParam::kLogError);
         }
     }
+}
+
+// What is looked at needs a descriptor, to stay what it was judged as; there is one for that when all others are taken.
+TEST_F(ContainmentRaceTest, NoCallGetsOutWithoutADescriptorToSpareEither) {
+    const std::vector<Call> vCalls = MakeCalls();
+    for (int iRound = 0; iRound < kRounds / 5 && !HasFailure(); ++iRound) {
+        Restore();
+        const FullDescriptorTable full;
+        const Swapper swapper(Folder() / "dir", Folder() / "link");
+        for (const Call& call : vCalls) {
+            for (int i = 0; i < 5; ++i) {
+                Note(call.pcName, call.make());
+            }
+        }
+    }
+    EXPECT_GT(m_Succeeded["GETATTR"], 0);
 }
 
 // Another file system would tell of itself.

@@ -1,10 +1,14 @@
 // Limits of this process for the length of a test.
 #pragma once
 
+#include <vector>
+
 #include <fcntl.h>
 #include <sys/resource.h>
 
 #include <gtest/gtest.h>
+
+#include "Descriptor.h"
 
 /// A soft limit (RLIMIT_NOFILE, RLIMIT_FSIZE, ...) that is restored at the end of the scope.
 class SoftLimit {
@@ -49,3 +53,24 @@ template <typename Step>
 auto WithoutDescriptors(Step step) {
     return WithFreeDescriptors(0, step);
 }
+
+/// No descriptor is to be had, for the scope: all are in use up to the greatest that was, and there are no others.
+/// Those that somebody closes can be had again.
+class FullDescriptorTable {
+public:
+    FullDescriptorTable() : m_Limit(RLIMIT_NOFILE) {
+        constexpr int kMostLookedAt = 4096;
+        int iGreatest = 0;
+        for (int i = 0; i < kMostLookedAt; ++i) {
+            iGreatest = ::fcntl(i, F_GETFD) != -1 ? i : iGreatest;
+        }
+        EXPECT_TRUE(m_Limit.Set(static_cast<rlim_t>(iGreatest) + 1));
+        for (int iTaken = 0; (iTaken = ::fcntl(0, F_DUPFD_CLOEXEC, 0)) != -1;) {
+            m_vTaken.emplace_back(iTaken);
+        }
+    }
+
+private:
+    SoftLimit m_Limit;
+    std::vector<CDescriptor> m_vTaken;
+};
