@@ -1,7 +1,11 @@
 // What the build delivers: the library's symbols, what it needs, and the installed layout.
+#include <csignal>
 #include <filesystem>
 #include <set>
 #include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -109,12 +113,13 @@ TEST(ProductTest, InstalledUnitRunsWhatWasInstalled) {
     EXPECT_THAT(sUnit, HasSubstr("\nEnvironment=NFSCONSOLE=" + sPlace + "/bin/nfsconsole\n"));
     EXPECT_THAT(sUnit, Not(HasSubstr("/usr/local")));
     EXPECT_THAT(sUnit, Not(HasSubstr("@NFSLIB")));
-    for (const char* pcFile : {"libexec/nfslib/nfs-exports", "lib/sysusers.d/nfslib.conf",
-                               "share/man/man8/nfsconsole.8", "share/man/man5/nfslib-exports.5",
-                               "share/man/man5/nfslib-access.5", "share/bash-completion/completions/nfsconsole",
-                               "share/doc/nfslib/LICENSE", "share/doc/nfslib/docs/host-guide.md",
-                               "share/doc/nfslib/exports.example", "share/doc/nfslib/examples/java-host/DiskHost.java",
-                               "share/doc/nfslib/examples/instant-recovery/rules.txt"}) {
+    for (const char* pcFile :
+         {"libexec/nfslib/nfs-exports", "libexec/nfslib/restart-pause", "lib/sysusers.d/nfslib.conf",
+          "share/man/man8/nfsconsole.8", "share/man/man5/nfslib-exports.5", "share/man/man5/nfslib-access.5",
+          "share/bash-completion/completions/nfsconsole", "share/doc/nfslib/LICENSE",
+          "share/doc/nfslib/docs/host-guide.md", "share/doc/nfslib/exports.example",
+          "share/doc/nfslib/examples/java-host/DiskHost.java",
+          "share/doc/nfslib/examples/instant-recovery/rules.txt"}) {
         EXPECT_TRUE(std::filesystem::exists(sPlace + "/" + pcFile)) << pcFile;
     }
 }
@@ -164,6 +169,33 @@ TEST(ProductTest, UnitIsWellFormedAndConfined) {
         RunProgram({"systemd-analyze", "security", "--offline=true", "--no-pager", "--threshold=30", sUnit});
     EXPECT_EQ(exposure.iStatus, 0) << exposure.sOutput;
     EXPECT_THAT(exposure.sOutput, HasSubstr("Overall exposure level"));
+}
+
+// As the unit calls it before each start and after each end.
+TEST(ProductTest, RestartPauseGrowsFromFailureToFailureUntilAStop) {
+    const TempFolder folder;
+    const std::string sScript = SourceTree() + "/packaging/restart-pause";
+    ChildOptions surroundings;
+    surroundings.vEnvironment = {{"RUNTIME_DIRECTORY", folder.Path()}, {"SERVICE_RESULT", "core-dump"}};
+    const std::vector<std::pair<int, int>> vExpected = {{0, 0}, {1, 0}, {2, 2}, {3, 4}, {6, 32}, {7, 60}, {30, 60}};
+    for (const auto& [nFailures, nSeconds] : vExpected) {
+        SCOPED_TRACE(nFailures);
+        for (int i = 0; i < nFailures; ++i) {
+            EXPECT_EQ(RunProgram({sScript, "stop"}, surroundings).iStatus, 0);
+        }
+        ChildProcess start({sScript, "start"}, surroundings);
+        if (nSeconds > 0) {
+            EXPECT_TRUE(start.WaitFor("The server has ended " + std::to_string(nFailures) +
+                                      " times in a row: it is started again in " + std::to_string(nSeconds) +
+                                      " seconds.\n"))
+                << start.Output();
+            start.Signal(SIGTERM);  // as a stop of the service does
+        }
+        EXPECT_EQ(start.Wait(), 0);
+        EXPECT_EQ(std::filesystem::exists(folder / "restarts"), nFailures == 1);
+        EXPECT_EQ(start.Output().empty(), nSeconds == 0) << start.Output();
+        std::filesystem::remove(folder / "restarts");
+    }
 }
 
 TEST(ProductTest, ManualPagesAreWellFormed) {
