@@ -3,6 +3,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -10,6 +11,9 @@
 #include "ConsoleUtilities.h"
 #include "FileLogger.h"
 #include "NfsMain.h"
+#include "ServerIdentity.h"
+#include "ServerStatistics.h"
+#include "StatisticsForm.h"
 #include "Utilities.h"
 
 namespace {
@@ -50,6 +54,32 @@ ConsoleNext Log(ConsoleSession& session, const char* pcArgument) {
 ConsoleNext Status(ConsoleSession& session, const char* /*pcArgument*/) {
     std::printf("\n");
     session.pConsole->PrintStatus(session.pNfsMain);
+    return ConsoleNext::kPrompt;
+}
+
+/// The figures of the server in this process.
+ConsoleNext ShowStatistics(ConsoleSession& session, StatisticsForm form) {
+    if (session.pNfsMain->GetAccessMode() == kAccessModeClient) {
+        std::printf(
+            "The server runs in another process, which counts. Start it with -stats FILE, and have it show the\n"
+            "file: type 'debug', then 'exec cat FILE'\n");
+        return ConsoleNext::kPrompt;
+    }
+    ServerStatistics statistics;
+    session.pNfsMain->GetStatistics(&statistics);
+    std::printf("%s", ShowStatistics(statistics, form).c_str());
+    return ConsoleNext::kPrompt;
+}
+
+ConsoleNext Stats(ConsoleSession& session, const char* /*pcArgument*/) {
+    return ShowStatistics(session, StatisticsForm::kTable);
+}
+
+ConsoleNext StatsInForm(ConsoleSession& session, const char* pcArgument) {
+    if (const std::optional<StatisticsForm> form = FindForm(pcArgument)) {
+        return ShowStatistics(session, *form);
+    }
+    std::printf("Fail to show statistics. Reason=In-valid input value: %s\n", pcArgument);
     return ConsoleNext::kPrompt;
 }
 
@@ -205,6 +235,8 @@ constexpr ConsoleCommand kCommands[] = {
     {"quit", ": quit this program", false, false, Quit},
     {"log ", "<num>: display log messages or not", false, true, Log},
     {"status", ": show status", false, false, Status},
+    {"stats", nullptr, false, false, Stats},
+    {"stats ", nullptr, false, true, StatsInForm},
     {"debug", nullptr, false, false, Debug},
     {"start", "<mount_port=nfs_port]: start server", true, false, Start},
     {"start ", nullptr, true, true, StartWithPorts},

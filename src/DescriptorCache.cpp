@@ -329,6 +329,11 @@ void CDescriptorCache::FreeCachedFileHandles(CRuntimeParam* pRuntimeParam, const
     CloseExceededCachedFileHandle(pRuntimeParam, pLogArgu);
 }
 
+std::size_t CDescriptorCache::GetCachedFileCount() {
+    const MutexLock lock(m_hMutexOpenedFileHandles);
+    return m_OpenedFiles.GetCount();
+}
+
 bool CDescriptorCache::FreeDescriptors(const LogContext& log) {
     FreeCachedFileHandles(log.pRuntimeParam, log.pLogArgu);
     return true;

@@ -37,6 +37,8 @@ public:
         REQUIRES(m_hMutexOpenedFileHandles);
     /// For a thread outside the cache that ran out of descriptors: as above, taking the lock.
     void FreeCachedFileHandles(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu);
+    /// The number of entries, of which those whose open failed hold no descriptor.
+    std::size_t GetCachedFileCount();
 
 protected:
     /// The descriptor of a file that a client reads, or writes if bWrite: a regular file or none. pFound is what the

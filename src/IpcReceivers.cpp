@@ -288,6 +288,21 @@ bool CIpcReceivers::WaitForLines(const std::string& sIpcID) {
     return pReceiver->nTaken >= nBefore && !pReceiver->pSilence;
 }
 
+ReceiverFigures CIpcReceivers::GetFigures() {
+    const MutexLock lock(m_hMutex);
+    ReceiverFigures figures;
+    figures.nReceivers = m_Receivers.size();
+    figures.nWaitingBytes = m_nAllBytes;
+    for (const auto& [sIpcID, pReceiver] : m_Receivers) {
+        figures.nWaitingLines += pReceiver->lines.size();
+        figures.nDroppedLines += pReceiver->nDropped;
+        if (pReceiver->pSilence != nullptr) {
+            ++(pReceiver->pSilence->IsAbsence() ? figures.nAbsent : figures.nHanging);
+        }
+    }
+    return figures;
+}
+
 // ---- Waiting
 
 /// Until when a thread waits for lines to be taken: without end from a receiver that takes them, but not for long while

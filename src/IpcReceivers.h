@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "IpcSilence.h"
+#include "RegistryFigures.h"
 #include "ThreadAnnotations.h"
 #include "Wake.h"
 
@@ -91,6 +92,9 @@ public:
     bool WaitForLines(const std::string& sIpcID);
     /// Set when TakeLine may have a line again; cleared by whoever takes them.
     CWake& GetLinesWake() { return m_LinesWake; }
+
+    /// How many there are, and what waits for them.
+    ReceiverFigures GetFigures();
 
     // ---- Stopping
 

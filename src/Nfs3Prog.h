@@ -221,6 +221,7 @@ private:
     void ReadListCall(CInputStream* pInput, const LogContext& log, ListCall* pCall);
     nfsstat3 FindEntries(ProcessParam* pParam, FoundStatus* pFound, ListCall* pCall);
     nfsstat3 ReadEntries(const LogContext& log, FoundStatus* pFound, const CKeptListings::Key& key, ListCall* pCall);
+    void NoteListings();
     unsigned int GetEntryID(const LogContext& log, const ListCall& call, const ListedEntry& entry, const char* pcPath);
     void WriteEntry(COutputStream* pOutput, ProcessParam* pParam, const ListCall& call, const ListedEntry& entry);
     void WriteEntryTarget(COutputStream* pOutput, ProcessParam* pParam, const ListedEntry& entry, const char* pcPath,

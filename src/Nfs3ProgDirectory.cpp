@@ -220,6 +220,7 @@ nfsstat3 CNfs3Prog::FindEntries(ProcessParam* pParam, FoundStatus* pFound, ListC
     if (pCall->lCookie != 0) {
         const auto outcome = m_Listings.Show(key, pCall->lCookie, nullptr, kEntriesPerReply, LookAt(found.name.Get()),
                                              std::chrono::steady_clock::now(), &pCall->vEntries);
+        NoteListings();
         if (outcome != CKeptListings::Outcome::kReadFirst) {
             return NFS3_OK;
         }
@@ -249,12 +250,18 @@ nfsstat3 CNfs3Prog::ReadEntries(const LogContext& log, FoundStatus* pFound, cons
             const auto outcome = m_Listings.Show(key, pCall->lCookie, &names, kEntriesPerReply, look,
                                                  std::chrono::steady_clock::now(), &pCall->vEntries);
             pCall->bEof = outcome == CKeptListings::Outcome::kEnd;
+            NoteListings();
         }
     } else {
         directory.Rewind();
         pCall->bEof = TakeEntries(&directory, pCall->lCookie, look, &pCall->vEntries);
     }
     return directory.HasFailed() ? NFS3ERR_IO : NFS3_OK;
+}
+
+/// For the server's figures.
+void CNfs3Prog::NoteListings() {
+    m_pUtilities->NoteListings(m_Listings.GetCount(), m_Listings.GetMemory());
 }
 
 /// The ID of the path that an entry's path resolves to: without asking the host again, unless the entry is a link. The

@@ -15,6 +15,7 @@
 #include "RuntimeParam.h"
 #include "ServerIdentity.h"
 #include "ServerSocket.h"
+#include "StatisticsFile.h"
 #include "Texts.h"
 #include "Utilities.h"
 

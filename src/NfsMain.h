@@ -11,6 +11,7 @@
 #include "ServerOptions.h"
 #include "ThreadAnnotations.h"
 
+class CCallStatistics;
 class CCallback;
 class CDatagramSocket;
 class CFileLogger;
@@ -21,9 +22,11 @@ class CPortmapProg;
 class CRpcServer;
 class CRuntimeParam;
 class CServerSocket;
+class CStatisticsFile;
 class CUtilities;
 struct LogArgu;
 struct LogContext;
+struct ServerStatistics;
 
 /// Runs the whole NFS server inside the calling process (access mode 0) and fronts every registry of CUtilities.
 ///
@@ -180,6 +183,10 @@ public:
     /// if the reason says it.
     std::string GetStartFailure();
 
+    /// The figures of the server in this process, as of now (NfsMainStatistics.cpp). Never waits for a start or stop, a
+    /// call in progress, a host or a client.
+    void GetStatistics(ServerStatistics* pStatistics);
+
     /// The registries and the runtime parameter; both live as long as the controller.
     CUtilities* GetUtilities() { return m_pUtilities.get(); }
     CRuntimeParam* GetRuntimeParam() { return m_pRuntimeParam.get(); }
@@ -215,6 +222,10 @@ private:
     /// Makes ready what the options ask for. False with a reason.
     bool ApplyOptions(char* pcStatus) REQUIRES(m_hMutexLifecycle);
     bool LoadAccessFile(char* pcStatus) REQUIRES(m_hMutexLifecycle);
+    /// Writes the statistics file for the first time, if there is to be one; then has it written again and again.
+    bool MakeStatisticsFile(char* pcStatus) REQUIRES(m_hMutexLifecycle);
+    bool StartStatisticsFile(char* pcStatus) REQUIRES(m_hMutexLifecycle);
+    std::shared_ptr<const CCallStatistics> GetCallStatistics();
     void CreatePrograms() REQUIRES(m_hMutexLifecycle);
     bool IsPortmapperRunning() const REQUIRES(m_hMutexLifecycle);
     /// The port, or for one below 1 the default, as it is beside the portmapper that runs.
@@ -245,9 +256,11 @@ private:
     std::uint32_t m_iBindAddress GUARDED_BY(m_hMutexLifecycle) = 0;              ///< in host byte order; 0: all
     std::string m_sStartFailure GUARDED_BY(m_hMutexLifecycle);
     std::unique_ptr<CNfsProg> m_pNfsProg GUARDED_BY(m_hMutexLifecycle);
+    std::unique_ptr<CStatisticsFile> m_pStatisticsFile GUARDED_BY(m_hMutexLifecycle);  ///< while one is to be written
 
-    /// The RPC server has a mutex of its own, so that SetLogControl never waits for a start or stop in progress, also
-    /// when a call into the host asks for it. A leaf: held to look at the pointer and to change it.
+    /// The RPC server has a mutex of its own, so that SetLogControl and GetStatistics never wait for a start or stop in
+    /// progress, also when a call into the host asks for it. A leaf: held to look at the pointer and to change it.
     Mutex m_hMutexRpcServer;
     std::unique_ptr<CRpcServer> m_pRpcServer GUARDED_BY(m_hMutexRpcServer);
+    std::shared_ptr<const CCallStatistics> m_pStatistics GUARDED_BY(m_hMutexRpcServer);  ///< of the last RPC server
 };

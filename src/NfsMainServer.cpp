@@ -17,6 +17,7 @@
 #include "RpcServer.h"
 #include "RuntimeParam.h"
 #include "ServerSocket.h"
+#include "StatisticsFile.h"
 #include "Utilities.h"
 
 // ---- Start
@@ -42,8 +43,8 @@ bool CNfsMain::StartServer(int iMountPort, int iNfsPort, unsigned int iUId, unsi
     m_pNfsProg->SetReadOnly(bReadOnly || m_Options.bReadOnly);
     CreateSockets();
 
-    const bool bSuccess = OpenServices(iMountPort, iNfsPort, pcStatus) && RegisterServices();
-    m_bServerRunning = bSuccess;
+    m_bServerRunning = OpenServices(iMountPort, iNfsPort, pcStatus) && RegisterServices();
+    const bool bSuccess = m_bServerRunning && StartStatisticsFile(pcStatus);
     if (!bSuccess) {
         StopLocked();
     }
@@ -52,7 +53,8 @@ bool CNfsMain::StartServer(int iMountPort, int iNfsPort, unsigned int iUId, unsi
 
 bool CNfsMain::ApplyOptions(char* pcStatus) {
     char vcReason[kReasonBufferSize] = "";
-    if (m_Options.GetBindAddress(&m_iBindAddress, vcReason) && LoadAccessFile(vcReason)) {
+    if (m_Options.GetBindAddress(&m_iBindAddress, vcReason) && LoadAccessFile(vcReason) &&
+        MakeStatisticsFile(vcReason)) {
         return true;
     }
     const LogArgu logArgu{"NfsMain.StartServer"};
@@ -252,10 +254,15 @@ void CNfsMain::CloseServices() {
     ExchangeRpcServer(nullptr);
     if (m_pUtilities) {
         m_pUtilities->SetAccessFile(nullptr);
+        m_pUtilities->NoteListings(0, 0);
     }
+    m_pStatisticsFile.reset();  // with the figures of all calls
 }
 
 std::unique_ptr<CRpcServer> CNfsMain::ExchangeRpcServer(std::unique_ptr<CRpcServer> pRpcServer) {
     const MutexLock lock(m_hMutexRpcServer);
+    if (pRpcServer) {
+        m_pStatistics = pRpcServer->GetStatistics();
+    }
     return std::exchange(m_pRpcServer, std::move(pRpcServer));
 }

@@ -41,6 +41,7 @@ public:
     static constexpr std::size_t kVictimPart = 10;
 
     bool IsFull() const { return m_OpenedFileHandles.size() >= kMaxFiles; }
+    std::size_t GetCount() const { return m_OpenedFileHandles.size(); }
     std::size_t CountVictims() const { return m_OpenedFileHandles.size() / kVictimPart; }
 
     /// In path order. The end stands for none.

@@ -188,6 +188,7 @@ void CRedirectedFile::AppendToList(const Segment& segment) {
     const MutexLock lock(m_hMutex);
     if (!m_bClosed) {
         m_vAllCachedSegment.Add(segment);
+        ++m_nSegments;
     }
 }
 
@@ -221,6 +222,7 @@ bool CRedirectedFile::WriteRecord(const LogContext& log, CPositionedFile& output
     const bool bFailed = output.Write(log, &record, kSegmentRecordSize) < 0;
     m_iInfoFilePos = output.GetPosition();
     m_nFailedWrites = bFailed ? m_nFailedWrites + 1 : 0;
+    m_nSegments += bFailed ? 0 : 1;
     segment.iFileOffset = AddSaturated(segment.iFileOffset, iLength);
     segment.iOffset += iLength;
     segment.iLength -= iLength;

@@ -86,6 +86,8 @@ public:
     /// The number of check points, and of bytes that the map takes in memory.
     std::size_t GetCheckPointCount() const;
     std::size_t GetMapMemory() const;
+    /// The number of segments added to the map: in memory, or as records that were written to the info file.
+    std::uint64_t GetSegmentCount() const { return m_nSegments.load(); }
     bool IsClosed() const { return m_bClosed; }
     /// Was the path given as a source before, in this spelling?
     bool IsSource(const char* pcPath) const;
@@ -196,4 +198,5 @@ private:
     /// The virtual offset just past the last successful Read; exports have one of their own. Depends on nothing else,
     /// so it needs no lock.
     std::atomic<std::int64_t> m_iPos{0};
+    std::atomic<std::uint64_t> m_nSegments{0};
 };

@@ -50,8 +50,7 @@ void CRedirectedRename::AskRest() {
 bool CRedirectedRename::AskOne(Question& question) {
     const Renamed& file = m_vFiles[question.iFile];
     CFileOwner owner(m_pUtilities, m_pCaller, (question.bNewOwner ? file.sTo : file.sFrom).c_str());
-    question.bAgreed =
-        m_pUtilities->LogRenameRedirectedFile(owner.GetParam(), file.sFrom.c_str(), file.sTo.c_str()) == 0;
+    question.bAgreed = TellOf(owner.GetParam(), file.sFrom, file.sTo) == 0;
     return question.bAgreed;
 }
 
@@ -72,7 +71,14 @@ void CRedirectedRename::MoveBack() {
         if (question.bAgreed) {
             const Renamed& file = m_vFiles[question.iFile];
             CFileOwner owner(m_pUtilities, m_pCaller, (question.bNewOwner ? file.sTo : file.sFrom).c_str());
-            m_pUtilities->LogRenameRedirectedFile(owner.GetParam(), file.sTo.c_str(), file.sFrom.c_str());
+            TellOf(owner.GetParam(), file.sTo, file.sFrom);
         }
     }
+}
+
+/// Returns the owner's answer.
+int CRedirectedRename::TellOf(CRuntimeParam* pOwner, const std::string& sFrom, const std::string& sTo) {
+    return m_pUtilities->GetHostAnswers().Ask(CHostAnswers::kRename, [&] {
+        return m_pUtilities->LogRenameRedirectedFile(pOwner, sFrom.c_str(), sTo.c_str());
+    });
 }

@@ -46,6 +46,7 @@ private:
 
     void MoveOne(const std::string& sFrom, const std::string& sTo);
     bool AskOne(Question& question);
+    int TellOf(CRuntimeParam* pOwner, const std::string& sFrom, const std::string& sTo);
 
     CUtilities* m_pUtilities;
     CRuntimeParam* m_pCaller;

@@ -33,6 +33,7 @@ struct HeaderLayout {
 
 constexpr HeaderLayout kDatagramLayout{sizeof(RPC_HEADER), offsetof(RPC_HEADER, lProg), offsetof(RPC_HEADER, lVers),
                                        offsetof(RPC_HEADER, lProc)};
+constexpr unsigned int kWordSize = sizeof(unsigned int);
 constexpr unsigned int kMarkSize = offsetof(RPC_STM_HEADER, call);
 
 /// What an IPv4 datagram can carry behind the headers of IP and UDP.
@@ -225,11 +226,15 @@ CRpcServer::Next CRpcServer::ProcessSome(CSocket* pSocket) {
     };
     const CBeforeAsking before(beforeAsking, [pSocket] { return pSocket->HasCollected(); });
     const Clock::time_point begin = Clock::now();
+    Clock::time_point last = begin;
     for (;;) {
         const Next next = ProcessNext(log, pSocket);
+        const Clock::time_point now = Clock::now();
+        CountExecuted(now - last);
+        last = now;
         const bool bMore = next == Next::kCall && pSocket->GetInputStream()->GetFilledBufferSize() > 0;
         if (!bMore || log.IsWanted(CRuntimeParam::kLogRpc) || !pSocket->Collect() || pSocket->IsStopping() ||
-            m_hMutex.IsDue() || Clock::now() - begin >= kLongestWaitForLater) {
+            m_hMutex.IsDue() || now - begin >= kLongestWaitForLater) {
             return next;
         }
     }
@@ -238,6 +243,7 @@ CRpcServer::Next CRpcServer::ProcessSome(CSocket* pSocket) {
 /// Answers the next call of the socket's input; its reply stands in the output then.
 CRpcServer::Next CRpcServer::ProcessNext(const LogContext& log, CSocket* pSocket) {
     const CInputStream* pInput = pSocket->GetInputStream();
+    m_Current.bDone = false;  // also where an earlier call was not counted, for want of memory
     // A program puts the export's name and owner in their place. A call that belongs to no export has neither.
     m_pRuntimeParam->SetID(pSocket->GetRemoteAddress());
     m_pRuntimeParam->SetIpcID("");
@@ -263,8 +269,11 @@ CRpcServer::Next CRpcServer::ProcessFound(const LogContext& log, CSocket* pSocke
     bool bBroken = false;
     if (iStatus == kProgTruncated) {
         bBroken = !WaitForRest(log, pSocket);
-    } else if (bStream && m_Current.bArgumentsLeft) {
-        bBroken = !PassUnread(pSocket->GetInputStream());
+    } else if (m_Current.bDone) {
+        const unsigned int nCall = pSocket->GetInputStream()->GetBufferIndex() - m_Current.iStart;
+        const bool bWhole = m_Current.bArgumentsLeft && m_Current.mark.IsPlausible();
+        m_Current.call.nBytesIn = bWhole ? m_Current.mark.GetSize() : nCall;
+        bBroken = bStream && m_Current.bArgumentsLeft && !PassUnread(pSocket->GetInputStream());
     }
     NFS_LOG_INFO(log, kLogRpc, "[%s] Output buf size(%u)", pSocket->GetOutputStream()->GetBufferSize());
     if (bBroken) {
@@ -345,11 +354,13 @@ int CRpcServer::AnswerDatagram(CSocket* pSocket) {
     if (const std::string* psReply = pReplies->Find(datagram, CReplyCache::Clock::now())) {
         pOutput->Write(psReply->data(), static_cast<unsigned int>(psReply->size()));
         pInput->Skip(pInput->GetFilledBufferSize());
+        m_pStatistics->CountRepeated();
         return kProgHandled;
     }
     const int iStatus = ProcessCurrent(pSocket);
     if (iStatus == kProgHandled) {
         pReplies->Add(datagram, {pOutput->GetBuffer(), pOutput->GetBufferSize()}, CReplyCache::Clock::now());
+        m_pStatistics->NoteKeptReplies(pSocket->GetProgId(), pReplies->GetCount(), pReplies->GetBytes());
     }
     return iStatus;
 }
@@ -410,8 +421,12 @@ int CRpcServer::Process(CRuntimeParam* pRuntimeParam, unsigned long /*lProgId*/,
     if (iSocketType == CSocket::kDatagram) {
         param.nReplyLimit = kLargestDatagram;
     }
+    const unsigned int iAcceptStatus = pOutput->GetBufferIndex();
     const int iStatus = Dispatch(log, iHeaderStatus, header.call, &param, pInput, pOutput);
     m_Current.bArgumentsLeft = param.bArgumentsLeft;
+    if (iStatus != kProgTruncated) {
+        NoteExecuted(header.call, iReply, iAcceptStatus, pOutput);
+    }
     if (iSocketType == CSocket::kStream) {
         const unsigned int nLength = pOutput->GetBufferIndex() - iReply;
         pOutput->Seek(static_cast<int>(iReply), 0);
@@ -443,6 +458,38 @@ int CRpcServer::Dispatch(const LogContext& log, int iStatus, const RPC_HEADER& c
         pParam->bArgumentsLeft = true;
     }
     return iStatus;
+}
+
+// ---- Counting
+
+std::shared_ptr<void> CRpcServer::SocketOpened(CSocket* pSocket) {
+    return pSocket->GetType() == CSocket::kStream
+               ? CCallStatistics::CountConnection(m_pStatistics, pSocket->GetProgId())
+               : nullptr;
+}
+
+/// Keeps what is to be counted of a call whose reply stands in the output, from iReply on.
+void CRpcServer::NoteExecuted(const RPC_HEADER& call, unsigned int iReply, unsigned int iAcceptStatus,
+                              COutputStream* pOutput) {
+    const auto isZero = [pOutput](unsigned int iPosition) {
+        return iPosition + kWordSize <= pOutput->GetBufferSize() && WordAt(pOutput->GetBuffer() + iPosition) == 0;
+    };
+    const std::size_t iPlace = CCallStatistics::FindPlace(call.lProg, call.lVers, call.lProc);
+    const bool bStatus = CCallStatistics::HasStatus(iPlace);
+    m_Current.call.iPlace = iPlace;
+    m_Current.call.bError = !isZero(iAcceptStatus) || (bStatus && !isZero(iAcceptStatus + kWordSize));
+    m_Current.call.nBytesOut = pOutput->GetBufferSize() - iReply;
+    m_Current.bDone = true;
+}
+
+/// Counts the call that was executed last, if it was not counted before: nothing may have been executed since.
+void CRpcServer::CountExecuted(Clock::duration time) {
+    if (m_Current.bDone) {
+        m_Current.bDone = false;
+        m_Current.call.lNanoseconds =
+            static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(time).count());
+        m_pStatistics->Count(m_Current.call);
+    }
 }
 
 CRpcProg* CRpcServer::FindProgram(unsigned long lProgId) const {

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <memory>
 
+#include "CallStatistics.h"
 #include "FairMutex.h"
 #include "RecordMark.h"
 #include "ReplyCache.h"
@@ -52,6 +53,11 @@ public:
     /// Answers every complete call in the socket's input (a datagram socket: the first, unless it repeats one that has
     /// had its reply). Called on socket threads.
     void SocketReceived(CSocket* pSocket) override;
+    /// Counts connections.
+    std::shared_ptr<void> SocketOpened(CSocket* pSocket) override;
+
+    /// What is counted here; may be read at any time, also when the server has gone.
+    std::shared_ptr<const CCallStatistics> GetStatistics() const { return m_pStatistics; }
 
 protected:
     /// Moves the read position to the next plausible start of a call for the program; false (nothing moved) if there
@@ -68,6 +74,8 @@ private:
         CRecordMark mark;
         unsigned int iStart = 0;      ///< its first byte's position in the input
         bool bArgumentsLeft = false;  ///< there may be arguments that nobody has read
+        bool bDone = false;           ///< executed, and not counted yet
+        CCallStatistics::Call call;   ///< what is to be counted of it
 
         unsigned int GetRecordEnd() const { return iStart + mark.GetSize(); }  ///< for a plausible mark
     };
@@ -95,6 +103,9 @@ private:
     unsigned int GetStillToCome(const CInputStream& input) const REQUIRES(m_hMutex);
     bool WaitForRest(const LogContext& log, CSocket* pSocket) REQUIRES(m_hMutex);
     bool PassUnread(CInputStream* pInput) REQUIRES(m_hMutex);
+    void NoteExecuted(const RPC_HEADER& call, unsigned int iReply, unsigned int iAcceptStatus, COutputStream* pOutput)
+        REQUIRES(m_hMutex);
+    void CountExecuted(Clock::duration time) REQUIRES(m_hMutex);
     int Dispatch(const LogContext& log, int iStatus, const RPC_HEADER& call, ProcessParam* pParam, CInputStream* pInput,
                  COutputStream* pOutput) REQUIRES(m_hMutex);
     CRpcProg* FindProgram(unsigned long lProgId) const REQUIRES(m_hMutex);
@@ -106,4 +117,5 @@ private:
     CLog* m_pUtilities;                                                       ///< of the utilities only the log is used
     /// Its ID, the client's address, and its IPC ID change under the mutex only.
     std::unique_ptr<CRuntimeParam> m_pRuntimeParam;
+    const std::shared_ptr<CCallStatistics> m_pStatistics = std::make_shared<CCallStatistics>();
 };

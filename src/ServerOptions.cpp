@@ -23,6 +23,7 @@ constexpr std::array kNames{
     ServerOptionName{"-noportmap", "NFSLIB_NOPORTMAP", &ServerOptions::bNoPortmapper, nullptr},
     ServerOptionName{"-bind", "NFSLIB_BIND", nullptr, &ServerOptions::sBindAddress},
     ServerOptionName{"-access", "NFSLIB_ACCESS", nullptr, &ServerOptions::sAccessFile},
+    ServerOptionName{"-stats", "NFSLIB_STATS", nullptr, &ServerOptions::sStatisticsFile},
     ServerOptionName{"-socketmode", "NFSLIB_SOCKET_MODE", nullptr, &ServerOptions::sSocketMode},
     ServerOptionName{"-socketgroup", "NFSLIB_SOCKET_GROUP", nullptr, &ServerOptions::sSocketGroup},
 };

@@ -9,13 +9,14 @@
 /// Everything is off unless asked for: by variables of the process's environment, which a host has, or by options of
 /// the console, which go before them. A wrong value is refused by what makes use of it.
 struct ServerOptions {
-    bool bSyncWrites = false;    ///< each WRITE to an ordinary file is flushed before its reply
-    bool bReadOnly = false;      ///< every start is one of a read-only server
-    bool bNoPortmapper = false;  ///< port 111 is left alone, and no portmapper told
-    std::string sBindAddress;    ///< the one IPv4 address to listen on; empty: all
-    std::string sAccessFile;     ///< the path of an access file; empty: none
-    std::string sSocketMode;     ///< the mode of the local sockets, octal; empty: 0777
-    std::string sSocketGroup;    ///< the group of the local sockets, a name or a number; empty: the process's
+    bool bSyncWrites = false;     ///< each WRITE to an ordinary file is flushed before its reply
+    bool bReadOnly = false;       ///< every start is one of a read-only server
+    bool bNoPortmapper = false;   ///< port 111 is left alone, and no portmapper told
+    std::string sBindAddress;     ///< the one IPv4 address to listen on; empty: all
+    std::string sAccessFile;      ///< the path of an access file; empty: none
+    std::string sStatisticsFile;  ///< the path of a file for the server's figures; empty: none
+    std::string sSocketMode;      ///< the mode of the local sockets, octal; empty: 0777
+    std::string sSocketGroup;     ///< the group of the local sockets, a name or a number; empty: the process's
 
     /// What the environment asks for: flags by "1", all else means no; texts by their value.
     static ServerOptions FromEnvironment();

@@ -93,8 +93,10 @@ bool CSocket::Open(int iSocket, ISocketListener* pListener, const sockaddr_in* p
     m_bStop = false;
     m_bActive = true;
     try {
+        m_pOpened = pListener != nullptr ? pListener->SocketOpened(this) : nullptr;
         m_hThread = std::thread(&CSocket::Run, this);
     } catch (const std::exception&) {  // no thread, or no memory for one
+        m_pOpened.reset();
         m_bActive = false;
         Close();
         return false;
@@ -139,6 +141,7 @@ void CSocket::Run() {
     }
     // The peer learns at once that nobody listens any more; the descriptor stays until the slot is used again.
     static_cast<void>(::shutdown(m_Socket, SHUT_RDWR));
+    m_pOpened.reset();
     m_bActive = false;
 }
 

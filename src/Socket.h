@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <memory>
 #include <string>
 #include <thread>
 
@@ -103,6 +104,7 @@ private:
     std::atomic<bool> m_bActive{false};
     std::atomic<bool> m_bStop{false};  ///< set before a shutdown that is to end the thread
     ISocketListener* m_pListener = nullptr;
+    std::shared_ptr<void> m_pOpened;  ///< the listener's, until the receiving has ended
     std::thread m_hThread;
     CInputStream m_InputStream;
     COutputStream m_OutputStream;

@@ -9,6 +9,7 @@
 #include <ctime>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -18,6 +19,7 @@
 #include <sys/types.h>
 
 #include "DescriptorCache.h"
+#include "HostAnswers.h"
 #include "Limits.h"
 #include "MountTable.h"
 #include "PathProbe.h"
@@ -30,6 +32,8 @@ class CFileTable;
 class CRedirectedFile;
 class CRedirectedRename;
 class CVSphereWebController;
+struct ReceiverFigures;
+struct RegistryFigures;
 
 /// One session of the host.
 struct SessionInfo {
@@ -300,6 +304,20 @@ public:
     /// Unmounts and forgets every recorded datastore.
     void RemoveAllVSphereInfoWithWebCtrl(CRuntimeParam* pRuntimeParam);
 
+    // ---- Figures (UtilitiesStatistics.cpp)
+
+    /// How much the registries hold. Never waits for a host, a client, or a tool that runs.
+    RegistryFigures GetRegistryFigures();
+    /// What is known of remote processes; nothing where callbacks go to none. Stands behind the slots of the bases.
+    virtual std::optional<ReceiverFigures> GetReceiverFigures();
+    /// Counts what hosts answer to notifications.
+    CHostAnswers& GetHostAnswers() { return m_HostAnswers; }
+    /// The listings that the NFS program keeps, as it tells whenever that changes.
+    void NoteListings(std::size_t nListings, std::size_t nBytes) {
+        m_nListings = nListings;
+        m_nListingBytes = nBytes;
+    }
+
 protected:
     // Steps of the platform test.
     void RunTestFileSteps(const LogContext& log, const char* pcTarget, unsigned long long iFileSize);
@@ -322,6 +340,10 @@ private:
     void LookAtAccessFile(const LogContext& log);
     void GetInnermostExport(std::string_view sPath, std::string* psExportName);
     bool FindExport(const char* pcExportName, MountInfo* pMountInfo);
+
+    // Steps of the figures.
+    void CountMountInfos(RegistryFigures* pFigures);
+    void CountRedirectedFiles(RegistryFigures* pFigures);
 
     // Steps of the clean-up.
     bool GetFirstVSphereInfo(VSphereInfo* pInfo);
@@ -387,6 +409,11 @@ private:
     std::unique_ptr<CVSphereWebController> m_pVSphereWebController GUARDED_BY(m_hMutexVSphereInfos);
 
     CRunningCommands m_RunningCommands;
+
+    // Without a lock, as nothing depends on them.
+    CHostAnswers m_HostAnswers;
+    std::atomic<std::size_t> m_nListings{0};
+    std::atomic<std::size_t> m_nListingBytes{0};
 
     /// Device paths whose credentials were added; held while the credential command runs.
     RegistryMutex m_hMutexNetDeviceCredential;

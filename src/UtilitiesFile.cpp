@@ -95,8 +95,10 @@ bool CUtilities::UpdateFileAttributes(CRuntimeParam* pRuntimeParam, const LogArg
     }
     if (GetRedirectedFile(pcPath)) {
         CFileOwner owner(this, pRuntimeParam, pcPath);
-        return LogUpdateRedirectedFileAttributes(owner.GetParam(), pcPath, bSize, iSize, bAtime, iAtimeSec, bMtime,
-                                                 iMtimeSec) == 0;
+        return m_HostAnswers.Ask(CHostAnswers::kAttributes, [&] {
+            return LogUpdateRedirectedFileAttributes(owner.GetParam(), pcPath, bSize, iSize, bAtime, iAtimeSec, bMtime,
+                                                     iMtimeSec);
+        }) == 0;
     }
     if (bMode || bSize) {
         CloseCachedFileHandle(pRuntimeParam, pLogArgu, pcPath);
@@ -173,7 +175,9 @@ int CUtilities::WriteFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu,
                  iSeekType, iLen);
     if (GetRedirectedFile(pcPath)) {
         CFileOwner owner(this, pRuntimeParam, pcPath);
-        return LogWriteRedirectedFile(owner.GetParam(), pcPath, iSeek, iSeekType, iLen);
+        return m_HostAnswers.Ask(CHostAnswers::kWrite, [&] {
+            return LogWriteRedirectedFile(owner.GetParam(), pcPath, iSeek, iSeekType, iLen);
+        });
     }
     const CCachedFile file = GetClientFile(log, pcPath, true, pFound);
     if (!file.IsOpen()) {

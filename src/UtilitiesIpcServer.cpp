@@ -7,6 +7,7 @@
 #include "BeforeAsking.h"
 #include "IpcChannel.h"
 #include "IpcClient.h"
+#include "RegistryFigures.h"
 #include "Texts.h"
 
 namespace {
@@ -136,6 +137,10 @@ int CUtilitiesIpcServer::LogWriteRedirectedFile(CRuntimeParam* pRuntimeParam, co
     record.iSeekType = iSeekType;
     record.iLen = iLen;
     return SendNotification(pRuntimeParam, kIpcCbWriteRedirectedFile, record, texts);
+}
+
+std::optional<ReceiverFigures> CUtilitiesIpcServer::GetReceiverFigures() {
+    return m_Receivers.GetFigures();
 }
 
 // ---- Asking

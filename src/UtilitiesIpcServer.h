@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <optional>
 #include <string>
 
 #include "IpcLineSender.h"
@@ -61,6 +62,8 @@ public:
     /// whoever stops the server does not wait for a process that hangs.
     void BeginHurry() { m_Receivers.BeginHurry(); }
     void EndHurry() { m_Receivers.EndHurry(); }
+
+    std::optional<ReceiverFigures> GetReceiverFigures() override;
 
     /// How long callbacks wait; tests shorten it before they start anything.
     void SetCallbackTimeout(std::chrono::milliseconds timeout) { m_CallbackTimeout = timeout; }

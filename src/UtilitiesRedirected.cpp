@@ -183,7 +183,8 @@ bool CUtilities::RemoveRedirectedFile(CRuntimeParam* pRuntimeParam, const char* 
     }
     pFile->Close(pRuntimeParam);
     CFileOwner owner(this, pRuntimeParam, pcPath);
-    return LogRemoveRedirectedFile(owner.GetParam(), pcPath) == 0;
+    return m_HostAnswers.Ask(CHostAnswers::kRemove,
+                             [&] { return LogRemoveRedirectedFile(owner.GetParam(), pcPath); }) == 0;
 }
 
 bool CUtilities::CanTellOfRename(CRuntimeParam* pRuntimeParam, const char* pcPathFrom, const char* pcPathTo) {

@@ -56,6 +56,7 @@ TEST_F(ServerOptionsTest, TextsAreTakenAsTheyStand) {
     const ServerOptions options = ServerOptions::FromEnvironment();
     EXPECT_EQ(options.sBindAddress, " value of NFSLIB_BIND");
     EXPECT_EQ(options.sAccessFile, " value of NFSLIB_ACCESS");
+    EXPECT_EQ(options.sStatisticsFile, " value of NFSLIB_STATS");
     EXPECT_EQ(options.sSocketMode, " value of NFSLIB_SOCKET_MODE");
     EXPECT_EQ(options.sSocketGroup, " value of NFSLIB_SOCKET_GROUP");
 }

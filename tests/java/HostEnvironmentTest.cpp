@@ -11,9 +11,11 @@
 #include <gtest/gtest.h>
 
 #include "Descriptor.h"
+#include "FigureReaders.h"
 #include "JavaHost.h"
 #include "NfsClient.h"
 #include "TempFolder.h"
+#include "WaitUntil.h"
 
 namespace {
 
@@ -80,6 +82,28 @@ TEST_F(HostEnvironmentTest, VariablesReachTheServer) {
     host.Call("A", "terminate", sHandle);
 }
 
+TEST_F(HostEnvironmentTest, AHostsServerWritesItsFiguresToAFile) {
+    const std::string sFile = m_Folder / "figures.json";
+    const Environment environment(Environment::Variables{{"NFSLIB_STATS", sFile}});
+    JavaHost host;
+    const std::string sHandle = host.Initial("A", "host", 0, 1);
+    ASSERT_EQ(host.Call("A", "startServer", sHandle, 0, 0, false), "true");
+    EXPECT_EQ(host.Call("A", "addMountPoint", sHandle, m_Folder.Path(), "data"), "true");
+    EXPECT_TRUE(WaitUntil([&] { return ReadJson(ReadWholeFile(sFile)).at("serving") == "true"; }));
+    {
+        NfsClient client;
+        Fattr3 attributes;
+        EXPECT_EQ(client.Getattr(client.Mnt("data").value_or(""), attributes), 0U);
+    }
+    host.Call("A", "stopServer", sHandle);
+    const auto figures = ReadJson(ReadWholeFile(sFile));
+    EXPECT_EQ(figures.at("id"), "host");
+    EXPECT_EQ(figures.at("serving"), "false");
+    EXPECT_EQ(figures.at("procedures[8].procedure"), "GETATTR");
+    EXPECT_EQ(figures.at("procedures[8].calls"), "1");
+    host.Call("A", "terminate", sHandle);
+}
+
 TEST_F(HostEnvironmentTest, WrongValuesAreThrownByTheStart) {
     WriteWholeFile(m_Folder / "access", "data 127.0.0.1 rw\ndata everybody rw\n");
     const std::pair<const char*, std::pair<std::string, std::string>> vWrong[] = {
@@ -87,6 +111,9 @@ TEST_F(HostEnvironmentTest, WrongValuesAreThrownByTheStart) {
         {"NFSLIB_ACCESS",
          {m_Folder / "access",
           "Access file \"" + (m_Folder / "access") + "\": line 2: \"everybody\" is no IPv4 address"}},
+        {"NFSLIB_STATS",
+         {m_Folder / "missing/figures", "Statistics file \"" + (m_Folder / "missing/figures") + "\": Folder \"" +
+                                            (m_Folder / "missing/") + "\": No such file or directory (2)"}},
     };
     for (const auto& [pcName, wrong] : vWrong) {
         const Environment environment(Environment::Variables{{pcName, wrong.first}});
