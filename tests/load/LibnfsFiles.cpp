@@ -69,10 +69,10 @@ public:
 
     std::size_t GetQuestionCount() const override { return std::size(kQuestions); }
     bool Ask(std::size_t iQuestion, const std::string& sName, std::string& sWrong) override {
-        const int iResult = (this->*kQuestions[iQuestion].call)(Path(sName));
-        sWrong = std::string(kQuestions[iQuestion].pcName) + " answers " + std::to_string(iResult) + " (" +
-                 m_pClient->Error() + ")";
-        return kQuestions[iQuestion].bGranted == (iResult == 0);
+        const Question& question = kQuestions[iQuestion];
+        const int iResult = (this->*question.call)(Path(sName));
+        sWrong = std::string(question.pcName) + " answers " + std::to_string(iResult) + " (" + m_pClient->Error() + ")";
+        return question.bGranted == (iResult == 0);
     }
 
 private:
