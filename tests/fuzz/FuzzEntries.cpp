@@ -8,20 +8,22 @@
 #include "ConsoleOptions.h"
 #include "InfoFuzz.h"
 #include "IpcFuzz.h"
+#include "IpcMessages.h"
+#include "MountProg.h"
+#include "Nfs3Prog.h"
 #include "OptionsFuzz.h"
+#include "PortmapProg.h"
 #include "RpcFuzz.h"
 #include "SessionFuzz.h"
 #include "Xdr.h"
 
 namespace {
 
-/// "PREFIX1" to "PREFIXn", or with numbers of two digits as a corpus has them.
-std::vector<std::string> Numbered(const std::string& sPrefix, int nLast) {
-    std::vector<std::string> vsNames;
-    for (int i = 1; i <= nLast; ++i) {
-        vsNames.push_back(sPrefix + std::to_string(i));
+/// Every record that a group has, as "PREFIXn".
+void AddRecords(std::vector<std::string>& vsNames, const std::string& sPrefix, int iGroup) {
+    for (int iType = 1; GetKnownIpcType(iGroup, iType) == iType; ++iType) {
+        vsNames.push_back(sPrefix + std::to_string(iType));
     }
-    return vsNames;
 }
 
 // ---- RPC
@@ -38,15 +40,19 @@ FuzzVocabulary MakeRpcVocabulary() {
     return vocabulary;
 }
 
-std::vector<std::string> MakeRpcWanted() {
-    std::vector<std::string> vsNames{"MountProg.ProcedureNULL",      "MountProg.ProcedureMNT",
-                                     "MountProg.ProcedureUMNT",      "MountProg.ProcedureNOIMP",
-                                     "PortmapProg.ProcedureGETPORT", "PortmapProg.ProcedureNOIMP"};
-    for (const char* pcName : {"NULL",    "GETATTR",     "SETATTR", "LOOKUP", "ACCESS",   "READLINK", "READ",   "WRITE",
-                               "CREATE",  "MKDIR",       "SYMLINK", "MKNOD",  "REMOVE",   "RMDIR",    "RENAME", "LINK",
-                               "READDIR", "READDIRPLUS", "FSSTAT",  "FSINFO", "PATHCONF", "COMMIT"}) {
-        vsNames.push_back(std::string("Nfs3Prog.Procedure") + pcName);
+template <class Program>
+void AddProcedures(std::vector<std::string>& vsNames) {
+    for (const auto& procedure : Program::GetProcedures()) {
+        vsNames.emplace_back(procedure.pcTag);
     }
+}
+
+/// Every procedure of every program.
+std::vector<std::string> MakeRpcWanted() {
+    std::vector<std::string> vsNames;
+    AddProcedures<CNfs3Prog>(vsNames);
+    AddProcedures<CMountProg>(vsNames);
+    AddProcedures<CPortmapProg>(vsNames);
     return vsNames;
 }
 
@@ -61,8 +67,9 @@ FuzzVocabulary MakeIpcVocabulary() {
 }
 
 std::vector<std::string> MakeIpcWanted() {
-    std::vector<std::string> vsNames = Numbered("request ", 32);
-    std::ranges::copy(Numbered("callback ", 5), std::back_inserter(vsNames));
+    std::vector<std::string> vsNames;
+    AddRecords(vsNames, "request ", kIpcGroupRequest);
+    AddRecords(vsNames, "callback ", kIpcGroupCallback);
     return vsNames;
 }
 
@@ -161,7 +168,7 @@ FuzzVocabulary MakeSessionVocabulary() {
 
 std::vector<std::string> MakeSessionWanted() {
     std::vector<std::string> vsNames = MakeRpcWanted();
-    std::ranges::copy(Numbered("request ", 32), std::back_inserter(vsNames));
+    AddRecords(vsNames, "request ", kIpcGroupRequest);
     for (const char* pcName :
          {"step: connect", "step: call", "step: bytes", "step: hear some", "step: hear one", "step: hear all in turns",
           "step: hang up", "step: host asks", "step: host sends bytes", "step: host answers otherwise",

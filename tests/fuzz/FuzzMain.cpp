@@ -1,6 +1,6 @@
 // fuzz: feeds a world mutated inputs, as many as are asked for, and says what came of it.
 //
-//   fuzz ENTRY [--runs N] [--seed N] [--from N] [--limit SECONDS] [--keep FOLDER] [FILE...]
+//   fuzz ENTRY [--runs N] [--seconds N] [--seed N] [--from N] [--limit SECONDS] [--keep FOLDER] [FILE...]
 //
 // The inputs follow from seed and number: --from N --runs 1 makes the N-th again. With files, these are fed instead. An
 // input that does harm, crashes the process or takes longer than the limit is kept in a file, and the status is not 0.
@@ -41,7 +41,8 @@ struct Settings {
     std::uint64_t nRuns = 100000;
     std::uint64_t iSeed = 1;
     std::uint64_t iFrom = 0;
-    std::chrono::seconds limit{30};
+    std::chrono::seconds longest{std::chrono::hours(24 * 365)};  ///< of all inputs together
+    std::chrono::seconds limit{30};                              ///< of one
     std::string sKeep = ".";
     std::vector<std::string> vsInputs;  ///< of files named
 };
@@ -133,12 +134,15 @@ long GetMemory() {
 
 // ---- The run
 
+/// By then a world has all that it needs.
+constexpr std::uint64_t kEarly = 5000;
+
 struct Outcome {
     std::uint64_t nDone = 0;
     std::string sFailure;
     std::chrono::microseconds slowest{0};
     std::uint64_t iSlowest = 0;
-    long nEarlyMemory = 0;  ///< after a tenth
+    long nEarlyMemory = 0;  ///< after the first inputs
 };
 
 void FeedOne(FuzzTarget& target, std::string sInput, std::uint64_t iInput, Outcome& outcome) {
@@ -167,9 +171,11 @@ Outcome Feed(const Settings& settings, FuzzTarget& target) {
     }
     const std::vector<std::string> vsCorpus = ReadCorpus(settings.pEntry->pcCorpus);
     const FuzzVocabulary vocabulary = settings.pEntry->pfnMakeVocabulary();
-    for (std::uint64_t i = settings.iFrom; outcome.nDone < settings.nRuns && outcome.sFailure.empty(); ++i) {
+    const Clock::time_point end = Clock::now() + settings.longest;
+    for (std::uint64_t i = settings.iFrom;
+         outcome.nDone < settings.nRuns && outcome.sFailure.empty() && Clock::now() < end; ++i) {
         FeedOne(target, Mutator(settings.iSeed, i).Mutate(vsCorpus, vocabulary), i, outcome);
-        if (outcome.nDone == settings.nRuns / 10) {
+        if (outcome.nDone == kEarly) {
             outcome.nEarlyMemory = GetMemory();
         }
     }
@@ -182,7 +188,8 @@ void Report(const Settings& settings, const Outcome& outcome, double fSeconds) {
                  settings.iSeed, settings.iFrom);
     std::fprintf(stderr, "slowest: %.1f ms, input %" PRIu64 "\n", static_cast<double>(outcome.slowest.count()) / 1000,
                  outcome.iSlowest);
-    std::fprintf(stderr, "memory: %ld KiB after a tenth, %ld KiB at the end\n", outcome.nEarlyMemory, GetMemory());
+    std::fprintf(stderr, "memory: %ld KiB after %" PRIu64 " inputs, %ld KiB at the end\n", outcome.nEarlyMemory, kEarly,
+                 GetMemory());
 }
 
 int Run(const Settings& settings) {
@@ -216,7 +223,8 @@ int Run(const Settings& settings) {
 
 void PrintUsage() {
     std::fprintf(stderr,
-                 "usage: fuzz ENTRY [--runs N] [--seed N] [--from N] [--limit SECONDS] [--keep FOLDER] [FILE...]\n"
+                 "usage: fuzz ENTRY [--runs N] [--seconds N] [--seed N] [--from N] [--limit SECONDS] [--keep FOLDER] "
+                 "[FILE...]\n"
                  "ENTRY is one of");
     for (const FuzzEntry& entry : GetFuzzEntries()) {
         std::fprintf(stderr, " %s", entry.pcName);
@@ -242,6 +250,8 @@ bool ReadArguments(int argc, char** argv, Settings& settings) {
             settings.iSeed = iValue;
         } else if (sWord == "--from") {
             settings.iFrom = iValue;
+        } else if (sWord == "--seconds") {
+            settings.longest = std::chrono::seconds(iValue);
         } else if (sWord == "--limit") {
             settings.limit = std::chrono::seconds(iValue);
         } else if (sWord == "--keep") {

@@ -83,6 +83,7 @@ std::string RpcFuzzWorld::Run(std::string_view sInput) {
     const unsigned char iKind = static_cast<unsigned char>(sInput[0]);
     const std::size_t nPiece = static_cast<unsigned char>(sInput[1]);
     sInput.remove_prefix(2);
+    m_pServer->SetLogControl((iKind & 8U) != 0 ? CRuntimeParam::kLogProcFuncName : ~0);
     CapturingSocket& socket = *TakeSocket(iKind);
     const bool bDatagram = socket.GetType() == CSocket::kDatagram;
     std::string sFailure;

@@ -22,7 +22,8 @@ class CUtilities;
 /// A server without a network: an exported folder, all programs and the RPC server. One input is a connection or a
 /// datagram of its own:
 ///
-///   byte 0: bit 0 set for UDP; bits 1 and 2 choose the program (portmapper, NFS, MOUNT)
+///   byte 0: bit 0 set for UDP; bits 1 and 2 choose the program (portmapper, NFS, MOUNT); bit 3 set for a server that
+///           logs next to nothing, which takes other ways in places
 ///   byte 1: how many bytes arrive at a time over TCP, 0 for all at once
 ///   then the bytes received
 ///

@@ -101,7 +101,7 @@ def main():
         datagram = number % 3 == 0
         record = b"" if datagram else u32(0x80000000 | len(call))
         piece = (0, 0, 50)[number % 3]
-        (FOLDER / name).write_bytes(bytes([index << 1 | datagram, piece]) + record + call)
+        (FOLDER / name).write_bytes(bytes([(8 if number % 4 == 1 else 0) | index << 1 | datagram, piece]) + record + call)
 
 
 if __name__ == "__main__":
