@@ -266,6 +266,9 @@ void SessionFuzzWorld::Swap(SessionScript& script) {
     }
     const std::string sPath = m_Outside.GetExport() + "/" + sName;
     std::error_code ignored;
+    if (!fs::canonical(fs::path(sPath).parent_path(), ignored).string().starts_with(m_Outside.GetExport())) {
+        return;  // through a link of his own, out of the export: that would be his deed, not the server's
+    }
     fs::remove_all(sPath, ignored);
     switch (script.Byte() % 8) {
         case 0:
