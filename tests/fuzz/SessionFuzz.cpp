@@ -178,7 +178,7 @@ std::string SessionFuzzWorld::StepOfHost(Server& server, SessionScript& script) 
             return "";
         default:
             CountReached("step: local user");
-            Swap(script);
+            Swap(server, script);
             return "";
     }
 }
@@ -259,7 +259,7 @@ std::string SessionFuzzWorld::Judge(CapturingSocket& socket) {
 // ---- The folder
 
 /// A local user who may write in the export: something else comes to stand under a name.
-void SessionFuzzWorld::Swap(SessionScript& script) {
+void SessionFuzzWorld::Swap(Server& server, SessionScript& script) {
     const std::string sName = ChooseSessionName(script);
     if (sName.empty() || sName.starts_with('.')) {
         return;
@@ -268,6 +268,12 @@ void SessionFuzzWorld::Swap(SessionScript& script) {
     std::error_code ignored;
     if (!fs::canonical(fs::path(sPath).parent_path(), ignored).string().starts_with(m_Outside.GetExport())) {
         return;  // through a link of his own, out of the export: that would be his deed, not the server's
+    }
+    // An info file belongs to the host, which writes where its path leads.
+    CUtilities* pUtilities = server.main.GetUtilities();
+    if (pUtilities->GetRedirectedFile(sPath.c_str()) ||
+        !pUtilities->GetRenamesBelow(sPath.c_str(), sPath.c_str()).empty()) {
+        return;
     }
     fs::remove_all(sPath, ignored);
     switch (script.Byte() % 8) {

@@ -43,7 +43,7 @@ private:
     std::string Hear(Server& server, Client& client, std::size_t nBytes);
     std::string HearAll(Server& server, std::size_t nPiece);
     std::string Judge(CapturingSocket& socket);
-    void Swap(SessionScript& script);
+    void Swap(Server& server, SessionScript& script);
     void Restore();
     CapturingSocket* TakeSocket(std::size_t iClient, bool bDatagram, unsigned long lProgram);
     std::string JudgeSources() const;

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <filesystem>
 #include <utility>
 
 #include "Callback.h"
@@ -63,7 +64,10 @@ bool SessionMain::AddMountPoint(const char* pcPath, const char* pcName, const ch
 void SessionMain::OpenRedirectedFile(const char* pcPath, long long iSize, bool bInfo, int iSegmentMB,
                                      int iCheckPointMB) {
     if (IsMine(pcPath)) {
-        CNfsMain::OpenRedirectedFile(pcPath, iSize, bInfo, iSegmentMB, iCheckPointMB);
+        // A path that leads elsewhere is no place for the host's info file.
+        std::error_code ignored;
+        const bool bPlain = std::filesystem::weakly_canonical(pcPath, ignored) == std::filesystem::path(pcPath);
+        CNfsMain::OpenRedirectedFile(pcPath, iSize, bInfo && bPlain, iSegmentMB, iCheckPointMB);
     }
 }
 
