@@ -7,6 +7,7 @@ LOG_FILE = 1
 
 LINES = {
     "basic": b"help\nstatus\nlog 1023\nlog\nlog x\nquit\nstatus\n",
+    "stats": b"stats\nstats json\nstats text\nstats x\nstats \nstatsjson\nquit\n",
     "help-of-debug-mode": b"help\ndebug\nhelp\n",
     "not-in-debug-mode": b"start\nexec true\nmount /tmp=a\n",
     "start": b"debug\nstart\nstart 1058=2049\nstart 1=2=3\nstart =\nstart a=\nstart \nstatus\n",
