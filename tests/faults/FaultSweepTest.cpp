@@ -345,19 +345,8 @@ private:
     bool m_bSegmentAdded = false;
 };
 
-struct Sweep {
-    const char* pcName;
-    FaultyCall call;
-    FaultKind kind;
-    int iError;
-};
-
-void PrintTo(const Sweep& sweep, std::ostream* pStream) {
-    *pStream << sweep.pcName;
-}
-
 /// An external server whose calls can go wrong, steered by a client in this process.
-class FaultSweepTest : public testing::TestWithParam<Sweep> {
+class FaultSweepTest : public testing::TestWithParam<SweptFault> {
 protected:
     /// No call comes as often in one round.
     static constexpr int kMostCalls = 2000;
@@ -436,7 +425,7 @@ protected:
 };
 
 TEST_P(FaultSweepTest, NothingAcknowledgedIsLostAndTheServerGoesOn) {
-    const Sweep& sweep = GetParam();
+    const SweptFault& sweep = GetParam();
     RunOnce(0);
     m_pHostSide->Client().CloseAllCachedFileHandles(m_pFolder->Path().c_str());
     const std::vector<std::string> vsOpen = GetOpen();
@@ -457,7 +446,7 @@ TEST_P(FaultSweepTest, NothingAcknowledgedIsLostAndTheServerGoesOn) {
     RecordProperty("calls", n - 2);
 }
 
-constexpr Sweep kSweeps[] = {
+constexpr SweptFault kSweeps[] = {
     {"OpenDenied", FaultyCall::kOpen, FaultKind::kError, EACCES},
     {"OpenWithoutDescriptors", FaultyCall::kOpen, FaultKind::kError, EMFILE},
     {"Stat", FaultyCall::kStat, FaultKind::kError, EIO},

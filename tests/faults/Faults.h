@@ -1,19 +1,43 @@
 // Switches for the faults of a server that was started with them.
 #pragma once
 
+#include <cstddef>
 #include <cstdlib>
+#include <filesystem>
+#include <iterator>
+#include <ostream>
 #include <stdexcept>
 #include <string>
 #include <utility>
 
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/types.h>
 
 #include "ChildProcess.h"
 #include "Descriptor.h"
 #include "FaultControl.h"
 #include "TempFolder.h"
 #include "Trees.h"
+
+/// What goes wrong in a test that lets the first call of a kind do so, then the second, and so on to the last.
+struct SweptFault {
+    const char* pcName;  ///< of the test's instance
+    FaultyCall call;
+    FaultKind kind;
+    int iError;
+    int iStep = 1;  ///< from one call that goes wrong to the next, where there are many alike
+};
+
+inline void PrintTo(const SweptFault& fault, std::ostream* pStream) {
+    *pStream << fault.pcName;
+}
+
+/// How many descriptors a process has open.
+inline std::size_t CountDescriptors(pid_t iProcess) {
+    const std::filesystem::directory_iterator descriptors("/proc/" + std::to_string(iProcess) + "/fd");
+    return static_cast<std::size_t>(std::distance(begin(descriptors), end(descriptors)));
+}
 
 /// Switches faults of a process that maps the same file.
 class Faults {

@@ -10,6 +10,7 @@
 
 #include "ChildProcess.h"
 #include "FakeRpcbind.h"
+#include "Faults.h"
 #include "Isolation.h"
 #include "LeakGuard.h"
 #include "NfsClient.h"
@@ -45,10 +46,7 @@ protected:
         ASSERT_TRUE(m_pServer->WaitForPrompt()) << m_pServer->Output();
         m_pServer->Command("debug");
     }
-    std::size_t CountDescriptors() const {
-        const std::filesystem::directory_iterator descriptors("/proc/" + std::to_string(m_pServer->GetPid()) + "/fd");
-        return static_cast<std::size_t>(std::distance(begin(descriptors), end(descriptors)));
-    }
+    std::size_t CountDescriptors() const { return ::CountDescriptors(m_pServer->GetPid()); }
     void ExpectServed() {
         m_pServer->Command("mount " + m_pFolder->Path() + "=exp");
         NfsClient client(Transport::kTcp, "127.0.0.1", kNfsPort, kMountPort);

@@ -18,18 +18,7 @@ namespace {
 
 using testing::HasSubstr;
 
-struct Transfer {
-    const char* pcName;
-    FaultyCall call;
-    FaultKind kind;
-    int iError;
-};
-
-void PrintTo(const Transfer& transfer, std::ostream* pStream) {
-    *pStream << transfer.pcName;
-}
-
-class RemoteControlFaultsTest : public testing::TestWithParam<Transfer> {
+class RemoteControlFaultsTest : public testing::TestWithParam<SweptFault> {
 protected:
     static constexpr int kMostCalls = 200;
 
@@ -69,7 +58,7 @@ protected:
 };
 
 TEST_P(RemoteControlFaultsTest, CommandIsAnsweredWholeOrRefusedAndTheNextOneWorks) {
-    const Transfer& transfer = GetParam();
+    const SweptFault& transfer = GetParam();
     const std::string sAnswer = m_pConsole->Command("status");
     ASSERT_THAT(sAnswer, HasSubstr(m_pFolder->Path() + " : exp"));
     bool bFired = true;
@@ -91,10 +80,10 @@ TEST_P(RemoteControlFaultsTest, CommandIsAnsweredWholeOrRefusedAndTheNextOneWork
 }
 
 INSTANTIATE_TEST_SUITE_P(EachCall, RemoteControlFaultsTest,
-                         testing::Values(Transfer{"ShortSend", FaultyCall::kSend, FaultKind::kShort, 0},
-                                         Transfer{"ShortReceive", FaultyCall::kReceive, FaultKind::kShort, 0},
-                                         Transfer{"Send", FaultyCall::kSend, FaultKind::kError, EPIPE},
-                                         Transfer{"Receive", FaultyCall::kReceive, FaultKind::kError, ECONNRESET}),
+                         testing::Values(SweptFault{"ShortSend", FaultyCall::kSend, FaultKind::kShort, 0},
+                                         SweptFault{"ShortReceive", FaultyCall::kReceive, FaultKind::kShort, 0},
+                                         SweptFault{"Send", FaultyCall::kSend, FaultKind::kError, EPIPE},
+                                         SweptFault{"Receive", FaultyCall::kReceive, FaultKind::kError, ECONNRESET}),
                          [](const auto& transfer) { return std::string(transfer.param.pcName); });
 
 }  // namespace

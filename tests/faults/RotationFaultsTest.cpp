@@ -18,19 +18,7 @@ namespace {
 
 constexpr std::uint32_t kOk = 0;
 
-struct RotationFault {
-    const char* pcName;
-    FaultyCall call;
-    FaultKind kind;
-    int iError;
-    int iStep;  ///< from one call that goes wrong to the next, where there are many alike
-};
-
-void PrintTo(const RotationFault& fault, std::ostream* pStream) {
-    *pStream << fault.pcName;
-}
-
-class RotationFaultsTest : public testing::TestWithParam<RotationFault> {
+class RotationFaultsTest : public testing::TestWithParam<SweptFault> {
 protected:
     static constexpr int kMostCalls = 2000;
     static constexpr std::size_t kPieceSize = 100;
@@ -116,7 +104,7 @@ protected:
 };
 
 TEST_P(RotationFaultsTest, LogGoesIntoNoFileOfAClientAndTheServerGoesOn) {
-    const RotationFault& fault = GetParam();
+    const SweptFault& fault = GetParam();
     bool bFired = true;
     int nRotations = 0;
     for (int n = 1; bFired && n < kMostCalls; n += fault.iStep) {
@@ -139,12 +127,12 @@ TEST_P(RotationFaultsTest, LogGoesIntoNoFileOfAClientAndTheServerGoesOn) {
 }
 
 INSTANTIATE_TEST_SUITE_P(EachCall, RotationFaultsTest,
-                         testing::Values(RotationFault{"Close", FaultyCall::kClose, FaultKind::kError, EIO, 1},
-                                         RotationFault{"Rename", FaultyCall::kChange, FaultKind::kError, EIO, 1},
-                                         RotationFault{"Open", FaultyCall::kOpen, FaultKind::kError, EMFILE, 3},
-                                         RotationFault{"Seek", FaultyCall::kSeek, FaultKind::kError, EIO, 40},
-                                         RotationFault{"Write", FaultyCall::kWrite, FaultKind::kError, ENOSPC, 40},
-                                         RotationFault{"ShortWrite", FaultyCall::kWrite, FaultKind::kShort, 0, 40}),
+                         testing::Values(SweptFault{"Close", FaultyCall::kClose, FaultKind::kError, EIO, 1},
+                                         SweptFault{"Rename", FaultyCall::kChange, FaultKind::kError, EIO, 1},
+                                         SweptFault{"Open", FaultyCall::kOpen, FaultKind::kError, EMFILE, 3},
+                                         SweptFault{"Seek", FaultyCall::kSeek, FaultKind::kError, EIO, 40},
+                                         SweptFault{"Write", FaultyCall::kWrite, FaultKind::kError, ENOSPC, 40},
+                                         SweptFault{"ShortWrite", FaultyCall::kWrite, FaultKind::kShort, 0, 40}),
                          [](const auto& fault) { return std::string(fault.param.pcName); });
 
 }  // namespace

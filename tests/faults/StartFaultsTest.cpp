@@ -18,18 +18,7 @@ namespace {
 
 using testing::HasSubstr;
 
-struct Start {
-    const char* pcName;
-    FaultyCall call;
-    int iError;
-    int iStep;  ///< from one call that goes wrong to the next, where there are many alike
-};
-
-void PrintTo(const Start& start, std::ostream* pStream) {
-    *pStream << start.pcName;
-}
-
-class StartFaultsTest : public testing::TestWithParam<Start> {
+class StartFaultsTest : public testing::TestWithParam<SweptFault> {
 protected:
     /// No call comes as often in one start.
     static constexpr int kMostCalls = 2000;
@@ -54,10 +43,7 @@ protected:
         ASSERT_TRUE(m_pServer->WaitForPrompt()) << m_pServer->Output();
         m_pServer->Command("debug");
     }
-    std::size_t CountDescriptors() const {
-        const std::filesystem::directory_iterator descriptors("/proc/" + std::to_string(m_pServer->GetPid()) + "/fd");
-        return static_cast<std::size_t>(std::distance(begin(descriptors), end(descriptors)));
-    }
+    std::size_t CountDescriptors() const { return ::CountDescriptors(m_pServer->GetPid()); }
     /// A client can mount and list.
     void ExpectServed() {
         m_pServer->Command("mount " + (*m_pFolder / "export") + "=exp");
@@ -79,7 +65,7 @@ protected:
 };
 
 TEST_P(StartFaultsTest, AServerThatCannotStartSaysSoAndStartsLater) {
-    const Start& start = GetParam();
+    const SweptFault& start = GetParam();
     StartConsole();
     std::size_t nIdle = CountDescriptors();
     int nFailed = 0;
@@ -113,9 +99,10 @@ TEST_P(StartFaultsTest, AServerThatCannotStartSaysSoAndStartsLater) {
 }
 
 INSTANTIATE_TEST_SUITE_P(EachCall, StartFaultsTest,
-                         testing::Values(Start{"Sockets", FaultyCall::kConnect, EADDRNOTAVAIL, 1},
-                                         Start{"Threads", FaultyCall::kThread, EAGAIN, 1},
-                                         Start{"Buffers", FaultyCall::kMap, ENOMEM, 7}),
+                         testing::Values(SweptFault{"Sockets", FaultyCall::kConnect, FaultKind::kError, EADDRNOTAVAIL,
+                                                    1},
+                                         SweptFault{"Threads", FaultyCall::kThread, FaultKind::kError, EAGAIN, 1},
+                                         SweptFault{"Buffers", FaultyCall::kMap, FaultKind::kError, ENOMEM, 7}),
                          [](const auto& start) { return std::string(start.param.pcName); });
 
 }  // namespace
