@@ -17,6 +17,12 @@
 
 namespace {
 
+/// A path that a local user's link leads elsewhere is no place for the host's info file, and none that it exports.
+bool IsPlain(const char* pcPath) {
+    std::error_code ignored;
+    return std::filesystem::weakly_canonical(pcPath, ignored) == std::filesystem::path(pcPath);
+}
+
 constexpr std::int64_t kMiB = 1048576;
 constexpr std::int64_t kMaxSegment = 64 * kMiB;  ///< as many records as an info file gets at once
 constexpr std::int64_t kMaxExport = 4 * kMiB;
@@ -58,16 +64,13 @@ bool SessionMain::StartServer(int /*iMountPort*/, int /*iNfsPort*/, unsigned int
 }
 
 bool SessionMain::AddMountPoint(const char* pcPath, const char* pcName, const char* pcIpcID, char* pcStatus) {
-    return IsMine(pcPath) && CNfsMain::AddMountPoint(pcPath, pcName, pcIpcID, pcStatus);
+    return IsMine(pcPath) && IsPlain(pcPath) && CNfsMain::AddMountPoint(pcPath, pcName, pcIpcID, pcStatus);
 }
 
 void SessionMain::OpenRedirectedFile(const char* pcPath, long long iSize, bool bInfo, int iSegmentMB,
                                      int iCheckPointMB) {
     if (IsMine(pcPath)) {
-        // A path that leads elsewhere is no place for the host's info file.
-        std::error_code ignored;
-        const bool bPlain = std::filesystem::weakly_canonical(pcPath, ignored) == std::filesystem::path(pcPath);
-        CNfsMain::OpenRedirectedFile(pcPath, iSize, bInfo && bPlain, iSegmentMB, iCheckPointMB);
+        CNfsMain::OpenRedirectedFile(pcPath, iSize, bInfo && IsPlain(pcPath), iSegmentMB, iCheckPointMB);
     }
 }
 
