@@ -3,7 +3,7 @@
 
 #include <cerrno>
 #include <cstring>
-#include <string_view>
+#include <string>
 
 #include <fcntl.h>
 #include <linux/openat2.h>

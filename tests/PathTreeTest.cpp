@@ -122,6 +122,21 @@ TEST(PathTreeTest, LongComponentsAndDeepPathsAreKept) {
     EXPECT_EQ(At(tree, "/e" + sDeep.substr(2)), 1U);
 }
 
+// Also where there are more components than lengths are kept for while copying.
+TEST(PathTreeTest, PathOfManyComponentsOfDifferentLengthsIsCopiedWhole) {
+    CPathTree tree;
+    std::string sPath;
+    for (int i = 1; i <= 80; ++i) {
+        sPath += "/" + std::string(static_cast<std::size_t>(i), static_cast<char>('a' + i % 26));
+        const Place iPlace = tree.FindOrAdd(sPath);
+        tree.SetTenant(iPlace, 1);
+        std::string sBuffer(sPath.size() + 2, '#');
+        EXPECT_FALSE(tree.CopyPath(iPlace, sBuffer.data(), sPath.size()));
+        EXPECT_TRUE(tree.CopyPath(iPlace, sBuffer.data(), sPath.size() + 1));
+        EXPECT_EQ(sBuffer, sPath + '\0' + '#') << i;
+    }
+}
+
 TEST(PathTreeTest, PlacesThatNobodyNeedsAreUsedAgain) {
     CPathTree tree;
     Let(tree, "/a/b/c", 1);
