@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -23,6 +22,7 @@
 #include "LeakGuard.h"
 #include "Limits.h"
 #include "LogCapture.h"
+#include "OpenDescriptors.h"
 #include "RpcClient.h"
 #include "ServerSocket.h"
 #include "SocketDoubles.h"
@@ -282,8 +282,7 @@ TEST_F(PortmapAndRpcbindTest, StartingAndStoppingAgainAndAgainLeaksNothingAndHar
         CPortmap portmap(&m_Utilities, &m_Param);
         ASSERT_TRUE(portmap.Register(100003, 3, &server, m_vcReason)) << m_vcReason;
         portmap.Unregister(100003, 3, m_vcReason);
-        const auto nNow =
-            static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
+        const std::size_t nNow = CountDescriptors();
         // From the second connection on the slot holds the descriptor of the one before.
         EXPECT_TRUE(i < 2 || nNow == nDescriptors) << nNow << " descriptors after " << nDescriptors;
         nDescriptors = nNow;

@@ -1,10 +1,7 @@
 // Switches for the faults of a server that was started with them.
 #pragma once
 
-#include <cstddef>
 #include <cstdlib>
-#include <filesystem>
-#include <iterator>
 #include <ostream>
 #include <stdexcept>
 #include <string>
@@ -12,7 +9,6 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
-#include <sys/types.h>
 
 #include "ChildProcess.h"
 #include "Descriptor.h"
@@ -31,12 +27,6 @@ struct SweptFault {
 
 inline void PrintTo(const SweptFault& fault, std::ostream* pStream) {
     *pStream << fault.pcName;
-}
-
-/// How many descriptors a process has open.
-inline std::size_t CountDescriptors(pid_t iProcess) {
-    const std::filesystem::directory_iterator descriptors("/proc/" + std::to_string(iProcess) + "/fd");
-    return static_cast<std::size_t>(std::distance(begin(descriptors), end(descriptors)));
 }
 
 /// Switches faults of a process that maps the same file.

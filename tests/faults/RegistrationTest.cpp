@@ -14,6 +14,7 @@
 #include "Isolation.h"
 #include "LeakGuard.h"
 #include "NfsClient.h"
+#include "OpenDescriptors.h"
 #include "TempFolder.h"
 
 namespace {

@@ -13,6 +13,7 @@
 #include "Isolation.h"
 #include "LeakGuard.h"
 #include "NfsClient.h"
+#include "OpenDescriptors.h"
 
 namespace {
 

@@ -12,8 +12,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
-#include <filesystem>
-#include <iterator>
 #include <memory>
 #include <string>
 #include <thread>
@@ -26,6 +24,7 @@
 #include "Descriptor.h"
 #include "FuzzEntries.h"
 #include "Isolation.h"
+#include "OpenDescriptors.h"
 #include "SilentOutput.h"
 #include "TempFolder.h"
 
@@ -114,10 +113,6 @@ private:
 };
 
 // ---- What the process holds
-
-std::size_t CountDescriptors() {
-    return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
-}
 
 /// Resident memory in KiB.
 long GetMemory() {

@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cstdint>
 #include <filesystem>
-#include <iterator>
 
 #include <arpa/inet.h>
 #include <sys/stat.h>
@@ -12,6 +11,7 @@
 
 #include "MountProg.h"
 #include "NfsProg.h"
+#include "OpenDescriptors.h"
 #include "PortmapProg.h"
 #include "RpcReplies.h"
 #include "RpcServer.h"
@@ -33,10 +33,6 @@ constexpr std::size_t kMaxPending = 65536;
 /// What a source of redirected files holds.
 std::string SourceContent(char cSource) {
     return std::string(1000, cSource);
-}
-
-std::size_t CountDescriptors() {
-    return static_cast<std::size_t>(std::distance(fs::directory_iterator("/proc/self/fd"), {}));
 }
 
 }  // namespace

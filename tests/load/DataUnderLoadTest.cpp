@@ -32,6 +32,7 @@
 #include "Limits.h"
 #include "ModelledClient.h"
 #include "NfsClient.h"
+#include "OpenDescriptors.h"
 #include "RuntimeParam.h"
 #include "TempFolder.h"
 
@@ -65,8 +66,7 @@ Usage Measure(pid_t iProcess) {
             usage.nThreads = std::atol(sLine.c_str() + 8);
         }
     }
-    const std::filesystem::directory_iterator descriptors("/proc/" + std::to_string(iProcess) + "/fd");
-    usage.nDescriptors = std::distance(begin(descriptors), end(descriptors));
+    usage.nDescriptors = static_cast<long>(CountDescriptors(iProcess));
     return usage;
 }
 
