@@ -347,9 +347,14 @@ TEST_F(NfsgetTest, WrongUsageIsExplainedWithExitTwo) {
         {"frobnicate", "127.0.0.1:data"},
         {"write", "file", "127.0.0.1:data/file", "-1"},
         {"write", "file", "127.0.0.1:data/file", "1x"},
+        {"write", "file", "127.0.0.1:data/file", " 1"},
+        {"get", "127.0.0.1:data/folder/"},
+        {"get", "127.0.0.1:data/folder/.."},
+        {"get", "127.0.0.1:data/file", ""},
         {"list", "127.0.0.1:data", "-p"},
         {"-p", "0", "list", "127.0.0.1:data"},
         {"-p", "2049x", "list", "127.0.0.1:data"},
+        {"-p", "+2049", "list", "127.0.0.1:data"},
         {"-x", "1", "list", "127.0.0.1:data"},
     };
     for (const std::vector<std::string>& vsArguments : vvsWrong) {

@@ -15,6 +15,7 @@
 #include "PortmapProg.h"
 #include "RpcFuzz.h"
 #include "SessionFuzz.h"
+#include "ToolLines.h"
 #include "Xdr.h"
 
 namespace {
@@ -129,23 +130,61 @@ FuzzVocabulary MakeOptionsVocabulary() {
     for (const ServerOptionName& name : GetServerOptionNames()) {
         vocabulary.vsWords.push_back(std::string("\n") + name.pcOption + "\n");
     }
+    for (const char* pcWord : {"--at",
+                               "--svg",
+                               "--summary",
+                               "--check",
+                               "--size",
+                               "--info",
+                               "--segment-size",
+                               "--checkpoint-size",
+                               "-p",
+                               "-m",
+                               "--resume",
+                               "--",
+                               "-",
+                               "0x",
+                               "0x7fffffffffffffff",
+                               "010",
+                               "+1",
+                               "1K",
+                               "8388607T",
+                               "65535",
+                               "65536",
+                               "h:e",
+                               "h:e/f",
+                               "h:e/d/",
+                               ":",
+                               ".."}) {
+        vocabulary.vsWords.push_back(std::string("\n") + pcWord + "\n");
+    }
+    for (const std::string& sCommand : GetToolCommands()) {
+        vocabulary.vsWords.push_back("\n" + sCommand + "\n");
+    }
     return vocabulary;
 }
 
 std::vector<std::string> MakeOptionsWanted() {
-    return {"command line: usage",
-            "command line: refused",
-            "command line: shutdown",
-            "command line: query",
-            "command line: test",
-            "command line: serve",
-            "environment",
-            "access file",
-            "access file: refused",
-            "pid file",
-            "pid file: of a living process",
-            "bind address",
-            "bind address: refused"};
+    std::vector<std::string> vsNames{"command line: usage",
+                                     "command line: refused",
+                                     "command line: shutdown",
+                                     "command line: query",
+                                     "command line: test",
+                                     "command line: serve",
+                                     "environment",
+                                     "access file",
+                                     "access file: refused",
+                                     "pid file",
+                                     "pid file: of a living process",
+                                     "bind address",
+                                     "bind address: refused",
+                                     "nfsmap: taken",
+                                     "nfsmap: refused",
+                                     "nfsget: refused"};
+    for (const std::string& sCommand : GetToolCommands()) {
+        vsNames.push_back("nfsget: " + sCommand);
+    }
+    return vsNames;
 }
 
 // ---- Whole sessions

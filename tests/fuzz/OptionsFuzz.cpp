@@ -17,6 +17,7 @@
 #include "Limits.h"
 #include "ServerIdentity.h"
 #include "TempFolder.h"
+#include "ToolLines.h"
 
 namespace {
 
@@ -159,7 +160,7 @@ std::string OptionsFuzzWorld::Run(std::string_view sInput) {
         return "";
     }
     const std::string sText(sInput.substr(1));
-    switch (static_cast<unsigned char>(sInput[0]) % 5) {
+    switch (static_cast<unsigned char>(sInput[0]) % 7) {
         case 0:
             return RunCommandLine(sText);
         case 1:
@@ -168,8 +169,12 @@ std::string OptionsFuzzWorld::Run(std::string_view sInput) {
             return RunAccessFile(sText);
         case 3:
             return RunPidFile(sText);
-        default:
+        case 4:
             return RunBindAddress(sText);
+        case 5:
+            return RunToolLine(sText, true);
+        default:
+            return RunToolLine(sText, false);
     }
 }
 
@@ -270,4 +275,14 @@ std::string OptionsFuzzWorld::RunBindAddress(const std::string& sText) {
     }
     CountReached("bind address: refused");
     return vcReason[0] != '\0' ? "" : "refused without a reason";
+}
+
+std::string OptionsFuzzWorld::RunToolLine(const std::string& sText, bool bMap) {
+    std::istringstream lines(sText);
+    std::vector<std::string> vsWords;
+    for (std::string sLine; std::getline(lines, sLine);) {
+        vsWords.emplace_back(sLine.c_str());  // an argument ends at a NUL
+    }
+    const ReachedReport report = [this](std::string_view sWhat) { CountReached(sWhat); };
+    return bMap ? JudgeMapLine(vsWords, report) : JudgeGetLine(vsWords, report);
 }

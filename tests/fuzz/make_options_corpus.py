@@ -3,7 +3,7 @@
 import pathlib
 
 FOLDER = pathlib.Path(__file__).parent / "corpus-options"
-COMMAND_LINE, ENVIRONMENT, ACCESS_FILE, PID_FILE, BIND_ADDRESS = range(5)
+COMMAND_LINE, ENVIRONMENT, ACCESS_FILE, PID_FILE, BIND_ADDRESS, MAP_LINE, GET_LINE = range(7)
 
 
 def arguments(*words):
@@ -48,6 +48,42 @@ INPUTS = {
     "bind-all": (BIND_ADDRESS, b""),
     "bind-name": (BIND_ADDRESS, b"localhost"),
     "bind-elsewhere": (BIND_ADDRESS, b"192.0.2.1"),
+    "map-all": (MAP_LINE, arguments("--at", "0x1fK", "--at", "7", "--svg", "p.svg", "--summary", "--check", "--size", "1T",
+                                    "--info", "--dump", "--segment-size", "64", "--checkpoint-size", "2K", "disk.map")),
+    "map-octal": (MAP_LINE, arguments("--at", "010", "disk.map")),
+    "map-blank": (MAP_LINE, arguments("--at", " 5", "disk.map")),
+    "map-sign": (MAP_LINE, arguments("--size", "+5", "disk.map")),
+    "map-largest": (MAP_LINE, arguments("--at", "9223372036854775807", "--at", "8388607T", "disk.map")),
+    "map-too-large": (MAP_LINE, arguments("--at", "8388608T", "disk.map")),
+    "map-nothing-to-search": (MAP_LINE, arguments("--segment-size", "0", "disk.map")),
+    "map-picture-without-name": (MAP_LINE, arguments("--svg", "", "disk.map")),
+    "map-file-without-name": (MAP_LINE, arguments("", "disk.map")),
+    "map-two-files": (MAP_LINE, arguments("disk.map", "other.map")),
+    "map-unknown": (MAP_LINE, arguments("disk.map", "--help", "--at")),
+    "get-nothing": (GET_LINE, b""),
+    "get-help": (GET_LINE, arguments("list", "-h", "--version")),
+    "get-version": (GET_LINE, arguments("--version", "--resume")),
+    "get-list": (GET_LINE, arguments("-p", "2049", "list", "-m", "65535", "host:export/folder")),
+    "get-stat": (GET_LINE, arguments("stat", "host:export")),
+    "get-get": (GET_LINE, arguments("get", "--resume", "host:export/folder/file", "--", "local")),
+    "get-get-as-there": (GET_LINE, arguments("get", "host:export/folder/file")),
+    "get-get-hyphen": (GET_LINE, arguments("get", "host:export/-", "--resume")),
+    "get-get-to-output": (GET_LINE, arguments("get", "--resume", "host:export/file", "-")),
+    "get-get-folder": (GET_LINE, arguments("get", "host:export/folder/")),
+    "get-get-above": (GET_LINE, arguments("get", "host:export/folder/..")),
+    "get-put": (GET_LINE, arguments("put", "--", "-local", "host:export/a:b//c")),
+    "get-put-without-name": (GET_LINE, arguments("put", "", "host:export/file")),
+    "get-write": (GET_LINE, arguments("write", "-", "host:export/file", "9223372036854775807")),
+    "get-write-too-far": (GET_LINE, arguments("write", "-", "host:export/file", "9223372036854775808")),
+    "get-write-blank": (GET_LINE, arguments("write", "-", "host:export/file", " 1")),
+    "get-mkdir": (GET_LINE, arguments("mkdir", "host:export/folder")),
+    "get-remove": (GET_LINE, arguments("remove", "host:export/file")),
+    "get-release": (GET_LINE, arguments("release", "host:export")),
+    "get-release-resumed": (GET_LINE, arguments("release", "--resume", "host:export")),
+    "get-port": (GET_LINE, arguments("-p", "65536", "list", "host:export")),
+    "get-port-sign": (GET_LINE, arguments("-m", "+1", "list", "host:export")),
+    "get-no-export": (GET_LINE, arguments("list", "host:/folder")),
+    "get-no-host": (GET_LINE, arguments("list", ":export")),
 }
 
 

@@ -1,4 +1,6 @@
 // nfsmap, as a user runs it.
+#include <unistd.h>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -103,12 +105,31 @@ TEST_F(NfsmapTest, WrongUsageEndsWithItsReason) {
         {{"--at", "12Q", "a"}, "nfsmap: not a number of bytes: 12Q\n"},
         {{"--at", "-1", "a"}, "nfsmap: not a number of bytes: -1\n"},
         {{"--size", "9999999999T", "a"}, "nfsmap: not a number of bytes: 9999999999T\n"},
-        {{"--segment-size", "0", "a"}, "nfsmap: must be greater than 0: 0\n"}};
+        {{"--segment-size", "0", "a"}, "nfsmap: must be greater than 0: 0\n"},
+        {{"--at", " 5", "a"}, "nfsmap: not a number of bytes:  5\n"},
+        {{"--svg", "", "a"}, "nfsmap: no value behind --svg\n"},
+        {{"", "a"}, "nfsmap: a file without a name\n"}};
     for (const auto& [vsArguments, sReason] : vCases) {
         const RunResult result = Run(vsArguments);
         EXPECT_EQ(result.iStatus, 2);
         EXPECT_THAT(result.sOutput, StartsWith("usage: nfsmap"));
         EXPECT_THAT(result.sOutput, testing::EndsWith(sReason));
+    }
+}
+
+TEST_F(NfsmapTest, ANumberThatBeginsWithAZeroIsDecimal) {
+    EXPECT_THAT(Run({"--at", "010", MakeMap(kBroken)}).sOutput, StartsWith("10: /full at 10 "));
+}
+
+TEST_F(NfsmapTest, APictureDoesNotTakeThePlaceOfItsMap) {
+    const std::string sMap = MakeMap(kWhole);
+    const std::string sLink = m_Folder / "link";
+    ASSERT_EQ(::symlink(sMap.c_str(), sLink.c_str()), 0);
+    for (const std::string& sPicture : {sMap, sLink}) {
+        const RunResult result = Run({"--svg", sPicture, sMap});
+        EXPECT_EQ(result.iStatus, 3);
+        EXPECT_EQ(result.sOutput, "nfsmap: \"" + sPicture + "\": this is the map itself\n");
+        EXPECT_EQ(ReadWholeFile(sMap), kWhole);
     }
 }
 
