@@ -248,6 +248,9 @@ void CNfsMain::CloseServices() {
         char vcReason[kReasonBufferSize] = "";
         m_pPortmap->Unregister(kNfsProgramId, kNfsVersion3, vcReason);
         m_pPortmap->Unregister(kMountProgramId, kNfsVersion3, vcReason);
+        if (vcReason[0] != '\0') {
+            LogLifecycle("Fail to unregister from external portmapper. Reason=%s", vcReason);
+        }
     }
     m_pPortmap.reset();
     m_pNfsProg.reset();

@@ -10,6 +10,7 @@
 #include <sys/socket.h>
 
 #include "Log.h"
+#include "PortmapPing.h"
 #include "Reason.h"
 #include "RpcNumbers.h"
 #include "RuntimeParam.h"
@@ -97,6 +98,11 @@ bool CPortmap::Register(unsigned long lProgNum, unsigned long lProgVer, int sock
         WriteReason(pcStatus, "Portmapper is not running.");
         return false;
     }
+    const LogArgu logArgu{"Portmap.Register"};
+    if (!IsAnswering(&logArgu)) {
+        WriteReason(pcStatus, "Portmapper does not answer.");
+        return false;
+    }
     ::pmap_unset(lProgNum, lProgVer);  // a stale entry; there may be none
     char vcReason[kReasonBufferSize] = "";
     if (sock == 0) {
@@ -120,12 +126,26 @@ void CPortmap::Unregister(unsigned long lProgNum, unsigned long lProgVer, char* 
         WriteReason(pcStatus, "Portmapper is not running.");
         return;
     }
+    if (!IsAnswering(&logArgu)) {
+        WriteReason(pcStatus, "Portmapper does not answer.");
+        m_OwnSockets.erase({lProgNum, lProgVer});
+        return;
+    }
     ::svc_unregister(static_cast<rpcprog_t>(lProgNum), static_cast<rpcvers_t>(lProgVer));
     ::pmap_unset(lProgNum, lProgVer);  // what the library's list did not know of; there may be nothing
     m_OwnSockets.erase({lProgNum, lProgVer});
     const LogContext log{m_pUtilities, m_pRuntimeParam, &logArgu};
     NFS_LOG_INFO(log, kLogPortmap, "[%s] Unregistered the program %ld ver=%ld", static_cast<long>(lProgNum),
                  static_cast<long>(lProgVer));
+}
+
+bool CPortmap::IsAnswering(const LogArgu* pLogArgu) {
+    if (!m_bIsSilent && CPortmapPing::IsSilent()) {
+        m_bIsSilent = true;
+        const LogContext log{m_pUtilities, m_pRuntimeParam, pLogArgu};
+        NFS_LOG_INFO(log, kLogPortmap, "[%s] Portmapper does not answer");
+    }
+    return !m_bIsSilent;
 }
 
 bool CPortmap::RegisterSvc(long lProgNum, long lProgVer, int sock, char* pcStatus) {

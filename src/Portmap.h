@@ -10,10 +10,14 @@
 class CLog;
 class CRuntimeParam;
 class CServerSocket;
+struct LogArgu;
 struct LogContext;
 
 /// Tells a running system portmapper, through the ONC RPC library, where our programs are found. Whether one runs is
 /// decided once, at construction: it does if port 111 cannot be bound.
+///
+/// One that hangs, or is kept off by packet filters, holds up a start or a stop for CPortmapPing::kLimit: it is asked
+/// before each of our calls, and once it was silent this object does not go to it again.
 ///
 /// The library's service transports are used only for what their registration does; none is ever serviced.
 /// Not locked: used by the controller that starts and stops the server. Messages need the portmap log bit.
@@ -38,6 +42,8 @@ public:
     /// kReasonBufferSize characters (may be null).
     bool Register(unsigned long lProgNum, unsigned long lProgVer, int sock, unsigned long lPort, char* pcStatus);
     bool Register(unsigned long lProgNum, unsigned long lProgVer, CServerSocket* pServerSocket, char* pcStatus);
+    /// Where the portmapper does not answer, the programs stay registered, with a reason; the next registration of the
+    /// same programs replaces them.
     void Unregister(unsigned long lProgNum, unsigned long lProgVer, char* pcStatus);
 
 private:
@@ -45,12 +51,14 @@ private:
     static constexpr int kNoSocket = -1;
     static constexpr int kNotBound = -2;
 
+    bool IsAnswering(const LogArgu* pLogArgu);
     bool RegisterSvc(long lProgNum, long lProgVer, int sock, char* pcStatus);
     static bool RegisterUdp(const LogContext& log, long lProgNum, long lProgVer, int sock, char* pcStatus);
     static bool RegisterTcp(const LogContext& log, long lProgNum, long lProgVer, int sock, char* pcStatus);
     int CreateSocket(unsigned long lPort, char* pcStatus) const;
 
     bool bIsRunning = false;
+    bool m_bIsSilent = false;
     int m_iProbeError = 0;
     const std::uint32_t m_iBindAddress;
     CLog* m_pUtilities;  ///< of the utilities only the log is used

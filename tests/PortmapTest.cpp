@@ -2,6 +2,8 @@
 #include "Portmap.h"
 
 #include <algorithm>
+#include <chrono>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -23,6 +25,7 @@
 #include "Limits.h"
 #include "LogCapture.h"
 #include "OpenDescriptors.h"
+#include "PortmapPing.h"
 #include "RpcClient.h"
 #include "ServerSocket.h"
 #include "SocketDoubles.h"
@@ -106,6 +109,8 @@ protected:
         ::rmdir("/run/rpcbind");
     }
 
+    std::unique_ptr<ChildProcess> m_pRpcbind;
+
 private:
     /// A user namespace of the test's own maps one user only, and rpcbind needs two.
     static bool HasEveryUser() {
@@ -115,8 +120,6 @@ private:
         unsigned long nUsers = 0;
         return (map >> iInside >> iOutside >> nUsers) && nUsers > 1;
     }
-
-    std::unique_ptr<ChildProcess> m_pRpcbind;
 };
 
 }  // namespace
@@ -317,5 +320,29 @@ TEST_F(PortmapAndRpcbindTest, ADescriptorThatIsNoSocketFailsWithItsReason) {
     CPortmap portmap(&m_Utilities, &m_Param);
     EXPECT_FALSE(portmap.Register(100003, 3, -1, 2050, m_vcReason));
     EXPECT_STREQ(m_vcReason, "Fail to register socket for port 2050. Reason=Cannot create UDP for 100003 ver=3");
+    EXPECT_EQ(Registered("100003"), std::vector<std::string>{});
+}
+
+TEST_F(PortmapAndRpcbindTest, OneThatIsStoppedIsWaitedForOnceAndWhatItLastHeardStays) {
+    CPortmap portmap(&m_Utilities, &m_Param);
+    CServerSocket server;
+    ASSERT_TRUE(server.Open(100003, 2050, 1, nullptr, m_vcReason)) << m_vcReason;
+    ASSERT_TRUE(portmap.Register(100003, 3, &server, m_vcReason)) << m_vcReason;
+    m_Log.Clear();
+    m_pRpcbind->Signal(SIGSTOP);
+    const auto begin = std::chrono::steady_clock::now();
+    portmap.Unregister(100003, 3, m_vcReason);
+    EXPECT_STREQ(m_vcReason, "Portmapper does not answer.");
+    m_vcReason[0] = '\0';
+    EXPECT_FALSE(portmap.Register(100003, 3, &server, m_vcReason));
+    EXPECT_STREQ(m_vcReason, "Portmapper does not answer.");
+    portmap.Unregister(100003, 3, nullptr);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, 3 * CPortmapPing::kLimit) << "one wait, not three";
+    EXPECT_EQ(m_Log.Texts('i'), std::vector<std::string>{"[Portmap.Unregister] Portmapper does not answer"});
+
+    m_pRpcbind->Signal(SIGCONT);
+    EXPECT_EQ(Registered("100003"), TcpAndUdp(2050));
+    CPortmap next(&m_Utilities, &m_Param);
+    next.Unregister(100003, 3, m_vcReason);
     EXPECT_EQ(Registered("100003"), std::vector<std::string>{});
 }

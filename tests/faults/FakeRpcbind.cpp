@@ -1,4 +1,4 @@
-// RPCBPROC_SET and RPCBPROC_UNSET over a local stream (RFC 1833, 2.1; RFC 5531, 11).
+// RPCBPROC_NULL, RPCBPROC_SET and RPCBPROC_UNSET over a local stream (RFC 1833, 2.1; RFC 5531, 11).
 #include "FakeRpcbind.h"
 
 #include <array>
@@ -15,6 +15,7 @@
 
 namespace {
 
+constexpr std::uint32_t kNull = 0;
 constexpr std::uint32_t kSet = 1;
 constexpr std::uint32_t kUnset = 2;
 constexpr std::uint32_t kReply = 1;
@@ -53,6 +54,7 @@ FakeRpcbind::FakeRpcbind()
 }
 
 FakeRpcbind::~FakeRpcbind() {
+    Hang(false);
     static_cast<void>(::eventfd_write(m_Stop.Get(), 1));
     m_Thread.join();
     ::unlink(kPath);
@@ -61,6 +63,17 @@ FakeRpcbind::~FakeRpcbind() {
 void FakeRpcbind::Refuse(std::optional<Service> service) {
     const std::lock_guard lock(m_Mutex);
     m_Refused = std::move(service);
+}
+
+void FakeRpcbind::Hang(bool bHangs) {
+    const std::lock_guard lock(m_Mutex);
+    m_bHangs = bHangs;
+    m_Revived.notify_all();
+}
+
+void FakeRpcbind::AwaitLife() {
+    std::unique_lock lock(m_Mutex);
+    m_Revived.wait(lock, [this] { return !m_bHangs; });
 }
 
 std::set<FakeRpcbind::Service> FakeRpcbind::GetRegistered() const {
@@ -85,6 +98,7 @@ void FakeRpcbind::Serve(int iConnection) {
     std::string sMark;
     std::string sCall;
     while (ReceiveAll(iConnection, sMark, 4) && ReceiveAll(iConnection, sCall, WordAt(sMark, 0) & ~kLastFragment)) {
+        AwaitLife();
         XdrReader call(sCall);
         const std::uint32_t iXid = call.U32();
         call.Skip(4 * sizeof(std::uint32_t));  // call, RPC version, program, version
@@ -93,8 +107,12 @@ void FakeRpcbind::Serve(int iConnection) {
             call.U32();
             call.Opaque();
         }
-        const std::string sReply =
-            XdrBuilder().U32(iXid).U32(kReply).U32(0).U32(0).U32(0).U32(0).Bool(Answer(iProcedure, call)).Bytes();
+        XdrBuilder reply;
+        reply.U32(iXid).U32(kReply).U32(0).U32(0).U32(0).U32(0);
+        if (iProcedure != kNull) {
+            reply.Bool(Answer(iProcedure, call));
+        }
+        const std::string sReply = reply.Bytes();
         const std::string sRecord =
             XdrBuilder().U32(kLastFragment | static_cast<std::uint32_t>(sReply.size())).Raw(sReply).Bytes();
         if (::send(iConnection, sRecord.data(), sRecord.size(), MSG_NOSIGNAL) < 0) {

@@ -1,6 +1,7 @@
-// A system portmapper that refuses what the test says.
+// A system portmapper that refuses what the test says, or answers nothing at all.
 #pragma once
 
+#include <condition_variable>
 #include <cstdint>
 #include <mutex>
 #include <optional>
@@ -24,6 +25,8 @@ public:
     FakeRpcbind& operator=(const FakeRpcbind&) = delete;
 
     void Refuse(std::optional<Service> service);
+    /// While it hangs, connections come about and calls are taken, and nothing is answered.
+    void Hang(bool bHangs);
     std::set<Service> GetRegistered() const;
 
 private:
@@ -32,12 +35,15 @@ private:
     void Run();
     /// Answers the calls of one connection, to its end.
     void Serve(int iConnection);
+    void AwaitLife();
     bool Answer(std::uint32_t iProcedure, XdrReader& arguments);
 
     CDescriptor m_Port;
     CDescriptor m_Listener;
     CDescriptor m_Stop;
     mutable std::mutex m_Mutex;
+    std::condition_variable m_Revived;
+    bool m_bHangs = false;
     std::optional<Service> m_Refused;
     std::set<Service> m_Registered;
     std::thread m_Thread;  // last: it begins when all else is there

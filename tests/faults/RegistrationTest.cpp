@@ -1,4 +1,5 @@
-// A system portmapper registers some of what the server asks it to, and refuses the rest.
+// A system portmapper registers some of what the server asks it to, refuses the rest, or hangs.
+#include <chrono>
 #include <filesystem>
 #include <memory>
 #include <stdexcept>
@@ -24,6 +25,8 @@ using Service = FakeRpcbind::Service;
 
 constexpr int kNfsPort = 2050;  // beside a system portmapper the next ones are taken
 constexpr int kMountPort = 1059;
+/// Far above the limit on the wait, for a loaded machine; far below the minute that the library waits for each reply.
+constexpr std::chrono::seconds kSoon{15};
 const std::set<Service> kAll = {
     {kNfsProgram, "udp"}, {kNfsProgram, "tcp"}, {kMountProgram, "udp"}, {kMountProgram, "tcp"}};
 
@@ -83,6 +86,41 @@ TEST_F(RegistrationTest, StartThatIsRefusedOneOfThemKeepsNoneAndTheNextOneServes
         EXPECT_EQ(m_pServer->Quit(), 0) << m_pServer->Output();
         EXPECT_EQ(m_pPortmapper->GetRegistered(), std::set<Service>{});
     }
+}
+
+TEST_F(RegistrationTest, StartWithOneThatHangsFailsSoonAndKeepsNothing) {
+    StartConsole();
+    const std::size_t nIdle = CountDescriptors();
+    m_pPortmapper->Hang(true);
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_THAT(m_pServer->Command("start"), HasSubstr("Fail to start NFS. "));
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, kSoon);
+    EXPECT_EQ(CountDescriptors(), nIdle);
+    EXPECT_THROW(RpcClient(Transport::kTcp, kNfsPort), std::runtime_error);
+
+    m_pPortmapper->Hang(false);
+    EXPECT_THAT(m_pServer->Command("start"), HasSubstr("Start NFS success"));
+    EXPECT_EQ(m_pPortmapper->GetRegistered(), kAll);
+    ExpectServed();
+    EXPECT_EQ(m_pServer->Quit(), 0) << m_pServer->Output();
+}
+
+TEST_F(RegistrationTest, EndWithOneThatHangsComesSoonAndTheNextStartReplacesWhatStayed) {
+    StartConsole();
+    EXPECT_THAT(m_pServer->Command("start"), HasSubstr("Start NFS success"));
+    m_pPortmapper->Hang(true);
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(m_pServer->Quit(), 0) << m_pServer->Output();
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, kSoon);
+    EXPECT_EQ(m_pPortmapper->GetRegistered(), kAll) << "what cannot be told stays";
+
+    m_pPortmapper->Hang(false);
+    StartConsole();
+    EXPECT_THAT(m_pServer->Command("start"), HasSubstr("Start NFS success"));
+    EXPECT_EQ(m_pPortmapper->GetRegistered(), kAll);
+    ExpectServed();
+    EXPECT_EQ(m_pServer->Quit(), 0) << m_pServer->Output();
+    EXPECT_EQ(m_pPortmapper->GetRegistered(), std::set<Service>{});
 }
 
 }  // namespace
