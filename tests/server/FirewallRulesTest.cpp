@@ -1,5 +1,7 @@
 // The firewall rules that stand in the documents, as they stand there: who is meant to come in does, others do not.
 #include <string>
+#include <utility>
+#include <vector>
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -10,6 +12,7 @@
 
 #include "ChildProcess.h"
 #include "Descriptor.h"
+#include "PortmapPing.h"
 #include "ServerFixture.h"
 #include "Trees.h"
 #include "WaitUntil.h"
@@ -17,10 +20,12 @@
 namespace {
 
 constexpr const char* kClient = "192.0.2.7";  // of the documents' network of clients
+constexpr const char* kOtherClient = "192.0.2.8";
 constexpr const char* kStranger = "198.51.100.7";
 constexpr const char* kServer = "203.0.113.1";
 constexpr int kMountPort = 1058;
 constexpr int kNfsPort = 2049;
+constexpr int kPortmapPort = 111;
 
 /// The indented table of that name out of a document.
 std::string FindRules(const std::string& sDocument, const std::string& sTable) {
@@ -60,7 +65,7 @@ protected:
         if (IsSkipped()) {
             return;
         }
-        for (const char* pcAddress : {kClient, kStranger, kServer}) {
+        for (const char* pcAddress : {kClient, kOtherClient, kStranger, kServer}) {
             static_cast<void>(RunProgram({"ip", "address", "replace", std::string(pcAddress) + "/32", "dev", "lo"}));
         }
         if (!Connects(kClient, kMountPort)) {
@@ -89,11 +94,19 @@ protected:
     }
 
     void ExpectClientsOnly() {
-        for (const int iPort : {111, kMountPort, kNfsPort}) {
+        std::vector<CDescriptor> vListeners;  // where the server is found beside a system portmapper
+        for (const int iOther : {kMountPort + 1, kNfsPort + 1}) {
+            vListeners.push_back(CDescriptor::OpenSocket(SOCK_STREAM));
+            int iPort = iOther;
+            ASSERT_TRUE(vListeners.back().BindToPort(&iPort)) << iPort;
+            ASSERT_EQ(::listen(vListeners.back().Get(), 8), 0) << iPort;
+        }
+        for (const int iPort : {kPortmapPort, kMountPort, kMountPort + 1, kNfsPort, kNfsPort + 1}) {
             EXPECT_TRUE(Connects(kClient, iPort)) << iPort;
             EXPECT_TRUE(Connects("127.0.0.1", iPort)) << iPort;
             EXPECT_FALSE(Connects(kStranger, iPort)) << iPort;
         }
+        EXPECT_FALSE(CPortmapPing::IsSilent()) << "by IPv6 within the machine, where nobody is, one is told so at once";
         NfsClient client(Transport::kTcp, kClient, kNfsPort, kMountPort, kServer);
         EXPECT_TRUE(client.Mnt(kExportName).has_value());
         client.Umnt(kExportName);
@@ -110,15 +123,53 @@ TEST_F(FirewallRulesTest, OfTheOperatorsGuideLetClientsInAndNobodyElse) {
     ExpectClientsOnly();
 }
 
-TEST_F(FirewallRulesTest, OfTheSecurityPageLetClientsInAndKeepTheirConnectionsFew) {
+TEST_F(FirewallRulesTest, OfTheSecurityPageLetClientsInAndNobodyElse) {
     if (!Load("security.md", "nfslib_limits")) {
         GTEST_SKIP() << "needs nft and its rights";
     }
     ExpectClientsOnly();
-    CDescriptor first;
-    CDescriptor second;
-    EXPECT_TRUE(WaitUntil([&] { return Connects(kClient, kMountPort, &first); })) << "the earlier ones have ended";
-    EXPECT_FALSE(Connects(kClient, kMountPort, &second)) << "one connection for MOUNT is enough";
+}
+
+TEST_F(FirewallRulesTest, OfTheSecurityPageKeepConnectionsWithinWhatTheServerBears) {
+    if (!Load("security.md", "nfslib_limits")) {
+        GTEST_SKIP() << "needs nft and its rights";
+    }
+    constexpr int kTries = 40;
+    for (const auto& [iPort, nLimit] :
+         std::vector<std::pair<int, std::size_t>>{{kPortmapPort, CNfsMain::kMaxPortmapConnections},
+                                                  {kMountPort, CNfsMain::kMaxMountConnections},
+                                                  {kNfsPort, CNfsMain::kMaxNfsConnections}}) {
+        SCOPED_TRACE(iPort);
+        std::vector<CDescriptor> vHeld;
+        for (int i = 0; i < kTries; ++i) {
+            CDescriptor connection;
+            if (Connects(i % 2 == 0 ? kClient : kOtherClient, iPort, &connection)) {
+                vHeld.push_back(std::move(connection));
+            }
+        }
+        EXPECT_EQ(vHeld.size(), nLimit);
+        vHeld.clear();
+        EXPECT_TRUE(WaitUntil([iPort = iPort] { return Connects(kClient, iPort); })) << "there is room again";
+    }
+}
+
+/// What a client does to mount: a connection that has just ended is in nobody's way.
+TEST_F(FirewallRulesTest, OfTheSecurityPageLetAClientAskForPortsAndMountWithoutAPause) {
+    if (!Load("security.md", "nfslib_limits")) {
+        GTEST_SKIP() << "needs nft and its rights";
+    }
+    constexpr std::uint32_t kGetPort = 3;
+    for (int i = 0; i < 20; ++i) {
+        SCOPED_TRACE(i);
+        for (const std::uint32_t iProgram : {kNfsProgram, kMountProgram}) {
+            RpcClient portmapper(Transport::kTcp, kPortmapPort, kClient, kServer);
+            const std::string sArguments = XdrBuilder().U32(iProgram).U32(3).U32(IPPROTO_TCP).U32(0).Bytes();
+            EXPECT_EQ(portmapper.Call(kPortmapProgram, 2, kGetPort, sArguments).iAcceptStatus, kAcceptSuccess);
+        }
+        NfsClient client(Transport::kTcp, kClient, kNfsPort, kMountPort, kServer);
+        EXPECT_TRUE(client.Mnt(kExportName).has_value());
+        client.Umnt(kExportName);
+    }
 }
 
 }  // namespace
