@@ -1,4 +1,5 @@
 // The firewall rules that stand in the documents, as they stand there: who is meant to come in does, others do not.
+#include <algorithm>
 #include <string>
 #include <utility>
 #include <vector>
@@ -14,6 +15,7 @@
 #include "Descriptor.h"
 #include "PortmapPing.h"
 #include "ServerFixture.h"
+#include "ServerStatistics.h"
 #include "Trees.h"
 #include "WaitUntil.h"
 
@@ -79,6 +81,13 @@ protected:
         ServerFixture::TearDown();
     }
 
+    bool HasConnections() {
+        ServerStatistics statistics;
+        Server().GetStatistics(&statistics);
+        return std::any_of(statistics.vConnections.begin(), statistics.vConnections.end(),
+                           [](const auto& connections) { return connections.figures.nUsed != 0; });
+    }
+
     /// False if this machine has no nftables.
     bool Load(const std::string& sDocument, const std::string& sTable) {
         if (RunProgram({"nft", "list", "ruleset"}).iStatus != 0) {
@@ -86,6 +95,8 @@ protected:
         }
         const std::string sRules = FindRules(sDocument, sTable);
         EXPECT_NE(sRules, "") << "no table " << sTable << " in " << sDocument;
+        EXPECT_TRUE(WaitUntil([this] { return !HasConnections(); }))
+            << "the rules see each connection from its beginning";
         WriteWholeFile(Folder() / "rules", sRules);
         const RunResult loaded = RunProgram({"nft", "-f", Folder() / "rules"});
         EXPECT_EQ(loaded.iStatus, 0) << loaded.sOutput;
@@ -169,6 +180,9 @@ TEST_F(FirewallRulesTest, OfTheSecurityPageLetAClientAskForPortsAndMountWithoutA
         NfsClient client(Transport::kTcp, kClient, kNfsPort, kMountPort, kServer);
         EXPECT_TRUE(client.Mnt(kExportName).has_value());
         client.Umnt(kExportName);
+        client.Mount().Close();
+        client.Nfs().Close();
+        EXPECT_TRUE(WaitUntil([this] { return !HasConnections(); })) << "the next client comes to an idle server";
     }
 }
 
