@@ -1,4 +1,6 @@
-// libFuzzer's entry, for the door named when it was compiled: rpc_fuzzer tests/fuzz/corpus
+// libFuzzer's entry, for the door named when it was compiled: rpc_fuzzer FOLDER tests/fuzz/corpus
+//
+// What is found goes to the first folder, which is not below /tmp: the process has one of its own.
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -6,6 +8,7 @@
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <unistd.h>
 
@@ -17,18 +20,37 @@ namespace {
 
 std::unique_ptr<FuzzTarget> g_pTarget;
 
-}  // namespace
+/// libFuzzer names each function that it comes to: through a symbolizer, whose pipes would count as descriptors that a
+/// session left open. A later argument of the same name wins.
+void NameNoFunctions(int& nArguments, char**& vpcArguments) {
+    static char vcOption[] = "-print_funcs=0";
+    static std::vector<char*> vpcAll(vpcArguments, vpcArguments + nArguments);
+    vpcAll.insert(vpcAll.begin() + 1, vcOption);
+    nArguments = static_cast<int>(vpcAll.size());
+    vpcAll.push_back(nullptr);
+    vpcArguments = vpcAll.data();
+}
 
-extern "C" int LLVMFuzzerInitialize(int* /*pnArguments*/, char*** /*pvpcArguments*/) {
-    // Corpus and findings may lie below /tmp: where a folder is named, the process keeps the /tmp it has.
-    std::string sFolder = "/tmp";
-    if (const char* pcFolder = std::getenv("NFSLIB_FUZZ_FOLDER"); pcFolder != nullptr) {
-        sFolder = pcFolder;
-    } else if (const char* pcWhy = IsolateProcess(); pcWhy != nullptr) {
+/// Corpus and findings may lie below /tmp: where a folder is named, the process keeps the /tmp it has. So do those that
+/// -merge and -fork start: they find there what the first one left for them.
+std::string ChooseFolder() {
+    constexpr const char* kFolderVariable = "NFSLIB_FUZZ_FOLDER";
+    if (const char* pcFolder = std::getenv(kFolderVariable); pcFolder != nullptr) {
+        return pcFolder;
+    }
+    if (const char* pcWhy = IsolateProcess(); pcWhy != nullptr) {
         std::fprintf(stderr, "not isolated: %s\n", pcWhy);
         std::exit(1);
     }
-    sFolder += "/fuzz-" + std::to_string(::getpid());
+    ::setenv(kFolderVariable, "/tmp", 1);
+    return "/tmp";
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int* pnArguments, char*** pvpcArguments) {
+    NameNoFunctions(*pnArguments, *pvpcArguments);
+    const std::string sFolder = ChooseFolder() + "/fuzz-" + std::to_string(::getpid());
     std::filesystem::create_directories(sFolder);
     static const SilentOutput silence;
     g_pTarget = FindFuzzEntry(NFSLIB_FUZZ_ENTRY)->pfnMakeTarget(sFolder);
