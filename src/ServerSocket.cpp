@@ -152,6 +152,9 @@ void CServerSocket::Run() {
         if (m_bClosed) {
             break;
         }
+        if (!(i < m_nMaxNum) && CSocket::IsPeerGone(connection.Get())) {
+            continue;  // it is dropped
+        }
         if (!(i < m_nMaxNum)) {
             __assert_fail("i < m_nMaxNum", "src/ServerSocket.cpp", __LINE__, __PRETTY_FUNCTION__);
         }

@@ -19,7 +19,7 @@ class ISocketListener;
 ///
 /// The number of slots is a hard invariant: a connection beyond it fails the assertion "i < m_nMaxNum" and ends the
 /// process, in every build. A connection whose peer has already closed does not count: the new one waits for its
-/// slot.
+/// slot, and a new one that has been closed by the time there is no slot for it is dropped.
 ///
 /// Open, Close and SetListener are called by one thread at a time. The accept thread is the only user of the slots
 /// while it runs.

@@ -124,8 +124,8 @@ void CSocket::Shutdown() {
     }
 }
 
-bool CSocket::IsPeerGone() const {
-    pollfd descriptor{m_Socket, POLLRDHUP, 0};
+bool CSocket::IsPeerGone(int iSocket) {
+    pollfd descriptor{iSocket, POLLRDHUP, 0};
     return ::poll(&descriptor, 1, 0) > 0;
 }
 

@@ -68,7 +68,9 @@ public:
     bool IsActive() const { return m_bActive.load(); }
     /// For an open stream socket: true once the peer has closed or reset the connection, even while received bytes
     /// wait to be worked off. For the thread that opens and closes this socket.
-    bool IsPeerGone() const;
+    bool IsPeerGone() const { return IsPeerGone(m_Socket); }
+    /// The same for any stream socket's descriptor.
+    static bool IsPeerGone(int iSocket);
     /// For an open stream socket: true once nothing that is sent can arrive any more. A peer that only sends no more is
     /// still there for its replies. For the socket's own thread.
     bool IsConnectionDead() const;

@@ -4,9 +4,11 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <optional>
 #include <string>
@@ -87,6 +89,35 @@ protected:
         return -1;
     }
 
+    /// Does the server's end of a connection between two ports of this machine know of no end yet?
+    static bool IsEstablished(int iServerPort, int iClientPort) {
+        char vcServer[8];
+        char vcClient[8];
+        std::snprintf(vcServer, sizeof(vcServer), ":%04X", static_cast<unsigned>(iServerPort));
+        std::snprintf(vcClient, sizeof(vcClient), ":%04X", static_cast<unsigned>(iClientPort));
+        std::ifstream table("/proc/net/tcp");
+        for (std::string sSlot, sLocal, sRemote, sState, sRest;
+             table >> sSlot >> sLocal >> sRemote >> sState && std::getline(table, sRest);) {
+            if (sLocal.ends_with(vcServer) && sRemote.ends_with(vcClient)) {
+                return sState == "01";
+            }
+        }
+        return false;
+    }
+    /// A connection that is closed, or reset, and known to the system as closed when this returns.
+    void ConnectAndClose(bool bReset) {
+        RpcClient client(Transport::kTcp, m_Server.GetPort());
+        sockaddr_in own{};
+        socklen_t nLength = sizeof(own);
+        ASSERT_EQ(::getsockname(client.GetSocket(), reinterpret_cast<sockaddr*>(&own), &nLength), 0);
+        const int iPort = ntohs(own.sin_port);
+        ASSERT_TRUE(WaitUntil([&] { return IsEstablished(m_Server.GetPort(), iPort); }));
+        const linger reset{bReset ? 1 : 0, 0};
+        ASSERT_EQ(::setsockopt(client.GetSocket(), SOL_SOCKET, SO_LINGER, &reset, sizeof(reset)), 0);
+        client.Close();
+        ASSERT_TRUE(WaitUntil([&] { return !IsEstablished(m_Server.GetPort(), iPort); }));
+    }
+
     static int Option(int iSocket, int iLevel, int iOption) {
         int iValue = -1;
         socklen_t nLength = sizeof(iValue);
@@ -153,6 +184,35 @@ TEST_F(ServerSocketTest, AConnectionWhosePeerHasClosedDoesNotCountHoweverLongIts
     EXPECT_TRUE(pNext->StaysSilent(1500ms)) << "longer than a slot is likely to need";
     bGo = true;
     ExpectServed(*pNext);
+}
+
+// A client's last call keeps its slot after it has gone, and the accept thread waits for that slot with the connection
+// that came next. Those that come and go meanwhile have certainly gone when they are accepted, with the slot taken.
+TEST_F(ServerSocketTest, ANewConnectionWhosePeerHasAlreadyClosedDoesNotCount) {
+    std::atomic<bool> bRunning{false};
+    std::atomic<bool> bGo{false};
+    FunctionListener slow([&](CSocket* pSocket) {
+        bRunning = true;
+        EXPECT_TRUE(WaitUntil([&] { return bGo.load(); }));
+        Echo(pSocket);
+    });
+    for (const bool bReset : {false, true}) {
+        bRunning = false;
+        bGo = false;
+        m_Server.SetListener(&slow);
+        Open(1);
+        {
+            const auto pGone = Connect();
+            pGone->Send("a call");
+            ASSERT_TRUE(WaitUntil([&] { return bRunning.load(); }));
+        }
+        auto pNext = Connect();
+        ConnectAndClose(bReset);
+        bGo = true;
+        ExpectServed(*pNext);
+        pNext.reset();
+        ExpectServed(*Connect());
+    }
 }
 
 TEST_F(ServerSocketTest, ClosingEndsAllConnectionsFirst) {
