@@ -126,6 +126,12 @@ bool TakeEntries(Directory* pDirectory, unsigned long lCookie, const LookAt& loo
     return false;
 }
 
+/// What a directory's path is in front of the slash and name of an entry: that of the root is empty, so that the
+/// entry's path is the one by which exports and redirected files are known.
+const char* GetJoinable(const std::string& sDirectory) {
+    return sDirectory == "/" ? "" : sDirectory.c_str();
+}
+
 }  // namespace
 
 /// The arguments of a listing and how far it has come.
@@ -270,9 +276,8 @@ unsigned int CNfs3Prog::GetEntryID(const LogContext& log, const ListCall& call, 
                                    const char* pcPath) {
     char vcCanonical[kPathBufferSize];
     const bool bPlain = entry.found.bKnown && !S_ISLNK(entry.found.status.st_mode);
-    const char* pcDirectory = call.sCanonicalPath == "/" ? "" : call.sCanonicalPath.c_str();
     if (bPlain && !log.pRuntimeParam->IsLogGeneralInfo() &&
-        AppendFilePath(pcDirectory, entry.sName.c_str(), vcCanonical)) {
+        AppendFilePath(GetJoinable(call.sCanonicalPath), entry.sName.c_str(), vcCanonical)) {
         return m_pUtilities->GetCanonicalFileID(vcCanonical);
     }
     return m_pUtilities->GetFileID(log.pRuntimeParam, log.pLogArgu, pcPath);
@@ -284,7 +289,7 @@ void CNfs3Prog::WriteEntry(COutputStream* pOutput, ProcessParam* pParam, const L
     const LogContext log = GetLog(pParam);
     char vcPath[kPathBufferSize];
     // A path that does not fit names nothing: no ID, no attributes, no handle.
-    const char* pcPath = AppendFilePath(call.sPath.c_str(), entry.sName.c_str(), vcPath) ? vcPath : nullptr;
+    const char* pcPath = AppendFilePath(GetJoinable(call.sPath), entry.sName.c_str(), vcPath) ? vcPath : nullptr;
 
     Write(pOutput, true);  // an entry follows
     const unsigned int iFileID = GetEntryID(log, call, entry, pcPath);

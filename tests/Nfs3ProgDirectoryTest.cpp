@@ -1,11 +1,15 @@
 // READDIR and READDIRPLUS: replies byte by byte, cookies, and directories of many sizes.
 #include <algorithm>
 #include <cstddef>
+#include <functional>
+#include <memory>
 #include <thread>
+#include <utility>
 
 #include <dirent.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
+#include <sched.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -13,6 +17,8 @@
 
 #include <gmock/gmock.h>
 
+#include "AccessFile.h"
+#include "Isolation.h"
 #include "Nfs3ProgFixture.h"
 #include "SoftLimit.h"
 
@@ -66,7 +72,10 @@ protected:
         return Call(bPlus ? kNfsReaddirplus : kNfsReaddir, arguments);
     }
     Listing List(bool bPlus, std::uint64_t lCookie, std::uint64_t lVerf = 0) {
-        XdrReader reader(CallList(bPlus, Handle(), lCookie, lVerf));
+        return List(Handle(), bPlus, lCookie, lVerf);
+    }
+    Listing List(const std::string& sHandle, bool bPlus, std::uint64_t lCookie, std::uint64_t lVerf = 0) {
+        XdrReader reader(CallList(bPlus, sHandle, lCookie, lVerf));
         Listing listing;
         EXPECT_EQ(reader.U32(), 0U);
         const auto attributes = ReadPostOpAttr(reader);
@@ -581,6 +590,87 @@ TEST_F(Nfs3ProgDirectoryTest, NamesThatAreNeverListed) {
     for (const char* pcName : {"", "...", ".a", "a.", "..a"}) {
         EXPECT_FALSE(CNfs3Prog::IsInVaildDirName(pcName)) << pcName;
     }
+}
+
+// ---- An export of the root directory
+
+/// Runs in a thread whose root directory is the fixture's folder, exported as "root".
+class Nfs3ProgRootTest : public Nfs3ProgDirectoryTest {
+protected:
+    void RunAtRoot(const std::function<void()>& steps) {
+        std::thread thread([&] {
+            ASSERT_EQ(::unshare(CLONE_FS), 0);  // the other threads keep theirs
+            ASSERT_EQ(::chroot(m_Folder.Path().c_str()), 0);
+            ASSERT_EQ(::chdir("/"), 0);
+            Export("/", "root");
+            steps();
+        });
+        thread.join();
+    }
+    void Export(const char* pcPath, const char* pcName) {
+        ASSERT_TRUE(m_Utilities.AddMountInfo(&m_Param, &m_Tag, pcPath, pcName, kIpcID, nullptr));
+    }
+    /// Lets an access file be in force that stands in a folder below the root.
+    void Allow(const char* pcRules) {
+        ASSERT_EQ(::mkdir("/etc", 0755), 0);
+        WriteWholeFile("/etc/access", pcRules);
+        auto pFile = std::make_unique<CAccessFile>("/etc/access");
+        char vcReason[kReasonBufferSize] = "";
+        ASSERT_TRUE(pFile->Load(vcReason)) << vcReason;
+        m_Utilities.SetAccessFile(std::move(pFile));
+    }
+    /// The root's entry of a name, as READDIRPLUS shows it.
+    Entry FindEntry(const std::string& sName) {
+        for (const Entry& entry : List(HandleOfPath("/"), true, 0).vEntries) {
+            if (entry.sName == sName) {
+                return entry;
+            }
+        }
+        ADD_FAILURE() << sName << " is not listed";
+        return {};
+    }
+};
+
+TEST_F(Nfs3ProgRootTest, InnerExportThatDoesNotAdmitTheClientIsShownByItsNameAlone) {
+    if (!IsIsolated()) {
+        GTEST_SKIP() << kNotIsolated;
+    }
+    RunAtRoot([this] {
+        ASSERT_EQ(::mkdir("/inner", 0755), 0);
+        ASSERT_EQ(::mkdir("/open", 0755), 0);
+        Export("/inner", "inner");
+        Allow("root 10.0.0.5 rw\ninner 10.0.0.6 rw\n");
+        for (const int iLog : {0, 0x3FF}) {
+            SetLog(iLog);
+            const Entry inner = FindEntry("inner");
+            EXPECT_FALSE(inner.attributes.has_value());
+            EXPECT_FALSE(inner.sHandle.has_value());
+            EXPECT_EQ(WordAt(Call(kNfsLookup, DirOp(HandleOfPath("/"), "inner")), 0), 5U);
+            const Entry open = FindEntry("open");
+            EXPECT_TRUE(open.attributes.has_value());
+            EXPECT_EQ(open.sHandle, HandleOfPath("/open"));
+        }
+    });
+}
+
+TEST_F(Nfs3ProgRootTest, RedirectedFileIsListedWithItsVirtualSize) {
+    if (!IsIsolated()) {
+        GTEST_SKIP() << kNotIsolated;
+    }
+    RunAtRoot([this] {
+        WriteWholeFile("/virtual", "on disk");
+        m_Utilities.OpenRedirectedFile(&m_Param, "/virtual", 5000000000, false, 0, 0);
+        const std::string sHandle = HandleOfPath("/virtual");
+        XdrReader reader(Call(kNfsGetattr, XdrBuilder().Opaque(sHandle)));
+        ASSERT_EQ(reader.U32(), 0U);
+        const Fattr3 told = Fattr3::Read(reader);
+        EXPECT_EQ(told.iSize, 5000000000U);
+        const Entry entry = FindEntry("virtual");
+        EXPECT_EQ(entry.sHandle, sHandle);
+        ASSERT_TRUE(entry.attributes.has_value());
+        EXPECT_EQ(entry.attributes->iSize, told.iSize);
+        EXPECT_EQ(entry.attributes->iUsed, told.iUsed);
+    });
 }
 
 }  // namespace
