@@ -6,7 +6,7 @@
 #include <utility>
 
 CListing::CListing(CNameList names, std::size_t nHandedOut)
-    : m_Names(std::move(names)), m_nHandedOut(nHandedOut), m_iPending(nHandedOut) {
+    : m_Names(std::move(names)), m_nKept(nHandedOut), m_nHandedOut(nHandedOut), m_iPending(nHandedOut) {
     m_Names.ShrinkToFit();
 }
 
@@ -14,8 +14,8 @@ bool CListing::Show(std::size_t iPosition, std::size_t nMost, const EntryLook& l
                     std::vector<ListedEntry>* pvEntries) {
     const std::size_t nFull = pvEntries->size() + nMost;
     pvEntries->reserve(std::min(nFull, pvEntries->size() + m_Names.GetSize()));
-    for (std::size_t i = iPosition; i < m_nHandedOut && pvEntries->size() < nFull; ++i) {
-        ShowHandedOut(i, look, pvEntries);
+    for (std::size_t i = FindPlaceBehind(iPosition); i < m_nKept && pvEntries->size() < nFull; ++i) {
+        ShowPlace(i, GetPosition(i), look, pvEntries);
     }
     while (pvEntries->size() < nFull && m_iPending < m_Names.GetSize()) {
         HandOutNext(look, pvEntries);
@@ -23,39 +23,56 @@ bool CListing::Show(std::size_t iPosition, std::size_t nMost, const EntryLook& l
     return pvEntries->size() == nFull;
 }
 
+/// The first place whose entry has a higher position; m_nKept if there is none.
+std::size_t CListing::FindPlaceBehind(std::size_t iPosition) const {
+    if (IsGapless()) {
+        return iPosition;
+    }
+    return static_cast<std::size_t>(std::ranges::upper_bound(m_vPositions, iPosition) - m_vPositions.begin());
+}
+
 /// False if the entry is gone.
-bool CListing::ShowHandedOut(std::size_t iPlace, const EntryLook& look, std::vector<ListedEntry>* pvEntries) const {
+bool CListing::ShowPlace(std::size_t iPlace, std::size_t iPosition, const EntryLook& look,
+                         std::vector<ListedEntry>* pvEntries) const {
     const char* pcName = m_Names.GetName(iPlace);
     FoundStatus found;
-    if (pcName[0] == '\0' || !look(pcName, &found)) {
+    if (!look(pcName, &found)) {
         return false;
     }
-    pvEntries->push_back({pcName, iPlace + 1, std::move(found)});
+    pvEntries->push_back({pcName, iPosition, std::move(found)});
     return true;
 }
 
 /// False if the next entry is gone: it gets no position.
 bool CListing::HandOutNext(const EntryLook& look, std::vector<ListedEntry>* pvEntries) {
-    m_Names.Copy(m_nHandedOut, m_iPending++);
-    const bool bThere = ShowHandedOut(m_nHandedOut, look, pvEntries);
-    m_nHandedOut += bThere ? 1 : 0;
-    return bThere;
+    m_Names.Copy(m_nKept, m_iPending++);
+    if (!ShowPlace(m_nKept, m_nHandedOut + 1, look, pvEntries)) {
+        return false;
+    }
+    if (!IsGapless()) {
+        m_vPositions.push_back(m_nHandedOut + 1);
+    }
+    ++m_nKept;
+    ++m_nHandedOut;
+    return true;
 }
 
-// A name that was handed out and is not read any more becomes empty: should it come again, it is a new entry.
+// A name that was handed out and is not read any more is forgotten: should it come again, it is a new entry.
 void CListing::Refresh(const CNameList& names) {
     const CNameIndex index(names);
     std::vector<bool> vbHandedOut(names.GetSize(), false);
     CNameList merged;
-    for (std::size_t i = 0; i < m_nHandedOut; ++i) {
+    std::vector<std::size_t> vPositions;
+    vPositions.reserve(names.GetSize());  // as many as will be handed out
+    for (std::size_t i = 0; i < m_nKept; ++i) {
         const std::size_t iPlace = index.Find(m_Names.GetName(i));
-        if (iPlace == CNameIndex::kNowhere) {
-            merged.Append("");
-        } else {
+        if (iPlace != CNameIndex::kNowhere) {
             vbHandedOut[iPlace] = true;
             merged.Append(m_Names.GetName(i));
+            vPositions.push_back(GetPosition(i));
         }
     }
+    const std::size_t nKept = merged.GetSize();
     for (std::size_t i = 0; i < names.GetSize(); ++i) {
         if (!vbHandedOut[i]) {
             merged.Append(names.GetName(i));
@@ -63,11 +80,14 @@ void CListing::Refresh(const CNameList& names) {
     }
     merged.ShrinkToFit();
     m_Names = std::move(merged);
-    m_iPending = m_nHandedOut;
+    m_nKept = nKept;
+    m_iPending = nKept;
+    m_vPositions = IsGapless() ? std::vector<std::size_t>() : std::move(vPositions);
 }
 
 std::size_t CListing::GetMemory() const {
-    return sizeof(*this) + m_Names.GetMemory() + m_vWalks.capacity() * sizeof(WaitingWalk);
+    return sizeof(*this) + m_Names.GetMemory() + m_vPositions.capacity() * sizeof(std::size_t) +
+           m_vWalks.capacity() * sizeof(WaitingWalk);
 }
 
 // ---- Where walks stand

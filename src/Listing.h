@@ -27,12 +27,13 @@ using EntryLook = std::function<bool(const char* pcName, FoundStatus* pStatus)>;
 /// listing's life, so that whoever got a cookie goes on exactly behind it, also twice, and also where several walks
 /// over the directory overlap:
 ///
-///  - The first m_nHandedOut places hold what was handed out, the entry with cookie n at place n - 1. One that is gone
-///    by now is passed over and leaves its position unused.
+///  - The first m_nKept places hold what was handed out, in the order of its positions. One that is gone by now is
+///    passed over and leaves its position unused.
 ///  - The places from m_iPending on hold what nobody has been shown yet. One of them gets the next position when it is
 ///    handed out; one that is gone by then never had any.
-///  - A new reading replaces what is pending. Names handed out stay where they are; all others follow in the order of
-///    that reading.
+///  - A new reading replaces what is pending. Names handed out keep their positions; all others follow in the order of
+///    that reading. A name that is not read any more leaves its place but no other one its position, so that the
+///    listing is as long as the reading, however many entries came and went before.
 ///
 /// It cannot be seen which walk a call belongs to: the cookie is all there is. What is known is where the walks stand
 /// that have not come to the end: the cookies that replies ended with and no call has gone on from.
@@ -71,11 +72,18 @@ private:
     /// As many are remembered; more of them than this are left behind by callers that never list to the end.
     static constexpr std::size_t kMaxWalks = 256;
 
-    bool ShowHandedOut(std::size_t iPlace, const EntryLook& look, std::vector<ListedEntry>* pvEntries) const;
+    /// Has every position its place: the entry with cookie n that before n?
+    bool IsGapless() const { return m_nKept == m_nHandedOut; }
+    std::size_t GetPosition(std::size_t iPlace) const { return IsGapless() ? iPlace + 1 : m_vPositions[iPlace]; }
+    std::size_t FindPlaceBehind(std::size_t iPosition) const;
+    bool ShowPlace(std::size_t iPlace, std::size_t iPosition, const EntryLook& look,
+                   std::vector<ListedEntry>* pvEntries) const;
     bool HandOutNext(const EntryLook& look, std::vector<ListedEntry>* pvEntries);
 
     CNameList m_Names;
-    std::size_t m_nHandedOut;
-    std::size_t m_iPending;             ///< from m_nHandedOut to the list's size
-    std::vector<WaitingWalk> m_vWalks;  ///< the longest waiting first
+    std::vector<std::size_t> m_vPositions;  ///< of the first m_nKept places, rising; empty without gaps
+    std::size_t m_nKept;                    ///< at most m_nHandedOut
+    std::size_t m_nHandedOut;               ///< the highest position
+    std::size_t m_iPending;                 ///< from m_nKept to the list's size
+    std::vector<WaitingWalk> m_vWalks;      ///< the longest waiting first
 };

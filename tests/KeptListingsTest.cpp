@@ -270,6 +270,37 @@ TEST_F(KeptListingsTest, AbandonedWalkIsForgottenAlsoWhereOthersPassItsPosition)
     EXPECT_EQ(Call(30).back().lCookie, 35U);
 }
 
+// Clients that begin again and never come to the end keep a listing alive while the host replaces every file. What a
+// call costs is what the directory holds, and not what it ever held.
+TEST_F(KeptListingsTest, NamesThatAreGoneCostNothingHoweverManyThereWere) {
+    m_Folder = ListedFolder(20);
+    const auto replaceAll = [this](int iRound) {
+        std::vector<std::string> vsNames;
+        for (int i = 0; i < 20; ++i) {
+            vsNames.push_back(std::to_string(iRound) + "-" + std::to_string(i));
+        }
+        vsNames[11] = "stays";
+        m_Folder = ListedFolder(std::move(vsNames));
+    };
+    replaceAll(0);
+    const unsigned long lWaiting = Call(0).back().lCookie;  // behind it comes what stays
+    std::size_t nMemory = 0;
+    for (int iRound = 1; iRound <= 2000; ++iRound) {
+        replaceAll(iRound);
+        const auto vFirst = Call(0);
+        ASSERT_EQ(vFirst.size(), kMost);
+        ASSERT_TRUE(std::ranges::all_of(vFirst, [&](const auto& entry) { return m_Folder.Contains(entry.sName); }));
+        ASSERT_EQ(m_Listings.GetCount(), 1U);
+        if (iRound == 1000) {
+            nMemory = m_Listings.GetMemory();
+        }
+    }
+    EXPECT_EQ(m_Listings.GetMemory(), nMemory);
+    const auto vsRest = CallToTheEnd(lWaiting);
+    EXPECT_EQ(vsRest.size(), 20U);
+    EXPECT_EQ(std::ranges::count(vsRest, "stays"), 1);
+}
+
 // Ten clients list more than there is memory for: some are kept, the others read the directory for every reply, and
 // all see everything.
 TEST_F(KeptListingsTest, EverythingIsListedAlsoWhenMemoryRunsOut) {

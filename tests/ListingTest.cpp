@@ -94,6 +94,47 @@ TEST_F(ListingTest, WhatCameAgainUnderItsNameAfterAReadingWithoutItFollowsAtTheE
     EXPECT_THAT(CookiesOf(vRest), ElementsAre(7));
 }
 
+// What has been left out of the places of its names leaves gaps in the positions, and every walk goes on behind its
+// own.
+TEST_F(ListingTest, PositionsBetweenThoseOfWhatIsLeftLeadToWhatFollows) {
+    CListing listing(m_Folder.Read());
+    Show(listing, 0, 5);
+    m_Folder = ListedFolder({"n5", "n4", "n1"});
+    listing.Refresh(m_Folder.Read());
+    EXPECT_EQ(listing.GetHandedOut(), 5U);
+    EXPECT_THAT(CookiesOf(Show(listing, 0, 2)), ElementsAre(2, 5));
+    EXPECT_THAT(CookiesOf(Show(listing, 1, 2)), ElementsAre(2, 5));
+    for (const std::size_t iPosition : {2U, 3U, 4U}) {
+        EXPECT_THAT(CookiesOf(Show(listing, iPosition, 1)), ElementsAre(5)) << iPosition;
+    }
+    EXPECT_THAT(CookiesOf(Show(listing, 4, 9)), ElementsAre(5, 6));
+    EXPECT_EQ(ShowNames(listing, 5, 9), (Names{"n5"}));
+    m_Folder = ListedFolder({"new", "other"});
+    listing.Refresh(m_Folder.Read());  // nothing of what was handed out is left
+    EXPECT_EQ(listing.GetHandedOut(), 6U);
+    for (const std::size_t iPosition : {0U, 3U, 6U}) {
+        EXPECT_THAT(CookiesOf(Show(listing, iPosition, 9)), ElementsAre(7, 8)) << iPosition;
+    }
+    EXPECT_THAT(CookiesOf(Show(listing, 7, 9)), ElementsAre(8));
+    EXPECT_THAT(Show(listing, 8, 9), IsEmpty());
+}
+
+// Positions of what is there no more take no room, and without such the positions take none either.
+TEST_F(ListingTest, MemoryIsThatOfTheLastReading) {
+    CListing listing(m_Folder.Read());
+    const std::size_t nBefore = listing.GetMemory();
+    Show(listing, 0, 6);
+    listing.Refresh(m_Folder.Read());
+    EXPECT_EQ(listing.GetMemory(), nBefore);
+    for (int i = 0; i < 1000; ++i) {
+        m_Folder = ListedFolder({"a" + std::to_string(i), "b" + std::to_string(i)});
+        listing.Refresh(m_Folder.Read());
+        EXPECT_EQ(Show(listing, 0, 2).size(), 2U);
+    }
+    EXPECT_LE(listing.GetMemory(), nBefore + 100);
+    EXPECT_EQ(listing.GetHandedOut(), 2006U);
+}
+
 TEST_F(ListingTest, FirstNamesCanCountAsHandedOut) {
     CListing listing(m_Folder.Read(), 4);
     EXPECT_EQ(listing.GetHandedOut(), 4U);
