@@ -3,6 +3,8 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
+#include <unordered_map>
 #include <utility>
 
 #include "Callback.h"
@@ -10,10 +12,17 @@
 
 namespace {
 
-/// Every handle in use. Never destroyed: host threads may still call while the process ends.
+/// What an x86-64 process's address has; a handle's bits above count the controllers that were there before.
+constexpr int kAddressBits = 47;
+/// As many as the count holds in a positive handle.
+constexpr jlong kMaxBefore = (jlong{1} << (63 - kAddressBits)) - 1;
+
+/// Every handle in use, and how many were given out for each address. Never destroyed: host threads may still call
+/// while the process ends.
 struct HandleTable {
     Mutex hMutex;
     std::map<jlong, std::shared_ptr<CHostController>> mControllers GUARDED_BY(hMutex);
+    std::unordered_map<jlong, jlong> mGivenOut GUARDED_BY(hMutex);
 };
 
 HandleTable& Handles() {
@@ -24,10 +33,13 @@ HandleTable& Handles() {
 }  // namespace
 
 jlong CHostController::Register(std::unique_ptr<CNfsMain> pMain) {
-    const auto iHandle = static_cast<jlong>(reinterpret_cast<std::intptr_t>(pMain.get()));
+    const auto iAddress = static_cast<jlong>(reinterpret_cast<std::intptr_t>(pMain.get()));
     auto pController = std::make_shared<CHostController>(std::move(pMain));
     HandleTable& table = Handles();
     const MutexLock lock(table.hMutex);
+    const jlong nBefore = table.mGivenOut[iAddress]++;
+    pController->m_bKeepAddress = nBefore == kMaxBefore;
+    const jlong iHandle = nBefore << kAddressBits | iAddress;
     table.mControllers[iHandle] = std::move(pController);
     return iHandle;
 }
@@ -77,7 +89,12 @@ void CHostController::End() {
             m_CallEnded.wait(m_hMutexCalls);
         }
     }
-    m_pMain.reset();
+    if (m_bKeepAddress) {
+        // Its memory is not given back: one small block in tens of thousands of controllers.
+        std::destroy_at(m_pMain.release());
+    } else {
+        m_pMain.reset();
+    }
 }
 
 void CHostController::InstallCallback(CNfsMain& main, const std::shared_ptr<CCallback>& pCallback) {

@@ -11,11 +11,12 @@ class CCallback;
 class CNfsMain;
 
 /// Owns a controller from `initial` to `terminate` and counts the native calls that are inside it, so that ending it
-/// waits for them. A handle is the controller's address; one that was never given out, or whose controller has been
-/// terminated, finds nothing, which is how a host's late or mistaken call does no harm.
+/// waits for them. A handle is the controller's address and, in the bits above it, how many controllers have been there
+/// before: no number is given out twice. One that was never given out, or whose controller has been terminated, finds
+/// nothing, which is how a host's late or mistaken call does no harm.
 class CHostController : public std::enable_shared_from_this<CHostController> {
 public:
-    /// Takes a controller over and gives out its handle.
+    /// Takes a controller over and gives out its handle: positive, and never given out before.
     static jlong Register(std::unique_ptr<CNfsMain> pMain);
     /// Null for 0 and for a handle that is not (or no longer) in use.
     static std::shared_ptr<CHostController> Find(jlong iHandle);
@@ -53,4 +54,5 @@ private:
     Mutex m_hMutexCallback;
 
     std::unique_ptr<CNfsMain> m_pMain;  ///< changed by End alone, when no call is inside
+    bool m_bKeepAddress = false;        ///< no other controller may come to be where this one was; set by Register
 };

@@ -58,6 +58,10 @@ void CNfsIpcClientMain::StopServer() {
     NFS_LOG_INFO(GetLog(&logArgu), kLogGeneralInfo, "[%s] Cannot stop NFS service in client mode.");
 }
 
+void CNfsIpcClientMain::StopServerOf(std::uint64_t /*iMoment*/) {
+    StopServer();
+}
+
 void CNfsIpcClientMain::EnableAutoShutdown(bool /*bEnable*/) {
     const LogArgu logArgu{"NfsIpcClientMain.EnableAutoShutdown"};
     NFS_LOG_INFO(GetLog(&logArgu), kLogGeneralInfo, "[%s] Auto shutdown is supported in client mode.");

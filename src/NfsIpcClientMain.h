@@ -26,6 +26,7 @@ public:
                      char* pcStatus) override;
     /// Stays local: a client cannot stop the server.
     void StopServer() override;
+    void StopServerOf(std::uint64_t iMoment) override;
     int GetAccessMode() override;
     /// "Unknown" when no server answers. The buffers hold kIdentityBufferSize characters.
     void GetVersion(char* pcVersion) override;

@@ -121,6 +121,11 @@ void CNfsIpcServerMain::StopServer() {
     CNfsMain::StopServer();
 }
 
+void CNfsIpcServerMain::StopServerOf(std::uint64_t iMoment) {
+    const CHurry hurry(m_pReports);
+    CNfsMain::StopServerOf(iMoment);
+}
+
 void CNfsIpcServerMain::StopRemoteController() {
     LogLifecycle("Stop Remote Controller");
     CloseIpcServerThread();

@@ -1,6 +1,7 @@
 // CNfsIpcServerMain: the external server, steered by other processes.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 
 #include "NfsMain.h"
@@ -24,6 +25,7 @@ public:
     bool StartRemoteController(char* pcStatus) override;
     /// Ends the service. A call that waits for a remote process's answer gets about a second more.
     void StopServer() override;
+    void StopServerOf(std::uint64_t iMoment) override;
     /// Closes the channel once the message in hand is served. Likewise.
     void StopRemoteController() override;
     int GetAccessMode() override;

@@ -63,10 +63,11 @@ std::string GetStartFailure(CNfsMain& main) {
     return main.GetStartFailure();
 }
 
-/// Waits for a controller's callers and threads, now or aside. The controller stays until it is done.
+/// Waits for a controller's callers and threads, now or aside. The controller stays until it is done. Aside,
+/// what the caller meant may have ended by then, and a later run be there, which is left alone.
 void StopServerNowOrAside(CHostCall& call) {
     if (WouldWaitForItself()) {
-        RunAside([pMain = call.Share()] { pMain->StopServer(); });
+        RunAside([pMain = call.Share(), iMoment = call.Main()->GetMoment()] { pMain->StopServerOf(iMoment); });
         return;
     }
     const StartOrStop guard;

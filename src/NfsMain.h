@@ -150,6 +150,14 @@ protected:
     virtual void TerminateNetwork();
 
 public:
+    // ---- A stop that comes later
+
+    /// A number that is another one after every start that has begun and every stop that has ended.
+    std::uint64_t GetMoment() const { return m_nMoments; }
+    /// StopServer as if called when GetMoment gave this number. What was there then is over if a start has begun or a
+    /// stop has ended since: it does nothing then, so that a stop that had to wait never hits a later run.
+    virtual void StopServerOf(std::uint64_t iMoment);
+
     // ---- Conveniences under the controller's own runtime parameter
 
     int GetMountInfo(bool bClientMountedOnly, bool bPrintDetails);
@@ -249,6 +257,7 @@ private:
 
     /// Makes starting and stopping exclude each other; held for the whole of either. The first in the lock order.
     Mutex m_hMutexLifecycle;
+    std::atomic<std::uint64_t> m_nMoments{0};  ///< see GetMoment; changed under m_hMutexLifecycle
     std::unique_ptr<CMountProg> m_pMountProg GUARDED_BY(m_hMutexLifecycle);
     std::array<SocketHandle, kSocketPairs> m_Sockets GUARDED_BY(m_hMutexLifecycle);
     std::unique_ptr<CPortmapProg> m_pPortmapProg GUARDED_BY(m_hMutexLifecycle);  ///< without a system portmapper only

@@ -29,6 +29,7 @@ bool CNfsMain::StartServer(int iMountPort, int iNfsPort, unsigned int iUId, unsi
         WriteReason(pcStatus, "NFS already running");
         return false;
     }
+    ++m_nMoments;
     CloseServices();  // what a start that ran out of memory may have left
     m_sStartFailure.clear();
     if (!ApplyOptions(pcStatus)) {
@@ -225,6 +226,17 @@ void CNfsMain::StopServer() {
     StopLocked();
 }
 
+void CNfsMain::StopServerOf(std::uint64_t iMoment) {
+    if (iMoment != m_nMoments) {
+        return;  // and ends no shell command of a later run
+    }
+    const CRunningCommands::Stop stop(m_pUtilities->GetRunningCommands());
+    const MutexLock lock(m_hMutexLifecycle);
+    if (iMoment == m_nMoments) {
+        StopLocked();
+    }
+}
+
 void CNfsMain::StopLocked() {
     const LogArgu logArgu{"NfsMain.StopServer"};
     if (m_bServerRunning) {
@@ -235,6 +247,7 @@ void CNfsMain::StopLocked() {
     m_bServerRunning = false;
     CloseServices();
     m_pUtilities->Reset(m_pRuntimeParam.get(), &logArgu);
+    ++m_nMoments;
 }
 
 void CNfsMain::CloseServices() {

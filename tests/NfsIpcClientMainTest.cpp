@@ -543,6 +543,9 @@ TEST_F(NfsIpcClientMainTest, StoppingTheServerSendsNothing) {
     m_Client.GetRuntimeParam()->SetLogControl(CRuntimeParam::kLogGeneralInfo);
     m_Client.StopServer();
     EXPECT_EQ(m_Log.Texts('i'), Lines{"[NfsIpcClientMain.StopServer] Cannot stop NFS service in client mode."});
+    m_Log.Clear();
+    m_Client.StopServerOf(m_Client.GetMoment());
+    EXPECT_EQ(m_Log.Texts('i'), Lines{"[NfsIpcClientMain.StopServer] Cannot stop NFS service in client mode."});
     EXPECT_TRUE(m_pServer->Messages().empty());
 }
 

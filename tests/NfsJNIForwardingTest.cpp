@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 #include <type_traits>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -180,8 +181,32 @@ protected:
 
 using Calls = std::vector<std::string>;
 
-TEST_F(NfsJNIForwardingTest, TheHandleIsTheControllersAddress) {
-    EXPECT_EQ(m_iHandle, static_cast<jlong>(reinterpret_cast<std::intptr_t>(m_pMain)));
+/// Where a handle has the controller's address.
+constexpr jlong kAddressMask = (jlong{1} << 47) - 1;
+
+/// A controller that has nothing and does nothing: quickly made.
+class BareNfsMain : public CNfsMain {
+public:
+    void Terminate() override {}
+};
+
+TEST_F(NfsJNIForwardingTest, TheHandleHoldsTheControllersAddress) {
+    EXPECT_EQ(m_iHandle & kAddressMask, static_cast<jlong>(reinterpret_cast<std::intptr_t>(m_pMain)));
+    EXPECT_GT(m_iHandle, 0);
+}
+
+/// More often than the bits above one address could count.
+TEST_F(NfsJNIForwardingTest, NoHandleIsEverGivenOutTwice) {
+    constexpr std::size_t kHandles = 150000;
+    std::unordered_set<jlong> handles{m_iHandle};
+    for (std::size_t i = 1; i < kHandles; ++i) {
+        const jlong iHandle = CHostController::Register(std::make_unique<BareNfsMain>());
+        EXPECT_GT(iHandle, 0);
+        handles.insert(iHandle);
+        CHostController::Release(iHandle)->End();
+        ASSERT_EQ(CHostController::Find(iHandle), nullptr);
+    }
+    EXPECT_EQ(handles.size(), kHandles);
 }
 
 TEST_F(NfsJNIForwardingTest, EveryArgumentArrivesInItsPlaceAndTheAnswerComesBack) {

@@ -12,9 +12,14 @@
 #include <thread>
 #include <vector>
 
+#include <sys/socket.h>
+
 #include <gtest/gtest.h>
 
+#include "Descriptor.h"
 #include "FakeJvm.h"
+#include "FileLogger.h"
+#include "HostController.h"
 #include "HostMethodNames.h"
 #include "IpcPeer.h"
 #include "Isolation.h"
@@ -73,6 +78,8 @@ protected:
         return iHandle;
     }
 
+    static std::shared_ptr<CNfsMain> MainOf(jlong iHandle) { return CHostController::Find(iHandle)->Enter(); }
+
     void Terminate(jlong iHandle) {
         EXPECT_EQ(Run([&](JNIEnv* pEnv, jobject jObj, const auto&) {
                       NFSLIB_NATIVE(terminate)
@@ -93,6 +100,16 @@ protected:
             nMounts = NFSLIB_NATIVE(getMountInfo)(pEnv, jObj, iHandle, JNI_FALSE, JNI_TRUE);
         });
         return nMounts;
+    }
+
+    std::string StartServer(jlong iHandle) {
+        return Run([&](JNIEnv* pEnv, jobject jObj, const auto&) {
+            NFSLIB_NATIVE(startServer)(pEnv, jObj, iHandle, 0, 0, JNI_FALSE);
+        });
+    }
+
+    std::string StopServer(jlong iHandle) {
+        return Run([&](JNIEnv* pEnv, jobject jObj, const auto&) { NFSLIB_NATIVE(stopServer)(pEnv, jObj, iHandle); });
     }
 
     /// Runs `work` on that many threads and waits for them.
@@ -129,8 +146,7 @@ TEST_F(NfsJNITest, AFailedInitialThrowsAndKeepsNothing) {
 TEST_F(NfsJNITest, NoModeLetsOthersEndTheHostsProgram) {
     for (const jint iAccessMode : {0, 1, 2}) {
         const jlong iHandle = Initial(iAccessMode);
-        auto* pMain = reinterpret_cast<CNfsMain*>(iHandle);  // NOLINT(performance-no-int-to-ptr): what a handle is
-        EXPECT_FALSE(pMain->IsAutoShutdownEnabled()) << iAccessMode;
+        EXPECT_FALSE(MainOf(iHandle)->IsAutoShutdownEnabled()) << iAccessMode;
         Terminate(iHandle);
     }
 }
@@ -216,6 +232,73 @@ TEST_F(NfsJNITest, AHostMayTerminateFromInsideItsLogMethod) {
     EXPECT_TRUE(WaitUntil([&] { return CountThreads() <= nThreads; }));
 }
 
+TEST_F(NfsJNITest, ALateTerminateHarmsNoLaterController) {
+    for (int iRound = 0; iRound < 20; ++iRound) {
+        const jlong iFirst = Initial();
+        Terminate(iFirst);
+        const jlong iSecond = Initial();
+        EXPECT_NE(iFirst, iSecond);
+        AddMountPoint(iSecond, "/", "data");
+        Terminate(iFirst);
+        EXPECT_EQ(GetMountInfo(iSecond), 1) << "round " << iRound;
+        EXPECT_EQ(GetMountInfo(iFirst), 0);
+        Terminate(iSecond);
+    }
+}
+
+/// It waits for the start that it was made in, and the next one may get there first.
+TEST_F(NfsJNITest, AStopFromInsideAFailingStartSparesTheNextOne) {
+    if (!IsIsolated()) {
+        GTEST_SKIP() << kNotIsolated;
+    }
+    const jlong iHandle = Initial();
+    EXPECT_EQ(StartServer(iHandle), "");
+    const auto nServing = CountThreads();
+    std::atomic<int> nErrors{0};
+    m_Methods[kHostLogError] = [&](const std::vector<HostArgument>&) {
+        ++nErrors;
+        EXPECT_EQ(StopServer(iHandle), "");
+        return HostAnswer{};
+    };
+    for (int iRound = 0; iRound < 20; ++iRound) {
+        EXPECT_EQ(StopServer(iHandle), "");
+        {
+            const CDescriptor holder = CDescriptor::OpenSocket(SOCK_DGRAM);
+            int iPort = 2049;
+            ASSERT_TRUE(holder.BindToPort(&iPort));
+            EXPECT_EQ(StartServer(iHandle), "java/io/IOException: NFS daemon failed to open port 2049");
+        }
+        EXPECT_EQ(StartServer(iHandle), "");
+        EXPECT_TRUE(WaitUntil([&] { return CountThreads() <= nServing; })) << "the stop is over, or void";
+        EXPECT_TRUE(MainOf(iHandle)->IsServerRunning()) << "round " << iRound;
+    }
+    EXPECT_EQ(nErrors, 20);
+    m_Methods.erase(kHostLogError);
+    Terminate(iHandle);
+}
+
+TEST_F(NfsJNITest, AStopFromInsideAStartThatSucceedsStopsIt) {
+    if (!IsIsolated()) {
+        GTEST_SKIP() << kNotIsolated;
+    }
+    const TempFolder folder;
+    const jlong iHandle = Initial();
+    CFileLogger logger((folder / "log").c_str());  // never opened: while there is one, a start says so
+    MainOf(iHandle)->SetFileLogger(&logger);
+    std::atomic<int> nLines{0};
+    m_Methods[kHostLogInfo] = [&](const std::vector<HostArgument>&) {
+        if (++nLines == 1) {
+            EXPECT_EQ(StopServer(iHandle), "");
+        }
+        return HostAnswer{};
+    };
+    EXPECT_EQ(StartServer(iHandle), "");
+    EXPECT_TRUE(WaitUntil([&] { return !MainOf(iHandle)->IsServerRunning(); }));
+    EXPECT_GE(nLines, 1);
+    m_Methods.erase(kHostLogInfo);
+    Terminate(iHandle);
+}
+
 /// They would wait for the thread they are on, or for a lock that it holds: the caller's own in the first lines of
 /// a start, the remote controller's in those of a stop.
 TEST_F(NfsJNITest, TheRemoteControllerIsNeitherStartedNorStoppedFromInsideALogLine) {
@@ -229,7 +312,7 @@ TEST_F(NfsJNITest, TheRemoteControllerIsNeitherStartedNorStoppedFromInsideALogLi
     const auto stop = [&](JNIEnv* pEnv, jobject jObj, const auto&) {
         NFSLIB_NATIVE(stopRemoteController)(pEnv, jObj, iHandle);
     };
-    auto* pMain = reinterpret_cast<CNfsMain*>(iHandle);  // NOLINT(performance-no-int-to-ptr): what a handle is
+    CNfsMain* const pMain = MainOf(iHandle).get();  // there until it is terminated
     pMain->SetLogControl(CRuntimeParam::kLogError | CRuntimeParam::kLogIpcState);
     const std::thread::id own = std::this_thread::get_id();
     std::atomic<int> nLinesOnOwn{0};

@@ -556,6 +556,35 @@ TEST_F(NfsMainTest, PortmapperThatAnswersNobodyFailsTheRegistrationAndTheStart) 
     logger.Close();
 }
 
+// A stop that had to wait stops what was there when it was asked for, and nothing that came later.
+TEST_F(NfsMainTest, StopOfAMomentThatIsOverDoesNothing) {
+    const TempFolder folder;
+    const auto addExport = [&] { return m_pMain->AddMountPoint(folder.Path().c_str(), "data", m_vcReason); };
+    const std::uint64_t iBefore = m_pMain->GetMoment();
+    ASSERT_TRUE(Start()) << m_vcReason;
+    ASSERT_TRUE(addExport());
+    m_pMain->StopServerOf(iBefore);
+    EXPECT_TRUE(m_pMain->IsServerRunning()) << "a start has begun since";
+    const std::uint64_t iDuring = m_pMain->GetMoment();
+    EXPECT_FALSE(Start());
+    EXPECT_EQ(m_pMain->GetMoment(), iDuring) << "a start that is refused begins nothing";
+    m_pMain->StopServerOf(iDuring);
+    EXPECT_FALSE(m_pMain->IsServerRunning());
+    ASSERT_TRUE(addExport());
+    m_pMain->StopServerOf(iDuring);
+    EXPECT_EQ(m_pMain->GetMountInfo(false, false), 1) << "it has been stopped since";
+    const std::uint64_t iStopped = m_pMain->GetMoment();
+    {
+        const PortHolder holder(SOCK_STREAM, kNfsPort);
+        EXPECT_FALSE(Start());
+    }
+    ASSERT_TRUE(addExport());
+    m_pMain->StopServerOf(iStopped);
+    EXPECT_EQ(m_pMain->GetMountInfo(false, false), 1) << "a start has failed since";
+    m_pMain->StopServerOf(m_pMain->GetMoment());
+    EXPECT_EQ(m_pMain->GetMountInfo(false, false), 0);
+}
+
 TEST_F(NfsMainTest, FailedStartEmptiesTheRegistriesAsAStopDoes) {
     const TempFolder folder;
     ASSERT_TRUE(m_pMain->AddMountPoint(folder.Path().c_str(), "data", m_vcReason)) << m_vcReason;

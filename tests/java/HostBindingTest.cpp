@@ -470,6 +470,18 @@ TEST_F(HostBindingTest, AHostThatThrowsFromItsLogMethodsDoesNoHarm) {
         << sOutput;
 }
 
+TEST_F(HostBindingTest, ALateTerminateLeavesTheNextServerAlone) {
+    JavaHost host;
+    const std::string sFirst = host.Initial("A", "first", 0, 1);
+    host.Call("A", "terminate", sFirst);
+    const std::string sSecond = host.Initial("A", "second", 0, 1);
+    EXPECT_EQ(host.Call("A", "startServer", sSecond, 0, 0, false), "true");
+    EXPECT_EQ(host.Call("A", "terminate", sFirst), "void");
+    EXPECT_EQ(host.Call("A", "stopServer", sFirst), "void");
+    EXPECT_EQ(host.Call("A", "isServerRunning", sSecond), "true");
+    host.Call("A", "terminate", sSecond);
+}
+
 TEST_F(HostBindingTest, CallsInTheWrongOrderDoNoHarm) {
     JavaHost host;
     for (const int iMode : {0, 1, 2}) {

@@ -9,8 +9,11 @@
 #include <thread>
 #include <vector>
 
+#include <sys/socket.h>
+
 #include <gtest/gtest.h>
 
+#include "Descriptor.h"
 #include "JavaHost.h"
 #include "NfsClient.h"
 #include "TempFolder.h"
@@ -204,6 +207,26 @@ TEST_F(MisbehavingHostTest, OneThatStopsAndStartsTheServerUnderLoadFindsItAsItWa
     }
     m_pHost->Do({"record", "A", "on"});
     m_pHost->StopServing("A", m_sHandle);
+}
+
+// What the stop was meant for has ended by itself by the time that it is made, and another run may have begun.
+TEST_F(MisbehavingHostTest, OneThatStopsWithinAStartThatFailsKeepsItsNextStart) {
+    const CDescriptor holder = CDescriptor::OpenSocket(SOCK_DGRAM);
+    int iPort = 2049;
+    ASSERT_TRUE(holder.BindToPort(&iPort));
+    m_sHandle = m_pHost->Initial("A", "host", 0, 1);
+    for (int iRound = 0; iRound < 10; ++iRound) {
+        m_pHost->Do({"react", "A", "logError", "overtake\tA\t" + m_sHandle + "\t2050"});
+        EXPECT_EQ(m_pHost->Call("A", "startServer", m_sHandle, 0, 2049, false),
+                  "!java.io.IOException: NFS daemon failed to open port 2049");
+        EXPECT_EQ(m_pHost->Join("reaction"), "void") << "it was not asked";
+        EXPECT_EQ(m_pHost->Join("next"), "true");
+        for (int iLook = 0; iLook < 20; ++iLook) {
+            EXPECT_EQ(m_pHost->Call("A", "isServerRunning", m_sHandle), "true") << "round " << iRound;
+        }
+        EXPECT_EQ(m_pHost->Call("A", "stopServer", m_sHandle), "void");
+    }
+    m_pHost->Call("A", "terminate", m_sHandle);
 }
 
 // In the middle of calls of clients, log lines and questions: the machine ends as it was asked to, and at once.

@@ -35,6 +35,8 @@ import java.util.function.IntConsumer;
  * react NAME METHOD LINE...       a line of this kind that a host method carries out when called (once)
  * block NAME METHOD               a host method that answers (its last argument) only when released
  * release                         lets those that are blocked go on, for good
+ * overtake NAME HANDLE PORT       as a reaction to a line of a start: stopServer, behind another start on this NFS port,
+ *                                 made on the thread "next"
  * exit CODE, halt CODE            ends the machine from a thread of its own
  * loaders LIBRARY COPY FOLDER     see HostLoaders
  * events NAME                     what happened to the object since last asked
@@ -91,6 +93,10 @@ public final class HostShell {
             case "release":
                 released.countDown();
                 return "ok";
+            case "overtake":
+                start("next", () -> call(host, new String[] {"startServer", fields[2], "0", fields[3], "false"}, 0));
+                Thread.sleep(20); // it waits in the library by then, most of the time
+                return call(host, new String[] {"stopServer", fields[2]}, 0);
             case "exit":
                 new Thread(() -> System.exit(Integer.parseInt(fields[1]))).start();
                 return "ok";
