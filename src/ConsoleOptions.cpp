@@ -26,7 +26,7 @@ std::optional<int> ConsoleOptions::Parse(CConsoleUtilities& console, const char*
         } else if (sOption == kOptionQuery) {
             bQueryMode = true;
         } else if (const ServerOptionName* pName = FindServerOption(sOption); pName != nullptr && pName->pFlag) {
-            server.*pName->pFlag = true;
+            server.SetFlag(*pName);
         } else if (++i < vTokens.size() && !SetValue(console, sOption, vTokens[i])) {
             return 1;
         }

@@ -54,8 +54,8 @@ bool CNfsMain::StartServer(int iMountPort, int iNfsPort, unsigned int iUId, unsi
 
 bool CNfsMain::ApplyOptions(char* pcStatus) {
     char vcReason[kReasonBufferSize] = "";
-    if (m_Options.GetBindAddress(&m_iBindAddress, vcReason) && LoadAccessFile(vcReason) &&
-        MakeStatisticsFile(vcReason)) {
+    if (m_Options.CheckFlags(vcReason) && m_Options.GetBindAddress(&m_iBindAddress, vcReason) &&
+        LoadAccessFile(vcReason) && MakeStatisticsFile(vcReason)) {
         return true;
     }
     const LogArgu logArgu{"NfsMain.StartServer"};

@@ -28,8 +28,9 @@ constexpr std::array kNames{
     ServerOptionName{"-socketgroup", "NFSLIB_SOCKET_GROUP", nullptr, &ServerOptions::sSocketGroup},
 };
 
-/// The value of a variable that asks for a flag.
+/// The values of a variable that ask for a flag, and not.
 constexpr const char* kYes = "1";
+constexpr const char* kNo = "0";
 
 }  // namespace
 
@@ -48,11 +49,28 @@ ServerOptions ServerOptions::FromEnvironment() {
         const char* pcValue = OrEmpty(std::getenv(name.pcVariable));
         if (name.pFlag != nullptr) {
             options.*name.pFlag = std::strcmp(pcValue, kYes) == 0;
+            if (!(options.*name.pFlag) && *pcValue != '\0' && std::strcmp(pcValue, kNo) != 0) {
+                options.mWrongFlags[name.pcVariable] = pcValue;
+            }
         } else {
             options.*name.pText = pcValue;
         }
     }
     return options;
+}
+
+void ServerOptions::SetFlag(const ServerOptionName& name) {
+    this->*name.pFlag = true;
+    mWrongFlags.erase(name.pcVariable);
+}
+
+bool ServerOptions::CheckFlags(char* pcReason) const {
+    if (mWrongFlags.empty()) {
+        return true;
+    }
+    const auto& [sVariable, sValue] = *mWrongFlags.begin();
+    WriteReason(pcReason, "Variable %s is \"%s\", which is neither 1 nor 0", sVariable.c_str(), sValue.c_str());
+    return false;
 }
 
 bool ServerOptions::GetBindAddress(std::uint32_t* piAddress, char* pcReason) const {

@@ -2,9 +2,12 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <span>
 #include <string>
 #include <string_view>
+
+struct ServerOptionName;
 
 /// Everything is off unless asked for: by variables of the process's environment, which a host has, or by options of
 /// the console, which go before them. A wrong value is refused by what makes use of it.
@@ -17,9 +20,16 @@ struct ServerOptions {
     std::string sStatisticsFile;  ///< the path of a file for the server's figures; empty: none
     std::string sSocketMode;      ///< the mode of the local sockets, octal; empty: 0777
     std::string sSocketGroup;     ///< the group of the local sockets, a name or a number; empty: the process's
+    /// The values of flags' variables that say neither yes nor no, by variable; their flags are off.
+    std::map<std::string, std::string> mWrongFlags;
 
-    /// What the environment asks for: flags by "1", all else means no; texts by their value.
+    /// What the environment asks for: flags by "1", and not by "0" or nothing; texts by their value.
     static ServerOptions FromEnvironment();
+
+    /// Switches a flag on, whatever the environment says of it.
+    void SetFlag(const ServerOptionName& name);
+    /// False with a reason if there is a wrong flag.
+    bool CheckFlags(char* pcReason) const;
 
     /// The bind address as a number in host byte order, 0 for all. False with a reason if it is no IPv4 address, or
     /// none that this machine can listen on now.

@@ -47,6 +47,29 @@ TEST_F(ServerOptionsTest, FlagsAreSetByOneAlone) {
     }
 }
 
+TEST_F(ServerOptionsTest, AFlagThatIsNeitherOneNorNoughtIsRefusedByItsName) {
+    for (const ServerOptionName& name : GetServerOptionNames()) {
+        if (name.pFlag == nullptr) {
+            continue;
+        }
+        for (const char* pcRight : {"", "0", "1"}) {
+            ::setenv(name.pcVariable, pcRight, 1);
+            EXPECT_TRUE(ServerOptions::FromEnvironment().CheckFlags(m_vcReason)) << name.pcVariable << "=" << pcRight;
+        }
+        for (const std::string sWrong : {"2", "11", "1 ", " ", "00", "yes", "no", "true"}) {
+            ::setenv(name.pcVariable, sWrong.c_str(), 1);
+            ServerOptions options = ServerOptions::FromEnvironment();
+            EXPECT_FALSE(options.CheckFlags(m_vcReason)) << sWrong;
+            EXPECT_EQ(m_vcReason,
+                      "Variable " + std::string(name.pcVariable) + " is \"" + sWrong + "\", which is neither 1 nor 0");
+            options.SetFlag(name);
+            EXPECT_TRUE(options.CheckFlags(m_vcReason)) << "the option goes before the variable";
+            EXPECT_TRUE(options.*name.pFlag);
+        }
+        Clear();
+    }
+}
+
 TEST_F(ServerOptionsTest, TextsAreTakenAsTheyStand) {
     for (const ServerOptionName& name : GetServerOptionNames()) {
         if (name.pText != nullptr) {

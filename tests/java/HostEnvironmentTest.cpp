@@ -107,6 +107,9 @@ TEST_F(HostEnvironmentTest, AHostsServerWritesItsFiguresToAFile) {
 TEST_F(HostEnvironmentTest, WrongValuesAreThrownByTheStart) {
     WriteWholeFile(m_Folder / "access", "data 127.0.0.1 rw\ndata everybody rw\n");
     const std::pair<const char*, std::pair<std::string, std::string>> vWrong[] = {
+        {"NFSLIB_READONLY", {"yes", "Variable NFSLIB_READONLY is \"yes\", which is neither 1 nor 0"}},
+        {"NFSLIB_SYNC", {"on", "Variable NFSLIB_SYNC is \"on\", which is neither 1 nor 0"}},
+        {"NFSLIB_NOPORTMAP", {"true", "Variable NFSLIB_NOPORTMAP is \"true\", which is neither 1 nor 0"}},
         {"NFSLIB_BIND", {"everywhere", "Bind address \"everywhere\" is no IPv4 address"}},
         {"NFSLIB_ACCESS",
          {m_Folder / "access",

@@ -267,6 +267,15 @@ TEST_F(ServerOptionsConsoleTest, WrongValuesAreToldAtTheStart) {
     WriteWholeFile(m_Folder / "access", "data 127.0.0.1 rw\n");
     EXPECT_THAT(pConsole->Command("start"), HasSubstr("Start NFS success")) << "once it is put right";
     EXPECT_EQ(pConsole->Quit(), 0) << pConsole->Output();
+    ChildOptions options;
+    options.vEnvironment = {{"NFSLIB_READONLY", "yes"}};
+    pConsole = Open({}, options);
+    EXPECT_THAT(pConsole->Command("start"),
+                HasSubstr("Fail to start NFS. Variable NFSLIB_READONLY is \"yes\", which is neither 1 nor 0\n"));
+    EXPECT_EQ(pConsole->Quit(), 0) << pConsole->Output();
+    pConsole = Open({"-readonly"}, options);
+    EXPECT_THAT(pConsole->Command("start"), HasSubstr("Start NFS success")) << "the option goes before the variable";
+    EXPECT_EQ(pConsole->Quit(), 0) << pConsole->Output();
     pConsole = Open({"-bind", "127.0.0"});
     EXPECT_THAT(pConsole->Command("start"),
                 HasSubstr("Fail to start NFS. Bind address \"127.0.0\" is no IPv4 address\n"));
