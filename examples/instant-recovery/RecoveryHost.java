@@ -26,7 +26,7 @@ public final class RecoveryHost extends NfsLibNative {
     private final Path work;
     private final CountDownLatch receiving = new CountDownLatch(1);
     private volatile boolean interrupted;
-    private long handle;
+    private volatile long handle;
     private Thread receiver;
 
     private RecoveryHost(Backup backup, ChangeRules rules, Path work) {
@@ -54,7 +54,9 @@ public final class RecoveryHost extends NfsLibNative {
                            + "\"; Enter writes the whole image out, Ctrl-C gives up");
         new BufferedReader(new InputStreamReader(System.in)).readLine(); // or the end of the input
         WrittenImage image = host.writeOut();
-        host.stop();
+        if (!host.stop()) {
+            return; // given up meanwhile: there is nothing to judge
+        }
         boolean whole = image.isClean() & (args.length < 4 || image.equalsFile(Paths.get(args[3])));
         System.exit(whole ? 0 : 1);
     }
@@ -76,11 +78,15 @@ public final class RecoveryHost extends NfsLibNative {
         addMountPoint(handle, lent.toString(), EXPORT);
     }
 
-    /** At the end, or in the shutdown hook: the virtual machine waits for it, and its other threads still run. */
-    private synchronized void stop() {
+    /**
+     * At the end, or in the shutdown hook: the virtual machine waits for it, and its other threads still run. False if
+     * there is nothing to stop any more.
+     */
+    private synchronized boolean stop() {
         if (handle == 0) {
-            return;
+            return false;
         }
+        closeAllRedirectedFiles(handle, work.toString()); // ends a write-out in progress
         stopServer(handle);
         interrupted = true;
         try {
@@ -94,6 +100,7 @@ public final class RecoveryHost extends NfsLibNative {
         terminate(handle);
         handle = 0;
         System.out.println("Stopped, " + record);
+        return true;
     }
 
     // ---- The disk -------------------------------------------------------------------------------------------------
@@ -110,9 +117,10 @@ public final class RecoveryHost extends NfsLibNative {
 
     /**
      * Writes the whole image out. Clients go on reading meanwhile. What they see may be under another name by now, or
-     * gone, if they were granted that; so this is a presentation of its own, which no client reaches.
+     * gone, if they were granted that; so this is a presentation of its own, which no client reaches. It takes as long
+     * as the disk is large, and holds nothing that a stop waits for.
      */
-    private synchronized WrittenImage writeOut() throws IOException {
+    private WrittenImage writeOut() throws IOException {
         Path whole = work.resolve("whole.img");
         present(whole);
         // The library writes only into files that are there, and below an exported folder.

@@ -55,8 +55,9 @@ public final class DiskHost extends NfsLibNative {
         receiver.start();
         receiving.await();
         startServer(handle, 0, 0, false);
-        addMountPoint(handle, directory.toString(), EXPORT);
+        // The disk comes before its export: until it is whole, no client may find the empty file that stands for it.
         presentDisk(directory.resolve("disk.img"), directory.resolveSibling(directory.getFileName() + "-pieces"));
+        addMountPoint(handle, directory.toString(), EXPORT);
     }
 
     /** In the shutdown hook: the virtual machine waits for it, and its other threads still run. */

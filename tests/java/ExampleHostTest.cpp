@@ -1,15 +1,20 @@
 // The example host, run as its users run it.
 #include <string>
 
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include "ChildProcess.h"
+#include "Descriptor.h"
 #include "JavaHost.h"
 #include "NfsClient.h"
 #include "TempFolder.h"
 #include "Trees.h"
+#include "WaitUntil.h"
 
 namespace {
 
@@ -63,6 +68,39 @@ TEST_F(ExampleHostTest, ServesADiskFromPiecesKeepsWrittenRangesAndStopsOnCtrlC) 
     EXPECT_NE(host.Output().find("Stopped, written ranges: [0, 8192) [65536, 69632)"), std::string::npos)
         << host.Output();
     EXPECT_EQ(ComplaintsIn(host.Output()), std::vector<std::string>());
+}
+
+/// Host runs its start up to a piece of the disk whose making the test holds.
+TEST_F(ExampleHostTest, NoClientReachesTheExportBeforeTheDiskIsWhole) {
+    const TempFolder folder;
+    const std::string sExport = folder / "export";
+    ASSERT_EQ(::mkdir((folder / "export-pieces").c_str(), 0755), 0);
+    const std::string sPiece = folder / "export-pieces/first";
+    ASSERT_EQ(::mkfifo(sPiece.c_str(), 0644), 0);
+    const CDescriptor piece(::open(sPiece.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    ASSERT_TRUE(piece.IsOpen());
+    ChildOptions options;
+    options.vEnvironment = {{"NFSLIB", NFSLIB_LIBRARY}, {"CLASSES", folder / "classes"}};
+    ChildProcess host({SourceTree() + "/examples/java-host/run.sh", sExport}, options);
+    std::size_t nRead = 0;
+    std::string sBuffer(65536, '\0');
+    const auto read = [&] {
+        const ssize_t nBytes = ::read(piece.Get(), sBuffer.data(), sBuffer.size());
+        nRead += nBytes > 0 ? static_cast<std::size_t>(nBytes) : 0;
+    };
+    EXPECT_TRUE(WaitUntil([&] { return read(), nRead > 0; })) << host.Output();
+    {
+        NfsClient client;
+        EXPECT_FALSE(client.Mnt("data")) << "the disk is still being presented";
+    }
+    EXPECT_TRUE(WaitUntil([&] { return read(), nRead == kMiB; }));
+    ASSERT_TRUE(host.WaitFor("Ready: " + sExport + " is exported as \"data\"")) << host.Output();
+    {
+        NfsClient client;
+        EXPECT_TRUE(client.Mnt("data"));
+    }
+    host.Signal(SIGINT);
+    EXPECT_EQ(host.Wait(), 130) << host.Output();
 }
 
 TEST_F(ExampleHostTest, SaysWhichLibraryIsMissing) {

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <gmock/gmock.h>
@@ -193,6 +194,20 @@ TEST_F(InstantRecoveryTest, LineThatIsNoRuleIsNamed) {
     const RunResult result = RunProgram(Command(), m_Options, kStart);
     EXPECT_EQ(result.iStatus, 1);
     EXPECT_THAT(result.sOutput, HasSubstr("/rules, line 3: not a rule: grant everything\n"));
+}
+
+// The write-out is held at the image, a pipe that nobody reads.
+TEST_F(InstantRecoveryTest, CtrlCGivesUpAWriteOutInProgress) {
+    std::filesystem::create_directories(m_sWork + "/written");
+    ASSERT_EQ(::mkfifo((m_sWork + "/written/" + kDisk).c_str(), 0644), 0);
+    ChildProcess host(Command(), m_Options);
+    ASSERT_TRUE(host.WaitFor("Ready: ", kStart)) << host.Output();
+    host.Send("\n");
+    ASSERT_TRUE(WaitUntil([&] { return std::filesystem::exists(m_sWork + "/whole.img"); })) << "it has begun";
+    host.Signal(SIGINT);
+    EXPECT_EQ(host.Wait(), 130) << host.Output();
+    EXPECT_THAT(host.Output(), HasSubstr("Stopped, "));
+    EXPECT_THAT(host.Output(), Not(HasSubstr("e2fsck")));
 }
 
 // What the two examples make below /tmp goes when they end, whoever ends them.
