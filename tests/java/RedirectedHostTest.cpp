@@ -6,10 +6,12 @@
 #include <string>
 #include <vector>
 
+#include <sys/socket.h>
 #include <sys/stat.h>
 
 #include <gtest/gtest.h>
 
+#include "Descriptor.h"
 #include "JavaHost.h"
 #include "NfsClient.h"
 #include "TempFolder.h"
@@ -221,6 +223,22 @@ TEST_F(RedirectedHostTest, SegmentsThatCannotBeAddedThrow) {
     EXPECT_EQ(m_pHost->Call("A", "closeRedirectedFile", m_sHandle, Path("disk")), "void");
     EXPECT_EQ(m_pHost->Call("A", "addRedirectedFileSegment", m_sHandle, Path("disk"), sPieces, 0, 0, 1),
               "!java.io.IOException: Redirected file \"" + Path("disk") + "\" is not open");
+}
+
+TEST_F(RedirectedHostTest, AFailedStartForgetsWhatWasAddedBeforeIt) {
+    m_pHost->Call("A", "stopServer", m_sHandle);
+    OpenRedirected("disk", "disk");
+    {
+        const CDescriptor holder = CDescriptor::OpenSocket(SOCK_DGRAM);
+        int iPort = 2049;
+        ASSERT_TRUE(holder.BindToPort(&iPort));
+        EXPECT_EQ(m_pHost->Call("A", "startServer", m_sHandle, 0, 0, false),
+                  "!java.io.IOException: NFS daemon failed to open port 2049");
+    }
+    EXPECT_EQ(m_pHost->Call("A", "addRedirectedFileSegment", m_sHandle, Path("disk"), m_Sources / "pieces", 0, 0, 1),
+              "!java.io.IOException: Redirected file \"" + Path("disk") + "\" is not open");
+    EXPECT_EQ(m_pHost->Call("A", "startServer", m_sHandle, 0, 0, false), "true");
+    OpenRedirected("disk", "disk");
 }
 
 TEST_F(RedirectedHostTest, ContentAndMapAreExported) {

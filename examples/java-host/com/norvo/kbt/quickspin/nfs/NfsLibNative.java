@@ -61,7 +61,8 @@ public class NfsLibNative {
 
     /**
      * Opens the ports; one below 1 stands for the default. A read-only server refuses every change by clients.
-     * Mode 2: the external server does.
+     * Mode 2: the external server does. A start that fails forgets every export, session and redirected file, as
+     * {@link #stopServer} does: add them anew before the next one. (Not one that is refused because the server runs.)
      * @return true, but for the handle 0
      * @throws IOException with the reason: it runs already, a port is taken
      */
