@@ -23,6 +23,8 @@
 #include "Limits.h"
 #include "NfsClient.h"
 #include "NfsIpcClientMain.h"
+#include "RuntimeParam.h"
+#include "ServerHoldings.h"
 #include "TempFolder.h"
 #include "WaitUntil.h"
 
@@ -389,18 +391,17 @@ protected:
         m_pFolder.reset();
     }
 
-    /// The files that the server has open. A connection's descriptor stays until its place is needed.
-    std::vector<std::string> GetOpen() const {
-        std::vector<std::string> vsOpen;
-        const std::string sDescriptors = "/proc/" + std::to_string(m_pServer->GetPid()) + "/fd";
-        for (const auto& entry : std::filesystem::directory_iterator(sDescriptors)) {
-            std::error_code gone;
-            const std::string sTarget = std::filesystem::read_symlink(entry.path(), gone).string();
-            if (!sTarget.starts_with("socket:")) {
-                vsOpen.push_back(sTarget);
-            }
-        }
-        return vsOpen;
+    Holdings GetHoldings() const { return ReadHoldings(m_pServer->GetPid()); }
+    /// The thread that sends lines to the host begins with the first, here of a listing, and stays.
+    void AwaitALine() {
+        CRuntimeParam param("client", 0);
+        m_pHostSide->Client().GetMountInfo(&param, false, true);
+        EXPECT_TRUE(WaitUntil([this] { return m_pHostSide->Log().LinesWith(m_pFolder->Path()) != ""; }));
+    }
+    /// Has the server close what it may keep, so that its holdings can be compared.
+    void Tidy() {
+        m_pHostSide->Client().CloseAllCachedFileHandles(m_pFolder->Path().c_str());
+        UseEachConnection();
     }
 
     /// One round with whatever fault is armed, and what it leaves.
@@ -426,9 +427,12 @@ protected:
 
 TEST_P(FaultSweepTest, NothingAcknowledgedIsLostAndTheServerGoesOn) {
     const SweptFault& sweep = GetParam();
+    AwaitALine();
+    const std::size_t nThreads = GetHoldings().nThreads;
     RunOnce(0);
-    m_pHostSide->Client().CloseAllCachedFileHandles(m_pFolder->Path().c_str());
-    const std::vector<std::string> vsOpen = GetOpen();
+    Tidy();
+    ASSERT_TRUE(WaitUntil([&] { return GetHoldings().nThreads <= nThreads; })) << testing::PrintToString(GetHoldings());
+    const Holdings before = GetHoldings();
     int n = 1;
     for (m_bFired = true; m_bFired && n < kMostCalls; ++n) {
         SCOPED_TRACE("call " + std::to_string(n));
@@ -440,9 +444,8 @@ TEST_P(FaultSweepTest, NothingAcknowledgedIsLostAndTheServerGoesOn) {
     }
     EXPECT_GT(n, 2) << "nothing went wrong at all";
     EXPECT_FALSE(m_bFired) << "not all calls were reached";
-    m_pHostSide->Client().CloseAllCachedFileHandles(m_pFolder->Path().c_str());
-    EXPECT_TRUE(WaitUntil([&] { return GetOpen().size() <= vsOpen.size(); }, std::chrono::seconds(5)))
-        << testing::PrintToString(GetOpen()) << ", and at first " << testing::PrintToString(vsOpen);
+    Tidy();
+    ExpectHoldingsWithin(m_pServer->GetPid(), before);
     RecordProperty("calls", n - 2);
 }
 

@@ -12,6 +12,7 @@
 #include "Faults.h"
 #include "Isolation.h"
 #include "LeakGuard.h"
+#include "ServerHoldings.h"
 #include "TempFolder.h"
 
 namespace {
@@ -61,6 +62,8 @@ TEST_P(RemoteControlFaultsTest, CommandIsAnsweredWholeOrRefusedAndTheNextOneWork
     const SweptFault& transfer = GetParam();
     const std::string sAnswer = m_pConsole->Command("status");
     ASSERT_THAT(sAnswer, HasSubstr(m_pFolder->Path() + " : exp"));
+    const Holdings serverBefore = ReadHoldings(m_pServer->GetPid());
+    const Holdings consoleBefore = ReadHoldings(m_pConsole->GetPid());
     bool bFired = true;
     int n = 1;
     for (; bFired && n < kMostCalls; ++n) {
@@ -76,6 +79,8 @@ TEST_P(RemoteControlFaultsTest, CommandIsAnsweredWholeOrRefusedAndTheNextOneWork
     }
     EXPECT_GT(n, 2) << "nothing went wrong at all";
     EXPECT_FALSE(bFired) << "not all calls were reached";
+    ExpectHoldingsWithin(m_pServer->GetPid(), serverBefore);
+    ExpectHoldingsWithin(m_pConsole->GetPid(), consoleBefore);
     EXPECT_EQ(m_pConsole->Quit(), 0) << m_pConsole->Output();
 }
 

@@ -1,6 +1,7 @@
 // One system call of the server goes wrong while its log file is moved aside again and again under a client's work: the
 // server lives, and what the client was told is written is in its files, and nothing else.
 #include <cerrno>
+#include <chrono>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -13,6 +14,8 @@
 #include "Isolation.h"
 #include "LeakGuard.h"
 #include "NfsClient.h"
+#include "ServerHoldings.h"
+#include "WaitUntil.h"
 
 namespace {
 
@@ -51,6 +54,31 @@ protected:
         m_pServer->Command("logfilesize 8000");
         m_pServer->Command("start");
         m_pServer->Command("mount " + Export() + "=exp");
+    }
+
+    /// What the server holds beside its connections and their threads when the export is gone.
+    Holdings GetIdleHoldings() {
+        m_pServer->Command("umount " + Export());
+        Holdings holdings = ReadHoldings(m_pServer->GetPid());
+        std::erase(holdings.vsOpen, "socket");
+        holdings.nThreads = 0;
+        return holdings;
+    }
+    /// A log that goes on has its file open, and nothing else; one that does not has nothing open.
+    void ExpectOpen(Holdings idle, bool bLogGoesOn) {
+        if (!bLogGoesOn) {
+            EXPECT_EQ(std::erase(idle.vsOpen, *m_pFolder / "logs/log"), 1U) << "no log at first";
+        }
+        Holdings now;
+        EXPECT_TRUE(WaitUntil([&] { return (now = GetIdleHoldings()).IsWithin(idle); }, std::chrono::seconds(5)))
+            << "held now: " << testing::PrintToString(now) << "\nbefore: " << testing::PrintToString(idle);
+    }
+    std::uintmax_t GetLogSize() const {
+        std::uintmax_t nBytes = 0;
+        for (const auto& entry : std::filesystem::directory_iterator(*m_pFolder / "logs")) {
+            nBytes += entry.file_size();
+        }
+        return nBytes;
     }
 
     /// Several files, a piece to each in turns, so that files are opened between one line of the log and the next.
@@ -105,6 +133,9 @@ protected:
 
 TEST_P(RotationFaultsTest, LogGoesIntoNoFileOfAClientAndTheServerGoesOn) {
     const SweptFault& fault = GetParam();
+    StartServer();
+    ExpectServed();
+    const Holdings idle = GetIdleHoldings();
     bool bFired = true;
     int nRotations = 0;
     for (int n = 1; bFired && n < kMostCalls; n += fault.iStep) {
@@ -114,7 +145,9 @@ TEST_P(RotationFaultsTest, LogGoesIntoNoFileOfAClientAndTheServerGoesOn) {
         Write();
         bFired = m_pFaults->Disarm();
         ASSERT_TRUE(m_pServer->IsRunning()) << m_pServer->Output();
+        const std::uintmax_t nLogged = GetLogSize();
         ExpectServed();
+        ExpectOpen(idle, GetLogSize() > nLogged);
         EXPECT_EQ(m_pServer->Quit(), 0) << m_pServer->Output();
         ExpectWritten();
         nRotations += std::filesystem::exists(*m_pFolder / "logs/log.2") ? 1 : 0;
