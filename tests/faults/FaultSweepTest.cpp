@@ -23,7 +23,6 @@
 #include "Limits.h"
 #include "NfsClient.h"
 #include "NfsIpcClientMain.h"
-#include "RuntimeParam.h"
 #include "ServerHoldings.h"
 #include "TempFolder.h"
 #include "WaitUntil.h"
@@ -392,12 +391,6 @@ protected:
     }
 
     Holdings GetHoldings() const { return ReadHoldings(m_pServer->GetPid()); }
-    /// The thread that sends lines to the host begins with the first, here of a listing, and stays.
-    void AwaitALine() {
-        CRuntimeParam param("client", 0);
-        m_pHostSide->Client().GetMountInfo(&param, false, true);
-        EXPECT_TRUE(WaitUntil([this] { return m_pHostSide->Log().LinesWith(m_pFolder->Path()) != ""; }));
-    }
     /// Has the server close what it may keep, so that its holdings can be compared.
     void Tidy() {
         m_pHostSide->Client().CloseAllCachedFileHandles(m_pFolder->Path().c_str());
@@ -427,7 +420,7 @@ protected:
 
 TEST_P(FaultSweepTest, NothingAcknowledgedIsLostAndTheServerGoesOn) {
     const SweptFault& sweep = GetParam();
-    AwaitALine();
+    ASSERT_TRUE(m_pHostSide->AwaitListing(m_pFolder->Path()));
     const std::size_t nThreads = GetHoldings().nThreads;
     RunOnce(0);
     Tidy();

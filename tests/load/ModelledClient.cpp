@@ -162,7 +162,9 @@ void ModelledClient::Rename(File file) {
     const std::string sFrom = file->first;
     const File other = std::next(m_Files.begin(), static_cast<std::ptrdiff_t>(Below(m_Files.size())));
     const std::string sTo = other->first == sFrom || Below(2) == 0 ? MakeName() : other->first;
-    static_cast<void>(TryOn(sFrom, [&] { return m_pCalls->Find(sFrom); }));  // RENAME answers by what has a handle
+    if (!TryOn(sFrom, [&] { return m_pCalls->Find(sFrom); })) {  // RENAME answers by what has a handle
+        return;
+    }
     const bool bDone = Try([&] { return m_pCalls->Rename(sFrom, sTo); });
     if (bDone || !Exists(sFrom)) {
         m_Files[sTo] = std::move(m_Files[sFrom]);
@@ -249,14 +251,19 @@ void ModelledClient::AskNext() {
 // ---- Calls that fail
 
 bool ModelledClient::Try(const std::function<int()>& call) {
+    std::string sHow;
     try {
-        if (call() == 0) {
+        const int iStatus = call();
+        if (iStatus == 0) {
             return true;
         }
+        sHow = "answered " + std::to_string(iStatus);
     } catch (const WrongAnswer&) {
         throw;
-    } catch (const std::exception&) {  // the connection is gone
+    } catch (const std::exception& lost) {  // the connection is gone
+        sHow = lost.what();
     }
+    Require(m_World.pEpochs->nStopping > m_iServer, "a call to a server that goes on failed: " + sHow);
     Recover();
     return false;
 }
@@ -284,6 +291,7 @@ void ModelledClient::Recover() {
 bool ModelledClient::Mount() {
     static std::mutex hOneAfterTheOther;
     const std::lock_guard lock(hOneAfterTheOther);
+    m_iServer = m_World.pEpochs->nStopped;
     try {
         return m_pCalls->Mount() == 0 && m_pCalls->Find("disk") == 0;
     } catch (const std::exception&) {

@@ -13,17 +13,25 @@
 
 #include "ExportFiles.h"
 
+/// Which server runs: one after the other, each announced before it is stopped.
+struct ServerEpochs {
+    std::atomic<unsigned int> nStopping{0};  ///< servers that were told to stop
+    std::atomic<unsigned int> nStopped{0};   ///< servers that have ended
+};
+
 /// What a ModelledClient finds in its export beside its own files, and how long it may wait.
 struct ModelledWorld {
     std::string sExport;                 ///< the export's name
     std::string sDisk;                   ///< what the redirected file "disk" must read as
     std::chrono::microseconds pause{0};  ///< between two pieces of work
+    const ServerEpochs* pEpochs;         ///< outlives the client
 };
 
 /// Writes, reads, cuts, renames, removes and lists files, and compares every reply with what was acknowledged before;
 /// makes each of the other calls too, and mounts anew now and then. Clients mount one after the other, since the MOUNT
-/// port serves few at the same time. Where a call fails or its connection is lost, it mounts anew and finds out which
-/// of the two possible states holds: any third one is an error. One thread.
+/// port serves few at the same time. Where a call fails or its connection is lost because the server was told to stop,
+/// it mounts anew and finds out which of the two possible states holds: any third one is an error, and so is a failure
+/// of a call to a server that goes on. One thread.
 class ModelledClient {
 public:
     ModelledClient(ModelledWorld world, std::unique_ptr<ExportFiles> pCalls, std::uint32_t iSeed);
@@ -72,6 +80,7 @@ private:
     const std::atomic<bool>* m_pbStop = nullptr;
     const std::unique_ptr<ExportFiles> m_pCalls;
     std::map<std::string, std::string> m_Files;  ///< name to content
+    unsigned int m_iServer = 0;                  ///< the one mounted from, or one before
     std::size_t m_iQuestion = 0;
     std::uint64_t m_nWork = 0;
 };
