@@ -8,7 +8,7 @@ enum class FaultyCall : int {
     kNone,
     kOpen,     ///< open, openat2
     kStat,     ///< the status of a path or descriptor, and of a file system
-    kRead,     ///< pread and read
+    kRead,     ///< pread, preadv2 and read
     kWrite,    ///< pwrite and write
     kSeek,     ///< lseek
     kChange,   ///< rename, mkdir, unlink, rmdir, truncate
@@ -21,6 +21,9 @@ enum class FaultyCall : int {
     kThread,   ///< the making of a thread
     kMap,      ///< mmap and mprotect: large buffers
     kMemory,   ///< operator new
+    kResolve,  ///< readlink and realpath
+    kControl,  ///< fcntl
+    kPoll,     ///< poll
 };
 
 enum class FaultKind : int {

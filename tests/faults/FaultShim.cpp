@@ -9,6 +9,7 @@
 #include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <pthread.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
@@ -63,10 +64,14 @@ bool IsDue(FaultyCall call, FaultKind kind = FaultKind::kError) {
     return true;
 }
 
+/// Half of a length, but for nothing not nothing.
+std::size_t Half(std::size_t nBytes) {
+    return std::max<std::size_t>(nBytes / 2, std::min<std::size_t>(nBytes, 1));
+}
+
 /// What a transfer is asked for: half of it if it is due to be cut short.
 std::size_t Cut(FaultyCall call, std::size_t nBytes) {
-    return IsDue(call, FaultKind::kShort) ? std::max<std::size_t>(nBytes / 2, std::min<std::size_t>(nBytes, 1))
-                                          : nBytes;
+    return IsDue(call, FaultKind::kShort) ? Half(nBytes) : nBytes;
 }
 
 }  // namespace
@@ -123,6 +128,8 @@ PASS(kStat, int, statfs, (const char* pcPath, struct statfs* pStatus), (pcPath, 
 PASS(kStat, int, fstatfs, (int iFile, struct statfs* pStatus), (iFile, pStatus))
 PASS(kStat, int, statvfs, (const char* pcPath, struct statvfs* pStatus), (pcPath, pStatus))
 PASS(kStat, int, fstatvfs, (int iFile, struct statvfs* pStatus), (iFile, pStatus))
+PASS(kResolve, ssize_t, readlink, (const char* pcPath, char* pcLink, std::size_t nLink), (pcPath, pcLink, nLink))
+PASS(kPoll, int, poll, (pollfd * pPolled, nfds_t nPolled, int iLimitMs), (pPolled, nPolled, iLimitMs))
 PASS(kSeek, off_t, lseek, (int iFile, off_t iOffset, int iWhence), (iFile, iOffset, iWhence))
 PASS(kChange, int, rename, (const char* pcOld, const char* pcNew), (pcOld, pcNew))
 PASS(kChange, int, renameat2, (int iOld, const char* pcOld, int iNew, const char* pcNew, unsigned int iFlags),
@@ -135,6 +142,20 @@ PASS(kChange, int, unlink, (const char* pcPath), (pcPath))
 PASS(kChange, int, unlinkat, (int iFolder, const char* pcPath, int iFlags), (iFolder, pcPath, iFlags))
 PASS(kChange, int, rmdir, (const char* pcPath), (pcPath))
 PASS(kChange, int, ftruncate, (int iFile, off_t iSize), (iFile, iSize))
+
+FAULTY char* realpath(const char* pcPath, char* pcResolved) noexcept {
+    static auto* const pNext = Next<char*(const char*, char*)>("realpath");
+    return IsDue(FaultyCall::kResolve) ? nullptr : pNext(pcPath, pcResolved);
+}
+
+FAULTY int fcntl(int iFile, int iCommand, ...) {
+    va_list arguments;
+    va_start(arguments, iCommand);
+    const long iArgument = va_arg(arguments, long);
+    va_end(arguments);
+    static auto* const pNext = Next<int(int, int, ...)>("fcntl");
+    return IsDue(FaultyCall::kControl) ? -1 : pNext(iFile, iCommand, iArgument);
+}
 
 FAULTY int close(int iFile) {
     static auto* const pNext = Next<int(int)>("close");
@@ -178,9 +199,17 @@ TRANSFER(kReceive, recv, (int iSocket, void* pvData, std::size_t nBytes, int iFl
 TRANSFER(kSend, send, (int iSocket, const void* pvData, std::size_t nBytes, int iFlags),
          (iSocket, pvData, nBytes, iFlags))
 
+// Cut short it reads half of its first part, and nothing into the others.
 FAULTY ssize_t preadv2(int iFile, const iovec* pParts, int nParts, off_t iOffset, int iFlags) {
     static auto* const pNext = Next<ssize_t(int, const iovec*, int, off_t, int)>("preadv2");
-    return IsDue(FaultyCall::kRead) ? -1 : pNext(iFile, pParts, nParts, iOffset, iFlags);
+    if (IsDue(FaultyCall::kRead)) {
+        return -1;
+    }
+    if (nParts > 0 && IsDue(FaultyCall::kRead, FaultKind::kShort)) {
+        const iovec part{pParts->iov_base, Half(pParts->iov_len)};
+        return pNext(iFile, &part, 1, iOffset, iFlags);
+    }
+    return pNext(iFile, pParts, nParts, iOffset, iFlags);
 }
 
 PASS(kReceive, ssize_t, recvmsg, (int iSocket, msghdr* pMessage, int iFlags), (iSocket, pMessage, iFlags))

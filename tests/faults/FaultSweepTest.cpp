@@ -108,6 +108,7 @@ public:
         Step([this] { CutFile(); });
         Step([this] { List(); });
         Step([this] { Rename(); });
+        Step([this] { CreateThroughLink(); });
         Step([this] { MakeAndRemoveFolder(); });
         Step([this] { ReadDisk(); });
         Step([this] { WriteDisk(); });
@@ -238,6 +239,12 @@ private:
             m_bRenamed = true;
         }
     }
+    /// A link that leads out of the export to nothing: whatever of it cannot be read, nothing is made there.
+    void CreateThroughLink() {
+        std::string sHandle;
+        m_pClient->Create(m_sRoot, "out", sHandle);
+        EXPECT_FALSE(std::filesystem::exists(std::filesystem::read_symlink(m_Folder / "out")));
+    }
     void MakeAndRemoveFolder() {
         std::string sHandle;
         const std::string sFolder = "d" + std::to_string(m_iRound);
@@ -362,6 +369,7 @@ protected:
         WriteWholeFile(*m_pFolder / "seed", Pattern(50000, 3));
         WriteWholeFile(*m_pFolder / "source", Pattern(100, 5));
         WriteWholeFile(*m_pFolder / "disk", "");
+        std::filesystem::create_symlink(*m_pElsewhere / "stolen", *m_pFolder / "out");
         m_pServer = std::make_unique<ConsoleProcess>(
             std::vector<std::string>{"-md", "svr", "-id", "srv", "-log", "33", "-logfile", *m_pElsewhere / "log"},
             m_pFaults->Surroundings());
@@ -461,6 +469,10 @@ constexpr SweptFault kSweeps[] = {
     {"ShortReceive", FaultyCall::kReceive, FaultKind::kShort, 0},
     {"Send", FaultyCall::kSend, FaultKind::kError, ECONNRESET},
     {"ShortSend", FaultyCall::kSend, FaultKind::kShort, 0},
+    {"Resolve", FaultyCall::kResolve, FaultKind::kError, EIO},
+    {"Control", FaultyCall::kControl, FaultKind::kError, ENOMEM},
+    {"Poll", FaultyCall::kPoll, FaultKind::kError, ENOMEM},
+    {"InterruptedPoll", FaultyCall::kPoll, FaultKind::kError, EINTR},
     {"Thread", FaultyCall::kThread, FaultKind::kError, EAGAIN},
 #if !defined(NFSLIB_SANITIZED)  // their allocations are their own
     {"Memory", FaultyCall::kMemory, FaultKind::kError, ENOMEM},
