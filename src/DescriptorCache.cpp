@@ -41,15 +41,27 @@ bool CDescriptorCache::IsExported(const LogContext& /*log*/, const char* /*pcPat
 
 CCachedFile CDescriptorCache::GetCachedFileHandle(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu,
                                                   const char* pcPath, bool bReadWrite) {
+    FileWish wish;
+    wish.bReadWrite = bReadWrite;
+    return GetHostFile({this, pRuntimeParam, pLogArgu}, pcPath, wish);
+}
+
+CCachedFile CDescriptorCache::GetInfoFileHandle(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu,
+                                                const char* pcPath, bool bReadWrite) {
+    FileWish wish;
+    wish.bReadWrite = bReadWrite;
+    wish.bInfoFile = true;
+    return GetHostFile({this, pRuntimeParam, pLogArgu}, pcPath, wish);
+}
+
+CCachedFile CDescriptorCache::GetHostFile(const LogContext& log, const char* pcPath, FileWish& wish) {
     if (pcPath == nullptr || pcPath[0] == '\0') {
         return {};
     }
-    FileWish wish;
-    wish.bReadWrite = bReadWrite;
     if (IsLookDue(pcPath)) {
         wish.LookAt(pcPath);
     }
-    return TakeCachedFile({this, pRuntimeParam, pLogArgu}, pcPath, wish);
+    return TakeCachedFile(log, pcPath, wish);
 }
 
 CCachedFile CDescriptorCache::GetClientFile(const LogContext& log, const char* pcPath, bool bWrite,
@@ -186,8 +198,13 @@ int CDescriptorCache::OpenInMode(const LogContext& log, const char* pcPath, cons
 int CDescriptorCache::OpenForCache(const LogContext& log, const char* pcPath, int iFlags, const FileWish& wish,
                                    int* piError) {
     const auto open = [pcPath, iFlags, &wish] {
-        // Where the look met no link, there is to be none now.
-        return wish.bClient ? OpenRegularFile(pcPath, iFlags, *wish.pFound) : ::open(pcPath, iFlags | kOpenFlags);
+        if (wish.bClient) {
+            // Where the look met no link, there is to be none now.
+            return OpenRegularFile(pcPath, iFlags, *wish.pFound,
+                                   wish.bWrite ? OwnFiles::kAlways : OwnFiles::kAsPermitted);
+        }
+        const bool bToWrite = (iFlags & O_ACCMODE) != O_RDONLY;
+        return bToWrite || wish.bInfoFile ? OpenByOwnLinks(pcPath, iFlags) : ::open(pcPath, iFlags | kOpenFlags);
     };
     int iFile = open();
     if (iFile == -1 && errno == EMFILE) {

@@ -25,6 +25,10 @@ public:
     /// be that of a file that was replaced under its path.
     CCachedFile GetCachedFileHandle(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
                                     bool bReadWrite);
+    /// The same for a redirected file's info file. It is not opened by a stranger's link (OpenByOwnLinks), nor, to be
+    /// written to, is any other file of the host's.
+    CCachedFile GetInfoFileHandle(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath,
+                                  bool bReadWrite);
     /// A client was told that there is no such path: no descriptor of a removed file stays behind. One that serves the
     /// host's redirected files stays.
     void DropMissingFile(CRuntimeParam* pRuntimeParam, const LogArgu* pLogArgu, const char* pcPath);
@@ -55,6 +59,7 @@ private:
     /// What is wanted of the cache.
     struct FileWish {
         bool bReadWrite = false;  ///< to be opened for reading and writing, whatever the path
+        bool bInfoFile = false;   ///< for a redirected file's map: by no stranger's link
         bool bClient = false;     ///< for a client: a regular file or none
         bool bWrite = false;      ///< for a WRITE, which does not put up with a descriptor opened for reading alone
         bool bCalled = false;     ///< by a call that found the path in an export
@@ -73,6 +78,7 @@ private:
     virtual bool IsExported(const LogContext& log, const char* pcPath);
     bool FreeDescriptors(const LogContext& log) override;
 
+    CCachedFile GetHostFile(const LogContext& log, const char* pcPath, FileWish& wish);
     CCachedFile TakeCachedFile(const LogContext& log, const char* pcPath, const FileWish& wish);
     bool IsLookDue(const char* pcPath);
     static bool IsOtherFile(const OpenedFileInfo& info, const FoundStatus& found);

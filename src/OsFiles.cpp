@@ -166,7 +166,8 @@ bool COsFiles::OS_SetFileSize(CRuntimeParam* pRuntimeParam, const LogArgu* pLogA
                               unsigned long long iSize, char* pcStatus, const FoundStatus* pFound) {
     const LogContext log{this, pRuntimeParam, pLogArgu};
     const CDescriptor file(OpenWithRetry(log, [pcPath, pFound] {
-        return IsKnown(pFound) ? OpenRegularFile(pcPath, O_RDWR, *pFound) : CreateRegularFile(pcPath, kResizedFileMode);
+        return IsKnown(pFound) ? OpenRegularFile(pcPath, O_RDWR, *pFound, OwnFiles::kAlways)
+                               : CreateRegularFile(pcPath, kResizedFileMode);
     }));
     struct stat attributes {};
     bool bSuccess = file.IsOpen() && ::fstat(file.Get(), &attributes) == 0;

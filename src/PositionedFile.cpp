@@ -29,6 +29,11 @@ int CPositionedFile::Write(const LogContext& log, const void* pvBuffer, unsigned
     return Advance(iWritten);
 }
 
+void CPositionedFile::TakeBack(std::int64_t iEnd) {
+    [[maybe_unused]] const int iCut = ::ftruncate(m_File, iEnd);
+    m_iPosition = iEnd;
+}
+
 int CPositionedFile::Advance(long long iTransferred) {
     m_iPosition += iTransferred > 0 ? iTransferred : 0;
     return static_cast<int>(iTransferred);  // a call transfers less than 2 GiB

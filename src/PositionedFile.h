@@ -25,6 +25,9 @@ public:
     /// Bytes transferred, or -1; the position moves by what was transferred.
     int Read(const LogContext& log, void* pvBuffer, unsigned int iLen);
     int Write(const LogContext& log, const void* pvBuffer, unsigned int iLen);
+    /// Ends the file at an offset, where it ended before something was written in part, and moves there. If that fails,
+    /// what was written in part is written over by what comes next.
+    void TakeBack(std::int64_t iEnd);
 
 private:
     int Advance(long long iTransferred);

@@ -126,11 +126,14 @@ std::int64_t CRedirectedFile::ReferSource(const LogContext& log, const char* pcS
     return iSource;
 }
 
-CCachedFile CRedirectedFile::GetFile(const LogContext& log, const std::string& sPath, bool bReadWrite) {
+CCachedFile CRedirectedFile::GetFile(const LogContext& log, const std::string& sPath, FileUse use) {
     if (sPath.empty() || m_bClosed) {
         return {};
     }
-    CCachedFile file = m_pUtilities->GetCachedFileHandle(log.pRuntimeParam, log.pLogArgu, sPath.c_str(), bReadWrite);
+    CCachedFile file = use == FileUse::kSource
+                           ? m_pUtilities->GetCachedFileHandle(log.pRuntimeParam, log.pLogArgu, sPath.c_str(), false)
+                           : m_pUtilities->GetInfoFileHandle(log.pRuntimeParam, log.pLogArgu, sPath.c_str(),
+                                                             use == FileUse::kWriteMap);
     if (m_bClosed) {
         // Close may have been through the cache already: it leaves nothing open there, and so does this.
         file = {};
@@ -144,7 +147,7 @@ CCachedFile CRedirectedFile::GetInfoFile(const LogContext& log, bool bReadWrite)
         return {};
     }
     const auto psRenamed = GetRenamedInfoFile();
-    return GetFile(log, psRenamed ? *psRenamed : m_sInfoFile, bReadWrite);
+    return GetFile(log, psRenamed ? *psRenamed : m_sInfoFile, bReadWrite ? FileUse::kWriteMap : FileUse::kReadMap);
 }
 
 CCachedFile CRedirectedFile::GetWritableInfoFile(const LogContext& log) {
@@ -219,7 +222,11 @@ bool CRedirectedFile::WriteRecord(const LogContext& log, CPositionedFile& output
     record.iLength = iLength;
     m_iInfoFilePos = output.GetPosition();
     CreateCheckPoint({m_pUtilities, log.pRuntimeParam, &kCreateCheckPoint}, output, record);
-    const bool bFailed = output.Write(log, &record, kSegmentRecordSize) < 0;
+    const int iWritten = output.Write(log, &record, kSegmentRecordSize);
+    if (iWritten > 0 && iWritten < static_cast<int>(kSegmentRecordSize)) {
+        output.TakeBack(m_iInfoFilePos);  // half a record would shift all that follow
+    }
+    const bool bFailed = iWritten != static_cast<int>(kSegmentRecordSize);
     m_iInfoFilePos = output.GetPosition();
     m_nFailedWrites = bFailed ? m_nFailedWrites + 1 : 0;
     m_nSegments += bFailed ? 0 : 1;

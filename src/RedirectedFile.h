@@ -124,8 +124,10 @@ private:
 
     // ---- Building the map (RedirectedFile.cpp)
     std::int64_t ReferSource(const LogContext& log, const char* pcSource);
+    /// What a descriptor is to be had for.
+    enum class FileUse { kSource, kReadMap, kWriteMap };
     /// A descriptor from the cache; none for an empty path, a failed open, or once the file is closed.
-    CCachedFile GetFile(const LogContext& log, const std::string& sPath, bool bReadWrite);
+    CCachedFile GetFile(const LogContext& log, const std::string& sPath, FileUse use);
     CCachedFile GetInfoFile(const LogContext& log, bool bReadWrite);
     std::shared_ptr<const std::string> GetRenamedInfoFile() const;
     /// Where the info file is now; empty for none.

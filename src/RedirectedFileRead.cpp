@@ -277,7 +277,7 @@ bool CRedirectedFile::Reading::ReadSource(const Segment& segment, unsigned int i
         return true;
     }
     if (psSource != nullptr && (segment.iSource != m_iSource || !m_SourceFile.IsOpen())) {
-        m_SourceFile = m_RedirectedFile.GetFile(m_Log, *psSource, false);
+        m_SourceFile = m_RedirectedFile.GetFile(m_Log, *psSource, FileUse::kSource);
         m_iSource = segment.iSource;
         if (!m_SourceFile.IsOpen() && m_RedirectedFile.m_bClosed) {
             return false;

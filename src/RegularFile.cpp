@@ -5,7 +5,10 @@
 #include "RegularFile.h"
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
+#include <string>
+#include <string_view>
 
 #include <unistd.h>
 
@@ -15,6 +18,8 @@ namespace {
 
 /// "/proc/self/fd/" and a descriptor.
 constexpr std::size_t kDescriptorPathSize = 32;
+/// So many links in a row are followed, as by the kernel.
+constexpr int kMostLinks = 40;
 
 /// errno outlives the closing of descriptors.
 class ErrorKeeper {
@@ -79,21 +84,74 @@ bool IsWorthAnotherTry() {
     return errno == ENOENT || errno == EMFILE;
 }
 
+/// Opens the user's own file although its permissions refuse that: they are wider for as long as it takes. Fails as
+/// before for others' files.
+int OpenOwn(const DescriptorPath& path, int iName, int iFlags) {
+    struct stat status {};
+    if (::fstat(iName, &status) != 0 || status.st_uid != ::geteuid() ||
+        ::chmod(path.Get(), (status.st_mode & 07777U) | S_IRUSR | S_IWUSR) != 0) {
+        errno = EACCES;
+        return -1;
+    }
+    ErrorKeeper error;
+    int iFile = ::open(path.Get(), iFlags | kOpenFlags);
+    if (iFile == -1) {
+        error.Fail();
+    }
+    ::chmod(path.Get(), status.st_mode & 07777U);
+    return iFile;
+}
+
+/// Opens what a descriptor names.
+int OpenNamed(int iName, int iFlags, OwnFiles ownFiles) {
+    const DescriptorPath path(iName);
+    const int iFile = ::open(path.Get(), iFlags | kOpenFlags);
+    return iFile == -1 && errno == EACCES && ownFiles == OwnFiles::kAlways ? OpenOwn(path, iName, iFlags) : iFile;
+}
+
 /// Opens a file in two steps; open leads to it with the flags that it is given.
 template <class Open>
-int OpenIfRegular(const Open& open, int iFlags) {
+int OpenIfRegular(const Open& open, int iFlags, OwnFiles ownFiles) {
     ErrorKeeper error;  // lives longer than the descriptor below, whose closing might change it
     CDescriptor name(open(O_PATH | O_CLOEXEC));
     struct stat status {};
     if (!name.IsOpen() || ::fstat(name.Get(), &status) != 0 || !IsRegularFile(status)) {
         return error.Fail();
     }
-    int iFile = ::open(DescriptorPath(name.Get()).Get(), iFlags | kOpenFlags);
+    int iFile = OpenNamed(name.Get(), iFlags, ownFiles);
     if (iFile == -1 && IsWorthAnotherTry()) {
         name.Close();
         iFile = OpenSame(open, iFlags, status);
     }
     return iFile == -1 ? error.Fail() : iFile;
+}
+
+/// Makes a path that ends in a link one that ends where the link leads to. The owner asked for and the text read are
+/// one link's, whatever stands there by now. False, with errno set, for a stranger's link.
+bool FollowOwnLink(std::string* psPath) {
+    ErrorKeeper error;
+    const auto fail = [&error] { return error.Fail() != -1; };
+    const CDescriptor link(::open(psPath->c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    struct stat status {};
+    if (!link.IsOpen() || ::fstat(link.Get(), &status) != 0) {
+        return fail();
+    }
+    if (!S_ISLNK(status.st_mode)) {
+        return true;  // not any more: the next open tells what it is
+    }
+    if (status.st_uid != 0 && status.st_uid != ::geteuid()) {
+        errno = EACCES;
+        return fail();
+    }
+    char vcTarget[PATH_MAX];
+    const ssize_t nTarget = ::readlinkat(link.Get(), "", vcTarget, sizeof(vcTarget));
+    if (nTarget < 0) {
+        return fail();
+    }
+    const std::string_view sTarget(vcTarget, static_cast<std::size_t>(nTarget));
+    psPath->resize(sTarget.starts_with('/') ? 0 : psPath->rfind('/') + 1);
+    psPath->append(sTarget);
+    return true;
 }
 
 }  // namespace
@@ -107,23 +165,34 @@ bool IsRegularFile(const struct stat& status) {
 }
 
 int OpenRegularFile(const char* pcPath, int iFlags, PathLinks links) {
-    return OpenIfRegular([=](int iOpenFlags) { return OpenPath(pcPath, links, iOpenFlags); }, iFlags);
+    const auto open = [=](int iOpenFlags) { return OpenPath(pcPath, links, iOpenFlags); };
+    return OpenIfRegular(open, iFlags, OwnFiles::kAsPermitted);
 }
 
-int OpenRegularFile(const char* pcPath, int iFlags, const FoundStatus& found) {
-    const char* pcPlace = GetPlace(pcPath, found);
-    const PathLinks links = GetLinks(found);
+int OpenRegularFile(const char* pcPath, int iFlags, const FoundStatus& found, OwnFiles ownFiles) {
+    const auto open = [pcPlace = GetPlace(pcPath, found), links = GetLinks(found)](int iOpenFlags) {
+        return OpenPath(pcPlace, links, iOpenFlags);
+    };
     if (!found.name.IsOpen()) {
-        return OpenRegularFile(pcPlace, iFlags, links);
+        return OpenIfRegular(open, iFlags, ownFiles);
     }
     if (!IsRegularFile(found.status)) {
         return -1;
     }
-    const int iFile = ::open(DescriptorPath(found.name.Get()).Get(), iFlags | kOpenFlags);
-    if (iFile != -1 || !IsWorthAnotherTry()) {
-        return iFile;
+    const int iFile = OpenNamed(found.name.Get(), iFlags, ownFiles);
+    return iFile != -1 || !IsWorthAnotherTry() ? iFile : OpenSame(open, iFlags, found.status);
+}
+
+int OpenByOwnLinks(const char* pcPath, int iFlags) {
+    std::string sPath = pcPath;
+    for (int nLinks = 0; nLinks <= kMostLinks; ++nLinks) {
+        const int iFile = ::open(sPath.c_str(), iFlags | O_NOFOLLOW | kOpenFlags);
+        if (iFile != -1 || errno != ELOOP || !FollowOwnLink(&sPath)) {
+            return iFile;
+        }
     }
-    return OpenSame([=](int iOpenFlags) { return OpenPath(pcPlace, links, iOpenFlags); }, iFlags, found.status);
+    errno = ELOOP;
+    return -1;
 }
 
 int CreateRegularFile(const CFolderEntry& entry, mode_t iMode) {
@@ -131,7 +200,8 @@ int CreateRegularFile(const CFolderEntry& entry, mode_t iMode) {
     if (iNew != -1 || errno != EEXIST) {
         return iNew;
     }
-    const int iOld = OpenIfRegular([&entry](int iOpenFlags) { return entry.Open(iOpenFlags); }, O_RDWR);
+    const auto open = [&entry](int iOpenFlags) { return entry.Open(iOpenFlags); };
+    const int iOld = OpenIfRegular(open, O_RDWR, OwnFiles::kAlways);
     if (iOld != -1 || errno != ENOENT || entry.IsInItsFolder()) {
         return iOld;
     }

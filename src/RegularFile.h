@@ -26,6 +26,10 @@ struct FileIdentity {
 /// What symbolic links in a path are to an open: followed, or a reason to fail (ELOOP).
 enum class PathLinks { kFollowed, kRefused };
 
+/// What permissions are to the process's user where a file is that user's own: they decide, or the file is opened
+/// whatever they are. A client that makes a file for reading only goes on writing what it has open (RFC 1813, 4.4).
+enum class OwnFiles { kAsPermitted, kAlways };
+
 /// Is what the status tells of a regular file? Otherwise errno says why it is not opened: EISDIR for a folder,
 /// EOPNOTSUPP for a device, a FIFO or a socket.
 bool IsRegularFile(const struct stat& status);
@@ -35,10 +39,16 @@ bool IsRegularFile(const struct stat& status);
 int OpenRegularFile(const char* pcPath, int iFlags, PathLinks links);
 /// The same for what was found under a path, and no other file: the path leads to it without links if there is no
 /// descriptor that names it.
-int OpenRegularFile(const char* pcPath, int iFlags, const FoundStatus& found);
+int OpenRegularFile(const char* pcPath, int iFlags, const FoundStatus& found,
+                    OwnFiles ownFiles = OwnFiles::kAsPermitted);
 
-/// Makes a regular file, or opens the one that is there, for reading and writing. The descriptor, or -1 with errno set.
-/// By a path alone a link is followed, also one that leads nowhere yet.
+/// Opens what a path names as open() does, whatever it is, but for links in the last place of the path, and of what
+/// these lead to: they are followed only if they belong to root or to the process's user. Who may write beside a file
+/// could send its bytes to any other one else. The descriptor, or -1 with errno set: EACCES for a stranger's link.
+int OpenByOwnLinks(const char* pcPath, int iFlags);
+
+/// Makes a regular file, or opens the one that is there, for reading and writing, one's own in any case. The
+/// descriptor, or -1 with errno set. By a path alone a link is followed, also one that leads nowhere yet.
 int CreateRegularFile(const CFolderEntry& entry, mode_t iMode);
 
 /// Sets the permissions of what was found under a path. 0, or -1 with errno set.

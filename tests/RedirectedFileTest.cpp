@@ -2,7 +2,9 @@
 #include "RedirectedFile.h"
 
 #include <climits>
+#include <csignal>
 #include <string>
+#include <vector>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -10,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "RedirectedFileFixture.h"
+#include "SoftLimit.h"
 
 namespace {
 
@@ -146,6 +149,47 @@ TEST_F(RedirectedFileTest, MissingInfoFileMakesTheMapStayInMemory) {
     EXPECT_EQ(cursor.segment.iLength, 100 * kMiB) << "one entry, not cut";
     EXPECT_NE(::access(Info().c_str(), F_OK), 0) << "the info file is not made";
     EXPECT_EQ(Read(5, 10).sData, SourceBytes('A', 5, 10));
+}
+
+// Who may write beside the info file could send the records into any file that the server may write.
+TEST_F(RedirectedFileTest, StrangersLinkInTheInfoFilesPlaceGetsNoRecord) {
+    const std::string sVictim = m_Folder / "victim";
+    WriteWholeFile(sVictim, "precious");
+    ::unlink(Info().c_str());
+    ASSERT_EQ(::symlink(sVictim.c_str(), Info().c_str()), 0);
+    ASSERT_EQ(::lchown(Info().c_str(), 12345, 12345), 0);
+    OpenWithInfoFile(kMiB);
+    EXPECT_TRUE(Add(A(), 0, 0, kMiB));
+    EXPECT_EQ(ReadWholeFile(sVictim), "precious");
+    EXPECT_EQ(Read(5, 10).sData, SourceBytes('A', 5, 10)) << "the map stays in memory";
+    EXPECT_NE(LinesWith("OS open file"), "") << "the log says why";
+}
+
+TEST_F(RedirectedFileTest, LinkOfTheServersOwnLeadsToTheInfoFile) {
+    const std::string sElsewhere = m_Folder / "elsewhere";
+    WriteWholeFile(sElsewhere, "");
+    ::unlink(Info().c_str());
+    ASSERT_EQ(::symlink(sElsewhere.c_str(), Info().c_str()), 0);
+    OpenWithInfoFile(kMiB);
+    EXPECT_TRUE(Add(A(), 0, 0, kMiB));
+    EXPECT_EQ(ReadWholeFile(sElsewhere).size(), 32U);
+    EXPECT_EQ(Read(5, 10).sData, SourceBytes('A', 5, 10));
+}
+
+TEST_F(RedirectedFileTest, RecordThatIsWrittenInPartIsTakenBack) {
+    ::signal(SIGXFSZ, SIG_IGN);
+    OpenWithInfoFile(16 * kMiB, 1);
+    EXPECT_TRUE(Add(A(), 0, 0, kMiB));
+    {
+        const SoftLimit limit(RLIMIT_FSIZE, 32 + 16);
+        EXPECT_TRUE(Add(A(), 100, kMiB, kMiB));
+    }
+    EXPECT_EQ(ReadWholeFile(Info()).size(), 32U);
+    EXPECT_TRUE(Add(B(), 200, 2 * kMiB, kMiB));
+    const std::vector<Segment> vRecords = InfoRecords();
+    ASSERT_EQ(vRecords.size(), 2U);
+    EXPECT_EQ(vRecords[1].iFileOffset, 200);
+    EXPECT_EQ(vRecords[1].iOffset, 2 * kMiB);
 }
 
 TEST_F(RedirectedFileTest, CheckPointMemoryOfATebibyteStaysFarBelowAMebibyte) {

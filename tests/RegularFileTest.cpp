@@ -98,6 +98,62 @@ TEST_F(RegularFileTest, OneFreeDescriptorIsEnough) {
     EXPECT_TRUE(Create("f").IsOpen());
 }
 
+// ---- Links of one's own, and strangers'
+
+class OwnLinksTest : public RegularFileTest {
+protected:
+    static constexpr uid_t kStranger = 12345;
+
+    void SetUp() override { WriteWholeFile(m_Folder / "f", "x"); }
+    void MakeLink(const std::string& sTarget, const std::string& sName, uid_t iOwner) const {
+        ASSERT_EQ(::symlink(sTarget.c_str(), (m_Folder / sName).c_str()), 0);
+        ASSERT_EQ(::lchown((m_Folder / sName).c_str(), iOwner, 0), 0);
+    }
+    CDescriptor OpenOwn(const std::string& sName, int iFlags = O_RDWR) const {
+        return CDescriptor(OpenByOwnLinks((m_Folder / sName).c_str(), iFlags));
+    }
+    bool IsF(const CDescriptor& file) const {
+        struct stat opened {};
+        struct stat f {};
+        return ::fstat(file.Get(), &opened) == 0 && ::stat((m_Folder / "f").c_str(), &f) == 0 &&
+               FileIdentity(opened) == FileIdentity(f);
+    }
+};
+
+TEST_F(OwnLinksTest, OwnLinksAreFollowedFromOneToTheNext) {
+    ASSERT_EQ(::mkdir((m_Folder / "dir").c_str(), 0755), 0);
+    MakeLink("../f", "dir/up", 0);
+    MakeLink("dir/up", "link", ::geteuid());
+    MakeLink(m_Folder / "link", "whole", 0);
+    EXPECT_TRUE(IsF(OpenOwn("f")));
+    EXPECT_TRUE(IsF(OpenOwn("link")));
+    EXPECT_TRUE(IsF(OpenOwn("whole", O_RDONLY)));
+}
+
+TEST_F(OwnLinksTest, StrangersLinkIsNotFollowedWhereverItStandsInTheRow) {
+    MakeLink("f", "strange", kStranger);
+    MakeLink("strange", "own", 0);
+    for (const int iFlags : {O_RDONLY, O_RDWR}) {
+        for (const char* pcName : {"strange", "own"}) {
+            EXPECT_FALSE(OpenOwn(pcName, iFlags).IsOpen()) << pcName;
+            EXPECT_EQ(errno, EACCES) << pcName;
+        }
+    }
+}
+
+TEST_F(OwnLinksTest, LinksInARingAndToNothingFailAsTheyDo) {
+    MakeLink("ring", "ring", 0);
+    MakeLink("none", "dangling", 0);
+    EXPECT_FALSE(OpenOwn("ring").IsOpen());
+    EXPECT_EQ(errno, ELOOP);
+    EXPECT_FALSE(OpenOwn("ring/f").IsOpen());
+    EXPECT_EQ(errno, ELOOP);
+    EXPECT_FALSE(OpenOwn("dangling").IsOpen());
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_FALSE(OpenOwn("none").IsOpen());
+    EXPECT_EQ(errno, ENOENT);
+}
+
 // A FIFO that takes a file's place at any moment is never opened: its writer would be let go.
 TEST_F(RegularFileTest, FifoThatComesAndGoesIsNeverOpened) {
     const std::string sPath = m_Folder / "f";

@@ -367,37 +367,69 @@ TEST_F(HostFilesTest, RunningProgramIsReadAndOneThatWasLookedAtCanBeRun) {
     EXPECT_EQ(Write(sHandle, "x"), 0U);
 }
 
-TEST_F(HostFilesTest, ServiceUserReadsWhatItMayNotWrite) {
-    if (::geteuid() != 0) {
-        GTEST_SKIP() << "needs root, to become somebody else";
+/// Does something as a service's user does, with a folder exported: the status of the process that did. Without root,
+/// or another user in this user namespace, kNobodyElse.
+constexpr int kNobodyElse = 2;
+template <class Do>
+int AsServiceUser(const std::string& sFolder, const Do& what) {
+    if (::geteuid() != 0 || ::chmod(sFolder.c_str(), 0777) != 0) {
+        return kNobodyElse;
     }
-    WriteWholeFile(Path("f"), "content");
-    ASSERT_EQ(::chmod(Path("f").c_str(), 0444), 0);
-    ASSERT_EQ(::chmod(Folder().Path().c_str(), 0755), 0);
     const pid_t iChild = ::fork();
     if (iChild == 0) {
         if (::setgid(65534) != 0 || ::setuid(65534) != 0) {
-            ::_exit(2);
+            ::_exit(kNobodyElse);
         }
         CUtilities utilities;
         CRuntimeParam param("child", 0);
-        LogArgu tag{"Child"};
-        const std::string sPath = Path("f");
-        utilities.AddMountInfo(&param, &tag, Folder().Path().c_str(), "data", "", nullptr);
+        const LogArgu tag{"Child"};
+        utilities.AddMountInfo(&param, &tag, sFolder.c_str(), "data", "", nullptr);
+        ::_exit(what(utilities, &param, &tag) ? 0 : 1);
+    }
+    int iStatus = 0;
+    return ::waitpid(iChild, &iStatus, 0) == iChild && WIFEXITED(iStatus) ? WEXITSTATUS(iStatus) : -1;
+}
+
+TEST_F(HostFilesTest, ServiceUserReadsWhatItMayNotWrite) {
+    WriteWholeFile(Path("f"), "content");
+    ASSERT_EQ(::chmod(Path("f").c_str(), 0444), 0);
+    const auto readAndWrite = [sPath = Path("f")](CUtilities& utilities, CRuntimeParam* pParam, const LogArgu* pTag) {
         char vcBuffer[16];
         bool bEof = false;
         const int iRead =
-            utilities.ReadFile(&param, &tag, sPath.c_str(), 0, SEEK_SET, vcBuffer, sizeof(vcBuffer), &bEof);
-        const int iWritten = utilities.WriteFile(&param, &tag, sPath.c_str(), 0, SEEK_SET, "x", 1);
-        ::_exit(iRead == 7 && bEof && iWritten == -1 ? 0 : 1);
-    }
-    int iStatus = 0;
-    ASSERT_EQ(::waitpid(iChild, &iStatus, 0), iChild);
-    if (WEXITSTATUS(iStatus) == 2) {
-        GTEST_SKIP() << "no second user to change to in this user namespace";
+            utilities.ReadFile(pParam, pTag, sPath.c_str(), 0, SEEK_SET, vcBuffer, sizeof(vcBuffer), &bEof);
+        const int iWritten = utilities.WriteFile(pParam, pTag, sPath.c_str(), 0, SEEK_SET, "x", 1);
+        return iRead == 7 && bEof && iWritten == -1;
+    };
+    const int iStatus = AsServiceUser(Folder().Path(), readAndWrite);
+    if (iStatus == kNobodyElse) {
+        GTEST_SKIP() << "needs root, and a second user, to become somebody else";
     }
     EXPECT_EQ(iStatus, 0);
     EXPECT_EQ(ReadWholeFile(Path("f")), "content");
+}
+
+// A client that makes a file nobody may write to goes on writing it: cp of a read-only file, git, tar.
+TEST_F(HostFilesTest, ServiceUserWritesFilesOfItsOwnWhateverTheirPermissions) {
+    const auto make = [](CUtilities& utilities, CRuntimeParam* pParam, const LogArgu* pTag, const std::string& sPath,
+                         mode_t iMode) {
+        const CDescriptor file(::open(sPath.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+        struct stat status {};
+        return ::fchmod(file.Get(), iMode) == 0 &&
+               utilities.WriteFile(pParam, pTag, sPath.c_str(), 0, SEEK_SET, "longer", 6) == 6 &&
+               utilities.OS_SetFileSize(pParam, pTag, sPath.c_str(), 4, nullptr) && ::fstat(file.Get(), &status) == 0 &&
+               (status.st_mode & 07777U) == iMode && status.st_size == 4;
+    };
+    const auto makeAll = [&](CUtilities& utilities, CRuntimeParam* pParam, const LogArgu* pTag) {
+        return make(utilities, pParam, pTag, Path("r"), 0444) && make(utilities, pParam, pTag, Path("w"), 0200) &&
+               make(utilities, pParam, pTag, Path("none"), 0);
+    };
+    const int iStatus = AsServiceUser(Folder().Path(), makeAll);
+    if (iStatus == kNobodyElse) {
+        GTEST_SKIP() << "needs root, and a second user, to become somebody else";
+    }
+    EXPECT_EQ(iStatus, 0);
+    EXPECT_EQ(ReadWholeFile(Path("r")), "long");
 }
 
 // ---- What is not to be opened
