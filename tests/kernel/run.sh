@@ -43,6 +43,7 @@ scenarios=(
     ' 60 scenario_replace         a file that the host replaces is read and written as what it is now'
     ' 60 scenario_links           removing a symbolic link leaves what it points to'
     ' 60 scenario_read_only       files on a read-only file system are read, and not written'
+    ' 90 scenario_service_user    a server that is not root writes the read-only files it has just made'
     ' 60 scenario_traffic         a file with captured calls in it is copied, and they are not executed'
     ' 60 scenario_direct          O_DIRECT and mmap write and read the same bytes'
     '120 scenario_four            four processes work side by side'

@@ -3,17 +3,20 @@
 server_pid=
 exports=(data other)
 
-# start_server: the console as it was built, serving the folders of all exports.
+# start_server [FOLDER COMMAND...]: the console as it was built, serving the folders of all exports. With arguments, those
+# in another place, and the console is started by a command.
 start_server() {
-    local i name
+    local i name place=${1:-$work}
+    local console=("$build/bin/nfsconsole")
+    [ $# -lt 2 ] || console=("${@:2}")
     : >"$work/server.log"
     [ -p "$work/server.in" ] || mkfifo "$work/server.in"
     exec {to_server}<>"$work/server.in"
-    "$build/bin/nfsconsole" -md svr -id kernel -log 1 <"$work/server.in" >"$work/server.log" 2>&1 &
+    "${console[@]}" -md svr -id kernel -log 1 <"$work/server.in" >"$work/server.log" 2>&1 &
     server_pid=$!
     printf 'debug\nstart\n' >&"$to_server"
     for name in "${exports[@]}"; do
-        printf 'mount %s=%s\n' "$work/$name" "$name" >&"$to_server"
+        printf 'mount %s=%s\n' "$place/$name" "$name" >&"$to_server"
     done
     printf 'print all exports are there\n' >&"$to_server"
     for ((i = 0; i < 100; ++i)); do

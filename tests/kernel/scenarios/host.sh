@@ -81,3 +81,35 @@ scenario_read_only() {
     expect "the file is as it was" "$build/bin/kernel_probe" check "$work/readonly/file" 300000 65536 41
     rm -rf "$work/readonly"
 }
+
+# The server as an ordinary user, as its service runs it: a client that makes a file nobody may write to goes on writing it.
+scenario_service_user() {
+    local place=/tmp/service name
+    awk '$1 + $3 > 65534 { found = 1 } END { exit !found }' /proc/self/uid_map || { skip "no second user"; return; }
+    stop_server
+    expect "the server stops, with success" [ $? -eq 0 ]
+    mkdir -p "$place/bin"
+    cp "$build/bin/nfsconsole" "$build"/lib/libNfsLib.so* "$place/bin"
+    for name in "${exports[@]}"; do
+        mkdir "$place/$name" && chown 65534:65534 "$place/$name"
+    done
+    echo "root's" >"$place/data/roots"
+    echo 0 >/proc/sys/net/ipv4/ip_unprivileged_port_start
+    start_server "$place" setpriv --reuid=65534 --regid=65534 --clear-groups env LD_LIBRARY_PATH="$place/bin" \
+        "$place/bin/nfsconsole"
+    expect "mounted" mount_as a data || return
+    expect "the client has a read-only file" guest 'probe write /tmp/f 0 300000 65536 61 && chmod 444 /tmp/f'
+    expect "it is copied" guest 'cp /tmp/f /mnt/a/copy'
+    expect "it is unpacked" guest 'cd /tmp && tar cf f.tar f && tar xf f.tar -C /mnt/a'
+    for name in copy f; do
+        expect "$name is whole on the host" "$build/bin/kernel_probe" check "$place/data/$name" 300000 65536 61
+        expect_text "and read-only" "444 65534" stat -c '%a %u' "$place/data/$name"
+    done
+    expect "a file of somebody else's is not written" \
+        fails guest 'dd if=/tmp/f of=/mnt/a/roots bs=9 count=1 conv=notrunc,fsync'
+    expect_text "and is as it was" "root's" cat "$place/data/roots"
+    expect "unmounted" unmount a data
+    stop_server
+    expect "the server stops, with success" [ $? -eq 0 ]
+    start_server
+}
