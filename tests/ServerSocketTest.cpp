@@ -165,50 +165,48 @@ TEST_F(ServerSocketTest, AConnectionThatClosesFreesItsSlotForTheNextOne) {
     }
 }
 
-TEST_F(ServerSocketTest, AConnectionWhosePeerHasClosedDoesNotCountHoweverLongItsLastCallRuns) {
+/// Calls that begin, and go on when they are let go.
+struct HeldCalls {
     std::atomic<bool> bRunning{false};
     std::atomic<bool> bGo{false};
-    FunctionListener slow([&](CSocket* pSocket) {
+    FunctionListener listener{[this](CSocket* pSocket) {
         bRunning = true;
-        EXPECT_TRUE(WaitUntil([&] { return bGo.load(); }));
+        EXPECT_TRUE(WaitUntil([this] { return bGo.load(); }));
         Echo(pSocket);
-    });
-    m_Server.SetListener(&slow);
-    Open(1);
-    {
-        const auto pGone = Connect();
-        pGone->Send("a call");
-        ASSERT_TRUE(WaitUntil([&] { return bRunning.load(); }));
+    }};
+
+    /// A client's call begins, and the client goes.
+    void BeginAndGo(RpcClient& client) {
+        client.Send("a call");
+        ASSERT_TRUE(WaitUntil([this] { return bRunning.load(); }));
+        client.Close();
     }
+};
+
+TEST_F(ServerSocketTest, AConnectionWhosePeerHasClosedDoesNotCountHoweverLongItsLastCallRuns) {
+    HeldCalls held;
+    m_Server.SetListener(&held.listener);
+    Open(1);
+    held.BeginAndGo(*Connect());
     const auto pNext = Connect();
     EXPECT_TRUE(pNext->StaysSilent(1500ms)) << "longer than a slot is likely to need";
-    bGo = true;
+    held.bGo = true;
     ExpectServed(*pNext);
 }
 
 // A client's last call keeps its slot after it has gone, and the accept thread waits for that slot with the connection
 // that came next. Those that come and go meanwhile have certainly gone when they are accepted, with the slot taken.
 TEST_F(ServerSocketTest, ANewConnectionWhosePeerHasAlreadyClosedDoesNotCount) {
-    std::atomic<bool> bRunning{false};
-    std::atomic<bool> bGo{false};
-    FunctionListener slow([&](CSocket* pSocket) {
-        bRunning = true;
-        EXPECT_TRUE(WaitUntil([&] { return bGo.load(); }));
-        Echo(pSocket);
-    });
+    HeldCalls held;
     for (const bool bReset : {false, true}) {
-        bRunning = false;
-        bGo = false;
-        m_Server.SetListener(&slow);
+        held.bRunning = false;
+        held.bGo = false;
+        m_Server.SetListener(&held.listener);
         Open(1);
-        {
-            const auto pGone = Connect();
-            pGone->Send("a call");
-            ASSERT_TRUE(WaitUntil([&] { return bRunning.load(); }));
-        }
+        held.BeginAndGo(*Connect());
         auto pNext = Connect();
         ConnectAndClose(bReset);
-        bGo = true;
+        held.bGo = true;
         ExpectServed(*pNext);
         pNext.reset();
         ExpectServed(*Connect());

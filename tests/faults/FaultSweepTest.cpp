@@ -18,12 +18,11 @@
 
 #include "ChildProcess.h"
 #include "HostSide.h"
-#include "Isolation.h"
-#include "LeakGuard.h"
 #include "Limits.h"
 #include "NfsClient.h"
 #include "NfsIpcClientMain.h"
 #include "ServerHoldings.h"
+#include "SteeredServerFixture.h"
 #include "TempFolder.h"
 #include "WaitUntil.h"
 
@@ -353,49 +352,29 @@ private:
     bool m_bSegmentAdded = false;
 };
 
-/// An external server whose calls can go wrong, steered by a client in this process.
-class FaultSweepTest : public testing::TestWithParam<SweptFault> {
+class FaultSweepTest : public SteeredServerFixture {
 protected:
     /// No call comes as often in one round.
     static constexpr int kMostCalls = 2000;
 
     void SetUp() override {
-        if (!IsIsolated()) {
-            GTEST_SKIP() << kNotIsolated;
+        SteeredServerFixture::SetUp();
+        if (IsSkipped()) {
+            return;
         }
-        m_pFolder = std::make_unique<TempFolder>();
-        m_pElsewhere = std::make_unique<TempFolder>();
-        m_pFaults = std::make_unique<Faults>(*m_pElsewhere / "faults");
         WriteWholeFile(*m_pFolder / "seed", Pattern(50000, 3));
         WriteWholeFile(*m_pFolder / "source", Pattern(100, 5));
         WriteWholeFile(*m_pFolder / "disk", "");
         std::filesystem::create_symlink(*m_pElsewhere / "stolen", *m_pFolder / "out");
-        m_pServer = std::make_unique<ConsoleProcess>(
-            std::vector<std::string>{"-md", "svr", "-id", "srv", "-log", "33", "-logfile", *m_pElsewhere / "log"},
-            m_pFaults->Surroundings());
-        ASSERT_TRUE(m_pServer->WaitForPrompt()) << m_pServer->Output();
-        m_pHostSide = std::make_unique<HostSide>("client");
+        Start({"-log", "33", "-logfile", *m_pElsewhere / "log"});
+        ASSERT_FALSE(HasFatalFailure());
         m_pHostSide->Log().SetHost([](const Notification& told) { return static_cast<int>(told.iLen) - 1; });
         char vcReason[kReasonBufferSize] = "";
-        ASSERT_TRUE(m_pHostSide->Start(vcReason)) << vcReason;
-        ASSERT_TRUE(m_pHostSide->Client().StartServer(0, 0, 0, 0, false, vcReason)) << vcReason;
-        ASSERT_TRUE(m_pHostSide->Client().AddMountPoint(m_pFolder->Path().c_str(), "exp", vcReason)) << vcReason;
         const std::string sDisk = *m_pFolder / "disk";
         m_pHostSide->Client().OpenRedirectedFile(sDisk.c_str(), 40000, false, 0, 0);
         ASSERT_TRUE(m_pHostSide->Client().AddRedirectedFileSegment(sDisk.c_str(), (*m_pFolder / "seed").c_str(), 10000,
                                                                    0, 40000, vcReason))
             << vcReason;
-    }
-
-    void TearDown() override {
-        m_pHostSide.reset();
-        if (m_pServer && m_pServer->IsRunning()) {
-            EXPECT_EQ(m_pServer->Quit(), 0) << m_pServer->Output();
-        }
-        m_pServer.reset();
-        m_pFaults.reset();
-        m_pElsewhere.reset();
-        m_pFolder.reset();
     }
 
     Holdings GetHoldings() const { return ReadHoldings(m_pServer->GetPid()); }
@@ -414,15 +393,6 @@ protected:
         round.Check();
     }
 
-private:
-    LeakGuard m_Leaks;
-
-protected:
-    std::unique_ptr<TempFolder> m_pFolder;
-    std::unique_ptr<TempFolder> m_pElsewhere;
-    std::unique_ptr<Faults> m_pFaults;
-    std::unique_ptr<ConsoleProcess> m_pServer;
-    std::unique_ptr<HostSide> m_pHostSide;
     bool m_bFired = false;
 };
 

@@ -10,19 +10,17 @@
 
 #include <gtest/gtest.h>
 
-#include "ChildProcess.h"
 #include "Faults.h"
 #include "HostSide.h"
-#include "Isolation.h"
-#include "LeakGuard.h"
 #include "Limits.h"
 #include "NfsClient.h"
 #include "Segment.h"
+#include "SteeredServerFixture.h"
 #include "TempFolder.h"
 
 namespace {
 
-class InfoFileFaultsTest : public testing::TestWithParam<SweptFault> {
+class InfoFileFaultsTest : public SteeredServerFixture {
 protected:
     static constexpr int kMostCalls = 200;
     /// In other places of the source than of the file, so that a record that is read from its middle shows.
@@ -35,12 +33,10 @@ protected:
     static constexpr std::size_t kSize = 90;
 
     void SetUp() override {
-        if (!IsIsolated()) {
-            GTEST_SKIP() << kNotIsolated;
+        SteeredServerFixture::SetUp();
+        if (IsSkipped()) {
+            return;
         }
-        m_pFolder = std::make_unique<TempFolder>();
-        m_pElsewhere = std::make_unique<TempFolder>();
-        m_pFaults = std::make_unique<Faults>(*m_pElsewhere / "faults");
         for (std::size_t i = 0; i < kSize; ++i) {
             m_sSource += static_cast<char>('!' + i);
         }
@@ -49,24 +45,7 @@ protected:
                 m_sSource.substr(static_cast<std::size_t>(piece.iSource), static_cast<std::size_t>(piece.nLength));
         }
         WriteWholeFile(*m_pFolder / "source", m_sSource);
-        m_pServer = std::make_unique<ConsoleProcess>(std::vector<std::string>{"-md", "svr", "-id", "srv"},
-                                                     m_pFaults->Surroundings());
-        ASSERT_TRUE(m_pServer->WaitForPrompt()) << m_pServer->Output();
-        m_pHostSide = std::make_unique<HostSide>("client");
-        char vcReason[kReasonBufferSize] = "";
-        ASSERT_TRUE(m_pHostSide->Start(vcReason)) << vcReason;
-        ASSERT_TRUE(m_pHostSide->Client().StartServer(0, 0, 0, 0, false, vcReason)) << vcReason;
-        ASSERT_TRUE(m_pHostSide->Client().AddMountPoint(m_pFolder->Path().c_str(), "exp", vcReason)) << vcReason;
-    }
-    void TearDown() override {
-        m_pHostSide.reset();
-        if (m_pServer && m_pServer->IsRunning()) {
-            EXPECT_EQ(m_pServer->Quit(), 0) << m_pServer->Output();
-        }
-        m_pServer.reset();
-        m_pFaults.reset();
-        m_pElsewhere.reset();
-        m_pFolder.reset();
+        Start();
     }
 
     /// Which of the pieces were accepted.
@@ -125,15 +104,6 @@ protected:
         }
     }
 
-private:
-    LeakGuard m_Leaks;
-
-protected:
-    std::unique_ptr<TempFolder> m_pFolder;
-    std::unique_ptr<TempFolder> m_pElsewhere;
-    std::unique_ptr<Faults> m_pFaults;
-    std::unique_ptr<ConsoleProcess> m_pServer;
-    std::unique_ptr<HostSide> m_pHostSide;
     std::string m_sSource;
     std::string m_sDisk;
 };
