@@ -94,7 +94,7 @@ int OpenOwn(const DescriptorPath& path, int iName, int iFlags) {
         return -1;
     }
     ErrorKeeper error;
-    int iFile = ::open(path.Get(), iFlags | kOpenFlags);
+    const int iFile = ::open(path.Get(), iFlags | kOpenFlags);
     if (iFile == -1) {
         error.Fail();
     }
@@ -130,7 +130,10 @@ int OpenIfRegular(const Open& open, int iFlags, OwnFiles ownFiles) {
 /// one link's, whatever stands there by now. False, with errno set, for a stranger's link.
 bool FollowOwnLink(std::string* psPath) {
     ErrorKeeper error;
-    const auto fail = [&error] { return error.Fail() != -1; };
+    const auto fail = [&error] {
+        error.Fail();
+        return false;
+    };
     const CDescriptor link(::open(psPath->c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
     struct stat status {};
     if (!link.IsOpen() || ::fstat(link.Get(), &status) != 0) {

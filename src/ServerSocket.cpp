@@ -152,10 +152,10 @@ void CServerSocket::Run() {
         if (m_bClosed) {
             break;
         }
-        if (!(i < m_nMaxNum) && CSocket::IsPeerGone(connection.Get())) {
-            continue;  // it is dropped
-        }
         if (!(i < m_nMaxNum)) {
+            if (CSocket::IsPeerGone(connection.Get())) {
+                continue;  // it is dropped
+            }
             __assert_fail("i < m_nMaxNum", "src/ServerSocket.cpp", __LINE__, __PRETTY_FUNCTION__);
         }
         // Without a thread to be had the connection is closed and the slot stays free.
