@@ -61,7 +61,9 @@ std::string Advice() {
            " and " + std::to_string(kDefaultMountPort) + "; beside a system portmapper it takes 2050 and 1059)";
 }
 
-/// UMNT on a connection of its own. Ports are known; throws NfsError if it was not answered.
+/// UMNT on a connection of its own: libnfs would use the mount's context again, in which calls may be under way, and
+/// take the answer for the rest of a reply that had come in part. Ports are known; throws NfsError if it was not
+/// answered.
 void ReleaseWithin(const NfsTarget& target, int iInterrupt, int iPatience) {
     struct Deleter {
         void operator()(rpc_context* pRpc) const { rpc_destroy_context(pRpc); }
@@ -84,13 +86,12 @@ void ReleaseWithin(const NfsTarget& target, int iInterrupt, int iPatience) {
     }
 }
 
-/// Takes back what a failed mount may have bound; false if the MOUNT port cannot be reached.
-bool TakeBack(const NfsTarget& target, int iPatience) {
+/// Takes back what a mount may have bound, on the way out of a failure that gets reported.
+void TakeBack(const NfsTarget& target, int iPatience) {
     try {
         ReleaseWithin(target, kNoInterrupt, iPatience);
-        return true;
     } catch (const NfsError&) {
-        return false;  // the failure of the mount gets reported
+        // what went wrong before says more
     }
 }
 
@@ -147,28 +148,18 @@ NfsSession::~NfsSession() {
         return;
     }
     // On the way out of a failure, and that one gets reported: a failed unmount says nothing here.
-    try {
-        if (m_Connection.IsUsable()) {
-            Unmount({kNoInterrupt, kLeaveMilliseconds, 0});
-        } else {
-            m_Connection.Close();  // what it still had to send must not follow the unmount
-            ReleaseWithin(m_Target, kNoInterrupt, kLeaveMilliseconds);
-        }
-    } catch (const NfsError&) {
-        // see above
-    }
+    m_Connection.Close();
+    TakeBack(m_Target, kLeaveMilliseconds);
 }
 
 void NfsSession::End() {
-    const NfsResult result = Unmount({m_Connection.GetInterrupt(), kNoLimit, kLeaveMilliseconds});
+    m_Connection.Close();
     m_bMounted = false;
-    if (result.iResult != 0) {
-        NfsConnection::Fail("unmount of \"" + m_Target.sExport + "\"", result);
+    try {
+        ReleaseWithin(m_Target, m_Connection.GetInterrupt(), NfsConnection::kTimeoutMilliseconds);
+    } catch (const Interrupted&) {  // the work is done: only the wait for a silent server is cut short
+        ReleaseWithin(m_Target, kNoInterrupt, kLeaveMilliseconds);
     }
-}
-
-NfsResult NfsSession::Unmount(const NfsLimits& limits) {
-    return m_Connection.Finish(m_Connection.Begin(nfs_umount_async), limits);
 }
 
 void NfsSession::Release(const NfsTarget& target, int iInterrupt) {

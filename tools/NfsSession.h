@@ -38,7 +38,7 @@ public:
     /// Removes a file, or an empty directory.
     void Remove(const std::string& sPath);
     void MakeDirectory(const std::string& sPath);
-    /// Unmounts; throws NfsError if the server did not answer it.
+    /// Drops the connection and unmounts: no operation may follow. Throws NfsError if the server did not answer it.
     void End();
 
     NfsConnection& Connection() { return m_Connection; }
@@ -48,7 +48,6 @@ public:
 
 private:
     NfsResult Look(const std::string& sPath, NfsEntry& entry);
-    NfsResult Unmount(const NfsLimits& limits);
     /// Takes back a mount that failed, as far as it got, and throws what is to be reported.
     [[noreturn]] void FailMount(const NfsResult& result);
 

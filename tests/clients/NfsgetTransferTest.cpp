@@ -3,6 +3,7 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <cstring>
 #include <set>
 #include <thread>
 
@@ -175,10 +176,12 @@ TEST_F(NfsgetTest, LongTransferTellsItsProgressOnATerminalOnly) {
     ExpectUnmounted();
 }
 
-/// A forwarder in front of the NFS port that holds replies to READs back until so many have been asked for.
+/// A forwarder in front of the NFS port that holds replies to READs back until so many have been asked for. It may then
+/// let one of them pass, together with a part of the next, and nothing after that.
 class HoldingForwarder {
 public:
-    HoldingForwarder(std::uint16_t iPort, int nReads) : m_nWanted(nReads), m_Listener(Listen(iPort)) {
+    HoldingForwarder(std::uint16_t iPort, int nReads, bool bCut = false)
+        : m_nWanted(nReads), m_bCut(bCut), m_Listener(Listen(iPort)) {
         m_Thread = std::thread([this] { Forward(); });
     }
     ~HoldingForwarder() { m_Thread.join(); }
@@ -215,7 +218,7 @@ private:
         for (bool bOpen = true; bOpen;) {
             const bool bHold = m_nReads > 0 && m_nReads < m_nWanted && std::chrono::steady_clock::now() < tEnd;
             std::array<pollfd, 2> entries{pollfd{client.Get(), POLLIN, 0},
-                                          pollfd{bHold ? -1 : server.Get(), POLLIN, 0}};
+                                          pollfd{bHold || m_bSilent ? -1 : server.Get(), POLLIN, 0}};
             ::poll(entries.data(), entries.size(), 100);
             std::array<char, 65536> vcBytes{};
             if (entries[0].revents != 0) {
@@ -226,12 +229,39 @@ private:
             if (entries[1].revents != 0) {
                 const ssize_t nGot = ::recv(server.Get(), vcBytes.data(), vcBytes.size(), 0);
                 bOpen = bOpen && nGot > 0 &&
-                        ::send(client.Get(), vcBytes.data(), static_cast<std::size_t>(nGot), MSG_NOSIGNAL) == nGot;
+                        PassReplies(client, std::string(vcBytes.data(), static_cast<std::size_t>(nGot)));
             }
         }
     }
 
+    static bool Send(const CDescriptor& client, const std::string& sBytes) {
+        return ::send(client.Get(), sBytes.data(), sBytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(sBytes.size());
+    }
+    bool PassReplies(const CDescriptor& client, const std::string& sBytes) {
+        if (!m_bCut || m_nReads == 0) {
+            return Send(client, sBytes);
+        }
+        m_sReplies += sBytes;
+        constexpr std::size_t kPart = 1000;
+        std::uint32_t nRecord = 0;
+        if (m_sReplies.size() < sizeof(nRecord)) {
+            return true;
+        }
+        std::memcpy(&nRecord, m_sReplies.data(), sizeof(nRecord));
+        const std::size_t nFirst = sizeof(nRecord) + (ntohl(nRecord) & 0x7fffffffU);
+        if (m_sReplies.size() < nFirst + kPart) {
+            return true;
+        }
+        m_bSilent = true;
+        // So few bytes arrive at once: who sees the first reply's end sees the second's beginning.
+        return Send(client, m_sReplies.substr(0, nFirst - kPart)) &&
+               Send(client, m_sReplies.substr(nFirst - kPart, 2 * kPart));
+    }
+
     const int m_nWanted;
+    const bool m_bCut;
+    bool m_bSilent = false;
+    std::string m_sReplies;
     std::atomic<int> m_nReads = 0;
     CDescriptor m_Listener;
     std::thread m_Thread;
@@ -249,6 +279,27 @@ TEST_F(NfsgetTest, ManyReadsAreUnderWayAtOnce) {
     EXPECT_TRUE(ReadWholeFile(local / "file") == sContent);
     EXPECT_GE(forwarder.ReadsSeen(), kUnderWay);
     EXPECT_LT(std::chrono::steady_clock::now() - tStart, std::chrono::seconds(10)) << "it waited for replies";
+}
+
+/// On a network a transfer that fails mostly does so in the middle of a reply.
+TEST_F(NfsgetTest, FailureInTheMiddleOfAReplyUnmountsAtOnce) {
+    const TempFolder local;
+    if (::mount("none", local.Path().c_str(), "tmpfs", 0, "size=4k") != 0) {
+        GTEST_SKIP() << "no file system of a given size can be mounted here";
+    }
+    WriteWholeFile(Folder() / "file", std::string(std::size_t{1} << 20, 'x'));
+    const auto tStart = std::chrono::steady_clock::now();
+    {
+        const HoldingForwarder forwarder(4049, 1, true);
+        const RunResult result = Run({"-p", "4049", "get", "127.0.0.1:data/file", local / "file"});
+        EXPECT_EQ(result.iStatus, 1);
+        EXPECT_EQ(result.sOutput,
+                  "nfsget: \"" + (local / "file.nfsget-part") + "\": local write: No space left on device\n");
+    }
+    EXPECT_TRUE(std::filesystem::is_empty(local.Path()));
+    umount(local.Path().c_str());
+    ExpectUnmounted();
+    EXPECT_LT(std::chrono::steady_clock::now() - tStart, std::chrono::seconds(3)) << "it waited for an answer";
 }
 
 }  // namespace
