@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include "LocalFile.h"
+#include "LocalTarget.h"
 #include "NfsError.h"
 #include "NfsSession.h"
 #include "Progress.h"
@@ -56,16 +57,24 @@ void Receive(RemoteFile& remote, LocalFile& part, bool bResume) {
     part.Close();
 }
 
-void GetFile(NfsSession& session, const std::string& sPath, const std::string& sLocal, bool bResume) {
-    const std::string sPart = sLocal + ".nfsget-part";
+void GetStream(NfsSession& session, const std::string& sPath, const LocalFile& output) {
+    RemoteFile remote(session, sPath, O_RDONLY, "open");
+    Progress progress(remote.Size(), ::isatty(output.Get()) == 1);
+    Download(remote, output, progress).Run(0);
+    remote.Close();
+}
+
+void GetFile(NfsSession& session, const std::string& sPath, const LocalTarget& target, bool bResume) {
+    const std::string sPart = target.PartPath();
     bool bMade = false;
     try {
         RemoteFile remote(session, sPath, O_RDONLY, "open");
         LocalFile part(sPart, O_RDWR | O_CREAT, STDOUT_FILENO);
         bMade = true;
+        target.Protect(part);
         Receive(remote, part, bResume);
-        if (std::rename(sPart.c_str(), sLocal.c_str()) != 0) {
-            throw NfsError("\"" + sLocal + "\": " + std::strerror(errno));
+        if (std::rename(sPart.c_str(), target.Path().c_str()) != 0) {
+            throw NfsError("\"" + target.Path() + "\": " + std::strerror(errno));
         }
         remote.Close();
     } catch (const NfsError& error) {
@@ -124,15 +133,15 @@ void Stat(const Place& place, int iInterrupt) {
 }
 
 void Get(const Place& place, const std::string& sLocal, bool bResume, int iInterrupt) {
+    const LocalTarget target(sLocal, iInterrupt);  // before anything is asked for
+    if (bResume && target.Stream() != nullptr) {
+        throw NfsError("\"" + sLocal + "\": only an ordinary file can be resumed");
+    }
     NfsSession session(place.target, iInterrupt);
-    if (sLocal == "-") {
-        RemoteFile remote(session, place.sPath, O_RDONLY, "open");
-        const LocalFile output(sLocal, O_WRONLY, STDOUT_FILENO);
-        Progress progress(remote.Size(), ::isatty(STDOUT_FILENO) == 1);
-        Download(remote, output, progress).Run(0);
-        remote.Close();
+    if (target.Stream() != nullptr) {
+        GetStream(session, place.sPath, *target.Stream());
     } else {
-        GetFile(session, place.sPath, sLocal, bResume);
+        GetFile(session, place.sPath, target, bResume);
     }
     session.End();
 }

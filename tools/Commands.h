@@ -14,8 +14,9 @@ struct Place {
 
 void List(const Place& place, int iInterrupt);
 void Stat(const Place& place, int iInterrupt);
-/// Copies a remote file to a local one, which appears under its name only when it is whole; "-" is standard output.
-/// With bResume what has come stays when the copying is cut short, and is gone on from.
+/// Copies a remote file to a local one, which appears under its name only when it is whole; "-" is standard output. A
+/// device or a pipe is written into, a directory refused. With bResume what has come stays when the copying is cut
+/// short, and is gone on from.
 void Get(const Place& place, const std::string& sLocal, bool bResume, int iInterrupt);
 /// Makes or replaces a remote file; "-" is standard input. With bResume a shorter remote file that begins as the local
 /// one does is gone on from.

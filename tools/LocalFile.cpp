@@ -17,13 +17,35 @@ namespace {
 
 constexpr mode_t kLocalFileMode = 0644;
 constexpr std::size_t kFirstPiece = 65536;
+/// How often a named pipe is looked at for a reader, which cannot be waited for.
+constexpr int kReaderMilliseconds = 50;
+
+bool IsPipe(const std::string& sPath) {
+    struct stat state {};
+    return ::stat(sPath.c_str(), &state) == 0 && S_ISFIFO(state.st_mode);
+}
+
+/// Opens without a wait that no signal would end: a named pipe whose other end nobody has opened yet would be one.
+int Open(const std::string& sPath, int iFlags, int iInterrupt) {
+    for (;;) {
+        const int iFile = ::open(sPath.c_str(), iFlags | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, kLocalFileMode);
+        if (iFile >= 0) {
+            ::fcntl(iFile, F_SETFL, ::fcntl(iFile, F_GETFL) & ~O_NONBLOCK);  // the rest is waited for before it is done
+            return iFile;
+        }
+        if (errno != ENXIO || !IsPipe(sPath)) {
+            return iFile;
+        }
+        if (WaitReady({}, {}, iInterrupt, kReaderMilliseconds).bInterrupt) {
+            throw Interrupted();
+        }
+    }
+}
 
 }  // namespace
 
-LocalFile::LocalFile(const std::string& sPath, int iFlags, int iStandard)
-    : m_sPath(sPath),
-      m_iFile(sPath == "-" ? iStandard : ::open(sPath.c_str(), iFlags | O_CLOEXEC, kLocalFileMode)),
-      m_bOwned(sPath != "-") {
+LocalFile::LocalFile(const std::string& sPath, int iFlags, int iStandard, int iInterrupt)
+    : m_sPath(sPath), m_iFile(sPath == "-" ? iStandard : Open(sPath, iFlags, iInterrupt)), m_bOwned(sPath != "-") {
     if (m_iFile < 0) {
         Fail();
     }
@@ -60,6 +82,12 @@ void LocalFile::Seek(std::uint64_t iOffset) {
 
 void LocalFile::Truncate(std::uint64_t iSize) {
     if (::ftruncate(m_iFile, static_cast<off_t>(iSize)) != 0) {
+        Fail();
+    }
+}
+
+void LocalFile::SetMode(mode_t iMode) {
+    if (::fchmod(m_iFile, iMode) != 0) {
         Fail();
     }
 }

@@ -7,11 +7,16 @@
 #include <string>
 #include <vector>
 
+#include <sys/types.h>
+
+#include "Wait.h"
+
 /// A local descriptor, closed at the end of the scope unless it is a standard stream. Operations throw NfsError.
 class LocalFile {
 public:
-    /// Opens a path; "-" is the standard stream iStandard.
-    LocalFile(const std::string& sPath, int iFlags, int iStandard);
+    /// Opens a path; "-" is the standard stream iStandard. Only a named pipe that is opened for writing makes it wait,
+    /// until there is a reader; throws Interrupted if that is cut short.
+    LocalFile(const std::string& sPath, int iFlags, int iStandard, int iInterrupt = kNoInterrupt);
     ~LocalFile();
     LocalFile(const LocalFile&) = delete;
     LocalFile& operator=(const LocalFile&) = delete;
@@ -23,6 +28,7 @@ public:
     std::uint64_t Size() const;
     void Seek(std::uint64_t iOffset);
     void Truncate(std::uint64_t iSize);
+    void SetMode(mode_t iMode);
     /// The bytes at a place, fewer where the file ends.
     std::vector<char> ReadAt(std::uint64_t iOffset, std::size_t nSize) const;
     /// Closes; the file system may report a failed write only now.
