@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <optional>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -89,6 +90,26 @@ void GetFile(NfsSession& session, const std::string& sPath, const LocalTarget& t
     }
 }
 
+/// Refuses to put a file onto itself, of which the better part would be gone before it is read. The server tells a
+/// file's number, size and time as its own machine does, to the second; what is written to a local file meanwhile makes
+/// it larger and later.
+void RefuseItself(NfsSession& session, const std::string& sPath, LocalSource& source) {
+    if (!source.Total()) {
+        return;
+    }
+    const struct stat before = source.File().State();
+    const std::optional<NfsEntry> oThere = session.Find(sPath);
+    if (!oThere || oThere->iIdentity != before.st_ino) {
+        return;
+    }
+    const struct stat after = source.File().State();
+    const auto iSize = static_cast<std::int64_t>(oThere->iSize);
+    if (iSize >= before.st_size && iSize <= after.st_size && oThere->iModified >= before.st_mtime &&
+        oThere->iModified <= after.st_mtime) {
+        throw NfsError("\"" + source.File().Path() + "\" and \"" + sPath + "\" on the server are the same file");
+    }
+}
+
 /// Sends the source; a failure tells in what state it leaves the remote file.
 void SendAll(NfsSession& session, RemoteFile& remote, LocalSource& source, std::uint64_t iStart) {
     Progress progress(source.Total(), false);
@@ -96,6 +117,7 @@ void SendAll(NfsSession& session, RemoteFile& remote, LocalSource& source, std::
     Upload upload(remote, source, progress);
     try {
         upload.Run(iStart);
+        source.ExpectAll(upload.Stored());
         // A size that is right although COMMIT failed means that COMMIT is not served.
         if (!remote.CloseWritten() && session.SizeOf(remote.Path()) != upload.Stored()) {
             throw NfsError("close \"" + remote.Path() + "\": the server does not hold what it was sent");
@@ -149,10 +171,11 @@ void Get(const Place& place, const std::string& sLocal, bool bResume, int iInter
 void Put(const std::string& sLocal, const Place& place, bool bResume, int iInterrupt) {
     LocalSource source(sLocal, iInterrupt);  // before anything is done to the remote file
     const auto oiTotal = source.Total();
-    if (bResume && !oiTotal) {
+    if (bResume && !source.IsWholeFile()) {
         throw NfsError("\"" + sLocal + "\": only an ordinary file can be resumed");
     }
     NfsSession session(place.target, iInterrupt);
+    RefuseItself(session, place.sPath, source);
     const std::uint64_t iLeft = bResume ? session.SizeOf(place.sPath) : 0;
     std::uint64_t iStart = 0;
     if (iLeft > 0 && iLeft <= *oiTotal) {
@@ -173,12 +196,14 @@ void Put(const std::string& sLocal, const Place& place, bool bResume, int iInter
 void Write(const std::string& sLocal, const Place& place, std::uint64_t iOffset, int iInterrupt) {
     LocalSource source(sLocal, iInterrupt);
     NfsSession session(place.target, iInterrupt);
+    RefuseItself(session, place.sPath, source);
     {
         RemoteFile remote(session, place.sPath, O_WRONLY, "open");
         Progress progress(source.Total(), false);
         Upload upload(remote, source, progress);
         try {
             upload.Run(iOffset);
+            source.ExpectAll(upload.Stored() - iOffset);
             remote.CloseWritten();
         } catch (const NfsError& error) {
             throw NfsError(std::string(error.what()) + "; \"" + place.sPath +

@@ -66,12 +66,24 @@ bool LocalFile::IsPlain() const {
     return ::fstat(m_iFile, &state) == 0 && S_ISREG(state.st_mode);
 }
 
-std::uint64_t LocalFile::Size() const {
+struct stat LocalFile::State() const {
     struct stat state {};
     if (::fstat(m_iFile, &state) != 0) {
         Fail();
     }
-    return static_cast<std::uint64_t>(state.st_size);
+    return state;
+}
+
+std::uint64_t LocalFile::Size() const {
+    return static_cast<std::uint64_t>(State().st_size);
+}
+
+std::uint64_t LocalFile::Position() const {
+    const off_t iPosition = ::lseek(m_iFile, 0, SEEK_CUR);
+    if (iPosition < 0) {
+        Fail();
+    }
+    return static_cast<std::uint64_t>(iPosition);
 }
 
 void LocalFile::Seek(std::uint64_t iOffset) {
@@ -120,14 +132,23 @@ void LocalFile::Close() {
 
 LocalSource::LocalSource(const std::string& sPath, int iInterrupt)
     : m_File(sPath, O_RDONLY, STDIN_FILENO), m_bPlain(m_File.IsPlain()) {
-    if (!m_bPlain) {
+    if (m_bPlain) {
+        const std::uint64_t iSize = m_File.Size();
+        m_iBegin = m_File.Position();
+        m_oiTotal = iSize - std::min(iSize, m_iBegin);
+    } else {
         WaitFor({m_File.Get(), POLLIN}, iInterrupt);
     }
     m_vcFirst = Read(kFirstPiece);
 }
 
-std::optional<std::uint64_t> LocalSource::Total() const {
-    return m_bPlain ? std::optional(m_File.Size()) : std::nullopt;
+void LocalSource::ExpectAll(std::uint64_t iGiven) const {
+    if (!m_oiTotal || iGiven >= *m_oiTotal) {
+        return;
+    }
+    const bool bShrank = m_File.Size() < m_iBegin + *m_oiTotal;
+    throw NfsError("\"" + m_File.Path() +
+                   "\": " + (bShrank ? "it shrank while it was sent" : "it ends before its size"));
 }
 
 void LocalSource::Seek(std::uint64_t iOffset) {

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include "Wait.h"
@@ -26,6 +27,9 @@ public:
     /// An ordinary file, which never makes anybody wait and has a size and a position.
     bool IsPlain() const;
     std::uint64_t Size() const;
+    struct stat State() const;
+    /// The place where the next byte is read or written.
+    std::uint64_t Position() const;
     void Seek(std::uint64_t iOffset);
     void Truncate(std::uint64_t iSize);
     void SetMode(mode_t iMode);
@@ -50,9 +54,13 @@ public:
     LocalSource(const std::string& sPath, int iInterrupt);
 
     LocalFile& File() { return m_File; }
-    /// How much there is, where that is known.
-    std::optional<std::uint64_t> Total() const;
-    /// Goes on at another place; for ordinary files.
+    /// An ordinary file, and read from its first byte on, which a standard input need not be.
+    bool IsWholeFile() const { return m_bPlain && m_iBegin == 0; }
+    /// How much there was to send when it was opened, where that is known.
+    std::optional<std::uint64_t> Total() const { return m_oiTotal; }
+    /// At its end: throws if it gave less than that, so many bytes.
+    void ExpectAll(std::uint64_t iGiven) const;
+    /// Goes on at another place; for whole files.
     void Seek(std::uint64_t iOffset);
     /// Whether Read returns at once without a look at the descriptor.
     bool IsReady() const { return !m_vcFirst.empty() || m_bEnd || m_bPlain; }
@@ -62,6 +70,8 @@ public:
 private:
     LocalFile m_File;
     bool m_bPlain;
+    std::uint64_t m_iBegin = 0;  ///< where the reading begins
+    std::optional<std::uint64_t> m_oiTotal;
     bool m_bEnd = false;
     std::vector<char> m_vcFirst;
 };

@@ -183,7 +183,7 @@ std::vector<NfsEntry> NfsSession::List(const std::string& sPath) {
     while (const nfsdirent* pEntry = nfs_readdir(pContext, pFolder)) {  // it came whole: no call
         const std::string sName = pEntry->name;
         if (sName != "." && sName != "..") {
-            vEntries.push_back({sName, pEntry->mode, pEntry->size, pEntry->mtime.tv_sec});
+            vEntries.push_back({sName, pEntry->mode, pEntry->size, pEntry->mtime.tv_sec, pEntry->inode});
         }
     }
     nfs_closedir(pContext, pFolder);
@@ -200,7 +200,7 @@ NfsResult NfsSession::Look(const std::string& sPath, NfsEntry& entry) {
         [&](int /*iResult*/, void* pvData) {
             const auto* pState = static_cast<const nfs_stat_64*>(pvData);
             entry = {sPath, static_cast<std::uint32_t>(pState->nfs_mode), pState->nfs_size,
-                     static_cast<std::int64_t>(pState->nfs_mtime)};
+                     static_cast<std::int64_t>(pState->nfs_mtime), pState->nfs_ino};
         });
 }
 
@@ -213,13 +213,20 @@ NfsEntry NfsSession::Stat(const std::string& sPath) {
     return entry;
 }
 
-std::uint64_t NfsSession::SizeOf(const std::string& sPath) {
+std::optional<NfsEntry> NfsSession::Find(const std::string& sPath) {
     NfsEntry entry;
     const NfsResult result = Look(sPath, entry);
-    if (result.iResult != 0 && result.iResult != -ENOENT) {
+    if (result.iResult == -ENOENT) {
+        return std::nullopt;
+    }
+    if (result.iResult != 0) {
         NfsConnection::Fail("stat \"" + sPath + "\"", result);
     }
-    return entry.iSize;
+    return entry;
+}
+
+std::uint64_t NfsSession::SizeOf(const std::string& sPath) {
+    return Find(sPath).value_or(NfsEntry{}).iSize;
 }
 
 void NfsSession::Remove(const std::string& sPath) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -13,7 +14,8 @@ struct NfsEntry {
     std::string sName;
     std::uint32_t iMode = 0;  ///< type and permissions as in struct stat
     std::uint64_t iSize = 0;
-    std::int64_t iModified = 0;  ///< seconds since 1970
+    std::int64_t iModified = 0;   ///< seconds since 1970
+    std::uint64_t iIdentity = 0;  ///< RFC 1813's fileid: one of its own for each file of an export
 };
 
 /// A mounted export. The server binds an export to one client until that client unmounts it: End does, and so does
@@ -33,6 +35,8 @@ public:
     /// The entries of a directory by name, without "." and "..".
     std::vector<NfsEntry> List(const std::string& sPath);
     NfsEntry Stat(const std::string& sPath);
+    /// The same, nothing where there is no such entry.
+    std::optional<NfsEntry> Find(const std::string& sPath);
     /// The size of a file, 0 if there is none.
     std::uint64_t SizeOf(const std::string& sPath);
     /// Removes a file, or an empty directory.

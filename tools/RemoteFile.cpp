@@ -76,17 +76,19 @@ bool RemoteFile::CloseWritten() {
     return result.iResult == 0;
 }
 
-std::uint64_t RemoteFile::Size() {
-    std::uint64_t iSize = 0;
-    const NfsResult result = Connection().Run(
-        [&](nfs_context* pContext, NfsConnection::Callback pfnReport, void* pvCall) {
-            return nfs_fstat64_async(pContext, m_pFile, pfnReport, pvCall);
-        },
-        [&](int /*iResult*/, void* pvData) { iSize = static_cast<const nfs_stat_64*>(pvData)->nfs_size; });
+RemoteFile::State RemoteFile::Look() {
+    State state;
+    const NfsResult result =
+        Connection().Run([&](nfs_context* pContext, NfsConnection::Callback pfnReport,
+                             void* pvCall) { return nfs_fstat64_async(pContext, m_pFile, pfnReport, pvCall); },
+                         [&](int /*iResult*/, void* pvData) {
+                             const auto* pState = static_cast<const nfs_stat_64*>(pvData);
+                             state = {pState->nfs_size, pState->nfs_ino};
+                         });
     if (result.iResult != 0) {
         NfsConnection::Fail("stat \"" + m_sPath + "\"", result);
     }
-    return iSize;
+    return state;
 }
 
 std::size_t RemoteFile::LargestRead() const {

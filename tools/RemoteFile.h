@@ -21,8 +21,13 @@ public:
     RemoteFile(const RemoteFile&) = delete;
     RemoteFile& operator=(const RemoteFile&) = delete;
 
-    /// The size that the server gives now.
-    std::uint64_t Size();
+    /// What the server says of it now.
+    struct State {
+        std::uint64_t iSize = 0;
+        std::uint64_t iIdentity = 0;  ///< its fileid
+    };
+    State Look();
+    std::uint64_t Size() { return Look().iSize; }
     /// What one call may carry.
     std::size_t LargestRead() const;
     std::size_t LargestWrite() const;

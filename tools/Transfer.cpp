@@ -28,7 +28,9 @@ Download::Download(RemoteFile& remote, const LocalFile& local, Progress& progres
 
 void Download::Run(std::uint64_t iOffset) {
     m_iNext = iOffset;
-    m_iEnd = m_Remote.Size();
+    const RemoteFile::State state = m_Remote.Look();
+    m_iEnd = state.iSize;
+    m_iIdentity = state.iIdentity;
     m_bSized = m_iEnd > 0;
     for (Fill(); !m_Pieces.empty(); Fill()) {
         Piece& piece = m_Pieces.front();
@@ -44,6 +46,7 @@ void Download::Run(std::uint64_t iOffset) {
         WriteLocal(piece.vcData.data(), nCame);
         m_Progress.Advance(nCame);
         if (nCame == 0) {
+            ExpectEnd(piece.iOffset, m_Remote.Look());
             return;
         }
         if (nCame < piece.vcData.size()) {  // what follows was asked for in the wrong place, or is no longer there
@@ -52,6 +55,22 @@ void Download::Run(std::uint64_t iOffset) {
         } else {
             m_Pieces.pop_front();
         }
+    }
+}
+
+/// What was copied up to here is one whole file only if the same one ends here now. One without a size may be made up
+/// as it is read, and says nothing about that.
+void Download::ExpectEnd(std::uint64_t iReached, const RemoteFile::State& now) const {
+    const char* pcWhy = nullptr;
+    if (m_bSized && now.iIdentity != m_iIdentity) {
+        pcWhy = "it was replaced while it was copied";
+    } else if (m_bSized && now.iSize < iReached) {
+        pcWhy = "it shrank while it was copied";
+    } else if (m_bSized && now.iSize > iReached) {
+        pcWhy = now.iSize < m_iEnd ? "it shrank while it was copied" : "it ends before its size";
+    }
+    if (pcWhy != nullptr) {
+        throw NfsError("read \"" + m_Remote.Path() + "\": " + pcWhy);
     }
 }
 
@@ -69,7 +88,11 @@ void Download::Fill() {
         return;
     }
     if (m_Pieces.empty() && m_iNext >= m_iEnd) {
-        m_iEnd = m_Remote.Size();
+        const RemoteFile::State state = m_Remote.Look();
+        m_iEnd = state.iSize;
+        if (m_iNext >= m_iEnd) {
+            ExpectEnd(m_iNext, state);
+        }
     }
     while (m_iNext < m_iEnd && m_Pieces.size() < kReadsUnderWay) {
         Ask(static_cast<std::size_t>(std::min<std::uint64_t>(m_Remote.LargestRead(), m_iEnd - m_iNext)));

@@ -14,7 +14,8 @@
 class Download {
 public:
     Download(RemoteFile& remote, const LocalFile& local, Progress& progress);
-    /// Copies until the remote file's end. Throws NfsError, Interrupted.
+    /// Copies until the remote file's end. Throws NfsError, also for a file that is not there whole any more when its
+    /// end is reached, and Interrupted.
     void Run(std::uint64_t iOffset);
 
 private:
@@ -26,6 +27,7 @@ private:
     };
     void Ask(std::size_t nSize);
     void Fill();
+    void ExpectEnd(std::uint64_t iReached, const RemoteFile::State& now) const;
     void WriteLocal(const char* pcData, std::size_t nSize);
     void WaitForReader();
 
@@ -35,7 +37,8 @@ private:
     Progress& m_Progress;
     std::uint64_t m_iNext = 0;  ///< where the next READ begins
     std::uint64_t m_iEnd = 0;   ///< the remote file's size when it was last looked at
-    bool m_bSized = true;       ///< whether it has one
+    std::uint64_t m_iIdentity = 0;
+    bool m_bSized = true;  ///< whether it has one
     std::deque<Piece> m_Pieces;
 };
 

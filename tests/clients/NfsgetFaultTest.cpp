@@ -1,0 +1,143 @@
+// nfsget when files change under a transfer and when calls or replies are lost on their way.
+#include <atomic>
+#include <csignal>
+
+#include <unistd.h>
+
+#include "CallForwarder.h"
+#include "NfsgetFixture.h"
+#include "WaitUntil.h"
+
+namespace {
+
+using testing::StartsWith;
+using Fate = CallForwarder::Fate;
+
+constexpr PassingRecord kReadCall{kNfsProgram, kNfsRead, false};
+constexpr PassingRecord kWriteCall{kNfsProgram, kNfsWrite, false};
+
+/// Does something at the n-th of such records, and lets all pass.
+class AtRecord {
+public:
+    AtRecord(const PassingRecord& record, int nWanted, std::function<void()> act)
+        : m_Record(record), m_nLeft(nWanted), m_Act(std::move(act)) {}
+    Fate operator()(const PassingRecord& record) {
+        if (record == m_Record && --m_nLeft == 0) {
+            m_Act();
+        }
+        return Fate::kPass;
+    }
+
+private:
+    PassingRecord m_Record;
+    int m_nLeft;
+    std::function<void()> m_Act;
+};
+
+class NfsgetFaultTest : public NfsgetTest {
+protected:
+    static constexpr std::size_t kSize = std::size_t{8} << 20;
+};
+
+// ---- Files that change under a transfer
+
+TEST_F(NfsgetFaultTest, FileThatShrinksUnderAGetFailsItAndLeavesNothing) {
+    const TempFolder local;
+    const std::string sFile = Folder() / "file";
+    WriteWholeFile(sFile, Numbers(kSize));
+    const CallForwarder forwarder(4049, 2049,
+                                  AtRecord(kReadCall, 10, [&] { std::filesystem::resize_file(sFile, 100000); }));
+    const RunResult result = Run({"-p", "4049", "get", "127.0.0.1:data/file", local / "file"});
+    EXPECT_EQ(result.iStatus, 1);
+    EXPECT_EQ(result.sOutput, "nfsget: read \"file\": it shrank while it was copied\n");
+    EXPECT_TRUE(std::filesystem::is_empty(local.Path()));
+    ExpectUnmounted();
+}
+
+/// By one of the same size, so that no READ comes back short.
+TEST_F(NfsgetFaultTest, FileThatIsReplacedUnderAGetFailsItAndLeavesNothing) {
+    const TempFolder local;
+    const std::string sFile = Folder() / "file";
+    const std::string sContent = Numbers(kSize);
+    WriteWholeFile(sFile, sContent);
+    WriteWholeFile(Folder() / "other", std::string(sContent.size(), 'x'));
+    const CallForwarder forwarder(4049, 2049,
+                                  AtRecord(kReadCall, 10, [&] { std::filesystem::rename(Folder() / "other", sFile); }));
+    const RunResult result = Run({"-p", "4049", "get", "127.0.0.1:data/file", local / "file"});
+    EXPECT_EQ(result.iStatus, 1);
+    EXPECT_EQ(result.sOutput, "nfsget: read \"file\": it was replaced while it was copied\n");
+    EXPECT_TRUE(std::filesystem::is_empty(local.Path()));
+    ExpectUnmounted();
+}
+
+TEST_F(NfsgetFaultTest, FileThatGrowsUnderAGetIsReadToItsNewEnd) {
+    const TempFolder local;
+    const std::string sFile = Folder() / "file";
+    std::string sContent = Numbers(kSize);
+    WriteWholeFile(sFile, sContent);
+    const CallForwarder forwarder(4049, 2049,
+                                  AtRecord(kReadCall, 10, [&] { std::ofstream(sFile, std::ios::app) << "more"; }));
+    const RunResult result = Run({"-p", "4049", "get", "127.0.0.1:data/file", local / "file"});
+    EXPECT_EQ(result.iStatus, 0) << result.sOutput;
+    EXPECT_TRUE(ReadWholeFile(local / "file") == sContent + "more");
+    ExpectUnmounted();
+}
+
+TEST_F(NfsgetFaultTest, FileWithoutASizeIsReadAsItIsMadeUp) {
+    const TempFolder local;
+    Export("/proc/sys/kernel", "kernel");
+    const RunResult result = Run({"get", "127.0.0.1:kernel/ostype", local / "file"});
+    EXPECT_EQ(result.iStatus, 0) << result.sOutput;
+    EXPECT_EQ(ReadWholeFile(local / "file"), "Linux\n");
+    ExpectUnmounted();
+}
+
+TEST_F(NfsgetFaultTest, SourceThatShrinksUnderAPutFailsIt) {
+    const TempFolder local;
+    const std::string sSource = local / "source";
+    WriteWholeFile(sSource, Numbers(kSize));
+    const CallForwarder forwarder(4049, 2049,
+                                  AtRecord(kWriteCall, 1, [&] { std::filesystem::resize_file(sSource, 100000); }));
+    const RunResult result = Run({"-p", "4049", "put", sSource, "127.0.0.1:data/file"});
+    EXPECT_EQ(result.iStatus, 1);
+    EXPECT_THAT(result.sOutput, StartsWith("nfsget: \"" + sSource +
+                                           "\": it shrank while it was sent; \"file\" on the server is incomplete: "));
+    ExpectUnmounted();
+}
+
+TEST_F(NfsgetFaultTest, FileIsNotPutOrWrittenOntoItself) {
+    const std::string sFile = Folder() / "file";
+    const std::string sContent = Numbers(1 << 20);
+    WriteWholeFile(sFile, sContent);
+    const std::string sReason = "nfsget: \"" + sFile + "\" and \"file\" on the server are the same file\n";
+    for (const std::vector<std::string>& vsCommand : {std::vector<std::string>{"put", sFile, "127.0.0.1:data/file"},
+                                                      {"write", sFile, "127.0.0.1:data/file", "1000000"}}) {
+        const RunResult result = Run(vsCommand);
+        EXPECT_EQ(result.iStatus, 1);
+        EXPECT_EQ(result.sOutput, sReason);
+        EXPECT_TRUE(ReadWholeFile(sFile) == sContent);
+        ExpectUnmounted();
+    }
+    // Nor through another name of it, nor as the standard input.
+    std::filesystem::create_hard_link(sFile, Folder() / "link");
+    EXPECT_EQ(Run({"put", Folder() / "link", "127.0.0.1:data/file"}).iStatus, 1);
+    EXPECT_EQ(
+        RunProgram({"/bin/sh", "-c", Program() + " put - 127.0.0.1:data/file < \"$0\"", Folder() / "link"}).iStatus, 1);
+    EXPECT_TRUE(ReadWholeFile(sFile) == sContent);
+    EXPECT_EQ(Run({"put", sFile, "127.0.0.1:data/other"}).iStatus, 0);
+    EXPECT_TRUE(ReadWholeFile(Folder() / "other") == sContent);
+    ExpectUnmounted();
+}
+
+/// What was read of it before is not missed.
+TEST_F(NfsgetFaultTest, RestOfAStandardInputIsPut) {
+    const TempFolder local;
+    WriteWholeFile(local / "source", "first line\nthe rest\n");
+    const RunResult result = RunProgram(
+        {"/bin/sh", "-c", "{ read line; " + Program() + " put - 127.0.0.1:data/file; } < \"$0\"", local / "source"});
+    EXPECT_EQ(result.iStatus, 0) << result.sOutput;
+    EXPECT_EQ(ReadWholeFile(Folder() / "file"), "the rest\n");
+    ExpectUnmounted();
+}
+
+}  // namespace
