@@ -279,7 +279,7 @@ TEST_F(NfsIpcClientMainTest, ATextThatDoesNotFitGivesTheFailureValueAndTheReason
     m_sReply = RawIntReply(6);
     EXPECT_EQ(m_Client.ExecuteSystemCmd(pcLong, true), -1);
     EXPECT_TRUE(m_Log.Lines().empty()) << m_Log.Dump();
-    EXPECT_TRUE(m_pServer->MessagesButVersion() == Lines{}) << "nothing was sent";
+    EXPECT_TRUE(m_pServer->MessagesButVersion().empty()) << "nothing was sent";
 }
 
 TEST_F(NfsIpcClientMainTest, AnIDThatDoesNotFitIsNoOtherPartysID) {
