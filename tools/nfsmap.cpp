@@ -36,6 +36,17 @@ constexpr const char* kUsage =
     "Offsets and sizes take K, M, G or T behind the number, and 0x in front of it.\n"
     "Exit status: 0 done, 1 with --check if the map is not whole, 2 wrong usage, 3 failed.\n";
 
+[[noreturn]] void FailToPrint() {
+    throw MapError(std::string("standard output: ") + std::strerror(errno));
+}
+
+// A text larger than the stream's buffer is written at once, and its failure is not told again by a flush.
+void Print(const std::string& sText) {
+    if (std::fputs(sText.c_str(), stdout) == EOF) {
+        FailToPrint();
+    }
+}
+
 void WritePicture(const MapOptions& options, const LaidOutMap& laidOut) {
     std::error_code missing;  // one that is not there yet is another file
     if (std::filesystem::equivalent(options.sFile, options.sPicture, missing)) {
@@ -50,7 +61,7 @@ void WritePicture(const MapOptions& options, const LaidOutMap& laidOut) {
     }
 }
 
-int Run(const MapOptions& options) {
+int Show(const MapOptions& options) {
     const SegmentMap map = SegmentMap::Load(options.sFile, options.form);
     const LaidOutMap laidOut(map, options.iSize.value_or(map.GetEnd()));
     const MapSummary summary = Summarize(laidOut, options.steps);
@@ -58,33 +69,37 @@ int Run(const MapOptions& options) {
         WritePicture(options, laidOut);
     }
     if (options.bCheck) {
-        std::fputs(summary.bComplete ? "" : summary.sText.c_str(), stdout);
+        Print(summary.bComplete ? "" : summary.sText);
         return summary.bComplete ? 0 : kExitIncomplete;
     }
     for (const std::int64_t iOffset : options.viOffsets) {
-        std::fputs(DescribeOffset(laidOut, iOffset).c_str(), stdout);
+        Print(DescribeOffset(laidOut, iOffset));
     }
     if (options.viOffsets.empty()) {
         const std::string sTable = options.bSummaryOnly ? "" : MakeTable(laidOut) + "\n";
-        std::fputs((sTable + summary.sText).c_str(), stdout);
+        Print(sTable + summary.sText);
     }
     return 0;
+}
+
+int Run(const std::vector<std::string>& vsArguments) {
+    int iStatus = 0;
+    if (vsArguments.size() == 1 && vsArguments[0] == "--help") {
+        Print(kUsage);
+    } else {
+        iStatus = Show(MapOptions::Parse(vsArguments));
+    }
+    if (std::fflush(stdout) != 0) {
+        FailToPrint();
+    }
+    return iStatus;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    const std::vector<std::string> vsArguments(argv + 1, argv + argc);
     try {
-        if (vsArguments.size() == 1 && vsArguments[0] == "--help") {
-            std::fputs(kUsage, stdout);
-            return 0;
-        }
-        const int iStatus = Run(MapOptions::Parse(vsArguments));
-        if (std::fflush(stdout) != 0) {
-            throw MapError(std::string("standard output: ") + std::strerror(errno));
-        }
-        return iStatus;
+        return Run({argv + 1, argv + argc});
     } catch (const UsageError& error) {
         std::fprintf(stderr, "%snfsmap: %s\n", kUsage, error.what());
         return kExitUsage;

@@ -147,4 +147,37 @@ TEST_F(NfsmapTest, FilesThatCannotBeReadOrWrittenFailWithAReason) {
     EXPECT_THAT(result.sOutput, HasSubstr("the info dump ends within a line"));
 }
 
+/// With the device as standard output that is always full.
+class NfsmapOutputTest : public NfsmapTest {
+protected:
+    RunResult RunIntoFullDevice(const std::string& sArguments) {
+        return RunProgram({"/bin/sh", "-c", BuildTree() + "/bin/nfsmap " + sArguments + " >/dev/full"});
+    }
+};
+
+TEST_F(NfsmapOutputTest, AShortTableThatCannotBeWrittenIsAFailure) {
+    const RunResult result = RunIntoFullDevice(MakeMap(kBroken));
+    EXPECT_EQ(result.iStatus, 3);
+    EXPECT_EQ(result.sOutput, "nfsmap: standard output: No space left on device\n");
+}
+
+TEST_F(NfsmapOutputTest, ALongTableThatCannotBeWrittenIsAFailure) {
+    std::string sMap;
+    for (int i = 0; i < 5000; ++i) {
+        sMap += "Segment path=/full, fox=" + std::to_string(7 * i) + ", ox=" + std::to_string(i) + ", len=1\n";
+    }
+    const RunResult result = RunIntoFullDevice(MakeMap(sMap));
+    EXPECT_EQ(result.iStatus, 3);
+    EXPECT_EQ(result.sOutput, "nfsmap: standard output: No space left on device\n");
+}
+
+TEST_F(NfsmapOutputTest, WhateverElseCannotBeWrittenIsAFailure) {
+    const std::string sMap = MakeMap(kBroken);
+    for (const std::string& sArguments : {"--check " + sMap, "--at 5 " + sMap, std::string("--help")}) {
+        EXPECT_EQ(RunIntoFullDevice(sArguments).iStatus, 3) << sArguments;
+    }
+    const std::string sClosed = BuildTree() + "/bin/nfsmap " + sMap + " >&-";
+    EXPECT_EQ(RunProgram({"/bin/sh", "-c", sClosed}).iStatus, 3);
+}
+
 }  // namespace
