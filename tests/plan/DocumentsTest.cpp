@@ -62,6 +62,16 @@ TEST(DocumentsTest, EveryOptionOfTheServerIsTold) {
     }
 }
 
+TEST(DocumentsTest, WhatAVariableOfAWrongValueSaysIsTold) {
+    ServerOptions options;
+    options.mWrongFlags["NFSLIB_..."] = "...";
+    char vcReason[kReasonBufferSize] = "";
+    ASSERT_FALSE(options.CheckFlags(vcReason));
+    for (const char* pcGuide : {"docs/operators-guide.md", "docs/host-guide.md"}) {
+        EXPECT_THAT(Document(pcGuide), HasSubstr(vcReason)) << pcGuide;
+    }
+}
+
 TEST(DocumentsTest, EveryOptionOfTheConsoleIsTold) {
     const std::string sGuide = Document("docs/operators-guide.md");
     const std::string sPage = ManualPage("nfsconsole.8");
