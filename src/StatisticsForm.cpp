@@ -4,6 +4,7 @@
 #include <cstddef>
 
 #include "Reason.h"
+#include "Utf8.h"
 
 StatisticsForm GetFormOfFile(std::string_view sPath) {
     if (sPath.ends_with(".json")) {
@@ -33,36 +34,10 @@ std::string ShowStatistics(const ServerStatistics& statistics, StatisticsForm fo
     }
 }
 
-namespace {
-
-/// The length of the well-formed character that a text begins with (RFC 3629); 0 if there is none.
-std::size_t GetCharacterLength(std::string_view sText) {
-    const auto byteAt = [sText](std::size_t i) { return static_cast<unsigned char>(sText[i]); };
-    const unsigned int iFirst = byteAt(0);
-    if (iFirst < 0x80) {
-        return 1;
-    }
-    const std::size_t nLength = iFirst >= 0xF0 ? 4 : (iFirst >= 0xE0 ? 3 : 2);
-    if (iFirst < 0xC2 || iFirst > 0xF4 || sText.size() < nLength) {
-        return 0;
-    }
-    for (std::size_t i = 1; i < nLength; ++i) {
-        if ((byteAt(i) & 0xC0U) != 0x80U) {
-            return 0;
-        }
-    }
-    const unsigned int iSecond = byteAt(1);
-    const bool bOverlong = (iFirst == 0xE0 && iSecond < 0xA0) || (iFirst == 0xF0 && iSecond < 0x90);
-    const bool bNoCharacter = (iFirst == 0xED && iSecond >= 0xA0) || (iFirst == 0xF4 && iSecond >= 0x90);
-    return bOverlong || bNoCharacter ? 0 : nLength;
-}
-
-}  // namespace
-
 std::string MakeUtf8(std::string_view sText) {
     std::string sResult;
     while (!sText.empty()) {
-        const std::size_t nLength = GetCharacterLength(sText);
+        const std::size_t nLength = GetUtf8Length(sText);
         sResult += nLength == 0 ? std::string_view("\xEF\xBF\xBD") : sText.substr(0, nLength);
         sText.remove_prefix(nLength == 0 ? 1 : nLength);
     }

@@ -6,6 +6,9 @@
 #include <cstdarg>
 #include <cstdio>
 #include <map>
+#include <string_view>
+
+#include "Utf8.h"
 
 namespace {
 
@@ -36,24 +39,32 @@ constexpr const char* kZeros = "#ffffff";
 constexpr const char* kHole = "url(#hole)";
 constexpr const char* kOverlap = "#d00000";
 
-std::string Escape(const std::string& sText) {
+/// May a character of this many bytes stand in XML 1.0 (2.2)? No control character may, and neither may U+FFFE and
+/// U+FFFF. Line ends and tabulators, which may, would be blanks in the picture.
+bool IsShown(std::string_view sCharacter) {
+    return sCharacter.size() == 1 ? static_cast<unsigned char>(sCharacter[0]) >= ' '
+                                  : !sCharacter.starts_with("\xEF\xBF\xBE") && !sCharacter.starts_with("\xEF\xBF\xBF");
+}
+
+/// The text as XML in UTF-8, with "?" for what has no place in it.
+std::string Escape(std::string_view sText) {
     std::string sEscaped;
-    for (const char c : sText) {
-        switch (c) {
-            case '&':
-                sEscaped += "&amp;";
-                break;
-            case '<':
-                sEscaped += "&lt;";
-                break;
-            case '>':
-                sEscaped += "&gt;";
-                break;
-            case '"':
-                sEscaped += "&quot;";
-                break;
-            default:
-                sEscaped += static_cast<unsigned char>(c) < ' ' ? '?' : c;  // no control character may stand in XML
+    while (!sText.empty()) {
+        const std::size_t nLength = GetUtf8Length(sText);
+        const std::string_view sCharacter = sText.substr(0, std::max<std::size_t>(nLength, 1));
+        sText.remove_prefix(sCharacter.size());
+        if (nLength == 0 || !IsShown(sCharacter)) {
+            sEscaped += '?';
+        } else if (sCharacter == "&") {
+            sEscaped += "&amp;";
+        } else if (sCharacter == "<") {
+            sEscaped += "&lt;";
+        } else if (sCharacter == ">") {
+            sEscaped += "&gt;";
+        } else if (sCharacter == "\"") {
+            sEscaped += "&quot;";
+        } else {
+            sEscaped += sCharacter;
         }
     }
     return sEscaped;

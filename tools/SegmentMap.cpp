@@ -6,12 +6,13 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
-#include <limits>
+#include <iterator>
 #include <optional>
 #include <set>
 #include <sstream>
 #include <string_view>
 #include <system_error>
+#include <unordered_map>
 
 namespace {
 
@@ -33,7 +34,7 @@ struct LineNumbers {
 };
 
 /// Nothing where the line ends otherwise.
-std::optional<LineNumbers> FindNumbers(const std::string& sLine) {
+std::optional<LineNumbers> FindNumbers(std::string_view sLine) {
     constexpr std::size_t kMostDigits = 20;
     constexpr std::array<std::string_view, 3> kLabels{", fox=", ", ox=", ", len="};
     LineNumbers numbers{sLine.rfind(kLabels[0]), {}};
@@ -102,6 +103,46 @@ void Append(std::vector<Stretch>& vStretches, const Stretch& stretch) {
     vStretches.push_back(stretch);
 }
 
+/// The check points that the server makes while records are added, in the order of the records.
+class CheckPoints {
+public:
+    CheckPoints(const std::vector<Segment>& vSegments, const SearchSteps& steps) : m_Steps(steps) {
+        for (std::size_t i = 0; i < vSegments.size(); ++i) {
+            const std::int64_t iOffset = vSegments[i].iOffset;
+            if (iOffset >= 1 && iOffset % steps.iCheckPointSize == 0) {
+                m_vPoints.push_back({static_cast<std::int64_t>(i), iOffset, iOffset});
+            }
+        }
+        for (std::size_t i = m_vPoints.size(); i-- > 1;) {
+            m_vPoints[i - 1].iLeast = std::min(m_vPoints[i - 1].iLeast, m_vPoints[i].iLeast);
+        }
+    }
+
+    /// The number of the record at which the search for a virtual offset begins.
+    std::int64_t GetSearchStart(std::int64_t iOffset) const {
+        if (m_Steps.iCheckPointSize <= iOffset) {
+            // The last check point that does not lie behind the offset is the last one with such a point from it on.
+            const auto itBehind = std::ranges::partition_point(
+                m_vPoints, [iOffset](const Point& point) { return point.iLeast <= iOffset; });
+            if (itBehind != m_vPoints.begin()) {
+                const Point& last = *std::prev(itBehind);
+                return (iOffset - last.iOffset) / m_Steps.iSegmentSize + last.iRecord;
+            }
+        }
+        return iOffset / m_Steps.iSegmentSize;
+    }
+
+private:
+    struct Point {
+        std::int64_t iRecord;
+        std::int64_t iOffset;
+        std::int64_t iLeast;  ///< of the offsets of this one and those after it: it never falls from one to the next
+    };
+
+    SearchSteps m_Steps;
+    std::vector<Point> m_vPoints;
+};
+
 }  // namespace
 
 SegmentMap SegmentMap::Load(const std::string& sPath, Form form) {
@@ -150,55 +191,70 @@ void SegmentMap::ParseInfoFile(const std::string& sContent) {
     }
 }
 
-// A path may hold anything, line ends too: a segment's line ends where its three numbers stand.
+/// Reads a dump line by line. A path may hold anything, line ends too: a segment's entry ends with the line that ends
+/// with its three numbers.
+class SegmentMap::DumpReader {
+public:
+    explicit DumpReader(SegmentMap& map) : m_Map(map) {}
+
+    void Read(const std::string& sContent) {
+        std::istringstream lines(sContent);
+        std::string sLine;
+        for (std::size_t iLine = 1; std::getline(lines, sLine); ++iLine) {
+            if (m_sEntry.empty() && (sLine.starts_with(kCheckPointStart) || sLine == kSeparator)) {
+                continue;
+            }
+            m_sEntry += m_sEntry.empty() ? "" : "\n";
+            const std::size_t nBefore = m_sEntry.size();
+            m_sEntry += sLine;
+            if (!m_sEntry.starts_with(kSegmentStart) && !m_sEntry.starts_with(kMergedStart)) {
+                throw MapError("no info dump: line " + std::to_string(iLine) + " is none of its lines");
+            }
+            EndEntry(nBefore);
+        }
+        if (!m_sEntry.empty()) {
+            throw MapError("the info dump ends within a line");
+        }
+    }
+
+private:
+    /// Takes the entry, if its last line, which begins behind so many bytes, ends it. The lines before are not looked
+    /// at again.
+    void EndEntry(std::size_t nBefore) {
+        const std::optional<LineNumbers> numbers = FindNumbers(std::string_view(m_sEntry).substr(nBefore));
+        if (!numbers) {
+            return;
+        }
+        const std::size_t nStart = std::strlen(m_sEntry.starts_with(kSegmentStart) ? kSegmentStart : kMergedStart);
+        const std::string sName = m_sEntry.substr(nStart, nBefore + numbers->iStart - nStart);
+        const auto& [sSourceOffset, sOffset, sLength] = numbers->vsDigits;
+        try {
+            m_Map.m_vSegments.push_back(
+                {GetSourceNumber(sName), ToNumber(sSourceOffset), ToNumber(sOffset), ToNumber(sLength)});
+        } catch (const std::out_of_range&) {
+            throw MapError("no info dump: a number is too great: " + m_sEntry);
+        }
+        m_sEntry.clear();
+    }
+
+    std::int64_t GetSourceNumber(const std::string& sName) {
+        if (sName == kNoSource) {
+            return -1;
+        }
+        const auto [itSource, bNew] = m_Numbers.try_emplace(sName, static_cast<std::int64_t>(m_Numbers.size()));
+        if (bNew) {
+            m_Map.m_vsSources.push_back(sName);
+        }
+        return itSource->second;
+    }
+
+    SegmentMap& m_Map;
+    std::string m_sEntry;                                     ///< what has been read of an entry that has not ended
+    std::unordered_map<std::string, std::int64_t> m_Numbers;  ///< of the sources, by name
+};
+
 void SegmentMap::ParseInfoDump(const std::string& sContent) {
-    std::istringstream lines(sContent);
-    std::string sLine;
-    std::string sOpen;
-    for (std::size_t iLine = 1; std::getline(lines, sLine); ++iLine) {
-        if (sOpen.empty() && (sLine.starts_with(kCheckPointStart) || sLine == kSeparator)) {
-            continue;
-        }
-        sOpen += sOpen.empty() ? sLine : "\n" + sLine;
-        if (!sOpen.starts_with(kSegmentStart) && !sOpen.starts_with(kMergedStart)) {
-            throw MapError("no info dump: line " + std::to_string(iLine) + " is none of its lines");
-        }
-        if (AddDumpLine(sOpen)) {
-            sOpen.clear();
-        }
-    }
-    if (!sOpen.empty()) {
-        throw MapError("the info dump ends within a line");
-    }
-}
-
-bool SegmentMap::AddDumpLine(const std::string& sLine) {
-    const std::optional<LineNumbers> numbers = FindNumbers(sLine);
-    if (!numbers) {
-        return false;
-    }
-    const std::size_t nStart =
-        sLine.starts_with(kSegmentStart) ? std::strlen(kSegmentStart) : std::strlen(kMergedStart);
-    const auto& [sSourceOffset, sOffset, sLength] = numbers->vsDigits;
-    try {
-        m_vSegments.push_back({GetSourceNumber(sLine.substr(nStart, numbers->iStart - nStart)), ToNumber(sSourceOffset),
-                               ToNumber(sOffset), ToNumber(sLength)});
-    } catch (const std::out_of_range&) {
-        throw MapError("no info dump: a number is too great: " + sLine);
-    }
-    return true;
-}
-
-std::int64_t SegmentMap::GetSourceNumber(const std::string& sName) {
-    if (sName == kNoSource) {
-        return -1;
-    }
-    const auto itKnown = std::ranges::find(m_vsSources, sName);
-    if (itKnown == m_vsSources.end()) {
-        m_vsSources.push_back(sName);
-        return static_cast<std::int64_t>(m_vsSources.size()) - 1;
-    }
-    return itKnown - m_vsSources.begin();
+    DumpReader(*this).Read(sContent);
 }
 
 std::int64_t SegmentMap::GetEnd() const {
@@ -240,33 +296,13 @@ std::size_t SegmentMap::FindDisorder() const {
 // The server guesses where an offset's record stands (so many records of full size behind the last check point before
 // it, or behind the file's start), and searches from there on, never back.
 std::vector<std::size_t> SegmentMap::FindUnreachable(const SearchSteps& steps) const {
-    struct CheckPoint {
-        std::int64_t iRecord;
-        std::int64_t iOffset;
-    };
-    std::vector<CheckPoint> vCheckPoints;
-    for (std::size_t i = 0; i < m_vSegments.size(); ++i) {
-        const std::int64_t iOffset = m_vSegments[i].iOffset;
-        if (iOffset >= 1 && iOffset % steps.iCheckPointSize == 0) {
-            vCheckPoints.push_back({static_cast<std::int64_t>(i), iOffset});
-        }
-    }
-    const auto getSearchStart = [&](std::int64_t iOffset) {
-        if (steps.iCheckPointSize <= iOffset) {
-            const auto itLast = std::find_if(vCheckPoints.rbegin(), vCheckPoints.rend(),
-                                             [&](const CheckPoint& point) { return point.iOffset <= iOffset; });
-            if (itLast != vCheckPoints.rend()) {
-                return (iOffset - itLast->iOffset) / steps.iSegmentSize + itLast->iRecord;
-            }
-        }
-        return iOffset / steps.iSegmentSize;
-    };
+    const CheckPoints checkPoints(m_vSegments, steps);
     std::vector<std::size_t> viUnreachable;
     for (std::size_t i = 0; i < m_vSegments.size(); ++i) {
         const Segment& segment = m_vSegments[i];
         if (CoversAnything(segment) && segment.iOffset >= 0 &&
-            std::max(getSearchStart(segment.iOffset), getSearchStart(GetSegmentEnd(segment) - 1)) >
-                static_cast<std::int64_t>(i)) {
+            std::max(checkPoints.GetSearchStart(segment.iOffset),
+                     checkPoints.GetSearchStart(GetSegmentEnd(segment) - 1)) > static_cast<std::int64_t>(i)) {
             viUnreachable.push_back(i);
         }
     }

@@ -30,7 +30,7 @@ struct Stretch {
     std::int64_t GetLength() const { return iTo - iFrom; }
 };
 
-/// How an info file's records are looked for: see GetSearchStart.
+/// How an info file's records are looked for: see FindUnreachable.
 struct SearchSteps {
     static constexpr std::int64_t kMiB = 1024 * 1024;
     std::int64_t iSegmentSize = 32 * kMiB;       ///< what one record is assumed to cover, in bytes; greater than 0
@@ -69,11 +69,10 @@ public:
     std::vector<std::size_t> FindUnreachable(const SearchSteps& steps) const;
 
 private:
+    class DumpReader;
+
     void ParseInfoFile(const std::string& sContent);
     void ParseInfoDump(const std::string& sContent);
-    /// False for a line that does not end with its numbers: a path with a line end in it goes on.
-    bool AddDumpLine(const std::string& sLine);
-    std::int64_t GetSourceNumber(const std::string& sName);
 
     Form m_Form = Form::kInfoFile;
     std::vector<Segment> m_vSegments;

@@ -1,6 +1,7 @@
 // SegmentMap: the layout it makes is the one that reads find.
 #include "SegmentMap.h"
 
+#include <ctime>
 #include <random>
 
 #include <gmock/gmock.h>
@@ -103,6 +104,18 @@ TEST(SegmentMapTest, PictureEscapesNames) {
     EXPECT_THAT(sPicture, HasSubstr("&lt;title&gt;"));
 }
 
+TEST(SegmentMapTest, PictureIsUtf8WhateverStandsInNames) {
+    const SegmentMap map = SegmentMap::Parse(
+        "Segment path=/\xC3\xA4\xFF\xE2\x82\xAC\xC3(\xED\xA0\x80\xEF\xBF\xBF\xF0\x9F\x98\x80\xE2\x82, fox=0, ox=0, "
+        "len=6\n",
+        SegmentMap::Form::kInfoDump);
+    const std::string sPicture = DrawMap(LaidOutMap(map, 6), "\x80title", {0});
+    EXPECT_THAT(sPicture, HasSubstr(">?title<"));
+    const std::string sName = "/\xC3\xA4?\xE2\x82\xAC?(????\xF0\x9F\x98\x80??";
+    EXPECT_THAT(sPicture, HasSubstr(">" + sName + "<")) << "the band";
+    EXPECT_THAT(sPicture, HasSubstr("0: " + sName + " at 0")) << "the mark";
+}
+
 TEST(SegmentMapTest, PictureOfManySegmentsStaysSmallAndShowsTheOneHole) {
     std::vector<Segment> vRecords;
     for (int i = 0; i < 100000; ++i) {
@@ -120,6 +133,106 @@ TEST(SegmentMapTest, SizesArePrintedInBinaryUnits) {
     EXPECT_EQ(FormatSize(1023), "1023 B");
     EXPECT_EQ(FormatSize(1536), "1.5 KiB");
     EXPECT_EQ(FormatSize(INT64_MAX), "8.0 EiB");
+}
+
+// ---- Large maps
+
+/// Records that are check points all, at multiples of these steps.
+constexpr SearchSteps kSteps{kMiB, 8 * kMiB};
+
+/// Where the server's search for an offset begins, by the walk from the last check point back.
+std::int64_t WalkBack(const std::vector<Segment>& vRecords, std::int64_t iOffset) {
+    for (std::size_t i = vRecords.size(); iOffset >= kSteps.iCheckPointSize && i-- > 0;) {
+        const std::int64_t iPoint = vRecords[i].iOffset;
+        if (iPoint >= 1 && iPoint % kSteps.iCheckPointSize == 0 && iPoint <= iOffset) {
+            return (iOffset - iPoint) / kSteps.iSegmentSize + static_cast<std::int64_t>(i);
+        }
+    }
+    return iOffset / kSteps.iSegmentSize;
+}
+
+TEST(SegmentMapTest, CheckPointsInAnyOrderAreTakenAsAWalkBackTakesThem) {
+    std::mt19937 random(7);
+    std::size_t nLost = 0;
+    for (int iMap = 0; iMap < 200; ++iMap) {
+        std::vector<Segment> vRecords;
+        for (int i = 0; i < 60; ++i) {
+            const auto iOffset = static_cast<std::int64_t>(random() % 500) * (random() % 2 == 0 ? kMiB : 8 * kMiB);
+            vRecords.push_back({0, 0, iOffset, 1 + static_cast<std::int64_t>(random() % (12 * kMiB))});
+        }
+        const std::vector<std::size_t> viLost = FromRecords(vRecords).FindUnreachable(kSteps);
+        for (std::size_t i = 0; i < vRecords.size(); ++i) {
+            const Segment& record = vRecords[i];
+            const bool bLost =
+                std::max(WalkBack(vRecords, record.iOffset), WalkBack(vRecords, record.iOffset + record.iLength - 1)) >
+                static_cast<std::int64_t>(i);
+            EXPECT_EQ(std::ranges::find(viLost, i) != viLost.end(), bLost) << "map " << iMap << ", record " << i;
+        }
+        nLost += viLost.size();
+    }
+    EXPECT_GT(nLost, 1000U) << "the test wants maps that lose records";
+}
+
+/// Seconds of the processor that something takes, the best of three.
+template <class Action>
+double Time(Action action) {
+    double fBest = 1e9;
+    for (int iRound = 0; iRound < 3; ++iRound) {
+        const std::clock_t start = std::clock();
+        action();
+        fBest = std::min(fBest, static_cast<double>(std::clock() - start) / CLOCKS_PER_SEC);
+    }
+    return fBest;
+}
+
+/// Does what is done to something of this size take sixteen times as long for sixteen times the size, and not 256
+/// times?
+template <class Make, class Use>
+void ExpectLinear(int nSize, Make make, Use use) {
+    const auto small = make(nSize);
+    const auto large = make(16 * nSize);
+    const double fSmall = Time([&] { use(small); });
+    const double fLarge = Time([&] { use(large); });
+    EXPECT_LT(fLarge, fSmall * 80) << "small " << fSmall << " s, large " << fLarge << " s";
+}
+
+TEST(LargeMapTest, TimeToFindLostRecordsGrowsAsTheirNumber) {
+    const auto make = [](int nRecords) {
+        std::vector<Segment> vRecords;
+        for (int i = 0; i < nRecords; ++i) {
+            vRecords.push_back({0, 0, i * kSteps.iCheckPointSize, 1});
+        }
+        return FromRecords(vRecords);
+    };
+    ExpectLinear(4000, make, [](const SegmentMap& map) { EXPECT_TRUE(map.FindUnreachable(kSteps).empty()); });
+}
+
+TEST(LargeMapTest, TimeToReadANameOfManyLinesGrowsAsTheirNumber) {
+    const auto make = [](int nLines) {
+        std::string sDump = "Segment path=";
+        for (int i = 0; i < nLines; ++i) {
+            sDump += "line\n";
+        }
+        return sDump + ", fox=0, ox=0, len=1\n";
+    };
+    ExpectLinear(2000, make, [](const std::string& sDump) {
+        EXPECT_EQ(SegmentMap::Parse(sDump, SegmentMap::Form::kInfoDump).GetSegments().size(), 1U);
+    });
+}
+
+TEST(LargeMapTest, TimeToReadManySourcesGrowsAsTheirNumber) {
+    const auto make = [](int nSources) {
+        std::string sDump;
+        for (int i = 0; i < nSources; ++i) {
+            sDump += "Segment path=/" + std::to_string(1000000 + i) + ", fox=0, ox=" + std::to_string(i) + ", len=1\n";
+        }
+        return sDump;
+    };
+    ExpectLinear(1000, make, [](const std::string& sDump) {
+        const SegmentMap map = SegmentMap::Parse(sDump, SegmentMap::Form::kInfoDump);
+        EXPECT_EQ(map.GetSources().size(), map.GetSegments().size());
+        EXPECT_EQ(map.GetSegments().back().iSource, static_cast<std::int64_t>(map.GetSources().size()) - 1);
+    });
 }
 
 /// The server's own maps beside what nfsmap makes of their files.
