@@ -7,6 +7,7 @@
 #include <cstring>
 #include <utility>
 
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 
@@ -126,13 +127,31 @@ NfsResult NfsConnection::Finish(const NfsCall& call, const NfsLimits& limits) {
     return {bLost ? kLost : kUnanswered, ""};
 }
 
+/// A closed descriptor's number is taken again at once; the socket behind it is another.
+void NfsConnection::CountSocket() {
+    constexpr int kMountSockets = 2;
+    struct stat state {};
+    if (m_nSockets < kMountSockets && ::fstat(nfs_get_fd(m_pContext.get()), &state) == 0 && state.st_ino != m_iSocket) {
+        m_iSocket = state.st_ino;
+        ++m_nSockets;
+    }
+}
+
+bool NfsConnection::HasPeer() const {
+    sockaddr_storage address{};
+    socklen_t iSize = sizeof(address);
+    return ::getpeername(nfs_get_fd(m_pContext.get()), reinterpret_cast<sockaddr*>(&address), &iSize) == 0;
+}
+
 Ready NfsConnection::ServeWithin(Awaited other, int iInterrupt) {
+    CountSocket();
     const Ready ready =
         WaitReady({nfs_get_fd(m_pContext.get()), static_cast<short>(nfs_which_events(m_pContext.get()))}, other,
                   iInterrupt, kServeMilliseconds);
     if (nfs_service(m_pContext.get(), ready.iFirst) < 0) {
         m_bUsable = false;
     }
+    CountSocket();
     return ready;
 }
 
@@ -168,8 +187,12 @@ NfsResult NfsConnection::Lost() {
     return {kLost, ""};
 }
 
+bool NfsConnection::IsAnswered(const NfsResult& result) {
+    return IsAnswer(result) || (result.iResult != kLost && result.iResult != kUnanswered);
+}
+
 std::string NfsConnection::Sentence(const NfsResult& result) {
-    if (IsAnswer(result) || (result.iResult != kLost && result.iResult != kUnanswered)) {
+    if (IsAnswered(result)) {
         switch (-result.iResult) {
             case EIO:
                 return "the server answers with an input/output error";

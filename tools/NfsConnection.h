@@ -7,6 +7,8 @@
 #include <memory>
 #include <string>
 
+#include <sys/types.h>
+
 #include "NfsTarget.h"
 #include "Wait.h"
 
@@ -81,11 +83,19 @@ public:
     /// Drops the connection; calls under way find nobody.
     void Close();
 
+    /// Which socket of its own libnfs is at: a mount takes the first to MOUNT, and the second, to NFS, once MNT has
+    /// succeeded. 0 before there is one, 2 at most.
+    int SocketNumber() const { return m_nSockets; }
+    /// Whether the socket it is at has reached its peer.
+    bool HasPeer() const;
+
     nfs_context* Context() { return m_pContext.get(); }
     int GetInterrupt() const { return m_iInterrupt; }
 
     /// The outcome of what a broken connection does not carry.
     static NfsResult Lost();
+    /// Whether a failure is the server's answer, and not the want of one.
+    static bool IsAnswered(const NfsResult& result);
     /// What went wrong, as a sentence.
     static std::string Sentence(const NfsResult& result);
     /// Throws NfsError: what was tried, then the sentence.
@@ -96,12 +106,15 @@ private:
         void operator()(nfs_context* pContext) const;
     };
     static void Report(int iResult, nfs_context* pContext, void* pvData, void* pvState);
+    void CountSocket();
     Ready ServeWithin(Awaited other, int iInterrupt);
     /// The outcome of a READ or WRITE that was refused: libnfs passes it on as broken, and tells the status only in its
     /// text. An answer without a status makes no sense.
     NfsResult AnswerInText() const;
 
     int m_iInterrupt;
+    int m_nSockets = 0;
+    ino_t m_iSocket = 0;  ///< the last of them
     /// The calls that libnfs still reports to: it does so for each, at the latest when the context is destroyed, so
     /// they outlive it.
     std::map<NfsCall::State*, std::shared_ptr<NfsCall::State>> m_Pending;

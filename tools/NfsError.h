@@ -2,6 +2,7 @@
 #pragma once
 
 #include <stdexcept>
+#include <string>
 
 /// An operation that failed, with its one-line reason.
 class NfsError : public std::runtime_error {
@@ -12,5 +13,6 @@ public:
 /// The user wants the program to end: what was under way is given up.
 class Interrupted : public NfsError {
 public:
-    Interrupted() : NfsError("interrupted") {}
+    /// sMore tells what the interrupt may have left behind; it begins with its own separator.
+    explicit Interrupted(const std::string& sMore = "") : NfsError("interrupted" + sMore) {}
 };

@@ -37,8 +37,11 @@ void Report(rpc_context* /*pRpc*/, int iStatus, void* /*pvData*/, void* pvOutcom
     pOutcome->iStatus = iStatus;
 }
 
-/// Serves the context until the call has ended; whether it succeeded.
-bool Complete(rpc_context* pRpc, int iQueued, const Outcome& outcome, int iInterrupt, int iPatience) {
+/// How a call without a mount ended.
+enum class Ending { kDone, kSenseless, kUnanswered, kLost };
+
+/// Serves the context until the call has ended.
+Ending Complete(rpc_context* pRpc, int iQueued, const Outcome& outcome, int iInterrupt, int iPatience) {
     bool bOk = iQueued == 0;
     while (bOk && !outcome.bDone) {
         const Ready ready =
@@ -46,9 +49,15 @@ bool Complete(rpc_context* pRpc, int iQueued, const Outcome& outcome, int iInter
         if (ready.bInterrupt) {
             throw Interrupted();
         }
-        bOk = ready.iFirst != 0 && rpc_service(pRpc, ready.iFirst) == 0;
+        if (ready.iFirst == 0) {
+            return Ending::kUnanswered;
+        }
+        bOk = rpc_service(pRpc, ready.iFirst) == 0;
     }
-    return bOk && outcome.iStatus == RPC_STATUS_SUCCESS;
+    if (!bOk) {
+        return Ending::kLost;
+    }
+    return outcome.iStatus == RPC_STATUS_SUCCESS ? Ending::kDone : Ending::kSenseless;
 }
 
 std::string Named(const char* pcService, const NfsTarget& target, int iPort) {
@@ -61,10 +70,15 @@ std::string Advice() {
            " and " + std::to_string(kDefaultMountPort) + "; beside a system portmapper it takes 2050 and 1059)";
 }
 
+/// What a user does about an export that nobody may be using.
+std::string ReleaseHint(const NfsTarget& target) {
+    return "nfsget release " + target.sHost + ":" + target.sExport;
+}
+
 /// UMNT on a connection of its own: libnfs would use the mount's context again, in which calls may be under way, and
-/// take the answer for the rest of a reply that had come in part. Ports are known; throws NfsError if it was not
-/// answered.
-void ReleaseWithin(const NfsTarget& target, int iInterrupt, int iPatience) {
+/// take the answer for the rest of a reply that had come in part. Ports are known; throws NfsError if there is no
+/// connection to be had.
+Ending Unmount(const NfsTarget& target, int iInterrupt, int iPatience) {
     struct Deleter {
         void operator()(rpc_context* pRpc) const { rpc_destroy_context(pRpc); }
     };
@@ -72,21 +86,39 @@ void ReleaseWithin(const NfsTarget& target, int iInterrupt, int iPatience) {
     Outcome unmounted;
     std::string sExport = target.sExport;
     const std::unique_ptr<rpc_context, Deleter> pRpc(rpc_init_context());
-    if (!Complete(pRpc.get(),
-                  rpc_connect_port_async(pRpc.get(), target.sHost.c_str(), target.iMountPort, MOUNT_PROGRAM, MOUNT_V3,
-                                         Report, &connected),
-                  connected, iInterrupt, iPatience)) {
+    if (Complete(pRpc.get(),
+                 rpc_connect_port_async(pRpc.get(), target.sHost.c_str(), target.iMountPort, MOUNT_PROGRAM, MOUNT_V3,
+                                        Report, &connected),
+                 connected, iInterrupt, iPatience) != Ending::kDone) {
         const std::string sWhy = WhyUnreachable(target.sHost, target.iMountPort, iInterrupt);
         throw NfsError(Named("MOUNT", target, target.iMountPort) + ": " + (sWhy.empty() ? "no answer" : sWhy) +
                        Advice());
     }
-    if (!Complete(pRpc.get(), rpc_mount3_umnt_async(pRpc.get(), Report, sExport.data(), &unmounted), unmounted,
-                  iInterrupt, iPatience)) {
-        throw NfsError("unmount of \"" + target.sExport + "\": the server does not answer");
+    return Complete(pRpc.get(), rpc_mount3_umnt_async(pRpc.get(), Report, sExport.data(), &unmounted), unmounted,
+                    iInterrupt, iPatience);
+}
+
+/// Unmounts. UMNT may be repeated: a connection that breaks under it is made once more. Throws NfsError if it was not
+/// answered.
+void ReleaseWithin(const NfsTarget& target, int iInterrupt, int iPatience) {
+    Ending ending = Unmount(target, iInterrupt, iPatience);
+    if (ending == Ending::kLost) {
+        ending = Unmount(target, iInterrupt, iPatience);
+    }
+    const std::string sWhat = "unmount of \"" + target.sExport + "\": ";
+    switch (ending) {
+        case Ending::kDone:
+            return;
+        case Ending::kSenseless:
+            throw NfsError(sWhat + "the server's answer makes no sense");
+        case Ending::kUnanswered:
+            throw NfsError(sWhat + "the server does not answer");
+        case Ending::kLost:
+            throw NfsError(sWhat + "connection lost");
     }
 }
 
-/// Takes back what a mount may have bound, on the way out of a failure that gets reported.
+/// Takes back what a mount has bound, on the way out of a failure that gets reported.
 void TakeBack(const NfsTarget& target, int iPatience) {
     try {
         ReleaseWithin(target, kNoInterrupt, iPatience);
@@ -114,33 +146,52 @@ NfsSession::NfsSession(const NfsTarget& target, int iInterrupt)
             FailMount(result);
         }
     } catch (const Interrupted&) {
-        TakeBack(m_Target, kGiveUpMilliseconds);
-        throw;
+        if (IsBound()) {
+            TakeBack(m_Target, kGiveUpMilliseconds);
+            throw;
+        }
+        throw Interrupted(m_Connection.HasPeer() ? MayBeBound() : "");
     }
     m_bMounted = true;
+}
+
+bool NfsSession::IsBound() const {
+    return m_Connection.SocketNumber() > 1;
+}
+
+std::string NfsSession::MayBeBound() const {
+    return "; \"" + m_Target.sExport + "\" may be bound now: " + ReleaseHint(m_Target);
 }
 
 void NfsSession::FailMount(const NfsResult& result) {
     // A refused MNT bound nothing, and the export may be somebody else's.
     if (result.sText.find("MNT3ERR_") != std::string::npos) {
         throw NfsError("mount of \"" + m_Target.sExport + "\" refused: no such export, not open to this address, or " +
-                       "a client has it mounted already (after a run that was cut short: nfsget release " +
-                       m_Target.sHost + ":" + m_Target.sExport + ")");
+                       "a client has it mounted already (after a run that was cut short: " + ReleaseHint(m_Target) +
+                       ")");
     }
-    TakeBack(m_Target, kLeaveMilliseconds);
-    const int iInterrupt = m_Connection.GetInterrupt();
+    if (IsBound()) {
+        TakeBack(m_Target, kLeaveMilliseconds);
+    }
     if (result.sText.find("NFS3ERR_") == std::string::npos) {
-        for (const auto& [pcService, iPort] : {std::pair{"MOUNT", m_Target.iMountPort}, {"NFS", m_Target.iNfsPort}}) {
-            const std::string sWhy = WhyUnreachable(m_Target.sHost, iPort, iInterrupt);
-            if (!sWhy.empty()) {
-                throw NfsError(Named(pcService, m_Target, iPort) + ": " + sWhy + Advice());
-            }
-        }
-        NfsConnection::Fail("mount of \"" + m_Target.sExport + "\"", result);
+        FailUnanswered(result);
     }
     throw NfsError("mount of \"" + m_Target.sExport +
                    "\": the server exports it, but answers for its directory with an error (" +
                    NfsConnection::Sentence(result) + "); does the directory exist there?");
+}
+
+void NfsSession::FailUnanswered(const NfsResult& result) {
+    for (const auto& [pcService, iPort] : {std::pair{"MOUNT", m_Target.iMountPort}, {"NFS", m_Target.iNfsPort}}) {
+        const std::string sWhy = WhyUnreachable(m_Target.sHost, iPort, m_Connection.GetInterrupt());
+        if (!sWhy.empty()) {
+            throw NfsError(Named(pcService, m_Target, iPort) + ": " + sWhy + Advice());
+        }
+        if (!IsBound()) {
+            throw NfsError("mount of \"" + m_Target.sExport + "\": " + NfsConnection::Sentence(result) + MayBeBound());
+        }
+    }
+    NfsConnection::Fail("mount of \"" + m_Target.sExport + "\"", result);
 }
 
 NfsSession::~NfsSession() {
@@ -155,10 +206,15 @@ NfsSession::~NfsSession() {
 void NfsSession::End() {
     m_Connection.Close();
     m_bMounted = false;
+    const int iInterrupt = m_Connection.GetInterrupt();
     try {
-        ReleaseWithin(m_Target, m_Connection.GetInterrupt(), NfsConnection::kTimeoutMilliseconds);
-    } catch (const Interrupted&) {  // the work is done: only the wait for a silent server is cut short
-        ReleaseWithin(m_Target, kNoInterrupt, kLeaveMilliseconds);
+        try {
+            ReleaseWithin(m_Target, iInterrupt, NfsConnection::kTimeoutMilliseconds);
+        } catch (const Interrupted&) {  // the work is done: only the wait for a silent server is cut short
+            ReleaseWithin(m_Target, kNoInterrupt, kLeaveMilliseconds);
+        }
+    } catch (const NfsError& error) {
+        throw NfsError(error.what() + MayBeBound());
     }
 }
 

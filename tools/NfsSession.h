@@ -26,7 +26,8 @@ struct NfsEntry {
 /// own it; -1 for none.
 class NfsSession {
 public:
-    /// Mounts. Ports that the target does not give are asked for. A mount that failed half-way is taken back.
+    /// Mounts. Ports that the target does not give are asked for. A mount that failed half-way is taken
+    /// back, unless it is not known whether the server bound the export; the text says so then.
     NfsSession(const NfsTarget& target, int iInterrupt);
     ~NfsSession();
     NfsSession(const NfsSession&) = delete;
@@ -52,8 +53,13 @@ public:
 
 private:
     NfsResult Look(const std::string& sPath, NfsEntry& entry);
+    /// Whether the server has bound the export to this mount. A mount that got no answer to MNT may have bound it, or
+    /// was refused because somebody else has it: then it is not unmounted.
+    bool IsBound() const;
+    std::string MayBeBound() const;
     /// Takes back a mount that failed, as far as it got, and throws what is to be reported.
     [[noreturn]] void FailMount(const NfsResult& result);
+    [[noreturn]] void FailUnanswered(const NfsResult& result);
 
     NfsTarget m_Target;
     NfsConnection m_Connection;

@@ -140,4 +140,76 @@ TEST_F(NfsgetFaultTest, RestOfAStandardInputIsPut) {
     ExpectUnmounted();
 }
 
+// ---- Mounts and unmounts that get no answer
+
+constexpr PassingRecord kMntReply{kMountProgram, kMountMnt, true};
+constexpr PassingRecord kUmntCall{kMountProgram, kMountUmnt, false};
+constexpr const char* kMayBeBound = "; \"data\" may be bound now: nfsget release 127.0.0.1:data\n";
+
+/// What becomes of such records; all others pass.
+CallForwarder::Judge Always(const PassingRecord& wanted, Fate fate) {
+    return [=](const PassingRecord& record) { return record == wanted ? fate : Fate::kPass; };
+}
+
+/// It was refused, which it does not learn; the export is another client's. A mount that knows itself to be one is
+/// taken back from a server that says nothing more.
+TEST_F(NfsgetFaultTest, InterruptedMountIsTakenBackOnlyIfItIsOne) {
+    const TempFolder other;
+    Export(other.Path(), "other");
+    NfsClient holder;
+    ASSERT_TRUE(holder.Mnt(kExportName).has_value());
+    const CallForwarder mounts(4058, 1058, Always(kMntReply, Fate::kDrop));
+    const CallForwarder files(4049, 2049, [](const PassingRecord& /*record*/) { return Fate::kDrop; });
+    ChildProcess unanswered({Program(), "-m", "4058", "list", "127.0.0.1:data"});
+    ChildProcess mounted({Program(), "-p", "4049", "list", "127.0.0.1:other"});
+    ASSERT_TRUE(WaitUntil([&] { return mounts.Seen(kMntReply) == 1; }));
+    ASSERT_TRUE(WaitUntil([&] { return files.Seen({kNfsProgram, kNfsNull, false}) == 1; }));
+    EXPECT_EQ(Server().GetMountInfo(true, false), 2);
+    unanswered.Signal(SIGINT);
+    mounted.Signal(SIGINT);
+    EXPECT_EQ(unanswered.Wait(), 1);
+    EXPECT_EQ(unanswered.Output(), std::string("nfsget: interrupted") + kMayBeBound);
+    EXPECT_EQ(mounts.Seen(kUmntCall), 0);
+    EXPECT_EQ(mounted.Wait(), 1);
+    EXPECT_EQ(mounted.Output(), "nfsget: interrupted\n");
+    EXPECT_EQ(Server().GetMountInfo(true, false), 1) << "the holder's";
+}
+
+TEST_F(NfsgetFaultTest, MountWhoseConnectionBreaksIsTakenBackOnlyIfItIsOne) {
+    NfsClient holder;
+    ASSERT_TRUE(holder.Mnt(kExportName).has_value());
+    const CallForwarder mounts(4058, 1058, Always(kMntReply, Fate::kClose));
+    RunResult result = Run({"-m", "4058", "list", "127.0.0.1:data"});
+    EXPECT_EQ(result.iStatus, 1);
+    EXPECT_EQ(result.sOutput, std::string("nfsget: mount of \"data\": connection lost") + kMayBeBound);
+    EXPECT_EQ(mounts.Seen(kUmntCall), 0);
+    EXPECT_EQ(Server().GetMountInfo(true, false), 1) << "the holder's";
+    holder.Umnt(kExportName);
+    const CallForwarder files(4049, 2049, [](const PassingRecord& /*record*/) { return Fate::kClose; });
+    result = Run({"-p", "4049", "list", "127.0.0.1:data"});
+    EXPECT_EQ(result.iStatus, 1);
+    EXPECT_EQ(result.sOutput, "nfsget: mount of \"data\": connection lost\n");
+    ExpectUnmounted();
+}
+
+TEST_F(NfsgetFaultTest, UnmountWhoseConnectionBreaksIsRepeatedOnce) {
+    WriteWholeFile(Folder() / "file", "");
+    std::atomic<int> nToClose = 1;
+    const CallForwarder mounts(4058, 1058, [&](const PassingRecord& record) {
+        return record == kUmntCall && nToClose-- > 0 ? Fate::kClose : Fate::kPass;
+    });
+    RunResult result = Run({"-m", "4058", "list", "127.0.0.1:data"});
+    EXPECT_EQ(result.iStatus, 0);
+    EXPECT_EQ(result.sOutput, "           0  file\n");
+    EXPECT_EQ(mounts.Seen(kUmntCall), 2);
+    ExpectUnmounted();
+    nToClose = 2;
+    result = Run({"-m", "4058", "mkdir", "127.0.0.1:data/folder"});
+    EXPECT_EQ(result.iStatus, 1);
+    EXPECT_EQ(result.sOutput, std::string("nfsget: unmount of \"data\": connection lost") + kMayBeBound);
+    EXPECT_EQ(mounts.Seen(kUmntCall), 4);
+    EXPECT_EQ(Run({"release", "127.0.0.1:data"}).iStatus, 0);
+    ExpectUnmounted();
+}
+
 }  // namespace

@@ -296,7 +296,7 @@ TEST_F(NfsgetTest, InterruptEndsTheWaitForAServerThatNeverAnswers) {
     ASSERT_GE(peer.Get(), 0);
     list.Signal(SIGINT);
     EXPECT_EQ(list.Wait(std::chrono::seconds(15)), 1);
-    EXPECT_EQ(list.Output(), "nfsget: interrupted\n");
+    EXPECT_EQ(list.Output(), "nfsget: interrupted; \"data\" may be bound now: nfsget release 127.0.0.1:data\n");
 }
 
 TEST_F(NfsgetTest, OtherPortsAreGivenByOptionsOrFoundByThePortmapper) {
