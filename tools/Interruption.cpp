@@ -11,12 +11,25 @@
 
 #include "NfsError.h"
 
+namespace {
+
+/// Whether whoever started the program wants it to outlive a signal, as nohup does, and a script for what it starts in
+/// the background.
+bool IsIgnored(int iSignal) {
+    struct sigaction action {};
+    return ::sigaction(iSignal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
+}
+
+}  // namespace
+
 Interruption::Interruption() {
     sigset_t signals;
     ::sigemptyset(&signals);
-    ::sigaddset(&signals, SIGINT);
-    ::sigaddset(&signals, SIGTERM);
-    ::sigaddset(&signals, SIGHUP);
+    for (const int iSignal : {SIGINT, SIGTERM, SIGHUP}) {
+        if (!IsIgnored(iSignal)) {  // a blocked signal would be noticed although it is ignored
+            ::sigaddset(&signals, iSignal);
+        }
+    }
     ::sigprocmask(SIG_BLOCK, &signals, nullptr);
     m_iSignals = ::signalfd(-1, &signals, SFD_CLOEXEC);
     if (m_iSignals < 0) {

@@ -1,8 +1,9 @@
 // The user's wish that the program ends, as a descriptor.
 #pragma once
 
-/// SIGINT, SIGTERM and SIGHUP no longer end the program by themselves: what is under way notices them at its next wait,
-/// fails, and unmounts on its way out. One per process, made before anything else.
+/// SIGINT, SIGTERM and SIGHUP, as far as they were not ignored from the start, no longer end the program by themselves:
+/// what is under way notices them at its next wait, fails, and unmounts on its way out. One per process, made before
+/// anything else.
 class Interruption {
 public:
     /// Throws NfsError if the signals cannot be watched.

@@ -2,9 +2,7 @@
 //
 // It unmounts at its end, also after a failure and when it is interrupted, because the server binds an export to one
 // client until that client unmounts it.
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <exception>
 #include <string>
 #include <vector>
@@ -13,8 +11,8 @@
 #include "Commands.h"
 #include "GetRequest.h"
 #include "Interruption.h"
-#include "NfsError.h"
 #include "NfsSession.h"
+#include "StandardStreams.h"
 
 namespace {
 
@@ -81,15 +79,14 @@ int Main(const std::vector<std::string>& vsArguments) {
         default:
             Run(request);
     }
-    if (std::fflush(stdout) != 0) {
-        throw NfsError(std::string("standard output: ") + std::strerror(errno));
-    }
+    FinishOutput();
     return 0;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+    FillStandardDescriptors();
     try {
         return Main({argv + 1, argv + argc});
     } catch (const UsageError& error) {

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
+#include "CallForwarder.h"
 #include "NfsgetFixture.h"
 #include "WaitUntil.h"
 
@@ -151,6 +152,50 @@ TEST_F(NfsgetLocalTest, OnlyAnOrdinaryFileIsResumed) {
     const RunResult result = Run({"get", "--resume", "127.0.0.1:data/file", local / "output"});
     EXPECT_EQ(result.iStatus, 1);
     EXPECT_EQ(result.sOutput, "nfsget: \"" + (local / "output") + "\": only an ordinary file can be resumed\n");
+    ExpectUnmounted();
+}
+
+// ---- What a starter left open, and what it ignores
+
+/// The file is one great sequence of calls: whatever else they went to, they must not reach the server.
+TEST_F(NfsgetLocalTest, ClosedStandardStreamsAreNoPlaceForAConnection) {
+    RpcCall null;
+    null.iProgram = kNfsProgram;
+    std::string sCalls;
+    for (int i = 0; i < 1000; ++i) {
+        sCalls += null.Bytes(Transport::kTcp);
+    }
+    WriteWholeFile(Folder() / "file", sCalls);
+    const CallForwarder forwarder(4049, 2049, [](const PassingRecord&) { return CallForwarder::Fate::kPass; });
+    const auto run = [](const std::string& sCommand) {
+        return RunProgram({"/bin/sh", "-c", Program() + " -p 4049 " + sCommand});
+    };
+    const RunResult get = run("get 127.0.0.1:data/file - <&- >&-");
+    EXPECT_EQ(get.iStatus, 1);
+    EXPECT_EQ(get.sOutput, "nfsget: \"-\": local write: Bad file descriptor\n");
+    EXPECT_LT(forwarder.Seen({kNfsProgram, kNfsNull, false}), 10);
+    ExpectUnmounted();
+    const RunResult put = run("put - 127.0.0.1:data/new <&-");
+    EXPECT_EQ(put.iStatus, 1);
+    EXPECT_EQ(put.sOutput, "nfsget: \"-\": local read: Bad file descriptor\n");
+    EXPECT_FALSE(std::filesystem::exists(Folder() / "new"));
+    const RunResult list = run("list 127.0.0.1:data >&-");
+    EXPECT_EQ(list.iStatus, 1);
+    EXPECT_EQ(list.sOutput, "nfsget: standard output: Bad file descriptor\n");
+    EXPECT_EQ(run("mkdir 127.0.0.1:data/folder <&- >&- 2>&-").iStatus, 0);
+    EXPECT_TRUE(std::filesystem::is_directory(Folder() / "folder"));
+    ExpectUnmounted();
+}
+
+TEST_F(NfsgetLocalTest, SignalThatItsStarterIgnoresDoesNotEndIt) {
+    ChildProcess put({"/bin/sh", "-c", "trap '' HUP INT; exec " + Program() + " put - 127.0.0.1:data/file"});
+    ASSERT_TRUE(WaitUntil([&] { return Blocks(put.GetPid(), SIGTERM); }));
+    put.Signal(SIGHUP);
+    put.Signal(SIGINT);
+    put.Send("all of it");
+    put.CloseInput();
+    EXPECT_EQ(put.Wait(), 0) << put.Output();
+    EXPECT_EQ(ReadWholeFile(Folder() / "file"), "all of it");
     ExpectUnmounted();
 }
 

@@ -85,6 +85,9 @@ Streams OpenPipes() {
     sigset_t none;
     ::sigemptyset(&none);
     ::sigprocmask(SIG_SETMASK, &none, nullptr);
+    for (const int iSignal : {SIGINT, SIGTERM, SIGHUP}) {
+        ::signal(iSignal, SIG_DFL);  // whoever runs the tests may have them ignored, as nohup does
+    }
     for (const int iCapability : options.viDroppedCapabilities) {
         ::prctl(PR_CAPBSET_DROP, iCapability, 0, 0, 0);
     }
