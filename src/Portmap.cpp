@@ -99,7 +99,7 @@ bool CPortmap::Register(unsigned long lProgNum, unsigned long lProgVer, int sock
         return false;
     }
     const LogArgu logArgu{"Portmap.Register"};
-    if (!IsAnswering(&logArgu)) {
+    if (!IsAnswering(&logArgu, CPortmapPing::kStartLimit)) {
         WriteReason(pcStatus, "Portmapper does not answer.");
         return false;
     }
@@ -126,7 +126,7 @@ void CPortmap::Unregister(unsigned long lProgNum, unsigned long lProgVer, char* 
         WriteReason(pcStatus, "Portmapper is not running.");
         return;
     }
-    if (!IsAnswering(&logArgu)) {
+    if (!IsAnswering(&logArgu, CPortmapPing::kStopLimit)) {
         WriteReason(pcStatus, "Portmapper does not answer.");
         m_OwnSockets.erase({lProgNum, lProgVer});
         return;
@@ -139,8 +139,8 @@ void CPortmap::Unregister(unsigned long lProgNum, unsigned long lProgVer, char* 
                  static_cast<long>(lProgVer));
 }
 
-bool CPortmap::IsAnswering(const LogArgu* pLogArgu) {
-    if (!m_bIsSilent && CPortmapPing::IsSilent()) {
+bool CPortmap::IsAnswering(const LogArgu* pLogArgu, std::chrono::milliseconds limit) {
+    if (!m_bIsSilent && CPortmapPing::IsSilent(limit)) {
         m_bIsSilent = true;
         const LogContext log{m_pUtilities, m_pRuntimeParam, pLogArgu};
         NFS_LOG_INFO(log, kLogPortmap, "[%s] Portmapper does not answer");

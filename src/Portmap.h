@@ -51,7 +51,8 @@ private:
     static constexpr int kNoSocket = -1;
     static constexpr int kNotBound = -2;
 
-    bool IsAnswering(const LogArgu* pLogArgu);
+    /// The question is put once; who was silent is taken to remain so.
+    bool IsAnswering(const LogArgu* pLogArgu, std::chrono::milliseconds limit);
     bool RegisterSvc(long lProgNum, long lProgVer, int sock, char* pcStatus);
     static bool RegisterUdp(const LogContext& log, long lProgNum, long lProgVer, int sock, char* pcStatus);
     static bool RegisterTcp(const LogContext& log, long lProgNum, long lProgVer, int sock, char* pcStatus);

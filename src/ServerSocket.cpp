@@ -24,8 +24,11 @@ extern "C" [[noreturn]] void __assert_fail(const char* pcAssertion, const char* 
 
 namespace {
 
-/// How often a slot whose peer has gone is looked at by a new connection that waits for it.
+/// How often a new connection that waits for a slot looks at those whose peers have gone.
 constexpr std::chrono::milliseconds kSlotPoll{1};
+/// So long a new connection may take to be closed again where there is no slot for it: a port check's end follows its
+/// beginning at once, but not always before we get to look.
+constexpr std::chrono::milliseconds kLeavePatience{100};
 /// The pause after a failed accept, so that a lasting failure does not keep a processor busy.
 constexpr std::chrono::milliseconds kAcceptPause{50};
 
@@ -148,7 +151,7 @@ void CServerSocket::Run() {
         if (!connection.IsOpen()) {
             continue;
         }
-        const int i = WaitForFreeSlot();
+        const int i = WaitForFreeSlot(connection.Get());
         if (m_bClosed) {
             break;
         }
@@ -197,9 +200,11 @@ void CServerSocket::RecoverFromAcceptFailure(int iError) {
     std::this_thread::sleep_for(kAcceptPause);
 }
 
-int CServerSocket::WaitForFreeSlot() const {
+int CServerSocket::WaitForFreeSlot(int iNewcomer) const {
+    const auto end = std::chrono::steady_clock::now() + kLeavePatience;
+    const auto mayLeave = [&] { return std::chrono::steady_clock::now() < end && !CSocket::IsPeerGone(iNewcomer); };
     int i = FindFreeSlot();
-    while (i == m_nMaxNum && !m_bClosed && IsAnyPeerGone()) {
+    while (i == m_nMaxNum && !m_bClosed && (IsAnyPeerGone() || mayLeave())) {
         std::this_thread::sleep_for(kSlotPoll);
         i = FindFreeSlot();
     }

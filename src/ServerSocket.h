@@ -19,7 +19,7 @@ class ISocketListener;
 ///
 /// The number of slots is a hard invariant: a connection beyond it fails the assertion "i < m_nMaxNum" and ends the
 /// process, in every build. A connection whose peer has already closed does not count: the new one waits for its
-/// slot, and a new one that has been closed by the time there is no slot for it is dropped.
+/// slot, and a new one that is closed again within a moment in which there is no slot for it is dropped.
 ///
 /// Open, Close and SetListener are called by one thread at a time. The accept thread is the only user of the slots
 /// while it runs.
@@ -51,8 +51,9 @@ private:
     /// The next connection, ready for use; empty if there is none.
     CDescriptor Accept(sockaddr_in* pPeer);
     void RecoverFromAcceptFailure(int iError);
-    /// The index of a slot that is not in use, m_nMaxNum if there is none.
-    int WaitForFreeSlot() const;
+    /// The index of a slot that is not in use, m_nMaxNum if there is none. It waits for the slots of peers that have
+    /// gone, and a moment for the new connection's own peer to go.
+    int WaitForFreeSlot(int iNewcomer) const;
     int FindFreeSlot() const;
     bool IsAnyPeerGone() const;
 

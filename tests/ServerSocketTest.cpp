@@ -213,6 +213,21 @@ TEST_F(ServerSocketTest, ANewConnectionWhosePeerHasAlreadyClosedDoesNotCount) {
     }
 }
 
+// A port check's end comes right behind its beginning, but not always before the server has looked.
+TEST_F(ServerSocketTest, PortChecksBesideAllTheConnectionsAllowedDoNotCount) {
+    Open(2);
+    const auto pFirst = Connect();
+    const auto pSecond = Connect();
+    ExpectServed(*pFirst);
+    ExpectServed(*pSecond);
+    for (int i = 0; i < 300; ++i) {
+        RpcClient check(Transport::kTcp, m_Server.GetPort());
+        check.Close();
+        ExpectServed(*pFirst);
+    }
+    ExpectServed(*pSecond);
+}
+
 TEST_F(ServerSocketTest, ClosingEndsAllConnectionsFirst) {
     Open(3);
     const auto pFirst = Connect();
