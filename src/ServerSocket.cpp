@@ -26,9 +26,10 @@ namespace {
 
 /// How often a new connection that waits for a slot looks at those whose peers have gone.
 constexpr std::chrono::milliseconds kSlotPoll{1};
-/// So long a new connection may take to be closed again where there is no slot for it: a port check's end follows its
-/// beginning at once, but not always before we get to look.
-constexpr std::chrono::milliseconds kLeavePatience{100};
+/// So long the end of a connection may take to become known where there is no slot for a new one: a client that closes
+/// one and opens the next has sent that end first, but where it is lost on the way the system sends it again only after
+/// 200 ms, and then after twice that.
+constexpr std::chrono::milliseconds kEndPatience{1000};
 /// The pause after a failed accept, so that a lasting failure does not keep a processor busy.
 constexpr std::chrono::milliseconds kAcceptPause{50};
 
@@ -201,10 +202,10 @@ void CServerSocket::RecoverFromAcceptFailure(int iError) {
 }
 
 int CServerSocket::WaitForFreeSlot(int iNewcomer) const {
-    const auto end = std::chrono::steady_clock::now() + kLeavePatience;
-    const auto mayLeave = [&] { return std::chrono::steady_clock::now() < end && !CSocket::IsPeerGone(iNewcomer); };
+    const auto last = std::chrono::steady_clock::now() + kEndPatience;
+    const auto mayChange = [&] { return std::chrono::steady_clock::now() < last && !CSocket::IsPeerGone(iNewcomer); };
     int i = FindFreeSlot();
-    while (i == m_nMaxNum && !m_bClosed && (IsAnyPeerGone() || mayLeave())) {
+    while (i == m_nMaxNum && !m_bClosed && (IsAnyPeerGone() || mayChange())) {
         std::this_thread::sleep_for(kSlotPoll);
         i = FindFreeSlot();
     }

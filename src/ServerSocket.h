@@ -19,7 +19,8 @@ class ISocketListener;
 ///
 /// The number of slots is a hard invariant: a connection beyond it fails the assertion "i < m_nMaxNum" and ends the
 /// process, in every build. A connection whose peer has already closed does not count: the new one waits for its
-/// slot, and a new one that is closed again within a moment in which there is no slot for it is dropped.
+/// slot, and a new one that is closed again before there is a slot for it is dropped. What the peers have done is
+/// judged a second later, as the end of a connection may be lost on the way and be sent again.
 ///
 /// Open, Close and SetListener are called by one thread at a time. The accept thread is the only user of the slots
 /// while it runs.
@@ -52,7 +53,7 @@ private:
     CDescriptor Accept(sockaddr_in* pPeer);
     void RecoverFromAcceptFailure(int iError);
     /// The index of a slot that is not in use, m_nMaxNum if there is none. It waits for the slots of peers that have
-    /// gone, and a moment for the new connection's own peer to go.
+    /// gone, and a second for one of them, or the new connection's own, to go.
     int WaitForFreeSlot(int iNewcomer) const;
     int FindFreeSlot() const;
     bool IsAnyPeerGone() const;

@@ -14,6 +14,8 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include "SendPatience.h"
+
 namespace {
 
 /// Room for the one control message that is used: which local address a datagram was sent to.
@@ -261,28 +263,22 @@ void CSocket::Drop(std::size_t nSent) {
 }
 
 bool CSocket::SendStream() {
-    using Clock = std::chrono::steady_clock;
     const std::size_t nSize = m_sCollected.size() + m_OutputStream.GetBufferSize();
     std::size_t nSent = 0;
-    bool bStalled = false;
-    Clock::time_point deadline;
+    CSendPatience patience(m_Socket, std::chrono::seconds(kSendTimeoutSeconds));
     while (nSent < nSize) {
         const ssize_t n = SendFrom(nSent);
         if (n > 0) {
             nSent += static_cast<std::size_t>(n);
-            bStalled = false;
+            patience.Renew();
             continue;
         }
         if (n < 0 && (errno == EAGAIN || errno == EINTR)) {
-            const Clock::time_point now = Clock::now();
-            if (!bStalled) {
-                bStalled = true;
-                deadline = now + std::chrono::seconds(kSendTimeoutSeconds);
-            }
-            if (now < deadline) {
+            const auto left = patience.Left();
+            if (left > left.zero()) {
                 // Not to the end at once: the socket counts as writable only when a good part of its buffer is free,
                 // and the little that goes before that is progress, too.
-                WaitWritable(m_Socket, std::min<Clock::duration>(deadline - now, kSendPause));
+                WaitWritable(m_Socket, std::min<CSendPatience::Clock::duration>(left, kSendPause));
                 continue;
             }
         }

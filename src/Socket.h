@@ -25,8 +25,8 @@ class CSocket {
 public:
     enum Type : int { kStream = 1, kDatagram = 2 };
 
-    /// A send that cannot pass on a single byte for this long ends the connection: a peer that stops reading keeps one
-    /// of few connections.
+    /// A send that cannot pass on a single byte for this long, to a peer whose system answers, ends the connection: a
+    /// peer that stops reading keeps one of few connections (see CSendPatience).
     static constexpr int kSendTimeoutSeconds = 5;
 
     /// The type is a Type; the program number is that of the RPC program served here.

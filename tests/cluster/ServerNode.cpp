@@ -2,7 +2,6 @@
 #include "ServerNode.h"
 
 #include <cstdlib>
-#include <functional>
 #include <stdexcept>
 #include <string_view>
 #include <vector>
@@ -56,7 +55,6 @@ void ServerNode::Withdraw(const std::string& sFolder) {
 }
 
 void ServerNode::Worsen(int nLostOfThousand) {
-    using Run = std::function<void(const std::vector<std::string>&)>;
     const std::string sTable = "lossy" + std::to_string(m_iNumber);
     const auto worsen = [&](const std::string& sInterface, const Run& run) {
         const std::string sRule =
@@ -66,8 +64,33 @@ void ServerNode::Worsen(int nLostOfThousand) {
         run({"nft", "add chain ip " + sTable + " input { type filter hook input priority 0; }"});
         run({"nft", "add rule ip " + sTable + " input " + sRule});
     };
-    worsen(Interface(), RunOrThrow);
-    worsen("eth0", [this](const std::vector<std::string>& vsArguments) { RunInside(vsArguments); });
+    OnBothSides(worsen);
+}
+
+void ServerNode::OnBothSides(const std::function<void(const std::string&, const Run&)>& change) const {
+    change(Interface(), RunOrThrow);
+    change("eth0", [this](const std::vector<std::string>& vsArguments) { RunInside(vsArguments); });
+}
+
+void ServerNode::LoseFirstEnds() const {
+    RunInside({"nft", "add table ip ends"});
+    RunInside({"nft", "add chain ip ends input { type filter hook input priority 0; }"});
+    RunInside({"nft", "add rule ip ends input iifname eth0 tcp flags & fin == fin ct mark 0 ct mark set 1 drop"});
+}
+
+void ServerNode::CutOff(bool bCut) const {
+    // The interfaces stay up, and so nobody is told.
+    const std::string sTable = "ip cut" + std::to_string(m_iNumber);
+    const auto cut = [&](const std::string& sInterface, const Run& run) {
+        if (!bCut) {
+            run({"nft", "delete table " + sTable});
+            return;
+        }
+        run({"nft", "add table " + sTable});
+        run({"nft", "add chain " + sTable + " input { type filter hook input priority 0; }"});
+        run({"nft", "add rule " + sTable + " input iifname " + sInterface + " drop"});
+    };
+    OnBothSides(cut);
 }
 
 int ServerNode::CountLost() const {

@@ -1,6 +1,7 @@
 // A machine of a cluster, as far as NFS sees it: a console that serves in a network namespace of its own.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -26,6 +27,10 @@ public:
     /// From now on the network takes small segments, each by itself, and so many of a thousand are lost on the way, in
     /// both directions.
     void Worsen(int nLostOfThousand);
+    /// From now on the first segment that ends a connection is lost on its way to the server; it will be sent again.
+    void LoseFirstEnds() const;
+    /// The network carries nothing, or again what it carried before.
+    void CutOff(bool bCut) const;
     /// How many have been lost.
     int CountLost() const;
     /// The machine loses power.
@@ -40,6 +45,9 @@ public:
 private:
     NfsClient ClientAt(int iHost) const;
     std::string Address(int iHost) const;
+    using Run = std::function<void(const std::vector<std::string>&)>;
+    /// Has each end of the pair changed: its interface, and what runs a program where that is.
+    void OnBothSides(const std::function<void(const std::string&, const Run&)>& change) const;
     /// Runs a program in the server's network; throws std::runtime_error if it fails.
     void RunInside(std::vector<std::string> vsArguments) const;
     /// The test's end of the pair.
