@@ -86,7 +86,8 @@ public final class RecoveryHost extends NfsLibNative {
         if (handle == 0) {
             return false;
         }
-        closeAllRedirectedFiles(handle, work.toString()); // ends a write-out in progress
+        // Ends a write-out in progress, and closes the disk after the clients' connections: closed before, it would leave
+        // them the empty file that stands for it.
         stopServer(handle);
         interrupted = true;
         try {

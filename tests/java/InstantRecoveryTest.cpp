@@ -196,6 +196,37 @@ TEST_F(InstantRecoveryTest, LineThatIsNoRuleIsNamed) {
     EXPECT_THAT(result.sOutput, HasSubstr("/rules, line 3: not a rule: grant everything\n"));
 }
 
+// Whoever closes the disk before the clients' connections lets them reach the empty file that stands for it.
+TEST_F(InstantRecoveryTest, RefusedWritesReachNothingWhileTheHostStops) {
+    WriteWholeFile(m_Folder / "rules", "refuse write\n");
+    m_Options.vEnvironment.emplace_back("RULES", m_Folder / "rules");
+    for (int i = 0; i < 3; ++i) {
+        ChildProcess host(Command(), m_Options);
+        ASSERT_TRUE(host.WaitFor("Ready: ", kStart)) << host.Output();
+        NfsClient client;
+        std::string sFile;
+        ASSERT_EQ(client.Lookup(client.Mnt("recovery").value_or(""), kDisk, sFile), kNfs3Ok);
+        int nRefused = 0;
+        try {
+            for (;; ++nRefused) {
+                if (nRefused == 20) {
+                    host.Signal(SIGTERM);
+                }
+                std::uint32_t iCount = 0;
+                ASSERT_EQ(client.Write(sFile, 0, std::string(64, 'z'), iCount), kNfs3ErrInval) << "call " << nRefused;
+                Fattr3 attributes;
+                ASSERT_EQ(client.Getattr(sFile, attributes), kNfs3Ok);
+                ASSERT_EQ(attributes.iSize, 4U << 20) << "call " << nRefused;
+            }
+        } catch (const std::runtime_error&) {
+            EXPECT_GE(nRefused, 20) << "the connection ended before the host was told to stop";
+        }
+        EXPECT_EQ(host.Wait(), 128 + SIGTERM) << host.Output();
+        EXPECT_EQ(std::filesystem::file_size(m_sWork + "/lent/" + kDisk), 0U);
+        std::filesystem::remove_all(m_sWork);
+    }
+}
+
 // The write-out is held at the image, a pipe that nobody reads.
 TEST_F(InstantRecoveryTest, CtrlCGivesUpAWriteOutInProgress) {
     std::filesystem::create_directories(m_sWork + "/written");
