@@ -198,12 +198,13 @@ int CDescriptorCache::OpenInMode(const LogContext& log, const char* pcPath, cons
 int CDescriptorCache::OpenForCache(const LogContext& log, const char* pcPath, int iFlags, const FileWish& wish,
                                    int* piError) {
     const auto open = [pcPath, iFlags, &wish] {
-        if (wish.bClient) {
-            // Where the look met no link, there is to be none now.
-            return OpenRegularFile(pcPath, iFlags, *wish.pFound,
-                                   wish.bWrite ? OwnFiles::kAlways : OwnFiles::kAsPermitted);
-        }
         const bool bToWrite = (iFlags & O_ACCMODE) != O_RDONLY;
+        if (wish.bClient) {
+            // A read tries to open for writing too, and needs only what it can read. Where the look met no link, there
+            // is to be none now.
+            return OpenRegularFile(pcPath, iFlags, *wish.pFound,
+                                   bToWrite && !wish.bWrite ? OwnFiles::kAsPermitted : OwnFiles::kAlways);
+        }
         return bToWrite || wish.bInfoFile ? OpenByOwnLinks(pcPath, iFlags) : ::open(pcPath, iFlags | kOpenFlags);
     };
     int iFile = open();

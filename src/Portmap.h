@@ -1,6 +1,7 @@
 // CPortmap: registration of ports with the portmapper of the system (RFC 1833).
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <utility>

@@ -27,7 +27,7 @@ struct FileIdentity {
 enum class PathLinks { kFollowed, kRefused };
 
 /// What permissions are to the process's user where a file is that user's own: they decide, or the file is opened
-/// whatever they are. A client that makes a file for reading only goes on writing what it has open (RFC 1813, 4.4).
+/// whatever they are. A client goes on with what it has open, whatever it permits from then on (RFC 1813, 4.4).
 enum class OwnFiles { kAsPermitted, kAlways };
 
 /// Is what the status tells of a regular file? Otherwise errno says why it is not opened: EISDIR for a folder,

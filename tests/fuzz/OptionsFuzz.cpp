@@ -209,7 +209,8 @@ std::string OptionsFuzzWorld::RunEnvironment(const std::string& sText) {
     const ServerOptions options = ServerOptions::FromEnvironment();
     std::string sFailure;
     for (const ServerOptionName& name : GetServerOptionNames()) {
-        const std::string sValue = std::getenv(name.pcVariable);
+        const char* pcValue = std::getenv(name.pcVariable);
+        const std::string sValue = pcValue != nullptr ? pcValue : "";
         ::unsetenv(name.pcVariable);
         if (name.pFlag != nullptr ? options.*name.pFlag != (sValue == "1") : options.*name.pText != sValue) {
             sFailure = std::string(name.pcVariable) + " was not taken as it is";
@@ -271,7 +272,7 @@ std::string OptionsFuzzWorld::RunBindAddress(const std::string& sText) {
     char vcReason[kReasonBufferSize] = "";
     if (options.GetBindAddress(&iAddress, vcReason)) {
         CountReached("bind address");
-        return iAddress == 0 || iAddress == ToNumber(sText.c_str()) ? "" : "another address";
+        return iAddress == 0 || iAddress == ToNumber(sText.substr(0, sText.find('\0'))) ? "" : "another address";
     }
     CountReached("bind address: refused");
     return vcReason[0] != '\0' ? "" : "refused without a reason";

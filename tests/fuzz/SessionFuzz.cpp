@@ -77,7 +77,7 @@ SessionFuzzWorld::~SessionFuzzWorld() = default;
 
 std::string SessionFuzzWorld::Run(std::string_view sInput) {
     Restore();
-    const std::string sFailure = RunSession(sInput);
+    std::string sFailure = RunSession(sInput);
     if (!sFailure.empty()) {
         return sFailure;
     }

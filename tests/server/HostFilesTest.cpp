@@ -409,13 +409,20 @@ TEST_F(HostFilesTest, ServiceUserReadsWhatItMayNotWrite) {
     EXPECT_EQ(ReadWholeFile(Path("f")), "content");
 }
 
-// A client that makes a file nobody may write to goes on writing it: cp of a read-only file, git, tar.
-TEST_F(HostFilesTest, ServiceUserWritesFilesOfItsOwnWhateverTheirPermissions) {
+// A client that makes a file nobody may write to goes on writing it, or reading one that nobody may read: cp of a
+// read-only file, git, tar.
+TEST_F(HostFilesTest, ServiceUserUsesFilesOfItsOwnWhateverTheirPermissions) {
     const auto make = [](CUtilities& utilities, CRuntimeParam* pParam, const LogArgu* pTag, const std::string& sPath,
                          mode_t iMode) {
         const CDescriptor file(::open(sPath.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
         struct stat status {};
-        return ::fchmod(file.Get(), iMode) == 0 &&
+        char vcBuffer[16];
+        bool bEof = false;
+        const auto read = [&] {
+            return utilities.ReadFile(pParam, pTag, sPath.c_str(), 0, SEEK_SET, vcBuffer, sizeof(vcBuffer), &bEof);
+        };
+        return ::write(file.Get(), "short", 5) == 5 && ::fchmod(file.Get(), iMode) == 0 && read() == 5 &&
+               ::fstat(file.Get(), &status) == 0 && (status.st_mode & 07777U) == iMode &&
                utilities.WriteFile(pParam, pTag, sPath.c_str(), 0, SEEK_SET, "longer", 6) == 6 &&
                utilities.OS_SetFileSize(pParam, pTag, sPath.c_str(), 4, nullptr) && ::fstat(file.Get(), &status) == 0 &&
                (status.st_mode & 07777U) == iMode && status.st_size == 4;
