@@ -23,6 +23,7 @@
 #include "Limits.h"
 #include "MountTable.h"
 #include "PathProbe.h"
+#include "RedirectedTable.h"
 #include "RunningCommands.h"
 #include "RuntimeParam.h"
 #include "ThreadAnnotations.h"
@@ -59,12 +60,6 @@ struct FileSystemFigures {
     unsigned long long lFreeBytesForCaller = ~0ULL;
     unsigned long long lTotalSlots = ~0ULL;
     unsigned long long lFreeSlots = ~0ULL;
-};
-
-/// One open redirected file.
-struct RedirectedEntry {
-    std::shared_ptr<CRedirectedFile> pFile;
-    std::string sCanonicalPath;  ///< of its key, as it was resolved when the file was opened or renamed
 };
 
 /// The registries and file operations of one server instance.
@@ -364,6 +359,7 @@ private:
     int ReadRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath, std::shared_ptr<CRedirectedFile> pFile,
                            unsigned long long iSeek, void* pvBuffer, unsigned int iLen, bool* pbEof);
     std::shared_ptr<CRedirectedFile> TakeRedirectedFile(const char* pcPath);
+    std::shared_ptr<CRedirectedFile> TakeRedirectedFileBelow(CRuntimeParam* pRuntimeParam, const std::string& sPrefix);
     std::string GetCanonicalKey(const char* pcPath);
     bool IsSourceRedirected(const CRedirectedFile& file, const char* pcSource);
 
@@ -383,7 +379,7 @@ private:
 
     /// Redirected files by the path that clients see.
     RegistryMutex m_hMutexRedirectedFiles;
-    std::map<std::string, RedirectedEntry, std::less<>> m_mRedirectedFiles GUARDED_BY(m_hMutexRedirectedFiles);
+    CRedirectedTable m_RedirectedFiles GUARDED_BY(m_hMutexRedirectedFiles);
 
     /// Each write to an ordinary file is flushed before it is answered.
     std::atomic<bool> m_bSyncWrites{false};

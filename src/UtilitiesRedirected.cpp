@@ -6,6 +6,7 @@
 #include "Utilities.h"
 
 #include <algorithm>
+#include <iterator>
 #include <string_view>
 #include <utility>
 
@@ -25,12 +26,12 @@ std::shared_ptr<CRedirectedFile> CUtilities::OpenRedirectedFile(CRuntimeParam* p
     {
         // One step: a client finds the earlier file or this one, never the file on disk.
         const MutexLock lock(m_hMutexRedirectedFiles);
-        RedirectedEntry& entry = m_mRedirectedFiles[pcKey];
+        auto pEarlier = m_RedirectedFiles.Find(pcKey);
         // The number of all others. IDs repeat after closes: they only tell files apart in the log.
-        const int iId = static_cast<int>(m_mRedirectedFiles.size()) - 1;
+        const int iId = static_cast<int>(m_RedirectedFiles.GetAll().size()) - (pEarlier ? 1 : 0);
         pFile->Prepare(iSize, iId, bCreateInfoFile ? pcKey : nullptr, iInfoFileSegmentSizeMB, iInfoFileCheckPointSizeMB,
-                       std::move(entry.pFile));
-        entry = {pFile, std::move(sCanonicalPath)};
+                       std::move(pEarlier));
+        m_RedirectedFiles.Put(pcKey, std::move(sCanonicalPath), pFile);
     }
     pFile->CloseEarlier(pRuntimeParam);
     pFile->ReportOpen(pRuntimeParam);
@@ -40,13 +41,7 @@ std::shared_ptr<CRedirectedFile> CUtilities::OpenRedirectedFile(CRuntimeParam* p
 /// Takes a file out of the registry; the caller closes it. Null when none is open under the path.
 std::shared_ptr<CRedirectedFile> CUtilities::TakeRedirectedFile(const char* pcPath) {
     const MutexLock lock(m_hMutexRedirectedFiles);
-    const auto itFile = m_mRedirectedFiles.find(OrEmpty(pcPath));
-    if (itFile == m_mRedirectedFiles.end()) {
-        return nullptr;
-    }
-    std::shared_ptr<CRedirectedFile> pFile = std::move(itFile->second.pFile);
-    m_mRedirectedFiles.erase(itFile);
-    return pFile;
+    return m_RedirectedFiles.Take(OrEmpty(pcPath));
 }
 
 void CUtilities::CloseRedirectedFile(CRuntimeParam* pRuntimeParam, const char* pcPath) {
@@ -55,43 +50,46 @@ void CUtilities::CloseRedirectedFile(CRuntimeParam* pRuntimeParam, const char* p
     }
 }
 
-void CUtilities::CloseAllRedirectedFiles(CRuntimeParam* pRuntimeParam, const char* pcPath) {
-    const std::string sPrefix = GetFolderPrefix(OrEmpty(pcPath));
+/// Takes the first file at or below a folder out of the registry; the caller closes it. Null when there is none. Logs
+/// the comparisons of a walk from the first file on, which is made only where somebody wants to see them.
+std::shared_ptr<CRedirectedFile> CUtilities::TakeRedirectedFileBelow(CRuntimeParam* pRuntimeParam,
+                                                                     const std::string& sPrefix) {
     std::shared_ptr<CRedirectedFile> pFile;
-    do {
-        // Each walk ends at the first match, and the next one starts over.
-        pFile.reset();
-        std::vector<std::string> vCompared;
-        {
-            const MutexLock lock(m_hMutexRedirectedFiles);
-            for (auto itFile = m_mRedirectedFiles.begin(); itFile != m_mRedirectedFiles.end(); ++itFile) {
-                if (pRuntimeParam->IsLogGeneralInfo()) {
-                    vCompared.push_back(GetFolderPrefix(itFile->first));
-                }
-                if (sPrefix.empty() || IsAtOrBelow(itFile->first, sPrefix)) {  // without a path, all of them
-                    pFile = std::move(itFile->second.pFile);
-                    m_mRedirectedFiles.erase(itFile);
-                    break;
-                }
-            }
+    std::vector<std::string> vCompared;
+    {
+        const MutexLock lock(m_hMutexRedirectedFiles);
+        const CRedirectedTable::Files& mFiles = m_RedirectedFiles.GetAll();
+        const auto itMatch = m_RedirectedFiles.FindFirstAtOrBelow(sPrefix);
+        if (pRuntimeParam->IsLogGeneralInfo()) {
+            const auto itEnd = itMatch == mFiles.end() ? itMatch : std::next(itMatch);
+            std::for_each(mFiles.begin(), itEnd,
+                          [&vCompared](const auto& opened) { vCompared.push_back(GetFolderPrefix(opened.first)); });
         }
-        for (const std::string& sEntry : vCompared) {
-            LogInfo(pRuntimeParam, "[CloseAllRedirectedFiles] Path compare: \"%s\" vs \"%s\"", sPrefix.c_str(),
-                    sEntry.c_str());
+        if (itMatch != mFiles.end()) {
+            pFile = m_RedirectedFiles.Take(itMatch);
         }
-        if (pFile) {
-            pFile->Close(pRuntimeParam);
-        }
-    } while (pFile);
+    }
+    for (const std::string& sEntry : vCompared) {
+        LogInfo(pRuntimeParam, "[CloseAllRedirectedFiles] Path compare: \"%s\" vs \"%s\"", sPrefix.c_str(),
+                sEntry.c_str());
+    }
+    return pFile;
+}
+
+void CUtilities::CloseAllRedirectedFiles(CRuntimeParam* pRuntimeParam, const char* pcPath) {
+    const std::string sPrefix = GetFolderPrefix(OrEmpty(pcPath));  // without a path, all of them
+    while (const auto pFile = TakeRedirectedFileBelow(pRuntimeParam, sPrefix)) {
+        pFile->Close(pRuntimeParam);
+    }
 }
 
 void CUtilities::CloseAllRedirectedFiles(CRuntimeParam* pRuntimeParam) {
-    decltype(m_mRedirectedFiles) mFiles;
+    CRedirectedTable files;
     {
         const MutexLock lock(m_hMutexRedirectedFiles);
-        mFiles.swap(m_mRedirectedFiles);
+        std::swap(files, m_RedirectedFiles);
     }
-    for (const auto& [sPath, entry] : mFiles) {
+    for (const auto& [sPath, entry] : files.GetAll()) {
         entry.pFile->Close(pRuntimeParam);
     }
 }
@@ -144,17 +142,13 @@ bool CUtilities::RenameRedirectedFile(CRuntimeParam* pRuntimeParam, const char* 
     bool bRenamed = false;
     {
         const MutexLock lock(m_hMutexRedirectedFiles);
-        const auto itTo = m_mRedirectedFiles.find(sTo);
-        if (itTo != m_mRedirectedFiles.end()) {
-            pDropped = std::move(itTo->second.pFile);
-            m_mRedirectedFiles.erase(itTo);
-        }
-        const auto itFrom = m_mRedirectedFiles.find(sFrom);
-        if (itFrom != m_mRedirectedFiles.end()) {
-            itFrom->second.pFile->SetRenamedInfoFile(sTo.c_str());
-            m_mRedirectedFiles[sTo] = {std::move(itFrom->second.pFile), std::move(sCanonicalPath)};
-            m_mRedirectedFiles.erase(itFrom);
+        if (const auto pFile = m_RedirectedFiles.Find(sFrom)) {
+            pFile->SetRenamedInfoFile(sTo.c_str());
+            pDropped = m_RedirectedFiles.Put(sTo, std::move(sCanonicalPath), pFile);
+            m_RedirectedFiles.Take(sFrom);
             bRenamed = true;
+        } else {
+            pDropped = m_RedirectedFiles.Take(sTo);
         }
     }
     if (pDropped) {
@@ -169,8 +163,9 @@ std::vector<std::pair<std::string, std::string>> CUtilities::GetRenamesBelow(con
     const std::string sPrefixTo = GetFolderPrefix(OrEmpty(pcFolderTo));
     std::vector<std::pair<std::string, std::string>> vsPaths;
     const MutexLock lock(m_hMutexRedirectedFiles);
-    for (auto itFile = m_mRedirectedFiles.lower_bound(sPrefixFrom);
-         itFile != m_mRedirectedFiles.end() && itFile->first.starts_with(sPrefixFrom); ++itFile) {
+    const CRedirectedTable::Files& mFiles = m_RedirectedFiles.GetAll();
+    for (auto itFile = mFiles.lower_bound(sPrefixFrom);
+         itFile != mFiles.end() && itFile->first.starts_with(sPrefixFrom); ++itFile) {
         vsPaths.emplace_back(itFile->first, sPrefixTo + itFile->first.substr(sPrefixFrom.size()));
     }
     return vsPaths;
@@ -209,17 +204,13 @@ bool CUtilities::CanTellOfRename(CRuntimeParam* pRuntimeParam, const char* pcPat
 
 std::shared_ptr<CRedirectedFile> CUtilities::GetRedirectedFile(const char* pcPath) {
     const MutexLock lock(m_hMutexRedirectedFiles);
-    const auto itFile = m_mRedirectedFiles.find(std::string_view(OrEmpty(pcPath)));
-    return itFile == m_mRedirectedFiles.end() ? nullptr : itFile->second.pFile;
+    return m_RedirectedFiles.Find(OrEmpty(pcPath));
 }
 
 bool CUtilities::IsRedirectedFile(const char* pcPath) {
     const std::string sCanonicalPath = GetCanonicalKey(OrEmpty(pcPath));
     const MutexLock lock(m_hMutexRedirectedFiles);
-    return m_mRedirectedFiles.contains(sCanonicalPath) ||
-           std::ranges::any_of(m_mRedirectedFiles, [&sCanonicalPath](const auto& opened) {
-               return opened.second.sCanonicalPath == sCanonicalPath;
-           });
+    return m_RedirectedFiles.Find(sCanonicalPath) != nullptr || m_RedirectedFiles.HasCanonicalPath(sCanonicalPath);
 }
 
 /// The canonical form of a path, without a line in the log: nobody asked for it.

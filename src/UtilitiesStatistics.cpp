@@ -43,8 +43,8 @@ void CUtilities::CountRedirectedFiles(RegistryFigures* pFigures) {
     std::vector<std::shared_ptr<CRedirectedFile>> vpFiles;
     {
         const MutexLock lock(m_hMutexRedirectedFiles);
-        vpFiles.reserve(m_mRedirectedFiles.size());
-        for (const auto& [sPath, entry] : m_mRedirectedFiles) {
+        vpFiles.reserve(m_RedirectedFiles.GetAll().size());
+        for (const auto& [sPath, entry] : m_RedirectedFiles.GetAll()) {
             vpFiles.push_back(entry.pFile);
         }
     }

@@ -1,5 +1,7 @@
 // The registry of redirected files, and what the file operations do with a redirected path.
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <string>
 #include <thread>
@@ -12,6 +14,7 @@
 
 #include "LogCapture.h"
 #include "RedirectedFile.h"
+#include "RegistryFigures.h"
 #include "TempFolder.h"
 
 namespace {
@@ -98,6 +101,67 @@ TEST_F(UtilitiesRedirectedTest, NewFileIsThereBeforeTheEarlierOneIsClosed) {
     }
     bStop = true;
     looker.join();
+}
+
+// ---- Many of them
+
+/// The quickest of a few tries: what else runs on the machine does not count.
+class ManyRedirectedFilesTest : public UtilitiesRedirectedTest {
+protected:
+    static constexpr int kTries = 3;
+
+    using Seconds = std::chrono::duration<double>;
+    template <typename Action>
+    static Seconds TimeOf(Action action) {
+        const auto begin = std::chrono::steady_clock::now();
+        action();
+        return std::chrono::steady_clock::now() - begin;
+    }
+    void OpenIn(const std::string& sFolder, int nFiles) {
+        for (int i = 0; i < nFiles; ++i) {
+            Open(sFolder + "/" + std::to_string(i));
+        }
+    }
+    /// Adds segments to a file, each of a source that was not named before.
+    Seconds TimeOfNewSources(const std::string& sPath) {
+        Seconds least = Seconds::max();
+        for (int iTry = 0; iTry < kTries; ++iTry) {
+            least = std::min(least, TimeOf([&] {
+                                 for (int i = 0; i < 300; ++i) {
+                                     const std::string sSource = "/s/" + std::to_string(++m_nSources);
+                                     ASSERT_TRUE(m_Utilities.AddRedirectedFileSegment(
+                                         &m_Param, sPath.c_str(), sSource.c_str(), 0, i, 1, m_vcReason));
+                                 }
+                             }));
+        }
+        return least;
+    }
+
+    int m_nSources = 0;
+};
+
+TEST_F(ManyRedirectedFilesTest, NewSourceCostsAsMuchAmongThousandsAsWithOne) {
+    m_Param.SetLogControl(0);
+    Open("/e/disk", 1000);
+    const Seconds alone = TimeOfNewSources("/e/disk");
+    OpenIn("/e/others", 20000);
+    const Seconds amongMany = TimeOfNewSources("/e/disk");
+    EXPECT_LT(amongMany / alone, 15) << alone.count() << " s alone, " << amongMany.count() << " s among 20,000";
+}
+
+TEST_F(ManyRedirectedFilesTest, ClosingAFolderCostsAsMuchBehindThousandsAsWithoutThem) {
+    constexpr int kFiles = 4000;
+    m_Param.SetLogControl(0);
+    Seconds alone = Seconds::max();
+    Seconds behindMany = Seconds::max();
+    for (int iTry = 0; iTry < kTries; ++iTry) {
+        OpenIn("/e/a", kFiles);
+        OpenIn("/e/b", kFiles);
+        behindMany = std::min(behindMany, TimeOf([&] { m_Utilities.CloseAllRedirectedFiles(&m_Param, "/e/b"); }));
+        alone = std::min(alone, TimeOf([&] { m_Utilities.CloseAllRedirectedFiles(&m_Param, "/e/a"); }));
+    }
+    EXPECT_LT(behindMany / alone, 15) << alone.count() << " s alone, " << behindMany.count() << " s behind 4,000";
+    EXPECT_EQ(m_Utilities.GetRegistryFigures().nRedirectedFiles, 0U);
 }
 
 // ---- A redirected file as a source
