@@ -15,8 +15,8 @@
 
 namespace {
 
-/// A segment of more records than this (2 TiB at the default size) has the lines about them go out one by one, under
-/// the lock: they would take too much memory.
+/// A segment of more records than this (2 TiB at the default size) has the lines about each of them, where they are
+/// wanted, go out one by one, under the lock: they would take too much memory.
 constexpr std::int64_t kMaxRecordsWithKeptLines = 65536;
 
 constexpr LogArgu kCreateCheckPoint{"RedirectedFile.CreateCheckPointSegment"};
@@ -74,10 +74,7 @@ bool CRedirectedFile::AddSegment(CRuntimeParam* pRuntimeParam, const char* pcSou
                                  long long iOffset, long long iLength, char* pcStatus) {
     const LogArgu logArgu{"RedirectedFile.AddSegment"};
     const LogContext log{m_pUtilities, pRuntimeParam, &logArgu};
-    std::optional<CDeferredLog> deferred;
-    if (std::min<std::int64_t>(iLength, m_iSize) / m_iInfoFileSegmentSize <= kMaxRecordsWithKeptLines) {
-        deferred.emplace();
-    }
+    std::optional<CDeferredLog> deferred(std::in_place);
     const MutexLock lock(m_hMutexAppend);
     CloseTakenOver(pRuntimeParam);
     if (m_bClosed) {
@@ -96,6 +93,10 @@ bool CRedirectedFile::AddSegment(CRuntimeParam* pRuntimeParam, const char* pcSou
     if (!file.IsOpen()) {
         AppendToList(segment);
     } else {
+        // Failing writes, which are reported in any case, end the adding before their lines become too many.
+        if (pRuntimeParam->IsLogFileAccess() && segment.iLength / m_iInfoFileSegmentSize > kMaxRecordsWithKeptLines) {
+            deferred.reset();
+        }
         AppendToInfoFile(log, file, segment);
     }
     if (m_bClosed) {

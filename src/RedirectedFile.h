@@ -178,7 +178,7 @@ private:
     std::int64_t m_iInfoFileCheckPointSize = 1024 * kMiB;  ///< distance of check points in virtual bytes
 
     /// One adding of a segment at a time, so that its records stand together; held while the info file is written. No
-    /// RegistryMutex: the lines about a segment of very many records go out under it.
+    /// RegistryMutex: where file access is logged, the lines about a segment of very many records go out under it.
     Mutex m_hMutexAppend;
     std::int64_t m_iInfoFilePos GUARDED_BY(m_hMutexAppend) = 0;  ///< where the last adding left the info file
     int m_nFailedWrites GUARDED_BY(m_hMutexAppend) = 0;          ///< in a row

@@ -2,9 +2,12 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <sys/stat.h>
@@ -16,6 +19,7 @@
 #include "RedirectedFile.h"
 #include "RegistryFigures.h"
 #include "TempFolder.h"
+#include "WaitUntil.h"
 
 namespace {
 
@@ -162,6 +166,138 @@ TEST_F(ManyRedirectedFilesTest, ClosingAFolderCostsAsMuchBehindThousandsAsWithou
     }
     EXPECT_LT(behindMany / alone, 15) << alone.count() << " s alone, " << behindMany.count() << " s behind 4,000";
     EXPECT_EQ(m_Utilities.GetRegistryFigures().nRedirectedFiles, 0U);
+}
+
+// ---- A host that asks back while a segment is added
+
+/// A host that does something when a line about an added segment comes, on a thread of its own so that a test can tell
+/// when that does not return.
+class AskingBackUtilities : public CaptureUtilities {
+public:
+    using CaptureUtilities::CaptureUtilities;
+    using CaptureUtilities::LogInfo;
+    ~AskingBackUtilities() override {
+        if (m_Thread.joinable()) {
+            m_Thread.join();
+        }
+    }
+
+    void LogInfo(CRuntimeParam* pRuntimeParam, const char* pcMessage) override {
+        CaptureUtilities::LogInfo(pRuntimeParam, pcMessage);
+        if (m_Action && std::string(pcMessage).starts_with("[RedirectedFile.AddSegment] Reference src")) {
+            m_Thread = std::thread([this, action = std::exchange(m_Action, nullptr)] {
+                action();
+                m_bReturned = true;
+            });
+            m_bReturnedInTime = WaitUntil([this] { return m_bReturned.load(); }, std::chrono::seconds(10));
+        }
+    }
+    void ActOnce(std::function<void()> action) { m_Action = std::move(action); }
+    bool HasReturnedInTime() const { return m_bReturnedInTime; }
+
+private:
+    std::function<void()> m_Action;
+    std::thread m_Thread;
+    std::atomic<bool> m_bReturned{false};
+    bool m_bReturnedInTime = false;
+};
+
+struct HugeSegmentCase {
+    const char* pcName;
+    bool bInfoFile;
+    int iLogControl;
+    std::function<void(CUtilities&, CRuntimeParam*, const char*)> action;
+};
+
+std::ostream& operator<<(std::ostream& out, const HugeSegmentCase& kind) {
+    return out << kind.pcName;
+}
+
+class HugeSegmentTest : public testing::TestWithParam<HugeSegmentCase> {};
+
+TEST_P(HugeSegmentTest, HostMayAskBackWhileItIsAdded) {
+    constexpr long long kTiB = 1LL << 40;
+    const TempFolder folder;
+    const std::string sPath = folder / "disk";
+    WriteWholeFile(sPath, "");
+    LogCapture log;
+    AskingBackUtilities utilities(&log);
+    CRuntimeParam param("host", GetParam().iLogControl);
+    utilities.OpenRedirectedFile(&param, sPath.c_str(), 4 * kTiB, GetParam().bInfoFile, 0, 0);
+    utilities.ActOnce([&] {
+        CRuntimeParam other("host", GetParam().iLogControl);
+        GetParam().action(utilities, &other, sPath.c_str());
+    });
+    char vcReason[kReasonBufferSize] = "";
+    EXPECT_TRUE(utilities.AddRedirectedFileSegment(&param, sPath.c_str(), nullptr, 0, 0, 3 * kTiB, vcReason))
+        << vcReason;
+    EXPECT_TRUE(utilities.HasReturnedInTime());
+    EXPECT_EQ(ReadWholeFile(sPath).size() / 32 / 98304, GetParam().bInfoFile ? 1U : 0U) << "3 TiB in pieces of 32 MiB";
+}
+
+std::vector<HugeSegmentCase> HugeSegmentCases() {
+    constexpr int kRedirect = CRuntimeParam::kLogRedirectFile;
+    constexpr int kAccess = kRedirect | CRuntimeParam::kLogFileAccess;
+    const auto close = [](CUtilities& utilities, CRuntimeParam* pParam, const char* pcPath) {
+        utilities.CloseRedirectedFile(pParam, pcPath);
+    };
+    const auto closeAll = [](CUtilities& utilities, CRuntimeParam* pParam, const char*) {
+        utilities.CloseAllRedirectedFiles(pParam, "/");
+    };
+    const auto open = [](CUtilities& utilities, CRuntimeParam* pParam, const char* pcPath) {
+        utilities.OpenRedirectedFile(pParam, pcPath, 1000, false, 0, 0);
+    };
+    const auto add = [](CUtilities& utilities, CRuntimeParam* pParam, const char* pcPath) {
+        EXPECT_TRUE(utilities.AddRedirectedFileSegment(pParam, pcPath, nullptr, 0, 0, 10, nullptr));
+    };
+    const auto stop = [](CUtilities& utilities, CRuntimeParam* pParam, const char*) {
+        const LogArgu tag{"test"};
+        utilities.Reset(pParam, &tag);
+    };
+    return {{"CloseInMemory", false, kAccess, close},  {"CloseAllInMemory", false, kAccess, closeAll},
+            {"OpenInMemory", false, kAccess, open},    {"AddInMemory", false, kAccess, add},
+            {"StopInMemory", false, kAccess, stop},    {"CloseWithInfoFile", true, kRedirect, close},
+            {"AddWithInfoFile", true, kRedirect, add}, {"StopWithInfoFile", true, kRedirect, stop}};
+}
+
+INSTANTIATE_TEST_SUITE_P(AskingBack, HugeSegmentTest, testing::ValuesIn(HugeSegmentCases()),
+                         [](const auto& kind) { return std::string(kind.param.pcName); });
+
+/// Looks how far an info file is when the first line about a record comes.
+class RecordWatchingUtilities : public CUtilities {
+public:
+    using CUtilities::LogInfo;
+    explicit RecordWatchingUtilities(std::string sInfoFile) : m_sInfoFile(std::move(sInfoFile)) {}
+    void LogInfo(CRuntimeParam*, const char* pcMessage) override {
+        const std::string_view sLine(pcMessage);
+        m_nWrites += sLine.starts_with("[RedirectedFile.AddSegment] OS write file") ? 1 : 0;
+        if (m_nWrites == 1 && m_nSizeAtFirst == 0) {
+            m_nSizeAtFirst = ReadWholeFile(m_sInfoFile).size();
+        }
+    }
+    std::size_t GetWrites() const { return m_nWrites; }
+    std::size_t GetSizeAtFirst() const { return m_nSizeAtFirst; }
+
+private:
+    std::string m_sInfoFile;
+    std::size_t m_nWrites = 0;
+    std::size_t m_nSizeAtFirst = 0;
+};
+
+/// They would take too much memory.
+TEST(HugeSegmentLinesTest, LinesAboutVeryManyRecordsAreNotKept) {
+    for (const std::size_t nRecords : {65536U, 65537U}) {
+        const TempFolder folder;
+        const std::string sPath = folder / "disk";
+        WriteWholeFile(sPath, "");
+        RecordWatchingUtilities utilities(sPath);
+        CRuntimeParam param("host", CRuntimeParam::kLogFileAccess);
+        const long long iSize = static_cast<long long>(nRecords) << 20;
+        utilities.OpenRedirectedFile(&param, sPath.c_str(), iSize, true, 1, 0);
+        EXPECT_TRUE(utilities.AddRedirectedFileSegment(&param, sPath.c_str(), nullptr, 0, 0, iSize, nullptr));
+        EXPECT_EQ(utilities.GetWrites(), nRecords);
+        EXPECT_EQ(utilities.GetSizeAtFirst(), nRecords == 65536 ? nRecords * 32 : 32);
+    }
 }
 
 // ---- A redirected file as a source
