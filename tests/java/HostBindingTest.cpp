@@ -13,6 +13,7 @@
 #include "HostMethods.h"
 #include "IpcPeer.h"
 #include "JavaHost.h"
+#include "NfsClient.h"
 #include "TempFolder.h"
 #include "WaitUntil.h"
 
@@ -251,6 +252,28 @@ TEST_F(HostBindingTest, AddMountPointThrowsTheReasonAndAddsNothing) {
     host.Call("A", "removeMountPoint", sHandle, folder.Path());
     EXPECT_EQ(host.Call("A", "getMountInfo", sHandle, false, false), "0");
     host.Call("A", "terminate", sHandle);
+}
+
+TEST_F(HostBindingTest, AMissingDirectoryIsExportedAllTheSameAndItsClientsGetIOErrors) {
+    JavaHost host;
+    const TempFolder folder;
+    const std::string sHandle = host.Serve("A", folder.Path());
+    const std::string sMissing = folder / "missing";
+    EXPECT_EQ(host.Call("A", "runQuickTestMode", sHandle, sMissing, 0), std::string(kIOException) + "ErrCode=2");
+    EXPECT_EQ(host.Call("A", "addMountPoint", sHandle, sMissing, "later"), "true");
+    EXPECT_EQ(host.Call("A", "addMountPoint", sHandle, "", "never"), "true");
+    NfsClient client;
+    Fattr3 attributes;
+    for (const char* pcName : {"later", "never"}) {
+        const auto sRoot = client.Mnt(pcName);
+        ASSERT_TRUE(sRoot) << pcName;
+        EXPECT_EQ(client.Getattr(*sRoot, attributes), 5U) << pcName;
+        client.Umnt(pcName);
+    }
+    ASSERT_EQ(::mkdir(sMissing.c_str(), 0755), 0);
+    EXPECT_EQ(host.Call("A", "runQuickTestMode", sHandle, sMissing, 0), "true");
+    EXPECT_EQ(client.Getattr(client.Mnt("later").value_or(""), attributes), 0U);
+    host.StopServing("A", sHandle);
 }
 
 TEST_F(HostBindingTest, ListingsGoToTheObjectThatAsked) {

@@ -225,6 +225,23 @@ TEST_F(RedirectedHostTest, SegmentsThatCannotBeAddedThrow) {
               "!java.io.IOException: Redirected file \"" + Path("disk") + "\" is not open");
 }
 
+/// On the thread that adds: nothing that they would wait for is held while its lines come.
+TEST_F(RedirectedHostTest, LogMethodsMayCloseAddAndStopWhileAHugeSegmentIsAdded) {
+    constexpr std::int64_t kTiB = std::int64_t{1} << 40;
+    const std::string sHuge = Path("huge");
+    EXPECT_EQ(m_pHost->Call("A", "setLogControl", m_sHandle, 32), "void");
+    for (const std::string& sCall :
+         {"closeRedirectedFile\t" + m_sHandle + "\t" + sHuge,
+          "addRedirectedFileSegment\t" + m_sHandle + "\t" + sHuge + "\t\\null\t0\t0\t1", "stopServer\t" + m_sHandle}) {
+        SCOPED_TRACE(sCall);
+        EXPECT_EQ(m_pHost->Call("A", "openRedirectedFile", m_sHandle, sHuge, 4 * kTiB, false, 0, 0), "void");
+        EXPECT_EQ(m_pHost->Do({"react", "A", "logInfo", "call\tA\t" + sCall}), "ok");
+        m_pHost->Start("adder", "A", "addRedirectedFileSegment", m_sHandle, sHuge, kNull, 0, 0, 3 * kTiB);
+        ASSERT_EQ(m_pHost->Join("adder"), "void");
+        EXPECT_EQ(m_pHost->Join("reaction"), "void");
+    }
+}
+
 TEST_F(RedirectedHostTest, AFailedStartForgetsWhatWasAddedBeforeIt) {
     m_pHost->Call("A", "stopServer", m_sHandle);
     OpenRedirected("disk", "disk");

@@ -107,9 +107,11 @@ public class NfsLibNative {
     // ---- Exports and sessions -------------------------------------------------------------------------------------
 
     /**
-     * Exports an existing directory under a name without slash and blank.
+     * Exports a directory under a name without slash and blank. The directory itself is not looked at: a path where
+     * there is none is exported all the same, and its clients get I/O errors until there is one. Ask
+     * {@link #runQuickTestMode runQuickTestMode} first.
      * @return true, but for the handle 0
-     * @throws IOException with the reason: name or path is exported already, or cannot be
+     * @throws IOException with the reason: name or path is exported already, or the name cannot be one
      */
     public native boolean addMountPoint(long handle, String localMountPath, String exportName) throws IOException;
 
