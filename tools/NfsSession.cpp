@@ -87,10 +87,10 @@ Ending Unmount(const NfsTarget& target, int iInterrupt, int iPatience) {
     std::string sExport = target.sExport;
     const std::unique_ptr<rpc_context, Deleter> pRpc(rpc_init_context());
     if (Complete(pRpc.get(),
-                 rpc_connect_port_async(pRpc.get(), target.sHost.c_str(), target.iMountPort, MOUNT_PROGRAM, MOUNT_V3,
+                 rpc_connect_port_async(pRpc.get(), target.sAddress.c_str(), target.iMountPort, MOUNT_PROGRAM, MOUNT_V3,
                                         Report, &connected),
                  connected, iInterrupt, iPatience) != Ending::kDone) {
-        const std::string sWhy = WhyUnreachable(target.sHost, target.iMountPort, iInterrupt);
+        const std::string sWhy = WhyUnreachable(target, target.iMountPort, iInterrupt);
         throw NfsError(Named("MOUNT", target, target.iMountPort) + ": " + (sWhy.empty() ? "no answer" : sWhy) +
                        Advice());
     }
@@ -139,7 +139,8 @@ NfsSession::NfsSession(const NfsTarget& target, int iInterrupt)
     try {
         const NfsResult result = m_Connection.Finish(
             m_Connection.Begin([&](nfs_context* pContext, NfsConnection::Callback pfnReport, void* pvCall) {
-                return nfs_mount_async(pContext, m_Target.sHost.c_str(), m_Target.sExport.c_str(), pfnReport, pvCall);
+                return nfs_mount_async(pContext, m_Target.sAddress.c_str(), m_Target.sExport.c_str(), pfnReport,
+                                       pvCall);
             }),
             {iInterrupt, kNoLimit, kLeaveMilliseconds});
         if (result.iResult != 0) {
@@ -183,7 +184,7 @@ void NfsSession::FailMount(const NfsResult& result) {
 
 void NfsSession::FailUnanswered(const NfsResult& result) {
     for (const auto& [pcService, iPort] : {std::pair{"MOUNT", m_Target.iMountPort}, {"NFS", m_Target.iNfsPort}}) {
-        const std::string sWhy = WhyUnreachable(m_Target.sHost, iPort, m_Connection.GetInterrupt());
+        const std::string sWhy = WhyUnreachable(m_Target, iPort, m_Connection.GetInterrupt());
         if (!sWhy.empty()) {
             throw NfsError(Named(pcService, m_Target, iPort) + ": " + sWhy + Advice());
         }

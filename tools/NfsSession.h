@@ -26,8 +26,8 @@ struct NfsEntry {
 /// own it; -1 for none.
 class NfsSession {
 public:
-    /// Mounts. Ports that the target does not give are asked for. A mount that failed half-way is taken
-    /// back, unless it is not known whether the server bound the export; the text says so then.
+    /// Mounts. The target's address is known; ports that the target does not give are asked for. A mount that failed
+    /// half-way is taken back, unless it is not known whether the server bound the export; the text says so then.
     NfsSession(const NfsTarget& target, int iInterrupt);
     ~NfsSession();
     NfsSession(const NfsSession&) = delete;
@@ -48,7 +48,7 @@ public:
 
     NfsConnection& Connection() { return m_Connection; }
 
-    /// Unmounts an export that an earlier run left bound.
+    /// Unmounts an export that an earlier run left bound. The target's address is known.
     static void Release(const NfsTarget& target, int iInterrupt);
 
 private:

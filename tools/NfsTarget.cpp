@@ -56,20 +56,13 @@ private:
     int m_iSocket;
 };
 
-sockaddr_in Resolve(const std::string& sHost, std::uint16_t iPort) {
-    addrinfo hints{};
-    hints.ai_family = AF_INET;
-    hints.ai_socktype = SOCK_STREAM;
-    addrinfo* pFound = nullptr;
-    const int iError = getaddrinfo(sHost.c_str(), nullptr, &hints, &pFound);
-    if (iError != 0 || pFound == nullptr) {
-        throw NfsError("host \"" + sHost + "\" is not known (" + gai_strerror(iError) +
-                       "); addresses are those of IPv4");
-    }
+sockaddr_in SocketAddress(const NfsTarget& target, int iPort) {
     sockaddr_in address{};
-    std::memcpy(&address, pFound->ai_addr, sizeof(address));
-    freeaddrinfo(pFound);
-    address.sin_port = htons(iPort);
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<std::uint16_t>(iPort));
+    if (::inet_pton(AF_INET, target.sAddress.c_str(), &address.sin_addr) != 1) {
+        throw NfsError("host \"" + target.sHost + "\": no address");
+    }
     return address;
 }
 
@@ -150,8 +143,27 @@ std::optional<std::uint32_t> AskPort(const Socket& socket, std::uint32_t iProgra
 
 }  // namespace
 
+NfsTarget WithAddress(NfsTarget target) {
+    addrinfo hints{};
+    hints.ai_family = AF_INET;
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* pFound = nullptr;
+    const int iError = ::getaddrinfo(target.sHost.c_str(), nullptr, &hints, &pFound);
+    if (iError != 0 || pFound == nullptr) {
+        throw NfsError("host \"" + target.sHost + "\" is not known (" + ::gai_strerror(iError) +
+                       "); addresses are those of IPv4");
+    }
+    sockaddr_in address{};
+    std::memcpy(&address, pFound->ai_addr, sizeof(address));
+    ::freeaddrinfo(pFound);
+    std::array<char, INET_ADDRSTRLEN> vcText{};
+    ::inet_ntop(AF_INET, &address.sin_addr, vcText.data(), vcText.size());  // there is room for any
+    target.sAddress = vcText.data();
+    return target;
+}
+
 NfsTarget WithPorts(NfsTarget target, int iInterrupt) {
-    const sockaddr_in address = Resolve(target.sHost, kPortmapperPort);
+    const sockaddr_in address = SocketAddress(target, kPortmapperPort);
     if (target.iNfsPort == 0 || target.iMountPort == 0) {
         const Socket socket(SOCK_DGRAM);
         bool bAnswers = Connect(socket, address) == 0;
@@ -170,9 +182,9 @@ NfsTarget WithPorts(NfsTarget target, int iInterrupt) {
     return target;
 }
 
-std::string WhyUnreachable(const std::string& sHost, int iPort, int iInterrupt) {
+std::string WhyUnreachable(const NfsTarget& target, int iPort, int iInterrupt) {
     const Socket socket(SOCK_STREAM);
-    int iError = Connect(socket, Resolve(sHost, static_cast<std::uint16_t>(iPort))) == 0 ? 0 : errno;
+    int iError = Connect(socket, SocketAddress(target, iPort)) == 0 ? 0 : errno;
     if (iError == EINPROGRESS) {
         const Ready ready = WaitReady({socket.Get(), POLLOUT}, {}, iInterrupt, kConnectMilliseconds);
         if (ready.bInterrupt) {

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <utility>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 
@@ -25,13 +26,20 @@ constexpr std::uint64_t kSmallestTransfer = 512;
 
 RemoteFile::RemoteFile(NfsSession& session, const std::string& sPath, int iFlags, const char* pcWhat)
     : m_Session(session), m_sPath(sPath) {
-    const NfsResult result = Connection().Run(
-        [&](nfs_context* pContext, NfsConnection::Callback pfnReport, void* pvCall) {
-            return nfs_open2_async(pContext, Rooted(sPath).c_str(), iFlags, kNewFileMode, pfnReport, pvCall);
-        },
-        [&](int /*iResult*/, void* pvData) { m_pFile = static_cast<nfsfh*>(pvData); });
+    const std::string sLeft = (iFlags & O_TRUNC) != 0 ? "; \"" + sPath + "\" on the server may be empty now" : "";
+    NfsResult result;
+    try {
+        result = Connection().Run(
+            [&](nfs_context* pContext, NfsConnection::Callback pfnReport, void* pvCall) {
+                return nfs_open2_async(pContext, Rooted(sPath).c_str(), iFlags, kNewFileMode, pfnReport, pvCall);
+            },
+            [&](int /*iResult*/, void* pvData) { m_pFile = static_cast<nfsfh*>(pvData); });
+    } catch (const Interrupted&) {
+        throw Interrupted(sLeft);
+    }
     if (result.iResult != 0) {
-        NfsConnection::Fail(std::string(pcWhat) + " \"" + sPath + "\"", result);
+        throw NfsError(std::string(pcWhat) + " \"" + sPath + "\": " + NfsConnection::Sentence(result) +
+                       (NfsConnection::IsAnswered(result) ? "" : sLeft));
     }
 }
 

@@ -15,7 +15,8 @@ struct nfsfh;
 /// any number of them may be under way.
 class RemoteFile {
 public:
-    /// Opens; iFlags are O_RDONLY, O_WRONLY, O_CREAT, O_TRUNC. Throws NfsError, whose text begins with pcWhat.
+    /// Opens; iFlags are O_RDONLY, O_WRONLY, O_CREAT, O_TRUNC. Throws NfsError, whose text begins with pcWhat, and
+    /// Interrupted; both tell of a file that may have been cut although no answer has come.
     RemoteFile(NfsSession& session, const std::string& sPath, int iFlags, const char* pcWhat);
     ~RemoteFile();
     RemoteFile(const RemoteFile&) = delete;

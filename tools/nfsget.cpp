@@ -40,8 +40,9 @@ constexpr const char* kUsage =
     "A get that is cut short leaves no file, unless with --resume; a put leaves an incomplete one, and says so.\n"
     "Exit status: 0 done, 1 failed, 2 wrong usage.\n";
 
-void Run(const GetRequest& request) {
+void Run(GetRequest request) {
     using Verb = GetRequest::Verb;
+    request.place.target = WithAddress(request.place.target);  // no signal is kept from ending that wait
     const Interruption interruption;
     const int iInterrupt = interruption.Get();
     switch (request.verb) {

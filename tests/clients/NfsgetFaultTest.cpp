@@ -2,9 +2,13 @@
 #include <atomic>
 #include <csignal>
 
+#include <netinet/in.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include "CallForwarder.h"
+#include "Descriptor.h"
 #include "NfsgetFixture.h"
 #include "WaitUntil.h"
 
@@ -140,6 +144,37 @@ TEST_F(NfsgetFaultTest, RestOfAStandardInputIsPut) {
     ExpectUnmounted();
 }
 
+/// However that is done: as a CREATE that sets the size, or as SETATTR.
+TEST_F(NfsgetFaultTest, PutThatIsCutShortAsItEmptiesTheRemoteFileSaysSo) {
+    const TempFolder local;
+    WriteWholeFile(local / "source", "what is put");
+    WriteWholeFile(Folder() / "file", "what was there");
+    std::atomic<Fate> fate = Fate::kDrop;
+    std::atomic<int> nEmptied = 0;
+    const CallForwarder forwarder(4049, 2049, [&](const PassingRecord& record) {
+        const bool bEmptied = record.bReply && std::filesystem::is_empty(Folder() / "file");
+        nEmptied += bEmptied ? 1 : 0;
+        return bEmptied ? fate.load() : Fate::kPass;
+    });
+    const std::vector<std::string> vsCommand = {"-p", "4049", "put", local / "source", "127.0.0.1:data/file"};
+    std::vector<std::string> vsProgram = vsCommand;
+    vsProgram.insert(vsProgram.begin(), Program());
+    ChildProcess put(vsProgram);
+    ASSERT_TRUE(WaitUntil([&] { return nEmptied == 1; }));
+    put.Signal(SIGINT);
+    EXPECT_EQ(put.Wait(), 1);
+    EXPECT_EQ(put.Output(), "nfsget: interrupted; \"file\" on the server may be empty now\n");
+    EXPECT_EQ(ReadWholeFile(Folder() / "file"), "");
+    ExpectUnmounted();
+    fate = Fate::kClose;
+    WriteWholeFile(Folder() / "file", "what was there");
+    const RunResult result = Run(vsCommand);
+    EXPECT_EQ(result.iStatus, 1);
+    EXPECT_EQ(result.sOutput, "nfsget: create \"file\": connection lost; \"file\" on the server may be empty now\n");
+    EXPECT_EQ(ReadWholeFile(Folder() / "file"), "");
+    ExpectUnmounted();
+}
+
 // ---- Mounts and unmounts that get no answer
 
 constexpr PassingRecord kMntReply{kMountProgram, kMountMnt, true};
@@ -210,6 +245,31 @@ TEST_F(NfsgetFaultTest, UnmountWhoseConnectionBreaksIsRepeatedOnce) {
     EXPECT_EQ(mounts.Seen(kUmntCall), 4);
     EXPECT_EQ(Run({"release", "127.0.0.1:data"}).iStatus, 0);
     ExpectUnmounted();
+}
+
+/// Where there is no list of name servers, this machine's is asked.
+TEST_F(NfsgetFaultTest, SignalEndsTheWaitForANameServer) {
+    CDescriptor silent(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    int iPort = 53;
+    ASSERT_TRUE(silent.BindToPort(&iPort, INADDR_LOOPBACK));
+    constexpr const char* kList = "/etc/resolv.conf";
+    const TempFolder local;
+    WriteWholeFile(local / "list", "nameserver 127.0.0.1\n");
+    const bool bListed = std::filesystem::exists(kList);
+    if (bListed) {
+        ASSERT_EQ(::mount((local / "list").c_str(), kList, nullptr, MS_BIND, nullptr), 0);
+    }
+    ChildProcess list({Program(), "list", "host.example:data"});
+    const bool bAsked = WaitUntil([&] {
+        char cByte = 0;
+        return ::recv(silent.Get(), &cByte, 1, MSG_DONTWAIT) > 0;
+    });
+    list.Signal(SIGINT);
+    EXPECT_EQ(list.Wait(), 128 + SIGINT) << list.Output();
+    EXPECT_TRUE(bAsked);
+    if (bListed) {
+        ::umount(kList);
+    }
 }
 
 }  // namespace
