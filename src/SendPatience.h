@@ -4,9 +4,10 @@
 #include <chrono>
 
 /// Watches one send on a stream, for as long as it stands still. The time runs out when the peer's system answers and
-/// yet takes nothing more: its program does not read. Each acknowledged byte begins it anew, and so does a network that
-/// brings no answer at all: whether what is on its way still arrives is for the system to find out, which ends a
-/// connection on which nothing is acknowledged any more (TCP_USER_TIMEOUT). One thread.
+/// yet has no room for more: its program does not read. Each acknowledged byte begins it anew, and so does a network
+/// that is to blame: one that brings no answer at all, or that has not brought the peer what it has room for. Whether
+/// that still arrives is for the system to find out, which ends a connection on which nothing is acknowledged any more
+/// (TCP_USER_TIMEOUT). One thread.
 class CSendPatience {
 public:
     using Clock = std::chrono::steady_clock;
@@ -21,7 +22,7 @@ public:
 
 private:
     int GetUnacknowledged() const;
-    bool IsOutOfTouch() const;
+    bool IsNetworkToBlame() const;
 
     const int m_iSocket;
     const std::chrono::seconds m_Limit;

@@ -36,6 +36,9 @@ constexpr std::chrono::milliseconds kAcceptPause{50};
 /// A client that vanished is noticed after 60 s of silence and five probes 10 s apart; with a reply under way, when
 /// it has stayed unacknowledged for the same time.
 constexpr int kKeepAliveIdleSeconds = 60;
+/// Where there is no slot for a new connection, peers that are silent for this long are asked at once: one that has
+/// started anew since, or whose firewall has, answers that it knows of no connection.
+constexpr int kKeepAliveDoubtSeconds = 1;
 constexpr int kKeepAliveProbes = 5;
 constexpr int kKeepAliveIntervalSeconds = 10;
 constexpr int kUnacknowledgedMilliseconds =
@@ -205,11 +208,24 @@ int CServerSocket::WaitForFreeSlot(int iNewcomer) const {
     const auto last = std::chrono::steady_clock::now() + kEndPatience;
     const auto mayChange = [&] { return std::chrono::steady_clock::now() < last && !CSocket::IsPeerGone(iNewcomer); };
     int i = FindFreeSlot();
+    if (i < m_nMaxNum) {
+        return i;
+    }
+    SetKeepAliveIdle(kKeepAliveDoubtSeconds);
     while (i == m_nMaxNum && !m_bClosed && (IsAnyPeerGone() || mayChange())) {
         std::this_thread::sleep_for(kSlotPoll);
         i = FindFreeSlot();
     }
+    SetKeepAliveIdle(kKeepAliveIdleSeconds);
     return i;
+}
+
+void CServerSocket::SetKeepAliveIdle(int iSeconds) const {
+    for (const auto& pSocket : m_pSockets) {
+        if (pSocket->IsActive()) {
+            pSocket->SetKeepAliveIdle(iSeconds);
+        }
+    }
 }
 
 int CServerSocket::FindFreeSlot() const {

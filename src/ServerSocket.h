@@ -56,6 +56,7 @@ private:
     /// gone, and a second for one of them, or the new connection's own, to go.
     int WaitForFreeSlot(int iNewcomer) const;
     int FindFreeSlot() const;
+    void SetKeepAliveIdle(int iSeconds) const;
     bool IsAnyPeerGone() const;
 
     std::uint32_t m_iBindAddress = 0;

@@ -8,6 +8,7 @@
 #include <exception>
 
 #include <arpa/inet.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -129,6 +130,11 @@ void CSocket::Shutdown() {
 bool CSocket::IsPeerGone(int iSocket) {
     pollfd descriptor{iSocket, POLLRDHUP, 0};
     return ::poll(&descriptor, 1, 0) > 0;
+}
+
+void CSocket::SetKeepAliveIdle(int iSeconds) {
+    // A peer that has vanished is found out later without it.
+    static_cast<void>(::setsockopt(m_Socket, IPPROTO_TCP, TCP_KEEPIDLE, &iSeconds, sizeof(iSeconds)));
 }
 
 bool CSocket::IsConnectionDead() const {

@@ -71,6 +71,9 @@ public:
     bool IsPeerGone() const { return IsPeerGone(m_Socket); }
     /// The same for any stream socket's descriptor.
     static bool IsPeerGone(int iSocket);
+    /// For an open stream socket: after so many seconds of silence the system asks whether the peer is still there. For
+    /// the thread that opens and closes this socket.
+    void SetKeepAliveIdle(int iSeconds);
     /// For an open stream socket: true once nothing that is sent can arrive any more. A peer that only sends no more is
     /// still there for its replies. For the socket's own thread.
     bool IsConnectionDead() const;

@@ -228,6 +228,24 @@ TEST_F(ServerSocketTest, AConnectionWhoseEndComesLateDoesNotCount) {
     }
 }
 
+// So it is with a client that starts anew, or one whose firewall does: it does not say so by itself.
+TEST_F(ServerSocketTest, ConnectionsThatTheirPeersHaveForgottenDoNotCount) {
+    Open(3);
+    for (int i = 0; i < 3; ++i) {
+        const auto pClient = Connect();
+        ExpectServed(*pClient);
+        const int iForget = 1;  // what is closed in this state tells its peer nothing
+        ASSERT_EQ(::setsockopt(pClient->GetSocket(), IPPROTO_TCP, TCP_REPAIR, &iForget, sizeof(iForget)), 0) << errno;
+    }
+    std::this_thread::sleep_for(1500ms);
+    std::vector<std::unique_ptr<RpcClient>> vpClients;
+    for (int i = 0; i < 3; ++i) {
+        vpClients.push_back(Connect());
+        ExpectServed(*vpClients.back());
+    }
+    EXPECT_EQ(Option(FindServerEnd(*vpClients[0]), IPPROTO_TCP, TCP_KEEPIDLE), 60) << "as it was";
+}
+
 // A port check's end comes right behind its beginning, but not always before the server has looked.
 TEST_F(ServerSocketTest, PortChecksBesideAllTheConnectionsAllowedDoNotCount) {
     Open(2);
