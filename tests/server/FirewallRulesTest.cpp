@@ -117,7 +117,8 @@ protected:
             EXPECT_TRUE(Connects("127.0.0.1", iPort)) << iPort;
             EXPECT_FALSE(Connects(kStranger, iPort)) << iPort;
         }
-        EXPECT_FALSE(CPortmapPing::IsSilent(CPortmapPing::kStopLimit)) << "by IPv6 within the machine, where nobody is, one is told so at once";
+        EXPECT_FALSE(CPortmapPing::IsSilent(CPortmapPing::kStopLimit))
+            << "by IPv6 within the machine, where nobody is, one is told so at once";
         NfsClient client(Transport::kTcp, kClient, kNfsPort, kMountPort, kServer);
         EXPECT_TRUE(client.Mnt(kExportName).has_value());
         client.Umnt(kExportName);
