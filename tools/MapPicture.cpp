@@ -124,6 +124,7 @@ public:
         std::array<char, 1024> vcLine;
         std::va_list arguments;
         va_start(arguments, pcFormat);
+        // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized)
         const int nLine = std::vsnprintf(vcLine.data(), vcLine.size(), pcFormat, arguments);
         va_end(arguments);
         m_sElements.append(vcLine.data(), std::min(static_cast<std::size_t>(std::max(nLine, 0)), vcLine.size() - 1));
