@@ -205,12 +205,12 @@ void CServerSocket::RecoverFromAcceptFailure(int iError) {
 }
 
 int CServerSocket::WaitForFreeSlot(int iNewcomer) const {
-    const auto last = std::chrono::steady_clock::now() + kEndPatience;
-    const auto mayChange = [&] { return std::chrono::steady_clock::now() < last && !CSocket::IsPeerGone(iNewcomer); };
     int i = FindFreeSlot();
     if (i < m_nMaxNum) {
         return i;
     }
+    const auto last = std::chrono::steady_clock::now() + kEndPatience;
+    const auto mayChange = [&] { return std::chrono::steady_clock::now() < last && !CSocket::IsPeerGone(iNewcomer); };
     SetKeepAliveIdle(kKeepAliveDoubtSeconds);
     while (i == m_nMaxNum && !m_bClosed && (IsAnyPeerGone() || mayChange())) {
         std::this_thread::sleep_for(kSlotPoll);
